@@ -1,0 +1,32 @@
+// The check behind every invariant, every detected misuse and every kernel call
+// that must not fail.
+#ifndef OVEL_ASSURE_H
+#define OVEL_ASSURE_H
+
+#include "ovel_frame.h"
+
+namespace ovel {
+
+// Writes "ovel::assure_failed(EXPRESSION, FILE, LINE)" as one line to the
+// standard error stream and aborts the process. Never returns; any thread may
+// call it.
+[[noreturn]] OVEL_EXPORT void assure_failed(char const* expression, char const* file, int line);
+
+}  // namespace ovel
+
+// Checks that `expression` holds, in every build; if not, the process ends
+// through `ovel::assure_failed` with the expression's text as it is written.
+// The text is taken here, and not in a further macro, because the names of
+// constants would be expanded on the way. A check that can never hold,
+// `assure(("reason", 0))`, discards its reason on purpose; nothing else in the
+// argument may go unused.
+#define assure(...)                                                                            \
+    do {                                                                                       \
+        _Pragma("GCC diagnostic push")                                                         \
+            _Pragma("GCC diagnostic ignored \"-Wunused-value\"") if (__builtin_expect(         \
+                                                                         !(__VA_ARGS__), 0)):: \
+                ovel::assure_failed(#__VA_ARGS__, __FILE__, __LINE__);                         \
+        _Pragma("GCC diagnostic pop")                                                          \
+    } while (false)
+
+#endif

@@ -1,0 +1,32 @@
+// What every public header starts from: the export macro and the spacer that
+// keeps busy fields apart.
+#ifndef OVEL_FRAME_H
+#define OVEL_FRAME_H
+
+#if !defined(_WIN32)
+#define OVEL_EXPORT __attribute__((visibility("default")))
+#elif defined(OVEL_BUILDING)
+#define OVEL_EXPORT __declspec(dllexport)
+#else
+#define OVEL_EXPORT __declspec(dllimport)
+#endif
+
+namespace ovel {
+
+// 128 bytes that separate a frequently written field from its neighbours, so
+// that each busy field has a cache line, and the line fetched with it, to itself.
+struct cacheline {
+    char bytes[128];
+};
+
+namespace detail {
+
+// The tests' view of private state: layouts and invariants. The library
+// declares it a friend and never defines it.
+struct inspector;
+
+}  // namespace detail
+
+}  // namespace ovel
+
+#endif

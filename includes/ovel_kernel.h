@@ -1,0 +1,67 @@
+// The few kernel services that inline members of the public headers call. The
+// library's sources use more of them: platform/kernel.h, which is also where
+// each is described in full.
+#ifndef OVEL_KERNEL_H
+#define OVEL_KERNEL_H
+
+#include "ovel_frame.h"
+
+#if defined(_WIN32) && !defined(OVEL_SIMULATION)
+
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+
+// The calling convention of a thread's entry function.
+#define OVEL_THREAD_ENTRY __stdcall
+
+#else
+
+#define OVEL_THREAD_ENTRY
+
+namespace ovel {
+
+// An inline namespace: the services bear the system's names, and no name of
+// theirs reaches the global namespace.
+inline namespace kernel {
+
+// A kernel object: a semaphore, a named mutex or a thread. Null is never one.
+using HANDLE = void*;
+using LONG = int;
+using DWORD = unsigned int;
+using BOOL = int;
+
+inline constexpr DWORD INFINITE = 0xffffffffu;  // a timeout that never ends
+inline constexpr DWORD WAIT_OBJECT_0 = 0;       // the object was acquired
+inline constexpr DWORD WAIT_TIMEOUT = 258;      // it was not, in the time given
+inline constexpr DWORD WAIT_FAILED = 0xffffffffu;
+inline constexpr DWORD TLS_OUT_OF_INDEXES = 0xffffffffu;
+
+OVEL_EXPORT DWORD WaitForSingleObject(HANDLE object, DWORD milliseconds);
+OVEL_EXPORT BOOL ReleaseSemaphore(HANDLE semaphore, LONG count, LONG* previous);
+
+OVEL_EXPORT DWORD TlsAlloc();
+OVEL_EXPORT BOOL TlsFree(DWORD index);
+OVEL_EXPORT void* TlsGetValue(DWORD index);
+OVEL_EXPORT BOOL TlsSetValue(DWORD index, void* value);
+
+#if defined(OVEL_SIMULATION)
+OVEL_EXPORT void YieldProcessor();
+#else
+// The processor's hint that the caller polls a word.
+inline void YieldProcessor() {
+    __builtin_ia32_pause();
+}
+#endif
+
+}  // namespace kernel
+
+}  // namespace ovel
+
+#endif
+
+#endif

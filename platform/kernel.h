@@ -1,0 +1,190 @@
+// The kernel services: everything that the library asks of an operating system
+// or of the processor. The sources call these names and nothing else, so this
+// page is all that a further platform has to provide.
+//
+// Names, results and failure values are those of 32-bit Windows, where they are
+// the system's own. On every other platform they are functions in the inline
+// namespace `ovel::kernel`, with as much of each service as the library relies
+// on. Unless a line says otherwise a service may be called by any thread, takes
+// no lock of the library, throws nothing and needs no constructor to have run:
+// they serve from the first instruction of the process's load. What they need
+// themselves comes from the runtime heap.
+//
+// Waiting. A wait ends for one of two reasons only, that the object was acquired
+// or that the time given has passed; interrupted and spurious wake-ups stay
+// inside. Timeouts are milliseconds from the call, counted on the monotonic
+// clock; a wait may end late and never early. 0 never sleeps. A unit that is
+// available is taken even when the time has already passed.
+//
+// Wake-ups. A unit posted wakes one sleeper, which one is not promised, and a
+// post with nobody asleep enters no kernel. What a thread wrote before it posted
+// a unit, released a mutex or ended is visible to the thread whose wait takes
+// that unit, that mutex or that end.
+#ifndef OVEL_PLATFORM_KERNEL_H
+#define OVEL_PLATFORM_KERNEL_H
+
+#include "ovel_kernel.h"
+
+#include <cstddef>
+#include <cstdint>
+
+#if defined(_WIN32) && !defined(OVEL_SIMULATION)
+
+#include <malloc.h>
+#include <process.h>
+#include <stdlib.h>
+
+#include "windows/kernel.h"
+
+#else
+
+#if !defined(OVEL_SIMULATION)
+#include <x86intrin.h>
+#include <cstdlib>
+#endif
+
+namespace ovel {
+
+inline namespace kernel {
+
+// Semaphores, mutexes and threads.
+
+// A counting semaphore of `count` units, 0 or more, that holds `maximum` at
+// most. `security` and `name` are null. Null when memory is exhausted or the
+// numbers are out of range.
+HANDLE CreateSemaphoreA(void* security, LONG count, LONG maximum, char const* name);
+
+// Posts `count` units, 1 or more. 0, with nothing posted, when the maximum would
+// be exceeded or `semaphore` is not one. `previous` is null. From the moment the
+// units are visible nothing of the object is read or written: the thread that
+// takes one may close it.
+//     BOOL ReleaseSemaphore(HANDLE semaphore, LONG count, LONG* previous);
+
+// Takes a unit of a semaphore, the ownership of a mutex, or the end of a thread,
+// and blocks until there is one or `milliseconds` have passed (`INFINITE`: never).
+// `WAIT_OBJECT_0` when it was taken, `WAIT_TIMEOUT` when the time passed,
+// `WAIT_FAILED` when `object` is null. The end of a thread may be taken any
+// number of times; once it has been, the thread is gone, with all it held.
+//     DWORD WaitForSingleObject(HANDLE object, DWORD milliseconds);
+
+// Gives a handle up; the object ends with its last handle, a thread's when the
+// thread has ended too. No thread may wait on the object. 0 when `object` is null.
+BOOL CloseHandle(HANDLE object);
+
+// The mutex of this process called `name`, made if there is none, and then not
+// owned. `security` is null, `owned` is 0. Its owner may take it again, and
+// releases it as often. Null when memory is exhausted.
+HANDLE CreateMutexA(void* security, BOOL owned, char const* name);
+
+// Gives the ownership of a mutex up. 0 when the caller does not own it.
+BOOL ReleaseMutex(HANDLE mutex);
+
+// Starts a thread that calls `entry(argument)` at once, with at least `stack`
+// bytes for its frames (0: the system's default), on any processor of the
+// process. `security` is null and `flags` 0; `*identifier` receives what
+// `GetCurrentThreadId` returns in it. The handle as an integer; 0 when the
+// system refuses.
+std::uintptr_t _beginthreadex(void* security, unsigned int stack, unsigned int (*entry)(void*),
+                              void* argument, unsigned int flags, unsigned int* identifier);
+
+// The calling thread.
+
+// Unlike that of any other thread alive, and not 0. A read, no call.
+unsigned long GetCurrentThreadId();
+unsigned long GetCurrentProcessId();
+
+// Stands for the calling thread, or process, in the mask services below.
+HANDLE GetCurrentThread();
+HANDLE GetCurrentProcess();
+
+// Sleeps for at least `milliseconds`; with 0 only lets another thread that is
+// ready run first.
+void Sleep(DWORD milliseconds);
+
+// Thread-local slots. An index is 32 bits; `TLS_OUT_OF_INDEXES` when no slot is
+// left. A slot reads null in every thread that has not set it since it was
+// handed out, also when an earlier holder of the slot had set it. Reading is
+// some loads and never fails; setting may need memory, and returns 0 without it.
+//     DWORD TlsAlloc();
+//     BOOL TlsFree(DWORD index);       0 when the index is not one in use
+//     void* TlsGetValue(DWORD index);
+//     BOOL TlsSetValue(DWORD index, void* value);
+
+// Processors. A mask has bit i for processor i, 32 at most.
+
+using DWORD_PTR = unsigned long;
+
+struct SYSTEM_INFO {
+    DWORD dwNumberOfProcessors;
+};
+
+// The processors of the machine, 1 to 32.
+void GetSystemInfo(SYSTEM_INFO* information);
+
+// The processors that the process may use, and those that the system has; the
+// first is part of the second. 0 when `process` is not the current one.
+BOOL GetProcessAffinityMask(HANDLE process, DWORD_PTR* process_mask, DWORD_PTR* system_mask);
+
+// Restricts every thread of the process, and those to come, to `mask`. 0, with
+// nothing changed, when the mask is 0 or not part of the system's.
+BOOL SetProcessAffinityMask(HANDLE process, DWORD_PTR mask);
+
+// Restricts the calling thread to `mask`. The mask it had; 0, with nothing
+// changed, when the mask is 0 or not part of the process's.
+DWORD_PTR SetThreadAffinityMask(HANDLE thread, DWORD_PTR mask);
+
+// The registry, of which one value is read: "~MHz" under the key
+// "HARDWARE\DESCRIPTION\System\CentralProcessor\0" of the local machine, a
+// 32-bit integer, the rate of the time-stamp counter in whole megahertz.
+
+using HKEY = void*;
+
+inline HKEY const HKEY_LOCAL_MACHINE = nullptr;
+inline constexpr LONG ERROR_SUCCESS = 0;
+inline constexpr DWORD KEY_READ = 0x20019;
+
+// Opens a key for reading. `ERROR_SUCCESS`, or another value when there is none.
+LONG RegOpenKeyExA(HKEY root, char const* key, DWORD options, DWORD access, HKEY* result);
+
+// Copies a value of at most `*size` bytes to `data`; `reserved` and `type` are
+// null. `ERROR_SUCCESS`, or another value when there is none or it is longer.
+LONG RegQueryValueExA(HKEY key, char const* value, DWORD* reserved, DWORD* type,
+                      unsigned char* data, DWORD* size);
+
+LONG RegCloseKey(HKEY key);
+
+// Text, as the C runtime has it: `value` in the digits of `radix`, 10 or 16,
+// lower case and without leading zeros, and a terminator. Returns `text`.
+char* _ultoa(unsigned long value, char* text, int radix);
+char* _ui64toa(std::uint64_t value, char* text, int radix);
+
+// The runtime heap.
+
+#if defined(OVEL_SIMULATION)
+
+void* malloc(std::size_t size);
+void free(void* memory);
+std::size_t _msize(void* memory);
+std::uint64_t __rdtsc();
+
+#else
+
+using ::free;
+using ::malloc;
+
+// The bytes that the heap has set aside for `memory`, at least those asked for.
+std::size_t _msize(void* memory);
+
+// The instructions: `YieldProcessor` (ovel_kernel.h), the atomic operations
+// (ovel_atomic.h) and the time-stamp counter of the processor the caller is on.
+using ::__rdtsc;
+
+#endif
+
+}  // namespace kernel
+
+}  // namespace ovel
+
+#endif
+
+#endif
