@@ -20,13 +20,15 @@ namespace ovel {
 // constants would be expanded on the way. A check that can never hold,
 // `assure(("reason", 0))`, discards its reason on purpose; nothing else in the
 // argument may go unused.
-#define assure(...)                                                                            \
-    do {                                                                                       \
-        _Pragma("GCC diagnostic push")                                                         \
-            _Pragma("GCC diagnostic ignored \"-Wunused-value\"") if (__builtin_expect(         \
-                                                                         !(__VA_ARGS__), 0)):: \
-                ovel::assure_failed(#__VA_ARGS__, __FILE__, __LINE__);                         \
-        _Pragma("GCC diagnostic pop")                                                          \
+// clang-format off
+#define assure(...)                                                  \
+    do {                                                             \
+        _Pragma("GCC diagnostic push")                               \
+        _Pragma("GCC diagnostic ignored \"-Wunused-value\"")         \
+        if (__builtin_expect(!(__VA_ARGS__), 0))                     \
+            ::ovel::assure_failed(#__VA_ARGS__, __FILE__, __LINE__); \
+        _Pragma("GCC diagnostic pop")                                \
     } while (false)
+// clang-format on
 
 #endif
