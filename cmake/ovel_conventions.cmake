@@ -1,0 +1,31 @@
+# How every target of the project is compiled. Nothing is set globally, so that
+# a project that adds this one as a subdirectory keeps its own flags.
+
+# What all code that runs in one process must agree on, GoogleTest's included.
+function(ovel_instrument target)
+    if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+        # The x87 registers would carry a double with more digits than memory
+        # does, and a comparison of two equal sums could tell them apart.
+        target_compile_options(${target} PRIVATE -msse2 -mfpmath=sse)
+    endif()
+    if(OVEL_SANITIZE)
+        set(sanitize -fsanitize=${OVEL_SANITIZE} -fno-sanitize-recover=all)
+        target_compile_options(${target} PRIVATE ${sanitize} -fno-omit-frame-pointer)
+        target_link_options(${target} PRIVATE ${sanitize})
+    endif()
+endfunction()
+
+# What the project's own code is held to.
+function(ovel_conventions target)
+    ovel_instrument(${target})
+    set_target_properties(${target} PROPERTIES
+        CXX_STANDARD 20
+        CXX_STANDARD_REQUIRED ON
+        CXX_EXTENSIONS OFF
+        CXX_VISIBILITY_PRESET hidden)
+    # The prefix map makes the paths that failed checks print relative to the
+    # root, the same on every machine.
+    target_compile_options(${target} PRIVATE
+        -Wall -Wextra -Wpedantic $<$<BOOL:${OVEL_WERROR}>:-Werror>
+        -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+endfunction()
