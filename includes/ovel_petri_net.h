@@ -1,0 +1,576 @@
+// Petri nets whose transitions fire concurrently.
+//
+//     struct doubler : petri_function {
+//         petri_place* numbers;
+//         petri_place* results;
+//
+//         void operator()() override {
+//             any token;
+//             numbers->receive(token);
+//             results->send(2 * any_cast<int>(token));
+//         }
+//     };
+//
+//     petri_net net;
+//     petri_place* const in = net.insert_place(16);
+//     petri_place* const out = net.insert_place(16);
+//     doubler work;
+//     petri_transition* const twice = net.insert_transition(work, true, 1.0, 0.0, 0);
+//     net.insert_input_arc(in, twice->input(work.numbers));
+//     net.insert_output_arc(twice->output(work.results), out);
+//
+//     net.release();
+//     net.send(in, 21);
+//     any result;
+//     net.receive(out, result);  // 42
+//     net.acquire();
+#ifndef OVEL_PETRI_NET_H
+#define OVEL_PETRI_NET_H
+
+#include "ovel_any.h"
+#include "ovel_assure.h"
+#include "ovel_channel.h"
+#include "ovel_condition.h"
+#include "ovel_frame.h"
+#include "ovel_list.h"
+#include "ovel_mutex.h"
+#include "ovel_skip_list.h"
+#include "ovel_thread.h"
+#include "ovel_thread_function.h"
+#include "ovel_thread_group.h"
+#include "ovel_time.h"
+#include "ovel_triple.h"
+
+namespace ovel {
+
+class petri_arc;
+class petri_net;
+class petri_transition;
+
+// Holds tokens up to its capacity, first in, first out. Nets make places and own
+// them.
+//
+// Firing code calls the five operations on the places of its transition, and it
+// takes and puts exactly what the arcs say: as many tokens from each input place
+// as the arc's weight, each by `receive`, or by `receive_skip` to leave it there;
+// and as many on each output place, each by `send`, or by `send_skip` to leave the
+// slot empty. It may `peek` at input places. None of them waits for a token or a
+// slot, since those are reserved before the code runs. Every other thread uses the
+// operations of `petri_net`; a call outside this contract breaks the place's
+// counts.
+class OVEL_EXPORT petri_place {
+public:
+    // Throws std::bad_alloc.
+    explicit petri_place(unsigned int capacity);
+    ~petri_place();
+    petri_place(petri_place const&) = delete;
+    petri_place& operator=(petri_place const&) = delete;
+
+    // In tokens.
+    unsigned int capacity() const;
+
+    // Copies the oldest token into `token`. Throws std::bad_alloc.
+    void peek(any& token);
+
+    // Moves the oldest token into `token`.
+    void receive(any& token);
+
+    // Appends a copy of `token`. Throws std::bad_alloc.
+    void send(any const& token);
+
+    // Leaves one of the tokens that the firing would take.
+    void receive_skip();
+
+    // Leaves one of the slots empty that the firing would fill.
+    void send_skip();
+
+private:
+    friend class petri_arc;
+    friend class petri_net;
+    friend struct detail::inspector;
+
+    bool receive_enabled(unsigned int size) const {
+        return _size - _receive_size >= size;
+    }
+    bool send_enabled(unsigned int size) const {
+        return _channel.capacity() - _send_size - _size >= size;
+    }
+
+    // A firing begins: what it will take and put is set aside.
+    void reserve_receive(unsigned int size) {
+        _receive_size += size;
+        assure(_size >= _receive_size);
+    }
+    void reserve_send(unsigned int size) {
+        _send_size += size;
+        assure(_size + _send_size <= _channel.capacity());
+    }
+
+    // A firing ends, having taken and put all but what it skipped. Which of the
+    // firings under way declared a skip is not told apart; the counts are right
+    // when all have ended. Return how many skips were settled.
+    unsigned int commit_receive(unsigned int size) {
+        assure(_receive_size >= size);
+        _receive_size -= size;
+        unsigned int const skips = _settle(_receive_skip, size);
+        _size -= size - skips;
+        return skips;
+    }
+    unsigned int commit_send(unsigned int size) {
+        assure(_send_size >= size);
+        _send_size -= size;
+        unsigned int const skips = _settle(_send_skip, size);
+        _size += size - skips;
+        return skips;
+    }
+
+    // Takes back a reservation whose token was never put.
+    void withdraw_send(unsigned int size) {
+        _send_size -= size;
+    }
+
+    list<petri_arc*>& arcs() {
+        return _arcs;
+    }
+    void insert_arc(list<petri_arc*>::prepared&& arc) {
+        _arcs.push_back(std::move(arc));
+    }
+
+    unsigned int _settle(unsigned int& skip, unsigned int size);
+
+    [[maybe_unused]] cacheline _before;
+    channel _channel;  // under _mutex
+    [[maybe_unused]] cacheline _between;
+    // Under the net's mutex: `_receive_size` is at most `_size`, and `_size` plus
+    // `_send_size` at most the capacity.
+    unsigned int _size = 0;          // committed tokens
+    unsigned int _receive_size = 0;  // of them, reserved by firings
+    unsigned int _send_size = 0;     // free slots reserved by firings
+    unsigned int _receive_skip = 0;  // tokens left, not yet settled; under _mutex
+    unsigned int _send_skip = 0;     // slots left, not yet settled; under _mutex
+    list<petri_arc*> _arcs;          // changes while the net is stopped only
+    mutex _mutex;                    // taken after the net's
+};
+
+// Joins a place and a transition in one direction, with a weight: the tokens that
+// one firing takes or puts. Nets make arcs and own them. The address of a client's
+// pointer to the place, the place reference, names the arc within its transition.
+class OVEL_EXPORT petri_arc {
+public:
+    petri_arc(bool input, petri_place* place, petri_transition* transition,
+              petri_place*& place_reference, unsigned int size);
+
+    // From place to transition, or from transition to place.
+    bool input() const;
+    bool output() const;
+
+    petri_place* place() const;
+    petri_transition* transition() const;
+    petri_place*& place_reference() const;
+
+    // The weight.
+    unsigned int size() const;
+
+private:
+    friend class petri_net;
+    friend class petri_transition;
+    friend struct detail::inspector;
+
+    bool enabled() const {
+        return _input ? _place->receive_enabled(_size) : _place->send_enabled(_size);
+    }
+
+    bool _input;
+    petri_place* _place;
+    petri_transition* _transition;
+    petri_place*& _place_reference;
+    unsigned int _size;
+};
+
+// The transition's end of an arc before the arc exists: what `input` and `output`
+// of a transition return and `insert_input_arc` and `insert_output_arc` of a net
+// take.
+class OVEL_EXPORT petri_connector {
+public:
+    petri_connector(bool input, petri_transition* transition, petri_place*& place_reference,
+                    unsigned int size, unsigned int capacity);
+
+    // The same with another weight, 1 unless it is set.
+    petri_connector size(unsigned int size) const;
+
+    // The same with another capacity, which no net reads.
+    petri_connector capacity(unsigned int capacity) const;
+
+    // The place at the other end of the arc that this connector made. No such arc
+    // fails the check "place != 0".
+    inline petri_place* place() const;
+
+private:
+    friend class petri_net;
+    friend struct detail::inspector;
+
+    bool input() const {
+        return _input;
+    }
+    bool output() const {
+        return !_input;
+    }
+    petri_transition* transition() const {
+        return _transition;
+    }
+    petri_place*& place_reference() const {
+        return _place_reference;
+    }
+    unsigned int size() const {
+        return _size;
+    }
+    unsigned int capacity() const {
+        return _capacity;
+    }
+
+    bool _input;
+    petri_transition* _transition;
+    petri_place*& _place_reference;
+    unsigned int _size;
+    unsigned int _capacity;
+};
+
+// What a transition does when it fires. Derive from it, give it a `petri_place*`
+// for each arc, and put the firing code into `operator()`; `petri_place` says what
+// the code owes its places. It runs on a thread of the transition's group; for a
+// reentrant transition one object may run on several threads at once. It belongs
+// to the client, outlives the net, and serves the transition that it was inserted
+// with last. An exception that leaves the code fails the check "("unexpected
+// exception", 0)".
+class OVEL_EXPORT petri_function : public thread_function {
+public:
+    petri_function();
+    petri_function(petri_function const&);
+    petri_function& operator=(petri_function const&);
+    ~petri_function() override;
+
+    // The transition that runs this function; null before there is one.
+    petri_transition* transition() const;
+
+private:
+    friend class petri_net;
+    friend struct detail::inspector;
+
+    void transition(petri_transition* transition) {
+        _transition = transition;
+    }
+
+    petri_transition* _transition = nullptr;
+};
+
+// Fires when each input place has the tokens and each output place the free slots
+// that its arcs ask for. Nets make transitions and own them.
+class OVEL_EXPORT petri_transition : public thread_function {
+public:
+    petri_transition(petri_function& function, bool reentrant, double time, double space,
+                     unsigned int group, petri_net* net);
+    petri_transition(petri_transition const&);
+    ~petri_transition() override;
+
+    petri_function& function() const;
+
+    // Whether several firings may run at once.
+    bool reentrant() const;
+
+    // How its firings are scheduled on their group (see `thread_group`), and which
+    // of several enabled transitions is dispatched first: that of the largest
+    // space, of equal spaces that of the longest time.
+    double time() const;
+    double space() const;
+
+    // The index of the group that runs its firings.
+    unsigned int group() const;
+
+    petri_net* net() const;
+
+    // The transition's end of an arc that `place_reference` is to name. The
+    // variable outlives the net and receives the place.
+    petri_connector input(petri_place*& place_reference);
+    petri_connector output(petri_place*& place_reference);
+
+    // The net's `activate` and `deactivate` of this transition.
+    void activate();
+    void deactivate();
+
+private:
+    friend class petri_connector;
+    friend class petri_net;
+    friend class petri_queue_function;
+    friend struct skip_list_order<petri_transition*>;
+    friend struct detail::inspector;
+
+    using position = skip_list<petri_transition*>::iterator;
+
+    bool activated() const {
+        return _activated;
+    }
+    void activated(bool activated) {
+        _activated = activated;
+    }
+    void enqueue(position where) {
+        _iterator = where;
+    }
+    position dequeue() {
+        position const where = _iterator;
+        _iterator = position();
+        return where;
+    }
+    bool queued() const {
+        return _iterator != position();
+    }
+    unsigned int random() const {
+        return _random;
+    }
+    void random(unsigned int random) {
+        _random = random;
+    }
+    void begin_fire() {
+        assure(_reentrant || _firing == 0);
+        ++_firing;
+    }
+    void end_fire() {
+        --_firing;
+        assure(_reentrant || _firing == 0);
+    }
+    list<petri_arc*>& arcs() {
+        return _arcs;
+    }
+
+    bool enabled() const;
+    petri_place* find_place(petri_place*& place_reference) const;
+    unsigned int input_size() const;
+    unsigned int output_size() const;
+    void insert_arc(list<petri_arc*>::prepared&& arc);
+    unsigned int _count(bool input) const;
+
+    // One firing, on a thread of the group.
+    void operator()() override;
+
+    [[maybe_unused]] cacheline _before;
+    petri_function& _function;
+    bool const _reentrant;
+    double const _time;
+    double const _space;
+    unsigned int const _group;
+    petri_net* const _net;
+    // Under the net's mutex.
+    bool _activated = true;
+    unsigned int _firing = 0;  // firings initiated and not terminated
+    unsigned int _random = 1;  // drawn when it was last queued
+    list<petri_arc*> _arcs;    // changes while the net is stopped only
+    position _iterator;        // its place in the net's queue; null when it is not queued
+    [[maybe_unused]] cacheline _after;
+};
+
+inline petri_place* petri_connector::place() const {
+    petri_place* const place = _transition->find_place(_place_reference);
+    assure(place != 0);
+    return place;
+}
+
+// Enabled transitions: the largest space first, then the longest time, then the
+// largest random number.
+template <>
+struct skip_list_order<petri_transition*> {
+    static bool precedes(petri_transition* inserted, petri_transition* queued) {
+        if (inserted->_space != queued->_space)
+            return inserted->_space > queued->_space;
+        if (inserted->_time != queued->_time)
+            return inserted->_time > queued->_time;
+        return inserted->_random > queued->_random;
+    }
+};
+
+// The loop of a net's queue thread: it takes enabled transitions from the net's
+// queue and has their groups run them.
+class OVEL_EXPORT petri_queue_function : public thread_function {
+public:
+    explicit petri_queue_function(petri_net* net);
+    petri_queue_function(petri_queue_function const&);
+    petri_queue_function& operator=(petri_queue_function const&);
+    ~petri_queue_function() override;
+
+private:
+    friend struct detail::inspector;
+
+    void operator()() override;
+
+    [[maybe_unused]] cacheline _before{};
+    petri_net* _net;
+    [[maybe_unused]] cacheline _after{};
+};
+
+// A net of places and transitions, and the threads that fire it.
+//
+// A net is born stopped. While it is stopped, and only then, one thread builds its
+// structure: places, transitions, arcs. `release` starts it, and from then on every
+// transition fires whenever it is enabled and a thread of its group is free;
+// firings that are reserved beside each other run at the same time. `acquire` stops
+// the net once it has come to rest: when no transition is enabled and no firing
+// under way. `try_acquire` and `timed_acquire` ask for the same stop; after false
+// the net is stopping and goes on until it rests, and a later call completes the
+// stop. A net that never rests does not stop before its transitions are
+// deactivated. Calls of these four operations on one net must not overlap, and
+// while `release` runs no other operation of the net may.
+//
+// Tokens, `activate` and `deactivate` are for any thread at any time.
+class OVEL_EXPORT petri_net {
+public:
+    // One group of threads, one for each processor and without space, so for
+    // transitions of space 0. `stack_size` is in bytes, also of the queue thread's
+    // stack; 524288 unless given. Constructors throw std::bad_alloc.
+    petri_net();
+    explicit petri_net(unsigned int stack_size);
+
+    // One group of `threads` threads with `space`.
+    petri_net(unsigned int threads, double space, unsigned int stack_size);
+
+    // A group for each (threads, space, stack size) of the range; the queue thread
+    // has the stack size of the first. None fails the check "_groups != 0".
+    petri_net(triple<unsigned int, double, unsigned int> const* begin,
+              triple<unsigned int, double, unsigned int> const* end);
+
+    // Destroys places with their tokens, transitions and arcs. A net that is not
+    // stopped fails the check "_acquired && _queue_thread_acquired &&
+    // _thread_group_acquireds == _groups", as every change of its structure does.
+    ~petri_net();
+
+    petri_net(petri_net const&) = delete;
+    petri_net& operator=(petri_net const&) = delete;
+
+    // Building. All throw std::bad_alloc, having inserted nothing.
+
+    // A place for `capacity` tokens (check "capacity != 0").
+    petri_place* insert_place(unsigned int capacity);
+
+    // A transition that runs `function`. `time` is positive, `space` 0 or more and
+    // at most that of its group, which is `group` (check "time > 0 && space >= 0
+    // && group < _groups"). With `reentrant` several firings may run at once.
+    petri_transition* insert_transition(petri_function& function, bool reentrant, double time,
+                                        double space, unsigned int group);
+
+    // An arc from `place` to the connector's transition, or from there to `place`,
+    // which the variable that the connector names receives. The weight is at least
+    // 1 and at most the place's capacity (check "connector.size() != 0 &&
+    // connector.size() <= place->capacity()"). The connector must be of that
+    // direction (check "connector.input()" or "connector.output()"), the only one
+    // between the two in it, and the only one of the transition with its variable.
+    petri_arc* insert_input_arc(petri_place* place, petri_connector connector);
+    petri_arc* insert_output_arc(petri_connector connector, petri_place* place);
+
+    // The elements in the order in which they were inserted.
+    list<petri_place*>::iterator begin_places();
+    list<petri_place*>::iterator end_places();
+    list<petri_transition*>::iterator begin_transitions();
+    list<petri_transition*>::iterator end_transitions();
+    list<petri_arc*>::iterator begin_arcs();
+    list<petri_arc*>::iterator end_arcs();
+
+    // Lets a transition fire, as it may from the beginning; and keeps it from
+    // being dispatched, while firings under way run to their end. Do not block but
+    // for the net's lock. `activate` throws std::bad_alloc.
+    void activate(petri_transition* transition);
+    void deactivate(petri_transition* transition);
+
+    // Tokens. The blocking forms wait until the place has a token that no firing
+    // has reserved, or a slot, and the net need not run for that; the `try_` forms
+    // return false instead. Throw std::bad_alloc, having changed nothing but as
+    // each says.
+
+    // Copies the oldest token; after an exception `token` is empty.
+    void peek(petri_place* place, any& token);
+    bool try_peek(petri_place* place, any& token);
+
+    // Takes the oldest token. After an exception, which comes from queueing a
+    // transition that is enabled now, the token is taken all the same.
+    void receive(petri_place* place, any& token);
+    bool try_receive(petri_place* place, any& token);
+
+    // Puts a copy of `token`. After an exception from copying it nothing is put;
+    // after one from queueing a transition the token is.
+    void send(petri_place* place, any const& token);
+    bool try_send(petri_place* place, any const& token);
+
+    // Starts the net. One that is not stopped fails the check of the destructor, a
+    // transition without arcs the check "(*i)->input_size() != 0 ||
+    // (*i)->output_size() != 0". Throws std::bad_alloc.
+    void release();
+
+    // Stops the net: blocks until it has come to rest, and joins its threads. A net
+    // that is stopped fails the check "!_queue_thread_acquired ||
+    // _thread_group_acquireds != _groups", here and below.
+    void acquire();
+
+    // Begins the stop, and completes it if the net is at rest and its threads have
+    // ended; returns whether it has.
+    bool try_acquire();
+
+    // The same, waiting until `deadline`.
+    bool timed_acquire(time const& deadline);
+
+private:
+    friend class petri_queue_function;
+    friend class petri_transition;
+    friend struct detail::inspector;
+
+    class change;
+    class slot;
+    class start;
+
+    petri_net(unsigned int groups, unsigned int stack_size);
+    void _assure_stopped() const;
+    void _construct_groups(triple<unsigned int, double, unsigned int> const* groups);
+    void _withdraw_start();
+
+    petri_arc* _insert_arc(petri_place* place, petri_connector const& connector);
+
+    void _enqueue(petri_transition* transition);
+    void _enqueue_if_enabled(petri_transition* transition);
+    void _dequeue(petri_transition* transition);
+    void _enqueue_receive_arcs(petri_place* place);
+    void _enqueue_send_arcs(petri_place* place);
+    void _dequeue_receive_arcs(petri_place* place);
+    void _dequeue_send_arcs(petri_place* place);
+    void _enqueue_arcs(petri_transition* transition);
+    void _dequeue_arcs(petri_transition* transition);
+    void _initiate_transition(petri_transition* transition);
+    void _terminate_transition(petri_transition* transition);
+    void _enqueue_initial_transitions();
+
+    void _receive(petri_place* place, any& token);
+    void _send(petri_place* place, any const& token);
+    template <class Join>
+    bool _stop(Join join);
+    template <class Join>
+    bool _join_groups(Join join);
+
+    // Guards `_firings`, `_acquired`, `_random`, `_queue`, the counts of places
+    // and the state of transitions. Taken before a place's mutex; never held while
+    // firing code runs or a group is called.
+    mutex _mutex;
+    unsigned int const _groups;
+    unsigned int _firings = 0;  // initiated and not terminated, of all transitions
+    bool _acquired = true;      // stopping or stopped
+    unsigned int _random = 1;   // state of the generator
+    // The stop and how far it has come; of whoever starts and stops the net.
+    bool _queue_thread_acquired = true;
+    unsigned int _thread_group_acquireds;
+    bool* _thread_group_acquired = nullptr;
+    petri_queue_function _queue_function;
+    thread _queue_thread;
+    thread_group** _thread_groups = nullptr;
+    list<petri_place*> _places;
+    list<petri_transition*> _transitions;
+    list<petri_arc*> _arcs;
+    skip_list<petri_transition*> _queue;  // enabled transitions to be dispatched
+    condition _condition;                 // the queue thread and blocked callers, with `_mutex`
+};
+
+}  // namespace ovel
+
+#endif

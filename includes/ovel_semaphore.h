@@ -1,0 +1,120 @@
+// Counting semaphores, the primitive that every lock of the library is built on.
+#ifndef OVEL_SEMAPHORE_H
+#define OVEL_SEMAPHORE_H
+
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
+#include "ovel_frame.h"
+#include "ovel_kernel.h"
+#include "ovel_thread_support.h"
+#include "ovel_time.h"
+
+namespace ovel {
+
+// A counting semaphore that spins before it sleeps.
+//
+// `acquire` takes one unit and blocks until it has one; `release` gives one
+// back and never blocks. A unit has no owner: any thread may release what
+// another acquired. Every operation may be called from any thread, and what a
+// thread wrote before `release` is visible to the thread that takes the unit.
+// No first-come order is promised. Destroying a semaphore that a thread waits
+// on goes undetected; a failed kernel call ends the process through `assure`.
+//
+//     semaphore ready(0, default_spin);
+//     ready.release();    // producer, after it has filled the slot
+//     ready.acquire();    // consumer, before it reads the slot
+class OVEL_EXPORT semaphore {
+public:
+    // Starts with `value` units (check "_value >= 0"). `spin` is the number of
+    // polls a thread makes before it sleeps; with 0 it sleeps at once.
+    semaphore(int value, unsigned int spin);
+    ~semaphore();
+    semaphore(semaphore const&) = delete;
+    semaphore& operator=(semaphore const&) = delete;
+
+    void acquire();
+
+    // Takes a unit if one is available; never blocks.
+    bool try_acquire();
+
+    void release();
+
+private:
+    friend struct detail::inspector;
+
+    void _poll() const;
+
+    [[maybe_unused]] cacheline _before;
+    // Units available; when negative, minus the number of threads committed to
+    // sleep and not yet woken.
+    detail::atomic<int> _value;
+    [[maybe_unused]] cacheline _between;
+    unsigned int const _spin;
+    HANDLE const _semaphore;  // its count: wake-ups posted and not yet taken
+    [[maybe_unused]] cacheline _after;
+};
+
+// A counting semaphore that can wait until a deadline. Every operation goes to
+// the kernel; it never spins, whatever spin count it is given. Otherwise as
+// `semaphore`, but that it holds 2147483647 units at most: releasing one more
+// fails the check "ReleaseSemaphore(_semaphore, 1, 0) != 0".
+class OVEL_EXPORT timed_semaphore {
+public:
+    // Starts with `value` units (check "value >= 0").
+    timed_semaphore(int value, unsigned int spin);
+    ~timed_semaphore();
+    timed_semaphore(timed_semaphore const&) = delete;
+    timed_semaphore& operator=(timed_semaphore const&) = delete;
+
+    void acquire();
+    bool try_acquire();
+
+    // Takes a unit, or returns false once `deadline` has passed without one. An
+    // available unit is taken even when it has passed already.
+    bool timed_acquire(time const& deadline);
+
+    void release();
+
+private:
+    friend struct detail::inspector;
+
+    bool _acquire_within(DWORD milliseconds);
+
+    [[maybe_unused]] cacheline _before;
+    HANDLE const _semaphore;
+    [[maybe_unused]] cacheline _after;
+};
+
+inline void semaphore::acquire() {
+    // Relaxed: a stale value only costs a needless poll, or saves one.
+    if (_value.load(std::memory_order_relaxed) <= 0)
+        _poll();
+    // Whatever the poll saw, the decrement decides: from 0 or below, this
+    // thread owes the kernel exactly one wait. A full barrier, like every
+    // change of `_value`; it pairs with the increment in `release`.
+    if (_value.fetch_sub(1) <= 0)
+        assure(WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0);
+}
+
+inline bool semaphore::try_acquire() {
+    for (;;) {
+        int value = _value.load(std::memory_order_relaxed);
+        if (value <= 0) {
+            YieldProcessor();
+            return false;
+        }
+        if (_value.compare_exchange_strong(value, value - 1))
+            return true;
+        YieldProcessor();
+    }
+}
+
+inline void semaphore::release() {
+    // Once the unit is visible, only a thread that sleeps keeps the object alive.
+    if (_value.fetch_add(1) < 0)
+        assure(ReleaseSemaphore(_semaphore, 1, 0) != 0);
+}
+
+}  // namespace ovel
+
+#endif

@@ -1,0 +1,337 @@
+// A list that keeps itself sorted, with express lanes to insert and find fast.
+#ifndef OVEL_SKIP_LIST_H
+#define OVEL_SKIP_LIST_H
+
+#include "ovel_allocator_support.h"
+#include "ovel_frame.h"
+#include "ovel_triple.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <new>
+#include <type_traits>
+
+namespace ovel {
+
+class thread_function;
+
+// The order of a `skip_list<T>`, given by a specialisation for T with
+//
+//     static bool precedes(T const& x, T const& e);
+//
+// which tells whether a new element x goes before the element e that is there
+// already: false for equal ones puts the new element behind them, true before.
+template <class T>
+struct skip_list_order;
+
+// Work that waits in a thread group, as (function, time, space): the largest
+// space first, then the longest time, then the first come.
+template <>
+struct skip_list_order<triple<thread_function*, double, double>> {
+    static bool precedes(triple<thread_function*, double, double> const& x,
+                         triple<thread_function*, double, double> const& e) {
+        return x.third > e.third || (x.third == e.third && x.second > e.second);
+    }
+};
+
+// A list of copies of values in the order of `skip_list_order<T>`. Inserting and
+// finding take about log2(size) steps, erasing compares no values. An iterator
+// stays valid until its element is erased. Nothing in here locks: threads that
+// share a list share a lock of their own. Memory comes from `allocator_support`.
+//
+// How it is built. Level 0 links all elements in order, and level i, in the same
+// order, the nodes whose level exceeds i: about each second one of those below.
+// The level in use is that of the highest node, or 1 in an empty list. Links
+// lead to the end position where there is no further node, and so do those of
+// the head at and above the level in use. The back links follow level 0.
+template <class T>
+class skip_list {
+    static_assert(std::is_nothrow_copy_constructible_v<T>,
+                  "elements are pointers and plain records");
+    static_assert(alignof(T) <= 16, "allocator_support aligns no further");
+
+    // What an iterator points to: the back link. The end position is no more
+    // than that.
+    struct position {
+        position* _previous;
+    };
+
+    // The link part of a node. The value lies before it, `_level` forward links
+    // lie behind it, all in one allocation.
+    struct links : position {
+        unsigned int _level;
+    };
+
+    // What `capacity` forward links of the head lie behind.
+    struct head {
+        unsigned int _level;  // the level in use
+        unsigned int _capacity;
+    };
+    static_assert(sizeof(head) % alignof(position*) == 0);
+
+public:
+    // A position. One that is default-constructed belongs to no list and equals
+    // only its like.
+    class iterator {
+    public:
+        using value_type = T;
+        using difference_type = std::ptrdiff_t;
+
+        iterator() = default;
+
+        T& operator*() const {
+            return *_value(_position);
+        }
+        T* operator->() const {
+            return _value(_position);
+        }
+        iterator& operator++() {
+            _position = _forward(_position)[0];
+            return *this;
+        }
+        iterator operator++(int) {
+            iterator const before = *this;
+            ++*this;
+            return before;
+        }
+        iterator& operator--() {
+            _position = _position->_previous;
+            return *this;
+        }
+        iterator operator--(int) {
+            iterator const before = *this;
+            --*this;
+            return before;
+        }
+        friend bool operator==(iterator const&, iterator const&) = default;
+
+    private:
+        friend class skip_list;
+        friend struct detail::inspector;
+        explicit iterator(position* where) : _position(where) {}
+
+        position* _position = nullptr;
+    };
+
+    skip_list() : _size(0), _head(nullptr), _end{&_end}, _seed(1) {}
+    skip_list(skip_list const&) = delete;
+    skip_list& operator=(skip_list const&) = delete;
+
+    ~skip_list() {
+        clear();
+        allocator_support::deallocate(_head);
+    }
+
+    iterator begin() {
+        return iterator(_head == nullptr ? &_end : _forward(_head)[0]);
+    }
+    iterator end() {
+        return iterator(&_end);
+    }
+
+    unsigned int size() const {
+        return _size;
+    }
+    bool empty() const {
+        return _size == 0;
+    }
+
+    // Inserts a copy where the order puts it and returns its position. Throws
+    // std::bad_alloc, with the elements unchanged.
+    iterator insert(T const& value) {
+        if (_head == nullptr)
+            _head = _allocate_head(2);
+        else if (_head->_capacity < _max_capacity && _size == 1u << _head->_capacity)
+            _grow();
+
+        position** predecessors[_max_capacity];
+        auto const follows = [&value](T const& element) {
+            return skip_list_order<T>::precedes(value, element);
+        };
+        position* const next = _search(follows, predecessors);
+
+        unsigned int const level = _draw_level();
+        position* const inserted = _allocate_node(value, level);
+
+        for (; _head->_level < level; ++_head->_level)
+            predecessors[_head->_level] = _forward(_head);
+        inserted->_previous = _position_of(predecessors[0]);
+        next->_previous = inserted;
+        for (unsigned int i = level; i-- != 0;) {
+            _forward(inserted)[i] = predecessors[i][i];
+            predecessors[i][i] = inserted;
+        }
+        ++_size;
+        return iterator(inserted);
+    }
+
+    // Erases this very element, whatever equals it; returns the one behind it.
+    iterator erase(iterator where) {
+        position* const erased = where._position;
+        position* const next = _forward(erased)[0];
+
+        position** predecessors[_max_capacity];
+        next->_previous = _position_of(_find_predecessors(erased, predecessors));
+        for (unsigned int i = 0; i < _head->_level && predecessors[i][i] == erased; ++i)
+            predecessors[i][i] = _forward(erased)[i];
+        while (_head->_level > 1 && _forward(_head)[_head->_level - 1] == &_end)
+            --_head->_level;
+        --_size;
+        _free_node(erased);
+        return iterator(next);
+    }
+
+    // Erases all. The head and the state of the level generator stay.
+    void clear() {
+        if (_head == nullptr)
+            return;
+        for (position* each = _forward(_head)[0]; each != &_end;) {
+            position* const freed = each;
+            each = _forward(each)[0];
+            _free_node(freed);
+        }
+        _head->_level = 1;
+        for (unsigned int i = 0; i < _head->_capacity; ++i)
+            _forward(_head)[i] = &_end;
+        _size = 0;
+        _end._previous = &_end;
+    }
+
+    // The first element for which `test(T const&)` holds, or the end. The test
+    // must be false for the elements up to some place and true for the rest; it
+    // is asked about an element once at most.
+    template <class Test>
+    iterator find_first(Test test) {
+        if (_head == nullptr)
+            return end();
+        position** predecessors[_max_capacity];
+        return iterator(_search(test, predecessors));
+    }
+
+private:
+    friend struct detail::inspector;
+
+    static constexpr unsigned int _max_capacity = 32;
+
+    // From the start of a node to its link part.
+    static constexpr std::size_t _links_offset =
+        (sizeof(T) + alignof(links) - 1) / alignof(links) * alignof(links);
+
+    static T* _value(position* node) {
+        return reinterpret_cast<T*>(reinterpret_cast<char*>(node) - _links_offset);
+    }
+    static position** _forward(head* head_block) {
+        return reinterpret_cast<position**>(reinterpret_cast<char*>(head_block) + sizeof(head));
+    }
+    static position** _forward(position* node) {
+        char* const link_part = reinterpret_cast<char*>(static_cast<links*>(node));
+        return reinterpret_cast<position**>(link_part + sizeof(links));
+    }
+
+    // The node with these forward links, or the end position for the head's:
+    // what the back link behind such a predecessor holds.
+    position* _position_of(position** forward) {
+        if (forward == _forward(_head))
+            return &_end;
+        return reinterpret_cast<links*>(reinterpret_cast<char*>(forward) - sizeof(links));
+    }
+
+    head* _allocate_head(unsigned int capacity) {
+        void* const memory =
+            allocator_support::allocate(sizeof(head) + capacity * sizeof(position*));
+        head* const allocated = ::new (memory) head{1, capacity};
+        for (unsigned int i = 0; i < capacity; ++i)
+            _forward(allocated)[i] = &_end;
+        return allocated;
+    }
+
+    position* _allocate_node(T const& value, unsigned int level) {
+        char* const memory = static_cast<char*>(
+            allocator_support::allocate(_links_offset + sizeof(links) + level * sizeof(position*)));
+        ::new (static_cast<void*>(memory)) T(value);
+        return ::new (static_cast<void*>(memory + _links_offset)) links{{nullptr}, level};
+    }
+
+    void _free_node(position* node) {
+        T* const value = _value(node);
+        std::destroy_at(value);
+        allocator_support::deallocate(value);
+    }
+
+    void _grow() {
+        head* const grown = _allocate_head(2 * _head->_capacity);
+        grown->_level = _head->_level;
+        for (unsigned int i = 0; i < _head->_capacity; ++i)
+            _forward(grown)[i] = _forward(_head)[i];
+        allocator_support::deallocate(_head);
+        _head = grown;
+    }
+
+    // The level of the next node: 1 for three of four, then each level for half
+    // as many as the one before, and less than the head's capacity.
+    unsigned int _draw_level() {
+        if (_size < 2)
+            return 1;
+        unsigned int level = 1;
+        do
+            _seed = static_cast<unsigned int>(std::uint64_t{16807} * _seed % 2147483647);
+        while (_seed <= 0x3FFFFFFF && ++level != _head->_capacity);
+        return level > 1 ? level - 1 : 1;
+    }
+
+    // Returns the first position for which `test` holds, or the end, and notes
+    // for each level in use the forward links of the last node before it.
+    template <class Test>
+    position* _search(Test& test, position*** predecessors) {
+        // The node that stopped a higher level stops the lower ones untested.
+        position* bound = &_end;
+        position** reached = _forward(_head);
+        unsigned int i = _head->_level;
+        do {
+            --i;
+            while (reached[i] != bound && !test(static_cast<T const&>(*_value(reached[i]))))
+                reached = _forward(reached[i]);
+            bound = reached[i];
+            predecessors[i] = reached;
+        } while (i != 0);
+        return bound;
+    }
+
+    // The same for a node that is known. Equal elements may stand before it, so
+    // it is found by identity: what the walk on each level has to stop at is the
+    // first node from here on that is linked there. Returns the predecessor on
+    // level 0.
+    position** _find_predecessors(position* node, position*** predecessors) {
+        position** reached = _forward(_head);
+        if (reached[0] == node) {
+            for (unsigned int i = 0; i < _head->_level; ++i)
+                predecessors[i] = reached;
+            return reached;
+        }
+        position* stops[_max_capacity];
+        position* stop = node;
+        unsigned int i = 0;
+        do {
+            stops[i] = stop;
+            while (stop != &_end && static_cast<links*>(stop)->_level == i + 1)
+                stop = _forward(stop)[i];
+        } while (++i != _head->_level);
+        do {
+            --i;
+            while (reached[i] != stops[i])
+                reached = _forward(reached[i]);
+            predecessors[i] = reached;
+        } while (i != 0);
+        return reached;
+    }
+
+    unsigned int _size;
+    head* _head;         // null until the first insertion
+    position _end;       // its back link: the last node, or itself in an empty list
+    unsigned int _seed;  // of the level generator
+};
+
+}  // namespace ovel
+
+#endif

@@ -1,0 +1,151 @@
+// Pooled threads: threads that are borrowed for a run and given back.
+#ifndef OVEL_THREAD_H
+#define OVEL_THREAD_H
+
+#include "ovel_frame.h"
+#include "ovel_semaphore.h"
+#include "ovel_skip_list.h"
+#include "ovel_thread_base.h"
+#include "ovel_thread_function.h"
+#include "ovel_time.h"
+
+namespace ovel {
+
+namespace detail {
+
+// A thread of the pool: the run loop and the thread that runs it, for as long as
+// the element lives. It belongs to the pool while it is idle and to whoever
+// borrowed it otherwise.
+class OVEL_EXPORT thread_element {
+public:
+    // Starts the thread, with at least `stack_size` bytes of stack.
+    explicit thread_element(unsigned int stack_size);
+
+    // Ends the thread and joins it.
+    ~thread_element();
+
+    thread_element(thread_element const&) = delete;
+    thread_element& operator=(thread_element const&) = delete;
+
+    thread_function_base& thread_function_base_();
+    thread_base& thread_base_();
+
+private:
+    friend struct inspector;
+
+    thread_function_base _function;
+    thread_base _thread_base;
+};
+
+}  // namespace detail
+
+// Idle threads in ascending order of their stacks; of equal ones the one put back
+// last comes first.
+template <>
+struct skip_list_order<detail::thread_element*> {
+    static bool precedes(detail::thread_element* inserted, detail::thread_element* element) {
+        return inserted->thread_base_().stack_size() <= element->thread_base_().stack_size();
+    }
+};
+
+namespace detail {
+
+// The pool of idle threads, one for the process. It keeps every thread that was
+// given back until the library is unloaded. Any thread may call it.
+class OVEL_EXPORT thread_element_group {
+public:
+    thread_element_group();
+
+    // Ends and joins every idle thread.
+    ~thread_element_group();
+
+    thread_element_group(thread_element_group const&) = delete;
+    thread_element_group& operator=(thread_element_group const&) = delete;
+
+    static thread_element_group* global();
+
+    // An idle thread with at least `stack_size` bytes of stack and less than four
+    // times as many (with 0: one of the system's default), or a new one. Memory
+    // that is exhausted fails the check "("unexpected exception", 0)", a thread
+    // that the system refuses the check "_thread != 0".
+    thread_element* acquire_element(unsigned int stack_size);
+
+    // Takes back an element whose run has been joined. Without memory to keep it,
+    // ends it instead.
+    void release_element(thread_element* element);
+
+    // The number of idle threads.
+    unsigned int size();
+
+private:
+    friend struct inspector;
+
+    thread_element* _take(unsigned int stack_size);
+
+    static thread_element_group _global;
+
+    semaphore _lock;
+    skip_list<thread_element*> _elements;  // under _lock
+};
+
+}  // namespace detail
+
+// Runs one `thread_function` at a time on a thread borrowed from the pool, and
+// gives the thread back when the run is joined: after the first, a run creates no
+// thread. `schedule` names the work, `release` starts it, and a successful
+// `acquire`, `try_acquire` or `timed_acquire` joins it, after which the object can
+// start another run, of the same work unless `schedule` names other. One thread
+// at a time drives the object.
+//
+//     thread helper;
+//     helper.schedule(work);
+//     helper.release();
+//     helper.acquire();  // what the work wrote is visible here
+class OVEL_EXPORT thread {
+public:
+    // Its runs have at least `stack_size` bytes of stack, 524288 unless given.
+    thread();
+    explicit thread(unsigned int stack_size);
+
+    // A run that is not joined fails the check "_acquired".
+    ~thread();
+
+    thread(thread const&) = delete;
+    thread& operator=(thread const&) = delete;
+
+    // Names the work. A run that is not joined fails the check "_acquired".
+    void schedule(thread_function& function);
+
+    // Starts the run. A run that is not joined, or no work, fails the check
+    // "_acquired && _function != 0".
+    void release();
+
+    // Joins the run, blocking until it has ended. No run fails the check
+    // "!_acquired", here and below.
+    void acquire();
+
+    // Joins the run if it has ended, and returns whether it had.
+    bool try_acquire();
+
+    // Joins the run if it ends before `deadline`, and returns whether it did.
+    bool timed_acquire(time const& deadline);
+
+    // In bytes.
+    unsigned int stack_size() const;
+
+private:
+    friend struct detail::inspector;
+
+    bool _join(bool completed);
+
+    [[maybe_unused]] cacheline _before;
+    unsigned int const _stack_size;
+    bool _acquired = true;  // no run is outstanding
+    thread_function* _function = nullptr;
+    detail::thread_element* _element = nullptr;  // lent for the run outstanding
+    [[maybe_unused]] cacheline _after;
+};
+
+}  // namespace ovel
+
+#endif

@@ -1,0 +1,154 @@
+// Thread groups: a fixed set of threads that run queued work within a budget of
+// space.
+#ifndef OVEL_THREAD_GROUP_H
+#define OVEL_THREAD_GROUP_H
+
+#include "ovel_condition.h"
+#include "ovel_frame.h"
+#include "ovel_mutex.h"
+#include "ovel_skip_list.h"
+#include "ovel_thread.h"
+#include "ovel_thread_function.h"
+#include "ovel_time.h"
+#include "ovel_triple.h"
+
+namespace ovel {
+
+namespace detail {
+
+// The loop of one worker of a group. It works on the fields of the group.
+class OVEL_EXPORT thread_group_function_base : public thread_function {
+public:
+    using queue = skip_list<triple<thread_function*, double, double>>;
+
+    thread_group_function_base(mutex& mutex, condition& condition, double& space, bool& concluded,
+                               queue& queue);
+
+    // `running` counts the work under way in all workers of the group; when it is
+    // back at 0, `space` is set to `budget` again.
+    thread_group_function_base(mutex& mutex, condition& condition, double& space, bool& concluded,
+                               queue& queue, unsigned int& running, double budget);
+
+    thread_group_function_base(thread_group_function_base const&);
+    ~thread_group_function_base() override;
+
+    void operator()() override;
+
+private:
+    friend struct inspector;
+
+    queue::iterator find_element();
+    void _run(queue::iterator element);
+    void _take_space(double space);
+    void _give_space(double space);
+
+    mutex& _mutex;
+    condition& _condition;
+    double& _space;
+    bool& _concluded;
+    queue& _queue;
+    unsigned int* _running;  // null: spaces add up without rounding
+    double _budget;
+};
+
+}  // namespace detail
+
+// A group of threads that runs scheduled work. Each piece of work carries the
+// `space` that it occupies while it runs, in a unit of the client's choice, and a
+// positive `time` that orders work of equal space. A thread that is free takes the
+// waiting work of the largest space that fits into what is free of the group's
+// space, of equal spaces that with the longest time, and of equal pairs the one
+// scheduled first. What does not fit waits until running work has ended.
+//
+// The owner calls `release`, which starts the threads, then `conclude`, which says
+// that nothing more will be scheduled, and joins them with `acquire` once the
+// queue has drained; then the group can be started again. Threads are borrowed
+// from the pool.
+//
+//     thread_group group(4, 100.0, 524288);
+//     group.release();
+//     group.schedule(work, 1.0, 25.0);  // a quarter of the group's space
+//     group.conclude();
+//     group.acquire();
+//
+// `schedule`, `conclude` and `clear` may be called by any thread, also by work that
+// runs in the group; the other operations belong to the owner.
+class OVEL_EXPORT thread_group {
+public:
+    // One thread for each processor, and no space: work of space 0 only.
+    // `stack_size` is in bytes, 524288 unless given.
+    thread_group();
+    explicit thread_group(unsigned int stack_size);
+
+    // No threads, or a negative space, fail the check "_threads != 0 && space >= 0".
+    thread_group(unsigned int threads, double space, unsigned int stack_size);
+
+    // Discards work that waits. Threads that are not joined fail the check
+    // "_acquired == _threads".
+    ~thread_group();
+
+    thread_group(thread_group const&) = delete;
+    thread_group& operator=(thread_group const&) = delete;
+
+    unsigned int threads() const;
+    unsigned int stack_size() const;
+
+    // Queues `function` to run once, now or when the group is started. `time` is
+    // positive, `space` from 0 to the group's (check "time_ > 0 && space_ >= 0 &&
+    // space_ <= _space"). Waits for the group's own locks, never for running work.
+    // The caller keeps `function` alive until it has run. A concluded group fails
+    // the check "!_concluded". Throws std::bad_alloc, having queued nothing.
+    void schedule(thread_function& function, double time, double space);
+
+    // Says that nothing more will be scheduled until the threads are joined: they
+    // end once the queue is empty. A second time fails the check "!_concluded".
+    void conclude();
+
+    // Discards work that waits; what runs goes on. A concluded group fails the
+    // check "!_concluded".
+    void clear();
+
+    // Starts the threads. Running threads fail the check "_acquired == _threads".
+    // The first time it may throw std::bad_alloc, having started nothing.
+    void release();
+
+    // Joins the threads: blocks until the group has been concluded and its work
+    // has ended. A group that is not started fails the check "_function != 0 &&
+    // _acquired != _threads", here and below.
+    void acquire();
+
+    // Joins the threads that have ended, and returns whether all have been joined.
+    // After false, any of the three goes on where this one stopped.
+    bool try_acquire();
+
+    // The same, waiting for each thread until `deadline`.
+    bool timed_acquire(time const& deadline);
+
+private:
+    friend struct detail::inspector;
+
+    using queue = detail::thread_group_function_base::queue;
+
+    void _construct();
+    void _destruct();
+    template <class Join>
+    bool _join(Join join);
+
+    mutex _mutex;  // guards _space, _concluded, _queue and _running
+    unsigned int const _threads;
+    unsigned int const _stack_size;
+    unsigned int _acquired;  // workers joined; owner only, like the three arrays
+    double _space;           // free at this moment
+    bool _concluded = false;
+    queue _queue;  // waiting work
+    detail::thread_group_function_base** _function = nullptr;
+    thread** _thread = nullptr;
+    bool* _thread_acquired = nullptr;
+    condition _condition;  // idle workers wait here
+    double const _budget;  // the space that the group was built with
+    unsigned int _running = 0;
+};
+
+}  // namespace ovel
+
+#endif

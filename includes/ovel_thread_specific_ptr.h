@@ -1,0 +1,43 @@
+// A pointer of which each thread has its own.
+#ifndef OVEL_THREAD_SPECIFIC_PTR_H
+#define OVEL_THREAD_SPECIFIC_PTR_H
+
+#include "ovel_assure.h"
+#include "ovel_kernel.h"
+
+namespace ovel {
+
+// One slot of the system's thread-local storage. A thread that stored nothing
+// reads null. The pointees belong to the caller: nothing is deleted when a
+// thread ends or the slot is given up. `get` and `set` never block, and each
+// thread reaches its own value only. No slot left, or none given up: the checks
+// "index != 0xffffffff" and "TlsFree(index) != 0"; a value that cannot be stored:
+// "TlsSetValue(index, value) != 0".
+template <class T>
+class thread_specific_ptr {
+public:
+    thread_specific_ptr() : index(TlsAlloc()) {
+        assure(index != 0xffffffff);
+    }
+    ~thread_specific_ptr() {
+        assure(TlsFree(index) != 0);
+    }
+    thread_specific_ptr(thread_specific_ptr const&) = delete;
+    thread_specific_ptr& operator=(thread_specific_ptr const&) = delete;
+
+    T* get() const {
+        return static_cast<T*>(TlsGetValue(index));
+    }
+    void set(T* value) {
+        assure(TlsSetValue(index, value) != 0);
+    }
+
+private:
+    friend struct detail::inspector;
+
+    DWORD const index;
+};
+
+}  // namespace ovel
+
+#endif

@@ -1,0 +1,89 @@
+// The recycler and its thread.
+
+#include "ovel_allocator_recycler.h"
+
+#include "kernel.h"
+#include "ovel_allocator.h"
+#include "ovel_allocator_group.h"
+#include "ovel_library.h"
+#include "ovel_once.h"
+#include "ovel_thread_support.h"
+#include "ovel_time.h"
+
+namespace ovel {
+
+namespace {
+
+constexpr double nap = 0.1;       // seconds between two looks at the clock
+constexpr double fraction = 0.3;  // recycled each period, of what lay idle in it
+
+allocator& reservoir() {
+    return *allocator_group::global()->global_allocator();
+}
+
+}  // namespace
+
+allocator_recycler::allocator_recycler() : _function(&_stop) {}
+
+allocator_recycler::~allocator_recycler() = default;
+
+allocator_recycler* allocator_recycler::global() {
+    return &_global;
+}
+
+void allocator_recycler::recycle_capacity(double fraction) {
+    reservoir().recycle(fraction, false);
+}
+
+void allocator_recycler::recycle_minimum_capacity(double fraction) {
+    reservoir().recycle(fraction, true);
+}
+
+void allocator_recycler::release(double period) {
+    static unsigned int volatile flag = 0;
+    allocator_group::global();
+    // Relaxed: the call that starts the thread reads what it has just written, or
+    // what another has, and any of those will do.
+    _period.store(period >= 1.0 ? period : 1.0, std::memory_order_relaxed);
+    call_once(_release, flag);
+}
+
+void allocator_recycler::_release() {
+    _global._function._period = _global._period.load(std::memory_order_relaxed);
+    detail::_recycler_started = true;
+    detail::_recycler_thread.schedule(_global._function);
+    detail::_recycler_thread.release();
+}
+
+void allocator_recycler::_acquire() {
+    if (!detail::_recycler_started)
+        return;
+    _global._stop = true;
+    detail::_recycler_thread.acquire();
+}
+
+detail::recycler_hook::~recycler_hook() {
+    allocator_recycler::global()->_acquire();
+}
+
+allocator_recycler::recycler_function::recycler_function(detail::atomic<bool>* stop)
+    : _stop(stop) {}
+
+allocator_recycler::recycler_function::~recycler_function() = default;
+
+// A period that passes while the thread is kept from running is skipped.
+void allocator_recycler::recycler_function::operator()() {
+    time const period = time::seconds(_period);
+    time deadline = time::now() + period;
+    while (!*_stop) {
+        thread_support::timed_yield(time::then(nap));
+        if (time::now() > deadline) {
+            reservoir().recycle(fraction, true);
+            do
+                deadline += period;
+            while (deadline < time::now());
+        }
+    }
+}
+
+}  // namespace ovel

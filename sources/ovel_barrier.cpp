@@ -1,0 +1,162 @@
+// Barriers whose threads leave one by one, each handing on the baton.
+//
+// A phase gathers, entry open, until it is opened; then it leaves, entry closed,
+// until `_count` is back at 0. While it leaves, exactly one unit of `_wait` is
+// posted or just taken; whoever took it is the one thread that may pass it on, and
+// the thread that brings `_count` to 0 reopens the entry instead.
+//
+// A thread of a timed barrier that gives up while its phase leaves withdraws, and
+// the unit goes to one of the others. When there are none, the unit was posted for
+// that thread after all: it takes it and reopens the entry.
+//
+// Lock order: `_entry`, then `_lock`.
+
+#include "ovel_barrier.h"
+
+#include "ovel_counter.h"
+
+namespace ovel {
+
+barrier::barrier(unsigned int capacity, unsigned int spin)
+    : _lock(1, spin), _capacity(capacity), _wait(0, spin) {}
+
+unsigned int barrier::capacity() const {
+    return _capacity;
+}
+
+bool barrier::acquire() {
+    bool last;
+    return acquire(last);
+}
+
+bool barrier::acquire(bool& last) {
+    _lock.acquire();
+    bool const completes = detail::add(_count, 1u) == _capacity;
+    if (completes) {
+        _complete = true;
+    } else {
+        _lock.release();
+        _wait.acquire();  // and with it `_lock`, which the waker kept
+    }
+
+    bool const complete = _complete;
+    if (detail::add(_count, -1u) == 0) {
+        _complete = false;
+        _lock.release();
+    } else {
+        _wait.release();
+    }
+    last = completes;
+    return complete;
+}
+
+void barrier::release_all() {
+    // Relaxed: threads known to have arrived are seen; others may be missed.
+    if (_count.load(std::memory_order_relaxed) == 0)
+        return;
+    _lock.acquire();
+    if (_count.load(std::memory_order_relaxed) == 0)
+        _lock.release();
+    else
+        _wait.release();  // the baton goes with it
+}
+
+timed_barrier::timed_barrier(unsigned int capacity, unsigned int spin)
+    : _lock(1, spin), _entry(1, spin), _capacity(capacity), _wait(0, spin) {}
+
+unsigned int timed_barrier::capacity() const {
+    return _capacity;
+}
+
+// Counts the caller, who holds `_entry` and takes `_lock`. Keeps both when that
+// completes the phase, and gives both up when the caller has to wait.
+bool timed_barrier::_arrive(bool& last) {
+    _lock.acquire();
+    last = detail::add(_count, 1u) == _capacity;
+    if (last) {
+        _complete = true;
+        return true;
+    }
+    _lock.release();
+    _entry.release();
+    return false;
+}
+
+// Leaves a phase, with the baton and `_lock` held, and hands the baton on or
+// reopens the entry. Gives `_lock` up.
+bool timed_barrier::_leave() {
+    bool const complete = _complete;
+    if (detail::add(_count, -1u) == 0) {
+        _complete = false;
+        _released = false;
+        _lock.release();
+        _entry.release();
+    } else {
+        _lock.release();
+        _wait.release();
+    }
+    return complete;
+}
+
+bool timed_barrier::acquire() {
+    bool last;
+    return acquire(last);
+}
+
+bool timed_barrier::acquire(bool& last) {
+    _entry.acquire();
+    bool completes;
+    if (!_arrive(completes)) {
+        _wait.acquire();
+        _lock.acquire();
+    }
+    bool const complete = _leave();
+    last = completes;
+    return complete;
+}
+
+bool timed_barrier::timed_acquire(time const& deadline) {
+    bool last;
+    return timed_acquire(last, deadline);
+}
+
+bool timed_barrier::timed_acquire(bool& last, time const& deadline) {
+    if (!_entry.timed_acquire(deadline))
+        return false;
+    bool completes;
+    bool const woken = _arrive(completes) || _wait.timed_acquire(deadline);
+    if (!completes)
+        _lock.acquire();
+    bool complete;
+    if (woken) {
+        complete = _leave();
+    } else {
+        complete = _complete;
+        if ((_complete || _released) && _count.load(std::memory_order_relaxed) == 1) {
+            _wait.acquire();  // the last of a phase that leaves: the unit is its own
+            _leave();
+        } else {
+            detail::add(_count, -1u);
+            _lock.release();
+        }
+    }
+    last = completes;
+    return complete;
+}
+
+void timed_barrier::release_all() {
+    if (_count.load(std::memory_order_relaxed) == 0)
+        return;
+    _entry.acquire();
+    _lock.acquire();
+    if (_count.load(std::memory_order_relaxed) == 0) {
+        _lock.release();
+        _entry.release();
+        return;
+    }
+    _released = true;
+    _lock.release();
+    _wait.release();
+}
+
+}  // namespace ovel

@@ -1,0 +1,112 @@
+// Conditions over three semaphores and two counters.
+//
+// A batch begins with a release that finds nobody released, and ends when the last
+// thread it released has left. The gate is open exactly while there is no batch,
+// so a newcomer is counted only when every wake-up posted before has been taken.
+// Each thread between its passage and its departure is counted once, in `_queued`
+// or in `_released`; the units in `_wait` never exceed `_released`.
+//
+// Lock order: `_lock`, then `_gate`. Arrivals take `_gate` alone.
+
+#include "ovel_condition.h"
+
+#include "ovel_assure.h"
+#include "ovel_counter.h"
+#include "ovel_guard.h"
+
+namespace ovel {
+
+namespace detail {
+
+template <class Semaphore>
+basic_condition<Semaphore>::basic_condition(unsigned int spin)
+    : _lock(1, spin), _gate(1, spin), _wait(0, spin) {}
+
+template <class Semaphore>
+void basic_condition<Semaphore>::_acquire_gate() {
+    _gate.acquire();
+    add(_queued, 1u);
+    _gate.release();
+}
+
+// Releases one of the sleepers, or all.
+template <class Semaphore>
+void basic_condition<Semaphore>::_release(bool all) {
+    unsigned int count;
+    {
+        guard const hold(_lock);
+        if (_queued.load(std::memory_order_relaxed) == 0)
+            return;
+        // The first of a batch closes the gate, and so waits for whoever is
+        // passing it; from here on `_queued` does not grow.
+        if (++_released == 1)
+            _gate.acquire();
+        count = all ? _queued.load(std::memory_order_relaxed) : 1;
+        _released += count - 1;
+        add(_queued, -count);
+    }
+    for (; count != 0; --count)
+        _wait.release();
+}
+
+template <class Semaphore>
+void basic_condition<Semaphore>::_release_one() {
+    _release(false);
+}
+
+template <class Semaphore>
+void basic_condition<Semaphore>::_release_all() {
+    _release(true);
+}
+
+template class basic_condition<semaphore>;
+template class basic_condition<timed_semaphore>;
+
+}  // namespace detail
+
+condition::condition() : condition(detail::current_spin()) {}
+
+condition::condition(unsigned int spin) : basic_condition(spin) {}
+
+void condition::_release_gate() {
+    _lock.acquire();
+    assure(_released != 0);
+    bool const last = --_released == 0;
+    _lock.release();
+    if (last)
+        _gate.release();
+}
+
+timed_condition::timed_condition() : timed_condition(detail::current_spin()) {}
+
+timed_condition::timed_condition(unsigned int spin) : basic_condition(spin) {}
+
+void timed_condition::_release_gate(bool released) {
+    _lock.acquire();
+    if (_released == 0) {
+        // No batch: the deadline passed and nobody released this thread.
+        _gate.acquire();
+        assure(_queued != 0);
+        detail::add(_queued, -1u);
+        _lock.release();
+        _gate.release();
+        return;
+    }
+    if (!released && _queued.load(std::memory_order_relaxed) != 0) {
+        // Whichever of the threads left is still queued stands in for this one;
+        // the units posted are for them.
+        detail::add(_queued, -1u);
+        _lock.release();
+        return;
+    }
+    bool const last = --_released == 0;
+    _lock.release();
+    // Everybody left is released, so a unit was posted for this thread as well,
+    // or is about to be. The gate must not open before it is taken.
+    if (!released)
+        _wait.acquire();
+    if (last)
+        _gate.release();
+}
+
+}  // namespace ovel

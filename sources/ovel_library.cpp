@@ -1,0 +1,39 @@
+// Loading and unloading: the global objects of the library, in the order in which
+// they are built. Every step is here, because only within one file is the order
+// the one that is written. Unloading runs the destructors of the first four from
+// the last to the first: the recycler's thread is joined, then every idle thread of
+// the pool. What is built on first use is never destroyed: the tick's length, the
+// time server and its thread, the allocators.
+
+#include "ovel_library.h"
+
+#include "ovel_allocator_recycler.h"
+#include "ovel_thread.h"
+#include "ovel_thread_support.h"
+#include "ovel_time_server.h"
+
+namespace ovel {
+
+// 1. The recycler, with its work, for a period of 10 seconds.
+allocator_recycler allocator_recycler::_global;
+
+// 2. The recycler's thread, not started.
+thread_base detail::_recycler_thread(65536);
+detail::atomic<bool> detail::_recycler_started{false};
+
+// 3. The pool of threads. `default_spin` is still 0, and so is its lock's spin count.
+detail::thread_element_group detail::thread_element_group::_global;
+
+// 4. Nothing but the hook that ends the recycler's thread at unload.
+namespace {
+detail::recycler_hook hook;
+}
+
+// 5. The spin count that everything built from here on takes by default.
+unsigned int volatile default_spin = thread_support::available_processors() != 1 ? 1024 : 0;
+
+// 6. The time server's once-flag: not yet run.
+unsigned int volatile time_server::_created = 0;
+time_server* time_server::_global = nullptr;
+
+}  // namespace ovel

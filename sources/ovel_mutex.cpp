@@ -1,0 +1,96 @@
+// Mutexes over semaphores of count 1.
+//
+// A recursive mutex's `_owner` is 0 exactly when its `_depth` is, and both are
+// exactly when the semaphore's unit is free, unless the owner has given only the
+// records up.
+
+#include "ovel_mutex.h"
+
+#include "ovel_assure.h"
+
+namespace ovel {
+
+namespace detail {
+
+template <class Semaphore>
+reentrant_mutex<Semaphore>::reentrant_mutex(unsigned int spin) : _semaphore(1, spin) {}
+
+template <class Semaphore>
+void reentrant_mutex<Semaphore>::_enter(unsigned long me) {
+    _owner.store(me, std::memory_order_relaxed);
+    assure(++_depth != 0);
+}
+
+template <class Semaphore>
+void reentrant_mutex<Semaphore>::acquire() {
+    unsigned long const me = thread_support::thread_identifier();
+    if (_owner.load(std::memory_order_relaxed) != me)
+        _semaphore.acquire();
+    _enter(me);
+}
+
+template <class Semaphore>
+bool reentrant_mutex<Semaphore>::try_acquire() {
+    unsigned long const me = thread_support::thread_identifier();
+    if (_owner.load(std::memory_order_relaxed) != me && !_semaphore.try_acquire())
+        return false;
+    _enter(me);
+    return true;
+}
+
+template <class Semaphore>
+void reentrant_mutex<Semaphore>::release() {
+    if (--_depth == 0) {
+        _owner.store(0, std::memory_order_relaxed);
+        _semaphore.release();
+    }
+}
+
+template <class Semaphore>
+void reentrant_mutex<Semaphore>::acquire(state& saved, bool block) {
+    if (block)
+        saved.underlying->acquire();
+    _owner.store(thread_support::thread_identifier(), std::memory_order_relaxed);
+    _depth = saved.depth;
+}
+
+template <class Semaphore>
+void reentrant_mutex<Semaphore>::release(state& saved, bool unlock) {
+    saved.underlying = &_semaphore;
+    saved.depth = _depth;
+    _owner.store(0, std::memory_order_relaxed);
+    _depth = 0;
+    if (unlock)
+        _semaphore.release();
+}
+
+template class reentrant_mutex<semaphore>;
+template class reentrant_mutex<timed_semaphore>;
+
+}  // namespace detail
+
+timed_mutex::timed_mutex() : timed_mutex(detail::current_spin()) {}
+
+timed_mutex::timed_mutex(unsigned int spin) : plain_mutex(spin) {}
+
+bool timed_mutex::timed_acquire(time const& deadline) {
+    return _semaphore.timed_acquire(deadline);
+}
+
+recursive_mutex::recursive_mutex() : recursive_mutex(detail::current_spin()) {}
+
+recursive_mutex::recursive_mutex(unsigned int spin) : reentrant_mutex(spin) {}
+
+timed_recursive_mutex::timed_recursive_mutex() : timed_recursive_mutex(detail::current_spin()) {}
+
+timed_recursive_mutex::timed_recursive_mutex(unsigned int spin) : reentrant_mutex(spin) {}
+
+bool timed_recursive_mutex::timed_acquire(time const& deadline) {
+    unsigned long const me = thread_support::thread_identifier();
+    if (_owner.load(std::memory_order_relaxed) != me && !_semaphore.timed_acquire(deadline))
+        return false;
+    _enter(me);
+    return true;
+}
+
+}  // namespace ovel

@@ -1,0 +1,718 @@
+// Petri nets: their elements, the engine that fires them, and their start and stop.
+//
+// Counts. Of the `_size` committed tokens of a place, `_receive_size` are reserved
+// by firings, and `_send_size` of its free slots are. A firing reserves all that its
+// arcs ask for when it is initiated and commits it when it terminates, so no other
+// thread ever sees half of it, and its code never waits.
+//
+// The queue. A transition is in `_queue` only if it is enabled, and leaves it when a
+// reservation makes it otherwise. It is looked at again when one of its places gains
+// tokens or slots, when one of its firings ends, and when it is activated; and then
+// only if its arc at that place is enabled.
+//
+// Threads. The queue thread alone takes transitions from the queue and initiates
+// firings; groups run them, and each ends with `_terminate_transition`. Everybody
+// else comes by the token interface. Whoever may have made a transition enabled or
+// a token or slot available wakes all that wait, after giving `_mutex` up.
+//
+// Lock order: `_mutex`, then a place's.
+
+#include "ovel_petri_net.h"
+
+#include "ovel_guard.h"
+#include "ovel_thread_support.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+namespace ovel {
+
+petri_place::petri_place(unsigned int capacity)
+    : _channel(capacity), _mutex(detail::current_spin()) {}
+
+petri_place::~petri_place() = default;
+
+unsigned int petri_place::capacity() const {
+    return _channel.capacity();
+}
+
+void petri_place::peek(any& token) {
+    detail::guard const hold(_mutex);
+    _channel.peek(token);
+}
+
+void petri_place::receive(any& token) {
+    detail::guard const hold(_mutex);
+    _channel.receive(token);
+}
+
+void petri_place::send(any const& token) {
+    detail::guard const hold(_mutex);
+    _channel.send(token);
+}
+
+void petri_place::receive_skip() {
+    detail::guard const hold(_mutex);
+    ++_receive_skip;
+}
+
+void petri_place::send_skip() {
+    detail::guard const hold(_mutex);
+    ++_send_skip;
+}
+
+// Takes up to `size` skips off the count, and returns how many.
+unsigned int petri_place::_settle(unsigned int& skip, unsigned int size) {
+    detail::guard const hold(_mutex);
+    unsigned int const settled = std::min(skip, size);
+    skip -= settled;
+    return settled;
+}
+
+petri_arc::petri_arc(bool input, petri_place* place, petri_transition* transition,
+                     petri_place*& place_reference, unsigned int size)
+    : _input(input),
+      _place(place),
+      _transition(transition),
+      _place_reference(place_reference),
+      _size(size) {}
+
+bool petri_arc::input() const {
+    return _input;
+}
+
+bool petri_arc::output() const {
+    return !_input;
+}
+
+petri_place* petri_arc::place() const {
+    return _place;
+}
+
+petri_transition* petri_arc::transition() const {
+    return _transition;
+}
+
+petri_place*& petri_arc::place_reference() const {
+    return _place_reference;
+}
+
+unsigned int petri_arc::size() const {
+    return _size;
+}
+
+petri_connector::petri_connector(bool input, petri_transition* transition,
+                                 petri_place*& place_reference, unsigned int size,
+                                 unsigned int capacity)
+    : _input(input),
+      _transition(transition),
+      _place_reference(place_reference),
+      _size(size),
+      _capacity(capacity) {}
+
+petri_connector petri_connector::size(unsigned int size) const {
+    return {_input, _transition, _place_reference, size, _capacity};
+}
+
+petri_connector petri_connector::capacity(unsigned int capacity) const {
+    return {_input, _transition, _place_reference, _size, capacity};
+}
+
+petri_function::petri_function() = default;
+petri_function::petri_function(petri_function const&) = default;
+petri_function& petri_function::operator=(petri_function const&) = default;
+petri_function::~petri_function() = default;
+
+petri_transition* petri_function::transition() const {
+    return _transition;
+}
+
+petri_transition::petri_transition(petri_function& function, bool reentrant, double time,
+                                   double space, unsigned int group, petri_net* net)
+    : _function(function),
+      _reentrant(reentrant),
+      _time(time),
+      _space(space),
+      _group(group),
+      _net(net) {}
+
+petri_transition::petri_transition(petri_transition const&) = default;
+petri_transition::~petri_transition() = default;
+
+petri_function& petri_transition::function() const {
+    return _function;
+}
+
+bool petri_transition::reentrant() const {
+    return _reentrant;
+}
+
+double petri_transition::time() const {
+    return _time;
+}
+
+double petri_transition::space() const {
+    return _space;
+}
+
+unsigned int petri_transition::group() const {
+    return _group;
+}
+
+petri_net* petri_transition::net() const {
+    return _net;
+}
+
+petri_connector petri_transition::input(petri_place*& place_reference) {
+    return {true, this, place_reference, 1, 1};
+}
+
+petri_connector petri_transition::output(petri_place*& place_reference) {
+    return {false, this, place_reference, 1, 1};
+}
+
+void petri_transition::activate() {
+    _net->activate(this);
+}
+
+void petri_transition::deactivate() {
+    _net->deactivate(this);
+}
+
+bool petri_transition::enabled() const {
+    if (!_activated || (!_reentrant && _firing != 0))
+        return false;
+    return std::all_of(_arcs.begin(), _arcs.end(),
+                       [](petri_arc const* arc) { return arc->enabled(); });
+}
+
+// The place of the arc that this very variable names, or null.
+petri_place* petri_transition::find_place(petri_place*& place_reference) const {
+    for (petri_arc const* arc : _arcs)
+        if (&arc->place_reference() == &place_reference)
+            return arc->place();
+    return nullptr;
+}
+
+unsigned int petri_transition::input_size() const {
+    return _count(true);
+}
+
+unsigned int petri_transition::output_size() const {
+    return _count(false);
+}
+
+unsigned int petri_transition::_count(bool input) const {
+    return static_cast<unsigned int>(
+        std::count_if(_arcs.begin(), _arcs.end(),
+                      [input](petri_arc const* arc) { return arc->input() == input; }));
+}
+
+// Takes an arc in, the only one in its direction with its place, and the only one
+// with its variable.
+void petri_transition::insert_arc(list<petri_arc*>::prepared&& inserted) {
+    petri_arc const* const arc = inserted->value;
+    for (auto i = _arcs.begin(); i != _arcs.end(); ++i) {
+        assure(arc->input() != (*i)->input() || arc->place() != (*i)->place());
+        assure(&arc->place_reference() != &(*i)->place_reference());
+    }
+    _arcs.push_back(std::move(inserted));
+}
+
+void petri_transition::operator()() {
+    try {
+        _function();
+        _net->_terminate_transition(this);
+    } catch (...) {
+        assure(("unexpected exception", 0));
+    }
+}
+
+petri_queue_function::petri_queue_function(petri_net* net) : _net(net) {}
+
+petri_queue_function::petri_queue_function(petri_queue_function const&) = default;
+petri_queue_function& petri_queue_function::operator=(petri_queue_function const&) = default;
+petri_queue_function::~petri_queue_function() = default;
+
+void petri_queue_function::operator()() {
+    for (;;) {
+        petri_transition* transition;
+        thread_group* group;
+        unsigned int firings = 0;
+        {
+            detail::guard const hold(_net->_mutex);
+            while (_net->_queue.empty() && (_net->_firings != 0 || !_net->_acquired))
+                _net->_condition.acquire(_net->_mutex);
+            if (_net->_queue.empty())
+                break;  // at rest, and asked to stop
+            transition = *_net->_queue.begin();
+            _net->_dequeue(transition);
+            group = _net->_thread_groups[transition->group()];
+            for (; firings != group->threads() && transition->enabled(); ++firings)
+                _net->_initiate_transition(transition);
+        }
+        try {
+            for (; firings != 0; --firings)
+                group->schedule(*transition, transition->time(), transition->space());
+        } catch (...) {
+            assure(("unexpected exception", 0));
+        }
+    }
+    for (unsigned int i = 0; i != _net->_groups; ++i)
+        _net->_thread_groups[i]->conclude();
+}
+
+// Holds a net's mutex for a change that others may wait for, and wakes them when it
+// is done, also when an exception ends it half way.
+class petri_net::change {
+public:
+    explicit change(petri_net& net) : _net(net) {
+        _net._mutex.acquire();
+    }
+    ~change() {
+        _net._mutex.release();
+        if (_changed)
+            _net._condition.release_all();
+    }
+    change(change const&) = delete;
+    change& operator=(change const&) = delete;
+
+    // Nothing was changed after all: nobody is woken. Returns false.
+    bool cancel() {
+        return _changed = false;
+    }
+
+private:
+    petri_net& _net;
+    bool _changed = true;
+};
+
+// A slot of a place, reserved for a token that is given up unless it is put.
+class petri_net::slot {
+public:
+    explicit slot(petri_place& place) : _place(&place) {
+        place.reserve_send(1);
+    }
+    ~slot() {
+        if (_place != nullptr)
+            _place->withdraw_send(1);
+    }
+    slot(slot const&) = delete;
+    slot& operator=(slot const&) = delete;
+
+    void commit() {
+        std::exchange(_place, nullptr)->commit_send(1);
+    }
+
+private:
+    petri_place* _place;
+};
+
+// A start that is taken back unless it is completed.
+class petri_net::start {
+public:
+    explicit start(petri_net& net) : _net(&net) {}
+    ~start() {
+        if (_net != nullptr)
+            _net->_withdraw_start();
+    }
+    start(start const&) = delete;
+    start& operator=(start const&) = delete;
+
+    void complete() {
+        _net = nullptr;
+    }
+
+private:
+    petri_net* _net;
+};
+
+namespace {
+
+// Joins a group or a thread, however long that takes.
+constexpr auto join = [](auto& joined) {
+    joined.acquire();
+    return true;
+};
+
+}  // namespace
+
+petri_net::petri_net() : petri_net(thread_base::default_stack_size) {}
+
+petri_net::petri_net(unsigned int stack_size)
+    : petri_net(thread_support::processors(), 0.0, stack_size) {}
+
+petri_net::petri_net(unsigned int threads, double space, unsigned int stack_size)
+    : petri_net(1, stack_size) {
+    triple<unsigned int, double, unsigned int> const group{threads, space, stack_size};
+    _construct_groups(&group);
+}
+
+petri_net::petri_net(triple<unsigned int, double, unsigned int> const* begin,
+                     triple<unsigned int, double, unsigned int> const* end)
+    : petri_net(static_cast<unsigned int>(end - begin), begin != end ? begin->third : 0) {
+    _construct_groups(begin);
+}
+
+// A net without groups. Once it has run, the destructor takes back whatever the
+// rest of a construction has done before it threw.
+petri_net::petri_net(unsigned int groups, unsigned int stack_size)
+    : _mutex(detail::current_spin()),
+      _groups(groups),
+      _thread_group_acquireds(groups),
+      _queue_function(this),
+      _queue_thread(stack_size),
+      _condition(detail::current_spin()) {
+    assure(_groups != 0);
+}
+
+void petri_net::_construct_groups(triple<unsigned int, double, unsigned int> const* groups) {
+    _thread_group_acquired = new bool[_groups];
+    _thread_groups = new thread_group* [_groups] {
+    };
+    for (unsigned int i = 0; i != _groups; ++i) {
+        _thread_group_acquired[i] = true;
+        _thread_groups[i] = new thread_group(groups[i].first, groups[i].second, groups[i].third);
+    }
+}
+
+petri_net::~petri_net() {
+    _assure_stopped();
+    for (petri_place* place : _places)
+        delete place;
+    for (petri_transition* transition : _transitions)
+        delete transition;
+    for (petri_arc* arc : _arcs)
+        delete arc;
+    if (_thread_groups != nullptr)
+        for (unsigned int i = 0; i != _groups; ++i)
+            delete _thread_groups[i];
+    delete[] _thread_groups;
+    delete[] _thread_group_acquired;
+}
+
+void petri_net::_assure_stopped() const {
+    assure(_acquired && _queue_thread_acquired && _thread_group_acquireds == _groups);
+}
+
+petri_place* petri_net::insert_place(unsigned int capacity) {
+    _assure_stopped();
+    assure(capacity != 0);
+    auto place = std::make_unique<petri_place>(capacity);
+    _places.push_back(place.get());
+    return place.release();
+}
+
+petri_transition* petri_net::insert_transition(petri_function& function, bool reentrant,
+                                               double time, double space, unsigned int group) {
+    _assure_stopped();
+    assure(time > 0 && space >= 0 && group < _groups);
+    auto transition =
+        std::make_unique<petri_transition>(function, reentrant, time, space, group, this);
+    _transitions.push_back(transition.get());
+    function.transition(transition.get());
+    return transition.release();
+}
+
+petri_arc* petri_net::insert_input_arc(petri_place* place, petri_connector connector) {
+    _assure_stopped();
+    assure(connector.input());
+    return _insert_arc(place, connector);
+}
+
+petri_arc* petri_net::insert_output_arc(petri_connector connector, petri_place* place) {
+    _assure_stopped();
+    assure(connector.output());
+    return _insert_arc(place, connector);
+}
+
+// Everything is allocated before anything is linked, so that a failure leaves no
+// arc that only one of its ends knows.
+petri_arc* petri_net::_insert_arc(petri_place* place, petri_connector const& connector) {
+    assure(connector.size() != 0 && connector.size() <= place->capacity());
+    auto arc = std::make_unique<petri_arc>(connector.input(), place, connector.transition(),
+                                           connector.place_reference(), connector.size());
+    auto of_net = list<petri_arc*>::prepare(arc.get());
+    auto of_place = list<petri_arc*>::prepare(arc.get());
+    auto of_transition = list<petri_arc*>::prepare(arc.get());
+    _arcs.push_back(std::move(of_net));
+    place->insert_arc(std::move(of_place));
+    connector.transition()->insert_arc(std::move(of_transition));
+    connector.place_reference() = place;
+    return arc.release();
+}
+
+list<petri_place*>::iterator petri_net::begin_places() {
+    return _places.begin();
+}
+
+list<petri_place*>::iterator petri_net::end_places() {
+    return _places.end();
+}
+
+list<petri_transition*>::iterator petri_net::begin_transitions() {
+    return _transitions.begin();
+}
+
+list<petri_transition*>::iterator petri_net::end_transitions() {
+    return _transitions.end();
+}
+
+list<petri_arc*>::iterator petri_net::begin_arcs() {
+    return _arcs.begin();
+}
+
+list<petri_arc*>::iterator petri_net::end_arcs() {
+    return _arcs.end();
+}
+
+// The engine. All of it is called with `_mutex` held, but for activation and
+// termination, which take it.
+
+void petri_net::_enqueue(petri_transition* transition) {
+    _random = static_cast<unsigned int>(std::uint64_t{16807} * _random % 2147483647);
+    transition->random(_random);
+    transition->enqueue(_queue.insert(transition));
+}
+
+void petri_net::_enqueue_if_enabled(petri_transition* transition) {
+    if (!transition->queued() && transition->enabled())
+        _enqueue(transition);
+}
+
+void petri_net::_dequeue(petri_transition* transition) {
+    _queue.erase(transition->dequeue());
+}
+
+// The place has gained tokens.
+void petri_net::_enqueue_receive_arcs(petri_place* place) {
+    for (petri_arc* arc : place->arcs())
+        if (arc->input() && arc->enabled())
+            _enqueue_if_enabled(arc->transition());
+}
+
+// The place has gained free slots.
+void petri_net::_enqueue_send_arcs(petri_place* place) {
+    for (petri_arc* arc : place->arcs())
+        if (arc->output() && arc->enabled())
+            _enqueue_if_enabled(arc->transition());
+}
+
+// The place has lost tokens that were available.
+void petri_net::_dequeue_receive_arcs(petri_place* place) {
+    for (petri_arc* arc : place->arcs())
+        if (arc->input() && !arc->enabled() && arc->transition()->queued())
+            _dequeue(arc->transition());
+}
+
+// The place has lost free slots.
+void petri_net::_dequeue_send_arcs(petri_place* place) {
+    for (petri_arc* arc : place->arcs())
+        if (arc->output() && !arc->enabled() && arc->transition()->queued())
+            _dequeue(arc->transition());
+}
+
+// Commits what a firing of the transition reserved. What it skipped stays with the
+// other side of the place, which is looked at as well.
+void petri_net::_enqueue_arcs(petri_transition* transition) {
+    for (petri_arc* arc : transition->arcs()) {
+        petri_place* const place = arc->place();
+        bool const skipped = arc->input() ? place->commit_receive(arc->size()) != 0
+                                          : place->commit_send(arc->size()) != 0;
+        if (arc->input() || skipped)
+            _enqueue_send_arcs(place);
+        if (arc->output() || skipped)
+            _enqueue_receive_arcs(place);
+    }
+}
+
+// Reserves what a firing of the transition will take and put.
+void petri_net::_dequeue_arcs(petri_transition* transition) {
+    for (petri_arc* arc : transition->arcs()) {
+        petri_place* const place = arc->place();
+        if (arc->input()) {
+            place->reserve_receive(arc->size());
+            _dequeue_receive_arcs(place);
+        } else {
+            place->reserve_send(arc->size());
+            _dequeue_send_arcs(place);
+        }
+    }
+}
+
+void petri_net::_initiate_transition(petri_transition* transition) {
+    ++_firings;
+    transition->begin_fire();
+    _dequeue_arcs(transition);
+}
+
+void petri_net::_terminate_transition(petri_transition* transition) {
+    change const hold(*this);
+    _enqueue_arcs(transition);
+    transition->end_fire();
+    --_firings;
+    _enqueue_if_enabled(transition);
+}
+
+void petri_net::activate(petri_transition* transition) {
+    change const hold(*this);
+    transition->activated(true);
+    _enqueue_if_enabled(transition);
+}
+
+void petri_net::deactivate(petri_transition* transition) {
+    detail::guard const hold(_mutex);
+    transition->activated(false);
+    if (transition->queued())
+        _dequeue(transition);
+}
+
+void petri_net::_enqueue_initial_transitions() {
+    for (auto i = _transitions.begin(); i != _transitions.end(); ++i) {
+        assure((*i)->input_size() != 0 || (*i)->output_size() != 0);
+        _enqueue_if_enabled(*i);
+    }
+}
+
+void petri_net::peek(petri_place* place, any& token) {
+    detail::guard const hold(_mutex);
+    while (!place->receive_enabled(1))
+        _condition.acquire(_mutex);
+    place->peek(token);
+}
+
+bool petri_net::try_peek(petri_place* place, any& token) {
+    detail::guard const hold(_mutex);
+    if (!place->receive_enabled(1))
+        return false;
+    place->peek(token);
+    return true;
+}
+
+void petri_net::receive(petri_place* place, any& token) {
+    change const hold(*this);
+    while (!place->receive_enabled(1))
+        _condition.acquire(_mutex);
+    _receive(place, token);
+}
+
+bool petri_net::try_receive(petri_place* place, any& token) {
+    change hold(*this);
+    if (!place->receive_enabled(1))
+        return hold.cancel();
+    _receive(place, token);
+    return true;
+}
+
+void petri_net::send(petri_place* place, any const& token) {
+    change const hold(*this);
+    while (!place->send_enabled(1))
+        _condition.acquire(_mutex);
+    _send(place, token);
+}
+
+bool petri_net::try_send(petri_place* place, any const& token) {
+    change hold(*this);
+    if (!place->send_enabled(1))
+        return hold.cancel();
+    _send(place, token);
+    return true;
+}
+
+// Takes a token that is available. A skip that this settles is made good when the
+// firing that declared it ends.
+void petri_net::_receive(petri_place* place, any& token) {
+    place->reserve_receive(1);
+    place->receive(token);
+    place->commit_receive(1);
+    _dequeue_receive_arcs(place);
+    _enqueue_send_arcs(place);
+}
+
+// Puts a token into a slot that is free.
+void petri_net::_send(petri_place* place, any const& token) {
+    {
+        slot reserved(*place);
+        place->send(token);  // throws when the token cannot be copied
+        reserved.commit();
+    }
+    _dequeue_send_arcs(place);
+    _enqueue_receive_arcs(place);
+}
+
+void petri_net::release() {
+    _assure_stopped();
+    {
+        // Nobody else changes a stopped net while it is started, but callers that
+        // it blocks may wake up and look.
+        detail::guard const hold(_mutex);
+        _enqueue_initial_transitions();
+    }
+    start starting(*this);
+    for (unsigned int i = 0; i != _groups; ++i) {
+        _thread_groups[i]->release();
+        _thread_group_acquired[i] = false;
+        --_thread_group_acquireds;
+    }
+    starting.complete();
+    {
+        detail::guard const hold(_mutex);
+        _acquired = false;
+    }
+    _queue_thread.schedule(_queue_function);
+    _queue_thread.release();
+    _queue_thread_acquired = false;
+}
+
+// Ends the groups that a start has begun with before one could not be started.
+void petri_net::_withdraw_start() {
+    for (unsigned int i = 0; i != _groups; ++i)
+        if (!_thread_group_acquired[i])
+            _thread_groups[i]->conclude();
+    _join_groups(join);
+}
+
+void petri_net::acquire() {
+    _stop(join);
+}
+
+bool petri_net::try_acquire() {
+    return _stop([](auto& joined) { return joined.try_acquire(); });
+}
+
+bool petri_net::timed_acquire(ovel::time const& deadline) {
+    return _stop([&deadline](auto& joined) { return joined.timed_acquire(deadline); });
+}
+
+// Asks the net to stop when it is at rest, and joins its threads up to the first
+// that `join` does not.
+template <class Join>
+bool petri_net::_stop(Join join) {
+    assure(!_queue_thread_acquired || _thread_group_acquireds != _groups);
+    {
+        change const hold(*this);
+        _acquired = true;
+    }
+    if (!_join_groups(join))
+        return false;
+    if (!_queue_thread_acquired)
+        _queue_thread_acquired = join(_queue_thread);
+    return _queue_thread_acquired;
+}
+
+template <class Join>
+bool petri_net::_join_groups(Join join) {
+    for (unsigned int i = 0; i != _groups; ++i) {
+        if (_thread_group_acquired[i])
+            continue;
+        if (!join(*_thread_groups[i]))
+            return false;
+        _thread_group_acquired[i] = true;
+        ++_thread_group_acquireds;
+    }
+    return true;
+}
+
+}  // namespace ovel

@@ -1,0 +1,77 @@
+// Counting semaphores over the kernel's.
+
+#include "ovel_semaphore.h"
+
+#include "kernel.h"
+
+#include <limits>
+
+namespace ovel {
+
+namespace {
+
+constexpr LONG maximum = std::numeric_limits<LONG>::max();
+
+// The inline members are part of the binary interface as well, for callers whose
+// compiler does not inline them: naming them here has them emitted.
+[[gnu::used]] void (semaphore::*const exported[])() = {&semaphore::acquire, &semaphore::release};
+[[gnu::used]] bool (semaphore::*const exported_try)() = &semaphore::try_acquire;
+
+}  // namespace
+
+semaphore::semaphore(int value, unsigned int spin)
+    : _value(value), _spin(spin), _semaphore(CreateSemaphoreA(nullptr, 0, maximum, nullptr)) {
+    assure(_value >= 0);
+    assure(_semaphore != 0);
+}
+
+semaphore::~semaphore() {
+    assure(CloseHandle(_semaphore) != 0);
+}
+
+// Waits for a unit to show, for as long as the spin count says; takes none.
+void semaphore::_poll() const {
+    YieldProcessor();
+    // Relaxed: what is seen here is only a hint, the decrement decides.
+    for (unsigned int left = _spin; left != 0; --left) {
+        if (_value.load(std::memory_order_relaxed) > 0)
+            return;
+        YieldProcessor();
+    }
+}
+
+timed_semaphore::timed_semaphore(int value, unsigned int)
+    : _semaphore(value >= 0 ? CreateSemaphoreA(nullptr, value, maximum, nullptr) : nullptr) {
+    assure(value >= 0);
+    assure(_semaphore != 0);
+}
+
+timed_semaphore::~timed_semaphore() {
+    assure(CloseHandle(_semaphore) != 0);
+}
+
+void timed_semaphore::acquire() {
+    assure(WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0);
+}
+
+bool timed_semaphore::try_acquire() {
+    return _acquire_within(0);
+}
+
+bool timed_semaphore::timed_acquire(time const& deadline) {
+    return _acquire_within(detail::milliseconds_between(time::now(), deadline));
+}
+
+bool timed_semaphore::_acquire_within(DWORD milliseconds) {
+    DWORD const result = WaitForSingleObject(_semaphore, milliseconds);
+    if (result == WAIT_TIMEOUT)
+        return false;
+    assure(result == WAIT_OBJECT_0);
+    return true;
+}
+
+void timed_semaphore::release() {
+    assure(ReleaseSemaphore(_semaphore, 1, 0) != 0);
+}
+
+}  // namespace ovel

@@ -1,0 +1,230 @@
+// Threads of their own, the run loop of pooled threads, and the pool.
+
+#include "ovel_thread_base.h"
+
+#include "kernel.h"
+#include "ovel_allocator_group.h"
+#include "ovel_assure.h"
+#include "ovel_guard.h"
+#include "ovel_semaphore.h"
+#include "ovel_thread.h"
+#include "ovel_thread_support.h"
+
+#include <memory>
+#include <new>
+
+namespace ovel {
+
+namespace {
+
+// What the releasing thread hands to the new one. It lives on the releasing
+// thread's stack until the new thread has taken what it needs.
+struct start_record {
+    thread_base& base;
+    semaphore started;
+};
+
+}  // namespace
+
+thread_base::thread_base() : thread_base(default_stack_size) {}
+
+thread_base::thread_base(unsigned int stack_size) : _stack_size(stack_size) {}
+
+thread_base::~thread_base() = default;
+
+void thread_base::schedule(thread_function& function) {
+    assure(_thread == 0);
+    _function = &function;
+}
+
+void thread_base::release() {
+    assure(_thread == 0 && _function != 0);
+    start_record record{*this, {0, detail::current_spin()}};
+    allocator_group::global();  // so that the new thread need not build it
+    unsigned int identifier;
+    _thread = reinterpret_cast<HANDLE>(
+        _beginthreadex(nullptr, _stack_size, _call, &record, 0, &identifier));
+    assure(_thread != 0);
+    record.started.acquire();
+}
+
+unsigned int OVEL_THREAD_ENTRY thread_base::_call(void* argument) {
+    auto& record = *static_cast<start_record*>(argument);
+    thread_function& function = *record.base._function;
+    record.started.release();  // the record is gone from here on, and the base may be
+
+    try {
+        allocator_group* const group = allocator_group::global();
+        group->acquire_allocator();
+        function();
+        group->release_allocator();
+    } catch (...) {
+        assure(("unexpected exception", 0));
+    }
+    return 0;
+}
+
+void thread_base::acquire() {
+    assure(_thread != 0);
+    assure(WaitForSingleObject(_thread, INFINITE) == WAIT_OBJECT_0);
+    assure(CloseHandle(_thread) != 0);
+    _thread = nullptr;
+}
+
+bool thread_base::try_acquire() {
+    return _acquire_within(0);
+}
+
+bool thread_base::timed_acquire(time const& deadline) {
+    return _acquire_within(detail::milliseconds_between(time::now(), deadline));
+}
+
+bool thread_base::_acquire_within(DWORD milliseconds) {
+    assure(_thread != 0);
+    DWORD const r = WaitForSingleObject(_thread, milliseconds);
+    if (r == WAIT_TIMEOUT)
+        return false;
+    assure(r == WAIT_OBJECT_0);
+    assure(CloseHandle(_thread) != 0);
+    _thread = nullptr;
+    return true;
+}
+
+unsigned int thread_base::stack_size() const {
+    return _stack_size;
+}
+
+namespace detail {
+
+thread_function_base::thread_function_base()
+    : _start(0, current_spin()), _finish(0, current_spin()) {}
+
+thread_function_base::~thread_function_base() = default;
+
+void thread_function_base::schedule(thread_function& function) {
+    _function = &function;
+}
+
+void thread_function_base::terminate() {
+    _terminate = true;
+    _start.release();
+}
+
+void thread_function_base::acquire() {
+    _finish.acquire();
+}
+
+bool thread_function_base::try_acquire() {
+    return _finish.try_acquire();
+}
+
+bool thread_function_base::timed_acquire(time const& deadline) {
+    return _finish.timed_acquire(deadline);
+}
+
+// The thread's allocator is active exactly while it runs work, so that blocks that
+// others free meanwhile do not wait for a thread that may idle for long.
+void thread_function_base::operator()() {
+    allocator_group* const group = allocator_group::global();
+    group->deactivate_allocator(false);
+    for (;;) {
+        _start.acquire();
+        if (_terminate)
+            break;
+        group->activate_allocator();
+        try {
+            (*_function)();
+        } catch (...) {
+            assure(("unexpected exception", 0));
+        }
+        group->deactivate_allocator(false);
+        _finish.release();
+    }
+    group->activate_allocator();
+}
+
+thread_element::thread_element(unsigned int stack_size) : _thread_base(stack_size) {
+    _thread_base.schedule(_function);
+    _thread_base.release();
+}
+
+thread_element::~thread_element() {
+    _function.terminate();
+    _thread_base.acquire();
+}
+
+thread_function_base& thread_element::thread_function_base_() {
+    return _function;
+}
+
+thread_base& thread_element::thread_base_() {
+    return _thread_base;
+}
+
+thread_element_group::thread_element_group() : _lock(1, current_spin()) {}
+
+// At unload, when nobody else uses the pool: without its lock. Elements that are
+// lent are not in the pool, and are left alone.
+thread_element_group::~thread_element_group() {
+    while (_elements.size() != 0) {
+        delete *_elements.begin();
+        _elements.erase(_elements.begin());
+    }
+}
+
+thread_element_group* thread_element_group::global() {
+    return &_global;
+}
+
+// Creating an element waits for its thread to start, and so happens without the
+// lock.
+thread_element* thread_element_group::acquire_element(unsigned int stack_size) {
+    if (thread_element* const idle = _take(stack_size))
+        return idle;
+    try {
+        return new thread_element(stack_size);
+    } catch (...) {
+        assure(("unexpected exception", 0));
+    }
+    return nullptr;
+}
+
+// The smallest idle element whose stack is large enough, unless it is wastefully
+// large; null if there is none.
+thread_element* thread_element_group::_take(unsigned int stack_size) {
+    guard const hold(_lock);
+    auto const found = _elements.find_first([stack_size](thread_element* element) {
+        return element->thread_base_().stack_size() >= stack_size;
+    });
+    if (found == _elements.end())
+        return nullptr;
+    thread_element* const element = *found;
+    // A request for the system's default, 0, is met by another such thread.
+    unsigned int const idle_size = element->thread_base_().stack_size();
+    bool const fits = stack_size != 0 ? idle_size / 4 < stack_size : idle_size == 0;
+    if (!fits)
+        return nullptr;
+    _elements.erase(found);
+    return element;
+}
+
+void thread_element_group::release_element(thread_element* element) {
+    {
+        guard const hold(_lock);
+        try {
+            _elements.insert(element);
+        } catch (std::bad_alloc const&) {
+            delete element;
+        }
+    }
+    allocator_group::global()->flush_allocator(false);
+}
+
+unsigned int thread_element_group::size() {
+    guard const hold(_lock);
+    return _elements.size();
+}
+
+}  // namespace detail
+
+}  // namespace ovel

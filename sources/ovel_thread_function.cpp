@@ -1,0 +1,96 @@
+// Work objects, and the services about the threads that run them.
+
+#include "ovel_thread_function.h"
+
+#include "kernel.h"
+#include "ovel_assure.h"
+#include "ovel_thread_support.h"
+
+#include <bit>
+
+namespace ovel {
+
+namespace {
+
+struct masks {
+    unsigned int process;  // processors of the system that the process may use
+    unsigned int system;
+};
+
+masks affinity_masks() {
+    DWORD_PTR pm;
+    DWORD_PTR sm;
+    assure(GetProcessAffinityMask(GetCurrentProcess(), &pm, &sm) != 0);
+    return {static_cast<unsigned int>(pm & sm), static_cast<unsigned int>(sm)};
+}
+
+}  // namespace
+
+thread_function::thread_function() = default;
+thread_function::thread_function(thread_function const&) = default;
+thread_function& thread_function::operator=(thread_function const&) = default;
+thread_function::~thread_function() = default;
+
+void thread_function::operator()() {}
+
+unsigned long thread_support::thread_identifier() {
+    return GetCurrentThreadId();
+}
+
+bool thread_support::thread_identifier_equal(unsigned long left, unsigned long right) {
+    return left == right;
+}
+
+void thread_support::yield() {
+    Sleep(0);
+}
+
+void thread_support::timed_yield(time const& deadline) {
+    time const now = time::now();
+    if (now < deadline)
+        Sleep(detail::milliseconds_between(now, deadline));
+}
+
+unsigned int thread_support::processors() {
+    SYSTEM_INFO information;
+    GetSystemInfo(&information);
+    return information.dwNumberOfProcessors;
+}
+
+unsigned int thread_support::available_processors() {
+    return static_cast<unsigned int>(std::popcount(process_affinity()));
+}
+
+unsigned int thread_support::process_affinity() {
+    return affinity_masks().process;
+}
+
+void thread_support::process_affinity(unsigned int affinity) {
+    affinity &= affinity_masks().system;
+    assure(SetProcessAffinityMask(GetCurrentProcess(), affinity) != 0);
+}
+
+unsigned int thread_support::thread_affinity() {
+    // Setting a mask is the only way to learn the one before.
+    auto const affinity =
+        static_cast<unsigned int>(SetThreadAffinityMask(GetCurrentThread(), process_affinity()));
+    assure(affinity != 0);
+    assure(SetThreadAffinityMask(GetCurrentThread(), affinity) != 0);
+    return affinity;
+}
+
+void thread_support::thread_affinity(unsigned int affinity) {
+    affinity &= affinity_masks().system;
+    assure(SetThreadAffinityMask(GetCurrentThread(), affinity) != 0);
+}
+
+unsigned int estimate_default_spin() {
+    return 1024;
+}
+
+void set_default_spin(unsigned int spin) {
+    detail::atomic_ref<unsigned int>(default_spin)
+        .store(thread_support::available_processors() != 1 ? spin : 0, std::memory_order_relaxed);
+}
+
+}  // namespace ovel

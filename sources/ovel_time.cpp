@@ -1,0 +1,80 @@
+// The clock but for its server: the counter, the length of a tick, and the
+// conversions between seconds, ticks and milliseconds.
+
+#include "ovel_time.h"
+
+#include "kernel.h"
+#include "ovel_once.h"
+#include "ovel_thread_support.h"
+#include "ovel_time_server.h"
+
+#include <cmath>
+#include <limits>
+
+namespace ovel {
+
+namespace {
+
+// Seconds per tick. Written under the once-flag, constant afterwards.
+double unit;
+
+void find_unit() {
+    double frequency = 2000000000.0;
+    HKEY key;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0", 0,
+                      KEY_READ, &key) == ERROR_SUCCESS) {
+        int megahertz = 0;
+        DWORD size = sizeof megahertz;
+        if (RegQueryValueExA(key, "~MHz", nullptr, nullptr,
+                             reinterpret_cast<unsigned char*>(&megahertz), &size) == ERROR_SUCCESS)
+            frequency = megahertz * 1000000.0;
+        RegCloseKey(key);
+    }
+    unit = 1.0 / frequency;
+}
+
+// `value` as an integer of a narrower range, which it is brought into first;
+// a not-a-number becomes 0.
+template <class Integer>
+Integer saturate(double value) {
+    // The largest integer need not be a double; the power of two above it is.
+    constexpr double limit = -2.0 * (std::numeric_limits<Integer>::min() / 2);
+    if (value >= limit)
+        return std::numeric_limits<Integer>::max();
+    if (value < -limit)
+        return std::numeric_limits<Integer>::min();
+    return value == value ? static_cast<Integer>(value) : 0;
+}
+
+}  // namespace
+
+std::int64_t time_support::time_now() {
+    return static_cast<std::int64_t>(__rdtsc());
+}
+
+double time_support::time_unit() {
+    static unsigned int volatile flag = 0;
+    call_once(find_unit, flag);
+    return unit;
+}
+
+time_base time_base::now() {
+    return time_base(time_support::time_now());
+}
+
+time time::now() {
+    return time(time_server::global().reading());
+}
+
+std::int64_t detail::ticks_of(double seconds) {
+    return saturate<std::int64_t>(seconds / time_support::time_unit());
+}
+
+unsigned int detail::milliseconds_between(time const& now, time const& deadline) {
+    time const left = deadline - now;
+    if (left <= time())
+        return 0;
+    return static_cast<unsigned int>(saturate<int>(std::nearbyint(left.seconds() * 1000.0)));
+}
+
+}  // namespace ovel
