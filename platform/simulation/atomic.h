@@ -1,0 +1,204 @@
+// The library's atomic words under the simulated kernel: the interface of
+// std::atomic as far as the library uses it, with the scheduler let in before
+// every access.
+//
+// All threads of a simulated program run on one thread of the system, so the
+// words themselves are plain: an access is indivisible because nobody else runs
+// until the next scheduling point. Every order is therefore sequentially
+// consistent, whichever was asked for; what weaker orders allow is for the race
+// checker to find.
+#ifndef OVEL_SIMULATION_ATOMIC_H
+#define OVEL_SIMULATION_ATOMIC_H
+
+#include "ovel_frame.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+namespace ovel::simulation {
+
+enum class access : unsigned char { load, store, exchange, add, compare_exchange, bits };
+
+// Lets the scheduler choose who goes on, and returns when this thread is to
+// make its access.
+OVEL_EXPORT void before_access(access kind, void const volatile* word);
+
+// Records what the access found and left, for the steps that a report shows.
+OVEL_EXPORT void after_access(std::uint64_t found, std::uint64_t left);
+
+// Whether a weak compare-and-exchange is to fail although the values agree.
+OVEL_EXPORT bool spurious_failure();
+
+template <class T>
+std::uint64_t as_bits(T const& value) {
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof(T) < sizeof bits ? sizeof(T) : sizeof bits);
+    return bits;
+}
+
+}  // namespace ovel::simulation
+
+namespace ovel::detail {
+
+template <class T>
+class atomic {
+    static_assert(std::is_trivially_copyable_v<T>);
+
+    using difference = std::conditional_t<std::is_pointer_v<T>, std::ptrdiff_t, T>;
+
+public:
+    using value_type = T;
+
+    constexpr atomic() noexcept : _value() {}
+    constexpr atomic(T value) noexcept : _value(value) {}
+    atomic(atomic const&) = delete;
+    atomic& operator=(atomic const&) = delete;
+
+    T load(std::memory_order = std::memory_order_seq_cst) const noexcept {
+        simulation::before_access(simulation::access::load, &_value);
+        simulation::after_access(simulation::as_bits(_value), simulation::as_bits(_value));
+        return _value;
+    }
+
+    void store(T value, std::memory_order = std::memory_order_seq_cst) noexcept {
+        _replace(simulation::access::store, [&](T) { return value; });
+    }
+
+    T exchange(T value, std::memory_order = std::memory_order_seq_cst) noexcept {
+        return _replace(simulation::access::exchange, [&](T) { return value; });
+    }
+
+    bool compare_exchange_strong(T& expected, T desired, std::memory_order,
+                                 std::memory_order) noexcept {
+        return compare_exchange_strong(expected, desired);
+    }
+
+    bool compare_exchange_strong(T& expected, T desired,
+                                 std::memory_order = std::memory_order_seq_cst) noexcept {
+        bool equal = false;
+        T const found = _replace(simulation::access::compare_exchange, [&](T value) {
+            equal = std::memcmp(&value, &expected, sizeof(T)) == 0;
+            return equal ? desired : value;
+        });
+        if (!equal)
+            expected = found;
+        return equal;
+    }
+
+    bool compare_exchange_weak(T& expected, T desired, std::memory_order,
+                               std::memory_order) noexcept {
+        return compare_exchange_weak(expected, desired);
+    }
+
+    bool compare_exchange_weak(T& expected, T desired,
+                               std::memory_order = std::memory_order_seq_cst) noexcept {
+        if (simulation::spurious_failure()) {
+            expected = load();
+            return false;
+        }
+        return compare_exchange_strong(expected, desired);
+    }
+
+    T fetch_add(difference value, std::memory_order = std::memory_order_seq_cst) noexcept {
+        return _replace(simulation::access::add, [&](T old) { return _sum(old, value); });
+    }
+
+    T fetch_sub(difference value, std::memory_order = std::memory_order_seq_cst) noexcept {
+        return _replace(simulation::access::add, [&](T old) { return _difference(old, value); });
+    }
+
+    T fetch_and(T value, std::memory_order = std::memory_order_seq_cst) noexcept {
+        return _replace(simulation::access::bits,
+                        [&](T old) { return static_cast<T>(old & value); });
+    }
+
+    T fetch_or(T value, std::memory_order = std::memory_order_seq_cst) noexcept {
+        return _replace(simulation::access::bits,
+                        [&](T old) { return static_cast<T>(old | value); });
+    }
+
+    operator T() const noexcept {
+        return load();
+    }
+    T operator=(T value) noexcept {
+        store(value);
+        return value;
+    }
+    T operator++() noexcept {
+        return _sum(fetch_add(1), 1);
+    }
+    T operator++(int) noexcept {
+        return fetch_add(1);
+    }
+    T operator--() noexcept {
+        return _difference(fetch_sub(1), 1);
+    }
+    T operator--(int) noexcept {
+        return fetch_sub(1);
+    }
+    T operator+=(difference value) noexcept {
+        return _sum(fetch_add(value), value);
+    }
+    T operator-=(difference value) noexcept {
+        return _difference(fetch_sub(value), value);
+    }
+
+private:
+    // Sums that wrap, as those of atomic words do.
+    static T _sum(T left, difference right) {
+        if constexpr (std::is_integral_v<T>)
+            return static_cast<T>(static_cast<std::make_unsigned_t<T>>(left) +
+                                  static_cast<std::make_unsigned_t<T>>(right));
+        else
+            return left + right;
+    }
+    static T _difference(T left, difference right) {
+        if constexpr (std::is_integral_v<T>)
+            return static_cast<T>(static_cast<std::make_unsigned_t<T>>(left) -
+                                  static_cast<std::make_unsigned_t<T>>(right));
+        else
+            return left - right;
+    }
+
+    template <class Change>
+    T _replace(simulation::access kind, Change const& change) {
+        simulation::before_access(kind, &_value);
+        T const old = _value;
+        _value = change(old);
+        simulation::after_access(simulation::as_bits(old), simulation::as_bits(_value));
+        return old;
+    }
+
+    alignas(sizeof(T) <= 8 && (sizeof(T) & (sizeof(T) - 1)) == 0 ? sizeof(T) : alignof(T)) T _value;
+};
+
+// Access to a word whose declared type is not atomic.
+template <class T>
+class atomic_ref {
+public:
+    explicit atomic_ref(T volatile& word) : _word(word) {}
+
+    T load(std::memory_order) const {
+        simulation::before_access(simulation::access::load, &_word);
+        T const value = _word;
+        simulation::after_access(simulation::as_bits(value), simulation::as_bits(value));
+        return value;
+    }
+
+    void store(T value, std::memory_order) const {
+        simulation::before_access(simulation::access::store, &_word);
+        T const old = _word;
+        _word = value;
+        simulation::after_access(simulation::as_bits(old), simulation::as_bits(value));
+    }
+
+private:
+    T volatile& _word;
+};
+
+}  // namespace ovel::detail
+
+#endif

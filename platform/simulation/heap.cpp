@@ -1,0 +1,242 @@
+// An arena at a fixed address from which blocks are cut in order, so that a
+// schedule finds the same addresses in every run. A block lies between two
+// guards; fresh memory and freed memory are filled with patterns. Which parts are
+// in use is kept aside, by granule, where the program cannot damage it.
+
+#include "heap.h"
+
+#include "lasting.h"
+
+#include <sys/mman.h>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace ovel::simulation::heap {
+
+namespace {
+
+constexpr std::size_t granule = 16;
+constexpr std::size_t arena_bytes = std::size_t{512} << 20;
+constexpr unsigned char fresh = 0xcd;
+constexpr unsigned char freed = 0xdd;
+constexpr unsigned char guard = 0xfd;
+
+// What stands before a block.
+struct header {
+    std::size_t size;
+    std::size_t check;  // size ^ magic
+};
+constexpr std::size_t magic = 0x6f76656c68656170;
+static_assert(sizeof(header) == granule);
+
+struct arena {
+    char* base;
+    unsigned char* in_use;  // by granule
+};
+
+// Blocks of one size that were freed.
+struct freed_size {
+    std::size_t size;
+    std::vector<char*> blocks;
+};
+
+struct counts {
+    std::size_t used;  // bytes cut from the arena
+    unsigned int blocks;
+    std::size_t bytes;
+};
+
+// Used until the last exit hook has run.
+struct lists {
+    std::vector<char> kept_contents;
+    std::vector<unsigned char> kept_in_use;
+    std::vector<freed_size> reusable;
+    std::vector<header*> quarantine;  // freed and never handed out again
+};
+
+counts now, kept;
+bool reuse_at_once;
+constinit lasting<lists> lists_;
+char text[160];
+
+arena const& memory() {
+    static arena const made = [] {
+        auto const at = reinterpret_cast<void*>(std::uintptr_t{0x1000'0000'0000});
+        void* const base =
+            mmap(at, arena_bytes, PROT_READ | PROT_WRITE,
+                 MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
+        void* const map = mmap(nullptr, arena_bytes / granule, PROT_READ | PROT_WRITE,
+                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (base != at || map == MAP_FAILED) {
+            std::perror("simulation: heap");
+            std::abort();
+        }
+        return arena{static_cast<char*>(base), static_cast<unsigned char*>(map)};
+    }();
+    return made;
+}
+
+std::size_t rounded(std::size_t size) {
+    return (size + granule - 1) / granule * granule;
+}
+
+std::size_t index(void const volatile* address) {
+    return static_cast<std::size_t>(static_cast<char const volatile*>(address) - memory().base) /
+           granule;
+}
+
+// A block's granules are 1 but for the first, which is 2.
+void mark(char* block, std::size_t size, bool used) {
+    std::size_t const granules = rounded(size) / granule;
+    unsigned char* const map = &memory().in_use[index(block)];
+    std::memset(map, used ? 1 : 0, granules);
+    if (used)
+        map[0] = 2;
+}
+
+header& header_of(char* block) {
+    return *reinterpret_cast<header*>(block - sizeof(header));
+}
+
+bool filled(char const* from, char const* to, unsigned char pattern) {
+    for (; from != to; ++from)
+        if (static_cast<unsigned char>(*from) != pattern)
+            return false;
+    return true;
+}
+
+char* end_of(char* block, std::size_t size) {
+    return block + rounded(size) + granule;
+}
+
+}  // namespace
+
+void* allocate(std::size_t size) {
+    if (size > arena_bytes / 2)
+        return nullptr;
+    std::size_t const wanted = size == 0 ? 1 : size;
+    char* block = nullptr;
+    if (reuse_at_once)
+        for (freed_size& each : lists_.value.reusable)
+            if (each.size == rounded(wanted) && !each.blocks.empty()) {
+                block = each.blocks.back();
+                each.blocks.pop_back();
+                break;
+            }
+    if (block == nullptr) {
+        std::size_t const cut = sizeof(header) + rounded(wanted) + granule;
+        if (now.used + cut > arena_bytes)
+            return nullptr;
+        block = memory().base + now.used + sizeof(header);
+        now.used += cut;
+    }
+    header_of(block) = header{wanted, wanted ^ magic};
+    std::memset(block, fresh, wanted);
+    std::memset(block + wanted, guard,
+                static_cast<std::size_t>(end_of(block, wanted) - block) - wanted);
+    mark(block, wanted, true);
+    ++now.blocks;
+    now.bytes += wanted;
+    return block;
+}
+
+bool contains(void const volatile* address) {
+    auto const at = reinterpret_cast<std::uintptr_t>(address);
+    auto const base = reinterpret_cast<std::uintptr_t>(memory().base);
+    return at >= base && at < base + arena_bytes;
+}
+
+bool is_stray(void const volatile* address) {
+    return contains(address) && memory().in_use[index(address)] == 0;
+}
+
+std::size_t const* size(void* block) {
+    if (!contains(block) || memory().in_use[index(block)] != 2)
+        return nullptr;
+    return &header_of(static_cast<char*>(block)).size;
+}
+
+char const* deallocate(void* freed_memory) {
+    auto const block = static_cast<char*>(freed_memory);
+    if (!contains(block) || reinterpret_cast<std::uintptr_t>(block) % granule != 0)
+        return "free of an address that is not of the heap";
+    if (memory().in_use[index(block)] != 2)
+        return "free of what is not a block in use";
+    header& about = header_of(block);
+    if ((about.size ^ magic) != about.check)
+        return "a block was written before its start";
+    if (!filled(block + about.size, end_of(block, about.size), guard))
+        return "a block was written beyond its end";
+    --now.blocks;
+    now.bytes -= about.size;
+    mark(block, about.size, false);
+    std::memset(block, freed, rounded(about.size));
+    if (!reuse_at_once) {
+        lists_.value.quarantine.push_back(&about);
+        return nullptr;
+    }
+    for (freed_size& each : lists_.value.reusable)
+        if (each.size == rounded(about.size)) {
+            each.blocks.push_back(block);
+            return nullptr;
+        }
+    lists_.value.reusable.push_back({rounded(about.size), {block}});
+    return nullptr;
+}
+
+unsigned int blocks() {
+    return now.blocks;
+}
+
+std::size_t bytes() {
+    return now.bytes;
+}
+
+void reuse(bool at_once) {
+    reuse_at_once = at_once;
+}
+
+char const* damage() {
+    for (header* const each : lists_.value.quarantine) {
+        auto const block = reinterpret_cast<char*>(each + 1);
+        if ((each->size ^ magic) != each->check)
+            return "a block was written before its start";
+        char const* const end = block + rounded(each->size);
+        // Equal to its own successor throughout: a fast comparison of a pattern.
+        if (static_cast<unsigned char>(*block) != freed ||
+            std::memcmp(block, block + 1, static_cast<std::size_t>(end - block) - 1) != 0) {
+            char const* at = block;
+            while (static_cast<unsigned char>(*at) == freed)
+                ++at;
+            std::snprintf(
+                text, sizeof text, "freed memory was written at %p, %zu bytes into a block of %zu",
+                static_cast<void const*>(at), static_cast<std::size_t>(at - block), each->size);
+            return text;
+        }
+    }
+    return nullptr;
+}
+
+void keep() {
+    kept = now;
+    lists_.value.kept_contents.assign(memory().base, memory().base + now.used);
+    lists_.value.kept_in_use.assign(memory().in_use, memory().in_use + now.used / granule);
+}
+
+void restore() {
+    std::memset(memory().in_use, 0, now.used / granule);
+    now = kept;
+    if (now.used != 0) {
+        std::memcpy(memory().base, lists_.value.kept_contents.data(),
+                    lists_.value.kept_contents.size());
+        std::memcpy(memory().in_use, lists_.value.kept_in_use.data(),
+                    lists_.value.kept_in_use.size());
+    }
+    lists_.value.reusable.clear();
+    lists_.value.quarantine.clear();
+}
+
+}  // namespace ovel::simulation::heap

@@ -1,0 +1,19 @@
+// Objects that are there before any constructor has run and after every
+// destructor has: the library's global objects are older than those of the program
+// that holds the simulated kernel, and their exit hooks run later.
+#ifndef OVEL_SIMULATION_LASTING_H
+#define OVEL_SIMULATION_LASTING_H
+
+namespace ovel::simulation {
+
+template <class T>
+union lasting {
+    constexpr lasting() : value() {}
+    ~lasting() {}
+
+    T value;
+};
+
+}  // namespace ovel::simulation
+
+#endif

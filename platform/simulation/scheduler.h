@@ -1,0 +1,118 @@
+// What the simulated kernel services need of the scheduler.
+#ifndef OVEL_SIMULATION_SCHEDULER_H
+#define OVEL_SIMULATION_SCHEDULER_H
+
+#include "simulation.h"
+
+#include <cstdint>
+
+namespace ovel::simulation {
+
+// What a step did, for the report.
+enum class operation : unsigned char {
+    load,
+    store,
+    exchange,
+    add,
+    compare_exchange,
+    bits,
+    pause,
+    begin,
+    end,
+    sleep,
+    wait,
+    acquired,
+    timed_out,
+    post,
+    release_mutex,
+    create_semaphore,
+    create_mutex,
+    create_thread,
+    close,
+    allocate,
+    deallocate,
+    read_clock,
+    affinity,
+    tick
+};
+
+// A set of threads, by slot.
+using threads_mask = std::uint64_t;
+
+inline constexpr std::uint64_t never = ~std::uint64_t{0};
+inline constexpr unsigned int slot_count = 64;
+inline constexpr unsigned int tls_count = 64;
+
+// A thread-local value, and the index under which it was set.
+struct tls_entry {
+    DWORD index;
+    void* value;
+};
+
+// What a service keeps for the calling thread.
+struct thread_state {
+    unsigned int number;       // from 1, in order of creation
+    unsigned int object;       // the thread's kernel object
+    unsigned int stack_bytes;  // as asked for
+    unsigned int pauses;
+    DWORD_PTR affinity;
+    unsigned int (*entry)(void*);
+    void* argument;
+    tls_entry tls[tls_count];
+};
+
+// Whether a run is under way; else the services are called while the library is
+// loaded or unloaded, by a single thread, and take effect at once.
+bool running();
+
+thread_state& current();
+
+// A point where the scheduler chooses who goes on. Returns when the calling thread
+// is to make the step. `object` is an address or, for the kernel's own objects,
+// their number.
+void point(operation what, void const volatile* object, void* caller, bool yields = false);
+void point(operation what, unsigned int object, void* caller, bool yields = false);
+
+// Records what the step found and left.
+void note(std::uint64_t found, std::uint64_t left);
+
+// Lets others run until the calling thread has been made ready or `deadline` has
+// passed, and it is chosen. Whether the deadline had passed.
+bool block(std::uint64_t deadline);
+
+threads_mask calling_thread();
+void make_ready(threads_mask threads);
+// But for those whose deadline has passed.
+void make_unready(threads_mask threads);
+
+// The clock's reading `milliseconds` from now, and later if waits end late.
+std::uint64_t deadline_after(DWORD milliseconds);
+
+// A new thread, ready to begin. False when there are too many.
+bool start_thread(thread_state const& state);
+
+// Whether a request is to be refused.
+bool refuses_memory();
+bool refuses_object();
+void count_kernel_call();
+
+// The kernel's objects, for reports and for the start and end of a run.
+void keep_objects();
+void restore_objects();
+void keep_slots();
+void restore_slots();
+void describe_object(unsigned int object, char* text, std::size_t size);
+// The end of the thread with this object.
+void end_thread(unsigned int object);
+
+// The processors, and the clock's rate; 0 MHz: not in the registry.
+struct machine {
+    unsigned int processors;
+    DWORD_PTR process_mask;
+    unsigned int megahertz;
+};
+machine& current_machine();
+
+}  // namespace ovel::simulation
+
+#endif

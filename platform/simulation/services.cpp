@@ -1,0 +1,206 @@
+// The simulated kernel services that are not about kernel objects.
+
+#include "heap.h"
+#include "kernel.h"
+#include "scheduler.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace ovel::kernel {
+
+using namespace simulation;
+
+namespace {
+
+// The slots of the process: the generation that makes an index unlike those of
+// earlier holders, odd while the slot is handed out.
+struct tls_slots {
+    unsigned int generations[tls_count];
+};
+tls_slots slots, kept_slots;
+
+DWORD index_of(unsigned int slot) {
+    return slots.generations[slot] * tls_count + slot;
+}
+
+bool in_use(DWORD index) {
+    return index_of(index % tls_count) == index && (slots.generations[index % tls_count] & 1) != 0;
+}
+
+}  // namespace
+
+}  // namespace ovel::kernel
+
+namespace ovel::simulation {
+
+void keep_slots() {
+    kernel::kept_slots = kernel::slots;
+}
+
+void restore_slots() {
+    kernel::slots = kernel::kept_slots;
+}
+
+}  // namespace ovel::simulation
+
+namespace ovel::kernel {
+
+DWORD TlsAlloc() {
+    for (unsigned int slot = 0; slot != tls_count; ++slot)
+        if ((slots.generations[slot] & 1) == 0) {
+            ++slots.generations[slot];
+            return index_of(slot);
+        }
+    return TLS_OUT_OF_INDEXES;
+}
+
+BOOL TlsFree(DWORD index) {
+    if (!in_use(index))
+        return 0;
+    ++slots.generations[index % tls_count];
+    return 1;
+}
+
+// What only the calling thread sees is no scheduling point.
+void* TlsGetValue(DWORD index) {
+    tls_entry const& entry = current().tls[index % tls_count];
+    return entry.index == index && in_use(index) ? entry.value : nullptr;
+}
+
+BOOL TlsSetValue(DWORD index, void* value) {
+    if (!in_use(index))
+        return 0;
+    current().tls[index % tls_count] = {index, value};
+    return 1;
+}
+
+void YieldProcessor() {
+    ++current().pauses;
+    point(operation::pause, nullptr, __builtin_return_address(0), true);
+}
+
+unsigned long GetCurrentThreadId() {
+    return current().number * 4UL;
+}
+
+unsigned long GetCurrentProcessId() {
+    return 4242;
+}
+
+HANDLE GetCurrentThread() {
+    return reinterpret_cast<HANDLE>(std::uintptr_t{0} - 2);
+}
+
+HANDLE GetCurrentProcess() {
+    return reinterpret_cast<HANDLE>(std::uintptr_t{0} - 1);
+}
+
+void Sleep(DWORD milliseconds) {
+    point(operation::sleep, nullptr, __builtin_return_address(0), true);
+    note(milliseconds, 0);
+    if (milliseconds != 0)
+        while (!block(deadline_after(milliseconds))) {}
+}
+
+void GetSystemInfo(SYSTEM_INFO* information) {
+    information->dwNumberOfProcessors = current_machine().processors;
+}
+
+namespace {
+
+DWORD_PTR system_mask() {
+    return (DWORD_PTR{1} << current_machine().processors) - 1;
+}
+
+}  // namespace
+
+BOOL GetProcessAffinityMask(HANDLE process, DWORD_PTR* process_mask, DWORD_PTR* all) {
+    if (process != GetCurrentProcess())
+        return 0;
+    *process_mask = current_machine().process_mask;
+    *all = system_mask();
+    return 1;
+}
+
+BOOL SetProcessAffinityMask(HANDLE process, DWORD_PTR mask) {
+    point(operation::affinity, nullptr, __builtin_return_address(0));
+    if (process != GetCurrentProcess() || mask == 0 || (mask & ~system_mask()) != 0)
+        return 0;
+    current_machine().process_mask = mask;
+    current().affinity = mask;
+    return 1;
+}
+
+DWORD_PTR SetThreadAffinityMask(HANDLE thread, DWORD_PTR mask) {
+    if (thread != GetCurrentThread() || mask == 0 || (mask & ~current_machine().process_mask) != 0)
+        return 0;
+    return std::exchange(current().affinity, mask);
+}
+
+// The registry holds one value.
+
+LONG RegOpenKeyExA(HKEY, char const* key, DWORD, DWORD, HKEY* result) {
+    if (current_machine().megahertz == 0 ||
+        std::strcmp(key, "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0") != 0)
+        return 2;
+    *result = reinterpret_cast<HKEY>(std::uintptr_t{8});
+    return ERROR_SUCCESS;
+}
+
+LONG RegQueryValueExA(HKEY, char const* value, DWORD*, DWORD*, unsigned char* data, DWORD* size) {
+    if (std::strcmp(value, "~MHz") != 0 || *size < sizeof(DWORD))
+        return 2;
+    std::memcpy(data, &current_machine().megahertz, sizeof(DWORD));
+    *size = sizeof(DWORD);
+    return ERROR_SUCCESS;
+}
+
+LONG RegCloseKey(HKEY) {
+    return ERROR_SUCCESS;
+}
+
+char* _ui64toa(std::uint64_t value, char* text, int radix) {
+    auto const base = static_cast<unsigned int>(radix);
+    char* end = text;
+    do {
+        *end++ = "0123456789abcdef"[value % base];
+        value /= base;
+    } while (value != 0);
+    *end = '\0';
+    std::reverse(text, end);
+    return text;
+}
+
+char* _ultoa(unsigned long value, char* text, int radix) {
+    return _ui64toa(value, text, radix);
+}
+
+void* malloc(std::size_t size) {
+    point(operation::allocate, nullptr, __builtin_return_address(0));
+    note(size, 0);
+    return refuses_memory() ? nullptr : heap::allocate(size);
+}
+
+void free(void* memory) {
+    point(operation::deallocate, memory, __builtin_return_address(0));
+    if (memory == nullptr)
+        return;
+    if (char const* const fault = heap::deallocate(memory))
+        fail("%s (%p)", fault, memory);
+}
+
+std::size_t _msize(void* memory) {
+    std::size_t const* const size = heap::size(memory);
+    if (size == nullptr)
+        fail("_msize of what is not a block in use (%p)", memory);
+    return *size;
+}
+
+std::uint64_t __rdtsc() {
+    point(operation::read_clock, nullptr, __builtin_return_address(0));
+    unsigned int const megahertz = current_machine().megahertz;
+    return nanoseconds() * (megahertz == 0 ? 2000 : megahertz) / 1000;
+}
+
+}  // namespace ovel::kernel

@@ -1,0 +1,315 @@
+// Runs the scenarios under as many schedules as the time allows, or one schedule
+// again.
+
+#include "scenarios.h"
+
+#include <sys/personality.h>
+#include <unistd.h>
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace ovel::simulation {
+
+std::vector<scenario>& scenarios() {
+    static std::vector<scenario> all;
+    return all;
+}
+
+std::vector<pinned>& pinned_schedules() {
+    static std::vector<pinned> all;
+    return all;
+}
+
+namespace {
+
+constexpr char usage[] =
+    "usage: simulation_test [OPTION]...\n"
+    "  --seconds S      time for all scenarios together (60)\n"
+    "  --scenario NAME  only those whose name begins so\n"
+    "  --strategy HOW   only random, sticky, priorities or choices\n"
+    "  --first-seed N   the first of the seeds (1)\n"
+    "  --list           names the scenarios\n"
+    "one schedule again, as a failure prints it:\n"
+    "  --scenario NAME --variant V --strategy HOW --seed N\n"
+    "  --scenario NAME --variant V --strategy choices --choices POINT:ALTERNATIVE,...\n"
+    "  --steps N        shows so many of its last steps (60)\n";
+
+using timer = std::chrono::steady_clock;
+
+// Hashes seen, in a table of their own: it must hold many millions.
+class distinct {
+public:
+    void insert(std::uint64_t hash) {
+        if (_count * 2 >= _table.size())
+            _grow();
+        _insert(hash | 1);
+    }
+    std::size_t count() const {
+        return _count;
+    }
+
+private:
+    void _insert(std::uint64_t hash) {
+        std::size_t at = hash >> _shift;
+        while (_table[at] != 0 && _table[at] != hash)
+            at = (at + 1) & (_table.size() - 1);
+        _count += _table[at] == 0;
+        _table[at] = hash;
+    }
+    void _grow() {
+        std::vector<std::uint64_t> old(_table.empty() ? 1 << 12 : _table.size() * 2);
+        old.swap(_table);
+        _shift = 64;
+        for (std::size_t size = _table.size(); size != 1; size /= 2)
+            --_shift;
+        _count = 0;
+        for (std::uint64_t const hash : old)
+            if (hash != 0)
+                _insert(hash);
+    }
+
+    std::vector<std::uint64_t> _table;
+    std::size_t _count = 0;
+    unsigned int _shift = 0;
+};
+
+struct options {
+    double seconds = 60;
+    std::string_view scenario;
+    std::optional<strategy> only;
+    std::optional<std::uint64_t> seed;
+    std::uint64_t first_seed = 1;
+    unsigned int variant = 0;
+    std::vector<deviation> choices;
+    bool replay = false;
+    unsigned int steps = 60;
+};
+
+struct tally {
+    std::uint64_t schedules = 0;
+    std::uint64_t reported = 0;
+    std::uint64_t steps = 0;
+    distinct interleavings;
+};
+
+void print_failure(scenario const& program, schedule const& when, outcome const& found,
+                   tally const& before) {
+    std::printf("\nFAILED %s: %s\n", program.name, found.failure.c_str());
+    std::printf("%s", found.report.c_str());
+    std::printf("schedules before: %llu\nreplay: %s\n",
+                static_cast<unsigned long long>(before.schedules),
+                replay_line(program, when).c_str());
+    std::fflush(stdout);
+}
+
+// Whether it passed.
+bool try_one(scenario const& program, schedule const& when, outcome const& result, tally& all) {
+    if (!result.passed) {
+        // Once more, to see its steps.
+        outcome const again = run(program, when);
+        if (again.failure != result.failure)
+            std::printf("\nNOT THE SAME WHEN RUN AGAIN: %s\n", again.failure.c_str());
+        print_failure(program, when, result.report.empty() ? again : result, all);
+        if (!again.report.empty() && result.report.find("last steps") == std::string::npos)
+            std::printf("%s", again.report.c_str());
+        return false;
+    }
+    ++all.schedules;
+    all.reported += result.reported;
+    all.steps += result.steps;
+    all.interleavings.insert(result.interleaving);
+    return true;
+}
+
+bool try_pinned(scenario const& program, tally& all) {
+    for (pinned const& each : pinned_schedules())
+        if (std::strcmp(each.scenario, program.name) == 0 &&
+            !try_one(program, each.when, run(program, each.when, 0), all))
+            return false;
+    return true;
+}
+
+// The schedules with few preemptions, all variants in turn; whether none failed.
+// `complete` tells whether they were all run before `end`.
+bool try_walks(scenario const& program, timer::time_point end, tally& all, bool& complete) {
+    std::vector<walk> walks;
+    for (unsigned int variant = 0; variant != program.variants; ++variant)
+        walks.emplace_back(program, variant);
+    complete = false;
+    while (!complete) {
+        complete = true;
+        for (walk& each : walks)
+            for (int some = 0; some != 100 && !each.done(); ++some) {
+                outcome const result = each.next();
+                if (!try_one(program, each.last(), result, all))
+                    return false;
+            }
+        for (walk const& each : walks)
+            complete = complete && each.done();
+        if (timer::now() >= end)
+            break;
+    }
+    return true;
+}
+
+bool try_drawn(scenario const& program, options const& asked, timer::time_point end, tally& all) {
+    constexpr strategy drawn[] = {strategy::random, strategy::priorities, strategy::sticky,
+                                  strategy::priorities};
+    for (std::uint64_t seed = asked.first_seed; timer::now() < end; ++seed)
+        for (unsigned int variant = 0; variant != program.variants; ++variant) {
+            schedule const when = {.how = asked.only.value_or(drawn[(seed + variant) % 4]),
+                                   .variant = variant,
+                                   .seed = seed};
+            if (!try_one(program, when, run(program, when, 0), all))
+                return false;
+        }
+    return true;
+}
+
+bool explore(scenario const& program, options const& asked, double seconds) {
+    auto const start = timer::now();
+    auto const after = [start](double wait) {
+        return start +
+               std::chrono::duration_cast<timer::duration>(std::chrono::duration<double>(wait));
+    };
+    tally all;
+    bool complete = false;
+    bool passed = try_pinned(program, all);
+    if (passed && program.exhaustive && asked.only.value_or(strategy::choices) == strategy::choices)
+        passed = try_walks(program, after(asked.only ? seconds : seconds * 0.6), all, complete);
+    if (passed && asked.only != strategy::choices)
+        passed = try_drawn(program, asked, after(seconds), all);
+    if (!passed)
+        return false;
+    std::printf("%-44s %10llu %10zu %7.0f%s", program.name,
+                static_cast<unsigned long long>(all.schedules), all.interleavings.count(),
+                static_cast<double>(all.steps) /
+                    static_cast<double>(std::max<std::uint64_t>(1, all.schedules)),
+                complete ? "  every schedule with 2 preemptions" : "");
+    if (all.reported != 0)
+        std::printf("  %llu reported", static_cast<unsigned long long>(all.reported));
+    std::printf("\n");
+    std::fflush(stdout);
+    return true;
+}
+
+int replay(scenario const& program, options const& asked) {
+    schedule when = {.how = asked.only.value_or(strategy::random),
+                     .variant = asked.variant,
+                     .seed = asked.seed.value_or(0),
+                     .deviations = asked.choices};
+    outcome const result = run(program, when, asked.steps);
+    std::printf("%s %s after %u steps%s%s\n%s", program.name, result.passed ? "passed" : "FAILED",
+                result.steps, result.passed ? "" : ": ", result.failure.c_str(),
+                result.report.c_str());
+    return result.passed ? 0 : 1;
+}
+
+bool parse_choices(char const* text, std::vector<deviation>& choices) {
+    while (*text != '\0') {
+        deviation each{};
+        int read = 0;
+        if (std::sscanf(text, "%u:%u%n", &each.point, &each.alternative, &read) != 2)
+            return false;
+        choices.push_back(each);
+        text += read;
+        text += *text == ',';
+    }
+    return true;
+}
+
+int main(int count, char** arguments) {
+    options asked;
+    bool list = false;
+    for (int each = 1; each != count; ++each) {
+        std::string_view const option = arguments[each];
+        if (option == "--list") {
+            list = true;
+            continue;
+        }
+        if (each + 1 == count) {
+            std::fputs(usage, stderr);
+            return 2;
+        }
+        char const* const value = arguments[++each];
+        bool good = true;
+        if (option == "--seconds") {
+            asked.seconds = std::atof(value);
+        } else if (option == "--scenario") {
+            asked.scenario = value;
+        } else if (option == "--strategy") {
+            for (strategy const how :
+                 {strategy::random, strategy::sticky, strategy::priorities, strategy::choices})
+                if (std::strcmp(value, name(how)) == 0)
+                    asked.only = how;
+            good = asked.only.has_value();
+        } else if (option == "--first-seed") {
+            asked.first_seed = std::strtoull(value, nullptr, 10);
+        } else if (option == "--seed") {
+            asked.seed = std::strtoull(value, nullptr, 10);
+            asked.replay = true;
+        } else if (option == "--choices") {
+            good = parse_choices(value, asked.choices);
+            asked.only = strategy::choices;
+            asked.replay = true;
+        } else if (option == "--variant") {
+            asked.variant = static_cast<unsigned int>(std::atoi(value));
+        } else if (option == "--steps") {
+            asked.steps = static_cast<unsigned int>(std::atoi(value));
+        } else {
+            good = false;
+        }
+        if (!good) {
+            std::fputs(usage, stderr);
+            return 2;
+        }
+    }
+
+    std::vector<scenario> chosen;
+    for (scenario const& each : scenarios())
+        if (asked.replay ? asked.scenario == each.name
+                         : std::string_view(each.name).starts_with(asked.scenario))
+            chosen.push_back(each);
+    std::sort(chosen.begin(), chosen.end(), [](scenario const& one, scenario const& other) {
+        return std::strcmp(one.name, other.name) < 0;
+    });
+    if (list) {
+        for (scenario const& each : chosen)
+            std::printf("%s\n", each.name);
+        return 0;
+    }
+    if (chosen.empty()) {
+        std::fprintf(stderr, "no scenario has this name\n");
+        return 2;
+    }
+    if (asked.replay)
+        return replay(chosen.front(), asked);
+
+    std::printf("%-44s %10s %10s %7s\n", "scenario", "schedules", "distinct", "steps");
+    for (scenario const& each : chosen)
+        if (!explore(each, asked, asked.seconds / static_cast<double>(chosen.size())))
+            return 1;
+    return 0;
+}
+
+}  // namespace
+
+}  // namespace ovel::simulation
+
+int main(int count, char** arguments) {
+    // At the same addresses in every process, so that a run is the same although
+    // the program under test should look at an address.
+    if ((personality(0xffffffff) & ADDR_NO_RANDOMIZE) == 0 && personality(ADDR_NO_RANDOMIZE) != -1)
+        execv("/proc/self/exe", arguments);
+    int const result = ovel::simulation::main(count, arguments);
+    std::fflush(stdout);
+    // The library's state is that of the last run, which its exit hooks must not
+    // see.
+    _exit(result);
+}

@@ -1,0 +1,31 @@
+// The list of scenarios, to which each file of them adds its own at load.
+#ifndef OVEL_TESTS_SIMULATION_SCENARIOS_H
+#define OVEL_TESTS_SIMULATION_SCENARIOS_H
+
+#include "simulation/simulation.h"
+
+#include <vector>
+
+namespace ovel::simulation {
+
+std::vector<scenario>& scenarios();
+
+// A schedule that once found a fault of the library, run before all others.
+struct pinned {
+    char const* scenario;
+    schedule when;
+};
+std::vector<pinned>& pinned_schedules();
+
+struct registration {
+    explicit registration(scenario const& added) {
+        scenarios().push_back(added);
+    }
+    explicit registration(pinned const& added) {
+        pinned_schedules().push_back(added);
+    }
+};
+
+}  // namespace ovel::simulation
+
+#endif
