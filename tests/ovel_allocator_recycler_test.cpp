@@ -1,0 +1,120 @@
+// The recycler: what it gives back on request, and its thread.
+
+#include "ovel_allocator_recycler.h"
+
+#include "ovel_allocator.h"
+#include "ovel_allocator_group.h"
+#include "ovel_allocator_support.h"
+#include "ovel_thread_support.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <vector>
+
+using namespace ovel;
+
+struct ovel::detail::inspector {
+    static allocator& reservoir() {
+        return *allocator_group::global()->global_allocator();
+    }
+    static std::size_t capacity() {
+        return reservoir()._capacity;
+    }
+    static std::size_t minimum_capacity() {
+        return reservoir()._minimum_capacity;
+    }
+    static std::size_t first_capacity() {
+        return reservoir()._empty._next->_capacity;
+    }
+    static std::size_t chunks() {
+        std::size_t count = 0;
+        chunk const& ring = reservoir()._empty;
+        for (chunk const* each = ring._next; each != &ring; each = each->_next)
+            ++count;
+        return count;
+    }
+    static double thread_period() {
+        return allocator_recycler::_global._function._period;
+    }
+    static double period() {
+        return allocator_recycler::_global._period;
+    }
+};
+
+namespace {
+
+using detail::inspector;
+
+// Brings the reservoir to `chunks` chunks at least, all of one class.
+void fill(std::size_t chunks) {
+    std::vector<void*> blocks;
+    for (std::size_t i = 0; i != (chunks + 40) * 15; ++i)
+        blocks.push_back(allocator_support::allocate(4000));
+    for (void* block : blocks)
+        allocator_support::deallocate(block);
+}
+
+TEST(recycler_test, a_fraction_of_the_capacity_leaves_down_to_about_a_mebibyte) {
+    allocator_recycler& recycler = *allocator_recycler::global();
+    fill(60);
+    std::size_t const chunks = inspector::chunks();
+    ASSERT_GE(chunks, 60u);
+    std::size_t const capacity = inspector::capacity();
+    std::size_t const each = inspector::first_capacity();
+    ASSERT_EQ(capacity, chunks * each);
+
+    // As many whole chunks as the rounded share has room for.
+    auto const expected = static_cast<std::size_t>(std::nearbyint(0.3 * double(capacity))) / each;
+    recycler.recycle_capacity(0.3);
+    EXPECT_EQ(inspector::chunks(), chunks - expected);
+
+    for (double none : {0.0, -1.0, std::numeric_limits<double>::quiet_NaN()})
+        recycler.recycle_capacity(none);
+    EXPECT_EQ(inspector::chunks(), chunks - expected);
+
+    recycler.recycle_capacity(7.0);
+    EXPECT_LT(inspector::capacity(), 1048579u);
+    EXPECT_GE(inspector::capacity() + each, 1048579u);
+}
+
+TEST(recycler_test, only_what_lay_idle_since_the_last_time_counts_as_minimum) {
+    allocator_recycler& recycler = *allocator_recycler::global();
+    recycler.recycle_capacity(1.0);
+    recycler.recycle_minimum_capacity(1.0);
+    std::size_t const low = inspector::capacity();
+    EXPECT_EQ(inspector::minimum_capacity(), low);
+
+    // What has come in since does not leave: at most the low-water mark does.
+    fill(60);
+    std::size_t const full = inspector::capacity();
+    ASSERT_GT(full, 2 * low);
+    recycler.recycle_minimum_capacity(1.0);
+    EXPECT_GE(inspector::capacity(), full - low);
+    EXPECT_EQ(inspector::minimum_capacity(), inspector::capacity());
+
+    // A period later it has lain idle.
+    recycler.recycle_minimum_capacity(1.0);
+    EXPECT_LT(inspector::capacity(), 1048579u);
+}
+
+// The exit of this process joins the thread.
+TEST(recycler_test, the_thread_starts_once_keeps_its_period_and_recycles_by_itself) {
+    allocator_recycler& recycler = *allocator_recycler::global();
+    fill(60);
+    recycler.recycle_minimum_capacity(0.0);
+    std::size_t const before = inspector::capacity();
+    recycler.release(0.5);
+    EXPECT_EQ(inspector::thread_period(), 1.0);
+    recycler.release(20.0);
+    EXPECT_EQ(inspector::period(), 20.0);
+    EXPECT_EQ(inspector::thread_period(), 1.0);
+    recycler.release(std::numeric_limits<double>::quiet_NaN());
+    EXPECT_EQ(inspector::period(), 1.0);
+    // Threads that start take a chunk or two; a recycling takes three tenths.
+    while (inspector::capacity() > before / 4 * 3)
+        thread_support::yield();
+}
+
+}  // namespace
