@@ -1,0 +1,43 @@
+#include "linux/futex_word.h"
+
+#include <cerrno>
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace ovel::detail {
+
+deadline::deadline(DWORD milliseconds) : _never(milliseconds == INFINITE), _when{} {
+    if (_never)
+        return;
+    clock_gettime(CLOCK_MONOTONIC, &_when);
+    _when.tv_sec += static_cast<time_t>(milliseconds / 1000);
+    _when.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000;
+    if (_when.tv_nsec >= 1000000000) {
+        ++_when.tv_sec;
+        _when.tv_nsec -= 1000000000;
+    }
+}
+
+bool futex_wait(void const* word, std::uint32_t value, deadline const& until) {
+    // The call takes two machine words, whatever the width of this program's
+    // time_t. 32 bits are enough: they count the seconds since the machine's
+    // start, and a timeout adds 50 days at most.
+    struct {
+        long seconds;
+        long nanoseconds;
+    } const when = {static_cast<long>(until.when().tv_sec),
+                    static_cast<long>(until.when().tv_nsec)};
+    // The form with a bit set, because its timeout is a point in time: a wait that
+    // is interrupted and begun anew does not grow.
+    long const result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value,
+                                until.never() ? nullptr : &when, nullptr, FUTEX_BITSET_MATCH_ANY);
+    return result == 0 || errno != ETIMEDOUT;
+}
+
+void futex_wake(void const* word, int threads) {
+    syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, threads, nullptr, nullptr, 0);
+}
+
+}  // namespace ovel::detail

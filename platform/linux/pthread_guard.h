@@ -1,0 +1,26 @@
+// Holds one of the layer's own locks for the length of a scope.
+#ifndef OVEL_PLATFORM_LINUX_PTHREAD_GUARD_H
+#define OVEL_PLATFORM_LINUX_PTHREAD_GUARD_H
+
+#include <pthread.h>
+
+namespace ovel::detail {
+
+class pthread_guard {
+public:
+    explicit pthread_guard(pthread_mutex_t& lock) : _lock(lock) {
+        pthread_mutex_lock(&_lock);
+    }
+    ~pthread_guard() {
+        pthread_mutex_unlock(&_lock);
+    }
+    pthread_guard(pthread_guard const&) = delete;
+    pthread_guard& operator=(pthread_guard const&) = delete;
+
+private:
+    pthread_mutex_t& _lock;
+};
+
+}  // namespace ovel::detail
+
+#endif

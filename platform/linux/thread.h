@@ -1,0 +1,44 @@
+// The object behind a thread's handle.
+#ifndef OVEL_PLATFORM_LINUX_THREAD_H
+#define OVEL_PLATFORM_LINUX_THREAD_H
+
+#include "linux/object.h"
+#include "ovel_atomic.h"
+
+#include <cstdint>
+
+#include <pthread.h>
+
+namespace ovel::detail {
+
+// Held by its handle and by its thread, and freed by whichever leaves last.
+struct kernel_thread : kernel_object {
+    static constexpr object_kind own_kind = object_kind::thread;
+
+    kernel_thread(unsigned int (*entry_)(void*), void* argument_)
+        : kernel_object{own_kind}, entry(entry_), argument(argument_) {}
+
+    // Waits for the thread's end and joins it. Any number of threads may call it.
+    // False when `milliseconds` have passed before.
+    bool wait(DWORD milliseconds);
+
+    // Gives the handle up.
+    void close();
+
+    // Gives a hold up.
+    void leave();
+
+    unsigned int (*const entry)(void*);
+    void* const argument;
+    atomic<std::uint32_t> identifier = 0;  // of the thread, once it runs
+    atomic<std::uint32_t> ended = 0;       // 1 as the thread's last act
+    atomic<unsigned int> holds = 2;
+
+    pthread_t thread = {};  // by its creator, before the handle is known
+    pthread_mutex_t join_lock = PTHREAD_MUTEX_INITIALIZER;
+    bool joined = false;  // under join_lock
+};
+
+}  // namespace ovel::detail
+
+#endif

@@ -1,0 +1,136 @@
+// Thread-local slots.
+//
+// An index is the slot's number below and its generation above: how often the slot
+// has been handed out. Every entry of a thread carries the index under which it was
+// set and counts for that index only, so a slot freed and handed out again reads
+// null in every thread without anybody visiting them. A slot whose generations are
+// used up is retired, not wrapped: an old entry never comes back to life.
+
+#include "kernel.h"
+#include "linux/pthread_guard.h"
+#include "ovel_atomic.h"
+
+#include <cstdlib>
+
+#include <pthread.h>
+
+namespace ovel {
+
+namespace {
+
+constexpr DWORD slot_bits = 11;
+constexpr DWORD slot_mask = (1u << slot_bits) - 1;
+constexpr DWORD last_generation = TLS_OUT_OF_INDEXES >> slot_bits;
+constexpr DWORD near_slots = 64;   // in every thread's own table
+constexpr DWORD far_slots = 1024;  // in a block, for threads that set one of them
+constexpr DWORD slots = near_slots + far_slots;
+static_assert(slots <= slot_mask);  // TLS_OUT_OF_INDEXES names no slot
+
+struct slot {
+    // 0 when it is free. Written under the lock; read without it, to tell a stale
+    // index from the present one. Relaxed: how the index reached the reader orders.
+    detail::atomic<DWORD> index;
+    DWORD generation;  // under the lock
+};
+
+pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+constinit slot table[slots] = {};
+
+// A thread's values, and the indexes under which they were set. Initial-exec, so
+// that reading one is some loads and no call; what a thread has of such storage is
+// scarce, hence the two arrays without padding and the block for the far slots.
+template <DWORD size>
+struct entries {
+    void* values[size];
+    DWORD indexes[size];
+};
+[[gnu::tls_model("initial-exec")]] constinit thread_local entries<near_slots> near_entries = {};
+[[gnu::tls_model("initial-exec")]] constinit thread_local entries<far_slots>* far_entries = nullptr;
+
+// Its destructor frees a thread's block. Should another destructor set a far slot
+// afterwards, there is a new block, and the system comes round again.
+pthread_key_t far_key;
+bool has_far_key;  // both written once
+
+void free_far_entries(void* block) {
+    far_entries = nullptr;
+    free(block);
+}
+
+bool make_far_entries() {
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] { has_far_key = pthread_key_create(&far_key, free_far_entries) == 0; });
+    if (!has_far_key)
+        return false;
+    void* const block = std::calloc(1, sizeof(entries<far_slots>));
+    if (!block)
+        return false;
+    if (pthread_setspecific(far_key, block) != 0) {
+        free(block);
+        return false;
+    }
+    far_entries = static_cast<entries<far_slots>*>(block);
+    return true;
+}
+
+// The slot that `index` is in use for; null when it is not.
+slot* slot_in_use(DWORD index) {
+    DWORD const number = index & slot_mask;
+    bool const used = index != 0 && number < slots &&
+                      table[number].index.load(std::memory_order_relaxed) == index;
+    return used ? &table[number] : nullptr;
+}
+
+}  // namespace
+
+DWORD kernel::TlsAlloc() {
+    detail::pthread_guard const hold(lock);
+    for (DWORD number = 0; number < slots; ++number) {
+        slot& free_slot = table[number];
+        if (free_slot.index.load(std::memory_order_relaxed) != 0 ||
+            free_slot.generation == last_generation)
+            continue;
+        DWORD const index = ++free_slot.generation << slot_bits | number;
+        free_slot.index.store(index, std::memory_order_relaxed);
+        return index;
+    }
+    return TLS_OUT_OF_INDEXES;
+}
+
+BOOL kernel::TlsFree(DWORD index) {
+    detail::pthread_guard const hold(lock);
+    slot* const used = slot_in_use(index);
+    if (!used)
+        return 0;
+    used->index.store(0, std::memory_order_relaxed);
+    return 1;
+}
+
+void* kernel::TlsGetValue(DWORD index) {
+    DWORD const number = index & slot_mask;
+    if (number < near_slots)
+        return near_entries.indexes[number] == index ? near_entries.values[number] : nullptr;
+    DWORD const far_number = number - near_slots;
+    if (far_number >= far_slots || !far_entries)
+        return nullptr;
+    return far_entries->indexes[far_number] == index ? far_entries->values[far_number] : nullptr;
+}
+
+BOOL kernel::TlsSetValue(DWORD index, void* value) {
+    // A stale index must not push the present holder's value out.
+    if (!slot_in_use(index))
+        return 0;
+    DWORD const number = index & slot_mask;
+    if (number < near_slots) {
+        near_entries.indexes[number] = index;
+        near_entries.values[number] = value;
+        return 1;
+    }
+    if (!far_entries && !make_far_entries())
+        return 0;
+    far_entries->indexes[number - near_slots] = index;
+    far_entries->values[number - near_slots] = value;
+    return 1;
+}
+
+}  // namespace ovel

@@ -1,0 +1,80 @@
+// Every change is a compare-and-exchange, so there is one order of them. Taking a
+// unit acquires and posting one releases; changes in between are read-modify-write
+// operations, which carry a release on. Becoming a sleeper needs no order of its
+// own: the kernel compares the units again, under its lock, before it puts a thread
+// to sleep, and a post that comes later sees the sleeper in the word.
+
+#include "linux/units.h"
+
+#include "linux/futex_word.h"
+#include "linux/processors.h"
+
+namespace ovel::detail {
+
+// Takes a unit if there is one, and changes the caller's place along with it. True
+// when there was one.
+bool units::_step(place found, place missed) {
+    word now = _word.load(std::memory_order_relaxed);
+    for (;;) {
+        bool const has = now.available != 0;
+        if (!has && missed == place::keep)
+            return false;
+        word const next = {now.available - has,
+                           now.asleep + static_cast<std::uint32_t>(has ? found : missed)};
+        if (_word.compare_exchange_weak(now, next, std::memory_order_acquire,
+                                        std::memory_order_relaxed))
+            return has;
+    }
+}
+
+// Looks for a unit for about as long as going to sleep and being woken would take.
+// In vain with one processor, where nobody can post meanwhile.
+bool units::_poll() {
+    // 1 to 4 us at the rates that time-stamp counters have. A counter that goes
+    // back, on another processor, ends the poll too.
+    constexpr std::uint64_t ticks = 5000;
+    if (one_processor())
+        return false;
+    std::uint64_t const start = __rdtsc();
+    do {
+        YieldProcessor();
+        if (_step(place::keep, place::keep))
+            return true;
+    } while (__rdtsc() - start < ticks);
+    return false;
+}
+
+bool units::take(DWORD milliseconds) {
+    if (_step(place::keep, place::keep))
+        return true;
+    if (milliseconds == 0)
+        return false;
+    deadline const until(milliseconds);
+    if (_poll() || _step(place::keep, place::enter))
+        return true;
+    while (futex_wait(&_word, 0, until)) {
+        if (_step(place::leave, place::keep))
+            return true;
+    }
+    // A unit posted while the time ran out is taken all the same: its wake-up may
+    // have been this thread's.
+    return _step(place::leave, place::leave);
+}
+
+bool units::post(LONG count, LONG maximum) {
+    auto const more = static_cast<std::uint32_t>(count);
+    word now = _word.load(std::memory_order_relaxed);
+    do {
+        if (more > static_cast<std::uint32_t>(maximum) - now.available)
+            return false;
+    } while (!_word.compare_exchange_weak(now, word{now.available + more, now.asleep},
+                                          std::memory_order_release, std::memory_order_relaxed));
+    // The units are visible, and this object may end at any moment. Its address
+    // still names the queue of those who sleep on it; should another object have
+    // taken its place, sleepers there look again and sleep on.
+    if (now.asleep != 0)
+        futex_wake(&_word, count);
+    return true;
+}
+
+}  // namespace ovel::detail
