@@ -41,6 +41,10 @@ std::uint64_t as_bits(T const& value) {
 
 }  // namespace ovel::simulation
 
+// Inlined whatever the optimisation, so that a report names the function that made
+// the access.
+#define OVEL_SIMULATION_INLINE [[gnu::always_inline]]
+
 namespace ovel::detail {
 
 template <class T>
@@ -57,27 +61,29 @@ public:
     atomic(atomic const&) = delete;
     atomic& operator=(atomic const&) = delete;
 
-    T load(std::memory_order = std::memory_order_seq_cst) const noexcept {
+    OVEL_SIMULATION_INLINE T load(std::memory_order = std::memory_order_seq_cst) const noexcept {
         simulation::before_access(simulation::access::load, &_value);
         simulation::after_access(simulation::as_bits(_value), simulation::as_bits(_value));
         return _value;
     }
 
-    void store(T value, std::memory_order = std::memory_order_seq_cst) noexcept {
+    OVEL_SIMULATION_INLINE void store(T value,
+                                      std::memory_order = std::memory_order_seq_cst) noexcept {
         _replace(simulation::access::store, [&](T) { return value; });
     }
 
-    T exchange(T value, std::memory_order = std::memory_order_seq_cst) noexcept {
+    OVEL_SIMULATION_INLINE T exchange(T value,
+                                      std::memory_order = std::memory_order_seq_cst) noexcept {
         return _replace(simulation::access::exchange, [&](T) { return value; });
     }
 
-    bool compare_exchange_strong(T& expected, T desired, std::memory_order,
-                                 std::memory_order) noexcept {
+    OVEL_SIMULATION_INLINE bool compare_exchange_strong(T& expected, T desired, std::memory_order,
+                                                        std::memory_order) noexcept {
         return compare_exchange_strong(expected, desired);
     }
 
-    bool compare_exchange_strong(T& expected, T desired,
-                                 std::memory_order = std::memory_order_seq_cst) noexcept {
+    OVEL_SIMULATION_INLINE bool compare_exchange_strong(
+        T& expected, T desired, std::memory_order = std::memory_order_seq_cst) noexcept {
         bool equal = false;
         T const found = _replace(simulation::access::compare_exchange, [&](T value) {
             equal = std::memcmp(&value, &expected, sizeof(T)) == 0;
@@ -88,13 +94,13 @@ public:
         return equal;
     }
 
-    bool compare_exchange_weak(T& expected, T desired, std::memory_order,
-                               std::memory_order) noexcept {
+    OVEL_SIMULATION_INLINE bool compare_exchange_weak(T& expected, T desired, std::memory_order,
+                                                      std::memory_order) noexcept {
         return compare_exchange_weak(expected, desired);
     }
 
-    bool compare_exchange_weak(T& expected, T desired,
-                               std::memory_order = std::memory_order_seq_cst) noexcept {
+    OVEL_SIMULATION_INLINE bool compare_exchange_weak(
+        T& expected, T desired, std::memory_order = std::memory_order_seq_cst) noexcept {
         if (simulation::spurious_failure()) {
             expected = load();
             return false;
@@ -102,47 +108,51 @@ public:
         return compare_exchange_strong(expected, desired);
     }
 
-    T fetch_add(difference value, std::memory_order = std::memory_order_seq_cst) noexcept {
+    OVEL_SIMULATION_INLINE T fetch_add(difference value,
+                                       std::memory_order = std::memory_order_seq_cst) noexcept {
         return _replace(simulation::access::add, [&](T old) { return _sum(old, value); });
     }
 
-    T fetch_sub(difference value, std::memory_order = std::memory_order_seq_cst) noexcept {
+    OVEL_SIMULATION_INLINE T fetch_sub(difference value,
+                                       std::memory_order = std::memory_order_seq_cst) noexcept {
         return _replace(simulation::access::add, [&](T old) { return _difference(old, value); });
     }
 
-    T fetch_and(T value, std::memory_order = std::memory_order_seq_cst) noexcept {
+    OVEL_SIMULATION_INLINE T fetch_and(T value,
+                                       std::memory_order = std::memory_order_seq_cst) noexcept {
         return _replace(simulation::access::bits,
                         [&](T old) { return static_cast<T>(old & value); });
     }
 
-    T fetch_or(T value, std::memory_order = std::memory_order_seq_cst) noexcept {
+    OVEL_SIMULATION_INLINE T fetch_or(T value,
+                                      std::memory_order = std::memory_order_seq_cst) noexcept {
         return _replace(simulation::access::bits,
                         [&](T old) { return static_cast<T>(old | value); });
     }
 
-    operator T() const noexcept {
+    OVEL_SIMULATION_INLINE operator T() const noexcept {
         return load();
     }
-    T operator=(T value) noexcept {
+    OVEL_SIMULATION_INLINE T operator=(T value) noexcept {
         store(value);
         return value;
     }
-    T operator++() noexcept {
+    OVEL_SIMULATION_INLINE T operator++() noexcept {
         return _sum(fetch_add(1), 1);
     }
-    T operator++(int) noexcept {
+    OVEL_SIMULATION_INLINE T operator++(int) noexcept {
         return fetch_add(1);
     }
-    T operator--() noexcept {
+    OVEL_SIMULATION_INLINE T operator--() noexcept {
         return _difference(fetch_sub(1), 1);
     }
-    T operator--(int) noexcept {
+    OVEL_SIMULATION_INLINE T operator--(int) noexcept {
         return fetch_sub(1);
     }
-    T operator+=(difference value) noexcept {
+    OVEL_SIMULATION_INLINE T operator+=(difference value) noexcept {
         return _sum(fetch_add(value), value);
     }
-    T operator-=(difference value) noexcept {
+    OVEL_SIMULATION_INLINE T operator-=(difference value) noexcept {
         return _difference(fetch_sub(value), value);
     }
 
@@ -164,7 +174,7 @@ private:
     }
 
     template <class Change>
-    T _replace(simulation::access kind, Change const& change) {
+    OVEL_SIMULATION_INLINE T _replace(simulation::access kind, Change const& change) {
         simulation::before_access(kind, &_value);
         T const old = _value;
         _value = change(old);
@@ -181,14 +191,14 @@ class atomic_ref {
 public:
     explicit atomic_ref(T volatile& word) : _word(word) {}
 
-    T load(std::memory_order) const {
+    OVEL_SIMULATION_INLINE T load(std::memory_order) const {
         simulation::before_access(simulation::access::load, &_word);
         T const value = _word;
         simulation::after_access(simulation::as_bits(value), simulation::as_bits(value));
         return value;
     }
 
-    void store(T value, std::memory_order) const {
+    OVEL_SIMULATION_INLINE void store(T value, std::memory_order) const {
         simulation::before_access(simulation::access::store, &_word);
         T const old = _word;
         _word = value;
@@ -200,5 +210,7 @@ private:
 };
 
 }  // namespace ovel::detail
+
+#undef OVEL_SIMULATION_INLINE
 
 #endif

@@ -824,6 +824,7 @@ void expect_failure(char const* expression) {
 void set_processors(unsigned int count, DWORD_PTR process_mask) {
     now.computer.processors = count;
     now.computer.process_mask = process_mask;
+    current().affinity = process_mask;
 }
 
 void set_clock_rate(unsigned int megahertz) {

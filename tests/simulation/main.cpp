@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -98,14 +99,43 @@ struct tally {
     distinct interleavings;
 };
 
-void print_failure(scenario const& program, schedule const& when, outcome const& found,
-                   tally const& before) {
-    std::printf("\nFAILED %s: %s\n", program.name, found.failure.c_str());
-    std::printf("%s", found.report.c_str());
-    std::printf("schedules before: %llu\nreplay: %s\n",
-                static_cast<unsigned long long>(before.schedules),
-                replay_line(program, when).c_str());
-    std::fflush(stdout);
+// Static functions have no name at run time: puts those that the debugger's tables
+// give in place of FILE+0xOFFSET in a report.
+std::string with_names(std::string const& report) {
+    std::map<std::string, std::string> names;
+    std::string text;
+    std::size_t done = 0;
+    for (std::size_t plus = report.find("+0x"); plus != std::string::npos;
+         plus = report.find("+0x", plus + 1)) {
+        std::size_t const begin = report.find_last_of(" \n", plus) + 1;
+        std::size_t const end = report.find_first_of(" \n", plus);
+        std::string const file = report.substr(begin, plus - begin);
+        if (file != "simulation_test")
+            continue;
+        std::string const offset = report.substr(plus + 1, end - plus - 1);
+        std::string& name = names[offset];
+        if (name.empty()) {
+            std::string const command = "addr2line -Cfspe /proc/" + std::to_string(getpid()) +
+                                        "/exe " + offset + " 2>/dev/null";
+            char line[1024] = "";
+            if (FILE* const answer = popen(command.c_str(), "r")) {
+                if (std::fgets(line, sizeof line, answer) == nullptr)
+                    line[0] = '\0';
+                pclose(answer);
+            }
+            name = line;
+            for (std::size_t at; (at = name.find("(anonymous namespace)::")) != std::string::npos;)
+                name.erase(at, std::strlen("(anonymous namespace)::"));
+            name.resize(std::min(name.size(), name.find_first_of("(\n")));
+            if (name.empty())
+                name = file + "+" + offset;
+        }
+        text.append(report, done, begin - done);
+        text += name;
+        done = end;
+    }
+    text.append(report, done);
+    return text;
 }
 
 // Whether it passed.
@@ -113,11 +143,12 @@ bool try_one(scenario const& program, schedule const& when, outcome const& resul
     if (!result.passed) {
         // Once more, to see its steps.
         outcome const again = run(program, when);
+        std::printf("\nFAILED %s: %s\n", program.name, result.failure.c_str());
         if (again.failure != result.failure)
-            std::printf("\nNOT THE SAME WHEN RUN AGAIN: %s\n", again.failure.c_str());
-        print_failure(program, when, result.report.empty() ? again : result, all);
-        if (!again.report.empty() && result.report.find("last steps") == std::string::npos)
-            std::printf("%s", again.report.c_str());
+            std::printf("NOT THE SAME WHEN RUN AGAIN: %s\n", again.failure.c_str());
+        std::printf("%sschedules before: %llu\nreplay: %s\n", with_names(again.report).c_str(),
+                    static_cast<unsigned long long>(all.schedules),
+                    replay_line(program, when).c_str());
         return false;
     }
     ++all.schedules;
@@ -207,7 +238,7 @@ int replay(scenario const& program, options const& asked) {
     outcome const result = run(program, when, asked.steps);
     std::printf("%s %s after %u steps%s%s\n%s", program.name, result.passed ? "passed" : "FAILED",
                 result.steps, result.passed ? "" : ": ", result.failure.c_str(),
-                result.report.c_str());
+                with_names(result.report).c_str());
     return result.passed ? 0 : 1;
 }
 

@@ -1,0 +1,290 @@
+// Conditions and barriers, with releases and deadlines racing.
+
+#include "inspector.h"
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
+#include "ovel_barrier.h"
+#include "ovel_condition.h"
+#include "ovel_mutex.h"
+#include "ovel_thread_support.h"
+#include "ovel_time.h"
+#include "scenarios.h"
+
+#include <memory>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace ovel::simulation {
+
+namespace {
+
+using detail::inspector;
+
+// Who may come back from a wait, told under the mutex. A release of all names every
+// thread that waits; a release of one allows one of those that wait then.
+class permits {
+public:
+    void wait(unsigned int thread) {
+        _waits[thread] = true;
+        _named[thread] = _allowed[thread] = false;
+    }
+    unsigned int waiting() const {
+        return static_cast<unsigned int>(_waits[0] + _waits[1] + _waits[2]);
+    }
+    void release_all() {
+        for (unsigned int each = 0; each != 3; ++each)
+            _named[each] |= std::exchange(_waits[each], false);
+        _ones = 0;
+    }
+    void release_one() {
+        for (unsigned int each = 0; each != 3; ++each)
+            _allowed[each] |= _waits[each];
+        ++_ones;
+    }
+    // `thread` came back from its wait because it was released.
+    void leave(unsigned int thread) {
+        assure(_named[thread] || (_allowed[thread] && _ones != 0));
+        if (!_named[thread])
+            --_ones;
+        _forget(thread);
+    }
+    // Or because of its deadline. A unit meant for it alone goes with it.
+    void give_up(unsigned int thread) {
+        _forget(thread);
+        if (waiting() < _ones)
+            _ones = waiting();
+    }
+
+private:
+    void _forget(unsigned int thread) {
+        _waits[thread] = _named[thread] = _allowed[thread] = false;
+    }
+
+    bool _waits[3] = {}, _named[3] = {}, _allowed[3] = {};
+    unsigned int _ones = 0;
+};
+
+template <class Mutex>
+constexpr bool is_reentrant =
+    std::is_same_v<Mutex, recursive_mutex> || std::is_same_v<Mutex, timed_recursive_mutex>;
+
+// Threads go to sleep, and each arrival is followed by one release, of one thread or
+// of all, with the mutex held or after it. So everybody wakes, and whoever wakes
+// was asleep when it was released.
+template <class Condition, class Mutex>
+void wake_all_sleepers(unsigned int spin) {
+    constexpr bool timed = std::is_same_v<Condition, timed_condition>;
+    set_default_spin(spin);
+    if (timed)
+        time::now();
+    balance();
+    {
+        Mutex lock(spin);
+        Condition changed(spin);
+        permits permitted;
+        unsigned int const sleepers = 2 + pick(2);
+        unsigned int const rounds = 1 + pick(2);
+        bool const releases_inside = pick(3) != 0;
+        HANDLE const arrived = CreateSemaphoreA(nullptr, 0, 100, nullptr);
+        auto const sleep = [&](unsigned int me, double seconds) {
+            bool released = true;
+            permitted.wait(me);
+            ReleaseSemaphore(arrived, 1, nullptr);
+            if constexpr (timed) {
+                if (seconds != 0)
+                    released = changed.timed_acquire(lock, time::then(seconds));
+                else
+                    changed.acquire(lock);
+            } else {
+                changed.acquire(lock);
+            }
+            if (!released)
+                permitted.give_up(me);
+            else if (releases_inside)
+                permitted.leave(me);
+        };
+        auto const sleep_in_rounds = [&](unsigned int me, double seconds, unsigned int depth) {
+            for (unsigned int round = 0; round != rounds; ++round) {
+                for (unsigned int each = 0; each != depth; ++each)
+                    lock.acquire();
+                sleep(me, seconds);
+                for (unsigned int each = 0; each != depth; ++each)
+                    lock.release();
+            }
+        };
+        begin();
+        {
+            std::vector<std::unique_ptr<worker>> all;
+            for (unsigned int me = 0; me != sleepers; ++me)
+                all.push_back(
+                    std::make_unique<worker>([&, me, seconds = timed && pick(3) != 0 ? 0.5 : 0.0,
+                                              depth = is_reentrant<Mutex> ? 1 + pick(2) : 1] {
+                        sleep_in_rounds(me, seconds, depth);
+                    }));
+            unsigned int const pattern = pick(16);
+            for (unsigned int each = 0; each != sleepers * rounds; ++each) {
+                bool const everybody = (pattern >> each % 4 & 1) != 0;
+                WaitForSingleObject(arrived, INFINITE);
+                lock.acquire();
+                if (everybody)
+                    permitted.release_all();
+                else
+                    permitted.release_one();
+                if (!releases_inside)
+                    lock.release();
+                if (everybody)
+                    changed.release_all();
+                else
+                    changed.release_one();
+                if (releases_inside)
+                    lock.release();
+            }
+        }
+        CloseHandle(arrived);
+        assure(inspector::is_at_rest(changed));
+        assure(lock.try_acquire());
+        lock.release();
+    }
+}
+
+constexpr void (*waits[])(unsigned int) = {
+    wake_all_sleepers<condition, mutex>,
+    wake_all_sleepers<condition, timed_mutex>,
+    wake_all_sleepers<condition, recursive_mutex>,
+    wake_all_sleepers<condition, timed_recursive_mutex>,
+    wake_all_sleepers<timed_condition, mutex>,
+    wake_all_sleepers<timed_condition, timed_mutex>,
+    wake_all_sleepers<timed_condition, recursive_mutex>,
+    wake_all_sleepers<timed_condition, timed_recursive_mutex>};
+
+registration const plain_waits({
+    .name = "condition_wakes_whom_it_released",
+    .run = [](unsigned int variant) { waits[variant / 2](variant % 2 * 2); },
+    .variants = 8,
+    .exhaustive = true,
+});
+
+registration const timed_waits({
+    .name = "condition_with_deadlines_wakes_whom_it_released",
+    .run = [](unsigned int variant) { waits[4 + variant / 2](variant % 2 * 2); },
+    .variants = 8,
+    .exhaustive = true,
+});
+
+// What a barrier's threads count together.
+struct arrivals {
+    detail::atomic<unsigned int> arrived = 0, completed = 0, last = 0, left = 0;
+
+    void leave(bool complete, bool was_last) {
+        completed += complete;
+        last += was_last;
+        assure(complete || !was_last);
+        ++left;
+    }
+};
+
+// As many threads as the capacity, and nothing that opens the barrier early: nobody
+// leaves a phase before all have arrived at it.
+template <class Barrier>
+void meet(unsigned int spin) {
+    unsigned int const capacity = 1 + pick(3);
+    unsigned int const rounds = 2;
+    Barrier gate(capacity, spin);
+    arrivals count;
+    auto const body = [&] {
+        for (unsigned int round = 1; round <= rounds; ++round) {
+            ++count.arrived;
+            bool last = false;
+            bool const complete = gate.acquire(last);
+            assure(complete);
+            assure(count.arrived >= capacity * round);
+            count.leave(complete, last);
+        }
+    };
+    begin();
+    {
+        std::vector<std::unique_ptr<worker>> others;
+        for (unsigned int each = 1; each < capacity; ++each)
+            others.push_back(std::make_unique<worker>(body));
+        body();
+    }
+    assure(count.last == rounds && count.left == capacity * rounds);
+    assure(inspector::is_open(gate));
+}
+
+registration const meetings({
+    .name = "barrier_holds_until_all_have_arrived",
+    .run =
+        [](unsigned int variant) {
+            if (variant % 2 == 0)
+                meet<barrier>(variant / 2);
+            else
+                meet<timed_barrier>(0);
+        },
+    .variants = 6,
+    .exhaustive = true,
+});
+
+// More threads than the capacity, or fewer, with releases and deadlines in between:
+// a completed phase lets exactly as many threads go as it holds, one of them the
+// last, and in the end the barrier is open and empty.
+template <class Barrier>
+void come_and_go(unsigned int spin) {
+    constexpr bool timed = std::is_same_v<Barrier, timed_barrier>;
+    set_default_spin(spin);
+    if (timed)
+        time::now();
+    balance();
+    {
+        unsigned int const capacity = 2 + pick(2);
+        unsigned int const thread_count = 2 + pick(2);
+        unsigned int const rounds = 1 + pick(2);
+        Barrier gate(capacity, spin);
+        arrivals count;
+        begin();
+        {
+            std::vector<std::unique_ptr<worker>> all;
+            for (unsigned int each = 0; each != thread_count; ++each)
+                all.push_back(std::make_unique<worker>([&, hurried = timed && pick(3) != 0] {
+                    for (unsigned int round = 0; round != rounds; ++round) {
+                        bool last = false;
+                        bool complete = false;
+                        if constexpr (timed)
+                            complete = hurried ? gate.timed_acquire(last, time::then(0.5))
+                                               : gate.acquire(last);
+                        else
+                            complete = gate.acquire(last);
+                        count.leave(complete, last);
+                    }
+                }));
+            for (unsigned int early = pick(3); early != 0; --early)
+                gate.release_all();
+            // Whoever is left at the end cannot be enough to go by themselves.
+            while (count.left != thread_count * rounds) {
+                Sleep(1000);
+                gate.release_all();
+            }
+        }
+        assure(count.completed == count.last * capacity);
+        assure(inspector::is_open(gate));
+    }
+}
+
+registration const openings({
+    .name = "barrier_can_be_opened_at_any_time",
+    .run = [](unsigned int variant) { come_and_go<barrier>(variant); },
+    .variants = 3,
+    .exhaustive = true,
+});
+
+registration const timed_openings({
+    .name = "barrier_with_deadlines_can_be_opened_at_any_time",
+    .run = [](unsigned int) { come_and_go<timed_barrier>(0); },
+    .variants = 4,
+    .exhaustive = true,
+});
+
+}  // namespace
+
+}  // namespace ovel::simulation

@@ -1,0 +1,319 @@
+// Locks: nobody is inside together, no wake-up is lost.
+
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
+#include "ovel_mutex.h"
+#include "ovel_once.h"
+#include "ovel_semaphore.h"
+#include "ovel_thread_support.h"
+#include "ovel_time.h"
+#include "scenarios.h"
+
+#include <cstdint>
+#include <memory>
+#include <type_traits>
+#include <vector>
+
+namespace ovel::simulation {
+
+namespace {
+
+template <class Lock>
+constexpr bool is_timed = requires(Lock& lock, time const& deadline) {
+    lock.timed_acquire(deadline);
+};
+
+template <class Lock>
+constexpr bool is_reentrant =
+    std::is_same_v<Lock, recursive_mutex> || std::is_same_v<Lock, timed_recursive_mutex>;
+
+template <class Lock>
+std::unique_ptr<Lock> make_lock(unsigned int spin) {
+    if constexpr (std::is_constructible_v<Lock, int, unsigned int>)
+        return std::make_unique<Lock>(1, spin);
+    else
+        return std::make_unique<Lock>(spin);
+}
+
+// Starts the time server, which stays, where deadlines will need it.
+void prepare(bool timed, unsigned int spin) {
+    set_default_spin(spin);
+    if (timed)
+        time::now();
+    balance();
+}
+
+// Takes the lock in one of the ways it offers; false when that way gave up.
+template <class Lock>
+bool take(Lock& lock, unsigned int way, double seconds) {
+    if (way == 1)
+        return lock.try_acquire();
+    if constexpr (is_timed<Lock>)
+        if (way == 2)
+            return lock.timed_acquire(time::then(seconds));
+    lock.acquire();
+    return true;
+}
+
+// Threads take one lock and look whether they are alone; whoever gave up has
+// changed nothing, so in the end it is free.
+template <class Lock>
+void exclude_each_other(unsigned int spin) {
+    prepare(is_timed<Lock>, spin);
+    {
+        auto const lock = make_lock<Lock>(spin);
+        detail::atomic<int> inside = 0;
+        unsigned int const thread_count = 2 + pick(2);
+        unsigned int const rounds = 4 - thread_count;
+        auto const body = [&](unsigned int first_way) {
+            for (unsigned int round = 0; round != rounds; ++round) {
+                if (!take(*lock, (first_way + round) % 3, 0.01))
+                    continue;
+                assure(inside.fetch_add(1) == 0);
+                if constexpr (is_reentrant<Lock>) {
+                    assure(lock->try_acquire());
+                    typename Lock::state saved;
+                    lock->release(saved, false);
+                    lock->acquire(saved, false);
+                    lock->release();
+                }
+                assure(inside.fetch_sub(1) == 1);
+                lock->release();
+            }
+        };
+        begin();
+        {
+            std::vector<std::unique_ptr<worker>> others;
+            for (unsigned int other = 1; other != thread_count; ++other)
+                others.push_back(std::make_unique<worker>([&, way = pick(3)] { body(way); }));
+            body(pick(3));
+        }
+        assure(lock->try_acquire());
+        lock->release();
+    }
+}
+
+constexpr void (*exclusions[])(unsigned int) = {
+    exclude_each_other<semaphore>,       exclude_each_other<timed_semaphore>,
+    exclude_each_other<mutex>,           exclude_each_other<timed_mutex>,
+    exclude_each_other<recursive_mutex>, exclude_each_other<timed_recursive_mutex>};
+
+registration const mutual_exclusion({
+    .name = "lock_excludes",
+    .run = [](unsigned int variant) { exclusions[variant / 2](variant % 2 * 2); },
+    .variants = 12,
+    .exhaustive = true,
+});
+
+// As many units as were released, and no more, can be acquired; whoever waits
+// without a deadline gets one in the end.
+template <class Semaphore>
+void conserve_units(unsigned int spin) {
+    prepare(is_timed<Semaphore>, spin);
+    {
+        unsigned int const at_first = pick(2);
+        Semaphore units(static_cast<int>(at_first), spin);
+        unsigned int given = at_first + 2;
+        unsigned int const at_rest = threads();
+        detail::atomic<unsigned int> taken = 0;
+        begin();
+        {
+            worker patient([&] {
+                units.acquire();
+                ++taken;
+            });
+            worker hasty([&, way = 1 + pick(2), tries = 1 + pick(2)] {
+                for (unsigned int each = 0; each != tries; ++each)
+                    if (take(units, way, 0.001))
+                        ++taken;
+            });
+            worker giver([&] { units.release(); });
+            units.release();
+            // The hasty thread may have taken every unit before the patient one came.
+            settle();
+            if (threads() != at_rest) {
+                units.release();
+                ++given;
+            }
+        }
+        unsigned int left = 0;
+        while (units.try_acquire())
+            ++left;
+        assure(taken + left == given);
+    }
+}
+
+registration const units({
+    .name = "semaphore_conserves_units",
+    .run =
+        [](unsigned int variant) {
+            if (variant % 2 == 0)
+                conserve_units<semaphore>(variant / 2);
+            else
+                conserve_units<timed_semaphore>(0);
+        },
+    .variants = 6,
+    .exhaustive = true,
+});
+
+// What the fast paths promise: no kernel call without contention, one pause when a
+// semaphore of spin 0 is empty.
+registration const fast_paths({
+    .name = "semaphore_keeps_out_of_the_kernel",
+    .run =
+        [](unsigned int) {
+            semaphore units(1, 0);
+            unsigned int const calls = kernel_calls();
+            begin();
+            units.acquire();
+            units.release();
+            units.release();
+            units.acquire();
+            units.acquire();
+            assure(!units.try_acquire());
+            assure(kernel_calls() == calls);
+            worker waiter([&] {
+                units.acquire();
+                assure(pauses() == 1);
+            });
+            settle();
+            units.release();
+            waiter.join();
+            // The wait, the post, and the join.
+            assure(kernel_calls() == calls + 3);
+        },
+});
+
+unsigned int volatile flags[2];
+detail::atomic<unsigned int>* runs;
+
+// Two flags, one function inside the other: each runs once, and whoever comes back
+// finds both done.
+void inner() {
+    ++runs[1];
+}
+void outer() {
+    ++runs[0];
+    call_once(inner, flags[1]);
+    ++runs[0];
+}
+
+registration const once({
+    .name = "call_once_runs_once",
+    .run =
+        [](unsigned int variant) {
+            detail::atomic<unsigned int> counts[2] = {0, 0};
+            runs = counts;
+            flags[0] = 0;
+            flags[1] = 0;
+            auto const body = [&] {
+                call_once(outer, flags[0]);
+                assure(counts[0] == 2 && counts[1] == 1);
+            };
+            begin();
+            {
+                worker second(body);
+                worker third([&] {
+                    if (variant == 1)
+                        call_once(inner, flags[1]);
+                    else
+                        body();
+                });
+                body();
+            }
+            unsigned int const handles = open_handles();
+            body();
+            assure(open_handles() == handles);
+        },
+    .variants = 2,
+    .exhaustive = true,
+});
+
+// The first reading starts one server, whoever comes first; readings never go
+// back, not even from one thread to another.
+registration const clock_readings({
+    .name = "time_server_is_one_and_monotonic",
+    .run =
+        [](unsigned int variant) {
+            set_processors(4, variant == 0 ? 15 : 12);
+            set_default_spin(2);
+            detail::atomic<std::int64_t> latest = 0;
+            auto const body = [&] {
+                for (int round = 0; round != 2; ++round) {
+                    std::int64_t const before = latest;
+                    std::int64_t const reading = time::now().value();
+                    assure(reading >= before);
+                    std::int64_t known = latest;
+                    while (known < reading && !latest.compare_exchange_strong(known, reading)) {}
+                }
+            };
+            begin();
+            {
+                worker second(body), third(body);
+                body();
+            }
+            settle();
+            assure(threads() == 2);
+            // The server stays, with its thread.
+            balance();
+        },
+    .variants = 2,
+});
+
+// Ten seconds are ten seconds, whatever the clock's rate; the longest wait is that
+// of 2147483647 milliseconds.
+registration const exact_time({
+    .name = "time_is_exact",
+    .run =
+        [](unsigned int variant) {
+            constexpr unsigned int rates[] = {0, 2000, 3000, 1};
+            set_clock_rate(rates[variant]);
+            double const rate = rates[variant] == 0 ? 2e9 : rates[variant] * 1e6;
+            time::now();
+            balance();
+            assure(time_support::time_unit() == 1.0 / rate);
+            assure(time::seconds(10.0).value() == static_cast<std::int64_t>(10.0 / (1.0 / rate)));
+            timed_semaphore units(0, 0);
+            auto const passed = [](double seconds, auto const& wait) {
+                std::uint64_t const start = nanoseconds();
+                wait();
+                double const took = static_cast<double>(nanoseconds() - start) * 1e-9;
+                assure(took >= seconds - 0.0006 && took <= seconds + 0.0006);
+            };
+            begin();
+            passed(10.0, [] { thread_support::timed_yield(time::then(10.0)); });
+            passed(0.0, [] { thread_support::timed_yield(time::then(-1.0)); });
+            passed(10.0, [&] { assure(!units.timed_acquire(time::then(10.0))); });
+            passed(2147483.647, [&] { assure(!units.timed_acquire(time::then(3e6))); });
+            passed(2147483.647, [] { thread_support::timed_yield(time::then(3e6)); });
+            units.release();
+            passed(0.0, [&] { assure(units.timed_acquire(time::then(-1.0))); });
+            passed(0.0, [&] { assure(!units.timed_acquire(time::then(-1.0))); });
+            end_waits_late(5000);
+            std::uint64_t const start = nanoseconds();
+            assure(!units.timed_acquire(time::then(1.0)));
+            assure(nanoseconds() - start >= 999'000'000);
+        },
+    .variants = 4,
+});
+
+registration const spin_counts({
+    .name = "spin_count_follows_the_processors",
+    .run =
+        [](unsigned int variant) {
+            constexpr unsigned int masks[] = {1, 3, 4, 6};
+            set_processors(3, masks[variant]);
+            set_default_spin(500);
+            bool const alone = variant % 2 == 0;
+            assure(default_spin == (alone ? 0u : 500u));
+            assure(thread_support::available_processors() == (alone ? 1u : 2u));
+            assure(thread_support::processors() == 3);
+            unsigned int const affinity = thread_support::thread_affinity();
+            assure(thread_support::thread_affinity() == affinity);
+        },
+    .variants = 4,
+});
+
+}  // namespace
+
+}  // namespace ovel::simulation
