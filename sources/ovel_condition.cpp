@@ -99,12 +99,14 @@ void timed_condition::_release_gate(bool released) {
         _lock.release();
         return;
     }
-    bool const last = --_released == 0;
-    _lock.release();
-    // Everybody left is released, so a unit was posted for this thread as well,
-    // or is about to be. The gate must not open before it is taken.
+    // Everybody left is released, so a unit was posted for this thread as well, or
+    // is about to be by a thread that no longer needs `_lock`. It is taken while
+    // this thread still counts: the last to leave would open the gate otherwise,
+    // and a newcomer take the unit in its place.
     if (!released)
         _wait.acquire();
+    bool const last = --_released == 0;
+    _lock.release();
     if (last)
         _gate.release();
 }
