@@ -172,6 +172,15 @@ registration const timed_waits({
     .exhaustive = true,
 });
 
+// Found a thread that slept for ever although its deadline had passed. Three were
+// released; the first, timed out, stopped being counted, and was left before it
+// took the unit posted for it. The others left, and with them the batch was over,
+// so a newcomer passed the gate and took that unit.
+registration const unit_taken_by_a_newcomer(pinned{
+    .scenario = "condition_with_deadlines_wakes_whom_it_released",
+    .when = {.how = strategy::sticky, .variant = 1, .seed = 669},
+});
+
 // What a barrier's threads count together.
 struct arrivals {
     detail::atomic<unsigned int> arrived = 0, completed = 0, last = 0, left = 0;

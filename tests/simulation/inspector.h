@@ -3,8 +3,17 @@
 #ifndef OVEL_TESTS_SIMULATION_INSPECTOR_H
 #define OVEL_TESTS_SIMULATION_INSPECTOR_H
 
+#include "ovel_allocator.h"
+#include "ovel_allocator_group.h"
+#include "ovel_allocator_recycler.h"
+#include "ovel_assure.h"
 #include "ovel_barrier.h"
 #include "ovel_condition.h"
+#include "ovel_thread.h"
+#include "ovel_thread_group.h"
+
+#include <cstddef>
+#include <memory>
 
 struct ovel::detail::inspector {
     // No batch, nobody queued, the gate open.
@@ -21,6 +30,105 @@ struct ovel::detail::inspector {
     static bool is_open(timed_barrier& gate) {
         return gate._count == 0 && !gate._complete && !gate._released &&
                gate._entry.try_acquire() && gate._lock.try_acquire() && !gate._wait.try_acquire();
+    }
+
+    struct memory {
+        std::size_t allocators = 0;
+        std::size_t chunks = 0;
+        std::size_t in_use = 0;   // bytes of blocks, headers included, ...
+        std::size_t on_way = 0;   // ... and of those that are freed and not yet home
+        std::size_t reserve = 0;  // capacity of the global allocator
+    };
+
+    // Everything that must hold of all allocators while none is in use.
+    static memory check_allocators() {
+        memory all;
+        for (allocator* each = allocator::_allocators; each != nullptr; each = each->_next)
+            _check(*each, all);
+        return all;
+    }
+
+    static void stop_recycler() {
+        allocator_recycler::global()->_acquire();
+    }
+
+    // Ends the pool's threads, as the unloading of the library does.
+    static void empty_pool() {
+        std::destroy_at(&thread_element_group::_global);
+    }
+
+    // Nothing waits that fits while a thread is free.
+    static void expect_busy(thread_group& group) {
+        if (group._running == group._threads)
+            return;
+        for (auto each = group._queue.begin(); each != group._queue.end(); ++each)
+            assure((*each).third > group._space);
+    }
+
+private:
+    static void _check(allocator& each, memory& all) {
+        std::size_t size = 0, capacity = 0;
+        for (std::size_t k = 0; k != classes; ++k) {
+            _check_ring(each, each._full[k], block_sizes[k], all.chunks, size, capacity);
+            for (chunk* one = each._full[k]._next; one != &each._full[k]; one = one->_next)
+                assure(one->_free == nullptr);
+            unsigned int spare = 0;
+            _check_ring(each, each._partial[k], block_sizes[k], all.chunks, size, capacity);
+            for (chunk* one = each._partial[k]._next; one != &each._partial[k]; one = one->_next) {
+                assure(one->_free != nullptr);
+                spare += one->_size == 0;
+            }
+            assure(spare <= 1);
+        }
+        std::size_t const before = size;
+        _check_ring(each, each._empty, 0, all.chunks, size, capacity);
+        assure(size == before);
+        assure(each._size == size);
+        assure(each._capacity == capacity);
+        assure(each._minimum_capacity <= capacity);
+
+        std::size_t pending = 0;
+        for (block* one = each._pending; one != nullptr; one = one->_next) {
+            assure(one->_chunk->_allocator == &each);
+            pending += one->_chunk->_block_size;
+        }
+        assure(each._pending_size == pending);
+        std::size_t waiting = 0;
+        for (remote const& entry : each._remote) {
+            std::size_t bytes = 0;
+            for (block* one = entry.head; one != nullptr; one = one->_next) {
+                assure(one->_chunk->_allocator == entry.owner);
+                bytes += one->_chunk->_block_size;
+            }
+            assure(entry.size == bytes);
+            waiting += bytes;
+        }
+        if (each._parent == nullptr) {
+            assure(size == 0);
+            all.reserve = capacity;
+        }
+        ++all.allocators;
+        all.in_use += size;
+        all.on_way += pending + waiting;
+    }
+
+    static void _check_ring(allocator& owner, chunk& ring, std::size_t block_size,
+                            std::size_t& chunks, std::size_t& size, std::size_t& capacity) {
+        for (chunk* one = ring._next; one != &ring; one = one->_next) {
+            // The global allocator's chunks keep the layout they had.
+            assure(one->_allocator == &owner);
+            assure(one->_next->_previous == one);
+            assure(block_size == 0 || one->_block_size == block_size);
+            std::size_t free_bytes = 0;
+            for (block* each = one->_free; each != nullptr; each = each->_next) {
+                assure(each->_chunk == one);
+                free_bytes += one->_block_size;
+            }
+            assure(one->_size + free_bytes == one->_capacity);
+            ++chunks;
+            size += one->_size;
+            capacity += one->_capacity;
+        }
     }
 };
 

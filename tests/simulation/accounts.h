@@ -1,0 +1,65 @@
+// What a scenario's process owes at its end.
+#ifndef OVEL_TESTS_SIMULATION_ACCOUNTS_H
+#define OVEL_TESTS_SIMULATION_ACCOUNTS_H
+
+#include "inspector.h"
+#include "ovel_allocator_group.h"
+#include "ovel_assure.h"
+#include "ovel_thread_support.h"
+#include "ovel_time.h"
+#include "simulation/simulation.h"
+
+namespace ovel::simulation {
+
+// The calling thread's own allocator for a scope.
+class owned_allocator {
+public:
+    owned_allocator() {
+        allocator_group::global()->acquire_allocator();
+    }
+    ~owned_allocator() {
+        allocator_group::global()->release_allocator();
+    }
+    owned_allocator(owned_allocator const&) = delete;
+    owned_allocator& operator=(owned_allocator const&) = delete;
+};
+
+// Made before the scenario begins, with what the library keeps for good built.
+class accounts {
+public:
+    explicit accounts(unsigned int spin, bool timed = false) {
+        set_default_spin(spin);
+        allocator_group::global();
+        if (timed)
+            time::now();
+        detail::inspector::memory const all = detail::inspector::check_allocators();
+        _bytes = all.in_use;
+        _handles = open_handles() - all.allocators;
+    }
+
+    // Nothing is in use any more but for blocks on their way, and the runtime heap
+    // holds what the allocators keep and nothing else.
+    void settle() {
+        allocator_group::global()->flush_allocator(false);
+        detail::inspector::memory const all = detail::inspector::check_allocators();
+        assure(all.in_use == _bytes + all.on_way);
+        assure(heap_blocks() == all.chunks + all.allocators + 1);
+        assure(open_handles() == _handles + all.allocators);
+        balance();
+    }
+
+    // The same once the pool's threads have ended.
+    void settle_without_pool() {
+        detail::inspector::empty_pool();
+        --_handles;  // the pool's lock
+        settle();
+    }
+
+private:
+    std::size_t _bytes;
+    std::size_t _handles;
+};
+
+}  // namespace ovel::simulation
+
+#endif

@@ -1,0 +1,335 @@
+// Threads, the pool and thread groups: work runs once, space is never exceeded,
+// and nothing is left waiting that could run.
+
+#include "accounts.h"
+#include "inspector.h"
+#include "ovel_allocator_support.h"
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
+#include "ovel_thread.h"
+#include "ovel_thread_base.h"
+#include "ovel_thread_group.h"
+#include "ovel_time.h"
+#include "scenarios.h"
+
+#include <functional>
+#include <memory>
+#include <new>
+#include <utility>
+#include <vector>
+
+namespace ovel::simulation {
+
+namespace {
+
+using detail::inspector;
+
+class work : public thread_function {
+public:
+    explicit work(std::function<void()> body) : _body(std::move(body)) {}
+    void operator()() override {
+        _body();
+    }
+
+private:
+    std::function<void()> _body;
+};
+
+// Joins a run in one of the ways there are, again and again until it is.
+template <class Thread>
+void join(Thread& run, unsigned int way) {
+    if (way == 1)
+        while (!run.try_acquire())
+            Sleep(1);
+    else if (way == 2)
+        while (!run.timed_acquire(time::then(0.003))) {}
+    else
+        run.acquire();
+}
+
+// A thread of one's own, run after run; each has the library's memory.
+registration const own_threads({
+    .name = "thread_of_its_own_is_joined",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant, true);
+            unsigned int runs = 0;
+            void* memory = nullptr;
+            work each([&] {
+                ++runs;
+                assure(stack_size() == 65536);
+                allocator_support::deallocate(
+                    std::exchange(memory, allocator_support::allocate(40)));
+            });
+            begin();
+            {
+                thread_base own(65536);
+                own.schedule(each);
+                for (unsigned int run = 1; run != 3; ++run) {
+                    own.release();
+                    join(own, pick(3));
+                    assure(runs == run);
+                }
+            }
+            allocator_support::deallocate(memory);
+            books.settle();
+        },
+    .variants = 2,
+    .exhaustive = true,
+});
+
+// Clients borrow threads; a run has the stack it asked for and less than four times
+// as much, and idle threads are used again.
+registration const pool({
+    .name = "pool_reuses_threads_that_fit",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant % 2, true);
+            bool const alike = variant / 2 == 0;
+            constexpr unsigned int sizes[] = {16384, 65536, 100000, 524288, 0};
+            unsigned int const clients = 2 + pick(2);
+            detail::atomic<unsigned int> runs = 0;
+            begin();
+            {
+                std::vector<std::unique_ptr<worker>> all;
+                for (unsigned int each = 0; each != clients; ++each)
+                    all.push_back(std::make_unique<worker>([&, plan = pick(1000)] {
+                        owned_allocator const own;
+                        for (unsigned int run = 0; run != 3; ++run) {
+                            unsigned int const size = alike ? 65536 : sizes[(plan >> run) % 5];
+                            work job([&] {
+                                unsigned int const given = stack_size();
+                                assure(size == 0 ? given == 0 : given >= size && given / 4 < size);
+                                ++runs;
+                            });
+                            thread borrowed(size);
+                            borrowed.schedule(job);
+                            borrowed.release();
+                            join(borrowed, plan % 3);
+                        }
+                    }));
+            }
+            assure(runs == clients * 3);
+            // The time server, this thread, and the idle ones.
+            unsigned int const idle = detail::thread_element_group::global()->size();
+            assure(threads() == idle + 2);
+            assure(idle >= 1 && (!alike || idle <= clients));
+            books.settle_without_pool();
+        },
+    .variants = 4,
+});
+
+// Work that takes `space` of a group's budget of 10.
+struct item : thread_function {
+    struct tally {
+        detail::atomic<int> space = 0;
+        detail::atomic<unsigned int> runs = 0;
+        HANDLE const added = CreateSemaphoreA(nullptr, 0, 100, nullptr);
+        HANDLE const go = CreateSemaphoreA(nullptr, 0, 100, nullptr);
+        std::vector<unsigned int> order;  // with one thread
+
+        tally() = default;
+        tally(tally const&) = delete;
+        tally& operator=(tally const&) = delete;
+        ~tally() {
+            CloseHandle(added);
+            CloseHandle(go);
+        }
+    };
+    static constexpr int budget = 10;
+
+    // Schedules itself.
+    void add() {
+        group->schedule(*this, length, space);
+        ReleaseSemaphore(all->added, 1, nullptr);
+    }
+    void operator()() override {
+        assure(all->space.fetch_add(space) + space <= budget);
+        allocator_support::deallocate(allocator_support::allocate(24));
+        if (next != nullptr)
+            next->add();
+        if (waits)
+            WaitForSingleObject(all->go, INFINITE);
+        all->order.push_back(number);
+        all->space.fetch_sub(space);
+        ++all->runs;
+    }
+
+    thread_group* group = nullptr;
+    tally* all = nullptr;
+    int space = 0;
+    unsigned int length = 1;
+    item* next = nullptr;  // is scheduled by this one's run
+    bool waits = false;    // until the scenario lets it go
+    unsigned int number = 0;
+};
+
+constexpr unsigned int item_count = 6;
+using items = item[item_count];
+
+void make_items(items& made, thread_group& group, item::tally& all) {
+    for (unsigned int each = 0; each != item_count; ++each) {
+        made[each].group = &group;
+        made[each].all = &all;
+        made[each].number = each;
+        // Many that are alike, many that need everything.
+        constexpr int spaces[] = {0, 1, 3, 5, 6, 10};
+        made[each].space = spaces[pick(6)];
+        made[each].length = 1 + pick(2);
+    }
+}
+
+// Work is scheduled before the start, by another thread and by work; all of it
+// runs, and the group can be started again.
+registration const group_runs_everything({
+    .name = "group_keeps_its_space_and_runs_everything",
+    .run =
+        [](unsigned int variant) {
+            bool const timed = variant / 2 == 1;
+            accounts books(variant % 2, timed);
+            {
+                item::tally all;
+                thread_group group(1 + pick(3), item::budget, 16384);
+                items made;
+                begin();
+                for (unsigned int round = 1; round != 3; ++round) {
+                    make_items(made, group, all);
+                    made[0].next = &made[3];
+                    made[1].next = &made[4];
+                    made[0].add();
+                    group.release();
+                    worker other([&] {
+                        owned_allocator const own;
+                        made[1].add();
+                        made[2].add();
+                    });
+                    made[5].add();
+                    for (unsigned int each = 0; each != item_count; ++each)
+                        WaitForSingleObject(all.added, INFINITE);
+                    group.conclude();
+                    join(group, timed ? pick(3) : 0);
+                    assure(all.runs == round * item_count && all.space == 0);
+                    other.join();
+                }
+            }
+            books.settle_without_pool();
+        },
+    .variants = 4,
+});
+
+// When nothing moves any more, either every thread works or what waits does not
+// fit: a wake-up lost between them would leave both a thread and work for it.
+registration const group_is_busy({
+    .name = "group_leaves_nothing_waiting_that_fits",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant);
+            {
+                item::tally all;
+                thread_group group(2 + pick(2), item::budget, 16384);
+                items made;
+                make_items(made, group, all);
+                for (item& each : made)
+                    each.waits = true;
+                begin();
+                {
+                    worker other([&] {
+                        owned_allocator const own;
+                        for (unsigned int each = 0; each != 3; ++each)
+                            made[each].add();
+                    });
+                    group.release();
+                    for (unsigned int each = 3; each != item_count; ++each)
+                        made[each].add();
+                }
+                while (all.runs != item_count) {
+                    settle();
+                    inspector::expect_busy(group);
+                    ReleaseSemaphore(all.go, 1 + static_cast<LONG>(pick(2)), nullptr);
+                    settle();
+                }
+                group.conclude();
+                group.acquire();
+            }
+            books.settle_without_pool();
+        },
+    .variants = 2,
+});
+
+// One thread takes the largest first, of equal ones the longest, of equal pairs
+// the one scheduled first. What is cleared does not run.
+registration const group_order({
+    .name = "group_respects_the_order",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant);
+            {
+                item::tally all;
+                thread_group group(1, item::budget, 16384);
+                items made;
+                make_items(made, group, all);
+                made[0].add();
+                group.clear();
+                for (item& each : made)
+                    each.add();
+                group.conclude();
+                begin();
+                group.release();
+                group.acquire();
+                assure(all.order.size() == item_count);
+                for (unsigned int each = 1; each != item_count; ++each) {
+                    item const& before = made[all.order[each - 1]];
+                    item const& after = made[all.order[each]];
+                    assure(before.space > after.space ||
+                           (before.space == after.space &&
+                            (before.length > after.length ||
+                             (before.length == after.length && before.number < after.number))));
+                }
+            }
+            books.settle_without_pool();
+        },
+    .variants = 2,
+});
+
+// Memory refused while a group is filled and started: it is as before and can be
+// tried again, or, where a thread can't be made, the process ends with a message.
+registration const group_refusals({
+    .name = "group_bears_refused_memory",
+    .run =
+        [](unsigned int variant) {
+            accounts books(0);
+            {
+                item::tally all;
+                expect_failure("(\"unexpected exception\", 0)");
+                thread_group group(2, item::budget, 16384);
+                items made;
+                make_items(made, group, all);
+                begin();
+                refuse_memory(1 + pick(10), variant == 0 ? 1 : 3);
+                auto const again = [](auto const& call) {
+                    for (bool done = false; !done;) {
+                        try {
+                            call();
+                            done = true;
+                        } catch (std::bad_alloc const&) {
+                            assure(refused() != 0);
+                        }
+                    }
+                };
+                for (unsigned int each = 0; each != 3; ++each)
+                    again([&] { made[each].add(); });
+                again([&] { group.release(); });
+                for (unsigned int each = 3; each != item_count; ++each)
+                    again([&] { made[each].add(); });
+                group.conclude();
+                group.acquire();
+                assure(all.runs == item_count && all.space == 0);
+            }
+            books.settle_without_pool();
+        },
+    .variants = 2,
+});
+
+}  // namespace
+
+}  // namespace ovel::simulation
