@@ -56,8 +56,7 @@ bool units::take(DWORD milliseconds) {
         if (_step(place::leave, place::keep))
             return true;
     }
-    // A unit posted while the time ran out is taken all the same: its wake-up may
-    // have been this thread's.
+    // A unit posted while the time ran out is taken all the same.
     return _step(place::leave, place::leave);
 }
 
