@@ -33,7 +33,7 @@ OVEL_EXPORT void after_access(std::uint64_t found, std::uint64_t left);
 OVEL_EXPORT bool spurious_failure();
 
 template <class T>
-std::uint64_t as_bits(T const& value) {
+[[gnu::always_inline]] inline std::uint64_t as_bits(T const& value) {
     std::uint64_t bits = 0;
     std::memcpy(&bits, &value, sizeof(T) < sizeof bits ? sizeof(T) : sizeof bits);
     return bits;

@@ -112,8 +112,9 @@ unsigned int pick(unsigned int bound);
 // Ends the run as a failure.
 [[noreturn]] void fail(char const* format, ...) __attribute__((format(printf, 1, 2)));
 
-// From now on a failed check of this text ends the run as it should be. Only with
-// a refusal under way, so that it can't hide another fault.
+// From now on a failed check of this text, one of up to four, ends the run as it
+// should be. Only once a request has been refused, so that it can't hide another
+// fault.
 void expect_failure(char const* expression);
 
 // The machine, before the library has looked: its processors, 2 unless set, and

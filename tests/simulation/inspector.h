@@ -9,6 +9,7 @@
 #include "ovel_assure.h"
 #include "ovel_barrier.h"
 #include "ovel_condition.h"
+#include "ovel_petri_net.h"
 #include "ovel_thread.h"
 #include "ovel_thread_group.h"
 
@@ -63,6 +64,27 @@ struct ovel::detail::inspector {
             return;
         for (auto each = group._queue.begin(); each != group._queue.end(); ++each)
             assure((*each).third > group._space);
+    }
+
+    // A net whose threads have come to rest: nothing is reserved, nothing fires, and
+    // what waits in the queue, or could, is what `may_be_enabled` says.
+    template <class MayBeEnabled>
+    static void expect_at_rest(petri_net& net, MayBeEnabled const& may_be_enabled) {
+        assure(net._firings == 0);
+        for (petri_place* each : net._places) {
+            assure(each->_size == each->_channel._size);
+            assure(each->_receive_size == 0 && each->_send_size == 0);
+            assure(each->_receive_skip == 0 && each->_send_skip == 0);
+        }
+        for (petri_transition* each : net._transitions) {
+            assure(each->_firing == 0);
+            assure(!each->queued() || each->enabled());
+            assure(!each->enabled() || may_be_enabled(each));
+        }
+    }
+
+    static unsigned int tokens(petri_place& place) {
+        return place._size;
     }
 
 private:

@@ -94,6 +94,7 @@ struct options {
 
 struct tally {
     std::uint64_t schedules = 0;
+    std::uint64_t news = 0;  // the schedule that was the last to show anything new
     std::uint64_t reported = 0;
     std::uint64_t steps = 0;
     distinct interleavings;
@@ -115,15 +116,17 @@ std::string with_names(std::string const& report) {
         std::string const offset = report.substr(plus + 1, end - plus - 1);
         std::string& name = names[offset];
         if (name.empty()) {
-            std::string const command = "addr2line -Cfspe /proc/" + std::to_string(getpid()) +
+            std::string const command = "addr2line -Cfispe /proc/" + std::to_string(getpid()) +
                                         "/exe " + offset + " 2>/dev/null";
             char line[1024] = "";
             if (FILE* const answer = popen(command.c_str(), "r")) {
-                if (std::fgets(line, sizeof line, answer) == nullptr)
-                    line[0] = '\0';
+                // The last line names the function that the others were inlined into.
+                while (std::fgets(line, sizeof line, answer) != nullptr) {}
                 pclose(answer);
             }
             name = line;
+            if (name.starts_with(" (inlined by) "))
+                name.erase(0, std::strlen(" (inlined by) "));
             for (std::size_t at; (at = name.find("(anonymous namespace)::")) != std::string::npos;)
                 name.erase(at, std::strlen("(anonymous namespace)::"));
             name.resize(std::min(name.size(), name.find_first_of("(\n")));
@@ -154,7 +157,10 @@ bool try_one(scenario const& program, schedule const& when, outcome const& resul
     ++all.schedules;
     all.reported += result.reported;
     all.steps += result.steps;
+    std::size_t const known = all.interleavings.count();
     all.interleavings.insert(result.interleaving);
+    if (all.interleavings.count() != known)
+        all.news = all.schedules;
     return true;
 }
 
@@ -192,7 +198,10 @@ bool try_walks(scenario const& program, timer::time_point end, tally& all, bool&
 bool try_drawn(scenario const& program, options const& asked, timer::time_point end, tally& all) {
     constexpr strategy drawn[] = {strategy::random, strategy::priorities, strategy::sticky,
                                   strategy::priorities};
-    for (std::uint64_t seed = asked.first_seed; timer::now() < end; ++seed)
+    for (std::uint64_t seed = asked.first_seed; timer::now() < end; ++seed) {
+        // Where there is little to choose, the time is better spent elsewhere.
+        if (all.schedules > all.news + 5000 && all.schedules > 2 * all.news)
+            break;
         for (unsigned int variant = 0; variant != program.variants; ++variant) {
             schedule const when = {.how = asked.only.value_or(drawn[(seed + variant) % 4]),
                                    .variant = variant,
@@ -200,6 +209,7 @@ bool try_drawn(scenario const& program, options const& asked, timer::time_point 
             if (!try_one(program, when, run(program, when, 0), all))
                 return false;
         }
+    }
     return true;
 }
 
@@ -323,9 +333,14 @@ int main(int count, char** arguments) {
         return replay(chosen.front(), asked);
 
     std::printf("%-44s %10s %10s %7s\n", "scenario", "schedules", "distinct", "steps");
-    for (scenario const& each : chosen)
-        if (!explore(each, asked, asked.seconds / static_cast<double>(chosen.size())))
+    // An equal share of what is left for each, as some need less.
+    auto const start = timer::now();
+    for (std::size_t each = 0; each != chosen.size(); ++each) {
+        double const passed = std::chrono::duration<double>(timer::now() - start).count();
+        double const share = (asked.seconds - passed) / static_cast<double>(chosen.size() - each);
+        if (!explore(chosen[each], asked, share))
             return 1;
+    }
     return 0;
 }
 

@@ -330,6 +330,38 @@ registration const group_refusals({
     .variants = 2,
 });
 
+// A kernel that has no object left to give: wherever that strikes, the check that
+// tells so ends the process, and nothing else fails before.
+registration const refused_objects({
+    .name = "kernel_objects_refused_are_reported",
+    .run =
+        [](unsigned int variant) {
+            set_default_spin(2);
+            expect_failure("_semaphore != 0");
+            expect_failure("_thread != 0");
+            expect_failure("mutex != 0");
+            begin();
+            refuse_objects(1 + pick(30));
+            time::now();
+            {
+                thread_group group(2, item::budget, 16384);
+                work nothing([] {});
+                group.schedule(nothing, 1.0, 1.0);
+                if (variant == 1)
+                    group.conclude();
+                group.release();
+                allocator_group::global()->acquire_allocator();
+                if (variant == 0)
+                    group.conclude();
+                group.acquire();
+                allocator_group::global()->release_allocator();
+            }
+            assure(refused() == 0);
+            balance();
+        },
+    .variants = 2,
+});
+
 }  // namespace
 
 }  // namespace ovel::simulation

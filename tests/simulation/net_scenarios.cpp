@@ -1,0 +1,426 @@
+// Petri nets: tokens are neither lost nor made twice, reservations are exact, and
+// a net comes to rest only when nothing in it can go on.
+
+#include "accounts.h"
+#include "inspector.h"
+#include "ovel_any.h"
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
+#include "ovel_petri_net.h"
+#include "ovel_time.h"
+#include "scenarios.h"
+
+#include <deque>
+#include <memory>
+#include <new>
+#include <vector>
+
+namespace ovel::simulation {
+
+namespace {
+
+using detail::inspector;
+
+// Where each token is. Whoever makes one enters it before it can be seen, and
+// whoever takes one crosses it out.
+class ledger {
+public:
+    static constexpr unsigned int nowhere = ~0u;
+
+    int enter(unsigned int place) {
+        _places.push_back(place);
+        return static_cast<int>(_places.size() - 1);
+    }
+    void cross_out(any const& token, unsigned int place) {
+        unsigned int& known = _places[static_cast<unsigned int>(any_cast<int>(token))];
+        assure(known == place);
+        known = nowhere;
+    }
+    void withdraw(int token) {
+        _places[static_cast<unsigned int>(token)] = nowhere;
+    }
+    unsigned int count(unsigned int place) const {
+        unsigned int tokens = 0;
+        for (unsigned int const each : _places)
+            tokens += each == place;
+        return tokens;
+    }
+
+private:
+    std::vector<unsigned int> _places;
+};
+
+// Takes and puts what its arcs say, and skips some of it.
+struct firing : petri_function {
+    struct arc {
+        petri_place* place = nullptr;
+        unsigned int number;  // of the place
+        unsigned int weight;
+        bool input;
+    };
+
+    void operator()() override {
+        assure(inside.fetch_add(1) == 0 || transition()->reentrant());
+        auto const space = static_cast<int>(transition()->space());
+        assure(used->fetch_add(space) + space <= 10);
+        for (arc& each : arcs)
+            for (unsigned int token = 0; token != each.weight; ++token)
+                each.input ? take(each) : put(each);
+        *used -= space;
+        --inside;
+        // Nets that run in circles would never come to rest.
+        if (fuel.fetch_sub(1) <= 1)
+            transition()->deactivate();
+    }
+
+    void take(arc& from) {
+        if (skips()) {
+            from.place->receive_skip();
+            return;
+        }
+        any token;
+        from.place->receive(token);
+        tokens->cross_out(token, from.number);
+    }
+
+    void put(arc& into) {
+        if (skips())
+            into.place->send_skip();
+        else
+            into.place->send(tokens->enter(into.number));
+    }
+
+    bool skips() {
+        pattern = pattern * 1103515245u + 12345u;
+        return skipping && pattern >> 16 & 1;
+    }
+
+    std::deque<arc> arcs;  // never moved: the net refers to them
+    ledger* tokens = nullptr;
+    detail::atomic<int>* used = nullptr;
+    detail::atomic<int> inside = 0;
+    detail::atomic<int> fuel = 3;
+    unsigned int pattern = 0;
+    bool skipping = false;
+};
+
+template <class Net>
+void stop(Net& net, unsigned int way) {
+    if (way == 1)
+        while (!net.try_acquire())
+            Sleep(1);
+    else if (way == 2)
+        while (!net.timed_acquire(time::then(0.003))) {}
+    else
+        net.acquire();
+}
+
+// A net of random structure, with clients that exchange tokens and switch
+// transitions off and on, started and stopped twice.
+registration const random_nets({
+    .name = "net_of_any_structure_conserves_tokens",
+    .run =
+        [](unsigned int variant) {
+            bool const timed = variant / 2 == 1;
+            accounts books(variant % 2, timed);
+            {
+                ledger tokens;
+                detail::atomic<int> used[2] = {0, 0};
+                triple<unsigned int, double, unsigned int> const groups[] = {
+                    {1 + pick(2), 10.0, 16384}, {1, 10.0, 16384}};
+                unsigned int const group_count = 1 + pick(2);
+                petri_net net(groups, groups + group_count);
+
+                std::vector<petri_place*> places;
+                for (unsigned int each = 2 + pick(2); each != 0; --each)
+                    places.push_back(net.insert_place(2 + pick(2)));
+                auto const place_count = static_cast<unsigned int>(places.size());
+                firing functions[3];
+                std::vector<petri_transition*> transitions;
+                for (firing& each : functions) {
+                    unsigned int const group = pick(group_count);
+                    each.tokens = &tokens;
+                    each.used = &used[group];
+                    each.pattern = pick(1000);
+                    each.skipping = pick(3) == 0;
+                    transitions.push_back(
+                        net.insert_transition(each, pick(2) == 0, 1.0 + pick(2), pick(8), group));
+                    for (unsigned int place = 0; place != place_count; ++place)
+                        for (bool const input : {true, false}) {
+                            bool const needed = place + 1 == place_count && each.arcs.empty();
+                            if (pick(3) == 0 || (needed && !input)) {
+                                each.arcs.push_back({nullptr, place, 1 + pick(2), input});
+                                firing::arc& made = each.arcs.back();
+                                if (input)
+                                    net.insert_input_arc(
+                                        places[place],
+                                        transitions.back()->input(made.place).size(made.weight));
+                                else
+                                    net.insert_output_arc(
+                                        transitions.back()->output(made.place).size(made.weight),
+                                        places[place]);
+                            }
+                        }
+                }
+                auto const client = [&](unsigned int plan) {
+                    owned_allocator const own;
+                    for (unsigned int round = 0; round != 4; ++round) {
+                        plan = plan * 1103515245u + 12345u;
+                        unsigned int const at = (plan >> 16) % place_count;
+                        petri_place* const place = places[at];
+                        petri_transition* const transition = transitions[(plan >> 18) % 3];
+                        any token;
+                        switch ((plan >> 20) % 5) {
+                            case 0:
+                                if (net.try_receive(place, token))
+                                    tokens.cross_out(token, at);
+                                break;
+                            case 1:
+                                net.try_peek(place, token);
+                                break;
+                            case 2:
+                                transition->deactivate();
+                                transition->activate();
+                                break;
+                            default:
+                                int const number = tokens.enter(at);
+                                if (!net.try_send(place, number))
+                                    tokens.withdraw(number);
+                                break;
+                        }
+                    }
+                };
+                for (unsigned int each = pick(4); each != 0; --each) {
+                    int const number = tokens.enter(0);
+                    if (!net.try_send(places[0], number))
+                        tokens.withdraw(number);
+                }
+                begin();
+                for (unsigned int round = 0; round != 2; ++round) {
+                    net.release();
+                    {
+                        worker first([&, plan = pick(1000)] { client(plan); });
+                        worker second([&, plan = pick(1000)] { client(plan); });
+                        if (pick(2) == 0) {
+                            first.join();
+                            second.join();
+                            settle();
+                            inspector::expect_at_rest(net, [](petri_transition*) { return false; });
+                        }
+                        stop(net, timed ? pick(3) : 0);
+                    }
+                    // Clients may have come after the net was at rest.
+                    inspector::expect_at_rest(net, [](petri_transition*) { return true; });
+                    for (unsigned int place = 0; place != place_count; ++place)
+                        assure(inspector::tokens(*places[place]) == tokens.count(place));
+                    assure(used[0] == 0 && used[1] == 0);
+                    for (unsigned int each = 0; each != 3; ++each) {
+                        functions[each].fuel = 3;
+                        transitions[each]->activate();
+                    }
+                }
+            }
+            books.settle_without_pool();
+        },
+    .variants = 4,
+});
+
+// Moves a token from one place to the next.
+struct mover : petri_function {
+    void operator()() override {
+        any token;
+        from->receive(token);
+        into->send(token);
+    }
+
+    petri_place* from = nullptr;
+    petri_place* into = nullptr;
+};
+
+// Three places in a row, with little room.
+struct line {
+    explicit line(unsigned int threads) : net(threads, 0.0, 16384) {
+        for (petri_place*& each : places)
+            each = net.insert_place(1 + pick(2));
+        for (unsigned int each = 0; each != 2; ++each) {
+            transitions[each] = net.insert_transition(moves[each], pick(2) == 0, 1.0, 0.0, 0);
+            net.insert_input_arc(places[each], transitions[each]->input(moves[each].from));
+            net.insert_output_arc(transitions[each]->output(moves[each].into), places[each + 1]);
+        }
+    }
+
+    mover moves[2];
+    petri_net net;
+    petri_place* places[3];
+    petri_transition* transitions[2];
+};
+
+// Every token that is sent is received, each once, although senders and receivers
+// block and transitions are switched off meanwhile.
+registration const blocked_clients({
+    .name = "net_serves_blocked_senders_and_receivers",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant);
+            {
+                constexpr int each_sends = 3;
+                line through(1 + pick(2));
+                detail::atomic<unsigned int> received[2 * each_sends] = {};
+                bool const stopped_first = pick(2) == 0;
+                if (!stopped_first)
+                    through.net.release();
+                begin();
+                {
+                    auto const sender = [&](int first) {
+                        owned_allocator const own;
+                        for (int token = first; token != first + each_sends; ++token)
+                            through.net.send(through.places[0], token);
+                    };
+                    auto const receiver = [&] {
+                        owned_allocator const own;
+                        for (int each = 0; each != each_sends; ++each) {
+                            any token;
+                            through.net.receive(through.places[2], token);
+                            ++received[any_cast<int>(token)];
+                        }
+                    };
+                    if (stopped_first) {
+                        through.net.send(through.places[0], 0);
+                        through.net.release();
+                    }
+                    worker one([&] { sender(each_sends); });
+                    worker two(receiver), three(receiver);
+                    worker switches([&] {
+                        owned_allocator const own;
+                        for (petri_transition* each : through.transitions) {
+                            each->deactivate();
+                            each->activate();
+                        }
+                    });
+                    for (int token = stopped_first; token != each_sends; ++token)
+                        through.net.send(through.places[0], token);
+                }
+                stop(through.net, 0);
+                for (detail::atomic<unsigned int>& each : received)
+                    assure(each == 1);
+                inspector::expect_at_rest(through.net, [](petri_transition*) { return false; });
+            }
+            books.settle_without_pool();
+        },
+    .variants = 2,
+});
+
+// Clients alone, on one place of a net that is never started.
+registration const clients_alone({
+    .name = "net_that_is_stopped_still_passes_tokens_on",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant);
+            {
+                petri_net net(1, 0.0, 16384);
+                petri_place* const place = net.insert_place(1);
+                begin();
+                worker sender([&] {
+                    owned_allocator const own;
+                    for (int token = 0; token != 2; ++token)
+                        net.send(place, token);
+                });
+                worker looker([&] {
+                    owned_allocator const own;
+                    any token;
+                    net.peek(place, token);
+                    assure(any_cast<int>(token) <= 2);
+                });
+                for (int expected = 0; expected != 2; ++expected) {
+                    any token;
+                    net.receive(place, token);
+                    assure(any_cast<int>(token) == expected);
+                }
+                // For a looker that came too late.
+                net.send(place, 2);
+                looker.join();
+                sender.join();
+            }
+            books.settle();
+        },
+    .variants = 2,
+    .exhaustive = true,
+});
+
+// With memory refused while a line of places works, calls throw and can be tried
+// again, or the process ends with a message; no token goes astray or comes twice.
+registration const net_refusals({
+    .name = "net_bears_refused_memory",
+    .run =
+        [](unsigned int variant) {
+            accounts books(0);
+            expect_failure("(\"unexpected exception\", 0)");
+            begin();
+            if (variant == 0)
+                refuse_memory(1 + pick(16));
+            std::unique_ptr<line> through;
+            auto const again = [](auto const& call) {
+                for (;;) {
+                    try {
+                        call();
+                        return;
+                    } catch (std::bad_alloc const&) {
+                        assure(refused() != 0);
+                    }
+                }
+            };
+            again([&] { through = std::make_unique<line>(2); });
+            again([&] { through->net.release(); });
+            if (variant == 1)
+                refuse_memory(1 + pick(6), 2);
+            unsigned int received[4] = {};
+            auto const receive = [&](petri_place* place) {
+                any token;
+                bool found = false;
+                try {
+                    found = through->net.try_receive(place, token);
+                } catch (std::bad_alloc const&) {
+                    found = !token.empty();
+                }
+                if (found)
+                    ++received[any_cast<int>(token)];
+                return found;
+            };
+            bool sent[4] = {};
+            {
+                worker client([&] {
+                    try {
+                        owned_allocator const own;
+                        for (unsigned int each = 0; each != 3; ++each)
+                            receive(through->places[2]);
+                    } catch (std::bad_alloc const&) {
+                        assure(refused() != 0);
+                    }
+                });
+                for (int token = 0; token != 4; ++token) {
+                    try {
+                        sent[token] = through->net.try_send(through->places[0], token);
+                    } catch (std::bad_alloc const&) {
+                        assure(refused() != 0);
+                    }
+                }
+            }
+            refuse_memory(0, 0);
+            // A transition that could not be queued is looked at again.
+            for (petri_transition* each : through->transitions)
+                each->activate();
+            stop(through->net, 0);
+            inspector::expect_at_rest(through->net, [](petri_transition*) { return true; });
+            for (petri_place* each : through->places)
+                while (receive(each)) {}
+            for (unsigned int token = 0; token != 4; ++token)
+                assure(received[token] <= 1 && (!sent[token] || received[token] == 1));
+            through.reset();
+            books.settle_without_pool();
+        },
+    .variants = 2,
+});
+
+}  // namespace
+
+}  // namespace ovel::simulation
