@@ -11,6 +11,8 @@
 #define OVEL_EXPORT __declspec(dllimport)
 #endif
 
+#ifdef __cplusplus  // C programs need the macro only
+
 namespace ovel {
 
 // 128 bytes that separate a frequently written field from its neighbours, so
@@ -28,5 +30,7 @@ struct inspector;
 }  // namespace detail
 
 }  // namespace ovel
+
+#endif
 
 #endif

@@ -1,0 +1,61 @@
+// The library's memory: the one door to it for the library and for programs.
+#ifndef OVEL_ALLOCATOR_SUPPORT_H
+#define OVEL_ALLOCATOR_SUPPORT_H
+
+#include "ovel_atomic.h"
+#include "ovel_frame.h"
+
+#include <cstddef>
+
+namespace ovel {
+
+// Memory in the shape of the C runtime's, but scalable: requests of up to 4096
+// bytes less a header of two pointers are served by the calling thread's own
+// allocator, without a lock; larger ones go to the runtime heap.
+//
+// Any thread may call every member, and free what another allocated. Threads
+// without an allocator of their own share one, and must not allocate or free at
+// the same time: see `allocator_group`, which gives each thread its own. Calls
+// wait only for internal locks that are held briefly, and for the runtime heap.
+class OVEL_EXPORT allocator_support {
+public:
+    allocator_support() = delete;
+
+    // At least `bytes` bytes, also for 0 an address of its own. They are aligned
+    // to 8 bytes at least, to 16 from a request of more than 16 bytes on, and to
+    // 128 when large. Throws std::bad_alloc when memory is exhausted, and for
+    // byte counts that no memory can have.
+    static void* allocate(std::size_t bytes);
+
+    // As `allocate`, but null in place of std::bad_alloc.
+    static void* allocate_nothrow(std::size_t bytes);
+
+    // Frees what `allocate` returned; null does nothing. Anything else that did
+    // not come from here must not be passed, and goes undetected.
+    static void deallocate(void* memory);
+
+    // The bytes that may be used at `memory`, at least those asked for; 0 for null.
+    static std::size_t size(void const* memory);
+
+    // Bytes in use in the process: small blocks with their headers and rounding,
+    // and what the runtime heap has set aside for large ones. A block freed by
+    // another thread counts until it is back with its owner. A snapshot: other
+    // threads may change it meanwhile.
+    static std::size_t allocated_size();
+
+    // Bytes held in the process, in use or ready for it. A snapshot likewise.
+    static std::size_t allocated_capacity();
+
+private:
+    friend struct detail::inspector;
+
+    static void* _allocate_large(std::size_t size);
+
+    // Bytes that the runtime heap has set aside for all large blocks. Relaxed: a
+    // sum of its own, which orders nothing.
+    static detail::atomic<std::size_t> _large_size;
+};
+
+}  // namespace ovel
+
+#endif

@@ -1,0 +1,428 @@
+// Small blocks: the rings of an allocator, the exchange of chunks with the global
+// allocator, and the way home of blocks that another thread frees. Who may touch
+// what, and the order of the locks, stands with the class.
+
+#include "ovel_allocator.h"
+
+#include "kernel.h"
+#include "ovel_allocator_group.h"
+#include "ovel_assure.h"
+#include "ovel_counter.h"
+#include "ovel_guard.h"
+
+#include <stddef.h>
+
+#include <cmath>
+#include <limits>
+#include <new>
+
+namespace ovel {
+
+namespace {
+
+constexpr std::size_t chunk_length = 65536;
+
+// Bytes of other threads' frees that are worth taking the owner's lock for.
+constexpr std::size_t batch = 0x40000;
+
+// A mebibyte of the capacity is left out of the reckoning of surplus.
+constexpr std::size_t allowance = 1048576 / 7 * 5;
+static_assert(allowance == 748980);
+
+}  // namespace
+
+constinit allocator* allocator::_global_allocator = nullptr;
+constinit allocator* allocator::_default_allocator = nullptr;
+constinit allocator* allocator::_allocators = nullptr;
+constinit allocator* allocator::_released_allocators = nullptr;
+
+void detail::chunk::format(allocator* owner, std::size_t length, std::size_t block_size,
+                           std::size_t block_alignment) {
+    _allocator = owner;
+    _free = nullptr;
+    _length = length;
+    _block_size = block_size;
+    _block_alignment = block_alignment;
+    _next = this;
+    _previous = this;
+    _size = 0;
+    _capacity = 0;
+    if (length == 0)
+        return;
+
+    // It is the memory after the header that is aligned. The last cacheline of
+    // the region stays unused, so that no block shares one with what follows.
+    auto const earliest = reinterpret_cast<std::size_t>(this + 1);
+    std::size_t const gap = ~(earliest + sizeof(block) - 1) & (block_alignment - 1);
+    char* next = reinterpret_cast<char*>(this + 1) + gap;
+    char* const end = reinterpret_cast<char*>(this) + length - sizeof(cacheline);
+    auto const b = reinterpret_cast<block*>(next);
+    // clang-format off
+    assure((( reinterpret_cast<size_t>(b) + sizeof(detail::block) ) & (_block_alignment - 1)) == 0);
+    // clang-format on
+    for (; static_cast<std::size_t>(end - next) >= block_size; next += block_size) {
+        _free = new (next) block{this, _free};
+        _capacity += block_size;
+    }
+}
+
+allocator::allocator(allocator* parent)
+    : _lock(1, detail::current_spin()),
+      _parent(parent),
+      _next(nullptr),
+      _next_released(nullptr),
+      _size(0),
+      _capacity(0),
+      _minimum_capacity(0),
+      _activated(true),
+      _pending(nullptr),
+      _pending_size(0),
+      _remote{} {
+    for (std::size_t k = 0; k != detail::classes; ++k) {
+        std::size_t const size = detail::block_sizes[k];
+        _full[k].format(this, 0, size, detail::alignment_of(size));
+        _partial[k].format(this, 0, size, detail::alignment_of(size));
+    }
+    _empty.format(this, 0, 0, 0);
+
+    detail::guard<semaphore> const hold(_registry_lock());
+    _next = _allocators;
+    _allocators = this;
+}
+
+allocator::allocator(bool global) : allocator(global ? nullptr : _global_allocator) {}
+
+allocator::allocator() : allocator(allocator_group::global()->global_allocator()) {}
+
+void* allocator::operator new(std::size_t size) {
+    void* const memory = malloc(size);
+    if (memory == nullptr)
+        throw std::bad_alloc();
+    return memory;
+}
+
+void allocator::operator delete(void* memory) {
+    free(memory);
+}
+
+std::size_t allocator::_read(counter const& word) {
+    return word.load(std::memory_order_relaxed);
+}
+
+// The lock of the process-wide lists.
+semaphore& allocator::_registry_lock() {
+    return _parent != nullptr ? _parent->_lock : _lock;
+}
+
+// The rings, by the owner, or by a handing thread under `_lock` while the
+// allocator is deactivated.
+
+// Whether the capacity, less the allowance, is more than about seven fifths of
+// what is in use.
+bool allocator::_has_surplus() const {
+    return _read(_size) + allowance < _read(_capacity) / 7 * 5;
+}
+
+// `home` has a free block.
+detail::block* allocator::_take_block(detail::chunk& home) {
+    detail::block* const taken = home._free;
+    home._free = taken->_next;
+    home._size += home._block_size;
+    detail::add(_size, home._block_size);
+    return taken;
+}
+
+detail::block* allocator::allocate(std::size_t size) {
+    if (_read(_pending_size) >= batch)
+        _collect();
+
+    std::size_t const k = detail::class_of(size);
+    detail::chunk& partial = _partial[k];
+    if (!partial.has_chunk())
+        return _allocate_from_new(k);
+    detail::chunk& home = *partial._next;
+    detail::block* const taken = _take_block(home);
+    if (home._size == home._capacity)
+        home.move_to_front(_full[k]);
+    return taken;
+}
+
+// Serves class `k` when no chunk of it has a free block: from an empty chunk of
+// its own, else of the global allocator, else of the runtime heap.
+detail::block* allocator::_allocate_from_new(std::size_t k) {
+    std::size_t const block_size = detail::block_sizes[k];
+    detail::chunk* home;
+    if (_empty.has_chunk()) {
+        home = &_remove_empty();
+        if (home->_block_size != block_size)
+            home->format(this, home->_length, block_size, detail::alignment_of(block_size));
+    } else {
+        // What waits goes home before more memory is taken. The rings are not
+        // looked at again: the collection may itself have given chunks away, and
+        // a class that ran dry is likely to need the new chunk anyhow.
+        if (_read(_pending_size) != 0)
+            _collect();
+        home = _take_chunk(k);
+        if (home == nullptr) {
+            void* const region = malloc(chunk_length);
+            if (region == nullptr)
+                throw std::bad_alloc();
+            home = new (region) detail::chunk;
+            home->format(this, chunk_length, block_size, detail::alignment_of(block_size));
+        }
+    }
+    home->insert_front(_partial[k]);
+    detail::add(_capacity, home->_capacity);
+    return _take_block(*home);  // which can't fill it: a chunk has 15 blocks at least
+}
+
+void allocator::deallocate(detail::block* freed) {
+    allocator& own = *allocator_group::global()->specific_allocator();
+    if (&own == this)
+        _release_block(*freed);
+    else
+        own._release_remote(*freed, *this);
+}
+
+// Puts a block back into its chunk, and the chunk into the ring where it belongs.
+inline void allocator::_put_back(detail::block& freed) {
+    detail::chunk& home = *freed._chunk;
+    freed._next = home._free;
+    home._free = &freed;
+    home._size -= home._block_size;
+    detail::add(_size, -home._block_size);
+
+    // A class keeps its last chunk, used or not: a thread that frees a block and
+    // asks for the next one formats nothing.
+    detail::chunk& partial = _partial[detail::class_of(home._block_size)];
+    bool const spare = home._size == 0 && !partial.holds_only(home);
+    home.move_to_front(spare ? _empty : partial);
+}
+
+// The owner's free. At most one chunk leaves, so the cost stays bounded.
+inline void allocator::_release_block(detail::block& freed) {
+    _put_back(freed);
+    if (_empty.has_chunk() && _has_surplus()) {
+        _flush_remote();
+        _give_chunk();
+    }
+}
+
+// Takes the first chunk out of `_empty`, which has one. On the global allocator
+// under its `_lock`.
+detail::chunk& allocator::_remove_empty() {
+    detail::chunk& removed = *_empty._next;
+    removed.unlink();
+    detail::add(_capacity, -removed._capacity);
+    if (_read(_minimum_capacity) > _read(_capacity))
+        _minimum_capacity.store(_read(_capacity), std::memory_order_relaxed);
+    return removed;
+}
+
+// A chunk of the global allocator, formatted for class `k` and not in a ring yet;
+// null when it has none. Takes its lock, and formats after releasing it.
+detail::chunk* allocator::_take_chunk(std::size_t k) {
+    detail::chunk* taken;
+    {
+        detail::guard<semaphore> const hold(_parent->_lock);
+        if (!_parent->_empty.has_chunk())
+            return nullptr;
+        taken = &_parent->_remove_empty();
+    }
+    std::size_t const block_size = detail::block_sizes[k];
+    taken->format(this, taken->_length, block_size, detail::alignment_of(block_size));
+    return taken;
+}
+
+// Moves the first chunk of `_empty` to the global allocator, taking its lock. The
+// blocks stay laid out as they are, since whoever takes the chunk formats it.
+void allocator::_give_chunk() {
+    detail::chunk& given = _remove_empty();
+    given._allocator = _parent;
+    detail::guard<semaphore> const hold(_parent->_lock);
+    given.insert_front(_parent->_empty);
+    detail::add(_parent->_capacity, given._capacity);
+}
+
+void allocator::recycle(double fraction, bool minimum) {
+    if (_parent != nullptr)
+        return;
+    if (!(fraction > 0.0))  // a not-a-number as well
+        fraction = 0.0;
+    else if (fraction > 1.0)
+        fraction = 1.0;
+
+    detail::guard<semaphore> const hold(_lock);
+    std::size_t const base = _read(minimum ? _minimum_capacity : _capacity);
+    std::size_t const excess = base > _read(_size) ? base - _read(_size) : 0;
+    // Compared as a double, for the bound itself may not be one: it is then the
+    // next power of two, and what is below it fits.
+    constexpr std::ptrdiff_t bound = std::numeric_limits<std::ptrdiff_t>::max();
+    double const share = std::nearbyint(static_cast<double>(excess) * fraction);
+    auto budget = static_cast<std::size_t>(
+        share < static_cast<double>(bound) ? static_cast<std::ptrdiff_t>(share) : bound);
+
+    while (_empty.has_chunk() && _has_surplus() && _empty._next->_capacity <= budget) {
+        detail::chunk& surplus = _remove_empty();
+        budget -= surplus._capacity;
+        // Threads may exchange chunks meanwhile: the ring is looked at afresh.
+        _lock.release();
+        free(&surplus);
+        _lock.acquire();
+    }
+    if (minimum)
+        _minimum_capacity.store(_read(_capacity), std::memory_order_relaxed);
+}
+
+std::size_t allocator::_sum(counter allocator::*word) {
+    detail::guard<semaphore> const hold(_registry_lock());
+    std::size_t sum = 0;
+    for (allocator* each = _allocators; each != nullptr; each = each->_next)
+        sum += _read(each->*word);
+    return sum;
+}
+
+std::size_t allocator::allocated_size() {
+    return _sum(&allocator::_size);
+}
+
+std::size_t allocator::allocated_capacity() {
+    return _sum(&allocator::_capacity);
+}
+
+// The way home of blocks that another thread frees.
+
+// Files a block of `owner` in this allocator, which is the calling thread's.
+void allocator::_release_remote(detail::block& freed, allocator& owner) {
+    detail::remote* entry = _remote;
+    detail::remote* const end = _remote + sizeof _remote / sizeof _remote[0];
+    while (entry != end && entry->owner != &owner && entry->owner != nullptr)
+        ++entry;
+    if (entry == end) {
+        _flush_remote();
+        entry = _remote;
+    } else if (entry->size >= batch) {
+        _hand_over(*entry);
+    }
+
+    entry->owner = &owner;
+    freed._next = entry->head;
+    if (entry->head == nullptr)
+        entry->tail = &freed;
+    entry->head = &freed;
+    entry->size += freed._chunk->_block_size;
+}
+
+void allocator::_hand_over(detail::remote& entry) {
+    entry.owner->_receive(entry.head, entry.tail, entry.size);
+    entry = {};
+}
+
+void allocator::_flush_remote() {
+    for (detail::remote& entry : _remote) {
+        if (entry.owner != nullptr)
+            _hand_over(entry);
+    }
+}
+
+// Empties the entries of a deactivated allocator onto the front of `kept`. Under
+// `_lock`.
+void allocator::_detach_remote(detail::block*& kept) {
+    for (detail::remote& entry : _remote) {
+        if (entry.owner == nullptr)
+            continue;
+        entry.tail->_next = kept;
+        kept = entry.head;
+        entry = {};
+    }
+}
+
+// Takes over a chain of this allocator's blocks. Called with no allocator's lock
+// held, and returns so.
+//
+// A deactivated owner may have kept chains of others, and hands them over when it
+// gives a chunk back. That happens under its `_lock`, where no second owner's may
+// be taken: two that hold each other's blocks would block each other. So those
+// chains come out strung together in `kept` and are delivered here, in a loop,
+// as their owners may let go of further ones. No record of a chain is needed:
+// neighbours in the string that have one owner are a chain.
+void allocator::_receive(detail::block* head, detail::block* tail, std::size_t size) {
+    detail::block* kept = nullptr;
+    _accept(head, tail, size, kept);
+    while (kept != nullptr) {
+        allocator* const owner = kept->_chunk->_allocator;
+        head = kept;
+        size = 0;
+        do {
+            tail = kept;
+            size += tail->_chunk->_block_size;
+            kept = tail->_next;
+        } while (kept != nullptr && kept->_chunk->_allocator == owner);
+        owner->_accept(head, tail, size, kept);
+    }
+}
+
+// Leaves the chain to the owner or, while that is away, puts back all that is
+// pending; puts the chains that this sets free on the front of `kept`.
+void allocator::_accept(detail::block* head, detail::block* tail, std::size_t size,
+                        detail::block*& kept) {
+    detail::guard<semaphore> const hold(_lock);
+    tail->_next = _pending;
+    _pending = head;
+    detail::add(_pending_size, size);
+    if (_activated)
+        return;
+
+    while (_pending != nullptr) {
+        detail::block& freed = *_pending;
+        _pending = freed._next;
+        _put_back(freed);
+        if (_empty.has_chunk() && _has_surplus()) {
+            _detach_remote(kept);
+            _give_chunk();
+        }
+    }
+    _pending_size.store(0, std::memory_order_relaxed);
+}
+
+// Puts back what other threads have handed over. The lock is held for the
+// taking only: nobody who hands over waits for the rest.
+void allocator::_collect() {
+    detail::block* chain;
+    {
+        detail::guard<semaphore> const hold(_lock);
+        chain = _pending;
+        _pending = nullptr;
+        _pending_size.store(0, std::memory_order_relaxed);
+    }
+    while (chain != nullptr) {
+        detail::block& freed = *chain;
+        chain = freed._next;
+        _release_block(freed);
+    }
+}
+
+void allocator::activate() {
+    detail::guard<semaphore> const hold(_lock);
+    assure(!_activated);
+    _activated = true;
+}
+
+// A chain that arrives after the flush and before the flag is cleared waits for
+// the next collection, or for the next chain.
+void allocator::deactivate(bool keep) {
+    flush(keep);
+    detail::guard<semaphore> const hold(_lock);
+    assure(_activated);
+    _activated = false;
+}
+
+void allocator::flush(bool keep) {
+    // Relaxed: a chain that this reading misses waits for the next collection.
+    if (_read(_pending_size) != 0)
+        _collect();
+    if (!keep)
+        _flush_remote();
+}
+
+}  // namespace ovel
