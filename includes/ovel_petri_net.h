@@ -418,7 +418,8 @@ private:
 // deactivated. Calls of these four operations on one net must not overlap, and
 // while `release` runs no other operation of the net may.
 //
-// Tokens, `activate` and `deactivate` are for any thread at any time.
+// Tokens, `activate` and `deactivate` are for any thread at any time. Tokens are
+// copied and destroyed under the net's lock, so their code must not call the net.
 class OVEL_EXPORT petri_net {
 public:
     // One group of threads, one for each processor and without space, so for
@@ -473,14 +474,16 @@ public:
 
     // Lets a transition fire, as it may from the beginning; and keeps it from
     // being dispatched, while firings under way run to their end. Do not block but
-    // for the net's lock. `activate` throws std::bad_alloc.
+    // for the net's lock. `activate` throws std::bad_alloc when it can't queue the
+    // transition, and may be called again.
     void activate(petri_transition* transition);
     void deactivate(petri_transition* transition);
 
     // Tokens. The blocking forms wait until the place has a token that no firing
     // has reserved, or a slot, and the net need not run for that; the `try_` forms
     // return false instead. Throw std::bad_alloc, having changed nothing but as
-    // each says.
+    // each says. A transition that could not be queued is looked at again when one
+    // of its places changes, by `activate`, and by `release`.
 
     // Copies the oldest token; after an exception `token` is empty.
     void peek(petri_place* place, any& token);
@@ -498,7 +501,7 @@ public:
 
     // Starts the net. One that is not stopped fails the check of the destructor, a
     // transition without arcs the check "(*i)->input_size() != 0 ||
-    // (*i)->output_size() != 0". Throws std::bad_alloc.
+    // (*i)->output_size() != 0". Throws std::bad_alloc, having started nothing.
     void release();
 
     // Stops the net: blocks until it has come to rest, and joins its threads. A net

@@ -429,7 +429,8 @@ petri_arc* petri_net::insert_output_arc(petri_connector connector, petri_place* 
 }
 
 // Everything is allocated before anything is linked, so that a failure leaves no
-// arc that only one of its ends knows.
+// arc that only one of its ends knows. The net is stopped, but a caller that it
+// blocked may be on its way and look at the place's arcs.
 petri_arc* petri_net::_insert_arc(petri_place* place, petri_connector const& connector) {
     assure(connector.size() != 0 && connector.size() <= place->capacity());
     auto arc = std::make_unique<petri_arc>(connector.input(), place, connector.transition(),
@@ -437,10 +438,14 @@ petri_arc* petri_net::_insert_arc(petri_place* place, petri_connector const& con
     auto of_net = list<petri_arc*>::prepare(arc.get());
     auto of_place = list<petri_arc*>::prepare(arc.get());
     auto of_transition = list<petri_arc*>::prepare(arc.get());
+    detail::guard const hold(_mutex);
     _arcs.push_back(std::move(of_net));
     place->insert_arc(std::move(of_place));
     connector.transition()->insert_arc(std::move(of_transition));
     connector.place_reference() = place;
+    // Tokens of a stopped net may have enabled the transition without this arc.
+    if (connector.transition()->queued() && !arc->enabled())
+        _dequeue(connector.transition());
     return arc.release();
 }
 
