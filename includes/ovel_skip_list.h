@@ -41,10 +41,11 @@ struct skip_list_order<triple<thread_function*, double, double>> {
 // share a list share a lock of their own. Memory comes from `allocator_support`.
 //
 // How it is built. Level 0 links all elements in order, and level i, in the same
-// order, the nodes whose level exceeds i: about each second one of those below.
-// The level in use is that of the highest node, or 1 in an empty list. Links
-// lead to the end position where there is no further node, and so do those of
-// the head at and above the level in use. The back links follow level 0.
+// order, the nodes whose level exceeds i: about a quarter of all for i = 1, and
+// for each further one half of those below. The level in use is that of the
+// highest node, or 1 in an empty list. Links lead to the end position where there
+// is no further node, and so do those of the head at and above the level in use.
+// The back links follow level 0.
 template <class T>
 class skip_list {
     static_assert(std::is_nothrow_copy_constructible_v<T>,
@@ -63,7 +64,7 @@ class skip_list {
         unsigned int _level;
     };
 
-    // What `capacity` forward links of the head lie behind.
+    // The start of the head block: `_capacity` forward links lie behind it.
     struct head {
         unsigned int _level;  // the level in use
         unsigned int _capacity;

@@ -1,0 +1,195 @@
+// A doubly linked list in the order of insertion.
+#ifndef OVEL_LIST_H
+#define OVEL_LIST_H
+
+#include "ovel_allocator_support.h"
+#include "ovel_frame.h"
+
+#include <cstddef>
+#include <memory>
+#include <utility>
+
+namespace ovel {
+
+namespace detail {
+
+// What links a node to its neighbours, and all that an end node consists of.
+struct list_links {
+    list_links* _next;
+    list_links* _previous;
+};
+
+}  // namespace detail
+
+// A list of copies of values. An iterator stays valid until its element is
+// erased. Nothing in here locks: threads that share a list share a lock of their
+// own. Memory comes from `allocator_support`.
+//
+//     list<task*> tasks;
+//     tasks.push_back(&first);
+//     for (task* each : tasks)
+//         each->start();
+template <class T>
+class list : private detail::list_links {
+    struct node : detail::list_links {
+        explicit node(T const& copied) : detail::list_links(), value(copied) {}
+
+        // This code may be emitted by the library and by its clients; of their
+        // own, a node could be allocated by one and freed by the other.
+        static void* operator new(std::size_t size) {
+            return allocator_support::allocate(size);
+        }
+        static void operator delete(void* memory) {
+            allocator_support::deallocate(memory);
+        }
+
+        T value;
+    };
+    static_assert(alignof(T) <= 16, "allocator_support aligns no further");
+
+public:
+    // A position. One that is default-constructed belongs to no list and equals
+    // only its like.
+    class iterator {
+    public:
+        using value_type = T;
+        using difference_type = std::ptrdiff_t;
+
+        iterator() = default;
+
+        T& operator*() const {
+            return static_cast<node*>(_position)->value;
+        }
+        T* operator->() const {
+            return &**this;
+        }
+        iterator& operator++() {
+            _position = _position->_next;
+            return *this;
+        }
+        iterator operator++(int) {
+            iterator const before = *this;
+            ++*this;
+            return before;
+        }
+        friend bool operator==(iterator const&, iterator const&) = default;
+
+    private:
+        friend class list;
+        explicit iterator(detail::list_links* position) : _position(position) {}
+
+        detail::list_links* _position = nullptr;
+    };
+
+    // A position in a list that is only read.
+    class const_iterator {
+    public:
+        using value_type = T;
+        using difference_type = std::ptrdiff_t;
+
+        const_iterator() = default;
+        const_iterator(iterator position) : _position(position) {}
+
+        T const& operator*() const {
+            return *_position;
+        }
+        T const* operator->() const {
+            return &*_position;
+        }
+        const_iterator& operator++() {
+            ++_position;
+            return *this;
+        }
+        const_iterator operator++(int) {
+            return _position++;
+        }
+        friend bool operator==(const_iterator const&, const_iterator const&) = default;
+
+    private:
+        iterator _position;
+    };
+
+    // An element that is in no list yet; it is freed with the handle unless a
+    // list has taken it.
+    using prepared = std::unique_ptr<node>;
+
+    list() : detail::list_links{this, this}, _size(0) {}
+
+    // Throws what copying a value or allocating throws; nothing is leaked then.
+    list(list const& other) : list() {
+        for (T const& value : other)
+            push_back(value);
+    }
+    list& operator=(list const&) = delete;
+
+    ~list() {
+        clear();
+    }
+
+    iterator begin() {
+        return iterator(_next);
+    }
+    iterator end() {
+        return iterator(this);
+    }
+    const_iterator begin() const {
+        return iterator(_next);
+    }
+    const_iterator end() const {
+        return const_cast<list*>(this)->end();
+    }
+
+    unsigned int size() const {
+        return _size;
+    }
+
+    // Does the part of an insertion that can fail, so that one value can enter
+    // several lists or none. Throws what copying the value or allocating throws.
+    static prepared prepare(T const& value) {
+        return prepared(new node(value));
+    }
+
+    // Appends an element that was prepared.
+    void push_back(prepared&& element) noexcept {
+        node* const last = element.release();
+        last->_next = this;
+        last->_previous = _previous;
+        _previous->_next = last;
+        _previous = last;
+        ++_size;
+    }
+
+    // Appends a copy. The list is unchanged when that throws.
+    void push_back(T const& value) {
+        push_back(prepare(value));
+    }
+
+    // Erases the elements from `first` up to, not including, `last`; returns `last`.
+    iterator erase(iterator first, iterator last) {
+        while (first != last) {
+            node* const erased = static_cast<node*>(first._position);
+            ++first;
+            erased->_previous->_next = erased->_next;
+            erased->_next->_previous = erased->_previous;
+            --_size;
+            delete erased;
+        }
+        return last;
+    }
+
+    void clear() {
+        if (_size != 0)
+            erase(begin(), end());
+    }
+
+private:
+    friend struct detail::inspector;
+
+    // The list is its own end node: `_next` is its first element, `_previous`
+    // its last, and both are the list itself while it is empty.
+    unsigned int _size;  // elements
+};
+
+}  // namespace ovel
+
+#endif
