@@ -1,0 +1,100 @@
+// A bounded first-in-first-out store of tokens: what is in a place of a Petri net.
+#ifndef OVEL_CHANNEL_H
+#define OVEL_CHANNEL_H
+
+#include "ovel_allocator_support.h"
+#include "ovel_any.h"
+#include "ovel_assure.h"
+#include "ovel_frame.h"
+
+#include <cstddef>
+#include <limits>
+#include <new>
+
+namespace ovel {
+
+// A ring of tokens in a buffer that is allocated once. A token is copied when it
+// is sent and moved out when it is received. Nothing in here locks or waits:
+// threads that share a channel share a lock of their own, and know whether there
+// is room or a token; sending into a full channel and receiving from an empty one
+// end the process.
+class channel {
+public:
+    // Room for `capacity` tokens. Throws std::bad_alloc.
+    explicit channel(unsigned int capacity)
+        : _capacity(capacity),
+          _size(0),
+          _begin(_allocate(capacity)),
+          _end(_begin + capacity),
+          _back(_begin),
+          _front(_begin) {}
+    channel(channel const&) = delete;
+    channel& operator=(channel const&) = delete;
+
+    ~channel() {
+        while (_size != 0)
+            _remove_front();
+        allocator_support::deallocate(_begin);
+    }
+
+    unsigned int capacity() const {
+        return _capacity;
+    }
+
+    // Appends a copy of `token`; check "_size != _capacity". When copying throws
+    // the channel is unchanged.
+    void send(any const& token) {
+        assure(_size != _capacity);
+        ::new (static_cast<void*>(_back)) any(token);
+        _back = _after(_back);
+        ++_size;
+    }
+
+    // Moves the oldest token into `target`, whose own value goes; check
+    // "_size != 0". Copies nothing.
+    void receive(any& target) {
+        assure(_size != 0);
+        target.swap(*_front);
+        _remove_front();
+    }
+
+    // Copies the oldest token into `target` and leaves it in the channel; check
+    // "_size != 0". When copying throws, `target` is empty.
+    void peek(any& target) {
+        assure(_size != 0);
+        target = *_front;
+    }
+
+private:
+    friend struct detail::inspector;
+
+    static any* _allocate(unsigned int capacity) {
+        std::size_t const slots = capacity;
+        if (slots > std::numeric_limits<std::size_t>::max() / sizeof(any))
+            throw std::bad_alloc();
+        return static_cast<any*>(allocator_support::allocate(slots * sizeof(any)));
+    }
+
+    any* _after(any* slot) const {
+        return slot + 1 == _end ? _begin : slot + 1;
+    }
+
+    void _remove_front() {
+        _front->~any();
+        _front = _after(_front);
+        --_size;
+    }
+
+    // The `_size` slots from `_front` on, and after `_end` from `_begin` on, hold
+    // tokens; the others are raw memory, and the first of them is `_back`.
+    unsigned int const _capacity;
+    unsigned int _size;
+    any* const _begin;
+    any* const _end;
+    any* _back;   // where the next token is sent to
+    any* _front;  // the oldest token
+};
+
+}  // namespace ovel
+
+#endif
