@@ -1,0 +1,97 @@
+#include "ovel_crc32.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <vector>
+
+using ovel::crc32;
+
+struct ovel::detail::inspector {
+    static unsigned int entry(unsigned int byte) {
+        return crc32::_table[byte];
+    }
+};
+
+namespace {
+
+template <class... Data>
+unsigned int checksum(Data... data) {
+    crc32 running;
+    running.start();
+    running.encode(data...);
+    running.stop();
+    return running.value();
+}
+
+TEST(crc32_test, each_table_entry_is_the_polynomial_applied_to_its_byte) {
+    for (unsigned int byte = 0; byte < 256; ++byte) {
+        unsigned int expected = byte;
+        for (int bit = 0; bit < 8; ++bit)
+            expected = (expected >> 1) ^ ((expected & 1) != 0 ? 0xEDB88320 : 0);
+        EXPECT_EQ(ovel::detail::inspector::entry(byte), expected) << byte;
+    }
+}
+
+TEST(crc32_test, known_texts_have_their_known_checksums) {
+    char const text[] = "123456789";
+    EXPECT_EQ(checksum(text, text), 0u);
+    EXPECT_EQ(checksum(text, text + 9), 0xCBF43926);
+    char const abcd[] = "abcd";
+    EXPECT_EQ(checksum(abcd, abcd + 3), 0x352441C2u);
+    EXPECT_EQ(checksum(abcd, abcd + 4), 0xED82CD11u);
+}
+
+TEST(crc32_test, a_computation_may_be_cut_anywhere_and_copied_on_the_way) {
+    unsigned char bytes[256];
+    for (int i = 0; i < 256; ++i)
+        bytes[i] = static_cast<unsigned char>(255 - i);
+    unsigned int const whole = checksum(bytes, bytes + 256);
+    for (int cut = 0; cut < 256; ++cut) {
+        crc32 first;
+        first.start();
+        first.encode(bytes, bytes + cut);
+        crc32 second;
+        second = first;
+        for (crc32* each : {&first, &second}) {
+            each->encode(static_cast<char>(bytes[cut]));
+            each->encode(bytes + cut + 1, bytes + 256);
+            each->stop();
+            ASSERT_EQ(each->value(), whole) << "cut at " << cut;
+        }
+    }
+}
+
+TEST(crc32_test, words_are_fed_most_significant_byte_first) {
+    int const numbers[] = {0x61626364, -2};
+    unsigned int const words[] = {0x61626364, 0xFFFFFFFE};
+    unsigned char const bytes[] = {'a', 'b', 'c', 'd', 0xFF, 0xFF, 0xFF, 0xFE};
+    unsigned int const both = checksum(bytes, bytes + 8);
+    EXPECT_EQ(checksum(numbers, numbers + 2), both);
+    EXPECT_EQ(checksum(words, words + 2), both);
+    EXPECT_EQ(checksum(-2), checksum(bytes + 4, bytes + 8));
+
+    std::uintptr_t address = 0;
+    std::vector<unsigned char> digits;
+    for (unsigned int i = 1; i <= sizeof(void*); ++i) {
+        address = address << 8 | (0xF0 + i);
+        digits.push_back(static_cast<unsigned char>(0xF0 + i));
+    }
+    void* const pointer = reinterpret_cast<void*>(address);
+    unsigned int const once = checksum(digits.data(), digits.data() + digits.size());
+    EXPECT_EQ(checksum(pointer), once);
+    EXPECT_EQ(checksum(&pointer, &pointer + 1), once);
+}
+
+TEST(crc32_test, the_register_starts_at_0_and_stopping_twice_restores_it) {
+    crc32 running;
+    EXPECT_EQ(running.value(), 0u);
+    running.encode('\x01');
+    EXPECT_EQ(running.value(), 0x77073096u);
+    running.stop();
+    EXPECT_EQ(running.value(), ~0x77073096u);
+    running.stop();
+    EXPECT_EQ(running.value(), 0x77073096u);
+}
+
+}  // namespace
