@@ -1,0 +1,513 @@
+// Runs ovel-net as its users do, on the project's nets and on nets written here.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cctype>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string content(fs::path const& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// A JSON value; numbers as they are written. The parser takes nothing that is not
+// JSON.
+struct json {
+    std::map<std::string, json> members;
+    std::vector<json> items;
+    std::string text;
+
+    json const& operator[](char const* name) const {
+        return members.at(name);
+    }
+    std::uint64_t number() const {
+        return std::stoull(text);
+    }
+
+    static json parse(std::string const& all) {
+        char const* at = all.c_str();
+        json value = parse_value(at);
+        skip(at);
+        EXPECT_EQ(*at, '\0') << at;
+        return value;
+    }
+
+private:
+    static void skip(char const*& at) {
+        while (*at == ' ' || *at == '\n')
+            ++at;
+    }
+    static bool takes(char const*& at, char c) {
+        skip(at);
+        return *at == c && ++at;
+    }
+    static json parse_value(char const*& at) {
+        json value;
+        if (takes(at, '{')) {
+            if (!takes(at, '}')) {
+                do {
+                    std::string const name = parse_value(at).text;
+                    EXPECT_TRUE(takes(at, ':')) << at;
+                    EXPECT_TRUE(value.members.try_emplace(name, parse_value(at)).second) << name;
+                } while (takes(at, ','));
+                EXPECT_TRUE(takes(at, '}')) << at;
+            }
+        } else if (takes(at, '[')) {
+            if (!takes(at, ']')) {
+                do
+                    value.items.push_back(parse_value(at));
+                while (takes(at, ','));
+                EXPECT_TRUE(takes(at, ']')) << at;
+            }
+        } else if (takes(at, '"')) {
+            while (static_cast<unsigned char>(*at) >= ' ' && *at != '"') {
+                at += *at == '\\';
+                value.text += *at++;
+            }
+            EXPECT_EQ(*at++, '"');
+        } else {
+            while (std::isdigit(static_cast<unsigned char>(*at)) != 0 || *at == '.')
+                value.text += *at++;
+            EXPECT_FALSE(value.text.empty()) << at;
+        }
+        return value;
+    }
+};
+
+using counts = std::map<std::string, std::uint64_t>;
+
+// One number of each place or transition, by id; the zeros only where `all` is set.
+counts column(json const& nodes, char const* name, bool all = false) {
+    counts numbers;
+    for (json const& node : nodes.items)
+        if (all || node[name].number() != 0)
+            numbers[node["id"].text] = node[name].number();
+    return numbers;
+}
+
+class ovel_net_test : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string name = (fs::temp_directory_path() / "ovel_net_test.XXXXXX").string();
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        _directory = name;
+    }
+    void TearDown() override {
+        fs::remove_all(_directory);
+    }
+
+    // The shell's words after the program's name, run in a directory of their own.
+    void run(std::string const& arguments, std::string const& environment = "") {
+        std::string const command = "cd '" + _directory.string() + "' && " + environment + " '" +
+                                    OVEL_NET_PROGRAM + "' " + arguments + " >.out 2>.err";
+        int const ended = std::system(command.c_str());
+        status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
+        out = content(_directory / ".out");
+        err = content(_directory / ".err");
+    }
+
+    json run_json(std::string const& arguments) {
+        run(arguments + " --json");
+        EXPECT_EQ(status, 0) << err;
+        EXPECT_EQ(err, "");
+        return json::parse(out);
+    }
+
+    void write(char const* name, std::string const& text) {
+        std::ofstream(_directory / name, std::ios::binary) << text;
+    }
+
+    // Writes `net.pnml` with `elements` in its lines from the third on.
+    void write_net(std::string const& elements) {
+        write("net.pnml",
+              "<pnml xmlns=\"http://www.pnml.org/version-2009/grammar/pnml\"><net id=\"n\"\n"
+              "type=\"http://www.pnml.org/version-2009/grammar/ptnet\"><page id=\"page\">\n" +
+                  elements + "\n</page></net></pnml>\n");
+    }
+
+    // What lies in the directory, but for the program's output and `net.pnml`.
+    std::vector<std::string> files() const {
+        std::vector<std::string> names;
+        for (fs::directory_entry const& each : fs::directory_iterator(_directory)) {
+            std::string const name = each.path().filename().string();
+            if (name != ".out" && name != ".err" && name != "net.pnml")
+                names.push_back(name);
+        }
+        return names;
+    }
+
+    fs::path path(char const* name) const {
+        return _directory / name;
+    }
+    std::string read(char const* name) const {
+        return content(path(name));
+    }
+
+    static std::string own(std::string const& name) {
+        return std::string("'") + OVEL_NETS + '/' + name + '\'';
+    }
+
+    int status = 0;
+    std::string out;
+    std::string err;
+
+private:
+    fs::path _directory;
+};
+
+// The marking that the firings lead to, by the arcs as they stand in the file.
+counts expected_marking(std::string const& net, json const& result) {
+    std::string const text = content(fs::path(OVEL_NETS) / net);
+    counts marking = column(result["places"], "initial", true);
+    counts const firings = column(result["transitions"], "firings", true);
+    std::map<std::string, std::string> references;
+    auto const each = [&](char const* pattern, auto use) {
+        std::regex const wanted(pattern);
+        for (std::sregex_iterator at(text.begin(), text.end(), wanted), end; at != end; ++at)
+            use(*at);
+    };
+    each("<referencePlace id=\"(.*?)\" ref=\"(.*?)\"",
+         [&](std::smatch const& match) { references[match[1]] = match[2]; });
+    each("<arc id=\".*?\" source=\"(.*?)\" target=\"(.*?)\"(/>|><inscription><text>(\\d+)<)",
+         [&](std::smatch const& match) {
+             std::uint64_t const weight = match[4].matched ? std::stoull(match[4]) : 1;
+             std::string const source = match[1];
+             std::string const target = match[2];
+             auto const place = [&](std::string const& id) -> std::uint64_t& {
+                 return marking.at(references.contains(id) ? references.at(id) : id);
+             };
+             if (firings.contains(target))
+                 place(source) -= firings.at(target) * weight;
+             else
+                 place(target) += firings.at(source) * weight;
+         });
+    return marking;
+}
+
+TEST_F(ovel_net_test, tokens_are_conserved_as_the_arcs_say_and_each_net_ends_as_it_must) {
+    for (std::string const options :
+         {"--threads 1", "--threads 4", "--threads 3 --sequential", "--threads 4 --work 50"}) {
+        auto const ends = [&](std::string const& net, char const* outcome) {
+            SCOPED_TRACE(testing::Message() << net << ' ' << options);
+            json result = run_json(own(net) + " --firings 2000 --seconds 200 " + options);
+            EXPECT_EQ(column(result["places"], "final", true), expected_marking(net, result));
+            std::uint64_t sum = 0;
+            for (auto const& [id, fired] : column(result["transitions"], "firings"))
+                sum += fired;
+            EXPECT_EQ(result["firings"].number(), sum);
+            EXPECT_EQ(result["outcome"].text, outcome);
+            return result;
+        };
+
+        counts const waiting = column(ends("philosophers.pnml", "dead")["places"], "final");
+        std::string const side = waiting.contains("has-left-1") ? "has-left-" : "has-right-";
+        EXPECT_EQ(waiting, (counts{{side + '1', 1},
+                                   {side + '2', 1},
+                                   {side + '3', 1},
+                                   {side + '4', 1},
+                                   {side + '5', 1}}));
+
+        json const buffer = ends("bounded_buffer.pnml", "dead");
+        EXPECT_EQ(column(buffer["transitions"], "firings"),
+                  (counts{{"produce", 200}, {"put", 200}, {"take", 200}, {"consume", 200}}));
+
+        json const bicycles = ends("bicycles.pnml", "dead");
+        EXPECT_EQ(bicycles["net"]["name"].text, "bicycle factory");
+        EXPECT_EQ(bicycles["net"]["places"].number(), 11U);
+        EXPECT_EQ(bicycles["net"]["transitions"].number(), 5U);
+        EXPECT_EQ(bicycles["net"]["arcs"].number(), 17U) << "the two from the wheels are one";
+        EXPECT_EQ(bicycles["threads"].text, options.substr(10, 1));
+        EXPECT_EQ(bicycles["firings"].number(), 79U);
+        counts const capacities = column(bicycles["places"], "capacity");
+        EXPECT_EQ(capacities.at("spokes"), 2 * (1200U + 32U));
+        EXPECT_EQ(capacities.at("wheels"), 1024U);
+
+        // Firings still under way when the limit was reached don't count.
+        EXPECT_EQ(ends("readers_writers.pnml", "stopped")["firings"].number(), 2000U);
+    }
+}
+
+TEST_F(ovel_net_test, a_net_rests_full_when_only_room_is_missing) {
+    json const buffer = run_json(own("bounded_buffer.pnml") + " --capacity 100");
+    EXPECT_EQ(buffer["outcome"].text, "full");
+    EXPECT_EQ(buffer["firings"].number(), 416U);
+    EXPECT_EQ(
+        column(buffer["places"], "final"),
+        (counts{{"orders", 92}, {"produced", 2}, {"buffer", 4}, {"taken", 2}, {"consumed", 100}}));
+
+    // A transition that takes nothing fires as long as there is room.
+    write_net(R"(<place id="heap"/><transition id="source"/>
+<arc id="a" source="source" target="heap"><inscription><text>3</text></inscription></arc>)");
+    run("net.pnml --capacity 10");
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(out.find("\n3 firings in "), std::string::npos) << out;
+    EXPECT_NE(out.find("only room was missing"), std::string::npos) << out;
+    EXPECT_NE(out.find("Tokens:\n             9  heap\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("Full places, by capacity:\n            10  heap\n"), std::string::npos);
+}
+
+TEST_F(ovel_net_test, a_time_limit_drops_the_firings_that_have_not_begun) {
+    // All hundred are dispatched at once, to one thread that needs 10 s for them.
+    std::string elements = "<place id=\"done\"/>\n";
+    for (int i = 0; i < 100; ++i)
+        elements += std::regex_replace(
+            R"(<place id="p#"><initialMarking><text>1</text></initialMarking></place>
+<transition id="t#"/><arc id="a#" source="p#" target="t#"/><arc id="b#" source="t#" target="done"/>
+)",
+            std::regex("#"), std::to_string(i));
+    write_net(elements);
+    json const result = run_json("net.pnml --threads 1 --work 100000 --seconds 0.2");
+    EXPECT_EQ(result["outcome"].text, "stopped");
+    EXPECT_GE(std::stod(result["seconds"].text), 0.2);
+    EXPECT_LT(result["firings"].number(), 100U);
+    EXPECT_EQ(column(result["places"], "final").at("done"), result["firings"].number());
+    EXPECT_EQ(column(result["places"], "final").size(), 101 - result["firings"].number());
+}
+
+TEST_F(ovel_net_test, work_takes_its_time_and_a_sequential_transition_does_one_after_the_other) {
+    write_net(R"(<place id="p"><initialMarking><text>20</text></initialMarking></place>
+<transition id="t"/><arc id="a" source="p" target="t"/>)");
+    json const result = run_json("net.pnml --threads 4 --sequential --work 10000");
+    EXPECT_EQ(result["firings"].number(), 20U);
+    EXPECT_GE(std::stod(result["seconds"].text), 0.2);
+    EXPECT_TRUE(column(result["places"], "final").empty());
+}
+
+TEST_F(ovel_net_test, nets_are_read_across_pages_references_prefixes_and_encodings) {
+    write("net.pnml", R"(<?xml version="1.0" encoding="ISO-8859-1"?>
+<!DOCTYPE pnml>
+<x:pnml xmlns:x="http://www.pnml.org/version-2009/grammar/pnml">
+ <x:net id="n" type="http://www.pnml.org/version-2009/grammar/ptnet">
+  <x:page id="outer">
+   <x:toolspecific tool="t" version="1"><place id="a"/></x:toolspecific>
+   <x:arc id="1" source="far" target="t"/>
+   <x:page id="inner">
+    <x:page id="empty"/>
+    <x:referencePlace id="far" ref="near"/>
+    <x:referencePlace id="near" ref="a"/>
+    <x:referenceTransition id="rt" ref="t"/>
+   </x:page>
+   <x:place id="a"><x:name><x:text> "caf)"
+                      "\xe9"
+                      R"(" \ &amp;
+     &lt;bar&#27;&gt; </x:text></x:name>
+    <x:initialMarking><x:graphics/><x:text> 7 </x:text></x:initialMarking></x:place>
+   <x:place id="b"/>
+  </x:page>
+  <x:page id="last">
+   <x:arc id="2" source="a" target="rt"><x:inscription><x:text>2</x:text></x:inscription></x:arc>
+   <x:arc id="3" source="rt" target="b"/>
+   <x:transition id="t"/>
+   <x:transition id="idle"><x:name><x:text>idle one</x:text></x:name></x:transition>
+  </x:page>
+ </x:net>
+ <x:net id="other" type="of another"/>
+</x:pnml>)");
+    run("net.pnml --json --dot drawing");
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(
+        err,
+        "ovel-net: net.pnml:26: warning: only the first net of the document is read\n"
+        "ovel-net: net.pnml:23: warning: transition \"idle one\" has no arcs and is left out\n");
+    json const result = json::parse(out);
+    EXPECT_EQ(result["net"]["name"].text, "n");
+    EXPECT_EQ(result["net"]["arcs"].number(), 2U) << "1 and 2 join the same pair";
+    EXPECT_EQ(result["places"].items[0]["name"].text, "\"caf\xc3\xa9\" \\ & <bar >");
+    EXPECT_EQ(column(result["transitions"], "firings", true), (counts{{"t", 2}}));
+    EXPECT_EQ(column(result["places"], "final"), (counts{{"a", 1}, {"b", 2}}));
+
+    // The drawing shows names, tokens, firings and weights.
+    std::string const drawing = read("drawing");
+    EXPECT_NE(drawing.find("label=\"\\\"caf\xc3\xa9\\\" \\\\ &amp; <bar >\\n1\"]"),
+              std::string::npos)
+        << drawing;
+    EXPECT_NE(drawing.find("label=\"t\\n2\"]"), std::string::npos) << drawing;
+    EXPECT_NE(drawing.find("p0 -> t0 [label=\"3\"];\n  t0 -> p1;\n"), std::string::npos) << drawing;
+}
+
+TEST_F(ovel_net_test, a_fault_in_the_net_is_one_line_that_names_its_line_and_nothing_is_written) {
+    struct fault {
+        char const* elements;  // in lines 3 and on
+        char const* says;
+    };
+    fault const faults[] = {
+        {"<place id=\"a\"><initialMarking>\n<text>-1</text></initialMarking></place>",
+         "4: initial marking \"-1\" is not a number from 0 to 4294967295"},
+        {"<place id=\"a\"><initialMarking><text>4294967296</text></initialMarking></place>",
+         "3: initial marking \"4294967296\" is not a number from 0 to 4294967295"},
+        {"<place id=\"a\"><initialMarking/></place>",
+         "3: initial marking \"\" is not a number from 0 to 4294967295"},
+        {"<place id=\"a\"><initialMarking><text>2147483648</text></initialMarking></place>",
+         "3: place \"a\" needs room for 4294967296 tokens, beyond 32 bits"},
+        {"<place id=\"a\"/><transition id=\"t\"/>\n<arc id=\"x\" source=\"a\" target=\"t\">\n"
+         "<inscription><text>0</text></inscription></arc>",
+         "5: weight \"0\" is not a number from 1 to 4294967295"},
+        {"<place id=\"a\"/><transition id=\"t\"/>\n<arc id=\"x\" source=\"a\" target=\"t\">\n"
+         "<inscription><text>two</text></inscription></arc>",
+         "5: weight \"two\" is not a number from 1 to 4294967295"},
+        {"<place id=\"a\"/><transition id=\"t\"/><arc id=\"x\" source=\"a\" target=\"t\"/>\n"
+         "<arc id=\"y\" source=\"a\" "
+         "target=\"t\"><inscription><text>4294967295</text></inscription></arc>",
+         "4: the weights from place \"a\" to transition \"t\" add up to 4294967296, beyond 32 "
+         "bits"},
+        {"<place id=\"a\"/>\n<place id=\"b\"/>\n<arc id=\"x\" source=\"a\" target=\"b\"/>",
+         "5: arc \"x\" joins two places"},
+        {"<transition id=\"t\"/><referenceTransition id=\"r\" ref=\"t\"/>\n"
+         "<arc id=\"x\" source=\"t\" target=\"r\"/>",
+         "4: arc \"x\" joins two transitions"},
+        {"<place id=\"a\"/>\n\n<arc id=\"x\" source=\"a\" target=\"t\"/>",
+         "5: arc \"x\" has the unknown target \"t\""},
+        {"<arc id=\"x\" target=\"t\"/>", "3: arc \"x\" has no source"},
+        {"<arc id=\"x\" source=\"page\" target=\"page\"/>",
+         "3: arc \"x\" has the source \"page\", which is neither a place nor a transition"},
+        {"<transition id=\"t\"/>\n<referencePlace id=\"r\" ref=\"t\"/>",
+         "4: referencePlace \"r\" refers to transition \"t\""},
+        {"<referencePlace id=\"r\" ref=\"s\"/>\n<referencePlace id=\"s\" ref=\"r\"/>",
+         "3: referencePlace \"r\" leads to no node, only to other references"},
+        {"<place id=\"a\"/>\n<transition id=\"a\"/>", "4: id \"a\" is already taken in line 3"},
+        {"\n<place/>", "4: <place> without an id"},
+        {"<page>\n</page>", "3: <page> without an id"},
+        {"\n\n<place id=\"a\">", "6: not XML: Start-end tags mismatch"},
+        {"<name><text>\n\xff</text></name>", "4: not XML: neither UTF-8 nor declared as Latin-1"},
+    };
+    for (fault const& each : faults) {
+        write_net(each.elements);
+        run("net.pnml --dot d --svg s --json");
+        EXPECT_EQ(status, 2) << each.says;
+        EXPECT_EQ(err, std::string("ovel-net: net.pnml:") + each.says + '\n');
+        EXPECT_EQ(out, "");
+        EXPECT_TRUE(files().empty());
+    }
+
+    fault const documents[] = {
+        {"", "1: not XML: no element"},
+        {"\n\nno XML at all", "3: not XML: text outside the document's element"},
+        {"<pnml/>\n<pnml/>", "2: not XML: a second element beside the document's"},
+        {"<!-- -->\n<svg/>", "2: not PNML: the document is a <svg>"},
+        {"<pnml>\n</pnml>", "1: no <net> in the document"},
+        {"<pnml>\n<net id=\"n\" "
+         "type=\"http://www.pnml.org/version-2009/grammar/symmetricnet\"/></pnml>",
+         "2: net type \"http://www.pnml.org/version-2009/grammar/symmetricnet\" is not "
+         "\"http://www.pnml.org/version-2009/grammar/ptnet\""},
+    };
+    for (fault const& each : documents) {
+        write("net.pnml", each.elements);
+        run("net.pnml");
+        EXPECT_EQ(status, 2) << each.says;
+        EXPECT_EQ(err, std::string("ovel-net: net.pnml:") + each.says + '\n');
+    }
+}
+
+TEST_F(ovel_net_test, a_file_that_cannot_be_read_or_written_is_named_before_the_run) {
+    std::string const net = own("readers_writers.pnml");
+    struct fault {
+        std::string arguments;
+        char const* says;
+    };
+    fault const faults[] = {
+        {"none.pnml", "none.pnml:1: cannot be read: No such file or directory"},
+        {"..", "..:1: cannot be read: Is a directory"},
+        {net + " --dot none/d", "none/d:1: cannot be written: No such file or directory"},
+        {net + " --svg .", ".:1: cannot be written: Is a directory"},
+    };
+    for (fault const& each : faults) {
+        run(each.arguments);
+        EXPECT_EQ(status, 2) << each.says;
+        EXPECT_EQ(err, std::string("ovel-net: ") + each.says + '\n');
+        EXPECT_EQ(out, "");
+    }
+    run(net + " --firings 1 --svg s", "PATH=/none");
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(
+        err,
+        "ovel-net: s:1: cannot be drawn: Graphviz's dot does not run: No such file or directory\n");
+    EXPECT_TRUE(files().empty());
+}
+
+TEST_F(ovel_net_test, drawings_replace_their_files_only_when_they_are_whole) {
+    // In place of Graphviz: a program that wraps what it is to draw, or fails.
+    write("dot",
+          "#!/bin/sh\n[ $1 = -V ] && exit\n[ $1 = -Tsvg ] && echo '<svg>' && cat\n"
+          "exit `cat result`\n");
+    fs::permissions(path("dot"), fs::perms::owner_all);
+    write("picture", "before");
+    fs::create_symlink("picture", path("link"));
+    std::string const arguments = own("bicycles.pnml") + " --svg link --dot drawing";
+
+    write("result", "3");
+    run(arguments, "PATH=.:$PATH");
+    EXPECT_EQ(status, 2);
+    EXPECT_EQ(err, "ovel-net: link:1: cannot be drawn: Graphviz's dot failed\n");
+    EXPECT_EQ(read("picture"), "before");
+
+    write("result", "0");
+    run(arguments, "PATH=.:$PATH");
+    EXPECT_EQ(status, 0) << err;
+    EXPECT_TRUE(read("drawing").starts_with("digraph {\n  label=\"bicycle factory\""));
+    EXPECT_EQ(read("picture"), "<svg>\n" + read("drawing"));
+    EXPECT_EQ(files().size(), 5U) << "dot, result, link, picture and drawing";
+
+    run(own("bicycles.pnml") + " --dot /dev/stdout");
+    EXPECT_TRUE(out.starts_with("bicycle factory: "));
+    EXPECT_TRUE(out.ends_with('\n' + read("drawing"))) << "a stream is added to, not replaced";
+}
+
+TEST_F(ovel_net_test, bad_options_are_one_line_and_status_64) {
+    struct fault {
+        char const* arguments;
+        char const* says;
+    };
+    fault const faults[] = {
+        {"", "no net given"},
+        {"a b", "one net at a time, not also \"b\""},
+        {"a --fast", "unknown option \"--fast\""},
+        {"a -j", "unknown option \"-j\""},
+        {"a --json=1", "unknown option \"--json=1\""},
+        {"a --seconds", "--seconds takes a positive number of seconds, not none"},
+        {"a --seconds 0", "--seconds takes a positive number of seconds, not \"0\""},
+        {"a --seconds nan", "--seconds takes a positive number of seconds, not \"nan\""},
+        {"a --threads=1025", "--threads takes a whole number from 1 to 1024, not \"1025\""},
+        {"a --firings -1",
+         "--firings takes a whole number from 1 to 4611686018427387904, not \"-1\""},
+        {"a --capacity 4294967296",
+         "--capacity takes a whole number from 1 to 4294967295, not \"4294967296\""},
+        {"a --work 1s", "--work takes a whole number of microseconds up to 4294967295, not \"1s\""},
+        {"a --svg ''", "--svg takes a file name, not \"\""},
+    };
+    for (fault const& each : faults) {
+        run(each.arguments);
+        EXPECT_EQ(status, 64) << each.says;
+        EXPECT_EQ(err, std::string("ovel-net: ") + each.says + " (see --help)\n");
+        EXPECT_EQ(out, "");
+    }
+    run("--help");
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(out.starts_with("ovel-net NET.pnml"));
+}
+
+TEST_F(ovel_net_test, the_generator_prints_philosophers_in_any_number) {
+    std::string const generator = own("philosophers.sh");
+    ASSERT_EQ(std::system(("sh " + generator + " 5 > '" + path("five").string() + '\'').c_str()),
+              0);
+    EXPECT_EQ(read("five"), content(fs::path(OVEL_NETS) / "philosophers.pnml"));
+    ASSERT_EQ(std::system(("sh " + generator + " 12 > '" + path("twelve").string() + '\'').c_str()),
+              0);
+    json const twelve = run_json("twelve --firings 3");
+    EXPECT_EQ(twelve["net"]["places"].number(), 60U);
+    EXPECT_EQ(twelve["firings"].number(), 3U);
+    EXPECT_NE(std::system(("sh " + generator + " one 2> /dev/null").c_str()), 0);
+}
+
+}  // namespace

@@ -1,0 +1,145 @@
+#include "ovel_net_options.h"
+#include "ovel_net_failure.h"
+
+#include <algorithm>
+#include <charconv>
+#include <iterator>
+#include <limits>
+#include <string_view>
+
+namespace ovel_net {
+
+char const usage[] =
+    R"(ovel-net NET.pnml [options]
+
+Fires a place/transition net concurrently until it comes to rest, and reports
+where it did.
+
+  --seconds S     stop a net that still runs after S seconds (default 10)
+  --firings N     stop it after exactly N firings
+  --threads N     fire on N threads, up to 1024 (default: one for each processor)
+  --capacity N    room for N tokens in each place (default 1024); a place has at
+                  least twice its initial tokens plus twice its largest weight
+  --work M        let each firing compute for M microseconds
+  --sequential    let no transition fire again before its last firing has ended
+  --dot FILE      draw the net with its final marking and firing counts, as text
+                  for Graphviz
+  --svg FILE      the same as a picture; needs Graphviz's dot
+  --json          print the result as one JSON object
+  --help          print this
+
+Exit status: 0 when the net was run, however it ended; 2 when a file is wrong or
+cannot be read or written; 64 for bad options; 70 when the result contradicts
+the net; 71 when memory ran out.
+)";
+
+namespace {
+
+// One option: its name, what value it wants (none where null), and how to set
+// it, false when the value won't do.
+struct rule {
+    std::string_view name;
+    char const* wants;
+    bool (*set)(options& chosen, std::string const& value);
+};
+
+// The whole of `text` as a number in the range; a not-a-number is in none.
+template <class Number>
+bool parse(std::string const& text, Number& number, Number least,
+           Number greatest = std::numeric_limits<Number>::max()) {
+    auto const [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    return error == std::errc() && end == text.data() + text.size() && number >= least &&
+           number <= greatest;
+}
+
+bool parse(std::string const& text, std::string& file) {
+    file = text;
+    return !file.empty();
+}
+
+bool set(bool& flag) {
+    flag = true;
+    return true;
+}
+
+using text = std::string const&;
+
+constexpr rule rules[] = {
+    {"--seconds", "a positive number of seconds",
+     [](options& o, text v) {
+         return parse(v, o.seconds, std::numeric_limits<double>::min());
+     }},
+    {"--firings", "a whole number from 1 to 4611686018427387904",
+     [](options& o, text v) {
+         return parse<std::uint64_t>(v, o.firings, 1, endless);
+     }},
+    {"--threads", "a whole number from 1 to 1024",
+     [](options& o, text v) {
+         return parse(v, o.threads, 1U, 1024U);
+     }},
+    {"--capacity", "a whole number from 1 to 4294967295",
+     [](options& o, text v) {
+         return parse(v, o.capacity, 1U);
+     }},
+    {"--work", "a whole number of microseconds up to 4294967295",
+     [](options& o, text v) {
+         return parse(v, o.work, 0U);
+     }},
+    {"--dot", "a file name",
+     [](options& o, text v) {
+         return parse(v, o.dot);
+     }},
+    {"--svg", "a file name",
+     [](options& o, text v) {
+         return parse(v, o.svg);
+     }},
+    {"--sequential", nullptr,
+     [](options& o, text) {
+         return set(o.sequential);
+     }},
+    {"--json", nullptr,
+     [](options& o, text) {
+         return set(o.json);
+     }},
+    {"--help", nullptr,
+     [](options& o, text) {
+         return set(o.help);
+     }},
+};
+
+[[noreturn]] void refuse(rule const& broken, std::string const& given) {
+    throw bad_option(std::string(broken.name) + " takes " + broken.wants + ", not " + given);
+}
+
+}  // namespace
+
+options parse_options(int argc, char const* const* argv) {
+    options chosen;
+    for (int i = 1; i < argc; ++i) {
+        std::string const argument = argv[i];
+        if (!argument.starts_with('-')) {
+            if (!chosen.file.empty())
+                throw bad_option("one net at a time, not also \"" + argument + '"');
+            chosen.file = argument;
+            continue;
+        }
+        std::size_t const equals = argument.find('=');
+        std::string const name = argument.substr(0, equals);
+        auto const* const known = std::find_if(std::begin(rules), std::end(rules),
+                                               [&](rule const& each) { return each.name == name; });
+        if (known == std::end(rules) || (known->wants == nullptr && equals != argument.npos))
+            throw bad_option("unknown option \"" + argument + '"');
+        bool const separate = known->wants != nullptr && equals == argument.npos;
+        if (separate && ++i == argc)
+            refuse(*known, "none");
+        // What a flag gets here it ignores.
+        std::string const value = separate ? argv[i] : argument.substr(equals + 1);
+        if (!known->set(chosen, value))
+            refuse(*known, '"' + value + '"');
+    }
+    if (chosen.file.empty() && !chosen.help)
+        throw bad_option("no net given");
+    return chosen;
+}
+
+}  // namespace ovel_net

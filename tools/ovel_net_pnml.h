@@ -1,0 +1,19 @@
+// Reads a net from PNML, the XML interchange format of Petri nets.
+#ifndef OVEL_NET_PNML_H
+#define OVEL_NET_PNML_H
+
+#include "ovel_net_model.h"
+
+#include <ostream>
+#include <string>
+
+namespace ovel_net {
+
+// Reads the first net of `file`, which must be a place/transition net. What is
+// left out on the way is named in `warnings`, a line each; anything wrong is
+// thrown as a `failure` that names the line.
+net read_pnml(std::string const& file, std::ostream& warnings);
+
+}  // namespace ovel_net
+
+#endif

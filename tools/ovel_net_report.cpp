@@ -1,0 +1,211 @@
+#include "ovel_net_report.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <numeric>
+#include <string_view>
+#include <vector>
+
+namespace ovel_net {
+
+namespace {
+
+// 1234567 as "1,234,567".
+std::string grouped(std::uint64_t number) {
+    std::string digits = std::to_string(number);
+    for (std::size_t at = digits.size(); at > 3;) {
+        at -= 3;
+        digits.insert(at, 1, ',');
+    }
+    return digits;
+}
+
+std::string counted(std::uint64_t number, std::string const& what) {
+    return grouped(number) + ' ' + what + (number == 1 ? "" : "s");
+}
+
+std::string decimals(double number, int places) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.*f", places, number);
+    return text;
+}
+
+// A row of the report's tables: the count, right-aligned, before the node's name,
+// with the id where that is another.
+template <class Node>
+std::string row(std::uint64_t number, Node const& node) {
+    std::string const count = grouped(number);
+    std::string const margin(count.size() < 14 ? 14 - count.size() : 0, ' ');
+    return margin + count + "  " + node.name + (node.name == node.id ? "" : " (" + node.id + ')') +
+           '\n';
+}
+
+// Which places have no room for a firing that would put tokens there.
+std::vector<bool> full_places(net const& model, result const& made) {
+    std::vector<bool> full(model.places.size(), false);
+    for (transition const& each : model.transitions)
+        for (arc const& output : each.outputs)
+            if (made.refuses(output))
+                full[output.place] = true;
+    return full;
+}
+
+// `text` with `mark` before each quotation mark and backslash.
+std::string escaped(std::string_view text) {
+    std::string safe;
+    for (char const c : text) {
+        if (c == '"' || c == '\\')
+            safe += '\\';
+        safe += c;
+    }
+    return safe;
+}
+
+// A JSON string. The reader lets no control character through.
+std::string string(std::string_view text) {
+    return '"' + escaped(text) + '"';
+}
+
+// The text of a label. Graphviz takes an ampersand for the start of an entity.
+std::string label(std::string_view text) {
+    std::string safe;
+    for (char const c : escaped(text)) {
+        safe += c;
+        if (c == '&')
+            safe += "amp;";
+    }
+    return safe;
+}
+
+}  // namespace
+
+std::string report(net const& model, result const& made) {
+    std::uint64_t const fired = made.total_firings();
+    std::string text = model.name + ": " + counted(model.places.size(), "place") + ", " +
+                       counted(model.transitions.size(), "transition") + ", " +
+                       counted(model.arcs(), "arc") + '\n';
+    text += counted(fired, "firing") + " in " + decimals(made.seconds, 3) + " s on " +
+            counted(made.threads, "thread");
+    if (made.seconds > 0)
+        text += ", " +
+                grouped(static_cast<std::uint64_t>(static_cast<double>(fired) / made.seconds)) +
+                " a second";
+    text += '\n';
+
+    constexpr std::size_t shown = 10;
+    std::vector<std::size_t> order(model.transitions.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t left, std::size_t right) {
+        return made.firings[left] > made.firings[right];
+    });
+    order.resize(std::min(order.size(), shown));
+    if (fired != 0)
+        text += "\nFired most:\n";
+    for (std::size_t const i : order)
+        if (made.firings[i] != 0)
+            text += row(made.firings[i], model.transitions[i]);
+
+    switch (made.end) {
+        case outcome::dead:
+            text +=
+                "\nCame to rest in a dead marking: no transition would be enabled even with "
+                "unlimited room.\n";
+            break;
+        case outcome::full:
+            text += "\nCame to rest because only room was missing: places are full.\n";
+            break;
+        case outcome::stopped:
+            text += "\nStopped at a limit: transitions are still enabled.\n";
+            break;
+    }
+
+    bool const empty = std::all_of(made.marking.begin(), made.marking.end(),
+                                   [](unsigned int tokens) { return tokens == 0; });
+    text += empty ? "\nNo tokens are left.\n" : "\nTokens:\n";
+    for (std::size_t i = 0; i < model.places.size(); ++i)
+        if (made.marking[i] != 0)
+            text += row(made.marking[i], model.places[i]);
+    std::vector<bool> const full = full_places(model, made);
+    if (std::find(full.begin(), full.end(), true) != full.end())
+        text += "\nFull places, by capacity:\n";
+    for (std::size_t i = 0; i < model.places.size(); ++i)
+        if (full[i])
+            text += row(made.capacities[i], model.places[i]);
+    return text;
+}
+
+std::string json(net const& model, result const& made) {
+    char const* const end = made.end == outcome::dead   ? "dead"
+                            : made.end == outcome::full ? "full"
+                                                        : "stopped";
+    std::string text = "{\n  \"net\": {\"name\": " + string(model.name) +
+                       ", \"places\": " + std::to_string(model.places.size()) +
+                       ", \"transitions\": " + std::to_string(model.transitions.size()) +
+                       ", \"arcs\": " + std::to_string(model.arcs()) + "},\n";
+    text += "  \"threads\": " + std::to_string(made.threads) + ",\n";
+    text += "  \"firings\": " + std::to_string(made.total_firings()) + ",\n";
+    text += "  \"seconds\": " + decimals(made.seconds, 6) + ",\n";
+    text += std::string("  \"outcome\": \"") + end + "\",\n";
+
+    auto const open = [&](auto const& node, std::size_t i) {
+        text += (i == 0 ? "\n" : ",\n");
+        text += "    {\"id\": " + string(node.id) + ", \"name\": " + string(node.name);
+    };
+    text += "  \"places\": [";
+    for (std::size_t i = 0; i < model.places.size(); ++i) {
+        open(model.places[i], i);
+        text += ", \"capacity\": " + std::to_string(made.capacities[i]) +
+                ", \"initial\": " + std::to_string(model.places[i].initial) +
+                ", \"final\": " + std::to_string(made.marking[i]) + '}';
+    }
+    text += "\n  ],\n  \"transitions\": [";
+    for (std::size_t i = 0; i < model.transitions.size(); ++i) {
+        open(model.transitions[i], i);
+        text += ", \"firings\": " + std::to_string(made.firings[i]) + '}';
+    }
+    text += "\n  ]\n}\n";
+    return text;
+}
+
+// Places are circles with their tokens, yellow where there are any and red where
+// they are full; transitions are boxes with their firings, grey where there are
+// none.
+std::string drawing(net const& model, result const& made) {
+    // Layers show the flow but take minutes to find in a large net; nslimit bounds
+    // the search in others.
+    constexpr std::size_t most_in_layers = 400;
+    char const* const layout =
+        model.arcs() <= most_in_layers ? "nslimit=2" : "layout=sfdp; overlap=prism";
+    std::vector<bool> const full = full_places(model, made);
+    std::string text = "digraph {\n  label=\"" + label(model.name) + "\"; labelloc=t; " + layout +
+                       ";\n  node [fontname=\"sans-serif\", style=filled];\n";
+    for (std::size_t i = 0; i < model.places.size(); ++i)
+        text += "  p" + std::to_string(i) + " [shape=ellipse, fillcolor=\"" +
+                (full[i]                ? "salmon"
+                 : made.marking[i] != 0 ? "khaki"
+                                        : "white") +
+                "\", label=\"" + label(model.places[i].name) + "\\n" + grouped(made.marking[i]) +
+                "\"];\n";
+    for (std::size_t i = 0; i < model.transitions.size(); ++i)
+        text += "  t" + std::to_string(i) + " [shape=box, fillcolor=\"" +
+                (made.firings[i] != 0 ? "lightblue" : "lightgrey") + "\", label=\"" +
+                label(model.transitions[i].name) + "\\n" + grouped(made.firings[i]) + "\"];\n";
+
+    auto const edge = [&](std::string const& from, std::string const& to, unsigned int weight) {
+        text += "  " + from + " -> " + to;
+        if (weight > 1)
+            text += " [label=\"" + std::to_string(weight) + "\"]";
+        text += ";\n";
+    };
+    for (std::size_t i = 0; i < model.transitions.size(); ++i) {
+        std::string const middle = 't' + std::to_string(i);
+        for (arc const& each : model.transitions[i].inputs)
+            edge('p' + std::to_string(each.place), middle, each.weight);
+        for (arc const& each : model.transitions[i].outputs)
+            edge(middle, 'p' + std::to_string(each.place), each.weight);
+    }
+    return text + "}\n";
+}
+
+}  // namespace ovel_net

@@ -1,0 +1,24 @@
+// What a run is told in: a report to read, JSON for programs, a drawing.
+#ifndef OVEL_NET_REPORT_H
+#define OVEL_NET_REPORT_H
+
+#include "ovel_net_model.h"
+#include "ovel_net_run.h"
+
+#include <string>
+
+namespace ovel_net {
+
+// A page of text.
+std::string report(net const& model, result const& made);
+
+// One JSON object, with what proves that no token was lost: the initial marking,
+// the firings of each transition, the final marking.
+std::string json(net const& model, result const& made);
+
+// The net with its final marking and firing counts, in Graphviz's language.
+std::string drawing(net const& model, result const& made);
+
+}  // namespace ovel_net
+
+#endif

@@ -1,0 +1,304 @@
+// Each token bears a serial number, its identity. A firing passes tokens on, from
+// its input places to its output places in the order of its arcs; where it puts
+// more than it takes it makes new ones, and where it takes more they end. In the
+// end the marking must follow from the firings, and no identity may be there twice.
+//
+// Firings run on the net's threads, several of one transition at a time. What they
+// share is atomic; the net's own lock and its stop order all the rest.
+#include "ovel_net_run.h"
+#include "ovel_net_failure.h"
+#include "ovel_petri_net.h"
+#include "ovel_thread_support.h"
+
+#include <algorithm>
+#include <atomic>
+#include <deque>
+#include <numeric>
+
+namespace ovel_net {
+
+namespace {
+
+using serial = std::uint64_t;
+
+constexpr unsigned int stack_size = 524288;
+
+// Where a run ends that doesn't come to rest. Firings ask to be admitted; those
+// dispatched before the limit was reached and not admitted any more leave their
+// tokens where they are, so that the limit is met exactly.
+class limit {
+public:
+    explicit limit(std::uint64_t firings) : _left(static_cast<std::int64_t>(firings)) {}
+
+    // Relaxed, for the counter publishes nothing but itself.
+    bool admit() {
+        std::int64_t const left = _left.fetch_sub(1, std::memory_order_relaxed);
+        if (left == 1)
+            _deactivate();
+        return left > 0;
+    }
+
+    // The limit is reached now. Any thread may call it while the net runs.
+    void close() {
+        _left.store(0, std::memory_order_relaxed);
+        _deactivate();
+    }
+
+    bool reached() const {
+        return _left.load(std::memory_order_relaxed) <= 0;
+    }
+
+    // While the net is stopped.
+    void apply_to(ovel::petri_transition* transition) {
+        _transitions.push_back(transition);
+    }
+
+private:
+    void _deactivate() {
+        for (ovel::petri_transition* const each : _transitions)
+            each->deactivate();
+    }
+
+    std::atomic<std::int64_t> _left;  // firings that may still begin; 0 or less: none
+    std::vector<ovel::petri_transition*> _transitions;
+};
+
+// What a transition does when it fires.
+class firing : public ovel::petri_function {
+public:
+    firing(ovel_net::transition const& model, ovel::time_base work, limit& until,
+           std::atomic<serial>& next)
+        : _work(work), _limit(until), _next(next) {
+        for (arc const& each : model.inputs)
+            _inputs.push_back({nullptr, each.weight});
+        for (arc const& each : model.outputs)
+            _outputs.push_back({nullptr, each.weight});
+    }
+
+    // Makes the arcs; `places` are the net's, in the model's order.
+    void connect(ovel::petri_net& net, ovel_net::transition const& model,
+                 std::vector<ovel::petri_place*> const& places) {
+        for (std::size_t i = 0; i < _inputs.size(); ++i)
+            net.insert_input_arc(places[model.inputs[i].place],
+                                 transition()->input(_inputs[i].place).size(_inputs[i].weight));
+        for (std::size_t i = 0; i < _outputs.size(); ++i)
+            net.insert_output_arc(transition()->output(_outputs[i].place).size(_outputs[i].weight),
+                                  places[model.outputs[i].place]);
+    }
+
+    void operator()() override {
+        if (!_limit.admit())
+            return _skip();
+        ovel::time_base const end = ovel::time_base::now() + _work;
+        while (ovel::time_base::now() < end) {}
+        _pass();
+        _count.fetch_add(1, std::memory_order_relaxed);
+    }
+
+    std::uint64_t count() const {
+        return _count.load(std::memory_order_relaxed);
+    }
+
+private:
+    struct end {
+        ovel::petri_place* place;  // set by the net, which knows the arc by its address
+        unsigned int weight;
+    };
+
+    void _pass() {
+        ovel::any token;
+        auto take = [&, input = _inputs.begin(), taken = 0U]() mutable {
+            if (input != _inputs.end() && taken == input->weight) {
+                ++input;
+                taken = 0;
+            }
+            if (input == _inputs.end())
+                return false;
+            input->place->receive(token);
+            ++taken;
+            return true;
+        };
+        for (end const& output : _outputs)
+            for (unsigned int i = 0; i < output.weight; ++i) {
+                if (!take())
+                    token = _next.fetch_add(1, std::memory_order_relaxed);
+                output.place->send(token);
+            }
+        while (take()) {}
+    }
+
+    void _skip() {
+        for (end const& input : _inputs)
+            for (unsigned int i = 0; i < input.weight; ++i)
+                input.place->receive_skip();
+        for (end const& output : _outputs)
+            for (unsigned int i = 0; i < output.weight; ++i)
+                output.place->send_skip();
+    }
+
+    std::vector<end> _inputs;  // never resized once there are arcs
+    std::vector<end> _outputs;
+    ovel::time_base const _work;
+    limit& _limit;
+    std::atomic<serial>& _next;
+    std::atomic<std::uint64_t> _count = 0;
+};
+
+class machine {
+public:
+    machine(net const& model, options const& chosen);
+
+    result run(observer const& observe);
+
+private:
+    void _mark();
+    double _fire(observer const& observe);
+    std::vector<serial> _collect(std::vector<unsigned int>& marking);
+    void _verify(result const& made, std::vector<serial> tokens) const;
+    outcome _judge(result const& made) const;
+    std::uint64_t _fired() const;
+
+    net const& _model;
+    double const _seconds;  // the time limit
+    unsigned int const _threads;
+    std::atomic<serial> _next = 0;
+    limit _limit;
+    std::deque<firing> _firings;
+    ovel::petri_net _net;
+    std::vector<ovel::petri_place*> _places;
+};
+
+machine::machine(net const& model, options const& chosen)
+    : _model(model),
+      _seconds(chosen.seconds),
+      _threads(chosen.threads != 0 ? chosen.threads : ovel::thread_support::available_processors()),
+      _limit(chosen.firings),
+      _net(_threads, 0.0, stack_size) {
+    for (place const& each : model.places)
+        _places.push_back(_net.insert_place(std::max(chosen.capacity, each.least_room)));
+    ovel::time_base const work = ovel::time_base::seconds(chosen.work * 1e-6);
+    for (transition const& each : model.transitions) {
+        firing& code = _firings.emplace_back(each, work, _limit, _next);
+        _limit.apply_to(_net.insert_transition(code, !chosen.sequential, 1.0, 0.0, 0));
+        code.connect(_net, each, _places);
+    }
+}
+
+result machine::run(observer const& observe) {
+    result made;
+    made.threads = _threads;
+    _mark();
+    made.seconds = _fire(observe);
+    for (firing const& each : _firings)
+        made.firings.push_back(each.count());
+    for (ovel::petri_place const* const each : _places)
+        made.capacities.push_back(each->capacity());
+    _verify(made, _collect(made.marking));
+    made.end = _judge(made);
+    return made;
+}
+
+// The initial marking, while the net is stopped.
+void machine::_mark() {
+    for (std::size_t i = 0; i < _places.size(); ++i)
+        for (unsigned int sent = 0; sent < _model.places[i].initial; ++sent)
+            _net.send(_places[i], _next.fetch_add(1, std::memory_order_relaxed));
+}
+
+// Starts the net and stops it when it rests or its time is up; the limit on
+// firings needs nobody here. Returns how long the net ran.
+double machine::_fire(observer const& observe) {
+    constexpr double look = 0.1;  // seconds from one look at the net to the next
+    ovel::time const start = ovel::time::now();
+    auto const elapsed = [&] {
+        return (ovel::time::now() - start).seconds();
+    };
+    _net.release();
+    while (!_net.timed_acquire(ovel::time::then(std::min(look, _seconds - elapsed())))) {
+        observe(elapsed(), _fired());
+        if (elapsed() < _seconds)
+            continue;
+        _limit.close();
+        _net.acquire();
+        break;
+    }
+    return elapsed();
+}
+
+// Takes all tokens out and counts them, a place after the other.
+std::vector<serial> machine::_collect(std::vector<unsigned int>& marking) {
+    std::vector<serial> tokens;
+    ovel::any token;
+    for (ovel::petri_place* const each : _places) {
+        std::size_t const before = tokens.size();
+        while (_net.try_receive(each, token))
+            tokens.push_back(ovel::any_cast<serial>(token));
+        marking.push_back(static_cast<unsigned int>(tokens.size() - before));
+    }
+    return tokens;
+}
+
+// The marking must follow from the firings, and each token be one that was made,
+// once. Sums wrap modulo 2^64, beyond any marking.
+void machine::_verify(result const& made, std::vector<serial> tokens) const {
+    std::vector<std::uint64_t> expected;
+    for (place const& each : _model.places)
+        expected.push_back(each.initial);
+    for (std::size_t i = 0; i < _model.transitions.size(); ++i) {
+        for (arc const& input : _model.transitions[i].inputs)
+            expected[input.place] -= made.firings[i] * input.weight;
+        for (arc const& output : _model.transitions[i].outputs)
+            expected[output.place] += made.firings[i] * output.weight;
+    }
+    for (std::size_t i = 0; i < expected.size(); ++i)
+        if (made.marking[i] != expected[i])
+            throw internal_error("place \"" + _model.places[i].id + "\" holds " +
+                                 std::to_string(made.marking[i]) + " tokens, its firings leave " +
+                                 std::to_string(expected[i]));
+    std::sort(tokens.begin(), tokens.end());
+    if (std::adjacent_find(tokens.begin(), tokens.end()) != tokens.end() ||
+        (!tokens.empty() && tokens.back() >= _next.load(std::memory_order_relaxed)))
+        throw internal_error("a token is in the net twice or was never made");
+}
+
+// What the marking says; a limit that struck just when the net came to rest didn't
+// stop it.
+outcome machine::_judge(result const& made) const {
+    outcome end = outcome::dead;
+    for (transition const& each : _model.transitions) {
+        auto const lacks = [&](arc const& input) {
+            return made.marking[input.place] < input.weight;
+        };
+        auto const refuses = [&](arc const& output) {
+            return made.refuses(output);
+        };
+        if (std::any_of(each.inputs.begin(), each.inputs.end(), lacks))
+            continue;
+        if (std::any_of(each.outputs.begin(), each.outputs.end(), refuses))
+            end = outcome::full;
+        else if (_limit.reached())
+            return outcome::stopped;
+        else
+            throw internal_error("at rest although transition \"" + each.id + "\" is enabled");
+    }
+    return end;
+}
+
+std::uint64_t machine::_fired() const {
+    std::uint64_t sum = 0;
+    for (firing const& each : _firings)
+        sum += each.count();
+    return sum;
+}
+
+}  // namespace
+
+std::uint64_t result::total_firings() const {
+    return std::accumulate(firings.begin(), firings.end(), std::uint64_t{0});
+}
+
+result run(net const& model, options const& chosen, observer const& observe) {
+    return machine(model, chosen).run(observe);
+}
+
+}  // namespace ovel_net
