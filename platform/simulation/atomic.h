@@ -26,7 +26,8 @@ enum class access : unsigned char { load, store, exchange, add, compare_exchange
 // make its access.
 OVEL_EXPORT void before_access(access kind, void const volatile* word);
 
-// Records what the access found and left, for the steps that a report shows.
+// Ends the access. Records what it found and left, for the steps that a report
+// shows.
 OVEL_EXPORT void after_access(std::uint64_t found, std::uint64_t left);
 
 // Whether a weak compare-and-exchange is to fail although the values agree.
@@ -63,8 +64,9 @@ public:
 
     OVEL_SIMULATION_INLINE T load(std::memory_order = std::memory_order_seq_cst) const noexcept {
         simulation::before_access(simulation::access::load, &_value);
-        simulation::after_access(simulation::as_bits(_value), simulation::as_bits(_value));
-        return _value;
+        T const value = _value;
+        simulation::after_access(simulation::as_bits(value), simulation::as_bits(value));
+        return value;
     }
 
     OVEL_SIMULATION_INLINE void store(T value,
@@ -177,8 +179,9 @@ private:
     OVEL_SIMULATION_INLINE T _replace(simulation::access kind, Change const& change) {
         simulation::before_access(kind, &_value);
         T const old = _value;
-        _value = change(old);
-        simulation::after_access(simulation::as_bits(old), simulation::as_bits(_value));
+        T const changed = change(old);
+        _value = changed;
+        simulation::after_access(simulation::as_bits(old), simulation::as_bits(changed));
         return old;
     }
 

@@ -44,11 +44,6 @@ namespace ovel::simulation {
 
 namespace {
 
-// The same in every run and every process, as the addresses of local variables
-// may find their way into names and orders.
-char* const stacks_at = reinterpret_cast<char*>(std::uintptr_t{0x2000'0000'0000});
-constexpr std::size_t guard_bytes = 4096;
-
 // The layout that the language's runtime fixes for `__cxa_get_globals`.
 struct exception_state {
     void* caught;
@@ -62,21 +57,17 @@ exception_state& exceptions() {
 
 }  // namespace
 
-char* stack(unsigned int index) {
-    static char* const base = [] {
-        std::size_t const bytes = stack_count * (stack_bytes + guard_bytes);
-        void* const stacks =
-            mmap(stacks_at, bytes, PROT_READ | PROT_WRITE,
-                 MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
-        if (stacks != stacks_at) {
-            std::perror("simulation: stacks");
-            std::abort();
-        }
-        for (unsigned int each = 0; each != stack_count; ++each)
-            mprotect(stacks_at + each * (stack_bytes + guard_bytes), guard_bytes, PROT_NONE);
-        return stacks_at + guard_bytes;
-    }();
-    return base + index * (stack_bytes + guard_bytes);
+void map_stacks() {
+    auto const at = reinterpret_cast<void*>(stacks_at);
+    void* const stacks =
+        mmap(at, stack_count * (stack_bytes + stack_guard_bytes), PROT_READ | PROT_WRITE,
+             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
+    if (stacks != at) {
+        std::perror("simulation: stacks");
+        std::abort();
+    }
+    for (unsigned int each = 0; each != stack_count; ++each)
+        mprotect(stack(each) - stack_guard_bytes, stack_guard_bytes, PROT_NONE);
 }
 
 void prepare(fiber& created, unsigned int stack_index, void (*entry)()) {

@@ -3,6 +3,7 @@
 #define OVEL_SIMULATION_FIBER_H
 
 #include <cstddef>
+#include <cstdint>
 
 namespace ovel::simulation {
 
@@ -18,8 +19,19 @@ struct fiber {
 inline constexpr std::size_t stack_bytes = std::size_t{256} << 10;
 inline constexpr unsigned int stack_count = 64;
 
+// The same in every run and every process, as the addresses of local variables may
+// find their way into names and orders.
+inline constexpr std::uintptr_t stacks_at = 0x2000'0000'0000;
+inline constexpr std::size_t stack_guard_bytes = 4096;
+
 // The lowest address of stack `index`, below which lies a guard.
-char* stack(unsigned int index);
+inline char* stack(unsigned int index) {
+    return reinterpret_cast<char*>(stacks_at + index * (stack_bytes + stack_guard_bytes) +
+                                   stack_guard_bytes);
+}
+
+// Before the first fiber is prepared.
+void map_stacks();
 
 // Makes `created` start with `entry`, which never returns, on a stack.
 void prepare(fiber& created, unsigned int stack_index, void (*entry)());

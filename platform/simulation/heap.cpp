@@ -19,7 +19,6 @@ namespace ovel::simulation::heap {
 namespace {
 
 constexpr std::size_t granule = 16;
-constexpr std::size_t arena_bytes = std::size_t{512} << 20;
 constexpr unsigned char fresh = 0xcd;
 constexpr unsigned char freed = 0xdd;
 constexpr unsigned char guard = 0xfd;
@@ -32,10 +31,12 @@ struct header {
 constexpr std::size_t magic = 0x6f76656c68656170;
 static_assert(sizeof(header) == granule);
 
-struct arena {
-    char* base;
-    unsigned char* in_use;  // by granule
-};
+// By granule, whether it is in use, and by word, the thread that accesses it. Null
+// until the first allocation.
+unsigned char* in_use;
+unsigned char* owners;
+constexpr std::size_t word = 8;
+constexpr unsigned char shared = 255;
 
 // Blocks of one size that were freed.
 struct freed_size {
@@ -62,39 +63,42 @@ bool reuse_at_once;
 constinit lasting<lists> lists_;
 char text[160];
 
-arena const& memory() {
-    static arena const made = [] {
-        auto const at = reinterpret_cast<void*>(std::uintptr_t{0x1000'0000'0000});
-        void* const base =
-            mmap(at, arena_bytes, PROT_READ | PROT_WRITE,
-                 MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
-        void* const map = mmap(nullptr, arena_bytes / granule, PROT_READ | PROT_WRITE,
-                               MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-        if (base != at || map == MAP_FAILED) {
-            std::perror("simulation: heap");
-            std::abort();
-        }
-        return arena{static_cast<char*>(base), static_cast<unsigned char*>(map)};
-    }();
-    return made;
+void open() {
+    auto const at = reinterpret_cast<void*>(arena_at);
+    void* const base =
+        mmap(at, arena_bytes, PROT_READ | PROT_WRITE,
+             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
+    void* const maps =
+        mmap(nullptr, arena_bytes / granule + arena_bytes / word, PROT_READ | PROT_WRITE,
+             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (base != at || maps == MAP_FAILED) {
+        std::perror("simulation: heap");
+        std::abort();
+    }
+    in_use = static_cast<unsigned char*>(maps);
+    owners = in_use + arena_bytes / granule;
+}
+
+char* at(std::size_t offset) {
+    return reinterpret_cast<char*>(arena_at + offset);
+}
+
+std::size_t offset(void const volatile* address) {
+    return reinterpret_cast<std::uintptr_t>(address) - arena_at;
 }
 
 std::size_t rounded(std::size_t size) {
     return (size + granule - 1) / granule * granule;
 }
 
-std::size_t index(void const volatile* address) {
-    return static_cast<std::size_t>(static_cast<char const volatile*>(address) - memory().base) /
-           granule;
-}
-
 // A block's granules are 1 but for the first, which is 2.
 void mark(char* block, std::size_t size, bool used) {
     std::size_t const granules = rounded(size) / granule;
-    unsigned char* const map = &memory().in_use[index(block)];
+    unsigned char* const map = &in_use[offset(block) / granule];
     std::memset(map, used ? 1 : 0, granules);
     if (used)
         map[0] = 2;
+    std::memset(&owners[offset(block) / word], 0, granules * (granule / word));
 }
 
 header& header_of(char* block) {
@@ -117,6 +121,8 @@ char* end_of(char* block, std::size_t size) {
 void* allocate(std::size_t size) {
     if (size > arena_bytes / 2)
         return nullptr;
+    if (in_use == nullptr)
+        open();
     std::size_t const wanted = size == 0 ? 1 : size;
     char* block = nullptr;
     if (reuse_at_once)
@@ -130,7 +136,7 @@ void* allocate(std::size_t size) {
         std::size_t const cut = sizeof(header) + rounded(wanted) + granule;
         if (now.used + cut > arena_bytes)
             return nullptr;
-        block = memory().base + now.used + sizeof(header);
+        block = at(now.used) + sizeof(header);
         now.used += cut;
     }
     header_of(block) = header{wanted, wanted ^ magic};
@@ -143,18 +149,22 @@ void* allocate(std::size_t size) {
     return block;
 }
 
-bool contains(void const volatile* address) {
-    auto const at = reinterpret_cast<std::uintptr_t>(address);
-    auto const base = reinterpret_cast<std::uintptr_t>(memory().base);
-    return at >= base && at < base + arena_bytes;
+bool is_stray(void const volatile* address) {
+    return contains(address) && in_use[offset(address) / granule] == 0;
 }
 
-bool is_stray(void const volatile* address) {
-    return contains(address) && memory().in_use[index(address)] == 0;
+bool is_shared(void const* accessed, unsigned int thread) {
+    auto const self = static_cast<unsigned char>(thread % (shared - 1) + 1);
+    unsigned char& owner = owners[offset(accessed) / word];
+    if (owner == 0)
+        owner = self;
+    else if (owner != self)
+        owner = shared;
+    return owner == shared;
 }
 
 std::size_t const* size(void* block) {
-    if (!contains(block) || memory().in_use[index(block)] != 2)
+    if (!contains(block) || in_use[offset(block) / granule] != 2)
         return nullptr;
     return &header_of(static_cast<char*>(block)).size;
 }
@@ -163,7 +173,7 @@ char const* deallocate(void* freed_memory) {
     auto const block = static_cast<char*>(freed_memory);
     if (!contains(block) || reinterpret_cast<std::uintptr_t>(block) % granule != 0)
         return "free of an address that is not of the heap";
-    if (memory().in_use[index(block)] != 2)
+    if (in_use[offset(block) / granule] != 2)
         return "free of what is not a block in use";
     header& about = header_of(block);
     if ((about.size ^ magic) != about.check)
@@ -221,19 +231,20 @@ char const* damage() {
 }
 
 void keep() {
+    if (in_use == nullptr)
+        open();
     kept = now;
-    lists_.value.kept_contents.assign(memory().base, memory().base + now.used);
-    lists_.value.kept_in_use.assign(memory().in_use, memory().in_use + now.used / granule);
+    lists_.value.kept_contents.assign(at(0), at(now.used));
+    lists_.value.kept_in_use.assign(in_use, in_use + now.used / granule);
 }
 
 void restore() {
-    std::memset(memory().in_use, 0, now.used / granule);
+    std::memset(in_use, 0, now.used / granule);
+    std::memset(owners, 0, now.used / word);
     now = kept;
     if (now.used != 0) {
-        std::memcpy(memory().base, lists_.value.kept_contents.data(),
-                    lists_.value.kept_contents.size());
-        std::memcpy(memory().in_use, lists_.value.kept_in_use.data(),
-                    lists_.value.kept_in_use.size());
+        std::memcpy(at(0), lists_.value.kept_contents.data(), lists_.value.kept_contents.size());
+        std::memcpy(in_use, lists_.value.kept_in_use.data(), lists_.value.kept_in_use.size());
     }
     lists_.value.reusable.clear();
     lists_.value.quarantine.clear();

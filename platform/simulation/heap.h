@@ -3,8 +3,17 @@
 #define OVEL_SIMULATION_HEAP_H
 
 #include <cstddef>
+#include <cstdint>
 
 namespace ovel::simulation::heap {
+
+// Fixed, so that a schedule finds the same addresses in every process.
+inline constexpr std::uintptr_t arena_at = 0x1000'0000'0000;
+inline constexpr std::size_t arena_bytes = std::size_t{512} << 20;
+
+inline bool contains(void const volatile* address) {
+    return reinterpret_cast<std::uintptr_t>(address) - arena_at < arena_bytes;
+}
 
 // Null when the arena is full.
 void* allocate(std::size_t size);
@@ -17,7 +26,10 @@ std::size_t const* size(void* memory);
 
 // Whether `address` lies in the arena, but in no block in use.
 bool is_stray(void const volatile* address);
-bool contains(void const volatile* address);
+
+// Notes that `thread`, not 0, accesses memory of the arena; whether another has
+// done so since it was allocated.
+bool is_shared(void const* memory, unsigned int thread);
 
 unsigned int blocks();
 std::size_t bytes();

@@ -42,6 +42,14 @@
 // with choices the next thread's turn costs no preemption. Otherwise a spinning
 // thread would keep the one it waits for from running.
 //
+// Plain accesses. What the library accesses without an atomic word must be kept to
+// one thread at a time by locks; a lock that is missing would not show if nobody
+// could come between two such accesses. So the library is compiled to announce them
+// (plain.cpp), and in one drawn schedule of eight they are scheduling points as well,
+// from the second thread on that accesses a word.
+// Two threads that are both about to access the same memory, one of them to write,
+// have no lock between them: that race ends the run, whatever the accesses would do.
+//
 // A run ends when the first thread returns and all others have come to rest, or at
 // once when it fails: control leaves the fibers, which are abandoned, for `run`.
 //
@@ -74,6 +82,8 @@
 
 namespace ovel::simulation {
 
+constinit bool plain_points = false;
+
 namespace {
 
 constexpr std::uint64_t tick = 20;  // nanoseconds a step
@@ -105,6 +115,7 @@ struct thread {
     operation doing;         // its next step, or the one it blocks in
     bool on_object;          // whether that concerns a kernel object
     std::uintptr_t object;   // number or address
+    std::size_t size;        // of a plain access, in bytes
 };
 
 struct step {
@@ -153,6 +164,7 @@ struct world {
     unsigned int late_by;
     unsigned int kernel_calls;
     char const* expected[4];
+    bool in_access;  // between the two ends of an atomic access
     unsigned int ring_size, recorded;
 };
 
@@ -487,8 +499,9 @@ void jump() {
 
 void count_step() {
     now.clock += tick;
-    if (++now.steps > now.program->steps)
-        fail_run("livelock: more than " + std::to_string(now.program->steps) + " steps");
+    unsigned int const limit = now.program->steps * (plain_points ? 16 : 1);
+    if (++now.steps > limit)
+        fail_run("livelock: more than " + std::to_string(limit) + " steps");
 }
 
 // Chooses who goes on and lets it; returns when the calling thread is chosen.
@@ -646,6 +659,7 @@ void keep_load_state() {
     }
     done = true;
     catch_signals();
+    map_stacks();
     snapshot::keep();
     heap::keep();
     keep_objects();
@@ -775,10 +789,42 @@ void before_access(access kind, void const volatile* word) {
     if (heap::is_stray(word))
         fail_run("an atomic word in freed memory was accessed: " +
                  place(reinterpret_cast<std::uintptr_t>(word)));
+    now.in_access = true;
 }
 
 void after_access(std::uint64_t found, std::uint64_t left) {
+    now.in_access = false;
     note(found, left);
+}
+
+// Plain accesses.
+
+void access_plainly(void const* memory, std::size_t size, bool writes) {
+    if (now.in_access || now.state != phase::exploring)
+        return;
+    auto const address = reinterpret_cast<std::uintptr_t>(memory);
+    auto const own = reinterpret_cast<std::uintptr_t>(stack(now.self));
+    // What lies on a thread's own stack is hardly ever shared.
+    if (address - own < stack_bytes)
+        return;
+    if (heap::is_stray(memory))
+        fail_run("freed memory was accessed: " + place(address));
+    if (heap::contains(memory) && !heap::is_shared(memory, now.threads[now.self].state.number))
+        return;
+    for (threads_mask rest = now.alive & ~bit(now.self); rest != 0; rest &= rest - 1) {
+        thread const& other = now.threads[lowest(rest)];
+        bool const reads = other.doing == operation::read;
+        if ((reads && !writes) || (!reads && other.doing != operation::write))
+            continue;
+        if (address < other.object + other.size && other.object < address + size)
+            fail_run("race: threads " + std::to_string(now.threads[now.self].state.number) +
+                     " and " + std::to_string(other.state.number) + " access " + place(address) +
+                     " at the same time, and one writes");
+    }
+    now.threads[now.self].size = size;
+    reach(writes ? operation::write : operation::read, false, address, __builtin_return_address(0),
+          false);
+    now.threads[now.self].doing = operation::begin;
 }
 
 bool spurious_failure() {
@@ -953,6 +999,8 @@ outcome run(scenario const& program, schedule const& when, unsigned int steps_sh
     now.recorded = 0;
     fault_frame = nullptr;
     heap::reuse(drawn && seeds.below(2) == 0);
+    plain_points = drawn && seeds.below(8) == 0;
+    now.in_access = false;
 
     balance();
     thread_state first{};

@@ -33,6 +33,8 @@ enum class operation : unsigned char {
     deallocate,
     read_clock,
     affinity,
+    read,
+    write,
     tick
 };
 
@@ -72,6 +74,11 @@ thread_state& current();
 // their number.
 void point(operation what, void const volatile* object, void* caller, bool yields = false);
 void point(operation what, unsigned int object, void* caller, bool yields = false);
+
+// The library is about to access memory, which may be that of an atomic word. Only
+// to be called with `plain_points`.
+extern bool plain_points;
+void access_plainly(void const* memory, std::size_t size, bool writes);
 
 // Records what the step found and left.
 void note(std::uint64_t found, std::uint64_t left);

@@ -92,14 +92,6 @@ struct options {
     unsigned int steps = 60;
 };
 
-struct tally {
-    std::uint64_t schedules = 0;
-    std::uint64_t news = 0;  // the schedule that was the last to show anything new
-    std::uint64_t reported = 0;
-    std::uint64_t steps = 0;
-    distinct interleavings;
-};
-
 // Static functions have no name at run time: puts those that the debugger's tables
 // give in place of FILE+0xOFFSET in a report.
 std::string with_names(std::string const& report) {
@@ -141,103 +133,154 @@ std::string with_names(std::string const& report) {
     return text;
 }
 
-// Whether it passed.
-bool try_one(scenario const& program, schedule const& when, outcome const& result, tally& all) {
-    if (!result.passed) {
-        // Once more, to see its steps.
-        outcome const again = run(program, when);
-        std::printf("\nFAILED %s: %s\n", program.name, result.failure.c_str());
-        if (again.failure != result.failure)
-            std::printf("NOT THE SAME WHEN RUN AGAIN: %s\n", again.failure.c_str());
-        std::printf("%sschedules before: %llu\nreplay: %s\n", with_names(again.report).c_str(),
-                    static_cast<unsigned long long>(all.schedules),
-                    replay_line(program, when).c_str());
-        return false;
+// The schedules of one scenario, run a slice of time at a time.
+class exploration {
+public:
+    exploration(scenario const& program, options const& asked)
+        : _program(program), _asked(asked), _seed(asked.first_seed) {
+        bool const walked = asked.only.value_or(strategy::choices) == strategy::choices;
+        _drawn = asked.only != strategy::choices;
+        if (program.exhaustive && walked)
+            for (unsigned int variant = 0; variant != program.variants; ++variant)
+                _walks.emplace_back(program, variant);
     }
-    ++all.schedules;
-    all.reported += result.reported;
-    all.steps += result.steps;
-    std::size_t const known = all.interleavings.count();
-    all.interleavings.insert(result.interleaving);
-    if (all.interleavings.count() != known)
-        all.news = all.schedules;
-    return true;
-}
 
-bool try_pinned(scenario const& program, tally& all) {
-    for (pinned const& each : pinned_schedules())
-        if (std::strcmp(each.scenario, program.name) == 0 &&
-            !try_one(program, each.when, run(program, each.when, 0), all))
+    // Whether no schedule failed; the first that did has been shown.
+    bool advance(timer::time_point end) {
+        if (_schedules == 0 && !_run_pinned())
             return false;
-    return true;
-}
+        // Walks get two slices of three until they are through.
+        bool const walks = !_walks.empty() && !_complete && (!_drawn || ++_slices % 3 != 0);
+        return walks ? _walk_on(end) : !_drawn || _draw(end);
+    }
 
-// The schedules with few preemptions, all variants in turn; whether none failed.
-// `complete` tells whether they were all run before `end`.
-bool try_walks(scenario const& program, timer::time_point end, tally& all, bool& complete) {
-    std::vector<walk> walks;
-    for (unsigned int variant = 0; variant != program.variants; ++variant)
-        walks.emplace_back(program, variant);
-    complete = false;
-    while (!complete) {
-        complete = true;
-        for (walk& each : walks)
-            for (int some = 0; some != 100 && !each.done(); ++some) {
-                outcome const result = each.next();
-                if (!try_one(program, each.last(), result, all))
+    // Where there is little to choose, the time is better spent elsewhere.
+    bool done() const {
+        bool const walked = _walks.empty() || _complete;
+        return walked && (!_drawn || (_schedules > _news + 5000 && _schedules > 2 * _news));
+    }
+
+    std::uint64_t schedules() const {
+        return _schedules;
+    }
+
+    void print() const {
+        std::printf("%-50s %10llu %10zu %7.0f", _program.name,
+                    static_cast<unsigned long long>(_schedules), _interleavings.count(),
+                    static_cast<double>(_steps) /
+                        static_cast<double>(std::max<std::uint64_t>(1, _schedules)));
+        if (_complete)
+            std::printf("  all with 2 preemptions");
+        if (_reported != 0)
+            std::printf("  %llu reported", static_cast<unsigned long long>(_reported));
+        std::printf("\n");
+    }
+
+private:
+    bool _try(schedule const& when, outcome const& result) {
+        if (!result.passed) {
+            // Once more, to see its steps.
+            outcome const again = run(_program, when);
+            std::printf("\nFAILED %s: %s\n", _program.name, result.failure.c_str());
+            if (again.failure != result.failure)
+                std::printf("NOT THE SAME WHEN RUN AGAIN: %s\n", again.failure.c_str());
+            std::printf("%sschedules before: %llu\nreplay: %s\n", with_names(again.report).c_str(),
+                        static_cast<unsigned long long>(_schedules),
+                        replay_line(_program, when).c_str());
+            return false;
+        }
+        ++_schedules;
+        _reported += result.reported;
+        _steps += result.steps;
+        std::size_t const known = _interleavings.count();
+        _interleavings.insert(result.interleaving);
+        if (_interleavings.count() != known)
+            _news = _schedules;
+        return true;
+    }
+
+    bool _run_pinned() {
+        for (pinned const& each : pinned_schedules())
+            if (std::strcmp(each.scenario, _program.name) == 0 &&
+                !_try(each.when, run(_program, each.when, 0)))
+                return false;
+        return true;
+    }
+
+    // All variants in turn.
+    bool _walk_on(timer::time_point end) {
+        while (!_complete && timer::now() < end) {
+            _complete = true;
+            for (walk& each : _walks) {
+                for (int some = 0; some != 50 && !each.done(); ++some) {
+                    outcome const result = each.next();
+                    if (!_try(each.last(), result))
+                        return false;
+                }
+                _complete = _complete && each.done();
+            }
+        }
+        return true;
+    }
+
+    bool _draw(timer::time_point end) {
+        constexpr strategy drawn[] = {strategy::random, strategy::priorities, strategy::sticky,
+                                      strategy::priorities};
+        for (; timer::now() < end && !done(); ++_seed)
+            for (unsigned int variant = 0; variant != _program.variants; ++variant) {
+                schedule const when = {.how = _asked.only.value_or(drawn[(_seed + variant) % 4]),
+                                       .variant = variant,
+                                       .seed = _seed};
+                if (!_try(when, run(_program, when, 0)))
                     return false;
             }
-        for (walk const& each : walks)
-            complete = complete && each.done();
-        if (timer::now() >= end)
-            break;
+        return true;
     }
-    return true;
-}
 
-bool try_drawn(scenario const& program, options const& asked, timer::time_point end, tally& all) {
-    constexpr strategy drawn[] = {strategy::random, strategy::priorities, strategy::sticky,
-                                  strategy::priorities};
-    for (std::uint64_t seed = asked.first_seed; timer::now() < end; ++seed) {
-        // Where there is little to choose, the time is better spent elsewhere.
-        if (all.schedules > all.news + 5000 && all.schedules > 2 * all.news)
-            break;
-        for (unsigned int variant = 0; variant != program.variants; ++variant) {
-            schedule const when = {.how = asked.only.value_or(drawn[(seed + variant) % 4]),
-                                   .variant = variant,
-                                   .seed = seed};
-            if (!try_one(program, when, run(program, when, 0), all))
-                return false;
+    scenario const& _program;
+    options const& _asked;
+    std::uint64_t _seed;
+    std::vector<walk> _walks;
+    bool _drawn;
+    bool _complete = false;  // the walks
+    unsigned int _slices = 0;
+    std::uint64_t _schedules = 0;
+    std::uint64_t _news = 0;  // the schedule that was the last to show anything new
+    std::uint64_t _reported = 0;
+    std::uint64_t _steps = 0;
+    distinct _interleavings;
+};
+
+int explore(std::vector<scenario> const& programs, options const& asked) {
+    std::vector<exploration> all;
+    all.reserve(programs.size());
+    for (scenario const& each : programs)
+        all.emplace_back(each, asked);
+    auto const after = [](timer::time_point start, double seconds) {
+        return start +
+               std::chrono::duration_cast<timer::duration>(std::chrono::duration<double>(seconds));
+    };
+    auto const end = after(timer::now(), asked.seconds);
+    // Short slices in turn, so that a fault shows early whichever scenario finds it.
+    constexpr double slice = 0.1;
+    for (bool some = true; some && timer::now() < end;) {
+        some = false;
+        for (exploration& each : all) {
+            if (each.done() || timer::now() >= end)
+                continue;
+            some = true;
+            if (!each.advance(std::min(end, after(timer::now(), slice))))
+                return 1;
         }
     }
-    return true;
-}
-
-bool explore(scenario const& program, options const& asked, double seconds) {
-    auto const start = timer::now();
-    auto const after = [start](double wait) {
-        return start +
-               std::chrono::duration_cast<timer::duration>(std::chrono::duration<double>(wait));
-    };
-    tally all;
-    bool complete = false;
-    bool passed = try_pinned(program, all);
-    if (passed && program.exhaustive && asked.only.value_or(strategy::choices) == strategy::choices)
-        passed = try_walks(program, after(asked.only ? seconds : seconds * 0.6), all, complete);
-    if (passed && asked.only != strategy::choices)
-        passed = try_drawn(program, asked, after(seconds), all);
-    if (!passed)
-        return false;
-    std::printf("%-44s %10llu %10zu %7.0f%s", program.name,
-                static_cast<unsigned long long>(all.schedules), all.interleavings.count(),
-                static_cast<double>(all.steps) /
-                    static_cast<double>(std::max<std::uint64_t>(1, all.schedules)),
-                complete ? "  every schedule with 2 preemptions" : "");
-    if (all.reported != 0)
-        std::printf("  %llu reported", static_cast<unsigned long long>(all.reported));
-    std::printf("\n");
-    std::fflush(stdout);
-    return true;
+    std::printf("%-50s %10s %10s %7s\n", "scenario", "schedules", "distinct", "steps");
+    std::uint64_t schedules = 0;
+    for (exploration const& each : all) {
+        each.print();
+        schedules += each.schedules();
+    }
+    std::printf("%llu schedules passed\n", static_cast<unsigned long long>(schedules));
+    return 0;
 }
 
 int replay(scenario const& program, options const& asked) {
@@ -332,16 +375,7 @@ int main(int count, char** arguments) {
     if (asked.replay)
         return replay(chosen.front(), asked);
 
-    std::printf("%-44s %10s %10s %7s\n", "scenario", "schedules", "distinct", "steps");
-    // An equal share of what is left for each, as some need less.
-    auto const start = timer::now();
-    for (std::size_t each = 0; each != chosen.size(); ++each) {
-        double const passed = std::chrono::duration<double>(timer::now() - start).count();
-        double const share = (asked.seconds - passed) / static_cast<double>(chosen.size() - each);
-        if (!explore(chosen[each], asked, share))
-            return 1;
-    }
-    return 0;
+    return explore(chosen, asked);
 }
 
 }  // namespace

@@ -231,6 +231,12 @@ registration const group_is_busy({
                 make_items(made, group, all);
                 for (item& each : made)
                     each.waits = true;
+                // Threads that are still to come, or that wait for work.
+                bool const starts_first = pick(2) == 0;
+                if (starts_first) {
+                    group.release();
+                    settle();
+                }
                 begin();
                 {
                     worker other([&] {
@@ -238,7 +244,8 @@ registration const group_is_busy({
                         for (unsigned int each = 0; each != 3; ++each)
                             made[each].add();
                     });
-                    group.release();
+                    if (!starts_first)
+                        group.release();
                     for (unsigned int each = 3; each != item_count; ++each)
                         made[each].add();
                 }
