@@ -71,10 +71,11 @@ std::int64_t detail::ticks_of(double seconds) {
 }
 
 unsigned int detail::milliseconds_between(time const& now, time const& deadline) {
-    time const left = deadline - now;
-    if (left <= time())
+    // Compared first: the distance to what lies too far back would wrap to one ahead.
+    if (deadline <= now)
         return 0;
-    return static_cast<unsigned int>(saturate<int>(std::nearbyint(left.seconds() * 1000.0)));
+    double const left = (deadline - now).seconds();
+    return static_cast<unsigned int>(saturate<int>(std::nearbyint(left * 1000.0)));
 }
 
 }  // namespace ovel

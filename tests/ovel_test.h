@@ -1,0 +1,52 @@
+// What several suites share: threads, waiting for a state, and the message of a
+// failed check.
+#ifndef OVEL_TEST_H
+#define OVEL_TEST_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+// Returns once `holds()` does. What never comes about is found by ctest's time limit.
+template <class Predicate>
+void until(Predicate const& holds) {
+    while (!holds())
+        std::this_thread::yield();
+}
+
+// Threads that run `work(0)`, `work(1)`, ...; they are joined at the end of the scope.
+template <class Work>
+[[nodiscard]] std::vector<std::jthread> crew(int size, Work const& work) {
+    std::vector<std::jthread> threads;
+    for (int member = 0; member < size; ++member)
+        threads.emplace_back(work, member);
+    return threads;
+}
+
+// The result of `work`, run by a thread of its own.
+template <class Work>
+bool elsewhere(Work const& work) {
+    bool result = false;
+    std::jthread([&] { result = work(); }).join();
+    return result;
+}
+
+// A regular expression for the whole of what a failed check prints: one line with
+// the expression as it is written, the file from the root, and a line number.
+inline std::string failed_check(std::string_view expression, std::string_view file) {
+    std::string text = "^ovel::assure_failed\\(";
+    for (char const letter : expression) {
+        if (std::string_view("\\^$.[]|()*+?{}").find(letter) != std::string_view::npos)
+            text += '\\';
+        text += letter;
+    }
+    return text.append(", ").append(file).append(", [0-9]+\\)\n$");
+}
+
+#define EXPECT_CHECK(statement, expression, file) \
+    EXPECT_DEATH(statement, failed_check(expression, file))
+
+#endif
