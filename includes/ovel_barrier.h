@@ -14,11 +14,14 @@ namespace ovel {
 // Either way the phase ends with the last of them, and until then a newcomer waits
 // outside, so that phases never mix. Threads leave one after another, each waking
 // the next. Any thread may call any operation. A barrier of capacity 0 opens by
-// `release_all` only.
+// `release_all` only. Destroying a barrier with threads in it goes undetected.
+//
+// A constructor takes the capacity and the number of polls before a thread that
+// waits sleeps.
 //
 // The results: true for a phase that was completed, false for one that was opened
-// by `release_all`. `last` tells the one thread whose arrival completed the phase
-// from all others.
+// by `release_all`, and for a deadline that passed before either. `last` tells the
+// one thread whose arrival completed the phase from all others.
 //
 //     barrier step(4, default_spin);
 //     bool last;
@@ -54,7 +57,7 @@ private:
     semaphore _wait;
 };
 
-// Can give up at a deadline as well.
+// Can give up at a deadline as well; threads inside sleep without spinning.
 class OVEL_EXPORT timed_barrier {
 public:
     timed_barrier(unsigned int capacity, unsigned int spin);

@@ -76,7 +76,11 @@ extern template class basic_condition<timed_semaphore>;
 // takes their wake-up, and one with nobody waiting is not remembered. It never
 // waits for the caller's mutex, only for threads about to wait or to leave. All
 // operations may be called by any thread; every thread that waits at one time uses
-// the same mutex.
+// the same mutex. That the caller of a wait holds it is not checked, nor that nobody
+// waits when the condition is destroyed.
+//
+// A constructor takes the number of polls before a thread that waits sleeps,
+// `default_spin` unless it is given.
 
 // Waits without a deadline, with any mutex of the library.
 class OVEL_EXPORT condition : public detail::basic_condition<semaphore> {

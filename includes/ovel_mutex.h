@@ -71,6 +71,8 @@ public:
     void acquire();
     bool try_acquire();
     void release();
+
+    // As those of `plain_mutex`; the depth is saved and restored with them.
     void acquire(state& saved, bool block);
     void release(state& saved, bool unlock);
 
@@ -124,7 +126,7 @@ public:
 };
 
 // A lock that spins and that its owner may take again; it is free once it has been
-// released as often. Taking it again costs no atomic operation. 2^32 entries fail
+// released as often. Taking it again costs no locked instruction. 2^32 entries fail
 // the check "++_depth != 0".
 class OVEL_EXPORT recursive_mutex : public detail::reentrant_mutex<semaphore> {
 public:

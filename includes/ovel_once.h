@@ -16,7 +16,8 @@ namespace ovel {
 //
 // Any thread may call it, also from a function that runs under another flag, but
 // not from one under the same flag. An exception that leaves `function` fails
-// the check "("unexpected exception", 0)".
+// the check "("unexpected exception", 0)"; a kernel call that fails, for want of
+// memory, ends the process through `assure` as well.
 OVEL_EXPORT void call_once(void (*function)(), unsigned int volatile& flag);
 
 }  // namespace ovel

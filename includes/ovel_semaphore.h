@@ -18,7 +18,8 @@ namespace ovel {
 // another acquired. Every operation may be called from any thread, and what a
 // thread wrote before `release` is visible to the thread that takes the unit.
 // No first-come order is promised. Destroying a semaphore that a thread waits
-// on goes undetected; a failed kernel call ends the process through `assure`.
+// on, or more units than an int can count, go undetected; a failed kernel call
+// ends the process through `assure`.
 //
 //     semaphore ready(0, default_spin);
 //     ready.release();    // producer, after it has filled the slot

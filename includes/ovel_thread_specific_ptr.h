@@ -10,8 +10,8 @@ namespace ovel {
 // One slot of the system's thread-local storage. A thread that stored nothing
 // reads null. The pointees belong to the caller: nothing is deleted when a
 // thread ends or the slot is given up. `get` and `set` never block, and each
-// thread reaches its own value only. No slot left, or none given up: the checks
-// "index != 0xffffffff" and "TlsFree(index) != 0"; a value that cannot be stored:
+// thread reaches its own value only. No slot left fails the check
+// "index != 0xffffffff", a value that there is no memory for the check
 // "TlsSetValue(index, value) != 0".
 template <class T>
 class thread_specific_ptr {

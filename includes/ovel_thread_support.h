@@ -11,8 +11,10 @@ namespace ovel {
 // Services of the system about the calling thread and the processors. Any thread
 // may call them. Affinity masks have one bit for each processor, 32 at most. A
 // mask that the system refuses, because no processor is left in it or because a
-// thread's names one outside the process's, ends the process through a check on
-// the service that refused it.
+// thread's names one outside the process's, fails the check
+// "SetProcessAffinityMask(GetCurrentProcess(), affinity) != 0" or
+// "SetThreadAffinityMask(GetCurrentThread(), affinity) != 0". None blocks but
+// `yield` and `timed_yield`.
 class OVEL_EXPORT thread_support {
 public:
     thread_support() = delete;
@@ -24,8 +26,8 @@ public:
     // Gives up the rest of the caller's time slice.
     static void yield();
 
-    // Sleeps once until about `deadline`, to the nearest millisecond; returns at
-    // once when it has passed.
+    // Sleeps once until about `deadline`, to the nearest millisecond and for
+    // 2147483647 of them at most; returns at once when it has passed.
     static void timed_yield(time const& deadline);
 
     // The number of processors of the machine.

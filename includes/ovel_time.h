@@ -60,6 +60,7 @@ public:
         return static_cast<Time&>(*this) = *this - other;
     }
 
+    // The span, or the point since the counter's start, in seconds.
     double seconds() const {
         return time_support::time_unit() * static_cast<double>(_count);
     }
@@ -86,6 +87,8 @@ protected:
     explicit ticks(std::int64_t count) : _count(count) {}
 
 private:
+    friend struct inspector;
+
     // Unsigned arithmetic wraps where signed arithmetic is undefined.
     static std::uint64_t _bits(std::int64_t count) {
         return static_cast<std::uint64_t>(count);
@@ -104,14 +107,15 @@ private:
 // another. Every deadline of the library is a `time`.
 //
 //     time const deadline = time::then(0.5);  // half a second from now
-class time : public detail::ticks<time> {
+class OVEL_EXPORT time : public detail::ticks<time> {
 public:
     time() = default;
 
     // One reading of the process's clock, by way of the thread that keeps it.
     // Blocks for that hand-over only. Any thread may call it; the first call in
-    // the process starts the clock's thread.
-    OVEL_EXPORT static time now();
+    // the process starts the clock's thread, and fails the check "("unexpected
+    // exception", 0)" without the memory for it.
+    static time now();
 
 private:
     friend class detail::ticks<time>;
@@ -121,12 +125,12 @@ private:
 
 // The same value, but read on whatever processor the caller runs on: one
 // instruction and no hand-over. It does not convert to `time`, nor back.
-class time_base : public detail::ticks<time_base> {
+class OVEL_EXPORT time_base : public detail::ticks<time_base> {
 public:
     time_base() = default;
 
     // The counter of the processor that the caller is on.
-    OVEL_EXPORT static time_base now();
+    static time_base now();
 
 private:
     friend class detail::ticks<time_base>;

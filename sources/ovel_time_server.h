@@ -26,6 +26,8 @@ public:
     void operator()() override;
 
 private:
+    friend struct detail::inspector;
+
     time_server();
     static void _create();
 
