@@ -1,0 +1,80 @@
+#include "ovel_allocator_recycler.h"
+#include "ovel_assure.h"
+#include "ovel_kernel.h"
+#include "ovel_test.h"
+#include "ovel_thread.h"
+#include "ovel_thread_function.h"
+#include "ovel_thread_support.h"
+#include "ovel_time.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+struct ovel::detail::inspector {
+    static unsigned int pool_spin() {
+        return thread_element_group::global()->_lock._spin;
+    }
+    static double recycler_period() {
+        return allocator_recycler::global()->_function._period;
+    }
+};
+
+namespace {
+
+using ovel::INFINITE;
+using ovel::detail::inspector;
+
+// The text is the expression as it is written, with the names of constants and the
+// commas in it; the file is told from the root on, the line is that of the check.
+TEST(assure_death_test, a_failed_check_prints_one_line_and_aborts) {
+    EXPECT_EXIT(ovel::assure_failed("a %s b", "some/file.cpp", -7),
+                testing::KilledBySignal(SIGABRT),
+                "^ovel::assure_failed\\(a %s b, some/file\\.cpp, -7\\)\n$");
+    // clang-format off
+    int const line = __LINE__; auto const fail = [] { assure((1, 2) == INFINITE); };
+    // clang-format on
+    EXPECT_DEATH(fail(), "\\(\\(1, 2\\) == INFINITE, tests/ovel_library_test\\.cpp, " +
+                             std::to_string(line) + "\\)\n$");
+    EXPECT_CHECK(assure(("unexpected exception", 0)), "(\"unexpected exception\", 0)",
+                 "tests/ovel_library_test.cpp");
+}
+
+// Built after the spin count, or in a file of its own, the pool has 1024 as well.
+TEST(library_test, global_objects_are_built_in_their_order) {
+    bool const one = ovel::thread_support::available_processors() == 1;
+    EXPECT_EQ(ovel::default_spin, one ? 0u : 1024u);
+    EXPECT_EQ(inspector::pool_spin(), 0u);
+    EXPECT_EQ(inspector::recycler_period(), 10.0);
+}
+
+// Tells when its thread ends, which it does only if somebody ends it and joins it: of
+// a thread that is idle still when the process is gone nothing is heard.
+struct farewell : ovel::thread_function {
+    struct on_thread_end {
+        ~on_thread_end() {
+            std::fputs("the thread ended\n", stderr);
+        }
+    };
+    void operator()() override {
+        thread_local on_thread_end last;
+        static_cast<void>(&last);
+    }
+};
+
+TEST(library_death_test, the_end_of_the_process_ends_idle_threads_and_the_recycler) {
+    auto const use_everything = [] {
+        farewell work;
+        ovel::thread pooled;
+        pooled.schedule(work);
+        pooled.release();
+        pooled.acquire();
+        ovel::time::now();
+        ovel::allocator_recycler::global()->release(3600.0);
+        std::exit(0);
+    };
+    EXPECT_EXIT(use_everything(), testing::ExitedWithCode(0), "^the thread ended\n$");
+    EXPECT_EXIT(std::exit(0), testing::ExitedWithCode(0), "^$");
+}
+
+}  // namespace

@@ -1,0 +1,192 @@
+#include "ovel_thread_support.h"
+
+#include "ovel_kernel.h"
+#include "ovel_once.h"
+#include "ovel_test.h"
+#include "ovel_thread_specific_ptr.h"
+#include "ovel_time.h"
+
+#include <bit>
+#include <cstdint>
+#include <latch>
+#include <limits>
+#include <memory>
+#include <stdexcept>
+
+using ovel::call_once;
+using ovel::thread_specific_ptr;
+using ovel::thread_support;
+
+struct ovel::detail::inspector {
+    static ovel::time make_time(std::int64_t count) {
+        return ovel::time(count);
+    }
+    template <class T>
+    static unsigned int index(thread_specific_ptr<T> const& pointer) {
+        return pointer.index;
+    }
+};
+
+namespace {
+
+using ovel::detail::inspector;
+
+constexpr char function_file[] = "sources/ovel_thread_function.cpp";
+
+// Gives the process and the spin count back as they were.
+struct thread_support_test : testing::Test {
+    ~thread_support_test() override {
+        thread_support::process_affinity(all);
+        ovel::default_spin = spin;
+    }
+    unsigned int const all = thread_support::process_affinity();
+    unsigned int const lowest = all & -all;
+    unsigned int const spin = ovel::default_spin;
+};
+using thread_support_death_test = thread_support_test;
+
+TEST_F(thread_support_test, each_thread_has_an_identifier_of_its_own) {
+    unsigned long const me = thread_support::thread_identifier();
+    EXPECT_NE(me, 0u);
+    EXPECT_TRUE(thread_support::thread_identifier_equal(me, thread_support::thread_identifier()));
+    EXPECT_FALSE(elsewhere([&] {
+        return thread_support::thread_identifier_equal(me, thread_support::thread_identifier());
+    }));
+}
+
+// Masks are cut to the processors of the system, of which bit 31 is hardly one.
+TEST_F(thread_support_test, processors_available_are_the_bits_of_the_process_mask) {
+    EXPECT_EQ(thread_support::available_processors(), unsigned(std::popcount(all)));
+    EXPECT_LE(thread_support::available_processors(), thread_support::processors());
+    thread_support::process_affinity(lowest | 1u << 31);
+    EXPECT_EQ(thread_support::process_affinity() & ~(1u << 31), lowest);
+}
+
+// A reading that forgot to put the mask back shows as the process's in the second.
+TEST_F(thread_support_test, reading_the_thread_mask_leaves_it_as_it_was) {
+    thread_support::thread_affinity(lowest);
+    EXPECT_EQ(thread_support::thread_affinity(), lowest);
+    EXPECT_EQ(thread_support::thread_affinity(), lowest);
+    EXPECT_EQ(thread_support::process_affinity(), all);
+    thread_support::thread_affinity(all);
+    EXPECT_EQ(thread_support::thread_affinity(), all);
+}
+
+TEST_F(thread_support_death_test, a_mask_without_a_processor_fails_the_check_of_its_service) {
+    EXPECT_CHECK(thread_support::process_affinity(0),
+                 "SetProcessAffinityMask(GetCurrentProcess(), affinity) != 0", function_file);
+    auto const leave_the_process = [&] {
+        thread_support::process_affinity(lowest);
+        thread_support::thread_affinity(~lowest);
+    };
+    EXPECT_CHECK(leave_the_process(), "SetThreadAffinityMask(GetCurrentThread(), affinity) != 0",
+                 function_file);
+}
+
+TEST_F(thread_support_test, a_process_with_one_processor_does_not_spin) {
+    EXPECT_EQ(ovel::estimate_default_spin(), 1024u);
+    ovel::set_default_spin(500);
+    EXPECT_EQ(ovel::default_spin, all == lowest ? 0u : 500u);
+    thread_support::process_affinity(lowest);
+    ovel::set_default_spin(500);
+    EXPECT_EQ(ovel::default_spin, 0u);
+}
+
+// The distance to the first two is negative, or too large for the system: taken
+// for a time to sleep it would last for weeks.
+TEST_F(thread_support_test, yielding_until_a_deadline_sleeps_until_about_then) {
+    thread_support::yield();
+    thread_support::timed_yield(inspector::make_time(std::numeric_limits<std::int64_t>::min()));
+    thread_support::timed_yield(ovel::time());
+    thread_support::timed_yield(ovel::time::now());
+    ovel::time const deadline = ovel::time::then(0.01);
+    thread_support::timed_yield(deadline);
+    EXPECT_GE(ovel::time::now(), deadline - ovel::time::seconds(0.0006));  // half a millisecond
+}
+
+unsigned int volatile outer_flag = 0;
+unsigned int volatile inner_flag = 0;
+int runs;  // both without a lock or an atomic: `call_once` orders them
+int built;
+
+TEST(call_once_test, threads_that_race_run_the_function_once_and_see_what_it_did) {
+    constexpr int racers = 3;
+    for (int round = 0; round < 100; ++round) {
+        unsigned int volatile flag = 0;
+        runs = 0;
+        built = 0;
+        std::latch start(racers);
+        auto const build = [] {
+            ++runs;
+            std::this_thread::yield();
+            built = 1;
+        };
+        auto const threads = crew(racers, [&](int) {
+            start.arrive_and_wait();
+            call_once(build, flag);
+            EXPECT_EQ(built * runs, 1) << round;
+        });
+    }
+}
+
+// Were the two flags served by one mutex, the outer function would wait for ever.
+TEST(call_once_test, different_flags_neither_wait_for_each_other_nor_mind_being_nested) {
+    runs = 0;
+    auto const inner = [] {
+        ++runs;
+    };
+    static void (*const run_inner)() = inner;
+    call_once(
+        [] {
+            std::thread([] { call_once(run_inner, inner_flag); }).join();
+            static unsigned int volatile nested_flag = 0;
+            call_once(run_inner, nested_flag);
+            call_once(run_inner, inner_flag);
+        },
+        outer_flag);
+    EXPECT_EQ(runs, 2);
+}
+
+TEST(call_once_death_test, an_exception_from_the_function_is_fatal) {
+    unsigned int volatile flag = 0;
+    EXPECT_CHECK(call_once([] { throw std::runtime_error("no"); }, flag),
+                 "(\"unexpected exception\", 0)", "sources/ovel_once.cpp");
+}
+
+TEST(thread_specific_ptr_test, each_thread_has_a_pointer_of_its_own) {
+    int mine = 0;
+    int other = 0;
+    thread_specific_ptr<int> pointer;
+    EXPECT_EQ(pointer.get(), nullptr);
+    pointer.set(&mine);
+    EXPECT_TRUE(elsewhere([&] {
+        bool const fresh = pointer.get() == nullptr;
+        pointer.set(&other);
+        return fresh && pointer.get() == &other;
+    }));
+    EXPECT_EQ(pointer.get(), &mine);
+}
+
+constexpr char pointer_file[] = "includes/ovel_thread_specific_ptr.h";
+
+TEST(thread_specific_ptr_death_test, slots_that_are_not_there_fail_the_checks) {
+    auto const free_twice = [] {
+        thread_specific_ptr<int> pointer;
+        ovel::TlsFree(inspector::index(pointer));
+    };
+    EXPECT_CHECK(free_twice(), "TlsFree(index) != 0", pointer_file);
+    auto const set_freed = [] {
+        thread_specific_ptr<int> pointer;
+        ovel::TlsFree(inspector::index(pointer));
+        pointer.set(nullptr);
+    };
+    EXPECT_CHECK(set_freed(), "TlsSetValue(index, value) != 0", pointer_file);
+    auto const take_all = [] {
+        std::vector<std::unique_ptr<thread_specific_ptr<int>>> all;
+        for (;;)
+            all.push_back(std::make_unique<thread_specific_ptr<int>>());
+    };
+    EXPECT_CHECK(take_all(), "index != 0xffffffff", pointer_file);
+}
+
+}  // namespace

@@ -1,0 +1,153 @@
+#include "ovel_time.h"
+
+#include "ovel_test.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <iterator>
+#include <latch>
+#include <limits>
+#include <mutex>
+#include <type_traits>
+
+using ovel::time_base;
+using ovel::time_support;
+
+struct ovel::detail::inspector {
+    template <class Time>
+    static Time make(std::int64_t count) {
+        return Time(count);
+    }
+};
+
+namespace {
+
+constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
+
+static_assert(!std::is_constructible_v<ovel::time, time_base>);
+static_assert(!std::is_constructible_v<time_base, ovel::time>);
+
+template <class Time>
+struct time_test : testing::Test {
+    static Time of(std::int64_t count) {
+        return ovel::detail::inspector::make<Time>(count);
+    }
+};
+using time_types = testing::Types<ovel::time, time_base>;
+TYPED_TEST_SUITE(time_test, time_types);
+
+TYPED_TEST(time_test, arithmetic_wraps_and_comparison_heeds_the_sign) {
+    auto const of = this->of;
+    EXPECT_EQ((of(most) + of(1)).value(), least);
+    EXPECT_EQ((of(least) - of(1)).value(), most);
+    EXPECT_EQ((-of(least)).value(), least);
+    EXPECT_EQ((-TypeParam()).value(), 0);
+    for (std::int64_t const a : {least, std::int64_t(-5), std::int64_t(0), most}) {
+        for (std::int64_t const b : {least, std::int64_t(-5), std::int64_t(7), most}) {
+            EXPECT_EQ(of(a) - of(b), of(a) + -of(b)) << a << ' ' << b;
+            TypeParam changed = of(a);
+            EXPECT_EQ(&(changed += of(b)), &changed);
+            EXPECT_EQ(changed, of(a) + of(b));
+            EXPECT_EQ(&(changed -= of(b)), &changed);
+            EXPECT_EQ(changed, of(a));
+            EXPECT_EQ(of(a) == of(b), a == b) << a << ' ' << b;
+            EXPECT_EQ(of(a) < of(b), a < b) << a << ' ' << b;
+            EXPECT_EQ(of(a) >= of(b), a >= b) << a << ' ' << b;
+        }
+    }
+}
+
+TYPED_TEST(time_test, seconds_become_ticks_toward_zero_and_saturate) {
+    double const unit = time_support::time_unit();
+    struct {
+        double seconds;
+        std::int64_t ticks;
+    } const cases[] = {
+        {0.9 * unit, 0},
+        {-0.9 * unit, 0},
+        {1.6 * unit, 1},
+        {-1.6 * unit, -1},
+        {1e300, most},
+        {-1e300, least},
+        {this->of(most).seconds(), most},  // a double rounds the count up
+        {NAN, 0},
+    };
+    for (auto const& each : cases)
+        EXPECT_EQ(TypeParam::seconds(each.seconds).value(), each.ticks) << each.seconds;
+    EXPECT_NEAR(TypeParam::seconds(1.0).seconds(), 1.0, unit);
+    EXPECT_NEAR(TypeParam::seconds(-0.5).seconds(), -0.5, unit);
+}
+
+TEST(time_now_test, then_counts_from_a_reading_within_the_call) {
+    for (double const offset : {0.0, 3600.0, -3600.0}) {
+        ovel::time const before = ovel::time::now();
+        ovel::time const then = ovel::time::then(offset);
+        EXPECT_GE(then, before + ovel::time::seconds(offset));
+        EXPECT_LE(then, ovel::time::now() + ovel::time::seconds(offset));
+        EXPECT_NEAR((time_base::then(offset) - time_base::now()).seconds(), offset, 60.0);
+    }
+}
+
+// A rate mistaken by a factor, or turned upside down. What lies between two readings
+// of the system's clock bounds the time between the two of ours in between.
+TEST(time_now_test, a_second_is_a_second_of_the_system) {
+    using clock = std::chrono::steady_clock;
+    clock::time_point const first = clock::now();
+    ovel::time const start = ovel::time::now();
+    clock::time_point const second = clock::now();
+    until([&] { return clock::now() - second > std::chrono::milliseconds(50); });
+    clock::time_point const third = clock::now();
+    double const passed = (ovel::time::now() - start).seconds();
+    clock::time_point const fourth = clock::now();
+    EXPECT_GT(passed, std::chrono::duration<double>(third - second).count() * 0.99);
+    EXPECT_LT(passed, std::chrono::duration<double>(fourth - first).count() * 1.01);
+}
+
+// The server answers one client at a time: an answer given to another, or one from
+// before the question, would lie behind what was known when the question was asked.
+TEST(time_now_test, a_reading_is_not_behind_one_that_came_before) {
+    std::mutex lock;
+    ovel::time latest;
+    auto const threads = crew(4, [&](int) {
+        for (int round = 0; round < 500; ++round) {
+            lock.lock();
+            ovel::time const known = latest;
+            lock.unlock();
+            ovel::time const reading = ovel::time::now();
+            EXPECT_GE(reading, known) << round;
+            std::lock_guard const hold(lock);
+            latest = std::max(latest, reading);
+        }
+    });
+}
+
+// In a process of its own, where no reading has come before.
+TEST(time_now_death_test, threads_that_race_to_the_first_reading_start_one_server) {
+    auto const threads = [] {
+        std::filesystem::directory_iterator const tasks("/proc/self/task");
+        return std::distance(begin(tasks), end(tasks));
+    };
+    auto const race = [&] {
+        constexpr int racers = 4;
+        std::latch start(racers + 1);
+        std::latch finish(racers + 1);
+        std::latch counted(1);
+        auto const running = crew(racers, [&](int) {
+            start.arrive_and_wait();
+            ovel::time::now();
+            finish.count_down();
+            counted.wait();
+        });
+        auto const before = threads();
+        start.arrive_and_wait();
+        finish.arrive_and_wait();
+        std::_Exit(threads() == before + 1 ? 0 : 1);
+    };
+    EXPECT_EXIT(race(), testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
