@@ -370,6 +370,12 @@ TEST(allocator_test, a_chunk_changes_rings_when_it_fills_and_when_it_gets_room) 
     EXPECT_EQ(chunks(inspector::empty(one.own())), 0u);
     expect_consistent(one.own());
     one.deallocate(other);
+
+    // The last small block in use keeps its chunk from being one of those.
+    memory = one.allocate(request_of(3), 2 * 65536 / block_sizes[3]);
+    one.deallocate(memory, memory.size() - 1);
+    expect_consistent(one.own());
+    one.deallocate(memory, 1);
 }
 
 TEST(allocator_test, surplus_leaves_chunk_by_chunk_and_is_taken_before_new_memory) {
