@@ -1,0 +1,166 @@
+#include "ovel_mutex.h"
+
+#include "ovel_test.h"
+
+#include <limits>
+#include <type_traits>
+
+using ovel::mutex;
+using ovel::recursive_mutex;
+using ovel::timed_mutex;
+using ovel::timed_recursive_mutex;
+
+struct ovel::detail::inspector {
+    template <class Mutex>
+    static unsigned int& depth(Mutex& subject) {
+        return subject._depth;
+    }
+    template <class Mutex>
+    static unsigned long owner(Mutex const& subject) {
+        return subject._owner.load();
+    }
+    template <class Mutex>
+    static unsigned int spin(Mutex const& subject) {
+        return subject._semaphore._spin;
+    }
+    template <class Mutex>
+    static auto* semaphore_of(Mutex& subject) {
+        return &subject._semaphore;
+    }
+};
+
+namespace {
+
+using ovel::detail::inspector;
+
+template <class Mutex>
+bool free_for_others(Mutex& lock) {
+    return elsewhere([&] {
+        if (!lock.try_acquire())
+            return false;
+        lock.release();
+        return true;
+    });
+}
+
+template <class Mutex>
+constexpr bool is_recursive =
+    std::is_same_v<Mutex, recursive_mutex> || std::is_same_v<Mutex, timed_recursive_mutex>;
+
+template <class Mutex>
+struct mutex_test : testing::Test {};
+using mutex_types = testing::Types<mutex, timed_mutex, recursive_mutex, timed_recursive_mutex>;
+TYPED_TEST_SUITE(mutex_test, mutex_types);
+
+template <class Mutex>
+struct recursive_mutex_test : testing::Test {};
+using recursive_types = testing::Types<recursive_mutex, timed_recursive_mutex>;
+TYPED_TEST_SUITE(recursive_mutex_test, recursive_types);
+
+template <class Mutex>
+struct timed_mutex_test : testing::Test {};
+using timed_mutex_types = testing::Types<timed_mutex, timed_recursive_mutex>;
+TYPED_TEST_SUITE(timed_mutex_test, timed_mutex_types);
+
+TYPED_TEST(mutex_test, one_thread_at_a_time_owns_it) {
+    TypeParam lock;
+    int count = 0;
+    auto const add = [&](int me) {
+        for (int round = 0; round < 2000; ++round) {
+            if (me == 0)
+                until([&] { return lock.try_acquire(); });
+            else
+                lock.acquire();
+            ++count;
+            lock.release();
+        }
+    };
+    crew(3, add).clear();
+    EXPECT_EQ(count, 6000);
+    EXPECT_TRUE(lock.try_acquire());
+    EXPECT_FALSE(free_for_others(lock));
+    lock.release();
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+// A condition frees the mutex for its wait in this way, whatever its depth. Without
+// the flag its records are cleared and restored, and the semaphore stays taken.
+TYPED_TEST(mutex_test, it_is_given_up_completely_and_taken_back_as_it_was) {
+    constexpr int depth = is_recursive<TypeParam> ? 5 : 1;
+    for (bool const flag : {true, false}) {
+        TypeParam lock;
+        typename TypeParam::state saved;
+        for (int entry = 0; entry < depth; ++entry)
+            lock.acquire();
+        lock.release(saved, flag);
+        EXPECT_EQ(saved.underlying, inspector::semaphore_of(lock));
+        EXPECT_EQ(free_for_others(lock), flag);
+        EXPECT_EQ(lock.try_acquire(), flag);
+        if (flag)
+            lock.release();
+        lock.acquire(saved, flag);
+        for (int entry = 0; entry < depth; ++entry) {
+            EXPECT_FALSE(free_for_others(lock)) << entry;
+            lock.release();
+        }
+        EXPECT_TRUE(free_for_others(lock));
+    }
+}
+
+TYPED_TEST(recursive_mutex_test, it_is_free_once_released_as_often_as_taken) {
+    TypeParam lock;
+    lock.acquire();
+    EXPECT_TRUE(lock.try_acquire());
+    lock.acquire();
+    EXPECT_EQ(inspector::owner(lock), ovel::thread_support::thread_identifier());
+    for (unsigned int left = 3; left != 0; --left) {
+        EXPECT_EQ(inspector::depth(lock), left);
+        EXPECT_FALSE(free_for_others(lock));
+        lock.release();
+    }
+    EXPECT_EQ(inspector::owner(lock), 0u);
+    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(elsewhere([&] { return lock.try_acquire(); }));  // its owner is gone for good
+    EXPECT_FALSE(lock.try_acquire());
+}
+
+template <class Mutex>
+using recursive_mutex_death_test = recursive_mutex_test<Mutex>;
+TYPED_TEST_SUITE(recursive_mutex_death_test, recursive_types);
+
+TYPED_TEST(recursive_mutex_death_test, a_depth_that_wraps_fails_the_check) {
+    TypeParam lock;
+    lock.acquire();
+    inspector::depth(lock) = std::numeric_limits<unsigned int>::max();
+    EXPECT_CHECK(lock.acquire(), "++_depth != 0", "sources/ovel_mutex.cpp");
+    EXPECT_CHECK(lock.try_acquire(), "++_depth != 0", "sources/ovel_mutex.cpp");
+    if constexpr (std::is_same_v<TypeParam, timed_recursive_mutex>) {
+        EXPECT_CHECK(lock.timed_acquire(ovel::time()), "++_depth != 0", "sources/ovel_mutex.cpp");
+    }
+}
+
+TYPED_TEST(timed_mutex_test, a_free_mutex_is_taken_and_another_is_not_after_the_deadline) {
+    TypeParam lock;
+    EXPECT_TRUE(lock.timed_acquire(ovel::time()));
+    EXPECT_FALSE(elsewhere([&] { return lock.timed_acquire(ovel::time::then(0.002)); }));
+    EXPECT_EQ(lock.timed_acquire(ovel::time()), is_recursive<TypeParam>);
+    if (is_recursive<TypeParam>)
+        lock.release();
+    EXPECT_FALSE(free_for_others(lock));
+    lock.release();
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+TEST(mutex_spin_test, a_mutex_copies_the_spin_count_of_its_making) {
+    unsigned int const spin = ovel::default_spin;
+    ovel::default_spin = 77;
+    mutex plain;
+    recursive_mutex recursive;
+    ovel::default_spin = spin;
+    EXPECT_EQ(inspector::spin(plain), 77u);
+    EXPECT_EQ(inspector::spin(recursive), 77u);
+    EXPECT_EQ(inspector::spin(mutex()), spin);
+    EXPECT_EQ(inspector::spin(recursive_mutex(5)), 5u);
+}
+
+}  // namespace
