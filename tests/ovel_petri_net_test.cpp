@@ -55,10 +55,23 @@ struct ovel::detail::inspector {
         guard const hold(net._mutex);
         return net._firings;
     }
+    static bool queue_empty(petri_net& net) {
+        guard const hold(net._mutex);
+        return net._queue.empty();
+    }
     // The number that a queued transition drew; 0 for one that is not queued.
     static unsigned int queued(petri_net& net, petri_transition const* t) {
         guard const hold(net._mutex);
         return t->queued() ? t->random() : 0;
+    }
+    // What the queue thread and the end of a firing do.
+    static void dispatch(petri_net& net, petri_transition* t) {
+        guard const hold(net._mutex);
+        net._dequeue(t);
+        net._initiate_transition(t);
+    }
+    static void terminate(petri_net& net, petri_transition* t) {
+        net._terminate_transition(t);
     }
     // Threads that wait for a change of the net, each after it has looked.
     static unsigned int sleepers(petri_net const& net) {
@@ -161,6 +174,12 @@ struct test_net : petri_net {
         release();
         acquire();
         inspector::expect_invariants(*this, true);
+    }
+    // Everything that is queued has been dispatched, since the queue thread takes it
+    // and reserves for it under one hold of the mutex.
+    void await_dispatch() {
+        while (!inspector::queue_empty(*this))
+            std::this_thread::yield();
     }
     void await_sleepers(unsigned int number) const {
         while (inspector::sleepers(*this) != number)
@@ -392,7 +411,6 @@ TEST(petri_engine_test, what_a_firing_takes_is_gone_at_once_and_what_it_puts_com
     inspector::expect_invariants(net, true);
 }
 
-// When the queue thread sleeps, everything that is queued has been dispatched.
 TEST(petri_engine_test, a_dispatch_takes_as_many_firings_as_the_group_has_threads_or_one) {
     for (bool const reentrant : {true, false}) {
         test_net net(4);
@@ -404,11 +422,11 @@ TEST(petri_engine_test, a_dispatch_takes_as_many_firings_as_the_group_has_thread
         petri_place* const out = net.place(10);
         net.transition(function, {net.place(10, 10)}, {out}, 1.0, 0.0, reentrant);
         net.release();
-        net.await_sleepers(1);
+        net.await_dispatch();
         EXPECT_EQ(inspector::firings(net), reentrant ? 4u : 1u);
         go.release();
         net.await_tokens(out, 1);
-        net.await_sleepers(1);
+        net.await_dispatch();
         EXPECT_EQ(inspector::firings(net), reentrant ? 7u : 1u);
         for (int i = 1; i < 10; ++i)
             go.release();
@@ -417,25 +435,53 @@ TEST(petri_engine_test, a_dispatch_takes_as_many_firings_as_the_group_has_thread
     }
 }
 
-// The first firing leaves the only token of `in` and the only slot of `out`; those
-// that its reservations shut out have their turn, one on the far side of each.
-TEST(petri_engine_test, what_a_firing_skips_serves_others_at_its_end) {
+// Consumers and producers of one place, each of two tokens, on a stopped net: the
+// queue follows tokens, reservations and skips at once, on both sides of the place.
+TEST(petri_engine_test, a_transition_is_queued_while_its_place_lets_it_fire) {
     test_net net;
-    petri_place* const in = net.place(1, 1);
-    petri_place* const out = net.place(1);
-    code skips([](code& self) {
-        self.in[0]->receive_skip();
-        self.out[0]->send_skip();
-        self.take(1);
-    });
-    code takes([](code& self) { self.take(); });
-    code puts;
-    net.transition(skips, {in, net.place(1, 1)}, {out}, 2.0);
-    net.transition(takes, {in}, {});
-    net.transition(puts, {net.place(1, 1)}, {out});
-    net.run();
-    EXPECT_EQ(net.of(in)[0], 0u);
-    EXPECT_EQ(net.of(out)[0], 1u);
+    petri_place* const place = net.place(3);
+    code functions[4];
+    petri_transition* t[4];
+    for (int i = 0; i < 4; ++i)
+        t[i] = net.insert_transition(functions[i], false, 1.0, 0.0, 0);
+    for (int i = 0; i < 2; ++i) {
+        net.insert_input_arc(place, t[i]->input(functions[i].in[0]).size(2));
+        net.insert_output_arc(t[i + 2]->output(functions[i + 2].out[0]).size(2), place);
+        t[i + 2]->activate();
+    }
+    auto const expect_queued = [&](bool consumers, bool producers) {
+        for (int i = 0; i < 4; ++i)
+            EXPECT_EQ(net.queued(t[i]) != 0, i < 2 ? consumers : producers) << i;
+    };
+    expect_queued(false, true);
+    // Skips are the place's: three are said in the first firing, one in the second.
+    inspector::dispatch(net, t[2]);
+    expect_queued(false, false);
+    for (int i = 0; i < 3; ++i)
+        place->send_skip();
+    inspector::terminate(net, t[2]);
+    EXPECT_EQ(net.of(place), (counts{0, 0, 0, 0, 1, 0}));
+    inspector::dispatch(net, t[3]);
+    place->send_skip();
+    inspector::terminate(net, t[3]);
+    EXPECT_EQ(net.of(place), (counts{0, 0, 0, 0, 0, 0}));
+    expect_queued(false, true);
+
+    any token;
+    net.send(place, token);
+    expect_queued(false, true);
+    net.send(place, token);
+    expect_queued(true, false);
+    inspector::dispatch(net, t[0]);
+    expect_queued(false, false);
+    place->receive_skip();
+    place->receive_skip();
+    inspector::terminate(net, t[0]);
+    expect_queued(true, false);
+    net.receive(place, token);
+    expect_queued(false, true);
+    net.peek(place, token);
+    EXPECT_EQ(net.of(place), (counts{1, 0, 0, 0, 0, 1}));
 }
 
 TEST(petri_engine_test, a_transition_is_dispatched_only_while_it_is_activated) {
@@ -465,7 +511,7 @@ TEST(petri_engine_test, a_transition_is_dispatched_only_while_it_is_activated) {
     net.deactivate(t);
     go.release();
     net.await_tokens(place, 2);
-    net.await_sleepers(1);
+    net.await_dispatch();
     EXPECT_EQ(inspector::firings(net), 0u) << "the firing under way was the last";
     net.activate(t);
     go.release();
