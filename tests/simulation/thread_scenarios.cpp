@@ -237,19 +237,21 @@ registration const group_is_busy({
                     group.release();
                     settle();
                 }
+                // Few, so that threads are idle, or many, so that they are not.
+                unsigned int const halves[] = {pick(4), pick(4)};
                 begin();
                 {
                     worker other([&] {
                         owned_allocator const own;
-                        for (unsigned int each = 0; each != 3; ++each)
-                            made[each].add();
+                        for (unsigned int each = 0; each != halves[1]; ++each)
+                            made[3 + each].add();
                     });
                     if (!starts_first)
                         group.release();
-                    for (unsigned int each = 3; each != item_count; ++each)
+                    for (unsigned int each = 0; each != halves[0]; ++each)
                         made[each].add();
                 }
-                while (all.runs != item_count) {
+                while (all.runs != halves[0] + halves[1]) {
                     settle();
                     inspector::expect_busy(group);
                     ReleaseSemaphore(all.go, 1 + static_cast<LONG>(pick(2)), nullptr);
