@@ -62,6 +62,7 @@ struct farewell : ovel::thread_function {
     }
 };
 
+// A recycler that nobody stops is waited for: an hour.
 TEST(library_death_test, the_end_of_the_process_ends_idle_threads_and_the_recycler) {
     auto const use_everything = [] {
         farewell work;

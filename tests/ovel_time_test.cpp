@@ -78,6 +78,7 @@ TYPED_TEST(time_test, seconds_become_ticks_toward_zero_and_saturate) {
     };
     for (auto const& each : cases)
         EXPECT_EQ(TypeParam::seconds(each.seconds).value(), each.ticks) << each.seconds;
+    EXPECT_LT(TypeParam::seconds(0.75 * this->of(most).seconds()).value(), most);
     EXPECT_NEAR(TypeParam::seconds(1.0).seconds(), 1.0, unit);
     EXPECT_NEAR(TypeParam::seconds(-0.5).seconds(), -0.5, unit);
 }
