@@ -132,7 +132,9 @@ void end_thread(unsigned int number) {
 
 }  // namespace ovel::simulation
 
-namespace ovel::kernel {
+namespace ovel {
+
+inline namespace kernel {
 
 using namespace simulation;
 
@@ -251,4 +253,6 @@ std::uintptr_t _beginthreadex(void*, unsigned int stack, unsigned int (*entry)(v
     return reinterpret_cast<std::uintptr_t>(open_handle(state.object));
 }
 
-}  // namespace ovel::kernel
+}  // namespace kernel
+
+}  // namespace ovel

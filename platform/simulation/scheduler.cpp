@@ -61,7 +61,6 @@
 #include "atomic.h"
 #include "fiber.h"
 #include "heap.h"
-#include "lasting.h"
 #include "ovel_assure.h"
 #include "snapshot.h"
 
@@ -176,8 +175,7 @@ struct buffers {
     std::vector<unsigned char> taken;
     outcome result;
 };
-constinit lasting<buffers> lasting_buffers;
-buffers& kept = lasting_buffers.value;
+buffers kept;
 
 // Stands for the caller outside a run.
 thread_state outside = {0, 0, 0, 0, 3, nullptr, nullptr, {}};
@@ -853,6 +851,10 @@ void settle() {
 
 unsigned int pick(unsigned int bound) {
     return now.input.below(bound);
+}
+
+bool walks() {
+    return now.when->how == strategy::choices;
 }
 
 void fail(char const* format, ...) {

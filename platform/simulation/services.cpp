@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <cstring>
 
-namespace ovel::kernel {
+namespace ovel {
+
+inline namespace kernel {
 
 using namespace simulation;
 
@@ -30,7 +32,9 @@ bool in_use(DWORD index) {
 
 }  // namespace
 
-}  // namespace ovel::kernel
+}  // namespace kernel
+
+}  // namespace ovel
 
 namespace ovel::simulation {
 
@@ -44,7 +48,9 @@ void restore_slots() {
 
 }  // namespace ovel::simulation
 
-namespace ovel::kernel {
+namespace ovel {
+
+inline namespace kernel {
 
 DWORD TlsAlloc() {
     for (unsigned int slot = 0; slot != tls_count; ++slot)
@@ -203,4 +209,6 @@ std::uint64_t __rdtsc() {
     return nanoseconds() * (megahertz == 0 ? 2000 : megahertz) / 1000;
 }
 
-}  // namespace ovel::kernel
+}  // namespace kernel
+
+}  // namespace ovel

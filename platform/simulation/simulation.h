@@ -109,6 +109,10 @@ void settle();
 // depends on the variant only.
 unsigned int pick(unsigned int bound);
 
+// Whether the run belongs to a walk through every schedule, for which a program
+// should be as small as it can be.
+bool walks();
+
 // Ends the run as a failure.
 [[noreturn]] void fail(char const* format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -78,22 +78,25 @@ void wake_all_sleepers(unsigned int spin) {
     set_default_spin(spin);
     if (timed)
         time::now();
+    if (pick(3) == 0)
+        end_waits_late(1000);
     balance();
     {
         Mutex lock(spin);
         Condition changed(spin);
         permits permitted;
-        unsigned int const sleepers = 2 + pick(2);
-        unsigned int const rounds = 1 + pick(2);
+        unsigned int const sleepers = walks() ? 2 : 2 + pick(2);
+        unsigned int const rounds = walks() ? 1 : 1 + pick(2);
         bool const releases_inside = pick(3) != 0;
         HANDLE const arrived = CreateSemaphoreA(nullptr, 0, 100, nullptr);
-        auto const sleep = [&](unsigned int me, double seconds) {
+        time const deadline = timed ? time::then(0.5) : time();
+        auto const sleep = [&](unsigned int me, bool hurried) {
             bool released = true;
             permitted.wait(me);
             ReleaseSemaphore(arrived, 1, nullptr);
             if constexpr (timed) {
-                if (seconds != 0)
-                    released = changed.timed_acquire(lock, time::then(seconds));
+                if (hurried)
+                    released = changed.timed_acquire(lock, deadline);
                 else
                     changed.acquire(lock);
             } else {
@@ -104,11 +107,11 @@ void wake_all_sleepers(unsigned int spin) {
             else if (releases_inside)
                 permitted.leave(me);
         };
-        auto const sleep_in_rounds = [&](unsigned int me, double seconds, unsigned int depth) {
+        auto const sleep_in_rounds = [&](unsigned int me, bool hurried, unsigned int depth) {
             for (unsigned int round = 0; round != rounds; ++round) {
                 for (unsigned int each = 0; each != depth; ++each)
                     lock.acquire();
-                sleep(me, seconds);
+                sleep(me, hurried);
                 for (unsigned int each = 0; each != depth; ++each)
                     lock.release();
             }
@@ -118,14 +121,19 @@ void wake_all_sleepers(unsigned int spin) {
             std::vector<std::unique_ptr<worker>> all;
             for (unsigned int me = 0; me != sleepers; ++me)
                 all.push_back(
-                    std::make_unique<worker>([&, me, seconds = timed && pick(3) != 0 ? 0.5 : 0.0,
+                    std::make_unique<worker>([&, me, hurried = timed && pick(3) != 0,
                                               depth = is_reentrant<Mutex> ? 1 + pick(2) : 1] {
-                        sleep_in_rounds(me, seconds, depth);
+                        sleep_in_rounds(me, hurried, depth);
                     }));
             unsigned int const pattern = pick(16);
+            // Often all are asleep before the first release.
+            bool const all_first = pick(2) == 0;
+            for (unsigned int each = 0; all_first && each != sleepers; ++each)
+                WaitForSingleObject(arrived, INFINITE);
             for (unsigned int each = 0; each != sleepers * rounds; ++each) {
                 bool const everybody = (pattern >> each % 4 & 1) != 0;
-                WaitForSingleObject(arrived, INFINITE);
+                if (!all_first || each >= sleepers)
+                    WaitForSingleObject(arrived, INFINITE);
                 lock.acquire();
                 if (everybody)
                     permitted.release_all();
@@ -178,7 +186,7 @@ registration const timed_waits({
 // so a newcomer passed the gate and took that unit.
 registration const unit_taken_by_a_newcomer(pinned{
     .scenario = "condition_with_deadlines_wakes_whom_it_released",
-    .when = {.how = strategy::sticky, .variant = 1, .seed = 669},
+    .when = {.how = strategy::sticky, .variant = 7, .seed = 262},
 });
 
 // What a barrier's threads count together.
@@ -244,12 +252,15 @@ void come_and_go(unsigned int spin) {
     set_default_spin(spin);
     if (timed)
         time::now();
+    if (pick(3) == 0)
+        end_waits_late(1000);
     balance();
     {
         unsigned int const capacity = 2 + pick(2);
         unsigned int const thread_count = 2 + pick(2);
-        unsigned int const rounds = 1 + pick(2);
+        unsigned int const rounds = walks() ? 1 : 1 + pick(2);
         Barrier gate(capacity, spin);
+        time const deadline = timed ? time::then(0.5) : time();
         arrivals count;
         begin();
         {
@@ -260,8 +271,8 @@ void come_and_go(unsigned int spin) {
                         bool last = false;
                         bool complete = false;
                         if constexpr (timed)
-                            complete = hurried ? gate.timed_acquire(last, time::then(0.5))
-                                               : gate.acquire(last);
+                            complete =
+                                hurried ? gate.timed_acquire(last, deadline) : gate.acquire(last);
                         else
                             complete = gate.acquire(last);
                         count.leave(complete, last);

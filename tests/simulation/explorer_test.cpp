@@ -13,6 +13,9 @@
 #include <stdexcept>
 #include <string>
 
+// What code compiled for the thread sanitizer calls before it writes.
+extern "C" void __tsan_write4(void*);
+
 namespace {
 
 using namespace ovel;
@@ -245,6 +248,39 @@ TEST(simulation, a_deadline_can_win_against_a_post_and_lose) {
             results.insert(under(program, {.how = how, .seed = seed}).failure);
         EXPECT_EQ(results, (std::set<std::string>{"won", "lost"})) << name(how);
     }
+}
+
+// A word changed under a lock or, with variant 1, by one thread without it.
+void half_locked(unsigned int variant) {
+    auto const word = static_cast<int*>(ovel::kernel::malloc(sizeof(int)));
+    HANDLE const lock = CreateSemaphoreA(nullptr, 1, 1, nullptr);
+    auto const body = [&](bool locks) {
+        for (int round = 0; round != 3; ++round) {
+            if (locks)
+                WaitForSingleObject(lock, INFINITE);
+            __tsan_write4(word);
+            *word = round;
+            if (locks)
+                ReleaseSemaphore(lock, 1, nullptr);
+        }
+    };
+    begin();
+    {
+        worker second([&] { body(true); }), third([&] { body(variant == 0); });
+    }
+    CloseHandle(lock);
+    ovel::kernel::free(word);
+}
+
+TEST(simulation, finds_two_threads_about_to_write_the_same_word) {
+    std::set<std::string> failures[2];
+    for (std::uint64_t seed = 0; seed != 2000; ++seed)
+        for (unsigned int variant : {0u, 1u}) {
+            outcome const each = under(half_locked, {.variant = variant, .seed = seed});
+            failures[variant].insert(each.failure.substr(0, each.failure.find(':')));
+        }
+    EXPECT_EQ(failures[0], (std::set<std::string>{""}));
+    EXPECT_EQ(failures[1], (std::set<std::string>{"", "race"}));
 }
 
 // Each thread throws while others are between throwing and catching; the language

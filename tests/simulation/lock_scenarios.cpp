@@ -40,17 +40,19 @@ void prepare(bool timed, unsigned int spin) {
     set_default_spin(spin);
     if (timed)
         time::now();
+    if (pick(3) == 0)
+        end_waits_late(1000);
     balance();
 }
 
 // Takes the lock in one of the ways it offers; false when that way gave up.
 template <class Lock>
-bool take(Lock& lock, unsigned int way, double seconds) {
+bool take(Lock& lock, unsigned int way, time const& deadline) {
     if (way == 1)
         return lock.try_acquire();
     if constexpr (is_timed<Lock>)
         if (way == 2)
-            return lock.timed_acquire(time::then(seconds));
+            return lock.timed_acquire(deadline);
     lock.acquire();
     return true;
 }
@@ -62,12 +64,13 @@ void exclude_each_other(unsigned int spin) {
     prepare(is_timed<Lock>, spin);
     {
         auto const lock = make_lock<Lock>(spin);
+        time const deadline = is_timed<Lock> ? time::then(0.01) : time();
         detail::atomic<int> inside = 0;
-        unsigned int const thread_count = 2 + pick(2);
-        unsigned int const rounds = 4 - thread_count;
+        unsigned int const thread_count = walks() ? 2 : 2 + pick(2);
+        unsigned int const rounds = walks() ? 1 : 4 - thread_count;
         auto const body = [&](unsigned int first_way) {
             for (unsigned int round = 0; round != rounds; ++round) {
-                if (!take(*lock, (first_way + round) % 3, 0.01))
+                if (!take(*lock, (first_way + round) % 3, deadline))
                     continue;
                 assure(inside.fetch_add(1) == 0);
                 if constexpr (is_reentrant<Lock>) {
@@ -113,6 +116,7 @@ void conserve_units(unsigned int spin) {
     {
         unsigned int const at_first = pick(2);
         Semaphore units(static_cast<int>(at_first), spin);
+        time const deadline = is_timed<Semaphore> ? time::then(0.001) : time();
         unsigned int given = at_first + 2;
         unsigned int const at_rest = threads();
         detail::atomic<unsigned int> taken = 0;
@@ -124,7 +128,7 @@ void conserve_units(unsigned int spin) {
             });
             worker hasty([&, way = 1 + pick(2), tries = 1 + pick(2)] {
                 for (unsigned int each = 0; each != tries; ++each)
-                    if (take(units, way, 0.001))
+                    if (take(units, way, deadline))
                         ++taken;
             });
             worker giver([&] { units.release(); });

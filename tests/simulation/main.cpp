@@ -149,9 +149,9 @@ public:
     bool advance(timer::time_point end) {
         if (_schedules == 0 && !_run_pinned())
             return false;
-        // Walks get two slices of three until they are through.
-        bool const walks = !_walks.empty() && !_complete && (!_drawn || ++_slices % 3 != 0);
-        return walks ? _walk_on(end) : !_drawn || _draw(end);
+        // Walks get one slice of two until they are through.
+        bool const walking = !_walks.empty() && !_complete && (!_drawn || ++_slices % 2 != 0);
+        return walking ? _walk_on(end) : !_drawn || _draw(end);
     }
 
     // Where there is little to choose, the time is better spent elsewhere.
@@ -224,8 +224,8 @@ private:
     }
 
     bool _draw(timer::time_point end) {
-        constexpr strategy drawn[] = {strategy::random, strategy::priorities, strategy::sticky,
-                                      strategy::priorities};
+        constexpr strategy drawn[] = {strategy::random, strategy::sticky, strategy::priorities,
+                                      strategy::sticky};
         for (; timer::now() < end && !done(); ++_seed)
             for (unsigned int variant = 0; variant != _program.variants; ++variant) {
                 schedule const when = {.how = _asked.only.value_or(drawn[(_seed + variant) % 4]),
