@@ -32,9 +32,9 @@ struct ovel::detail::inspector {
 namespace {
 
 using detail::inspector;
-using ovel::time;
 using detail::thread_element;
 using detail::thread_element_group;
+using ovel::time;
 
 // Counts its runs and notes the thread of the last; waits, when it is told to, for
 // a unit of `proceed` before it ends.
