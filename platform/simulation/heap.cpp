@@ -47,7 +47,6 @@ struct freed_size {
 struct counts {
     std::size_t used;  // bytes cut from the arena
     unsigned int blocks;
-    std::size_t bytes;
 };
 
 // Used until the last exit hook has run.
@@ -60,6 +59,7 @@ struct lists {
 
 counts now, kept;
 bool reuse_at_once;
+char const* damaged;  // where memory was written between its free and its reuse
 constinit lasting<lists> lists_;
 char text[160];
 
@@ -112,6 +112,18 @@ bool filled(char const* from, char const* to, unsigned char pattern) {
     return true;
 }
 
+// Where freed memory was written, or null. Equal to its own successor throughout: a
+// fast comparison with a pattern.
+char const* written(char const* block, std::size_t size) {
+    std::size_t const length = rounded(size);
+    if (static_cast<unsigned char>(*block) == freed &&
+        std::memcmp(block, block + 1, length - 1) == 0)
+        return nullptr;
+    while (static_cast<unsigned char>(*block) == freed)
+        ++block;
+    return block;
+}
+
 char* end_of(char* block, std::size_t size) {
     return block + rounded(size) + granule;
 }
@@ -130,6 +142,8 @@ void* allocate(std::size_t size) {
             if (each.size == rounded(wanted) && !each.blocks.empty()) {
                 block = each.blocks.back();
                 each.blocks.pop_back();
+                if (damaged == nullptr)
+                    damaged = written(block, wanted);
                 break;
             }
     if (block == nullptr) {
@@ -145,7 +159,6 @@ void* allocate(std::size_t size) {
                 static_cast<std::size_t>(end_of(block, wanted) - block) - wanted);
     mark(block, wanted, true);
     ++now.blocks;
-    now.bytes += wanted;
     return block;
 }
 
@@ -181,7 +194,6 @@ char const* deallocate(void* freed_memory) {
     if (!filled(block + about.size, end_of(block, about.size), guard))
         return "a block was written beyond its end";
     --now.blocks;
-    now.bytes -= about.size;
     mark(block, about.size, false);
     std::memset(block, freed, rounded(about.size));
     if (!reuse_at_once) {
@@ -201,33 +213,22 @@ unsigned int blocks() {
     return now.blocks;
 }
 
-std::size_t bytes() {
-    return now.bytes;
-}
-
 void reuse(bool at_once) {
     reuse_at_once = at_once;
 }
 
 char const* damage() {
     for (header* const each : lists_.value.quarantine) {
-        auto const block = reinterpret_cast<char*>(each + 1);
         if ((each->size ^ magic) != each->check)
             return "a block was written before its start";
-        char const* const end = block + rounded(each->size);
-        // Equal to its own successor throughout: a fast comparison of a pattern.
-        if (static_cast<unsigned char>(*block) != freed ||
-            std::memcmp(block, block + 1, static_cast<std::size_t>(end - block) - 1) != 0) {
-            char const* at = block;
-            while (static_cast<unsigned char>(*at) == freed)
-                ++at;
-            std::snprintf(
-                text, sizeof text, "freed memory was written at %p, %zu bytes into a block of %zu",
-                static_cast<void const*>(at), static_cast<std::size_t>(at - block), each->size);
-            return text;
-        }
+        if (damaged == nullptr)
+            damaged = written(reinterpret_cast<char*>(each + 1), each->size);
     }
-    return nullptr;
+    if (damaged == nullptr)
+        return nullptr;
+    std::snprintf(text, sizeof text, "freed memory was written at %p",
+                  static_cast<void const*>(damaged));
+    return text;
 }
 
 void keep() {
@@ -242,6 +243,7 @@ void restore() {
     std::memset(in_use, 0, now.used / granule);
     std::memset(owners, 0, now.used / word);
     now = kept;
+    damaged = nullptr;
     if (now.used != 0) {
         std::memcpy(at(0), lists_.value.kept_contents.data(), lists_.value.kept_contents.size());
         std::memcpy(in_use, lists_.value.kept_in_use.data(), lists_.value.kept_in_use.size());

@@ -32,7 +32,6 @@ bool is_stray(void const volatile* address);
 bool is_shared(void const* memory, unsigned int thread);
 
 unsigned int blocks();
-std::size_t bytes();
 
 // Freed memory is handed out again, last freed first; else never.
 void reuse(bool at_once);

@@ -911,10 +911,6 @@ unsigned int heap_blocks() {
     return heap::blocks();
 }
 
-std::size_t heap_bytes() {
-    return heap::bytes();
-}
-
 unsigned int kernel_calls() {
     return now.kernel_calls;
 }
@@ -1051,14 +1047,12 @@ outcome walk::next(unsigned int steps_shown) {
     outcome result = run(_program, _last, steps_shown);
     // The last point with an alternative not yet taken, after which everything
     // is first again.
-    _taken = kept.taken;
-    _of = kept.alternatives;
-    while (!_taken.empty() && _taken.back() + 1 == _of[_taken.size() - 1])
-        _taken.pop_back();
-    _done = _taken.empty();
+    _path = kept.taken;
+    while (!_path.empty() && _path.back() + 1 == kept.alternatives[_path.size() - 1])
+        _path.pop_back();
+    _done = _path.empty();
     if (!_done)
-        ++_taken.back();
-    _path = _taken;
+        ++_path.back();
     return result;
 }
 

@@ -7,7 +7,6 @@
 #include "kernel.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -83,8 +82,7 @@ public:
 private:
     scenario const& _program;
     schedule _last;
-    std::vector<unsigned char> _path;        // alternatives to take next
-    std::vector<unsigned char> _taken, _of;  // the points of the last run
+    std::vector<unsigned char> _path;  // alternatives to take next
     bool _done = false;
 };
 
@@ -141,10 +139,9 @@ void refuse_objects(unsigned int first, unsigned int count = 1);
 // Requests refused since the run began.
 unsigned int refused();
 
-// Kernel handles open, and blocks and bytes of the runtime heap in use.
+// Kernel handles open, and blocks of the runtime heap in use.
 unsigned int open_handles();
 unsigned int heap_blocks();
-std::size_t heap_bytes();
 
 // Kernel waits that had to sleep, and units and wake-ups posted, since the run
 // began: what a fast path must not do.
