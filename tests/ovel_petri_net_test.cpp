@@ -4,6 +4,7 @@
 #include "ovel_allocator_support.h"
 #include "ovel_guard.h"
 #include "ovel_semaphore.h"
+#include "ovel_test.h"
 
 #include <gtest/gtest.h>
 
@@ -11,13 +12,11 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <functional>
 #include <limits>
 #include <memory>
 #include <new>
-#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -178,19 +177,16 @@ struct test_net : petri_net {
     // Everything that is queued has been dispatched, since the queue thread takes it
     // and reserves for it under one hold of the mutex.
     void await_dispatch() {
-        while (!inspector::queue_empty(*this))
-            std::this_thread::yield();
+        until([this] { return inspector::queue_empty(*this); });
     }
     void await_sleepers(unsigned int number) const {
-        while (inspector::sleepers(*this) != number)
-            std::this_thread::yield();
+        until([&] { return inspector::sleepers(*this) == number; });
     }
     counts of(petri_place* place) {
         return inspector::of(*this, place);
     }
     void await_tokens(petri_place* place, unsigned int number) {
-        while (of(place)[0] != number)
-            std::this_thread::yield();
+        until([&] { return of(place)[0] == number; });
     }
     unsigned int queued(petri_transition const* t) {
         return inspector::queued(*this, t);
@@ -208,15 +204,8 @@ std::jthread client(Body body) {
 }
 
 // How a failed check reads, as a regular expression.
-std::string check(std::string const& expression,
-                  std::string const& file = "sources/ovel_petri_net.cpp") {
-    std::string pattern = "ovel::assure_failed\\(";
-    for (char const each : expression + ", " + file + ", ") {
-        if (std::string("()[]{}.*+?|^$\\").find(each) != std::string::npos)
-            pattern += '\\';
-        pattern += each;
-    }
-    return pattern + "[0-9]+\\)";
+std::string check(char const* expression, char const* file = "sources/ovel_petri_net.cpp") {
+    return failed_check(expression, file);
 }
 char const* const in_header = "includes/ovel_petri_net.h";
 std::string const stopped =
@@ -716,125 +705,6 @@ TEST(petri_lifecycle_test, starting_and_stopping_a_thousand_times_leaves_nothing
     EXPECT_EQ(detail::thread_element_group::global()->size(), threads);
     // What the pool and the queues remember their elements in may vary a little.
     EXPECT_LT(allocator_support::allocated_size(), bytes + 1000);
-}
-
-// A net drawn from a seed. Firings count the tokens that they take and put; each
-// also takes one of fuel, so that the net comes to rest.
-class random_net {
-public:
-    explicit random_net(unsigned int seed) : _random(seed), _net(_groups, _groups + 2) {
-        for (unsigned int i = _draw(1, 4); i != 0; --i)
-            _accounts.emplace_back(_net.insert_place(_draw(1, 6)));
-        for (unsigned int i = _draw(1, 5); i != 0; --i)
-            _insert(_functions.emplace_back());
-    }
-
-    void run() {
-        _net.release();
-        {
-            auto const first = client([this, seed = _random()] { _visit(seed); });
-            auto const second = client([this, seed = _random()] { _visit(seed); });
-        }
-        for (petri_transition* each : _transitions)
-            each->activate();
-        _net.acquire();
-        inspector::expect_invariants(_net, true);
-        for (account& each : _accounts)
-            EXPECT_EQ(inspector::of(_net, each.place)[0], each.tokens);
-    }
-
-private:
-    struct account {
-        explicit account(petri_place* of) : place(of) {}
-        petri_place* const place;
-        std::atomic<unsigned int> tokens = 0;
-    };
-
-    struct arc {
-        petri_place* variable;
-        account* of;
-        unsigned int size;
-    };
-
-    struct function : petri_function {
-        void operator()() override {
-            any token;
-            fuel->receive(token);
-            std::minstd_rand random(any_cast<unsigned int>(token));
-            for (arc& each : in)
-                for (unsigned int i = each.size; i != 0; --i)
-                    if (random() % 4 == 0)
-                        each.variable->receive_skip();
-                    else
-                        each.variable->receive(token), --each.of->tokens;
-            for (arc& each : out)
-                for (unsigned int i = each.size; i != 0; --i)
-                    if (random() % 4 == 0)
-                        each.variable->send_skip();
-                    else
-                        each.variable->send(token), ++each.of->tokens;
-        }
-        petri_place* fuel = nullptr;
-        std::vector<arc> in, out;
-    };
-
-    unsigned int _draw(unsigned int least, unsigned int most) {
-        return least + static_cast<unsigned int>(_random()) % (most - least + 1);
-    }
-
-    void _insert(function& inserted) {
-        unsigned int const group = _draw(0, 1);
-        petri_transition* const t = _net.insert_transition(inserted, _draw(0, 1) != 0, _draw(1, 2),
-                                                           group * _draw(0, 2), group);
-        _transitions.push_back(t);
-        for (auto* const arcs : {&inserted.in, &inserted.out})
-            for (account& each : _accounts)
-                if (_draw(0, 2) == 0)
-                    arcs->push_back(
-                        {nullptr, &each, _draw(1, std::min(each.place->capacity(), 3u))});
-        for (arc& each : inserted.in)
-            _net.insert_input_arc(each.of->place, t->input(each.variable).size(each.size));
-        for (arc& each : inserted.out)
-            _net.insert_output_arc(t->output(each.variable).size(each.size), each.of->place);
-        _net.insert_input_arc(_net.insert_place(_draw(1, 12)), t->input(inserted.fuel));
-        while (_net.try_send(inserted.fuel, _draw(1, 1000))) {}
-    }
-
-    // What a client does to a running net.
-    void _visit(std::uint_fast32_t seed) {
-        std::minstd_rand random(static_cast<unsigned int>(seed));
-        for (int step = 0; step < 30; ++step) {
-            account& chosen = _accounts[random() % _accounts.size()];
-            petri_transition* const t = _transitions[random() % _transitions.size()];
-            any token;
-            auto const action = random() % 8;
-            if (action < 2)
-                inspector::expect_invariants(_net, false);
-            else if (action == 2)
-                t->activate();
-            else if (action == 3)
-                t->deactivate();
-            else if (action == 4 && _net.try_receive(chosen.place, token))
-                --chosen.tokens;
-            else if (_net.try_send(chosen.place, token))
-                ++chosen.tokens;
-        }
-    }
-
-    static constexpr triple<unsigned int, double, unsigned int> _groups[] = {{2, 0.0, stack},
-                                                                             {3, 2.0, stack}};
-    std::minstd_rand _random;
-    petri_net _net;
-    std::deque<account> _accounts;
-    std::deque<function> _functions;
-    std::vector<petri_transition*> _transitions;
-};
-
-TEST(petri_stress_test, tokens_are_conserved_and_a_net_at_rest_has_nothing_to_do) {
-    for (unsigned int seed = 1; seed <= 200 && !testing::Test::HasFailure(); ++seed) {
-        SCOPED_TRACE(seed);
-        random_net(seed).run();
-    }
 }
 
 }  // namespace
