@@ -19,8 +19,11 @@ class allocator;
 // Sharing takes no lock either: threads without an allocator of their own must
 // not allocate or free through the library at the same time. The threads that
 // the library starts have their own; any other acquires one first, as its first
-// use of the library's memory, and releases it as its last. The library is not
-// told when a thread ends.
+// use of the library's memory, and releases it as its last. Nearly everything
+// allocates: containers, nets, starting a thread or a group, the first reading of
+// the clock. The library is not told when a thread ends: one that ends without
+// releasing leaves its allocator, and all that is in it, to nobody. The thread that
+// ends the process keeps its own, for the library frees memory on it at the end.
 //
 //     allocator_group::global()->acquire_allocator();
 //     void* memory = allocator_support::allocate(100);
@@ -31,8 +34,13 @@ class allocator;
 // when that thread has released its allocator. Frees of other threads' blocks
 // are batched; `flush_allocator` hands them over at once.
 //
-// Every member may be called from any thread and acts on the calling thread
-// alone. Members wait for internal locks that are held briefly.
+// Every member but the destructor may be called from any thread and is about the
+// calling thread's allocator. Members wait for internal locks, which are held
+// briefly, or while the blocks are put back that were freed of an allocator whose
+// thread is away. What is called out of turn and not said to fail a check goes
+// undetected, and corrupts memory. A slot that the system refuses fails the check
+// "index != 0xffffffff" or "TlsSetValue(index, value) != 0"; a lock that it has no
+// memory for, the check "_semaphore != 0".
 class OVEL_EXPORT allocator_group {
 public:
     // The one group of the process, built on first use and never destroyed.
@@ -59,21 +67,23 @@ public:
     // The allocator of all threads that have none of their own.
     allocator* default_allocator() const;
 
-    // Gives the calling thread an allocator of its own, which it does not have
-    // yet: the one released last, else a new one. Throws std::bad_alloc, having
-    // changed nothing.
+    // Gives the calling thread an allocator of its own, which it must not have
+    // yet (it would lose that one): the one released last, else a new one. Throws
+    // std::bad_alloc, having changed nothing.
     void acquire_allocator();
 
-    // Gives back the allocator that the calling thread acquired. It must be the
-    // thread's last use of the library's memory; releasing an allocator that is
-    // not activated fails the check "_activated".
+    // Gives back the allocator that the calling thread acquired; without one it
+    // would give the default allocator away. It must be the thread's last use of
+    // the library's memory; releasing an allocator that is not activated fails the
+    // check "_activated".
     void release_allocator();
 
     // Switch the calling thread's allocator off while the thread waits for long,
     // and on again before it allocates or frees. Meanwhile, threads that free
     // blocks of this allocator put them back themselves. With `keep` the blocks
     // of others that the thread has freed stay batched; otherwise they are handed
-    // over. Out of turn: the checks "!_activated" and "_activated".
+    // over. Out of turn: the checks "!_activated" and "_activated". A thread
+    // without an allocator of its own would switch the default one off for all.
     void activate_allocator();
     void deactivate_allocator(bool keep);
 

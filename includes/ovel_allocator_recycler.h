@@ -27,16 +27,20 @@ public:
     static allocator_recycler* global();
 
     // Returns a fraction, 0 to 1, of the reservoir to the runtime heap; outside
-    // that range it counts as the nearer end, a not-a-number as 0.
+    // that range it counts as the nearer end, a not-a-number as 0. Takes and drops
+    // the reservoir's lock for each piece, so other threads go on meanwhile.
     void recycle_capacity(double fraction);
 
-    // The same of what lay idle in the reservoir ever since the last such call.
+    // The same of what lay idle in the reservoir ever since the last such call, by
+    // anyone; the first returns nothing.
     void recycle_minimum_capacity(double fraction);
 
     // Starts a thread that once a period returns three tenths of what lay idle
-    // through all of it. `period` is in seconds, at least 1 (less, or a
-    // not-a-number, counts as 1). Only the first call in the process starts it;
-    // the thread keeps its period, and ends when the library is unloaded.
+    // through all of it. `period` is in seconds, from 1 to 1e9 (more counts as
+    // that, less, or a not-a-number, as 1). Only the first call in the process
+    // starts the thread, and blocks until it has begun; it keeps its period, and
+    // ends when the library is unloaded. A thread that the system refuses fails
+    // the check "_thread != 0".
     void release(double period);
 
 protected:
@@ -47,7 +51,7 @@ private:
     friend struct detail::recycler_hook;
 
     // The recycler thread's work.
-    class recycler_function : public thread_function {
+    class OVEL_HIDDEN recycler_function : public thread_function {
     public:
         explicit recycler_function(detail::atomic<bool>* stop);
         ~recycler_function() override;

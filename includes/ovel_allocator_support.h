@@ -16,7 +16,9 @@ namespace ovel {
 // Any thread may call every member, and free what another allocated. Threads
 // without an allocator of their own share one, and must not allocate or free at
 // the same time: see `allocator_group`, which gives each thread its own. Calls
-// wait only for internal locks that are held briefly, and for the runtime heap.
+// wait only for internal locks that are held briefly, and for the runtime heap. The
+// first call in the process builds the allocators: memory exhausted then fails the
+// check "("unexpected exception", 0)" also where null is promised.
 class OVEL_EXPORT allocator_support {
 public:
     allocator_support() = delete;
@@ -47,8 +49,6 @@ public:
     static std::size_t allocated_capacity();
 
 private:
-    friend struct detail::inspector;
-
     static void* _allocate_large(std::size_t size);
 
     // Bytes that the runtime heap has set aside for all large blocks. Relaxed: a

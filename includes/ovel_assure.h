@@ -21,12 +21,12 @@ namespace ovel {
 // `assure(("reason", 0))`, discards its reason on purpose; nothing else in the
 // argument may go unused.
 // clang-format off
-#define assure(...)                                                  \
+#define assure(expression)                                           \
     do {                                                             \
         _Pragma("GCC diagnostic push")                               \
         _Pragma("GCC diagnostic ignored \"-Wunused-value\"")         \
-        if (__builtin_expect(!(__VA_ARGS__), 0))                     \
-            ::ovel::assure_failed(#__VA_ARGS__, __FILE__, __LINE__); \
+        if (__builtin_expect(!(expression), 0))                      \
+            ::ovel::assure_failed(#expression, __FILE__, __LINE__);  \
         _Pragma("GCC diagnostic pop")                                \
     } while (false)
 // clang-format on

@@ -3,12 +3,17 @@
 #ifndef OVEL_FRAME_H
 #define OVEL_FRAME_H
 
+// OVEL_HIDDEN keeps a class inside an exported one from being exported with it.
 #if !defined(_WIN32)
 #define OVEL_EXPORT __attribute__((visibility("default")))
+#define OVEL_HIDDEN __attribute__((visibility("hidden")))
 #elif defined(OVEL_BUILDING)
 #define OVEL_EXPORT __declspec(dllexport)
 #else
 #define OVEL_EXPORT __declspec(dllimport)
+#endif
+#if defined(_WIN32)
+#define OVEL_HIDDEN
 #endif
 
 #ifdef __cplusplus  // C programs need the macro only

@@ -199,7 +199,7 @@ inline void allocator::_put_back(detail::block& freed) {
     home.move_to_front(spare ? _empty : partial);
 }
 
-// The owner's free. At most one chunk leaves, so the cost stays bounded.
+// The owner's free. One chunk leaves at most, after four hand-overs at most.
 inline void allocator::_release_block(detail::block& freed) {
     _put_back(freed);
     if (_empty.has_chunk() && _has_surplus()) {
@@ -220,7 +220,8 @@ detail::chunk& allocator::_remove_empty() {
 }
 
 // A chunk of the global allocator, formatted for class `k` and not in a ring yet;
-// null when it has none. Takes its lock, and formats after releasing it.
+// null when it has none. Takes its lock, and formats after releasing it; until the
+// caller has put the chunk into a ring no sum of capacities holds it.
 detail::chunk* allocator::_take_chunk(std::size_t k) {
     detail::chunk* taken;
     {
@@ -237,9 +238,9 @@ detail::chunk* allocator::_take_chunk(std::size_t k) {
 // Moves the first chunk of `_empty` to the global allocator, taking its lock. The
 // blocks stay laid out as they are, since whoever takes the chunk formats it.
 void allocator::_give_chunk() {
+    detail::guard<semaphore> const hold(_parent->_lock);
     detail::chunk& given = _remove_empty();
     given._allocator = _parent;
-    detail::guard<semaphore> const hold(_parent->_lock);
     given.insert_front(_parent->_empty);
     detail::add(_parent->_capacity, given._capacity);
 }

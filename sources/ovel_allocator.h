@@ -172,7 +172,8 @@ public:
     // Returns empty chunks of the global allocator to the runtime heap, worth up
     // to `fraction` (0 to 1; a not-a-number is 0) of its idle capacity, or with
     // `minimum` of the least that it had since the last such call. Keeps about a
-    // mebibyte. Does nothing on any other allocator. Any thread.
+    // mebibyte. Does nothing on any other allocator. Any thread. Drops and retakes
+    // `_lock` around each piece of memory that it returns.
     void recycle(double fraction, bool minimum);
 
     // On the global allocator: the sums of `_size`, resp. `_capacity`, over all
@@ -236,7 +237,7 @@ private:
     // stores, since each stands for itself and orders nothing.
     counter _size;              // bytes of blocks in use, headers included
     counter _capacity;          // bytes of blocks laid out
-    counter _minimum_capacity;  // low-water mark of `_capacity`
+    counter _minimum_capacity;  // low-water mark of `_capacity`, of the global allocator's
 
     bool _activated;          // under `_lock`
     detail::block* _pending;  // under `_lock`; chain linked through `_next`

@@ -2,7 +2,6 @@
 
 #include "ovel_allocator_recycler.h"
 
-#include "kernel.h"
 #include "ovel_allocator.h"
 #include "ovel_allocator_group.h"
 #include "ovel_library.h"
@@ -10,12 +9,18 @@
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
 
+#include <algorithm>
+
 namespace ovel {
 
 namespace {
 
-constexpr double nap = 0.1;       // seconds between two looks at the clock
-constexpr double fraction = 0.3;  // recycled each period, of what lay idle in it
+constexpr double nap = 0.1;    // seconds between two looks at the clock
+constexpr double share = 0.3;  // recycled each period, of what lay idle in it
+
+// Seconds. A deadline that is a few periods ahead must stay within the clock's range.
+constexpr double shortest_period = 1.0;
+constexpr double longest_period = 1e9;
 
 allocator& reservoir() {
     return *allocator_group::global()->global_allocator();
@@ -44,7 +49,9 @@ void allocator_recycler::release(double period) {
     allocator_group::global();
     // Relaxed: the call that starts the thread reads what it has just written, or
     // what another has, and any of those will do.
-    _period.store(period >= 1.0 ? period : 1.0, std::memory_order_relaxed);
+    if (!(period >= shortest_period))  // a not-a-number as well
+        period = shortest_period;
+    _period.store(std::min(period, longest_period), std::memory_order_relaxed);
     call_once(_release, flag);
 }
 
@@ -78,7 +85,7 @@ void allocator_recycler::recycler_function::operator()() {
     while (!*_stop) {
         thread_support::timed_yield(time::then(nap));
         if (time::now() > deadline) {
-            reservoir().recycle(fraction, true);
+            reservoir().recycle(share, true);
             do
                 deadline += period;
             while (deadline < time::now());

@@ -112,6 +112,8 @@ TEST(recycler_test, the_thread_starts_once_keeps_its_period_and_recycles_by_itse
     EXPECT_EQ(inspector::thread_period(), 1.0);
     recycler.release(std::numeric_limits<double>::quiet_NaN());
     EXPECT_EQ(inspector::period(), 1.0);
+    recycler.release(std::numeric_limits<double>::infinity());
+    EXPECT_EQ(inspector::period(), 1e9);
     // Threads that start take a chunk or two; a recycling takes three tenths.
     while (inspector::capacity() > before / 4 * 3)
         thread_support::yield();

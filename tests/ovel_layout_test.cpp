@@ -1,5 +1,8 @@
 // Where the fields of the classes lie: clients that were compiled against an earlier
 // header rely on it, and the busy fields on being a cache line apart.
+#include "ovel_allocator.h"
+#include "ovel_allocator_group.h"
+#include "ovel_allocator_recycler.h"
 #include "ovel_any.h"
 #include "ovel_barrier.h"
 #include "ovel_channel.h"
@@ -48,6 +51,56 @@ constexpr std::size_t number(std::size_t narrow, std::size_t wide, std::size_t a
 #define SIZE(type, ...) static_assert(sizeof(type) == number(__VA_ARGS__), #type)
 
 struct ovel::detail::inspector {
+    AT(block, _chunk, 0, 0);
+    AT(block, _next, 4, 8);
+    SIZE(block, 8, 16);
+
+    AT(chunk, _allocator, 128, 128);
+    AT(chunk, _free, 132, 136);
+    AT(chunk, _length, 136, 144);
+    AT(chunk, _block_size, 140, 152);
+    AT(chunk, _block_alignment, 144, 160);
+    AT(chunk, _next, 148, 168);
+    AT(chunk, _previous, 152, 176);
+    AT(chunk, _size, 156, 184);
+    AT(chunk, _capacity, 160, 192);
+    SIZE(chunk, 164, 200);
+
+    AT(remote, owner, 0, 0);
+    AT(remote, head, 4, 8);
+    AT(remote, tail, 8, 16);
+    AT(remote, size, 12, 24);
+    SIZE(remote, 16, 32);
+
+    AT(allocator, _lock, 0, 0);
+    AT(allocator, _parent, 396, 400);
+    AT(allocator, _next, 400, 408);
+    AT(allocator, _next_released, 404, 416);
+    AT(allocator, _size, 408, 424);
+    AT(allocator, _capacity, 412, 432);
+    AT(allocator, _minimum_capacity, 416, 440);
+    AT(allocator, _activated, 420, 448);
+    AT(allocator, _pending, 424, 456);
+    AT(allocator, _pending_size, 428, 464);
+    AT(allocator, _remote, 432, 472);
+    AT(allocator, _full, 496, 600);
+    AT(allocator, _partial, 3448, 4200);
+    AT(allocator, _empty, 6400, 7800);
+    AT(allocator, _after, 6564, 8000);
+    SIZE(allocator, 6692, 8128);
+
+    AT(allocator_group, _specific, 128, 128);
+    AT(allocator_group, _default, 132, 136);
+    AT(allocator_group, _after, 136, 144);
+    SIZE(allocator_group, 264, 272);
+
+    AT(allocator_recycler, _stop, 128, 128);
+    AT(allocator_recycler, _period, 136, 136);
+    AT(allocator_recycler, _function, 144, 144);
+    AT(allocator_recycler::recycler_function, _stop, 132, 136);
+    AT(allocator_recycler::recycler_function, _period, 136, 144);
+    SIZE(allocator_recycler::recycler_function, 144, 152);
+
     AT(time, _count, 0, 0);
     SIZE(time, 8, 8);
 
