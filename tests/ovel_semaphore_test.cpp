@@ -140,12 +140,12 @@ TEST(timed_semaphore_test, a_wait_ends_at_its_deadline_but_takes_a_unit_that_is_
 // comes once a thread that waits would have given up many times.
 TEST(timed_semaphore_test, a_deadline_beyond_what_the_kernel_can_wait_is_waited_for) {
     timed_semaphore asked(0, 0);
-    for (ovel::time const& far : {ovel::time::then(2147483.648 + 0.001),
-                                  ovel::time::then(4294968.0), ovel::time::then(1e9), never}) {
+    for (ovel::time const& distant : {ovel::time::then(2147483.648 + 0.001),
+                                      ovel::time::then(4294968.0), ovel::time::then(1e9), never}) {
         std::atomic<bool> waiting = false;
         std::jthread waiter([&] {
             waiting = true;
-            EXPECT_TRUE(asked.timed_acquire(far)) << far.seconds();
+            EXPECT_TRUE(asked.timed_acquire(distant)) << distant.seconds();
         });
         until([&] { return waiting.load(); });
         ovel::time const moment = ovel::time::then(0.01);

@@ -34,6 +34,14 @@ bool elsewhere(Work const& work) {
     return result;
 }
 
+// A number, as a regular expression. GoogleTest brings its own, simpler expressions
+// where the system has none.
+#if GTEST_USES_SIMPLE_RE
+#define ANY_NUMBER "\\d+"
+#else
+#define ANY_NUMBER "[0-9]+"
+#endif
+
 // A regular expression for the whole of what a failed check prints: one line with
 // the expression as it is written, the file from the root, and a line number.
 inline std::string failed_check(std::string_view expression, std::string_view file) {
@@ -43,7 +51,7 @@ inline std::string failed_check(std::string_view expression, std::string_view fi
             text += '\\';
         text += letter;
     }
-    return text.append(", ").append(file).append(", [0-9]+\\)\n$");
+    return text.append(", ").append(file).append(", " ANY_NUMBER "\\)\n$");
 }
 
 #define EXPECT_CHECK(statement, expression, file) \

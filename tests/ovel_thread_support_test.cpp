@@ -22,8 +22,13 @@ struct ovel::detail::inspector {
         return ovel::time(count);
     }
     template <class T>
-    static unsigned int index(thread_specific_ptr<T> const& pointer) {
-        return pointer.index;
+    static void free_slot(thread_specific_ptr<T> const& pointer) {
+        TlsFree(pointer.index);
+    }
+    // A pointer with an index that no slot has.
+    static void set_nowhere() {
+        DWORD index = 0x7fffffff;
+        reinterpret_cast<thread_specific_ptr<int>&>(index).set(nullptr);
     }
 };
 
@@ -172,15 +177,10 @@ constexpr char pointer_file[] = "includes/ovel_thread_specific_ptr.h";
 TEST(thread_specific_ptr_death_test, slots_that_are_not_there_fail_the_checks) {
     auto const free_twice = [] {
         thread_specific_ptr<int> pointer;
-        ovel::TlsFree(inspector::index(pointer));
+        inspector::free_slot(pointer);
     };
     EXPECT_CHECK(free_twice(), "TlsFree(index) != 0", pointer_file);
-    auto const set_freed = [] {
-        thread_specific_ptr<int> pointer;
-        ovel::TlsFree(inspector::index(pointer));
-        pointer.set(nullptr);
-    };
-    EXPECT_CHECK(set_freed(), "TlsSetValue(index, value) != 0", pointer_file);
+    EXPECT_CHECK(inspector::set_nowhere(), "TlsSetValue(index, value) != 0", pointer_file);
     auto const take_all = [] {
         std::vector<std::unique_ptr<thread_specific_ptr<int>>> all;
         for (;;)
