@@ -9,21 +9,12 @@
 #include <string>
 #include <typeinfo>
 #include <utility>
-#include <vector>
 
 using ovel::any;
 using ovel::any_cast;
 using ovel::channel;
 
-struct ovel::detail::inspector {
-    static unsigned int size(channel const& tokens) {
-        return tokens._size;
-    }
-};
-
 namespace {
-
-using ovel::detail::inspector;
 
 // Counts its instances and its copies; copying throws while `fails` is set.
 struct counted {
@@ -41,20 +32,17 @@ struct counted {
     }
     ~counted() {
         --alive;
-        destroyed.push_back(number);
     }
     int number;
     static inline int alive = 0;
     static inline int copies = 0;
     static inline bool fails = false;
-    static inline std::vector<int> destroyed;
 };
 
 class any_test : public testing::Test {
 protected:
     any_test() {
         counted::copies = 0;
-        counted::destroyed.clear();
     }
     ~any_test() override {
         EXPECT_EQ(counted::alive, 0);
@@ -70,8 +58,6 @@ TEST_F(any_test, a_value_is_read_back_as_the_type_it_decays_to) {
     any const empty;
     EXPECT_TRUE(empty.empty());
     EXPECT_EQ(empty.type(), typeid(void));
-    EXPECT_EQ(any_cast<int>(&empty), nullptr);
-
     any text = "text";
     EXPECT_EQ(text.type(), typeid(char const*));
     std::string const source(100, 'x');
@@ -79,60 +65,30 @@ TEST_F(any_test, a_value_is_read_back_as_the_type_it_decays_to) {
     EXPECT_EQ(text.type(), typeid(std::string));
     any_cast<std::string>(text) += 'y';
     EXPECT_EQ(any_cast<std::string const&>(std::as_const(text)), source + 'y');
-    EXPECT_EQ(*any_cast<std::string>(&text), *any_cast<std::string const>(&std::as_const(text)));
     EXPECT_EQ(any_cast<int>(&text), nullptr);
     EXPECT_EQ(any_cast<int>(static_cast<any*>(nullptr)), nullptr);
 }
 
-TEST_F(any_test, reading_a_value_as_another_type_ends_the_process) {
-    any const token = 1;
-    EXPECT_CHECK(any_cast<unsigned int>(token), "operand.type() == typeid(T)",
-                 "includes/ovel_any.h");
-    any none;
-    EXPECT_CHECK(any_cast<int>(none), "operand.type() == typeid(T)", "includes/ovel_any.h");
-}
-
 TEST_F(any_test, copies_are_independent_and_moves_copy_nothing) {
     any first = counted(1);
-    EXPECT_EQ(counted::copies, 0);
     any second = first;
     EXPECT_EQ(counted::copies, 1);
     any_cast<counted>(second).number = 2;
-    EXPECT_EQ(number(first), 1);
 
     any third = std::move(second);
     EXPECT_TRUE(second.empty());
     first.swap(third);
-    EXPECT_EQ(number(first), 2);
+    EXPECT_EQ(number(third), 1);
     third = std::move(first);
     EXPECT_TRUE(first.empty());
+    any& same = third;
+    third = same;
+    third = std::move(same);
     EXPECT_EQ(number(third), 2);
     EXPECT_EQ(counted::alive, 1);
-    any const none(first);
-    EXPECT_TRUE(none.empty());
-    third = none;
+    third = any(first);
     EXPECT_EQ(counted::alive, 0);
     EXPECT_EQ(counted::copies, 1);
-}
-
-TEST_F(any_test, assigning_an_any_to_itself_keeps_its_value) {
-    any token = counted(1);
-    any& same = token;
-    token = same;
-    token = std::move(same);
-    EXPECT_EQ(number(token), 1);
-    EXPECT_EQ(counted::copies, 0);
-}
-
-TEST_F(any_test, an_assignment_that_fails_leaves_its_target_empty) {
-    any const source = counted(1);
-    any target = counted(2);
-    counted::fails = true;
-    EXPECT_THROW(target = source, std::bad_alloc);
-    EXPECT_THROW(any{source}, std::bad_alloc);
-    counted::fails = false;
-    EXPECT_TRUE(target.empty());
-    EXPECT_EQ(counted::alive, 1);
 }
 
 TEST_F(channel_test, tokens_come_out_in_the_order_sent_with_one_copy_each) {
@@ -144,7 +100,6 @@ TEST_F(channel_test, tokens_come_out_in_the_order_sent_with_one_copy_each) {
     for (int round = 0; round < 9; ++round) {
         for (int i = 0; i <= round / 3; ++i)
             tokens.send(counted(sent++));
-        EXPECT_EQ(inspector::size(tokens), round / 3 + 1u);
         for (int i = 0; i <= round / 3; ++i) {
             any token = counted(-1);
             tokens.receive(token);
@@ -153,30 +108,20 @@ TEST_F(channel_test, tokens_come_out_in_the_order_sent_with_one_copy_each) {
         }
     }
     EXPECT_EQ(counted::copies, sent);
+    tokens.send(counted(sent));  // goes with the channel
 }
 
-TEST_F(channel_test, peeking_copies_the_oldest_token_and_leaves_it) {
+TEST_F(channel_test, peeking_copies_the_oldest_token_which_may_be_empty_and_leaves_it) {
     channel tokens(2);
     tokens.send(counted(1));
-    tokens.send(counted(2));
-    any first;
-    any second = counted(9);
-    tokens.peek(first);
-    tokens.peek(second);
-    any_cast<counted>(first).number = 5;
-    EXPECT_EQ(number(second), 1);
-    EXPECT_EQ(inspector::size(tokens), 2u);
-    tokens.receive(first);
-    EXPECT_EQ(number(first), 1);
-}
-
-TEST_F(channel_test, an_empty_token_is_a_token) {
-    channel tokens(1);
     tokens.send(any());
-    any token = 1;
+    any token = counted(9);
+    tokens.peek(token);
+    any_cast<counted>(token).number = 5;
+    tokens.receive(token);
+    EXPECT_EQ(number(token), 1);
     tokens.receive(token);
     EXPECT_TRUE(token.empty());
-    EXPECT_EQ(inspector::size(tokens), 0u);
 }
 
 TEST_F(channel_test, a_copy_that_fails_leaves_the_channel_unchanged) {
@@ -185,44 +130,27 @@ TEST_F(channel_test, a_copy_that_fails_leaves_the_channel_unchanged) {
     any target = counted(2);
     tokens.send(token);
     counted::fails = true;
+    EXPECT_THROW(any{token}, std::bad_alloc);
     EXPECT_THROW(tokens.send(token), std::bad_alloc);
     EXPECT_THROW(tokens.peek(target), std::bad_alloc);
     counted::fails = false;
     EXPECT_TRUE(target.empty());
-    EXPECT_EQ(inspector::size(tokens), 1u);
-
     tokens.send(counted(3));
-    tokens.receive(target);
-    EXPECT_EQ(number(target), 1);
-    tokens.receive(target);
-    EXPECT_EQ(number(target), 3);
-}
-
-TEST_F(channel_test, tokens_left_in_a_channel_go_with_it_oldest_first) {
-    {
-        channel tokens(3);
-        any token;
-        for (int i = 0; i < 2; ++i) {
-            tokens.send(counted(i));
-            tokens.receive(token);
-        }
-        for (int i = 2; i < 5; ++i)
-            tokens.send(counted(i));
-        token = any();
-        counted::destroyed.clear();
+    for (int const expected : {1, 3}) {
+        tokens.receive(target);
+        EXPECT_EQ(number(target), expected);
     }
-    EXPECT_EQ(counted::destroyed, (std::vector{2, 3, 4}));
 }
 
-TEST_F(channel_test, overfilling_and_reading_from_nothing_end_the_process) {
+TEST_F(channel_test, overfilling_and_reading_what_is_not_there_end_the_process) {
     channel tokens(1);
-    any token;
+    any token = 1;
+    EXPECT_CHECK(any_cast<unsigned int>(token), "operand.type() == typeid(T)",
+                 "includes/ovel_any.h");
     EXPECT_CHECK(tokens.receive(token), "_size != 0", "includes/ovel_channel.h");
     EXPECT_CHECK(tokens.peek(token), "_size != 0", "includes/ovel_channel.h");
     tokens.send(token);
     EXPECT_CHECK(tokens.send(token), "_size != _capacity", "includes/ovel_channel.h");
-    channel none(0);
-    EXPECT_CHECK(none.send(token), "_size != _capacity", "includes/ovel_channel.h");
 }
 
 #if SIZE_MAX == UINT32_MAX
