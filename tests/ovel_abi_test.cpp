@@ -23,15 +23,9 @@ namespace {
 std::atomic<unsigned int> news{0};
 std::atomic<unsigned int> deletes{0};
 
-void* counted_new(std::size_t bytes, std::size_t alignment = __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
+void* counted_new(std::size_t bytes) {
     ++news;
-    return std::aligned_alloc(alignment, (bytes + alignment) & ~(alignment - 1));
-}
-
-void* checked_new(std::size_t bytes, std::size_t alignment = __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
-    if (void* const memory = counted_new(bytes, alignment))
-        return memory;
-    throw std::bad_alloc();
+    return std::malloc(bytes);
 }
 
 void counted_delete(void* memory) {
@@ -39,8 +33,31 @@ void counted_delete(void* memory) {
     std::free(memory);
 }
 
-std::size_t number(std::align_val_t alignment) {
-    return static_cast<std::size_t>(alignment);
+// Windows keeps aligned memory apart.
+void* counted_new(std::size_t bytes, std::align_val_t wanted) {
+    ++news;
+    auto const alignment = static_cast<std::size_t>(wanted);
+#if defined(_WIN32)
+    return _aligned_malloc(bytes, alignment);
+#else
+    return std::aligned_alloc(alignment, (bytes + alignment) & ~(alignment - 1));
+#endif
+}
+
+void counted_delete(void* memory, std::align_val_t) {
+    ++deletes;
+#if defined(_WIN32)
+    _aligned_free(memory);
+#else
+    std::free(memory);
+#endif
+}
+
+template <class... Alignment>
+void* checked_new(std::size_t bytes, Alignment... alignment) {
+    if (void* const memory = counted_new(bytes, alignment...))
+        return memory;
+    throw std::bad_alloc();
 }
 
 // What `work` does through the program's operators, news and deletes apart.
@@ -64,10 +81,10 @@ void* operator new(std::size_t n) { return checked_new(n); }
 void* operator new[](std::size_t n) { return checked_new(n); }
 void* operator new(std::size_t n, std::nothrow_t const&) noexcept { return counted_new(n); }
 void* operator new[](std::size_t n, std::nothrow_t const&) noexcept { return counted_new(n); }
-void* operator new(std::size_t n, std::align_val_t a) { return checked_new(n, number(a)); }
-void* operator new[](std::size_t n, std::align_val_t a) { return checked_new(n, number(a)); }
-void* operator new(std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept { return counted_new(n, number(a)); }
-void* operator new[](std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept { return counted_new(n, number(a)); }
+void* operator new(std::size_t n, std::align_val_t a) { return checked_new(n, a); }
+void* operator new[](std::size_t n, std::align_val_t a) { return checked_new(n, a); }
+void* operator new(std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept { return counted_new(n, a); }
+void* operator new[](std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept { return counted_new(n, a); }
 
 void operator delete(void* p) noexcept { counted_delete(p); }
 void operator delete[](void* p) noexcept { counted_delete(p); }
@@ -75,12 +92,12 @@ void operator delete(void* p, std::size_t) noexcept { counted_delete(p); }
 void operator delete[](void* p, std::size_t) noexcept { counted_delete(p); }
 void operator delete(void* p, std::nothrow_t const&) noexcept { counted_delete(p); }
 void operator delete[](void* p, std::nothrow_t const&) noexcept { counted_delete(p); }
-void operator delete(void* p, std::align_val_t) noexcept { counted_delete(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { counted_delete(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { counted_delete(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { counted_delete(p); }
-void operator delete(void* p, std::align_val_t, std::nothrow_t const&) noexcept { counted_delete(p); }
-void operator delete[](void* p, std::align_val_t, std::nothrow_t const&) noexcept { counted_delete(p); }
+void operator delete(void* p, std::align_val_t a) noexcept { counted_delete(p, a); }
+void operator delete[](void* p, std::align_val_t a) noexcept { counted_delete(p, a); }
+void operator delete(void* p, std::size_t, std::align_val_t a) noexcept { counted_delete(p, a); }
+void operator delete[](void* p, std::size_t, std::align_val_t a) noexcept { counted_delete(p, a); }
+void operator delete(void* p, std::align_val_t a, std::nothrow_t const&) noexcept { counted_delete(p, a); }
+void operator delete[](void* p, std::align_val_t a, std::nothrow_t const&) noexcept { counted_delete(p, a); }
 // clang-format on
 
 namespace ovel {

@@ -1,6 +1,11 @@
 #include "ovel_time.h"
 
+#include "ovel_kernel.h"
 #include "ovel_test.h"
+
+#if defined(_WIN32)
+#include <tlhelp32.h>
+#endif
 
 #include <algorithm>
 #include <chrono>
@@ -126,12 +131,25 @@ TEST(time_now_test, a_reading_is_not_behind_one_that_came_before) {
     });
 }
 
+// The threads of this process.
+std::ptrdiff_t threads() {
+#if defined(_WIN32)
+    HANDLE const all = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    THREADENTRY32 thread{};
+    thread.dwSize = sizeof thread;
+    std::ptrdiff_t own = 0;
+    for (BOOL found = Thread32First(all, &thread); found != 0; found = Thread32Next(all, &thread))
+        own += thread.th32OwnerProcessID == GetCurrentProcessId();
+    CloseHandle(all);
+    return own;
+#else
+    std::filesystem::directory_iterator const tasks("/proc/self/task");
+    return std::distance(begin(tasks), end(tasks));
+#endif
+}
+
 // In a process of its own, where no reading has come before.
 TEST(time_now_death_test, threads_that_race_to_the_first_reading_start_one_server) {
-    auto const threads = [] {
-        std::filesystem::directory_iterator const tasks("/proc/self/task");
-        return std::distance(begin(tasks), end(tasks));
-    };
     auto const race = [&] {
         constexpr int racers = 4;
         std::latch start(racers + 1);
