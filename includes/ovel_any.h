@@ -77,7 +77,7 @@ public:
     any(any&& other) noexcept : _content(std::exchange(other._content, nullptr)) {}
 
     // As the constructors, but that when copying throws, this is left empty: the
-    // old value goes before the new one comes.
+    // old value goes before the new one comes, so `other` must not lie inside it.
     any& operator=(any const& other) {
         if (this != &other) {
             delete std::exchange(_content, nullptr);
@@ -145,6 +145,9 @@ std::remove_reference_t<T> const& any_cast(any const& operand) {
     assure(operand.type() == typeid(T));
     return *any_cast<std::remove_reference_t<T>>(&operand);
 }
+// What it would return is gone with the temporary.
+template <class T>
+void any_cast(any const&& operand) = delete;
 
 }  // namespace ovel
 

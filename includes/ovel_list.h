@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <utility>
 
 namespace ovel {
 

@@ -41,6 +41,8 @@
 #include "ovel_time.h"
 #include "ovel_triple.h"
 
+#include <utility>
+
 namespace ovel {
 
 class petri_arc;
@@ -54,7 +56,9 @@ class petri_transition;
 // takes and puts exactly what the arcs say: as many tokens from each input place
 // as the arc's weight, each by `receive`, or by `receive_skip` to leave it there;
 // and as many on each output place, each by `send`, or by `send_skip` to leave the
-// slot empty. It may `peek` at input places. None of them waits for a token or a
+// slot empty. It may `peek` at input places. Taking or peeking where there is no
+// token fails the check "_size != 0", putting where there is no room the check
+// "_size != _capacity". None of them waits for a token or a
 // slot, since those are reserved before the code runs. Every other thread uses the
 // operations of `petri_net`; a call outside this contract breaks the place's
 // counts.
@@ -351,7 +355,8 @@ private:
     // One firing, on a thread of the group.
     void operator()() override;
 
-    [[maybe_unused]] cacheline _before;
+    // Initialised, for a transition can be copied.
+    [[maybe_unused]] cacheline _before{};
     petri_function& _function;
     bool const _reentrant;
     double const _time;
@@ -364,7 +369,7 @@ private:
     unsigned int _random = 1;  // drawn when it was last queued
     list<petri_arc*> _arcs;    // changes while the net is stopped only
     position _iterator;        // its place in the net's queue; null when it is not queued
-    [[maybe_unused]] cacheline _after;
+    [[maybe_unused]] cacheline _after{};
 };
 
 inline petri_place* petri_connector::place() const {
@@ -409,7 +414,7 @@ private:
 //
 // A net is born stopped. While it is stopped, and only then, one thread builds its
 // structure: places, transitions, arcs. `release` starts it, and from then on every
-// transition fires whenever it is enabled and a thread of its group is free;
+// transition fires whenever it is enabled and its group has a thread and the space free;
 // firings that are reserved beside each other run at the same time. `acquire` stops
 // the net once it has come to rest: when no transition is enabled and no firing
 // under way. `try_acquire` and `timed_acquire` ask for the same stop; after false
@@ -521,7 +526,7 @@ private:
     friend class petri_transition;
     friend struct detail::inspector;
 
-    class change;
+    class OVEL_HIDDEN change;
     class slot;
     class start;
 

@@ -269,8 +269,8 @@ private:
         _head = grown;
     }
 
-    // The level of the next node: 1 for three of four, then each level for half
-    // as many as the one before, and less than the head's capacity.
+    // The level of the next node: 1 for three of four, 2 for one of eight, then each
+    // level for half as many as the one before; less than the head's capacity.
     unsigned int _draw_level() {
         if (_size < 2)
             return 1;

@@ -62,16 +62,18 @@ public:
     thread_element_group(thread_element_group const&) = delete;
     thread_element_group& operator=(thread_element_group const&) = delete;
 
+    // The pool of the process. When that ends, no thread may be borrowed, or still
+    // be given back.
     static thread_element_group* global();
 
     // An idle thread with at least `stack_size` bytes of stack and less than four
     // times as many (with 0: one of the system's default), or a new one. Memory
     // that is exhausted fails the check "("unexpected exception", 0)", a thread
-    // that the system refuses the check "_thread != 0".
+    // that the system refuses the check "_thread != 0". Blocks while a new one starts.
     thread_element* acquire_element(unsigned int stack_size);
 
-    // Takes back an element whose run has been joined. Without memory to keep it,
-    // ends it instead.
+    // Takes back an element whose run has been joined, and flushes the caller's
+    // allocator. Without memory to keep it, ends it instead.
     void release_element(thread_element* element);
 
     // The number of idle threads.
@@ -91,8 +93,8 @@ private:
 }  // namespace detail
 
 // Runs one `thread_function` at a time on a thread borrowed from the pool, and
-// gives the thread back when the run is joined: after the first, a run creates no
-// thread. `schedule` names the work, `release` starts it, and a successful
+// gives the thread back when the run is joined: a run creates a thread only when no
+// idle one fits. `schedule` names the work, `release` starts it, and a successful
 // `acquire`, `try_acquire` or `timed_acquire` joins it, after which the object can
 // start another run, of the same work unless `schedule` names other. One thread
 // at a time drives the object.
@@ -116,8 +118,10 @@ public:
     // Names the work. A run that is not joined fails the check "_acquired".
     void schedule(thread_function& function);
 
-    // Starts the run. A run that is not joined, or no work, fails the check
-    // "_acquired && _function != 0".
+    // Starts the run; blocks only where a thread has to be created, until that has
+    // begun. A run that is not joined, or no work, fails the check "_acquired &&
+    // _function != 0"; memory or a thread that cannot be had, the checks of
+    // `thread_element_group::acquire_element`.
     void release();
 
     // Joins the run, blocking until it has ended. No run fails the check
@@ -127,7 +131,8 @@ public:
     // Joins the run if it has ended, and returns whether it had.
     bool try_acquire();
 
-    // Joins the run if it ends before `deadline`, and returns whether it did.
+    // Joins the run once it has ended, unless `deadline` passes before; returns
+    // whether it did.
     bool timed_acquire(time const& deadline);
 
     // In bytes.

@@ -2,6 +2,7 @@
 #ifndef OVEL_THREAD_BASE_H
 #define OVEL_THREAD_BASE_H
 
+#include "ovel_atomic.h"
 #include "ovel_frame.h"
 #include "ovel_kernel.h"
 #include "ovel_semaphore.h"
@@ -48,10 +49,12 @@ public:
     // "_thread != 0".
     void acquire();
 
-    // Joins the run if it has ended, and returns whether it had.
+    // Joins the run if it has ended, and returns whether it had. No run fails the
+    // check "_thread != 0", here and below.
     bool try_acquire();
 
-    // Joins the run if it ends before `deadline`, and returns whether it did.
+    // Joins the run once it has ended, unless `deadline` passes before; returns
+    // whether it did.
     bool timed_acquire(time const& deadline);
 
     // In bytes.
@@ -75,7 +78,8 @@ namespace detail {
 // The run loop of a pooled thread: a work object that runs other work, one on
 // each request, until it is told to end. One requesting thread at a time calls
 // `schedule`, `release` and one successful `acquire`, `try_acquire` or
-// `timed_acquire` in turn; the loop checks none of that.
+// `timed_acquire` in turn; the loop checks none of that. Only those three block.
+// The object outlives the thread that runs it.
 class OVEL_EXPORT thread_function_base : public thread_function {
 public:
     thread_function_base();
@@ -108,7 +112,9 @@ private:
     semaphore _start;  // a unit for each run requested, and one for the end
     // Written before a unit of `_start` is posted, read after it was taken.
     thread_function* _function = nullptr;
-    bool _terminate = false;
+    // Relaxed: the unit of `_start` that follows it orders it; but a loop that takes
+    // an earlier one may look as well.
+    atomic<bool> _terminate{false};
     timed_semaphore _finish;  // a unit for each run completed
 };
 

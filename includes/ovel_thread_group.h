@@ -24,10 +24,10 @@ public:
     thread_group_function_base(mutex& mutex, condition& condition, double& space, bool& concluded,
                                queue& queue);
 
-    // `running` counts the work under way in all workers of the group; when it is
-    // back at 0, `space` is set to `budget` again.
+    // `occupants` counts the work under way in all workers of the group that takes
+    // space; when it is back at 0, `space` is set to `budget` again.
     thread_group_function_base(mutex& mutex, condition& condition, double& space, bool& concluded,
-                               queue& queue, unsigned int& running, double budget);
+                               queue& queue, unsigned int& occupants, double budget);
 
     thread_group_function_base(thread_group_function_base const&);
     ~thread_group_function_base() override;
@@ -47,7 +47,7 @@ private:
     double& _space;
     bool& _concluded;
     queue& _queue;
-    unsigned int* _running;  // null: spaces add up without rounding
+    unsigned int* _occupants;  // null: `_space` is never set again
     double _budget;
 };
 
@@ -90,13 +90,14 @@ public:
     thread_group(thread_group const&) = delete;
     thread_group& operator=(thread_group const&) = delete;
 
+    // How many threads it has, and their stacks' size in bytes.
     unsigned int threads() const;
     unsigned int stack_size() const;
 
     // Queues `function` to run once, now or when the group is started. `time` is
     // positive, `space` from 0 to the group's (check "time_ > 0 && space_ >= 0 &&
     // space_ <= _space"). Waits for the group's own locks, never for running work.
-    // The caller keeps `function` alive until it has run. A concluded group fails
+    // The caller keeps `function` alive until it has run or was cleared. A concluded group fails
     // the check "!_concluded". Throws std::bad_alloc, having queued nothing.
     void schedule(thread_function& function, double time, double space);
 
@@ -113,8 +114,8 @@ public:
     void release();
 
     // Joins the threads: blocks until the group has been concluded and its work
-    // has ended. A group that is not started fails the check "_function != 0 &&
-    // _acquired != _threads", here and below.
+    // has ended; called by that work itself it never returns. A group that is not started fails the
+    // check "_function != 0 && _acquired != _threads", here and below.
     void acquire();
 
     // Joins the threads that have ended, and returns whether all have been joined.
@@ -134,7 +135,7 @@ private:
     template <class Join>
     bool _join(Join join);
 
-    mutex _mutex;  // guards _space, _concluded, _queue and _running
+    mutex _mutex;  // guards _space, _concluded, _queue and _occupants
     unsigned int const _threads;
     unsigned int const _stack_size;
     unsigned int _acquired;  // workers joined; owner only, like the three arrays
@@ -144,9 +145,9 @@ private:
     detail::thread_group_function_base** _function = nullptr;
     thread** _thread = nullptr;
     bool* _thread_acquired = nullptr;
-    condition _condition;  // idle workers wait here
-    double const _budget;  // the space that the group was built with
-    unsigned int _running = 0;
+    condition _condition;         // idle workers wait here
+    double const _budget;         // the space that the group was built with
+    unsigned int _occupants = 0;  // work under way that takes space; under _mutex
 };
 
 }  // namespace ovel

@@ -27,7 +27,7 @@ detail::thread_element_group detail::thread_element_group::_global;
 // 4. Nothing but the hook that ends the recycler's thread at unload.
 namespace {
 detail::recycler_hook hook;
-}
+}  // namespace
 
 // 5. The spin count that everything built from here on takes by default.
 unsigned int volatile default_spin = thread_support::available_processors() != 1 ? 1024 : 0;

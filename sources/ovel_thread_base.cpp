@@ -10,7 +10,6 @@
 #include "ovel_thread.h"
 #include "ovel_thread_support.h"
 
-#include <memory>
 #include <new>
 
 namespace ovel {
@@ -72,15 +71,16 @@ void thread_base::acquire() {
 }
 
 bool thread_base::try_acquire() {
+    assure(_thread != 0);
     return _acquire_within(0);
 }
 
 bool thread_base::timed_acquire(time const& deadline) {
+    assure(_thread != 0);
     return _acquire_within(detail::milliseconds_between(time::now(), deadline));
 }
 
 bool thread_base::_acquire_within(DWORD milliseconds) {
-    assure(_thread != 0);
     DWORD const r = WaitForSingleObject(_thread, milliseconds);
     if (r == WAIT_TIMEOUT)
         return false;
@@ -106,7 +106,7 @@ void thread_function_base::schedule(thread_function& function) {
 }
 
 void thread_function_base::terminate() {
-    _terminate = true;
+    _terminate.store(true, std::memory_order_relaxed);
     _start.release();
 }
 
@@ -129,7 +129,7 @@ void thread_function_base::operator()() {
     group->deactivate_allocator(false);
     for (;;) {
         _start.acquire();
-        if (_terminate)
+        if (_terminate.load(std::memory_order_relaxed))
             break;
         group->activate_allocator();
         try {

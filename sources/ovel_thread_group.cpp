@@ -25,14 +25,14 @@ thread_group_function_base::thread_group_function_base(mutex& mutex, condition& 
       _space(space),
       _concluded(concluded),
       _queue(queue),
-      _running(nullptr),
+      _occupants(nullptr),
       _budget(space) {}
 
 thread_group_function_base::thread_group_function_base(mutex& mutex, condition& condition,
                                                        double& space, bool& concluded, queue& queue,
-                                                       unsigned int& running, double budget)
+                                                       unsigned int& occupants, double budget)
     : thread_group_function_base(mutex, condition, space, concluded, queue) {
-    _running = &running;
+    _occupants = &occupants;
     _budget = budget;
 }
 
@@ -98,15 +98,15 @@ void thread_group_function_base::_run(queue::iterator element) {
 
 void thread_group_function_base::_take_space(double space) {
     _space -= space;
-    if (_running != nullptr)
-        ++*_running;
+    if (_occupants != nullptr && space != 0)
+        ++*_occupants;
 }
 
 // Fractions of a budget need not add up to it again; without the reset, work that
 // asks for all of it could wait for ever.
 void thread_group_function_base::_give_space(double space) {
     _space += space;
-    if (_running != nullptr && --*_running == 0)
+    if (_occupants != nullptr && space != 0 && --*_occupants == 0)
         _space = _budget;
 }
 
@@ -202,7 +202,7 @@ void thread_group::_construct() {
     };
     for (unsigned int i = 0; i != _threads; ++i)
         _function[i] = new detail::thread_group_function_base(
-            _mutex, _condition, _space, _concluded, _queue, _running, _budget);
+            _mutex, _condition, _space, _concluded, _queue, _occupants, _budget);
     _thread = new thread* [_threads] {
     };
     for (unsigned int i = 0; i != _threads; ++i)

@@ -237,10 +237,10 @@ struct ovel::detail::inspector {
     AT(thread_group, _thread_acquired, 444, 480);
     AT(thread_group, _condition, 448, 488);
     AT(thread_group, _budget, 1772, 1824, 1776);
-    AT(thread_group, _running, 1780, 1832, 1784);
+    AT(thread_group, _occupants, 1780, 1832, 1784);
     SIZE(thread_group, 1784, 1840, 1792);
 
-    AT(thread_group_function_base, _running, 152, 176);
+    AT(thread_group_function_base, _occupants, 152, 176);
     AT(thread_group_function_base, _budget, 156, 184, 160);
     SIZE(thread_group_function_base, 164, 192, 168);
 

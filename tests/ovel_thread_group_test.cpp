@@ -123,20 +123,22 @@ TEST(thread_group_test, work_within_a_budget_never_exceeds_it_and_all_of_it_runs
 TEST(thread_group_test, spaces_that_do_not_add_up_again_do_not_shrink_the_group) {
     // 1 - 0.3 - 0.1 + 0.3 + 0.1 is less than 1: without care, work that asks for
     // all of the space would wait for ever after that.
-    thread_group group(2, 1.0, 65536);
-    semaphore running(0, 0), first(0, 0), second(0, 0);
+    thread_group group(3, 1.0, 65536);
+    semaphore running(0, 0), first(0, 0), second(0, 0), third(0, 0);
     auto const held = [&running](semaphore& until) {
         return [&running, &until] {
             running.release();
             until.acquire();
         };
     };
-    task large(held(first)), small(held(second)), whole([] {});
+    task large(held(first)), small(held(second)), whole([&] { third.release(); });
+    task spaceless(held(third));  // as it takes none, it does not keep any back
     group.schedule(large, 1.0, 0.3);
     group.schedule(small, 1.0, 0.1);
+    group.schedule(spaceless, 1.0, 0.0);
     group.release();
-    running.acquire();
-    running.acquire();
+    for (int i = 0; i != 3; ++i)
+        running.acquire();
     first.release();
     while (detail::inspector::free_space(group) < 0.8)  // the large one's is back
         thread_support::yield();

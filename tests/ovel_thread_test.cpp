@@ -164,6 +164,21 @@ TEST(thread_base_test, misuse_is_named) {
         "_thread == 0", source);
 }
 
+TEST(run_loop_test, a_running_loop_may_be_told_to_end_at_any_moment) {
+    work counted;
+    for (int round = 0; round != 100; ++round) {
+        detail::thread_function_base loop;
+        thread_base driven;
+        driven.schedule(loop);
+        driven.release();
+        loop.schedule(counted);
+        loop.release();
+        loop.terminate();
+        driven.acquire();
+    }
+    EXPECT_LE(counted.runs, 100);
+}
+
 TEST(run_loop_test, a_terminated_loop_ends_without_the_run_that_it_has_not_begun) {
     detail::thread_function_base loop;
     work counted;

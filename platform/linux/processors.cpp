@@ -74,8 +74,14 @@ void for_each_thread(DIR* threads, Visit const& visit) {
 }
 
 // Restricts every thread to `set`. Under the lock.
+//
+// A thread that was restricted further stays so where the new set allows it.
 void apply_to_all(DIR* threads, processor_set const& set) {
-    for_each_thread(threads, [&](pid_t thread) { set.apply(thread); });
+    for_each_thread(threads, [&](pid_t thread) {
+        processor_set own;
+        if (!own.read(thread) || !own.within(set) || process_set.within(own))
+            set.apply(thread);
+    });
     // A thread that another one created meanwhile, outside this layer, has the
     // processors that its creator had then.
     for (bool again = true; again;) {

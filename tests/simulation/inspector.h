@@ -58,9 +58,9 @@ struct ovel::detail::inspector {
         std::destroy_at(&thread_element_group::_global);
     }
 
-    // Nothing waits that fits while a thread is free.
+    // Everybody being at rest, nothing waits that fits while a thread is free.
     static void expect_busy(thread_group& group) {
-        if (group._running == group._threads)
+        if (group._condition._queued == 0)
             return;
         for (auto each = group._queue.begin(); each != group._queue.end(); ++each)
             assure((*each).third > group._space);
