@@ -1,0 +1,275 @@
+// The system's own services: what the library makes of them, and each check of one
+// of their results made to fail. Where no misuse leads to that, a call of the
+// library is led to a function here that has the real service refuse it. Checks
+// that fail by misuse alone are in the suites of their classes.
+
+#include "imports.h"
+#include "ovel_once.h"
+#include "ovel_semaphore.h"
+#include "ovel_test.h"
+#include "ovel_thread_base.h"
+#include "ovel_thread_function.h"
+#include "ovel_thread_support.h"
+#include "ovel_time.h"
+
+#include <cstdlib>
+
+using ovel::call_once;
+using ovel::semaphore;
+using ovel::thread_base;
+using ovel::timed_semaphore;
+
+struct ovel::detail::inspector {
+    template <class Semaphore>
+    static HANDLE handle(Semaphore const& subject) {
+        return subject._semaphore;
+    }
+    static HANDLE handle(thread_base const& subject) {
+        return subject._thread;
+    }
+    // A thread that sleeps on the semaphore, as far as it knows.
+    static void count_sleeper(semaphore& subject) {
+        subject._value = -1;
+    }
+};
+
+namespace {
+
+using ovel::detail::inspector;
+
+constexpr char once_file[] = "sources/ovel_once.cpp";
+constexpr char semaphore_file[] = "sources/ovel_semaphore.cpp";
+constexpr char semaphore_header[] = "includes/ovel_semaphore.h";
+constexpr char thread_file[] = "sources/ovel_thread_base.cpp";
+constexpr char support_file[] = "sources/ovel_thread_function.cpp";
+
+template <class Function>
+void lead(char const* name, Function* function) {
+    if (!lead_import(GetModuleHandleA("ovel.dll"), name, function))
+        std::abort();
+}
+
+// With the handle of its kernel object closed behind its back.
+template <class Subject>
+Subject& closed(Subject& subject) {
+    CloseHandle(inspector::handle(subject));
+    return subject;
+}
+
+void keep_open(HANDLE handle) {
+    SetHandleInformation(handle, HANDLE_FLAG_PROTECT_FROM_CLOSE, HANDLE_FLAG_PROTECT_FROM_CLOSE);
+}
+
+TEST(time_unit_test, the_clock_factor_is_the_rate_in_the_registry) {
+    DWORD megahertz = 0;
+    DWORD size = sizeof megahertz;
+    ASSERT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0",
+                           "~MHz", RRF_RT_REG_DWORD, nullptr, &megahertz, &size),
+              ERROR_SUCCESS);
+    EXPECT_EQ(ovel::time_support::time_unit(), 1.0 / (megahertz * 1000000.0));
+}
+
+LONG WINAPI ask_for_nothing(HKEY key, char const*, DWORD* reserved, DWORD* type, BYTE* data,
+                            DWORD* size) {
+    return RegQueryValueExA(key, "no such value", reserved, type, data, size);
+}
+LONG WINAPI open_nothing(HKEY root, char const*, DWORD options, REGSAM access, HKEY* result) {
+    return RegOpenKeyExA(root, "no such key", options, access, result);
+}
+
+TEST(time_unit_death_test, without_the_rate_it_is_that_of_2_gigahertz) {
+    auto const rate_is_2_gigahertz = [] {
+        std::exit(ovel::time_support::time_unit() == 1.0 / 2000000000.0 ? 0 : 1);
+    };
+    EXPECT_EXIT(
+        {
+            lead("RegQueryValueExA", ask_for_nothing);
+            rate_is_2_gigahertz();
+        },
+        testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(
+        {
+            lead("RegOpenKeyExA", open_nothing);
+            rate_is_2_gigahertz();
+        },
+        testing::ExitedWithCode(0), "");
+}
+
+// Runs this program's test of the same name in another process. Its exit status;
+// a process that takes longer than a minute waits for this one.
+DWORD run_once_more() {
+    char program[MAX_PATH];
+    GetModuleFileNameA(nullptr, program, sizeof program);
+    char command[] = "again --gtest_filter=call_once_windows_test.two_processes_never_meet";
+    STARTUPINFOA start{};
+    start.cb = sizeof start;
+    PROCESS_INFORMATION process;
+    if (CreateProcessA(program, command, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start,
+                       &process) == 0)
+        return GetLastError();
+    if (WaitForSingleObject(process.hProcess, 60'000) != WAIT_OBJECT_0)
+        TerminateProcess(process.hProcess, WAIT_TIMEOUT);
+    WaitForSingleObject(process.hProcess, INFINITE);
+    DWORD status = 0;
+    GetExitCodeProcess(process.hProcess, &status);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    return status;
+}
+
+unsigned int volatile met = 0;
+DWORD status_of_other;
+
+// Both processes run the same program, so the flag has the same address in both.
+TEST(call_once_windows_test, two_processes_never_meet) {
+    char const variable[] = "OVEL_WINDOWS_TEST_FLAG";
+    std::string const address = std::to_string(reinterpret_cast<std::uintptr_t>(&met));
+    if (char const* const first = std::getenv(variable)) {
+        EXPECT_EQ(first, address);
+        call_once([] {}, met);
+        return;
+    }
+    SetEnvironmentVariableA(variable, address.c_str());
+    call_once([] { status_of_other = run_once_more(); }, met);
+    SetEnvironmentVariableA(variable, nullptr);
+    EXPECT_EQ(status_of_other, 0u);
+}
+
+HANDLE once_mutex;  // the one that call_once last made
+
+HANDLE WINAPI keep_mutex(SECURITY_ATTRIBUTES* security, BOOL owned, char const* name) {
+    return once_mutex = CreateMutexA(security, owned, name);
+}
+
+unsigned int volatile flag = 0;
+
+// The thread ends while it has the mutex.
+DWORD WINAPI abandon(void*) {
+    call_once([] { ExitThread(0); }, flag);
+    return 0;
+}
+
+// An object of another kind has the name.
+HANDLE WINAPI take_name(SECURITY_ATTRIBUTES* security, BOOL owned, char const* name) {
+    CreateEventA(nullptr, FALSE, FALSE, name);
+    return CreateMutexA(security, owned, name);
+}
+
+TEST(call_once_death_test, a_mutex_that_fails_is_named) {
+    EXPECT_CHECK(
+        {
+            lead("CreateMutexA", take_name);
+            call_once([] {}, flag);
+        },
+        "mutex != 0", once_file);
+    EXPECT_CHECK(
+        {
+            HANDLE const thread = CreateThread(nullptr, 0, abandon, nullptr, 0, nullptr);
+            WaitForSingleObject(thread, INFINITE);
+            call_once([] {}, flag);
+        },
+        "WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0", once_file);
+    EXPECT_CHECK(
+        {
+            lead("CreateMutexA", keep_mutex);
+            call_once([] { ReleaseMutex(once_mutex); }, flag);
+        },
+        "ReleaseMutex(mutex) != 0", once_file);
+    EXPECT_CHECK(
+        {
+            lead("CreateMutexA", keep_mutex);
+            call_once([] { keep_open(once_mutex); }, flag);
+        },
+        "CloseHandle(mutex) != 0", once_file);
+}
+
+// More units than the maximum are refused.
+HANDLE WINAPI exceed_maximum(SECURITY_ATTRIBUTES* security, LONG, LONG, char const* name) {
+    return CreateSemaphoreA(security, 2, 1, name);
+}
+
+template <class Semaphore>
+struct semaphore_death_test : testing::Test {};
+using semaphore_types = testing::Types<semaphore, timed_semaphore>;
+TYPED_TEST_SUITE(semaphore_death_test, semaphore_types);
+
+TYPED_TEST(semaphore_death_test, a_semaphore_that_fails_is_named) {
+    constexpr bool timed = std::is_same_v<TypeParam, timed_semaphore>;
+    constexpr auto* file = timed ? semaphore_file : semaphore_header;
+    EXPECT_CHECK(
+        {
+            lead("CreateSemaphoreA", exceed_maximum);
+            TypeParam(0, 0);
+        },
+        "_semaphore != 0", semaphore_file);
+    TypeParam units(0, 0);
+    EXPECT_CHECK(closed(units).acquire(),
+                 "WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0", file);
+    auto const release_closed = [&] {
+        if constexpr (!timed)
+            inspector::count_sleeper(units);
+        closed(units).release();
+    };
+    EXPECT_CHECK(release_closed(), "ReleaseSemaphore(_semaphore, 1, 0) != 0", file);
+    EXPECT_CHECK(
+        {
+            TypeParam ended(0, 0);
+            closed(ended);
+        },
+        "CloseHandle(_semaphore) != 0", semaphore_file);
+    if constexpr (timed) {
+        EXPECT_CHECK(closed(units).try_acquire(), "result == WAIT_OBJECT_0", semaphore_file);
+        EXPECT_CHECK(closed(units).timed_acquire(ovel::time()), "result == WAIT_OBJECT_0",
+                     semaphore_file);
+    }
+}
+
+TEST(thread_base_death_test, a_thread_that_fails_is_named) {
+    ovel::thread_function work;
+    thread_base thread(0);
+    thread.schedule(work);
+    EXPECT_CHECK(
+        {
+            thread_base large(0x7fff0000u);  // a stack beyond the address space
+            large.schedule(work);
+            large.release();
+        },
+        "_thread != 0", thread_file);
+    auto const started = [&]() -> thread_base& {
+        thread.release();
+        return thread;
+    };
+    EXPECT_CHECK(closed(started()).acquire(),
+                 "WaitForSingleObject(_thread, INFINITE) == WAIT_OBJECT_0", thread_file);
+    EXPECT_CHECK(closed(started()).try_acquire(), "r == WAIT_OBJECT_0", thread_file);
+    EXPECT_CHECK(closed(started()).timed_acquire(ovel::time()), "r == WAIT_OBJECT_0", thread_file);
+    auto const kept = [&]() -> thread_base& {
+        keep_open(inspector::handle(started()));
+        return thread;
+    };
+    EXPECT_CHECK(kept().acquire(), "CloseHandle(_thread) != 0", thread_file);
+    EXPECT_CHECK(kept().timed_acquire(ovel::time::then(60.0)), "CloseHandle(_thread) != 0",
+                 thread_file);
+}
+
+// No handle of a process or of a thread.
+HANDLE WINAPI no_handle() {
+    return nullptr;
+}
+
+TEST(thread_support_death_test, a_mask_that_cannot_be_read_is_named) {
+    EXPECT_CHECK(
+        {
+            lead("GetCurrentProcess", no_handle);
+            ovel::thread_support::process_affinity();
+        },
+        "GetProcessAffinityMask(GetCurrentProcess(), &pm, &sm) != 0", support_file);
+    EXPECT_CHECK(
+        {
+            lead("GetCurrentThread", no_handle);
+            ovel::thread_support::thread_affinity();
+        },
+        "affinity != 0", support_file);
+}
+
+}  // namespace
