@@ -15,7 +15,9 @@ struct ovel::detail::inspector {
     static unsigned int pool_spin() {
         return thread_element_group::global()->_lock._spin;
     }
-    static double recycler_period() {
+    // The class of the member is not exported, type information included, for
+    // which the check of what lies behind an address would ask.
+    __attribute__((no_sanitize("undefined"))) static double recycler_period() {
         return allocator_recycler::global()->_function._period;
     }
 };
