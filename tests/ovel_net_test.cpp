@@ -107,8 +107,11 @@ protected:
 
     // The shell's words after the program's name, run in a directory of their own.
     void run(std::string const& arguments, std::string const& environment = "") {
+        // Another, such as that of another system, may be named in the environment.
+        char const* const named = std::getenv("OVEL_NET_PROGRAM");
+        std::string const program = named != nullptr ? named : OVEL_NET_PROGRAM;
         std::string const command = "cd '" + _directory.string() + "' && " + environment + " '" +
-                                    OVEL_NET_PROGRAM + "' " + arguments + " >.out 2>.err";
+                                    program + "' " + arguments + " >.out 2>.err";
         int const ended = std::system(command.c_str());
         status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
         out = content(_directory / ".out");

@@ -6,8 +6,7 @@
 #include "ovel_net_pnml.h"
 #include "ovel_net_report.h"
 #include "ovel_net_run.h"
-
-#include <unistd.h>
+#include "ovel_net_system.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -37,7 +36,7 @@ public:
     }
 
 private:
-    bool const _terminal = isatty(STDERR_FILENO) == 1;
+    bool const _terminal = error_stream_is_terminal();
     bool _shown = false;
 };
 

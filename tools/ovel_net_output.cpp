@@ -1,14 +1,10 @@
 #include "ovel_net_output.h"
 #include "ovel_net_failure.h"
-
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include "ovel_net_system.h"
 
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
+#include <system_error>
 
 namespace ovel_net {
 
@@ -18,8 +14,13 @@ namespace fs = std::filesystem;
 
 using unique_file = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
 
-failure unwritable(std::string const& name, int error) {
-    return bad_file(name, 1, std::string("cannot be written: ") + std::strerror(error));
+failure unwritable(std::string const& name, std::error_code const& error) {
+    return bad_file(name, 1, "cannot be written: " + error.message());
+}
+
+// By the call of the standard library before.
+failure unwritable(std::string const& name) {
+    return unwritable(name, {errno, std::generic_category()});
 }
 
 // Whether `name` stands for something that is added to and never replaced. The
@@ -35,25 +36,13 @@ bool is_device(std::string const& name) {
 // Runs dot from one file to another; `name` is what is being drawn. What dot has to
 // say is no line of this program's.
 void run_dot(std::string const& name, char const* argument, std::FILE* from, std::FILE* to) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fileno(from), STDIN_FILENO);
-    posix_spawn_file_actions_adddup2(&actions, fileno(to), STDOUT_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    char program[] = "dot";
-    std::string option = argument;
-    char* const arguments[] = {program, option.data(), nullptr};
-    pid_t child = 0;
-    int const error = posix_spawnp(&child, program, &actions, nullptr, arguments, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (error != 0)
-        throw bad_file(
-            name, 1,
-            std::string("cannot be drawn: Graphviz's dot does not run: ") + std::strerror(error));
-    int status = 0;
-    while (waitpid(child, &status, 0) == -1 && errno == EINTR) {}
-    if (status != 0)
-        throw bad_file(name, 1, "cannot be drawn: Graphviz's dot failed");
+    try {
+        if (!run_program("dot", argument, from, to))
+            throw bad_file(name, 1, "cannot be drawn: Graphviz's dot failed");
+    } catch (std::system_error const& failed) {
+        throw bad_file(name, 1,
+                       "cannot be drawn: Graphviz's dot does not run: " + failed.code().message());
+    }
 }
 
 }  // namespace
@@ -63,43 +52,46 @@ output_file::output_file(std::string const& name)
     if (!is_device(name)) {
         std::error_code error;
         _target = fs::weakly_canonical(name, error).string();
-        if (error || fs::is_directory(_target))
-            throw unwritable(name, error ? error.value() : EISDIR);
-        _temporary = _target + '.' + std::to_string(getpid());
+        if (!error && fs::is_directory(_target))
+            error = std::make_error_code(std::errc::is_a_directory);
+        if (error)
+            throw unwritable(name, error);
+        _temporary = _target + '.' + std::to_string(process_identifier());
     }
-    // Never through what is already there: "x".
-    _file.reset(_temporary.empty() ? std::fopen(_target.c_str(), "a")
-                                   : std::fopen(_temporary.c_str(), "wx"));
-    if (_file == nullptr) {
-        int const error = errno;
-        throw unwritable(name, error);
-    }
+    _file.reset(_temporary.empty() ? std::fopen(_target.c_str(), "a") : create_file(_temporary));
+    if (_file == nullptr)
+        throw unwritable(name);
 }
 
 output_file::~output_file() {
+    _file.reset();  // not every system removes a file that is open
     if (!_temporary.empty())
         std::remove(_temporary.c_str());
 }
 
 void output_file::write(std::string const& text) {
     if (std::fwrite(text.data(), 1, text.size(), _file.get()) != text.size())
-        throw unwritable(_name, errno);
+        throw unwritable(_name);
 }
 
 void output_file::write_svg(std::string const& drawing) {
-    unique_file const input(std::tmpfile(), &std::fclose);
+    unique_file const input(scratch_file(), &std::fclose);
     if (input == nullptr ||
         std::fwrite(drawing.data(), 1, drawing.size(), input.get()) != drawing.size() ||
         std::fflush(input.get()) != 0)
-        throw unwritable(_name, errno);
+        throw unwritable(_name);
     std::rewind(input.get());
     run_dot(_name, "-Tsvg", input.get(), _file.get());
 }
 
 void output_file::commit() {
-    if (std::fclose(_file.release()) != 0 ||
-        (!_temporary.empty() && std::rename(_temporary.c_str(), _target.c_str()) != 0))
-        throw unwritable(_name, errno);
+    if (std::fclose(_file.release()) != 0)
+        throw unwritable(_name);
+    if (std::error_code error; !_temporary.empty()) {
+        fs::rename(_temporary, _target, error);
+        if (error)
+            throw unwritable(_name, error);
+    }
     _temporary.clear();
 }
 
@@ -109,7 +101,7 @@ void require_writable(std::string const& name) {
 }
 
 void require_graphviz(std::string const& name) {
-    unique_file const nothing(std::fopen("/dev/null", "r+"), &std::fclose);
+    unique_file const nothing(open_nothing(), &std::fclose);
     run_dot(name, "-V", nothing.get(), nothing.get());
 }
 
