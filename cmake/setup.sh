@@ -23,7 +23,9 @@ missing_of() {
 }
 
 # Installs what is missing of the packages named. A package of another
-# architecture is written NAME:ARCHITECTURE.
+# architecture is written NAME:ARCHITECTURE. With a release in `release` they are
+# taken from that, and so are those that they need: where another release's are
+# newer, apt finds no set for two architectures otherwise.
 require() {
     if ! command -v apt-get >/dev/null; then
         echo "== No apt-get here; expected to be installed: $*"
@@ -38,5 +40,35 @@ require() {
     done
     # An index that can't be had matters only if a package needs it.
     apt update || echo "== Some package lists could not be read"
-    apt install --no-install-recommends "${missing[@]}"
+    apt install --no-install-recommends ${release:+-t "$release"} "${missing[@]}"
+}
+
+# Unpacks the sources of a Debian package, without Debian's changes, to the folder
+# named, from where the machine gets its packages. Neither its list of sources nor
+# its package lists are touched.
+unpack_source() {
+    local package=$1 folder=$2 state file
+    [[ ! -e $folder ]] || return 0
+    if ! command -v apt-get >/dev/null; then
+        echo "== No apt-get here; expected in $folder: the sources of $package"
+        return
+    fi
+    echo "== Getting the sources of $package"
+    state=$(mktemp -d)
+    mkdir -p "$state/sources" "$state/lists/partial"
+    for file in /etc/apt/sources.list /etc/apt/sources.list.d/*; do
+        case $file in
+            *.sources) sed -E 's/^Types:.*/Types: deb-src/' "$file" >"$state/sources/${file##*/}" ;;
+            *.list) [[ ! -e $file ]] || sed -n 's/^deb /deb-src /p' "$file" >"$state/sources/${file##*/}" ;;
+        esac
+    done
+    local apt_get=(apt-get -q -o Acquire::Retries=3 -o Dir::Etc::SourceList=/dev/null
+        -o "Dir::Etc::SourceParts=$state/sources" -o "Dir::State::Lists=$state/lists"
+        -o "Dir::Cache::srcpkgcache=" -o "Dir::Cache::pkgcache=" -o APT::Sandbox::User=)
+    "${apt_get[@]}" update || echo "== Some source lists could not be read"
+    (cd "$state" && "${apt_get[@]}" source --download-only "$package")
+    mkdir -p "$state/unpacked"
+    tar -xf "$state/$package"_*.orig.tar.* -C "$state/unpacked" --strip-components=1
+    mv -T "$state/unpacked" "$folder"
+    rm -r "$state"
 }
