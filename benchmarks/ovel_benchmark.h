@@ -1,0 +1,135 @@
+// What the groups of benchmarks share: how a row is written, threads that start
+// together, and the floors that no contestant gets below.
+//
+// A group is one file, which defines `register_rows`; the frame's `main` calls it:
+//
+//     void ovel_benchmark::register_rows() {
+//         contestant("uncontended_pair", "ovel", [](benchmark::State& state) {
+//             ovel::plain_mutex lock;
+//             for (auto _ : state) {
+//                 lock.acquire();
+//                 lock.release();
+//             }
+//         });
+//         contestant("uncontended_pair", "std::mutex", ...);
+//         contestant("uncontended_pair", "floor", two_locked_additions);
+//     }
+//
+// The contestants of a row are registered one after the other, and so run. Ours are
+// called "ovel", or "ovel" and a blank and what sets this one apart; a bound that the
+// processor or memory sets is called "floor". A row's figure is
+//
+//     a rate, more is better        with state.SetItemsProcessed, SetBytesProcessed
+//     a share of 1, more is better  with state.counters["share"]
+//     bytes, fewer are better       with state.counters["bytes"]
+//     a time, less is better        with state.counters["seconds"], else that of an
+//                                   iteration
+#ifndef OVEL_BENCHMARK_H
+#define OVEL_BENCHMARK_H
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace ovel_benchmark {
+
+// Registers the rows of the group. Defined by the group.
+void register_rows();
+
+// Registers `name` in `row`, timed by the wall clock around each iteration.
+template <class Run>
+benchmark::internal::Benchmark* contestant(std::string const& row, std::string const& name,
+                                           Run&& run) {
+    return benchmark::RegisterBenchmark((row + '/' + name).c_str(), std::forward<Run>(run))
+        ->UseRealTime();
+}
+
+// The same for a `run` that measures by itself, and tells with
+// `state.SetIterationTime(seconds)` in each iteration.
+template <class Run>
+benchmark::internal::Benchmark* timed_contestant(std::string const& row, std::string const& name,
+                                                 Run&& run) {
+    return benchmark::RegisterBenchmark((row + '/' + name).c_str(), std::forward<Run>(run))
+        ->UseManualTime();
+}
+
+// Who this process measures where that depends on the libraries it was started with:
+// the environment's OVEL_BENCHMARK_CONTESTANT, or "ovel".
+std::string process_contestant();
+
+// Whether a thread is bound to one processor, or runs wherever the system puts it.
+enum class placement { pinned, anywhere };
+
+// Binds the calling thread to the `member`-th processor of the process, counted round
+// and round, until the end of the scope.
+class pin {
+public:
+    explicit pin(int member);
+    ~pin();
+    pin(pin const&) = delete;
+    pin& operator=(pin const&) = delete;
+
+private:
+    std::vector<unsigned char> _before;  // the mask to go back to
+};
+
+// Runs `work(0)` to `work(members - 1)` on a thread each, let go together once all
+// stand ready. The seconds from the start of the first to the end of the last.
+template <class Work>
+double run_together(int members, placement where, Work const& work) {
+    using clock = std::chrono::steady_clock;
+    std::atomic<int> awaited = members;
+    std::vector<clock::time_point> starts(static_cast<std::size_t>(members));
+    std::vector<clock::time_point> ends = starts;
+    std::vector<std::jthread> threads;
+    for (int member = 0; member < members; ++member) {
+        threads.emplace_back([&, member] {
+            auto const run = [&] {
+                awaited.fetch_sub(1);
+                while (awaited.load() != 0)
+                    std::this_thread::yield();
+                starts[static_cast<std::size_t>(member)] = clock::now();
+                work(member);
+                ends[static_cast<std::size_t>(member)] = clock::now();
+            };
+            if (where == placement::pinned) {
+                pin const bound(member);
+                run();
+            } else {
+                run();
+            }
+        });
+    }
+    threads.clear();
+    clock::time_point first = starts[0];
+    clock::time_point last = ends[0];
+    for (std::size_t member = 1; member < starts.size(); ++member) {
+        first = std::min(first, starts[member]);
+        last = std::max(last, ends[member]);
+    }
+    return std::chrono::duration<double>(last - first).count();
+}
+
+// Floors, as contestants.
+
+// A cache line to a core that polls it and back: the least that a question to another
+// thread and its answer take. An iteration is a round trip.
+void line_round_trip(benchmark::State& state);
+
+// Two locked additions to a word that the core has, as any pair of taking and giving
+// back needs them. An iteration is both.
+void two_locked_additions(benchmark::State& state);
+
+// Reads `size` bytes of memory over and over, with nothing done to them but what it
+// takes to have read them. A rate in bytes.
+void read_memory(benchmark::State& state, std::size_t size);
+
+}  // namespace ovel_benchmark
+
+#endif
