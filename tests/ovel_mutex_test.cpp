@@ -16,10 +16,6 @@ struct ovel::detail::inspector {
         return subject._depth;
     }
     template <class Mutex>
-    static unsigned long owner(Mutex const& subject) {
-        return subject._owner.load();
-    }
-    template <class Mutex>
     static unsigned int spin(Mutex const& subject) {
         return subject._semaphore._spin;
     }
@@ -44,23 +40,14 @@ bool free_for_others(Mutex& lock) {
 }
 
 template <class Mutex>
-constexpr bool is_recursive =
-    std::is_same_v<Mutex, recursive_mutex> || std::is_same_v<Mutex, timed_recursive_mutex>;
-
-template <class Mutex>
-struct mutex_test : testing::Test {};
+struct mutex_test : testing::Test {
+    static constexpr bool is_recursive =
+        std::is_same_v<Mutex, recursive_mutex> || std::is_same_v<Mutex, timed_recursive_mutex>;
+    static constexpr bool is_timed =
+        std::is_same_v<Mutex, timed_mutex> || std::is_same_v<Mutex, timed_recursive_mutex>;
+};
 using mutex_types = testing::Types<mutex, timed_mutex, recursive_mutex, timed_recursive_mutex>;
 TYPED_TEST_SUITE(mutex_test, mutex_types);
-
-template <class Mutex>
-struct recursive_mutex_test : testing::Test {};
-using recursive_types = testing::Types<recursive_mutex, timed_recursive_mutex>;
-TYPED_TEST_SUITE(recursive_mutex_test, recursive_types);
-
-template <class Mutex>
-struct timed_mutex_test : testing::Test {};
-using timed_mutex_types = testing::Types<timed_mutex, timed_recursive_mutex>;
-TYPED_TEST_SUITE(timed_mutex_test, timed_mutex_types);
 
 TYPED_TEST(mutex_test, one_thread_at_a_time_owns_it) {
     TypeParam lock;
@@ -77,16 +64,14 @@ TYPED_TEST(mutex_test, one_thread_at_a_time_owns_it) {
     };
     crew(3, add).clear();
     EXPECT_EQ(count, 6000);
-    EXPECT_TRUE(lock.try_acquire());
-    EXPECT_FALSE(free_for_others(lock));
-    lock.release();
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(elsewhere([&] { return lock.try_acquire(); }));  // its owner is gone for good
+    EXPECT_FALSE(lock.try_acquire());
 }
 
 // A condition frees the mutex for its wait in this way, whatever its depth. Without
 // the flag its records are cleared and restored, and the semaphore stays taken.
 TYPED_TEST(mutex_test, it_is_given_up_completely_and_taken_back_as_it_was) {
-    constexpr int depth = is_recursive<TypeParam> ? 5 : 1;
+    constexpr int depth = TestFixture::is_recursive ? 5 : 1;
     for (bool const flag : {true, false}) {
         TypeParam lock;
         typename TypeParam::state saved;
@@ -99,6 +84,10 @@ TYPED_TEST(mutex_test, it_is_given_up_completely_and_taken_back_as_it_was) {
         if (flag)
             lock.release();
         lock.acquire(saved, flag);
+        if (TestFixture::is_recursive) {
+            EXPECT_TRUE(lock.try_acquire());
+            lock.release();
+        }
         for (int entry = 0; entry < depth; ++entry) {
             EXPECT_FALSE(free_for_others(lock)) << entry;
             lock.release();
@@ -107,48 +96,28 @@ TYPED_TEST(mutex_test, it_is_given_up_completely_and_taken_back_as_it_was) {
     }
 }
 
-TYPED_TEST(recursive_mutex_test, it_is_free_once_released_as_often_as_taken) {
-    TypeParam lock;
-    lock.acquire();
-    EXPECT_TRUE(lock.try_acquire());
-    lock.acquire();
-    EXPECT_EQ(inspector::owner(lock), ovel::thread_support::thread_identifier());
-    for (unsigned int left = 3; left != 0; --left) {
-        EXPECT_EQ(inspector::depth(lock), left);
+TYPED_TEST(mutex_test, a_free_mutex_is_taken_and_another_is_not_after_the_deadline) {
+    if constexpr (TestFixture::is_timed) {
+        TypeParam lock;
+        EXPECT_TRUE(lock.timed_acquire(ovel::time()));
+        EXPECT_FALSE(elsewhere([&] { return lock.timed_acquire(ovel::time::then(0.002)); }));
+        EXPECT_EQ(lock.timed_acquire(ovel::time()), TestFixture::is_recursive);
+        if (TestFixture::is_recursive)
+            lock.release();
         EXPECT_FALSE(free_for_others(lock));
         lock.release();
-    }
-    EXPECT_EQ(inspector::owner(lock), 0u);
-    EXPECT_TRUE(free_for_others(lock));
-    EXPECT_TRUE(elsewhere([&] { return lock.try_acquire(); }));  // its owner is gone for good
-    EXPECT_FALSE(lock.try_acquire());
-}
-
-template <class Mutex>
-using recursive_mutex_death_test = recursive_mutex_test<Mutex>;
-TYPED_TEST_SUITE(recursive_mutex_death_test, recursive_types);
-
-TYPED_TEST(recursive_mutex_death_test, a_depth_that_wraps_fails_the_check) {
-    TypeParam lock;
-    lock.acquire();
-    inspector::depth(lock) = std::numeric_limits<unsigned int>::max();
-    EXPECT_CHECK(lock.acquire(), "++_depth != 0", "sources/ovel_mutex.cpp");
-    EXPECT_CHECK(lock.try_acquire(), "++_depth != 0", "sources/ovel_mutex.cpp");
-    if constexpr (std::is_same_v<TypeParam, timed_recursive_mutex>) {
-        EXPECT_CHECK(lock.timed_acquire(ovel::time()), "++_depth != 0", "sources/ovel_mutex.cpp");
+        EXPECT_TRUE(free_for_others(lock));
     }
 }
 
-TYPED_TEST(timed_mutex_test, a_free_mutex_is_taken_and_another_is_not_after_the_deadline) {
-    TypeParam lock;
-    EXPECT_TRUE(lock.timed_acquire(ovel::time()));
-    EXPECT_FALSE(elsewhere([&] { return lock.timed_acquire(ovel::time::then(0.002)); }));
-    EXPECT_EQ(lock.timed_acquire(ovel::time()), is_recursive<TypeParam>);
-    if (is_recursive<TypeParam>)
-        lock.release();
-    EXPECT_FALSE(free_for_others(lock));
-    lock.release();
-    EXPECT_TRUE(free_for_others(lock));
+TYPED_TEST(mutex_test, a_depth_that_wraps_fails_the_check) {
+    if constexpr (TestFixture::is_recursive) {
+        TypeParam lock;
+        lock.acquire();
+        inspector::depth(lock) = std::numeric_limits<unsigned int>::max();
+        EXPECT_CHECK(lock.acquire(), "++_depth != 0", "sources/ovel_mutex.cpp");
+        EXPECT_CHECK(lock.try_acquire(), "++_depth != 0", "sources/ovel_mutex.cpp");
+    }
 }
 
 TEST(mutex_spin_test, a_mutex_copies_the_spin_count_of_its_making) {
@@ -159,7 +128,6 @@ TEST(mutex_spin_test, a_mutex_copies_the_spin_count_of_its_making) {
     ovel::default_spin = spin;
     EXPECT_EQ(inspector::spin(plain), 77u);
     EXPECT_EQ(inspector::spin(recursive), 77u);
-    EXPECT_EQ(inspector::spin(mutex()), spin);
     EXPECT_EQ(inspector::spin(recursive_mutex(5)), 5u);
 }
 

@@ -7,7 +7,6 @@
 #include <tlhelp32.h>
 #endif
 
-#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -15,8 +14,6 @@
 #include <iterator>
 #include <latch>
 #include <limits>
-#include <mutex>
-#include <type_traits>
 
 using ovel::time_base;
 using ovel::time_support;
@@ -32,9 +29,6 @@ namespace {
 
 constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
 constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
-
-static_assert(!std::is_constructible_v<ovel::time, time_base>);
-static_assert(!std::is_constructible_v<time_base, ovel::time>);
 
 template <class Time>
 struct time_test : testing::Test {
@@ -55,10 +49,8 @@ TYPED_TEST(time_test, arithmetic_wraps_and_comparison_heeds_the_sign) {
         for (std::int64_t const b : {least, std::int64_t(-5), std::int64_t(7), most}) {
             EXPECT_EQ(of(a) - of(b), of(a) + -of(b)) << a << ' ' << b;
             TypeParam changed = of(a);
-            EXPECT_EQ(&(changed += of(b)), &changed);
-            EXPECT_EQ(changed, of(a) + of(b));
-            EXPECT_EQ(&(changed -= of(b)), &changed);
-            EXPECT_EQ(changed, of(a));
+            EXPECT_EQ(changed += of(b), of(a) + of(b));
+            EXPECT_EQ(changed -= of(b), of(a));
             EXPECT_EQ(of(a) == of(b), a == b) << a << ' ' << b;
             EXPECT_EQ(of(a) < of(b), a < b) << a << ' ' << b;
             EXPECT_EQ(of(a) >= of(b), a >= b) << a << ' ' << b;
@@ -88,16 +80,6 @@ TYPED_TEST(time_test, seconds_become_ticks_toward_zero_and_saturate) {
     EXPECT_NEAR(TypeParam::seconds(-0.5).seconds(), -0.5, unit);
 }
 
-TEST(time_now_test, then_counts_from_a_reading_within_the_call) {
-    for (double const offset : {0.0, 3600.0, -3600.0}) {
-        ovel::time const before = ovel::time::now();
-        ovel::time const then = ovel::time::then(offset);
-        EXPECT_GE(then, before + ovel::time::seconds(offset));
-        EXPECT_LE(then, ovel::time::now() + ovel::time::seconds(offset));
-        EXPECT_NEAR((time_base::then(offset) - time_base::now()).seconds(), offset, 60.0);
-    }
-}
-
 // A rate mistaken by a factor, or turned upside down. What lies between two readings
 // of the system's clock bounds the time between the two of ours in between.
 TEST(time_now_test, a_second_is_a_second_of_the_system) {
@@ -109,26 +91,10 @@ TEST(time_now_test, a_second_is_a_second_of_the_system) {
     clock::time_point const third = clock::now();
     double const passed = (ovel::time::now() - start).seconds();
     clock::time_point const fourth = clock::now();
+    EXPECT_NEAR((ovel::time::then(3600.0) - start).seconds(), 3600.0, 60.0);
+    EXPECT_NEAR((time_base::then(-3600.0) - time_base::now()).seconds(), -3600.0, 60.0);
     EXPECT_GT(passed, std::chrono::duration<double>(third - second).count() * 0.99);
     EXPECT_LT(passed, std::chrono::duration<double>(fourth - first).count() * 1.01);
-}
-
-// The server answers one client at a time: an answer given to another, or one from
-// before the question, would lie behind what was known when the question was asked.
-TEST(time_now_test, a_reading_is_not_behind_one_that_came_before) {
-    std::mutex lock;
-    ovel::time latest;
-    auto const threads = crew(4, [&](int) {
-        for (int round = 0; round < 500; ++round) {
-            lock.lock();
-            ovel::time const known = latest;
-            lock.unlock();
-            ovel::time const reading = ovel::time::now();
-            EXPECT_GE(reading, known) << round;
-            std::lock_guard const hold(lock);
-            latest = std::max(latest, reading);
-        }
-    });
 }
 
 // The threads of this process.
