@@ -1,0 +1,327 @@
+// The group allocation: small blocks, by one thread and between two, and the memory
+// that a million of them takes. The program calls the process's `malloc`, which
+// ./benchmark replaces by that of each peer in turn, or our functions.
+#include "ovel_allocator_group.h"
+#include "ovel_allocator_recycler.h"
+#include "ovel_benchmark.h"
+#include "ovel_malloc.h"
+
+#include <dlfcn.h>
+#include <malloc.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+using ovel_benchmark::placement;
+
+constexpr std::size_t small = 64;  // bytes of a block where all are of one size
+
+// The allocators to measure: the library's, where each thread has its own, ...
+struct ours {
+    class owner {
+    public:
+        owner() {
+            ovel::allocator_group::global()->acquire_allocator();
+        }
+        ~owner() {
+            ovel::allocator_group::global()->release_allocator();
+        }
+        owner(owner const&) = delete;
+        owner& operator=(owner const&) = delete;
+    };
+    static void* allocate(std::size_t bytes) {
+        return ovel_malloc(bytes);
+    }
+    static void deallocate(void* memory) {
+        ovel_free(memory);
+    }
+    static void recycle() {
+        ovel::allocator_recycler::global()->recycle_capacity(1.0);
+    }
+};
+
+// ... and whichever is the process's.
+struct systems {
+    struct owner {};
+    static void* allocate(std::size_t bytes) {
+        return std::malloc(bytes);
+    }
+    static void deallocate(void* memory) {
+        std::free(memory);
+    }
+    // What each offers to give memory back to the system.
+    static void recycle() {
+        if (auto const collect = function<void(bool)>("mi_collect")) {
+            collect(true);
+        } else if (auto const control =
+                       function<int(char const*, void*, std::size_t*, void*, std::size_t)>(
+                           "mallctl")) {
+            control("thread.tcache.flush", nullptr, nullptr, nullptr, 0);
+            control("arena.4096.purge", nullptr, nullptr, nullptr, 0);  // 4096: of all
+        } else if (auto const release = function<void()>("MallocExtension_ReleaseFreeMemory")) {
+            release();
+        } else if (auto const command = function<int(int, void*)>("scalable_allocation_command")) {
+            command(0, nullptr);  // 0: of all threads
+        } else {
+            malloc_trim(0);
+        }
+    }
+
+private:
+    template <class Function>
+    static Function* function(char const* name) {
+        return reinterpret_cast<Function*>(dlsym(RTLD_DEFAULT, name));
+    }
+};
+
+// Every block is written by who makes it and read by who frees it, as a program would.
+template <class Allocator>
+void* make(std::size_t bytes) {
+    void* const memory = Allocator::allocate(bytes);
+    std::memcpy(memory, &bytes, sizeof bytes);
+    return memory;
+}
+
+template <class Allocator>
+void use_up(void* memory) {
+    std::size_t read;
+    std::memcpy(&read, memory, sizeof read);
+    benchmark::DoNotOptimize(read);
+    Allocator::deallocate(memory);
+}
+
+std::vector<std::size_t> random_sizes(std::size_t count, std::mt19937& random) {
+    std::uniform_int_distribution<std::size_t> size(16, 512);
+    std::vector<std::size_t> all(count);
+    for (std::size_t& each : all)
+        each = size(random);
+    return all;
+}
+
+template <class Allocator>
+void pair(benchmark::State& state) {
+    ovel_benchmark::pin const bound(0);
+    for (auto _ : state) {
+        void* memory = make<Allocator>(small);
+        benchmark::DoNotOptimize(memory);
+        use_up<Allocator>(memory);
+    }
+}
+
+// A thousand blocks in use at a time. The orders are many, so that no processor learns
+// them. The figure is the time of one block, made and freed.
+template <class Allocator>
+void random_order(benchmark::State& state) {
+    constexpr std::size_t count = 1000;
+    constexpr std::size_t plans = 64;
+    std::mt19937 random(1);
+    std::vector<std::size_t> const sizes = random_sizes(count * plans, random);
+    std::vector<unsigned short> orders(count * plans);
+    for (auto order = orders.begin(); order != orders.end(); order += count) {
+        for (std::size_t place = 0; place != count; ++place)
+            order[static_cast<std::ptrdiff_t>(place)] = static_cast<unsigned short>(place);
+        std::shuffle(order, order + count, random);
+    }
+    std::vector<void*> blocks(count);
+    ovel_benchmark::pin const bound(0);
+    std::size_t plan = 0;
+    for (auto _ : state) {
+        for (std::size_t place = 0; place != count; ++place)
+            blocks[place] = make<Allocator>(sizes[plan * count + place]);
+        for (std::size_t turn = 0; turn != count; ++turn)
+            use_up<Allocator>(blocks[orders[plan * count + turn]]);
+        plan = (plan + 1) % plans;
+    }
+    using benchmark::Counter;
+    state.counters["seconds"] =
+        Counter(count, Counter::kIsIterationInvariantRate | Counter::kInvert);
+}
+
+// Two threads have a thousand blocks each and replace them one by one; after `passes`
+// times through they exchange all of them. So one in `passes` is freed by the thread
+// that did not make it. The figure is the blocks that both replace in a second.
+template <class Allocator>
+void steady_exchange(benchmark::State& state, int passes) {
+    constexpr std::size_t count = 1000;
+    int const rounds = 2000 / passes;
+    struct alignas(128) mailbox {
+        std::atomic<void**> offered = nullptr;
+    };
+    for (auto _ : state) {
+        mailbox boxes[2];
+        std::vector<void*> const places[2] = {std::vector<void*>(count), std::vector<void*>(count)};
+        auto const work = [&](int me) {
+            [[maybe_unused]] typename Allocator::owner const own;
+            auto mine = const_cast<void**>(places[me].data());
+            for (std::size_t place = 0; place != count; ++place)
+                mine[place] = make<Allocator>(small);
+            for (int round = 0; round != rounds; ++round) {
+                for (int pass = 0; pass != passes; ++pass) {
+                    for (std::size_t place = 0; place != count; ++place) {
+                        use_up<Allocator>(mine[place]);
+                        mine[place] = make<Allocator>(small);
+                    }
+                }
+                while (boxes[1 - me].offered.load(std::memory_order_acquire) != nullptr) {}
+                boxes[1 - me].offered.store(mine, std::memory_order_release);
+                while ((mine = boxes[me].offered.exchange(nullptr)) == nullptr) {}
+            }
+            for (std::size_t place = 0; place != count; ++place)
+                use_up<Allocator>(mine[place]);
+        };
+        state.SetIterationTime(ovel_benchmark::run_together(2, placement::pinned, work));
+    }
+    state.SetItemsProcessed(state.iterations() * 2 * rounds * passes *
+                            static_cast<std::int64_t>(count));
+}
+
+// Hands a million of anything from one thread to another through a ring, and returns
+// the seconds.
+template <class Owner, class Make, class UseUp>
+double hand_over(std::size_t total, Make const& make_one, UseUp const& use_one_up) {
+    constexpr std::size_t places = 1024;
+    struct alignas(128) position {
+        std::atomic<std::size_t> value = 0;
+    };
+    position written, read;
+    std::vector<void*> ring(places);
+    return ovel_benchmark::run_together(2, placement::pinned, [&](int me) {
+        [[maybe_unused]] Owner const own;
+        std::size_t limit = 0;  // what the other's position is known to allow
+        for (std::size_t next = 0; next != total; ++next) {
+            if (me == 0) {
+                while (next - limit == places)
+                    limit = read.value.load(std::memory_order_acquire);
+                ring[next % places] = make_one();
+                written.value.store(next + 1, std::memory_order_release);
+            } else {
+                while (next == limit)
+                    limit = written.value.load(std::memory_order_acquire);
+                use_one_up(ring[next % places]);
+                read.value.store(next + 1, std::memory_order_release);
+            }
+        }
+    });
+}
+
+constexpr std::size_t handed = 1'000'000;
+
+template <class Allocator>
+void cross_thread(benchmark::State& state) {
+    for (auto _ : state)
+        state.SetIterationTime(hand_over<typename Allocator::owner>(
+            handed, [] { return make<Allocator>(small); }, use_up<Allocator>));
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(handed));
+}
+
+// What the ring bears.
+void empty_handed(benchmark::State& state) {
+    struct nothing {};
+    for (auto _ : state)
+        state.SetIterationTime(hand_over<nothing>(
+            handed, [&] { return &state; }, [](void* item) { benchmark::DoNotOptimize(item); }));
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(handed));
+}
+
+// Bytes of the process that are in memory.
+double resident() {
+    std::ifstream file("/proc/self/smaps_rollup");
+    std::string word;
+    while (file >> word && word != "Rss:") {}
+    double kilobytes = 0;
+    file >> kilobytes;
+    return kilobytes * 1024;
+}
+
+struct footprint {
+    double peak;  // bytes with a million blocks in use
+    double left;  // with all of them freed, and recycled
+};
+
+// In a process of its own: no other row's memory is used again, nor the other way round.
+template <class Allocator>
+footprint measure_million_blocks() {
+    constexpr std::size_t count = 1'000'000;
+    int ends[2];
+    footprint result = {};
+    if (pipe(ends) != 0)
+        return result;
+    pid_t const child = fork();
+    if (child != 0) {
+        if (read(ends[0], &result, sizeof result) != sizeof result)
+            result = {};
+        waitpid(child, nullptr, 0);
+        close(ends[0]);
+        close(ends[1]);
+        return result;
+    }
+    ovel_benchmark::run_together(1, placement::pinned, [&](int) {
+        [[maybe_unused]] typename Allocator::owner const own;
+        std::mt19937 random(1);
+        std::vector<std::size_t> const sizes = random_sizes(count, random);
+        std::vector<void*> blocks(count);
+        double const before = resident();
+        for (std::size_t place = 0; place != count; ++place) {
+            blocks[place] = Allocator::allocate(sizes[place]);
+            std::memset(blocks[place], 1, sizes[place]);
+        }
+        result.peak = resident() - before;
+        std::shuffle(blocks.begin(), blocks.end(), random);
+        for (void* const each : blocks)
+            Allocator::deallocate(each);
+        Allocator::recycle();
+        result.left = resident() - before;
+    });
+    bool const told = write(ends[1], &result, sizeof result) == sizeof result;
+    _exit(told ? 0 : 1);
+}
+
+template <class Allocator>
+void memory(benchmark::State& state, double footprint::*which) {
+    for (auto _ : state)
+        state.SetIterationTime(1);
+    static footprint const measured = measure_million_blocks<Allocator>();
+    state.counters["bytes"] = measured.*which;
+}
+
+template <class Allocator>
+void register_contestant(std::string const& name) {
+    using ovel_benchmark::contestant;
+    using ovel_benchmark::timed_contestant;
+    timed_contestant("peak_memory", name, [](benchmark::State& state) {
+        memory<Allocator>(state, &footprint::peak);
+    })->Iterations(1);
+    timed_contestant("memory_left", name, [](benchmark::State& state) {
+        memory<Allocator>(state, &footprint::left);
+    })->Iterations(1);
+    contestant("pair_of_64_B", name, pair<Allocator>);
+    contestant("random_order", name, random_order<Allocator>);
+    timed_contestant("steady_all_exchanged", name,
+                     [](benchmark::State& state) { steady_exchange<Allocator>(state, 1); });
+    timed_contestant("steady_tenth_exchanged", name,
+                     [](benchmark::State& state) { steady_exchange<Allocator>(state, 10); });
+    timed_contestant("cross_thread", name, cross_thread<Allocator>);
+}
+
+}  // namespace
+
+void ovel_benchmark::register_rows() {
+    std::string const name = process_contestant();
+    if (name != "ovel") {
+        register_contestant<systems>(name);
+        return;
+    }
+    // For good: the thread that ends the process keeps its own.
+    ovel::allocator_group::global()->acquire_allocator();
+    register_contestant<ours>(name);
+    timed_contestant("cross_thread", "floor", empty_handed);
+}
