@@ -1,5 +1,6 @@
 // ovel-net: loads a Petri net from a PNML file, fires it concurrently and reports
 // where it came to rest.
+#include "ovel_net_check.h"
 #include "ovel_net_failure.h"
 #include "ovel_net_options.h"
 #include "ovel_net_output.h"
@@ -14,6 +15,7 @@
 #include <iostream>
 #include <new>
 #include <sstream>
+#include <string>
 
 namespace ovel_net {
 
@@ -40,6 +42,22 @@ private:
     bool _shown = false;
 };
 
+void print(std::string const& text) {
+    std::cout << text << std::flush;
+    if (!std::cout)
+        throw bad_file("standard output", 1, "cannot be written");
+}
+
+void check_and_tell(options const& chosen) {
+    std::ostringstream warnings;
+    net const model = read_pnml(chosen.file, warnings);
+    analysis const made = analyse(model);
+    warn_of_capacities(chosen.file, model, made, chosen.capacity, warnings);
+    std::cerr << warnings.str();
+    print(chosen.json ? check_json(model, made, chosen.capacity)
+                      : check_report(model, made, chosen.capacity));
+}
+
 void run_and_tell(options const& chosen) {
     std::ostringstream warnings;
     net const model = read_pnml(chosen.file, warnings);
@@ -58,9 +76,7 @@ void run_and_tell(options const& chosen) {
         made = run(model, chosen, std::ref(shown));
     }
 
-    std::cout << (chosen.json ? json(model, made) : report(model, made)) << std::flush;
-    if (!std::cout)
-        throw bad_file("standard output", 1, "cannot be written");
+    print(chosen.json ? json(model, made, chosen.explain) : report(model, made, chosen.explain));
     if (!chosen.dot.empty()) {
         output_file file(chosen.dot);
         file.write(drawing(model, made));
@@ -82,6 +98,8 @@ int main(int argc, char** argv) {
         ovel_net::options const chosen = ovel_net::parse_options(argc, argv);
         if (chosen.help)
             std::cout << ovel_net::usage;
+        else if (chosen.check)
+            ovel_net::check_and_tell(chosen);
         else
             ovel_net::run_and_tell(chosen);
         return 0;

@@ -25,6 +25,10 @@ where it did.
   --dot FILE      draw the net with its final marking and firing counts, as text
                   for Graphviz
   --svg FILE      the same as a picture; needs Graphviz's dot
+  --explain       say for each transition which tokens or slots it lacks in the end
+  --check         run nothing: print which sums of tokens stay the same whatever
+                  fires, the most tokens that places hold by that, and warn where
+                  their capacity is less than they need
   --json          print the result as one JSON object
   --help          print this
 
@@ -97,6 +101,14 @@ constexpr rule rules[] = {
      [](options& o, text) {
          return set(o.sequential);
      }},
+    {"--check", nullptr,
+     [](options& o, text) {
+         return set(o.check);
+     }},
+    {"--explain", nullptr,
+     [](options& o, text) {
+         return set(o.explain);
+     }},
     {"--json", nullptr,
      [](options& o, text) {
          return set(o.json);
@@ -139,6 +151,8 @@ options parse_options(int argc, char const* const* argv) {
     }
     if (chosen.file.empty() && !chosen.help)
         throw bad_option("no net given");
+    if (chosen.check && (chosen.explain || !chosen.dot.empty() || !chosen.svg.empty()))
+        throw bad_option("--check runs nothing, so there is nothing to explain or to draw");
     return chosen;
 }
 

@@ -18,6 +18,8 @@ struct options {
     unsigned int capacity = 1024;
     unsigned int work = 0;  // microseconds that each firing computes
     bool sequential = false;
+    bool check = false;  // the net's structure, without a run
+    bool explain = false;
     bool json = false;
     bool help = false;  // nothing else is asked for; `file` may be empty
     std::string dot;    // where to draw to; empty: no drawing

@@ -1,8 +1,8 @@
 #include "ovel_net_report.h"
+#include "ovel_net_text.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <numeric>
 #include <string_view>
 #include <vector>
@@ -10,36 +10,6 @@
 namespace ovel_net {
 
 namespace {
-
-// 1234567 as "1,234,567".
-std::string grouped(std::uint64_t number) {
-    std::string digits = std::to_string(number);
-    for (std::size_t at = digits.size(); at > 3;) {
-        at -= 3;
-        digits.insert(at, 1, ',');
-    }
-    return digits;
-}
-
-std::string counted(std::uint64_t number, std::string const& what) {
-    return grouped(number) + ' ' + what + (number == 1 ? "" : "s");
-}
-
-std::string decimals(double number, int places) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%.*f", places, number);
-    return text;
-}
-
-// A row of the report's tables: the count, right-aligned, before the node's name,
-// with the id where that is another.
-template <class Node>
-std::string row(std::uint64_t number, Node const& node) {
-    std::string const count = grouped(number);
-    std::string const margin(count.size() < 14 ? 14 - count.size() : 0, ' ');
-    return margin + count + "  " + node.name + (node.name == node.id ? "" : " (" + node.id + ')') +
-           '\n';
-}
 
 // Which places have no room for a firing that would put tokens there.
 std::vector<bool> full_places(net const& model, result const& made) {
@@ -51,20 +21,52 @@ std::vector<bool> full_places(net const& model, result const& made) {
     return full;
 }
 
-// `text` with `mark` before each quotation mark and backslash.
-std::string escaped(std::string_view text) {
-    std::string safe;
-    for (char const c : text) {
-        if (c == '"' || c == '\\')
-            safe += '\\';
-        safe += c;
+// Why a transition is not enabled: what one of its arcs lacks.
+struct lack {
+    bool tokens;  // or else slots
+    arc const& end;
+    unsigned int there;  // tokens, or free slots
+
+    unsigned int missing() const {
+        return end.weight - there;
     }
-    return safe;
+    std::string what() const {
+        return tokens ? "token" : "slot";
+    }
+};
+
+std::vector<lack> lacks_of(transition const& which, result const& made) {
+    std::vector<lack> lacks;
+    for (arc const& input : which.inputs)
+        if (made.marking[input.place] < input.weight)
+            lacks.push_back({true, input, made.marking[input.place]});
+    for (arc const& output : which.outputs)
+        if (made.refuses(output))
+            lacks.push_back(
+                {false, output, made.capacities[output.place] - made.marking[output.place]});
+    return lacks;
 }
 
-// A JSON string. The reader lets no control character through.
-std::string string(std::string_view text) {
-    return '"' + escaped(text) + '"';
+std::string explanation(net const& model, result const& made) {
+    std::string text = "\nWhat each transition waits for:\n";
+    for (transition const& each : model.transitions) {
+        std::vector<lack> const lacks = lacks_of(each, made);
+        text += "  " + full_name(each) + (lacks.empty() ? ": nothing, it is enabled\n" : "\n");
+        for (lack const& lacking : lacks)
+            text += "      " + counted(lacking.missing(), lacking.what()) + " in " +
+                    full_name(model.places[lacking.end.place]) + ": it has " +
+                    grouped(lacking.there) + " of " + grouped(lacking.end.weight) + '\n';
+    }
+    return text;
+}
+
+std::string json_lacks(net const& model, std::vector<lack> const& lacks) {
+    std::string text = ", \"missing\": [";
+    for (lack const& each : lacks)
+        text += std::string(&each == &lacks.front() ? "" : ", ") +
+                "{\"place\": " + json_string(model.places[each.end.place].id) + ", \"" +
+                each.what() + "s\": " + std::to_string(each.missing()) + '}';
+    return text + ']';
 }
 
 // The text of a label. Graphviz takes an ampersand for the start of an entity.
@@ -80,11 +82,9 @@ std::string label(std::string_view text) {
 
 }  // namespace
 
-std::string report(net const& model, result const& made) {
+std::string report(net const& model, result const& made, bool explain) {
     std::uint64_t const fired = made.total_firings();
-    std::string text = model.name + ": " + counted(model.places.size(), "place") + ", " +
-                       counted(model.transitions.size(), "transition") + ", " +
-                       counted(model.arcs(), "arc") + '\n';
+    std::string text = title(model);
     text += counted(fired, "firing") + " in " + decimals(made.seconds, 3) + " s on " +
             counted(made.threads, "thread");
     if (made.seconds > 0)
@@ -132,17 +132,16 @@ std::string report(net const& model, result const& made) {
     for (std::size_t i = 0; i < model.places.size(); ++i)
         if (full[i])
             text += row(made.capacities[i], model.places[i]);
+    if (explain)
+        text += explanation(model, made);
     return text;
 }
 
-std::string json(net const& model, result const& made) {
+std::string json(net const& model, result const& made, bool explain) {
     char const* const end = made.end == outcome::dead   ? "dead"
                             : made.end == outcome::full ? "full"
                                                         : "stopped";
-    std::string text = "{\n  \"net\": {\"name\": " + string(model.name) +
-                       ", \"places\": " + std::to_string(model.places.size()) +
-                       ", \"transitions\": " + std::to_string(model.transitions.size()) +
-                       ", \"arcs\": " + std::to_string(model.arcs()) + "},\n";
+    std::string text = "{\n  " + json_net(model) + ",\n";
     text += "  \"threads\": " + std::to_string(made.threads) + ",\n";
     text += "  \"firings\": " + std::to_string(made.total_firings()) + ",\n";
     text += "  \"seconds\": " + decimals(made.seconds, 6) + ",\n";
@@ -150,7 +149,7 @@ std::string json(net const& model, result const& made) {
 
     auto const open = [&](auto const& node, std::size_t i) {
         text += (i == 0 ? "\n" : ",\n");
-        text += "    {\"id\": " + string(node.id) + ", \"name\": " + string(node.name);
+        text += "    {\"id\": " + json_string(node.id) + ", \"name\": " + json_string(node.name);
     };
     text += "  \"places\": [";
     for (std::size_t i = 0; i < model.places.size(); ++i) {
@@ -162,7 +161,10 @@ std::string json(net const& model, result const& made) {
     text += "\n  ],\n  \"transitions\": [";
     for (std::size_t i = 0; i < model.transitions.size(); ++i) {
         open(model.transitions[i], i);
-        text += ", \"firings\": " + std::to_string(made.firings[i]) + '}';
+        text += ", \"firings\": " + std::to_string(made.firings[i]);
+        if (explain)
+            text += json_lacks(model, lacks_of(model.transitions[i], made));
+        text += '}';
     }
     text += "\n  ]\n}\n";
     return text;

@@ -9,12 +9,13 @@
 
 namespace ovel_net {
 
-// A page of text.
-std::string report(net const& model, result const& made);
+// A page of text. With `explain` it says what each transition waits for.
+std::string report(net const& model, result const& made, bool explain);
 
 // One JSON object, with what proves that no token was lost: the initial marking,
-// the firings of each transition, the final marking.
-std::string json(net const& model, result const& made);
+// the firings of each transition, the final marking. With `explain` also the tokens
+// and slots that each transition lacks.
+std::string json(net const& model, result const& made, bool explain);
 
 // The net with its final marking and firing counts, in Graphviz's language.
 std::string drawing(net const& model, result const& made);

@@ -1,0 +1,145 @@
+// What ovel-net shows beside its report of a run, on the project's nets.
+#include "ovel_json.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <string>
+#include <utility>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string content(fs::path const& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+class ovel_net_views_test : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string name = (fs::temp_directory_path() / "ovel_net_views.XXXXXX").string();
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        _directory = name;
+        fs::copy(OVEL_NETS, _directory / "nets");
+    }
+    void TearDown() override {
+        fs::remove_all(_directory);
+    }
+
+    // Runs the program with the shell's words in a directory that has the nets.
+    void run(std::string const& arguments) {
+        char const* const named = std::getenv("OVEL_NET_PROGRAM");
+        std::string const program = named != nullptr ? named : OVEL_NET_PROGRAM;
+        std::string const command =
+            "cd '" + _directory.string() + "' && '" + program + "' " + arguments + " >out 2>err";
+        int const ended = std::system(command.c_str());
+        status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
+        out = content(path("out"));
+        err = content(path("err"));
+    }
+    fs::path path(char const* name) const {
+        return _directory / name;
+    }
+
+    int status = 0;
+    std::string out;
+    std::string err;
+
+private:
+    fs::path _directory;
+};
+
+using weights = std::map<std::string, double>;
+
+TEST_F(ovel_net_views_test, check_finds_what_stays_the_same_and_the_capacities_that_follow) {
+    run("nets/bicycles.pnml --check --json --capacity 20");
+    EXPECT_EQ(status, 0);
+    json const result = json::parse(out);
+    std::map<weights, double> sums;
+    for (json const& each : result["invariants"].items) {
+        weights places;
+        for (json const& place : each["places"].items)
+            places[place["id"].text] = place["weight"].number();
+        sums[places] = each["sum"].number();
+    }
+    EXPECT_EQ(
+        sums,
+        (std::map<weights, double>{
+            {{{"saw", 1}}, 1},
+            {{{"welders", 1}}, 2},
+            {{{"crates", 1}, {"shipped", 1}}, 5},
+            {{{"rims", 1}, {"wheels", 1}, {"bicycles-ready", 2}, {"shipped", 8}}, 30},
+            {{{"spokes", 1}, {"wheels", 32}, {"bicycles-ready", 64}, {"shipped", 256}}, 1200},
+            {{{"tubes", 6}, {"pieces", 1}, {"frames", 9}, {"bicycles-ready", 9}, {"shipped", 36}},
+             120}}));
+    std::map<std::string, std::pair<double, double>> limits;
+    for (json const& each : result["places"].items)
+        limits[each["id"].text] = {each["bound"].number(), each["needed"].number()};
+    EXPECT_EQ(limits.at("wheels"), std::pair(30.0, 30.0));
+    EXPECT_EQ(limits.at("shipped"), std::pair(3.0, 3.0));
+    EXPECT_EQ(limits.at("welders"), std::pair(2.0, 3.0)) << "one is taken and put back";
+    EXPECT_EQ(err,
+              "ovel-net: nets/bicycles.pnml:1: warning: place \"cut pieces\" may need room for 120 "
+              "tokens and has it for 20\n"
+              "ovel-net: nets/bicycles.pnml:1: warning: place \"wheels\" may need room for 30 "
+              "tokens and has it for 20\n");
+}
+
+// Each of the 2^40 ways through is an invariant.
+TEST_F(ovel_net_views_test, check_ends_where_there_are_too_many_invariants) {
+    std::string elements =
+        "<place id=\"a0\"><initialMarking><text>3</text></initialMarking></place>"
+        "<place id=\"b0\"/>";
+    for (int i = 0; i < 40; ++i) {
+        std::string const from = std::to_string(i);
+        std::string const to = std::to_string(i + 1);
+        elements += "<transition id=\"t" + from + "\"/>";
+        for (std::string const side : {"a", "b"})
+            elements += "<place id=\"" + side + to + "\"/><arc id=\"in" + side + from +
+                        "\" source=\"" + side + from + "\" target=\"t" + from +
+                        "\"/><arc id=\"out" + side + from + "\" source=\"t" + from +
+                        "\" target=\"" + side + to + "\"/>";
+    }
+    std::ofstream(path("net")) << "<pnml><net id=\"n\" "
+                                  "type=\"http://www.pnml.org/version-2009/grammar/ptnet\">"
+                                  "<page id=\"p\">"
+                               << elements << "</page></net></pnml>";
+    run("net --check --json");
+    json const result = json::parse(out);
+    EXPECT_EQ(result["invariants_complete"].text, "false");
+    ASSERT_FALSE(result["invariants"].items.empty());
+    for (json const& each : result["invariants"].items) {
+        EXPECT_EQ(each["places"].items.size(), 41U);
+        bool const from_a = each["places"].items[0]["id"].text == "a0";
+        EXPECT_EQ(each["sum"].number(), from_a ? 3 : 0);
+    }
+}
+
+TEST_F(ovel_net_views_test, explain_names_the_tokens_and_slots_that_each_transition_lacks) {
+    run("nets/bounded_buffer.pnml --capacity 100 --explain --json");
+    json const result = json::parse(out);
+    std::string told;
+    for (json const& each : result["transitions"].items)
+        for (json const& missing : each["missing"].items)
+            for (auto const& [kind, number] : missing.members)
+                told += each["id"].text + ' ' + kind + ' ' + number.text + '\n';
+    EXPECT_EQ(told,
+              "consume place consumed\nconsume slots 1\n"
+              "produce place producers\nproduce tokens 1\n"
+              "put place slots\nput tokens 1\n"
+              "take place consumers\ntake tokens 1\n");
+
+    run("nets/readers_writers.pnml --firings 1 --threads 1 --explain");
+    EXPECT_NE(out.find("\n  begin to read (begin-read): nothing, it is enabled\n"),
+              std::string::npos)
+        << out;
+}
+
+}  // namespace
