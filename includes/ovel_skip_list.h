@@ -45,7 +45,8 @@ struct skip_list_order<triple<thread_function*, double, double>> {
 // for each further one half of those below. The level in use is that of the
 // highest node, or 1 in an empty list. Links lead to the end position where there
 // is no further node, and so do those of the head at and above the level in use.
-// The back links follow level 0.
+// The back links follow level 0. The last node of each level is noted, so that an
+// element that goes behind all others is linked without a search.
 template <class T>
 class skip_list {
     static_assert(std::is_nothrow_copy_constructible_v<T>,
@@ -64,7 +65,8 @@ class skip_list {
         unsigned int _level;
     };
 
-    // The start of the head block: `_capacity` forward links lie behind it.
+    // The start of the head block: `_capacity` forward links lie behind it, and
+    // then for each level the forward links of its last node, or the head's own.
     struct head {
         unsigned int _level;  // the level in use
         unsigned int _capacity;
@@ -138,49 +140,64 @@ public:
         return _size == 0;
     }
 
+    // An element that is in no list: not yet, or not any more. It is freed with the
+    // handle unless a list has taken it.
+    struct freeing {
+        void operator()(T* value) const {
+            std::destroy_at(value);
+            allocator_support::deallocate(value);
+        }
+    };
+    using detached = std::unique_ptr<T, freeing>;
+
+    // Allocates for an insertion to come, so that most of those need not under the
+    // lock that guards the list. Throws std::bad_alloc.
+    static detached prepare(T const& value) {
+        return detached(_value(_allocate_node(value, 1)));
+    }
+
     // Inserts a copy where the order puts it and returns its position. Throws
     // std::bad_alloc, with the elements unchanged.
     iterator insert(T const& value) {
-        if (_head == nullptr)
-            _head = _allocate_head(2);
-        else if (_head->_capacity < _max_capacity && _size == 1u << _head->_capacity)
-            _grow();
-
         position** predecessors[_max_capacity];
-        auto const follows = [&value](T const& element) {
-            return skip_list_order<T>::precedes(value, element);
-        };
-        position* const next = _search(follows, predecessors);
-
+        position* const next = _find_place(value, predecessors);
         unsigned int const level = _draw_level();
-        position* const inserted = _allocate_node(value, level);
+        return _link(_allocate_node(value, level), next, predecessors);
+    }
 
-        for (; _head->_level < level; ++_head->_level)
-            predecessors[_head->_level] = _forward(_head);
-        inserted->_previous = _position_of(predecessors[0]);
-        next->_previous = inserted;
-        for (unsigned int i = level; i-- != 0;) {
-            _forward(inserted)[i] = predecessors[i][i];
-            predecessors[i][i] = inserted;
-        }
-        ++_size;
-        return iterator(inserted);
+    // The same with an element that was prepared, or a copy of it where it is too
+    // small to be linked on as many levels as it was drawn for.
+    iterator insert(detached& element) {
+        position** predecessors[_max_capacity];
+        position* const next = _find_place(*element, predecessors);
+        unsigned int const level = _draw_level();
+        return _link(level == 1 ? _node(element.release()) : _allocate_node(*element, level), next,
+                     predecessors);
     }
 
     // Erases this very element, whatever equals it; returns the one behind it.
     iterator erase(iterator where) {
-        position* const erased = where._position;
-        position* const next = _forward(erased)[0];
+        iterator const next(_forward(where._position)[0]);
+        extract(where);
+        return next;
+    }
+
+    // Takes this very element out of the list.
+    detached extract(iterator where) {
+        position* const extracted = where._position;
+        position* const next = _forward(extracted)[0];
 
         position** predecessors[_max_capacity];
-        next->_previous = _position_of(_find_predecessors(erased, predecessors));
-        for (unsigned int i = 0; i < _head->_level && predecessors[i][i] == erased; ++i)
-            predecessors[i][i] = _forward(erased)[i];
+        next->_previous = _position_of(_find_predecessors(extracted, predecessors));
+        for (unsigned int i = 0; i < _level(extracted); ++i) {
+            predecessors[i][i] = _forward(extracted)[i];
+            if (predecessors[i][i] == &_end)
+                _last(_head)[i] = predecessors[i];
+        }
         while (_head->_level > 1 && _forward(_head)[_head->_level - 1] == &_end)
             --_head->_level;
         --_size;
-        _free_node(erased);
-        return iterator(next);
+        return detached(_value(extracted));
     }
 
     // Erases all. The head and the state of the level generator stay.
@@ -193,8 +210,7 @@ public:
             _free_node(freed);
         }
         _head->_level = 1;
-        for (unsigned int i = 0; i < _head->_capacity; ++i)
-            _forward(_head)[i] = &_end;
+        _unlink_all(_head);
         _size = 0;
         _end._previous = &_end;
     }
@@ -222,6 +238,15 @@ private:
     static T* _value(position* node) {
         return reinterpret_cast<T*>(reinterpret_cast<char*>(node) - _links_offset);
     }
+    static position* _node(T* value) {
+        return reinterpret_cast<links*>(reinterpret_cast<char*>(value) + _links_offset);
+    }
+    static unsigned int _level(position* node) {
+        return static_cast<links*>(node)->_level;
+    }
+    static position*** _last(head* head_block) {
+        return reinterpret_cast<position***>(_forward(head_block) + head_block->_capacity);
+    }
     static position** _forward(head* head_block) {
         return reinterpret_cast<position**>(reinterpret_cast<char*>(head_block) + sizeof(head));
     }
@@ -239,15 +264,21 @@ private:
     }
 
     head* _allocate_head(unsigned int capacity) {
-        void* const memory =
-            allocator_support::allocate(sizeof(head) + capacity * sizeof(position*));
+        void* const memory = allocator_support::allocate(
+            sizeof(head) + capacity * (sizeof(position*) + sizeof(position**)));
         head* const allocated = ::new (memory) head{1, capacity};
-        for (unsigned int i = 0; i < capacity; ++i)
-            _forward(allocated)[i] = &_end;
+        _unlink_all(allocated);
         return allocated;
     }
 
-    position* _allocate_node(T const& value, unsigned int level) {
+    void _unlink_all(head* head_block) {
+        for (unsigned int i = 0; i < head_block->_capacity; ++i) {
+            _forward(head_block)[i] = &_end;
+            _last(head_block)[i] = _forward(head_block);
+        }
+    }
+
+    static position* _allocate_node(T const& value, unsigned int level) {
         char* const memory = static_cast<char*>(
             allocator_support::allocate(_links_offset + sizeof(links) + level * sizeof(position*)));
         ::new (static_cast<void*>(memory)) T(value);
@@ -255,16 +286,17 @@ private:
     }
 
     void _free_node(position* node) {
-        T* const value = _value(node);
-        std::destroy_at(value);
-        allocator_support::deallocate(value);
+        detached(_value(node)).reset();
     }
 
     void _grow() {
         head* const grown = _allocate_head(2 * _head->_capacity);
         grown->_level = _head->_level;
-        for (unsigned int i = 0; i < _head->_capacity; ++i)
+        for (unsigned int i = 0; i < _head->_capacity; ++i) {
             _forward(grown)[i] = _forward(_head)[i];
+            if (_last(_head)[i] != _forward(_head))
+                _last(grown)[i] = _last(_head)[i];
+        }
         allocator_support::deallocate(_head);
         _head = grown;
     }
@@ -279,6 +311,41 @@ private:
             _seed = static_cast<unsigned int>(std::uint64_t{16807} * _seed % 2147483647);
         while (_seed <= 0x3FFFFFFF && ++level != _head->_capacity);
         return level > 1 ? level - 1 : 1;
+    }
+
+    // The position that `value` goes before, and its predecessors on each level in
+    // use; makes room for one more element.
+    position* _find_place(T const& value, position*** predecessors) {
+        if (_head == nullptr)
+            _head = _allocate_head(2);
+        else if (_head->_capacity < _max_capacity && _size == 1u << _head->_capacity)
+            _grow();
+
+        auto const follows = [&value](T const& element) {
+            return skip_list_order<T>::precedes(value, element);
+        };
+        if (_size != 0 && !follows(*_value(_end._previous))) {
+            for (unsigned int i = 0; i < _head->_level; ++i)
+                predecessors[i] = _last(_head)[i];
+            return &_end;
+        }
+        return _search(follows, predecessors);
+    }
+
+    iterator _link(position* inserted, position* next, position*** predecessors) {
+        for (; _head->_level < _level(inserted); ++_head->_level)
+            predecessors[_head->_level] = _forward(_head);
+        inserted->_previous = _position_of(predecessors[0]);
+        next->_previous = inserted;
+        for (unsigned int i = _level(inserted); i-- != 0;) {
+            position* const behind = predecessors[i][i];
+            _forward(inserted)[i] = behind;
+            predecessors[i][i] = inserted;
+            if (behind == &_end)
+                _last(_head)[i] = _forward(inserted);
+        }
+        ++_size;
+        return iterator(inserted);
     }
 
     // Returns the first position for which `test` holds, or the end, and notes
@@ -299,14 +366,14 @@ private:
         return bound;
     }
 
-    // The same for a node that is known. Equal elements may stand before it, so
-    // it is found by identity: what the walk on each level has to stop at is the
-    // first node from here on that is linked there. Returns the predecessor on
-    // level 0.
+    // The same for a node that is known, at least for the levels that it is linked
+    // on. Equal elements may stand before it, so it is found by identity: what the
+    // walk on each level has to stop at is the first node from here on that is linked
+    // there. Returns the predecessor on level 0.
     position** _find_predecessors(position* node, position*** predecessors) {
         position** reached = _forward(_head);
         if (reached[0] == node) {
-            for (unsigned int i = 0; i < _head->_level; ++i)
+            for (unsigned int i = 0; i < _level(node); ++i)
                 predecessors[i] = reached;
             return reached;
         }
@@ -315,7 +382,7 @@ private:
         unsigned int i = 0;
         do {
             stops[i] = stop;
-            while (stop != &_end && static_cast<links*>(stop)->_level == i + 1)
+            while (stop != &_end && _level(stop) == i + 1)
                 stop = _forward(stop)[i];
         } while (++i != _head->_level);
         do {

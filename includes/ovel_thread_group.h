@@ -3,6 +3,7 @@
 #ifndef OVEL_THREAD_GROUP_H
 #define OVEL_THREAD_GROUP_H
 
+#include "ovel_atomic.h"
 #include "ovel_condition.h"
 #include "ovel_frame.h"
 #include "ovel_mutex.h"
@@ -16,6 +17,20 @@ namespace ovel {
 
 namespace detail {
 
+// What the workers of a group and those who schedule share beside the fields that
+// the workers are built with. All under the group's mutex, but for `news`.
+struct thread_group_crew {
+    double const budget;         // the space that the group was built with
+    unsigned int const spin;     // polls before a worker sleeps
+    unsigned int occupants = 0;  // work under way that takes space
+    unsigned int idle = 0;       // workers that wait on the condition, woken or not
+    // A worker polls, or one was woken and has not looked yet. It takes what fits and
+    // has the next one woken if more does, so nobody else need be.
+    bool looking = false;
+    // Changed for a worker that polls. Relaxed: it looks again under the mutex.
+    atomic<unsigned int> news{0};
+};
+
 // The loop of one worker of a group. It works on the fields of the group.
 class OVEL_EXPORT thread_group_function_base : public thread_function {
 public:
@@ -24,10 +39,10 @@ public:
     thread_group_function_base(mutex& mutex, condition& condition, double& space, bool& concluded,
                                queue& queue);
 
-    // `occupants` counts the work under way in all workers of the group that takes
-    // space; when it is back at 0, `space` is set to `budget` again.
+    // When nothing that takes space runs any more, `space` is set to `crew`'s budget
+    // again.
     thread_group_function_base(mutex& mutex, condition& condition, double& space, bool& concluded,
-                               queue& queue, unsigned int& occupants, double budget);
+                               queue& queue, thread_group_crew& crew);
 
     thread_group_function_base(thread_group_function_base const&);
     ~thread_group_function_base() override;
@@ -37,18 +52,27 @@ public:
 private:
     friend struct inspector;
 
+    struct idle_lock;
+
     queue::iterator find_element();
-    void _run(queue::iterator element);
-    void _take_space(double space);
+    bool _has_fitting();
+    bool _has_ended() const;
+    void _acquire();
+    queue::detached _take();
+    bool _wakes_one();
+    void _wake_one(bool wakes);
     void _give_space(double space);
+    void _wait();
+    bool _poll();
 
     mutex& _mutex;
     condition& _condition;
     double& _space;
     bool& _concluded;
     queue& _queue;
-    unsigned int* _occupants;  // null: `_space` is never set again
-    double _budget;
+    // Null for a worker that shares nothing else with the others: it waits for each
+    // `release_one`, and wakes all when it gives space back.
+    thread_group_crew* _crew;
 };
 
 }  // namespace detail
@@ -135,7 +159,7 @@ private:
     template <class Join>
     bool _join(Join join);
 
-    mutex _mutex;  // guards _space, _concluded, _queue and _occupants
+    mutex _mutex;  // guards _space, _concluded, _queue and _crew
     unsigned int const _threads;
     unsigned int const _stack_size;
     unsigned int _acquired;  // workers joined; owner only, like the three arrays
@@ -145,9 +169,8 @@ private:
     detail::thread_group_function_base** _function = nullptr;
     thread** _thread = nullptr;
     bool* _thread_acquired = nullptr;
-    condition _condition;         // idle workers wait here
-    double const _budget;         // the space that the group was built with
-    unsigned int _occupants = 0;  // work under way that takes space; under _mutex
+    condition _condition;  // idle workers wait here
+    detail::thread_group_crew _crew;
 };
 
 }  // namespace ovel

@@ -1,14 +1,18 @@
 // Thread groups and their workers.
 //
 // A worker holds `_mutex` while it looks for work and gives it up while it runs
-// any, or waits. Whoever adds work wakes one worker, whoever gives space back or
-// concludes the group wakes all, each after giving `_mutex` up; a worker that is
-// about to wait has looked under `_mutex`, so it misses none of them.
+// any, or waits. While work waits that fits and a worker is idle, another one is
+// `looking`: it polls, or was woken and has not come back to `_mutex` yet. Whoever
+// makes that untrue, by adding work or by leaving some to run other, wakes one
+// worker, and a worker that is about to wait looks once more after it was counted
+// as idle. So at most one wake-up is under way, and none is missed: a worker that
+// gives space back looks next itself.
 
 #include "ovel_thread_group.h"
 
 #include "ovel_allocator_group.h"
 #include "ovel_assure.h"
+#include "ovel_counter.h"
 #include "ovel_guard.h"
 #include "ovel_thread_support.h"
 
@@ -18,6 +22,98 @@ namespace ovel {
 
 namespace detail {
 
+namespace {
+
+using queue = thread_group_function_base::queue;
+
+// Takes a group's mutex. Who finds it taken sleeps only after it has let others run
+// a while: it is held so briefly that whoever keeps it longer was put off the
+// processor, and a sleeper would be handed it and keep it until it is awake.
+void acquire(mutex& taken, unsigned int spin) {
+    constexpr unsigned int rounds = 16;
+    constexpr unsigned int polls = 100;
+    for (unsigned int round = 0; round != rounds; ++round) {
+        unsigned int left = spin < polls ? spin : polls;
+        do {
+            if (taken.try_acquire())
+                return;
+        } while (left-- != 0);
+        thread_support::yield();
+    }
+    taken.acquire();
+}
+
+// Holds it for the length of a scope.
+class held {
+public:
+    held(mutex& taken, unsigned int spin) : _taken(taken) {
+        acquire(taken, spin);
+    }
+    ~held() {
+        _taken.release();
+    }
+    held(held const&) = delete;
+    held& operator=(held const&) = delete;
+
+private:
+    mutex& _taken;
+};
+
+// The work to run next if it fits into `space`, else the largest. The caller holds
+// the mutex, and the queue is not empty.
+queue::iterator find(queue& waiting, double space) {
+    if ((*waiting.begin()).third <= space)
+        return waiting.begin();
+    auto const found =
+        waiting.find_first([space](triple<thread_function*, double, double> const& each) {
+            return each.third <= space;
+        });
+    return found != waiting.end() ? found : waiting.begin();
+}
+
+bool has_fitting(queue& waiting, double space) {
+    return !waiting.empty() && (*find(waiting, space)).third <= space;
+}
+
+// Whether a worker has to be woken; if so it counts as looking from here on. The
+// caller holds the mutex, and wakes one after giving it up.
+bool wakes_one(thread_group_crew& crew, queue& waiting, double space) {
+    if (crew.idle == 0 || crew.looking || !has_fitting(waiting, space))
+        return false;
+    crew.looking = true;
+    return true;
+}
+
+// Tells a worker that polls. The caller holds the mutex.
+void tell(thread_group_crew& crew) {
+    if (crew.looking)
+        add(crew.news, 1u);
+}
+
+}  // namespace
+
+// The group's mutex for a worker that waits on the condition without it. By the time
+// it gives the mutex up again it is counted there, so whoever wakes one reaches it;
+// and it was not held while an earlier batch of the condition left.
+struct thread_group_function_base::idle_lock {
+    struct state {};
+
+    void release(state&, bool) {
+        worker._acquire();
+        ++worker._crew->idle;
+        bool const wakes = worker._has_ended() || worker._wakes_one();
+        worker._mutex.release();
+        worker._wake_one(wakes);
+    }
+    void acquire(state&, bool) {
+        worker._acquire();
+        --worker._crew->idle;
+        worker._crew->looking = false;
+    }
+
+    thread_group_function_base& worker;
+};
+
 thread_group_function_base::thread_group_function_base(mutex& mutex, condition& condition,
                                                        double& space, bool& concluded, queue& queue)
     : _mutex(mutex),
@@ -25,89 +121,142 @@ thread_group_function_base::thread_group_function_base(mutex& mutex, condition& 
       _space(space),
       _concluded(concluded),
       _queue(queue),
-      _occupants(nullptr),
-      _budget(space) {}
+      _crew(nullptr) {}
 
 thread_group_function_base::thread_group_function_base(mutex& mutex, condition& condition,
                                                        double& space, bool& concluded, queue& queue,
-                                                       unsigned int& occupants, double budget)
+                                                       thread_group_crew& crew)
     : thread_group_function_base(mutex, condition, space, concluded, queue) {
-    _occupants = &occupants;
-    _budget = budget;
+    _crew = &crew;
 }
 
 thread_group_function_base::thread_group_function_base(thread_group_function_base const&) = default;
 
 thread_group_function_base::~thread_group_function_base() = default;
 
-// The work to run next if it fits, else the largest. The caller holds `_mutex`, and
-// the queue is not empty.
+// The functions up to the loop are called with `_mutex` held, but for `_acquire` and
+// `_wake_one`.
+
+void thread_group_function_base::_acquire() {
+    acquire(_mutex, _crew != nullptr ? _crew->spin : 0);
+}
+
 thread_group_function_base::queue::iterator thread_group_function_base::find_element() {
-    auto const found =
-        _queue.find_first([this](triple<thread_function*, double, double> const& waiting) {
-            return waiting.third <= _space;
-        });
-    return found != _queue.end() ? found : _queue.begin();
+    return find(_queue, _space);
 }
 
-void thread_group_function_base::operator()() {
-    allocator_group* const group = allocator_group::global();
-    group->deactivate_allocator(true);
-    _mutex.acquire();
-    for (;;) {
-        if (_queue.size() != 0) {
-            auto const element = find_element();
-            if (_space >= (*element).third) {
-                _run(element);
-                continue;
-            }
-        } else if (_concluded) {
-            break;
-        }
-        _condition.acquire(_mutex);
-    }
-    _mutex.release();
-    group->activate_allocator();
+bool thread_group_function_base::_has_ended() const {
+    return _concluded && _queue.empty();
 }
 
-// Takes `element` from the queue and runs it. Entered and left with `_mutex` held,
-// which it gives up meanwhile.
-void thread_group_function_base::_run(queue::iterator element) {
-    allocator_group* const group = allocator_group::global();
-    group->activate_allocator();
-    thread_function& function = *(*element).first;
+// The next work, out of the queue and its space taken; null if there is none that fits.
+thread_group_function_base::queue::detached thread_group_function_base::_take() {
+    if (_queue.empty())
+        return nullptr;
+    auto const element = find_element();
     double const space = (*element).third;
-    _queue.erase(element);
-    _take_space(space);
-    _mutex.release();
-
-    try {
-        function();
-    } catch (...) {
-        assure(("unexpected exception", 0));
-    }
-    group->deactivate_allocator(true);
-
-    _mutex.acquire();
-    _give_space(space);
-    _mutex.release();
-    if (space != 0)
-        _condition.release_all();  // what did not fit may do so now
-    _mutex.acquire();
-}
-
-void thread_group_function_base::_take_space(double space) {
+    if (_space < space)
+        return nullptr;
     _space -= space;
-    if (_occupants != nullptr && space != 0)
-        ++*_occupants;
+    if (_crew != nullptr && space != 0)
+        ++_crew->occupants;
+    return _queue.extract(element);
 }
 
 // Fractions of a budget need not add up to it again; without the reset, work that
 // asks for all of it could wait for ever.
 void thread_group_function_base::_give_space(double space) {
     _space += space;
-    if (_occupants != nullptr && space != 0 && --*_occupants == 0)
-        _space = _budget;
+    if (_crew == nullptr || space == 0)
+        return;
+    if (--_crew->occupants == 0)
+        _space = _crew->budget;
+    tell(*_crew);
+}
+
+bool thread_group_function_base::_wakes_one() {
+    return _crew != nullptr && wakes_one(*_crew, _queue, _space);
+}
+
+void thread_group_function_base::_wake_one(bool wakes) {
+    if (wakes)
+        _condition.release_one();
+}
+
+// Waits until there may be work. Gives `_mutex` up meanwhile.
+void thread_group_function_base::_wait() {
+    if (_crew == nullptr) {
+        _condition.acquire(_mutex);
+        return;
+    }
+    if (_poll())
+        return;
+    _mutex.release();
+    idle_lock lock{*this};
+    _condition.acquire(lock);
+}
+
+// Polls for news for as long as the spin count says, unless another worker does, and
+// returns whether there was any. Gives `_mutex` up meanwhile.
+bool thread_group_function_base::_poll() {
+    if (_crew->looking)
+        return false;
+    _crew->looking = true;
+    unsigned int const before = _crew->news.load(std::memory_order_relaxed);
+    auto const is_news = [&] {
+        return _crew->news.load(std::memory_order_relaxed) != before;
+    };
+    _mutex.release();
+    for (unsigned int left = _crew->spin; left != 0 && !is_news(); --left)
+        YieldProcessor();
+    _acquire();
+    _crew->looking = false;
+    return is_news();
+}
+
+void thread_group_function_base::operator()() {
+    allocator_group* const group = allocator_group::global();
+    group->deactivate_allocator(true);
+    bool active = false;  // the thread's allocator
+    _acquire();
+    while (!_has_ended()) {
+        if (auto taken = _take()) {
+            bool const wakes = _wakes_one();
+            _mutex.release();
+            _wake_one(wakes);
+            if (!active)
+                group->activate_allocator();
+            thread_function& function = *(*taken).first;
+            double const space = (*taken).third;
+            taken.reset();
+            try {
+                function();
+            } catch (...) {
+                assure(("unexpected exception", 0));
+            }
+            // What a switch off and on again would do, as long as there is work.
+            group->flush_allocator(true);
+            active = true;
+            _acquire();
+            _give_space(space);
+            if (_crew == nullptr && space != 0)
+                _condition.release_all();  // what did not fit may do so now
+        } else if (active) {
+            _mutex.release();
+            group->deactivate_allocator(true);
+            active = false;
+            _acquire();
+        } else {
+            _wait();
+        }
+    }
+    // Those that waited for space while the group was concluded end with it.
+    bool const last = _crew != nullptr && _crew->idle != 0;
+    _mutex.release();
+    if (last)
+        _condition.release_all();
+    if (!active)
+        group->activate_allocator();
 }
 
 }  // namespace detail
@@ -134,7 +283,7 @@ thread_group::thread_group(unsigned int threads, double space, unsigned int stac
       _acquired(threads),
       _space(space),
       _condition(detail::current_spin()),
-      _budget(space) {
+      _crew{space, detail::current_spin()} {
     assure(_threads != 0 && space >= 0);
 }
 
@@ -152,20 +301,26 @@ unsigned int thread_group::stack_size() const {
 }
 
 void thread_group::schedule(thread_function& function, double time, double space) {
-    assure_schedulable(time, space, _budget);
+    assure_schedulable(time, space, _crew.budget);
+    auto element = queue::prepare({&function, time, space});
+    bool wakes;
     {
-        detail::guard const hold(_mutex);
+        detail::held const hold(_mutex, _crew.spin);
         assure(!_concluded);
-        _queue.insert({&function, time, space});
+        _queue.insert(element);
+        detail::tell(_crew);
+        wakes = detail::wakes_one(_crew, _queue, _space);
     }
-    _condition.release_one();
+    if (wakes)
+        _condition.release_one();
 }
 
 void thread_group::conclude() {
     {
-        detail::guard const hold(_mutex);
+        detail::held const hold(_mutex, _crew.spin);
         assure(!_concluded);
         _concluded = true;
+        detail::tell(_crew);
     }
     _condition.release_all();
 }
@@ -201,8 +356,8 @@ void thread_group::_construct() {
     _function = new detail::thread_group_function_base* [_threads] {
     };
     for (unsigned int i = 0; i != _threads; ++i)
-        _function[i] = new detail::thread_group_function_base(
-            _mutex, _condition, _space, _concluded, _queue, _occupants, _budget);
+        _function[i] = new detail::thread_group_function_base(_mutex, _condition, _space,
+                                                              _concluded, _queue, _crew);
     _thread = new thread* [_threads] {
     };
     for (unsigned int i = 0; i != _threads; ++i)

@@ -265,6 +265,38 @@ registration const group_is_busy({
     .variants = 2,
 });
 
+// Threads that are idle because what waits does not fit, when the group is concluded,
+// end once that has run.
+registration const group_ends_all({
+    .name = "group_ends_threads_that_wait_for_space",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant);
+            {
+                item::tally all;
+                thread_group group(2 + pick(2), item::budget, 16384);
+                items made;
+                make_items(made, group, all);
+                for (unsigned int each = 0; each != 3; ++each) {
+                    made[each].space = item::budget;
+                    made[each].waits = true;
+                }
+                begin();
+                group.release();
+                for (unsigned int each = 0; each != 3; ++each)
+                    made[each].add();
+                if (pick(2) == 0)
+                    settle();
+                group.conclude();
+                ReleaseSemaphore(all.go, 3, nullptr);
+                group.acquire();
+                assure(all.runs == 3);
+            }
+            books.settle_without_pool();
+        },
+    .variants = 2,
+});
+
 // One thread takes the largest first, of equal ones the longest, of equal pairs
 // the one scheduled first. What is cleared does not run.
 registration const group_order({
