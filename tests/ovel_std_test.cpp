@@ -1,0 +1,160 @@
+#include "ovel_std.h"
+
+#include "ovel_test.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <limits>
+#include <mutex>
+#include <stdexcept>
+
+namespace {
+
+using namespace std::chrono_literals;
+using ovel::deadline;
+using ovel::lockable;
+using ovel::time;
+
+template <class Mutex>
+class lockable_test : public testing::Test {};
+
+using mutexes = testing::Types<ovel::mutex, ovel::timed_mutex, ovel::recursive_mutex,
+                               ovel::timed_recursive_mutex>;
+TYPED_TEST_SUITE(lockable_test, mutexes);
+
+// Two mutexes locked together in both orders, one of them through a view: a guard
+// that takes nothing loses counts, one that gives nothing back hangs.
+TYPED_TEST(lockable_test, guards_of_the_standard_library_exclude) {
+    constexpr int rounds = 2'000;
+    lockable<TypeParam> first;
+    TypeParam second;
+    int count = 0;
+    {
+        auto const threads = crew(2, [&](int member) {
+            lockable view(second);
+            for (int round = 0; round < rounds; ++round) {
+                if (member == 0) {
+                    std::scoped_lock const hold(first, view);
+                    ++count;
+                } else {
+                    std::scoped_lock const hold(view, first);
+                    ++count;
+                }
+            }
+        });
+    }
+    EXPECT_EQ(count, 2 * rounds);
+
+    std::unique_lock hold(first);
+    EXPECT_FALSE(elsewhere([&] { return first.try_lock(); }));
+    hold.unlock();
+    EXPECT_TRUE(elsewhere([&] {
+        std::unique_lock const tried(first, std::try_to_lock);
+        return tried.owns_lock();
+    }));
+}
+
+template <class Lock, class Span>
+concept has_deadlines = requires(Lock& lock, Span const& span) {
+    lock.try_lock_for(span);
+};
+static_assert(has_deadlines<lockable<ovel::timed_mutex>, std::chrono::hours>);
+static_assert(has_deadlines<lockable<ovel::timed_recursive_mutex&>, std::chrono::hours>);
+static_assert(!has_deadlines<lockable<ovel::mutex>, std::chrono::hours>);
+
+// A wait of the library ends at the nearest millisecond: a third of one is over
+// before it begins. The system's clocks may run a little faster than ours.
+TEST(lockable_deadline_test, no_attempt_ends_before_its_deadline) {
+    lockable<ovel::timed_mutex> lock;
+    std::lock_guard const hold(lock);
+    EXPECT_FALSE(elsewhere([&] {
+        for (auto const span : {300us, 1300us, 2450us}) {
+            auto begin = std::chrono::steady_clock::now();
+            if (lock.try_lock_for(span))
+                return true;
+            EXPECT_GE(std::chrono::steady_clock::now() - begin, span * 0.99);
+            begin = std::chrono::steady_clock::now();
+            if (lock.try_lock_until(std::chrono::system_clock::now() + span))
+                return true;
+            EXPECT_GE(std::chrono::steady_clock::now() - begin, span * 0.99);
+        }
+        return lock.try_lock_for(-1h) || lock.try_lock_until(time());
+    }));
+}
+
+TEST(deadline_test, what_is_out_of_range_is_its_end) {
+    time const last = time::seconds(std::numeric_limits<double>::infinity());
+    EXPECT_EQ(deadline(std::chrono::hours::max()), last);
+    EXPECT_EQ(deadline(std::chrono::steady_clock::time_point::max()), time() + last);
+    EXPECT_EQ(
+        deadline(std::chrono::time_point<std::chrono::system_clock, std::chrono::hours>::max()),
+        last);
+    EXPECT_LT(deadline(std::chrono::hours::min()), time::now());
+    EXPECT_LT(deadline(std::chrono::system_clock::time_point::min()), time::now());
+    EXPECT_EQ(deadline(time::seconds(3)), time::seconds(3));
+}
+
+// The least that is more than nothing is one tick.
+TEST(deadline_test, spans_are_rounded_up_to_ticks) {
+    double const unit = ovel::time_support::time_unit();
+    auto const ticks = [unit](double count) {
+        return ovel::detail::ticks_above(static_cast<long double>(count) * unit).value();
+    };
+    EXPECT_EQ(ticks(0), 0);
+    EXPECT_EQ(ticks(1e-9), 1);
+    EXPECT_EQ(ticks(1.5), 2);
+    EXPECT_EQ(ticks(1e9 + 0.25), 1'000'000'001);
+}
+
+// The turn goes round between waits through each kind of lock that a wait accepts.
+TEST(wait_test, a_predicate_decides_whatever_the_lock_is) {
+    constexpr int rounds = 500;
+    lockable<ovel::recursive_mutex> lock;
+    ovel::condition changed;
+    int turn = 0;
+    auto const threads = crew(3, [&](int member) {
+        lockable<ovel::recursive_mutex&> view(lock);
+        for (int round = 0; round < rounds; ++round) {
+            auto const mine = [&] {
+                return turn % 3 == member;
+            };
+            if (member == 0) {
+                lock.lock();
+                wait(changed, lock, mine);
+                ++turn;
+                lock.unlock();
+            } else if (member == 1) {
+                std::unique_lock hold(view);
+                wait(changed, hold, mine);
+                ++turn;
+            } else {
+                std::unique_lock hold(lock);
+                wait(changed, hold, mine);
+                ++turn;
+            }
+            changed.release_all();
+        }
+    });
+}
+
+TEST(wait_test, a_deadline_ends_it_with_the_mutex_held) {
+    lockable<ovel::timed_mutex> lock;
+    ovel::timed_condition changed;
+    std::unique_lock hold(lock);
+    auto const begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(wait_for(changed, hold, 1300us, [] { return false; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 1300us * 0.99);
+    EXPECT_FALSE(elsewhere([&] { return lock.try_lock(); }));
+
+    // What comes true without anybody being told counts when the deadline passes.
+    int looks = 0;
+    EXPECT_TRUE(wait_until(changed, hold, std::chrono::system_clock::now() + 1ms,
+                           [&] { return ++looks == 2; }));
+    EXPECT_THROW(wait_for(changed, hold, 1h, []() -> bool { throw std::runtime_error(""); }),
+                 std::runtime_error);
+    EXPECT_TRUE(hold.owns_lock());
+}
+
+}  // namespace
