@@ -1,0 +1,112 @@
+#include "ovel_work.h"
+
+#include "ovel_std.h"
+#include "ovel_test.h"
+#include "ovel_thread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <new>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using ovel::allocator_group;
+using ovel::work_group;
+
+TEST(thread_allocator_test, a_thread_has_its_own_within_the_outermost_scope_only) {
+    allocator_group& group = *allocator_group::global();
+    std::jthread([&] {
+        {
+            ovel::thread_allocator const own;
+            auto* const mine = group.specific_allocator();
+            EXPECT_NE(mine, group.default_allocator());
+            {
+                ovel::thread_allocator const again;
+                EXPECT_EQ(group.specific_allocator(), mine);
+            }
+            EXPECT_EQ(group.specific_allocator(), mine);
+        }
+        EXPECT_EQ(group.specific_allocator(), group.default_allocator());
+    }).join();
+}
+
+TEST(work_test, a_callable_that_cannot_be_copied_runs_on_a_thread) {
+    int result = 0;
+    ovel::work task([&result, value = std::make_unique<int>(7)] { result += *value; });
+    ovel::thread helper;
+    helper.schedule(task);
+    for (int run = 0; run < 2; ++run) {
+        helper.release();
+        helper.acquire();
+    }
+    EXPECT_EQ(result, 14);
+}
+
+TEST(work_group_test, results_and_exceptions_come_through_the_future) {
+    work_group group(2);
+    auto value = group.submit([held = std::make_unique<int>(42)] { return *held; });
+    auto nothing = group.submit([] {});
+    auto failure = group.submit([]() -> int { throw std::runtime_error("no"); });
+    auto no_memory = group.submit([] { throw std::bad_alloc(); });
+    EXPECT_EQ(value.get(), 42);
+    nothing.get();
+    EXPECT_THROW(failure.get(), std::runtime_error);
+    EXPECT_THROW(no_memory.get(), std::bad_alloc);
+    group.join();
+}
+
+// Work that submits work: a group that ended as soon as it looked idle would refuse
+// the next generation.
+TEST(work_group_test, a_join_waits_for_what_work_submits) {
+    std::atomic<int> leaves{0};
+    work_group group(3);
+    struct tree {
+        work_group& group;
+        std::atomic<int>& leaves;
+        int depth;
+        void operator()() {
+            if (depth == 0)
+                ++leaves;
+            else
+                for (int child = 0; child < 2; ++child)
+                    group.submit(tree{group, leaves, depth - 1});
+        }
+    };
+    group.submit(tree{group, leaves, 9});
+    group.join();
+    EXPECT_EQ(leaves, 1 << 9);
+    EXPECT_THROW(group.submit([] {}).get(), std::future_error);
+}
+
+TEST(work_group_test, a_group_that_is_stopped_breaks_the_promises_of_what_waits) {
+    std::promise<void> begun;
+    std::promise<void> go_on;
+    auto alive = std::make_shared<int>();
+    work_group group(1);
+    auto running = group.submit([&] {
+        begun.set_value();
+        go_on.get_future().wait();
+        return 1;
+    });
+    begun.get_future().wait();
+    auto waiting = group.submit([alive] { return 2; });
+    EXPECT_FALSE(group.join_until(0s));
+    group.stop();
+    auto late = group.submit([alive] { return 3; });
+    EXPECT_THROW(late.get(), std::future_error);
+    go_on.set_value();
+    EXPECT_EQ(running.get(), 1);
+    EXPECT_THROW(waiting.get(), std::future_error);
+    EXPECT_TRUE(group.join_until(1h));
+    EXPECT_EQ(alive.use_count(), 1);
+}
+
+}  // namespace
