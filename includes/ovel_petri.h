@@ -1,0 +1,919 @@
+// Petri nets in modern C++: typed places, and transitions from lambdas.
+//
+//     net pipeline;
+//     auto const numbers = pipeline.insert_place<int>("numbers", 16);
+//     auto const results = pipeline.insert_place<int>("results", 16);
+//     pipeline.insert_transition("double", from(numbers), to(results),
+//                                [](int number) { return 2 * number; });
+//     pipeline.start();
+//     numbers.send(21);
+//     results.receive();  // 42
+//     pipeline.join();    // stops it once it has come to rest
+//
+// A `net` is a `petri_net` and what it takes to keep its contract; `ovel_petri_net.h`
+// says how a net fires. The header stands beside the library, and `ovel.h` does not
+// include it, since it draws much of the standard library in.
+#ifndef OVEL_PETRI_H
+#define OVEL_PETRI_H
+
+#include "ovel_any.h"
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
+#include "ovel_petri_net.h"
+#include "ovel_std.h"
+#include "ovel_thread.h"
+#include "ovel_thread_base.h"
+#include "ovel_thread_function.h"
+#include "ovel_thread_support.h"
+#include "ovel_time.h"
+#include "ovel_triple.h"
+
+#include <array>
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace ovel {
+
+class firing;
+class net;
+template <class T>
+class place;
+
+// An arc to be, between the place `end` and a transition; `Weighted` tells whether
+// its weight was given. For `from` and `to`, which it leads the compiler to.
+template <class T, bool Weighted>
+struct place_arc {
+    using value = T;
+    static constexpr bool weighted = Weighted;
+
+    place<T> end;
+    unsigned int weight;
+};
+
+namespace detail {
+
+template <class T>
+place_arc<T, false> arc_of(place<T> const& end) {
+    return {end, 1};
+}
+template <class T>
+place_arc<T, true> arc_of(place_arc<T, true> const& end) {
+    return end;
+}
+
+// A place of a net, with its name.
+struct place_record {
+    net* const owner;
+    std::string const name;
+    petri_place* const element;
+    // Threads that are about to block in the place's operations, or do.
+    atomic<unsigned int> receivers{0};
+    atomic<unsigned int> senders{0};
+    // What was taken away, oldest first, to let senders go on after a failure; the
+    // waker's until it is joined.
+    std::vector<any> withheld{};
+};
+
+// An arc of a transition; `reference` is the variable that names it to the net.
+struct arc_record {
+    place_record* place;
+    bool input;
+    unsigned int weight;
+    petri_place* reference;
+};
+
+// Carries a value that cannot be copied through `any`, whose copy takes the value.
+template <class T>
+struct moved {
+    explicit moved(T&& source) : value(std::move(source)) {}
+    moved(moved const& other) : value(std::move(other.value)) {}
+    moved& operator=(moved const&) = delete;
+    ~moved() = default;
+
+    T mutable value;
+};
+
+// What a place for `T` holds.
+template <class T>
+using token = std::conditional_t<std::is_copy_constructible_v<T>, T, moved<T>>;
+
+// The value in a token, which must be there: check "operand.type() == typeid(T)".
+template <class T>
+T& value_of(any& held) {
+    if constexpr (std::is_copy_constructible_v<T>)
+        return any_cast<T&>(held);
+    else
+        return any_cast<moved<T>&>(held).value;
+}
+
+// A token that wakes whoever waits in a net that has failed.
+struct failure_token {};
+
+inline bool is_failure(any const& held) {
+    return held.type() == typeid(failure_token);
+}
+
+// Counts a thread for as long as it may block.
+class waiting {
+public:
+    explicit waiting(atomic<unsigned int>& count) : _count(count) {
+        // The default order: who blocks has been counted before it looks whether
+        // the net has failed, and who fails the net looks at the counts after that.
+        ++_count;
+    }
+    ~waiting() {
+        --_count;
+    }
+    waiting(waiting const&) = delete;
+    waiting& operator=(waiting const&) = delete;
+
+private:
+    atomic<unsigned int>& _count;
+};
+
+template <class... Arcs>
+struct inputs {
+    std::tuple<Arcs...> arcs;
+};
+template <class... Arcs>
+struct outputs {
+    std::tuple<Arcs...> arcs;
+};
+
+// A transition of a net: its name, arcs and body.
+class transition_record : public petri_function {
+public:
+    transition_record(net& owner, std::string&& name) : owner(owner), name(std::move(name)) {}
+    transition_record(transition_record const&) = delete;
+    transition_record& operator=(transition_record const&) = delete;
+
+    net& owner;
+    std::string const name;
+    std::vector<arc_record> arcs;  // complete before the net learns of them
+    petri_transition* element = nullptr;
+    bool active = true;  // as its user wants it; under the net's `_lock`
+
+protected:
+    template <class T, bool Weighted>
+    void _insert_arc(bool input, place_arc<T, Weighted> const& inserted) {
+        arcs.push_back({inserted.end._record, input, inserted.weight, nullptr});
+    }
+
+    // Runs the body, unless the net is to fire no more. `left` has an element for
+    // each arc.
+    void _fire(unsigned int* left);
+
+private:
+    virtual void _run(firing& scope) = 0;
+};
+
+}  // namespace detail
+
+// A place of a net, for tokens of type `T`. Copies refer to the same place, as long
+// as its net lives.
+//
+// Any thread but a firing body, which has `firing`, may use the operations, and the
+// net need not run for that. A `T` is moved, and copied once on its way in if it can
+// be copied; then its tokens are an `any` of `T` to whoever uses the `petri_net`. The
+// copy is made, and tokens are destroyed, under the net's lock, so that must not call
+// the net. A token of another type fails the check "operand.type() == typeid(T)".
+//
+// When the net fails, or has, a thread that would block gets the exception that it
+// failed with; whether the token of a `send` that this interrupts is put is left open.
+// All throw std::bad_alloc as `petri_net` says.
+template <class T>
+class place {
+    static_assert(std::is_same_v<T, std::decay_t<T>> && !std::is_same_v<T, any>);
+
+public:
+    // Puts a token; blocks while no slot is free.
+    void send(T value) const;
+
+    // Puts a token if a slot is free, and returns whether one was; otherwise `value`
+    // is as it was.
+    bool try_send(T const& value) const;
+    bool try_send(T&& value) const;
+
+    // Takes the oldest token that no firing has reserved; blocks until there is one.
+    T receive() const;
+
+    // Takes the oldest such token, if there is one.
+    std::optional<T> try_receive() const;
+
+    // A copy of the oldest such token, if there is one.
+    std::optional<T> try_peek() const;
+
+    // An arc to it with the weight `weight`, for `from` and `to`.
+    auto times(unsigned int weight) const {
+        return place_arc<T, true>{*this, weight};
+    }
+
+    std::string const& name() const {
+        return _record->name;
+    }
+    unsigned int capacity() const {
+        return _record->element->capacity();
+    }
+    petri_place* base() const {
+        return _record->element;
+    }
+
+private:
+    friend class detail::transition_record;
+    friend class firing;
+    friend class net;
+    friend struct detail::inspector;
+
+    explicit place(detail::place_record* record) : _record(record) {}
+
+    detail::place_record* _record;
+};
+
+// A transition of a net. Copies refer to the same transition, as long as its net
+// lives. Any thread may use the operations.
+class transition {
+public:
+    // Lets it fire, as it may from the beginning; and keeps it from firing, while
+    // firings under way run to their end. Do not block but for locks. `activate`
+    // throws std::bad_alloc and may be called again.
+    void activate() const;
+    void deactivate() const;
+
+    std::string const& name() const {
+        return _record->name;
+    }
+    petri_transition* base() const {
+        return _record->element;
+    }
+
+private:
+    friend class detail::transition_record;
+    friend class net;
+
+    explicit transition(detail::transition_record* record) : _record(record) {}
+
+    detail::transition_record* _record;
+};
+
+// What a body may do with the places of its transition while it runs. Tokens that it
+// does not take stay where they are, and slots that it does not fill stay free. A
+// body that changes nothing leaves its transition enabled, which fires again. The
+// body's own thread may use it, during the firing.
+class firing {
+public:
+    firing(firing const&) = delete;
+    firing& operator=(firing const&) = delete;
+
+    // Takes the oldest token of an input place. None of its arcs, or more tokens
+    // than its weight, fail the check "left != 0", here and below.
+    template <class T>
+    T take(place<T> const& input);
+
+    // Copies the oldest token of an input place of which there is still one to take.
+    template <class T>
+    T peek(place<T> const& input) const;
+
+    // Puts a token into an output place. Throws std::bad_alloc, having put nothing.
+    template <class T>
+    void put(place<T> const& output, std::type_identity_t<T> value);
+
+private:
+    friend class detail::transition_record;
+
+    firing(detail::transition_record& fired, unsigned int* left) : _fired(fired), _left(left) {
+        for (std::size_t i = 0; i != _fired.arcs.size(); ++i)
+            _left[i] = _fired.arcs[i].weight;
+    }
+    // The rest is skipped, as the contract of `petri_place` has it.
+    ~firing() {
+        for (std::size_t i = 0; i != _fired.arcs.size(); ++i)
+            for (; _left[i] != 0; --_left[i])
+                if (_fired.arcs[i].input)
+                    _fired.arcs[i].reference->receive_skip();
+                else
+                    _fired.arcs[i].reference->send_skip();
+    }
+
+    // What is left of the arc between the transition and `end`.
+    unsigned int& _left_of(bool input, detail::place_record const* end) const {
+        unsigned int* left = nullptr;
+        for (std::size_t i = 0; i != _fired.arcs.size(); ++i)
+            if (_fired.arcs[i].input == input && _fired.arcs[i].place == end && _left[i] != 0)
+                left = &_left[i];
+        assure(left != 0);
+        return *left;
+    }
+
+    detail::transition_record& _fired;
+    unsigned int* const _left;
+};
+
+// Is told of each firing, on the thread that runs it: `begins` before the body and
+// `ends` after it, also when it throws. May be called by several threads at once;
+// exceptions end the process.
+class net_observer {
+public:
+    virtual ~net_observer() = default;
+    virtual void begins(transition fired) noexcept = 0;
+    virtual void ends(transition fired) noexcept = 0;
+};
+
+// How a transition is fired: see `petri_net::insert_transition`. Only a `reentrant`
+// body may run on several threads at once.
+struct transition_options {
+    bool reentrant = false;
+    double time = 1.0;
+    double space = 0.0;
+    unsigned int group = 0;
+};
+
+// The places that a transition takes tokens from, or puts them into: a `place` for
+// one token a firing, `place.times(n)` for n.
+template <class... Ends>
+auto from(Ends const&... ends) {
+    return detail::inputs<decltype(detail::arc_of(ends))...>{{detail::arc_of(ends)...}};
+}
+template <class... Ends>
+auto to(Ends const&... ends) {
+    return detail::outputs<decltype(detail::arc_of(ends))...>{{detail::arc_of(ends)...}};
+}
+
+// A net: typed places, transitions with bodies, names, and the threads that fire it.
+//
+// One thread builds it, starts it with `start`, and joins it with `join`, after which
+// it may be built further and started again. Calls of `start`, of the joining
+// operations and of `stop` must not overlap; places, transitions, `halt` and `fail`
+// are for any thread. Misuse fails the checks of `petri_net`.
+//
+// An exception that leaves a body fails the net: no further firing begins, and once
+// those under way have ended `join` rethrows the first such exception. Threads that
+// are blocked in the net's places get it as well. What the body had taken is lost,
+// what it had put stays.
+class net {
+public:
+    // With a thread for each processor and no space; or with `threads` and `space`;
+    // or with a group for each (threads, space, stack size). Throw std::bad_alloc.
+    net() = default;
+    explicit net(unsigned int threads, double space = 0.0,
+                 unsigned int stack_size = thread_base::default_stack_size)
+        : _net(threads, space, stack_size) {}
+    net(triple<unsigned int, double, unsigned int> const* begin,
+        triple<unsigned int, double, unsigned int> const* end)
+        : _net(begin, end) {}
+
+    // Stops a net that runs, without waiting for it to rest: firings under way end.
+    ~net() {
+        halt();
+        if (_running)
+            _net.acquire();
+        _join_waker();
+    }
+
+    net(net const&) = delete;
+    net& operator=(net const&) = delete;
+
+    // Building. Throw std::bad_alloc; then the net is only good to be destroyed.
+
+    // A place for `capacity` tokens of type `T`.
+    template <class T>
+    ovel::place<T> insert_place(std::string name, unsigned int capacity);
+
+    // A transition. `body` either has a parameter for each place of `from` and
+    // returns what `to` has: nothing, a value, or a std::tuple of them, any of which
+    // may be a std::optional that puts nothing when it is empty. Or it takes a
+    // `firing&` and gives nothing back. It is called as an lvalue.
+    //
+    //     from(orders, clerks), to(clerks), [](order paid, clerk who) { return who; }
+    //     from(pairs.times(2)), [=](firing& now) { now.take(pairs), now.take(pairs); }
+    template <class... From, class... To, class Body>
+    transition insert_transition(std::string name, detail::inputs<From...> from,
+                                 detail::outputs<To...> to, Body body,
+                                 transition_options options = {});
+    template <class... From, class Body>
+    transition insert_transition(std::string name, detail::inputs<From...> from, Body body,
+                                 transition_options options = {}) {
+        return insert_transition(std::move(name), std::move(from), to(), std::move(body), options);
+    }
+    template <class... To, class Body>
+    transition insert_transition(std::string name, detail::outputs<To...> to, Body body,
+                                 transition_options options = {}) {
+        return insert_transition(std::move(name), from(), std::move(to), std::move(body), options);
+    }
+
+    // Has `observer` told of each firing from the next start on, null: nobody. It
+    // outlives that run.
+    void observe(net_observer* observer) {
+        _observer = observer;
+    }
+
+    // Starts the net; what failed or halted it before is forgotten. Throws
+    // std::bad_alloc, having started nothing.
+    void start();
+
+    // Stops the net: blocks until it has come to rest. Rethrows what it failed with;
+    // it is stopped then as well.
+    void join();
+
+    // The same until `point`, whatever `deadline` accepts: returns false when that
+    // has passed before. Then the net is stopping, and goes on until it rests.
+    template <class Point>
+    bool join_until(Point const& point);
+
+    // Lets no further firing begin, until the next start. Does not block but for
+    // locks.
+    void halt();
+
+    // Has the net fail with `failure`, which is not null, unless it has already.
+    void fail(std::exception_ptr failure);
+
+    // The net itself, whose elements are in the order in which they were inserted.
+    petri_net& base() {
+        return _net;
+    }
+
+    // The names of elements of `base`, which must be this net's. Cost grows with the
+    // net.
+    std::string const& name(petri_place const* element) const {
+        return _name(_places, element);
+    }
+    std::string const& name(petri_transition const* element) const {
+        return _name(_transitions, element);
+    }
+
+private:
+    template <class T>
+    friend class ovel::place;
+    friend class detail::transition_record;
+    friend class firing;
+    friend class ovel::transition;
+
+    // Wakes those who are blocked in the places of a net that has failed: receivers
+    // by a token, senders by taking one away. A place may be all reserved at first,
+    // so it repeats that until they have left; who comes later does not block.
+    class waker : public thread_function {
+    public:
+        explicit waker(net& woken) : _woken(woken) {}
+        void operator()() override;
+
+    private:
+        net& _woken;
+    };
+
+    template <class Records, class Element>
+    static std::string const& _name(Records const& records, Element const* element) {
+        std::string const* name = nullptr;
+        for (auto const& record : records)
+            if (record->element == element)
+                name = &record->name;
+        assure(name != 0);
+        return *name;
+    }
+
+    transition _insert(std::unique_ptr<detail::transition_record> inserted,
+                       transition_options const& options);
+    void _receive(detail::place_record& from, any& token);
+    bool _try_receive(detail::place_record& from, any& token);
+    void _send(detail::place_record& to, any const& token);
+    [[noreturn]] void _rethrow();
+    void _deactivate();
+    bool _wake();
+    void _join_waker();
+    void _discard_failure_tokens();
+    void _end();
+
+    // Lock order: `_lock`, then what the net locks.
+    lockable<mutex> _lock;
+    std::exception_ptr _failure;          // the last one; under _lock
+    detail::atomic<bool> _failed{false};  // set under _lock
+    detail::atomic<bool> _halted{false};  // set under _lock
+    bool _waker_running = false;          // under _lock; reset by the owner
+    bool _running = false;                // owner only
+    net_observer* _observer = nullptr;    // changes while the net is stopped only
+    waker _waker{*this};
+    thread _waker_thread;
+    std::vector<std::unique_ptr<detail::place_record>> _places;
+    std::vector<std::unique_ptr<detail::transition_record>> _transitions;
+    petri_net _net;  // the last: its elements refer to the records
+};
+
+// Stops a net that may never rest: waits for that until `point`, whatever `deadline`
+// accepts, then lets no further firing begin and waits for those under way. Returns
+// whether the net came to rest by itself. Rethrows what it failed with; it is stopped
+// then as well. The next `start` goes on with the transitions that were active; those
+// of a `petri_net` stay deactivated when it did not come to rest.
+template <class Point>
+bool stop(net& stopped, Point const& point) {
+    if (stopped.join_until(point))
+        return true;
+    stopped.halt();
+    stopped.join();
+    return false;
+}
+template <class Point>
+bool stop(petri_net& stopped, Point const& point) {
+    if (detail::attempt_until(deadline(point),
+                              [&](time const& end) { return stopped.timed_acquire(end); }))
+        return true;
+    for (auto i = stopped.begin_transitions(); i != stopped.end_transitions(); ++i)
+        stopped.deactivate(*i);
+    stopped.acquire();
+    return false;
+}
+
+namespace detail {
+
+template <class T>
+inline constexpr bool is_optional = false;
+template <class T>
+inline constexpr bool is_optional<std::optional<T>> = true;
+
+// A transition with a body of type `Body`.
+template <class Body, class Inputs, class Outputs>
+class body_record;
+
+template <class Body, class... From, class... To>
+class body_record<Body, inputs<From...>, outputs<To...>> final : public transition_record {
+public:
+    body_record(net& owner, std::string&& name, inputs<From...> const& from,
+                outputs<To...> const& to, Body&& body)
+        : transition_record(owner, std::move(name)), _body(std::move(body)), _from(from), _to(to) {
+        // No arc may move once the net knows its variable.
+        arcs.reserve(sizeof...(From) + sizeof...(To));
+        std::apply([this](auto const&... each) { (this->_insert_arc(true, each), ...); },
+                   _from.arcs);
+        std::apply([this](auto const&... each) { (this->_insert_arc(false, each), ...); },
+                   _to.arcs);
+    }
+
+private:
+    void operator()() override {
+        std::array<unsigned int, sizeof...(From) + sizeof...(To)> left;
+        _fire(left.data());
+    }
+
+    void _run(firing& scope) override {
+        if constexpr (std::is_invocable_v<Body&, typename From::value...>) {
+            static_assert((!From::weighted && ...) && (!To::weighted && ...),
+                          "a body with weighted arcs takes a firing&");
+            _run_typed(scope);
+        } else {
+            static_assert(std::is_invocable_v<Body&, firing&>,
+                          "a body takes one token of each place in from(), or a firing&");
+            _body(scope);
+        }
+    }
+
+    void _run_typed(firing& scope) {
+        // In braces, so that tokens are taken in the order of the places.
+        std::tuple<typename From::value...> taken = std::apply(
+            [&scope](auto const&... each) {
+                return std::tuple<typename From::value...>{scope.take(each.end)...};
+            },
+            _from.arcs);
+        using result = decltype(std::apply(_body, std::move(taken)));
+        if constexpr (sizeof...(To) == 0) {
+            static_assert(std::is_void_v<result>, "a body without to() returns nothing");
+            std::apply(_body, std::move(taken));
+        } else if constexpr (sizeof...(To) == 1) {
+            _put(scope, std::get<0>(_to.arcs), std::apply(_body, std::move(taken)));
+        } else {
+            static_assert(std::tuple_size_v<result> == sizeof...(To),
+                          "a body returns a std::tuple with a value for each place in to()");
+            _put_all(scope, std::apply(_body, std::move(taken)),
+                     std::make_index_sequence<sizeof...(To)>());
+        }
+    }
+
+    template <class Results, std::size_t... indices>
+    void _put_all(firing& scope, Results&& results, std::index_sequence<indices...>) {
+        (_put(scope, std::get<indices>(_to.arcs), std::get<indices>(std::move(results))), ...);
+    }
+
+    // Puts what the body returned for one place.
+    template <class Arc, class Result>
+    static void _put(firing& scope, Arc const& to, Result&& result) {
+        if constexpr (std::is_convertible_v<Result&&, typename Arc::value>) {
+            scope.put(to.end, std::forward<Result>(result));
+        } else {
+            static_assert(is_optional<std::decay_t<Result>>,
+                          "a body returns what the places in to() take");
+            if (result.has_value())
+                scope.put(to.end, *std::forward<Result>(result));
+        }
+    }
+
+    Body _body;
+    inputs<From...> const _from;
+    outputs<To...> const _to;
+};
+
+}  // namespace detail
+
+template <class T>
+void place<T>::send(T value) const {
+    _record->owner->_send(*_record, detail::token<T>(std::move(value)));
+}
+
+template <class T>
+bool place<T>::try_send(T const& value) const {
+    return _record->owner->_net.try_send(_record->element, value);
+}
+
+template <class T>
+bool place<T>::try_send(T&& value) const {
+    any sent = detail::token<T>(std::move(value));
+    if (_record->owner->_net.try_send(_record->element, sent))
+        return true;
+    value = std::move(detail::value_of<T>(sent));
+    return false;
+}
+
+template <class T>
+T place<T>::receive() const {
+    any received;
+    _record->owner->_receive(*_record, received);
+    return std::move(detail::value_of<T>(received));
+}
+
+template <class T>
+std::optional<T> place<T>::try_receive() const {
+    any received;
+    if (!_record->owner->_try_receive(*_record, received))
+        return std::nullopt;
+    return std::move(detail::value_of<T>(received));
+}
+
+template <class T>
+std::optional<T> place<T>::try_peek() const {
+    static_assert(std::is_copy_constructible_v<T>, "a copy is what it returns");
+    any seen;
+    if (!_record->owner->_net.try_peek(_record->element, seen) || detail::is_failure(seen))
+        return std::nullopt;
+    return std::move(detail::value_of<T>(seen));
+}
+
+template <class T>
+T firing::take(place<T> const& input) {
+    unsigned int& left = _left_of(true, input._record);
+    any taken;
+    input._record->element->receive(taken);
+    --left;
+    if (detail::is_failure(taken))
+        _fired.owner._rethrow();
+    return std::move(detail::value_of<T>(taken));
+}
+
+template <class T>
+T firing::peek(place<T> const& input) const {
+    static_assert(std::is_copy_constructible_v<T>, "a copy is what it returns");
+    _left_of(true, input._record);
+    any seen;
+    input._record->element->peek(seen);
+    if (detail::is_failure(seen))
+        _fired.owner._rethrow();
+    return std::move(detail::value_of<T>(seen));
+}
+
+template <class T>
+void firing::put(place<T> const& output, std::type_identity_t<T> value) {
+    unsigned int& left = _left_of(false, output._record);
+    output._record->element->send(detail::token<T>(std::move(value)));
+    --left;
+}
+
+inline void transition::activate() const {
+    net& owner = _record->owner;
+    std::lock_guard const hold(owner._lock);
+    _record->active = true;
+    // Relaxed: it changes under the lock.
+    if (!owner._halted.load(std::memory_order_relaxed))
+        _record->element->activate();
+}
+
+inline void transition::deactivate() const {
+    std::lock_guard const hold(_record->owner._lock);
+    _record->active = false;
+    _record->element->deactivate();
+}
+
+inline void detail::transition_record::_fire(unsigned int* left) {
+    firing scope(*this, left);
+    // Relaxed: a firing that has been reserved may run or not.
+    if (owner._halted.load(std::memory_order_relaxed))
+        return;
+    net_observer* const observer = owner._observer;
+    if (observer != nullptr)
+        observer->begins(ovel::transition(this));
+    try {
+        _run(scope);
+    } catch (...) {
+        owner.fail(std::current_exception());
+    }
+    if (observer != nullptr)
+        observer->ends(ovel::transition(this));
+}
+
+template <class T>
+place<T> net::insert_place(std::string name, unsigned int capacity) {
+    _places.emplace_back(
+        new detail::place_record{this, std::move(name), _net.insert_place(capacity)});
+    return ovel::place<T>(_places.back().get());
+}
+
+template <class... From, class... To, class Body>
+transition net::insert_transition(std::string name, detail::inputs<From...> from,
+                                  detail::outputs<To...> to, Body body,
+                                  transition_options options) {
+    using record = detail::body_record<Body, detail::inputs<From...>, detail::outputs<To...>>;
+    return _insert(std::make_unique<record>(*this, std::move(name), from, to, std::move(body)),
+                   options);
+}
+
+inline transition net::_insert(std::unique_ptr<detail::transition_record> inserted,
+                               transition_options const& options) {
+    detail::transition_record& record = *inserted;
+    _transitions.push_back(std::move(inserted));
+    record.element = _net.insert_transition(record, options.reentrant, options.time, options.space,
+                                            options.group);
+    for (detail::arc_record& arc : record.arcs) {
+        if (arc.input)
+            _net.insert_input_arc(arc.place->element,
+                                  record.element->input(arc.reference).size(arc.weight));
+        else
+            _net.insert_output_arc(record.element->output(arc.reference).size(arc.weight),
+                                   arc.place->element);
+    }
+    return transition(&record);
+}
+
+inline void net::start() {
+    _join_waker();
+    if (_failed.load(std::memory_order_relaxed))
+        _discard_failure_tokens();
+    {
+        std::lock_guard const hold(_lock);
+        if (_halted.load(std::memory_order_relaxed))
+            for (auto const& record : _transitions)
+                if (record->active)
+                    record->element->activate();
+        _failed = false;
+        _halted = false;
+    }
+    _net.release();
+    _running = true;
+}
+
+inline void net::join() {
+    _net.acquire();
+    _end();
+}
+
+template <class Point>
+bool net::join_until(Point const& point) {
+    if (!detail::attempt_until(deadline(point),
+                               [this](time const& end) { return _net.timed_acquire(end); }))
+        return false;
+    _end();
+    return true;
+}
+
+// The threads have been joined.
+inline void net::_end() {
+    _running = false;
+    _join_waker();
+    if (_failed.load(std::memory_order_relaxed)) {
+        _discard_failure_tokens();
+        _rethrow();
+    }
+}
+
+inline void net::halt() {
+    std::lock_guard const hold(_lock);
+    _deactivate();
+}
+
+inline void net::fail(std::exception_ptr failure) {
+    std::lock_guard const hold(_lock);
+    if (_failed.load(std::memory_order_relaxed))
+        return;
+    _failure = std::move(failure);
+    _failed = true;
+    _deactivate();
+    _waker_thread.schedule(_waker);
+    _waker_thread.release();
+    _waker_running = true;
+}
+
+// The caller holds `_lock`.
+inline void net::_deactivate() {
+    _halted = true;
+    for (auto const& record : _transitions)
+        record->element->deactivate();
+}
+
+inline void net::_rethrow() {
+    std::exception_ptr failure;
+    {
+        std::lock_guard const hold(_lock);
+        failure = _failure;
+    }
+    std::rethrow_exception(failure);
+}
+
+inline void net::_send(detail::place_record& to, any const& token) {
+    if (_net.try_send(to.element, token))
+        return;
+    detail::waiting const counted(to.senders);
+    if (_failed)
+        _rethrow();
+    _net.send(to.element, token);
+    if (_failed)
+        _rethrow();
+}
+
+inline void net::_receive(detail::place_record& from, any& token) {
+    if (_try_receive(from, token))
+        return;
+    detail::waiting const counted(from.receivers);
+    if (_failed)
+        _rethrow();
+    _net.receive(from.element, token);
+    if (detail::is_failure(token))
+        _rethrow();
+}
+
+inline bool net::_try_receive(detail::place_record& from, any& token) {
+    do {
+        if (!_net.try_receive(from.element, token))
+            return false;
+    } while (detail::is_failure(token));
+    return true;
+}
+
+inline void net::waker::operator()() {
+    for (;;) {
+        try {
+            if (!_woken._wake())
+                break;
+        } catch (std::bad_alloc const&) {
+            // The next round needs the memory as well, and may have it.
+        }
+        thread_support::timed_yield(time::then(0.001));
+    }
+}
+
+// Does for each thread that is blocked what lets it go on, where that is possible
+// now. Returns whether there was any.
+inline bool net::_wake() {
+    bool blocked = false;
+    for (auto const& record : _places) {
+        if (record->receivers != 0) {
+            blocked = true;
+            _net.try_send(record->element, detail::failure_token());
+        }
+        if (record->senders != 0) {
+            blocked = true;
+            any& withheld = record->withheld.emplace_back();
+            if (!_net.try_receive(record->element, withheld))
+                record->withheld.pop_back();
+        }
+    }
+    return blocked;
+}
+
+inline void net::_join_waker() {
+    {
+        std::lock_guard const hold(_lock);
+        if (!std::exchange(_waker_running, false))
+            return;
+    }
+    _waker_thread.acquire();
+}
+
+// Leaves in the places what they held when the net failed, in its order, and of what
+// came later as much as has room. The net is stopped.
+inline void net::_discard_failure_tokens() {
+    for (auto const& record : _places) {
+        std::vector<any> kept = std::move(record->withheld);
+        record->withheld.clear();
+        any token;
+        while (_try_receive(*record, token))
+            kept.push_back(std::move(token));
+        for (any const& each : kept)
+            if (!detail::is_failure(each))
+                _net.try_send(record->element, each);
+    }
+}
+
+}  // namespace ovel
+
+#endif

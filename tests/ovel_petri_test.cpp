@@ -1,0 +1,252 @@
+#include "ovel_petri.h"
+
+#include "ovel_std.h"
+#include "ovel_test.h"
+#include "ovel_work.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <numeric>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <vector>
+
+struct ovel::detail::inspector {
+    template <class T>
+    static unsigned int receivers(place<T> const& from) {
+        return from._record->receivers;
+    }
+    template <class T>
+    static unsigned int senders(place<T> const& to) {
+        return to._record->senders;
+    }
+};
+
+namespace {
+
+using namespace std::chrono_literals;
+using ovel::firing;
+using ovel::net;
+using ovel::place;
+
+template <class T>
+std::vector<T> drain(place<T> const& from) {
+    std::vector<T> tokens;
+    while (std::optional<T> token = from.try_receive())
+        tokens.push_back(*std::move(token));
+    return tokens;
+}
+
+TEST(petri_test, parameters_and_results_are_the_tokens_of_the_places_in_order) {
+    net tested(2);
+    auto const names = tested.insert_place<std::string>("names", 4);
+    auto const ages = tested.insert_place<int>("ages", 4);
+    auto const lines = tested.insert_place<std::unique_ptr<std::string>>("lines", 4);
+    auto const adults = tested.insert_place<int>("adults", 4);
+    tested.insert_transition("greet", from(names, ages), to(lines, adults),
+                             [](std::string name, int age) {
+                                 auto const adult = age >= 18 ? std::optional(age) : std::nullopt;
+                                 name += ' ' + std::to_string(age);
+                                 return std::tuple(std::make_unique<std::string>(name), adult);
+                             });
+    for (int const age : {17, 18, 19}) {
+        names.send("at");
+        ages.send(age);
+    }
+    tested.start();
+    tested.join();
+
+    std::string all;
+    for (auto const& line : drain(lines))
+        all += *line + '\n';
+    EXPECT_EQ(all, "at 17\nat 18\nat 19\n");
+    EXPECT_EQ(drain(adults), (std::vector{18, 19}));
+}
+
+TEST(petri_test, a_token_that_cannot_be_copied_stays_with_who_could_not_send_it) {
+    net tested(1);
+    auto const full = tested.insert_place<std::unique_ptr<int>>("full", 1);
+    auto token = std::make_unique<int>(7);
+    EXPECT_TRUE(full.try_send(std::move(token)));
+    token = std::make_unique<int>(8);
+    EXPECT_FALSE(full.try_send(std::move(token)));
+    ASSERT_NE(token, nullptr);
+    EXPECT_EQ(*token, 8);
+    EXPECT_EQ(*full.receive(), 7);
+}
+
+// Bodies on several threads move from none to all of the tokens that were reserved
+// for them, to and fro. Counts that went wrong would lose tokens or fail a check of
+// the place. Such a net never rests.
+TEST(petri_test, what_a_body_neither_takes_nor_puts_is_skipped) {
+    constexpr int tokens = 12;
+    net tested(3);
+    auto const left = tested.insert_place<int>("left", tokens);
+    auto const right = tested.insert_place<int>("right", tokens);
+    std::atomic<int> firings{0};
+    auto const move_some = [&firings](place<int> const& source, place<int> const& target) {
+        return [&firings, source, target](firing& now) {
+            for (int count = ++firings % 4; count != 0; --count) {
+                int const seen = now.peek(source);
+                now.put(target, now.take(source) == seen ? seen : 0);
+            }
+        };
+    };
+    // One at a time, or another might take what was peeked at.
+    tested.insert_transition("there", from(left.times(3)), to(right.times(3)),
+                             move_some(left, right));
+    tested.insert_transition("back", from(right.times(3)), to(left.times(3)),
+                             move_some(right, left));
+    for (int token = 1; token <= tokens; ++token)
+        left.send(token);
+
+    for (int const goal : {1'500, 3'000}) {
+        tested.start();
+        until([&] { return firings >= goal; });
+        EXPECT_FALSE(stop(tested, 0s));
+    }
+    std::vector<int> all = drain(left);
+    for (int const token : drain(right))
+        all.push_back(token);
+    std::sort(all.begin(), all.end());
+    std::vector<int> expected(tokens);
+    std::iota(expected.begin(), expected.end(), 1);
+    EXPECT_EQ(all, expected);
+}
+
+TEST(petri_test, more_than_the_arc_allows_fails_a_check) {
+    auto const take_twice = [] {
+        net tested(1);
+        auto const only = tested.insert_place<int>("only", 2);
+        tested.insert_transition("greedy", from(only), [only](firing& now) {
+            now.take(only);
+            now.take(only);
+        });
+        only.send(1);
+        only.send(2);
+        tested.start();
+        tested.join();
+    };
+    EXPECT_CHECK(take_twice(), "left != 0", "includes/ovel_petri.h");
+}
+
+// The net fails while threads are blocked in its places: on one that is empty and
+// whose slots the failing firing itself has reserved, and on one that is full.
+TEST(petri_test, a_failing_body_reaches_who_joins_and_who_is_blocked) {
+    net tested(2);
+    auto const jobs = tested.insert_place<int>("jobs", 8);
+    auto const done = tested.insert_place<int>("done", 1);
+    auto const kept = tested.insert_place<int>("kept", 1);
+    auto const working = tested.insert_transition("work", from(jobs), to(done), [](int job) {
+        if (job == 3)
+            throw std::runtime_error("three");
+        return job;
+    });
+    for (int const job : {3, 4, 5})
+        jobs.send(job);
+    kept.send(0);
+
+    working.deactivate();
+    tested.start();
+    std::atomic<int> failures{0};
+    {
+        auto const callers = crew(4, [&](int member) {
+            ovel::thread_allocator const own;
+            try {
+                if (member < 2)
+                    done.receive();
+                else
+                    kept.send(member);
+            } catch (std::runtime_error const& failure) {
+                EXPECT_STREQ(failure.what(), "three");
+                ++failures;
+            }
+        });
+        until([&] {
+            return ovel::detail::inspector::receivers(done) == 2 &&
+                   ovel::detail::inspector::senders(kept) == 2;
+        });
+        working.activate();
+    }
+    EXPECT_EQ(failures, 4);
+    EXPECT_THROW(tested.join(), std::runtime_error);
+    EXPECT_THROW(done.receive(), std::runtime_error);
+
+    // It goes on from where it was, and nothing is left of the failure.
+    tested.start();
+    EXPECT_EQ(done.receive(), 4);
+    EXPECT_EQ(done.receive(), 5);
+    tested.join();
+    EXPECT_FALSE(done.try_receive());
+    EXPECT_EQ(drain(kept), std::vector{0});
+}
+
+TEST(petri_test, a_net_that_runs_is_stopped_where_its_scope_ends) {
+    net tested(1);
+    auto const turn = tested.insert_place<int>("turn", 2);
+    tested.insert_transition("turn", from(turn), to(turn), [](int count) { return count + 1; });
+    turn.send(0);
+    tested.start();
+}
+
+TEST(petri_test, a_plain_net_that_never_rests_is_stopped_by_its_deadline) {
+    struct spin : ovel::petri_function {
+        ovel::petri_place* in;
+        ovel::petri_place* out;
+        void operator()() override {
+            ovel::any token;
+            in->receive(token);
+            out->send(token);
+        }
+    } spin;
+    ovel::petri_net tested;
+    ovel::petri_place* const turn = tested.insert_place(2);
+    ovel::petri_transition* const turning = tested.insert_transition(spin, false, 1.0, 0.0, 0);
+    tested.insert_input_arc(turn, turning->input(spin.in));
+    tested.insert_output_arc(turning->output(spin.out), turn);
+    tested.send(turn, 0);
+    tested.release();
+    EXPECT_FALSE(stop(tested, 1ms));
+    tested.release();  // with the transition as it was left
+    EXPECT_TRUE(stop(tested, 1h));
+}
+
+// Each firing is told of on the thread that runs it, by the name of its transition.
+TEST(petri_test, an_observer_is_told_of_each_firing_with_its_name) {
+    struct log : ovel::net_observer {
+        void begins(ovel::transition fired) noexcept override {
+            std::lock_guard const hold(lock);
+            lines += fired.name() + '(';
+        }
+        void ends(ovel::transition fired) noexcept override {
+            std::lock_guard const hold(lock);
+            lines += ')' + fired.name();
+        }
+        ovel::lockable<ovel::mutex> lock;
+        std::string lines;
+    } log;
+    net tested(1);
+    auto const ready = tested.insert_place<int>("ready", 1);
+    auto const first = tested.insert_transition("produce", to(ready), [&, made = 0]() mutable {
+        if (++made == 2)
+            throw made;
+        return made;
+    });
+    auto const last = tested.insert_transition("consume", from(ready), [](int) {});
+    tested.observe(&log);
+    tested.start();
+    EXPECT_THROW(tested.join(), int);
+    EXPECT_EQ(log.lines, "produce()produceconsume()consumeproduce()produce");
+    EXPECT_EQ(tested.name(first.base()), "produce");
+    EXPECT_EQ(tested.name(last.base()), "consume");
+    EXPECT_EQ(tested.name(ready.base()), "ready");
+}
+
+}  // namespace
