@@ -1,6 +1,7 @@
 #include "ovel_benchmark.h"
 
 #include <sched.h>
+#include <x86intrin.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -61,6 +62,8 @@ void line_round_trip(benchmark::State& state) {
         for (std::uint64_t seen = 0; seen != over; seen = turn.value.load()) {
             if (seen % 2 != 0)
                 turn.value.store(seen + 1, std::memory_order_release);
+            else
+                _mm_pause();
         }
     });
     pin const bound(0);
@@ -68,7 +71,8 @@ void line_round_trip(benchmark::State& state) {
     for (auto _ : state) {
         turn.value.store(next + 1, std::memory_order_release);
         next += 2;
-        while (turn.value.load(std::memory_order_acquire) != next) {}
+        while (turn.value.load(std::memory_order_acquire) != next)
+            _mm_pause();
     }
     turn.value.store(over);
 }
