@@ -29,6 +29,7 @@
 
 #include "ovel_any.h"
 #include "ovel_assure.h"
+#include "ovel_atomic.h"
 #include "ovel_channel.h"
 #include "ovel_condition.h"
 #include "ovel_frame.h"
@@ -140,7 +141,7 @@ private:
         _arcs.push_back(std::move(arc));
     }
 
-    unsigned int _settle(unsigned int& skip, unsigned int size);
+    unsigned int _settle(detail::atomic<unsigned int>& skip, unsigned int size);
 
     [[maybe_unused]] cacheline _before;
     channel _channel;  // under _mutex
@@ -150,10 +151,14 @@ private:
     unsigned int _size = 0;          // committed tokens
     unsigned int _receive_size = 0;  // of them, reserved by firings
     unsigned int _send_size = 0;     // free slots reserved by firings
-    unsigned int _receive_skip = 0;  // tokens left, not yet settled; under _mutex
-    unsigned int _send_skip = 0;     // slots left, not yet settled; under _mutex
-    list<petri_arc*> _arcs;          // changes while the net is stopped only
-    mutex _mutex;                    // taken after the net's
+    // Tokens and slots left, not yet settled; written under _mutex.
+    detail::atomic<unsigned int> _receive_skip = 0;
+    detail::atomic<unsigned int> _send_skip = 0;
+    list<petri_arc*> _arcs;  // changes while the net is stopped only
+    mutex _mutex;            // taken after the net's
+    // Under the net's mutex: callers of the net that wait for a token or a slot.
+    unsigned int _receivers = 0;
+    unsigned int _senders = 0;
 };
 
 // Joins a place and a transition in one direction, with a weight: the tokens that
@@ -352,7 +357,7 @@ private:
     void insert_arc(list<petri_arc*>::prepared&& arc);
     unsigned int _count(bool input) const;
 
-    // One firing, on a thread of the group.
+    // The firing code, on a thread of the group.
     void operator()() override;
 
     // Initialised, for a transition can be copied.
@@ -391,8 +396,8 @@ struct skip_list_order<petri_transition*> {
     }
 };
 
-// The loop of a net's queue thread: it takes enabled transitions from the net's
-// queue and has their groups run them.
+// The work of a net's queue thread: it has what is enabled at the start fired, waits
+// until the net is to stop and has come to rest, and ends the groups.
 class OVEL_EXPORT petri_queue_function : public thread_function {
 public:
     explicit petri_queue_function(petri_net* net);
@@ -527,6 +532,7 @@ private:
     friend struct detail::inspector;
 
     class OVEL_HIDDEN change;
+    class OVEL_HIDDEN crew;
     class slot;
     class start;
 
@@ -549,7 +555,13 @@ private:
     void _initiate_transition(petri_transition* transition);
     void _terminate_transition(petri_transition* transition);
     void _enqueue_initial_transitions();
+    void _dispatch_transitions();
+    void _dispatch();
+    bool _at_rest() const;
+    void _leave();
 
+    void _await_token(petri_place* place);
+    void _await_slot(petri_place* place);
     void _receive(petri_place* place, any& token);
     void _send(petri_place* place, any const& token);
     template <class Join>
@@ -557,9 +569,9 @@ private:
     template <class Join>
     bool _join_groups(Join join);
 
-    // Guards `_firings`, `_acquired`, `_random`, `_queue`, the counts of places
-    // and the state of transitions. Taken before a place's mutex; never held while
-    // firing code runs or a group is called.
+    // Guards `_firings`, `_acquired`, `_random`, `_queue`, the counts of places,
+    // the state of transitions and all from `_crews` on. Taken before a place's
+    // mutex; never held while firing code runs or a group is called.
     mutex _mutex;
     unsigned int const _groups;
     unsigned int _firings = 0;  // initiated and not terminated, of all transitions
@@ -576,7 +588,13 @@ private:
     list<petri_transition*> _transitions;
     list<petri_arc*> _arcs;
     skip_list<petri_transition*> _queue;  // enabled transitions to be dispatched
-    condition _condition;                 // the queue thread and blocked callers, with `_mutex`
+    condition _condition;                 // blocked callers, with `_mutex`
+    condition _rest;                      // the queue thread, with `_mutex`
+    crew** _crews = nullptr;              // one for each group
+    crew* _touched = nullptr;             // the first of those that may need a thread
+    unsigned int _called = 0;             // threads called by the crews and not gone
+    bool _dispatching = false;            // what is enabled is fired at once
+    bool _news = false;                   // what a blocked caller waits for has come
 };
 
 }  // namespace ovel

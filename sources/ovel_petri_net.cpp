@@ -10,15 +10,27 @@
 // tokens or slots, when one of its firings ends, and when it is activated; and then
 // only if its arc at that place is enabled.
 //
-// Threads. The queue thread alone takes transitions from the queue and initiates
-// firings; groups run them, and each ends with `_terminate_transition`. Everybody
-// else comes by the token interface. Whoever may have made a transition enabled or
-// a token or slot available wakes all that wait, after giving `_mutex` up.
+// Dispatching. From start to stop, whoever has changed something under `_mutex`
+// initiates the firings of all that is queued before giving it up, so that the queue
+// is empty whenever `_mutex` is free. A firing that is initiated waits with the crew
+// of its group, one for each group, until a thread of the group is free to run it: the
+// largest space that fits first, then the longest time, then the first come, as the
+// group itself would choose. A thread that ends a firing goes on with the next within
+// the same hold of `_mutex`, and leaves when there is none that fits.
+//
+// Wake-ups. While a firing that fits waits and the group has threads to spare, one is
+// called, with work scheduled on the group; the next is called by that one, when it
+// has come and there is still something to do. So no more than one is on its way at
+// a time, and short work is done without waking anybody. Callers of the token interface
+// are woken when something has come to a place that one of them waits at, and the
+// queue thread when the net is to stop and is at rest. All that is done after giving
+// `_mutex` up.
 //
 // Lock order: `_mutex`, then a place's.
 
 #include "ovel_petri_net.h"
 
+#include "ovel_counter.h"
 #include "ovel_guard.h"
 #include "ovel_thread_support.h"
 
@@ -55,19 +67,22 @@ void petri_place::send(any const& token) {
 
 void petri_place::receive_skip() {
     detail::guard const hold(_mutex);
-    ++_receive_skip;
+    detail::add(_receive_skip, 1u);
 }
 
 void petri_place::send_skip() {
     detail::guard const hold(_mutex);
-    ++_send_skip;
+    detail::add(_send_skip, 1u);
 }
 
-// Takes up to `size` skips off the count, and returns how many.
-unsigned int petri_place::_settle(unsigned int& skip, unsigned int size) {
+// Takes up to `size` skips off the count, and returns how many. Relaxed: a firing that
+// skips does so before it ends, on the same thread, and so finds at least its own.
+unsigned int petri_place::_settle(detail::atomic<unsigned int>& skip, unsigned int size) {
+    if (skip.load(std::memory_order_relaxed) == 0)
+        return 0;
     detail::guard const hold(_mutex);
-    unsigned int const settled = std::min(skip, size);
-    skip -= settled;
+    unsigned int const settled = std::min(skip.load(std::memory_order_relaxed), size);
+    detail::add(skip, -settled);
     return settled;
 }
 
@@ -224,7 +239,6 @@ void petri_transition::insert_arc(list<petri_arc*>::prepared&& inserted) {
 void petri_transition::operator()() {
     try {
         _function();
-        _net->_terminate_transition(this);
     } catch (...) {
         assure(("unexpected exception", 0));
     }
@@ -236,58 +250,159 @@ petri_queue_function::petri_queue_function(petri_queue_function const&) = defaul
 petri_queue_function& petri_queue_function::operator=(petri_queue_function const&) = default;
 petri_queue_function::~petri_queue_function() = default;
 
-void petri_queue_function::operator()() {
-    for (;;) {
-        petri_transition* transition;
-        thread_group* group;
-        unsigned int firings = 0;
-        {
-            detail::guard const hold(_net->_mutex);
-            while (_net->_queue.empty() && (_net->_firings != 0 || !_net->_acquired))
-                _net->_condition.acquire(_net->_mutex);
-            if (_net->_queue.empty())
-                break;  // at rest, and asked to stop
-            transition = *_net->_queue.begin();
-            _net->_dequeue(transition);
-            group = _net->_thread_groups[transition->group()];
-            for (; firings != group->threads() && transition->enabled(); ++firings)
-                _net->_initiate_transition(transition);
-        }
-        try {
-            for (; firings != 0; --firings)
-                group->schedule(*transition, transition->time(), transition->space());
-        } catch (...) {
-            assure(("unexpected exception", 0));
-        }
-    }
-    for (unsigned int i = 0; i != _net->_groups; ++i)
-        _net->_thread_groups[i]->conclude();
-}
-
-// Holds a net's mutex for a change that others may wait for, and wakes them when it
-// is done, also when an exception ends it half way.
+// Holds a net's mutex for a change. When it is done, also when an exception ends it
+// half way, it has fired what is enabled now and wakes whoever that concerns.
 class petri_net::change {
 public:
     explicit change(petri_net& net) : _net(net) {
         _net._mutex.acquire();
     }
     ~change() {
-        _net._mutex.release();
-        if (_changed)
-            _net._condition.release_all();
+        _net._dispatch();
+        _net._leave();
     }
     change(change const&) = delete;
     change& operator=(change const&) = delete;
 
-    // Nothing was changed after all: nobody is woken. Returns false.
-    bool cancel() {
-        return _changed = false;
-    }
-
 private:
     petri_net& _net;
-    bool _changed = true;
 };
+
+// The firings of a group that are initiated and have not ended, and the threads that run
+// them: it is the work that these are called with. All under the net's mutex.
+class petri_net::crew final : public thread_function {
+public:
+    crew(petri_net& net, thread_group& group, double space)
+        : _net(net), _group(group), _budget(space), _space(space) {}
+
+    unsigned int threads() const {
+        return _group.threads();
+    }
+
+    // Takes in a firing that has been initiated.
+    void insert(petri_transition* transition) {
+        // The group refuses it, with its own check.
+        if (transition->space() > _budget)
+            _group.schedule(*transition, transition->time(), transition->space());
+        _waiting.insert({transition, transition->time(), transition->space()});
+        touch();
+    }
+
+    // Whether one more thread is to be called, which counts as called then.
+    bool calls();
+
+    // Calls one, without the mutex.
+    void call() {
+        try {
+            _group.schedule(*this, 1.0, 0.0);
+        } catch (...) {
+            assure(("unexpected exception", 0));
+        }
+    }
+
+    // Has the net ask `calls` before its mutex is given up.
+    void touch() {
+        if (std::exchange(_is_touched, true))
+            return;
+        _next_touched = std::exchange(_net._touched, this);
+    }
+
+    crew* untouch() {
+        _is_touched = false;
+        return _next_touched;
+    }
+
+    // A thread fires until there is nothing left for it to do.
+    void operator()() override;
+
+private:
+    using queue = skip_list<triple<thread_function*, double, double>>;
+
+    petri_transition* _begin();
+    petri_transition* _go_on(petri_transition* ended);
+    petri_transition* _take();
+    queue::iterator _find() {
+        return _waiting.find_first([this](triple<thread_function*, double, double> const& waiting) {
+            return waiting.third <= _space;
+        });
+    }
+
+    petri_net& _net;
+    thread_group& _group;
+    double const _budget;
+    double _space;                // free at this moment
+    unsigned int _occupants = 0;  // firings that take space
+    queue _waiting;               // firings that no thread runs yet
+    unsigned int _called = 0;     // threads called and not gone
+    bool _coming = false;         // one of them has not begun
+    bool _is_touched = false;
+    crew* _next_touched = nullptr;
+};
+
+bool petri_net::crew::calls() {
+    if (_coming || _called == threads() || _waiting.empty() || _find() == _waiting.end())
+        return false;
+    _coming = true;
+    ++_called;
+    ++_net._called;
+    return true;
+}
+
+void petri_net::crew::operator()() {
+    for (petri_transition* firing = _begin(); firing != nullptr; firing = _go_on(firing))
+        (*firing)();
+}
+
+petri_transition* petri_net::crew::_begin() {
+    change const hold(_net);
+    _coming = false;
+    return _take();
+}
+
+petri_transition* petri_net::crew::_go_on(petri_transition* ended) {
+    change const hold(_net);
+    try {
+        _net._terminate_transition(ended);
+    } catch (...) {
+        assure(("unexpected exception", 0));
+    }
+    double const space = ended->space();
+    _space += space;
+    // Fractions of the space need not add up to it again.
+    if (space != 0 && --_occupants == 0)
+        _space = _budget;
+    _net._dispatch();
+    return _take();
+}
+
+// The firing to run next, or null when none fits; the thread is gone then.
+petri_transition* petri_net::crew::_take() {
+    touch();
+    auto const found = _find();
+    if (found == _waiting.end()) {
+        --_called;
+        --_net._called;
+        return nullptr;
+    }
+    auto* const taken = static_cast<petri_transition*>((*found).first);
+    double const space = (*found).third;
+    _waiting.erase(found);
+    _space -= space;
+    _occupants += space != 0;
+    return taken;
+}
+
+void petri_queue_function::operator()() {
+    { petri_net::change const start(*_net); }
+    {
+        detail::guard const hold(_net->_mutex);
+        while (!_net->_acquired || !_net->_at_rest())
+            _net->_rest.acquire(_net->_mutex);
+        _net->_dispatching = false;
+    }
+    for (unsigned int i = 0; i != _net->_groups; ++i)
+        _net->_thread_groups[i]->conclude();
+}
 
 // A slot of a place, reserved for a token that is given up unless it is put.
 class petri_net::slot {
@@ -364,7 +479,8 @@ petri_net::petri_net(unsigned int groups, unsigned int stack_size)
       _thread_group_acquireds(groups),
       _queue_function(this),
       _queue_thread(stack_size),
-      _condition(detail::current_spin()) {
+      _condition(detail::current_spin()),
+      _rest(0) {
     assure(_groups != 0);
 }
 
@@ -372,9 +488,12 @@ void petri_net::_construct_groups(triple<unsigned int, double, unsigned int> con
     _thread_group_acquired = new bool[_groups];
     _thread_groups = new thread_group* [_groups] {
     };
+    _crews = new crew* [_groups] {
+    };
     for (unsigned int i = 0; i != _groups; ++i) {
         _thread_group_acquired[i] = true;
         _thread_groups[i] = new thread_group(groups[i].first, groups[i].second, groups[i].third);
+        _crews[i] = new crew(*this, *_thread_groups[i], groups[i].second);
     }
 }
 
@@ -386,6 +505,10 @@ petri_net::~petri_net() {
         delete transition;
     for (petri_arc* arc : _arcs)
         delete arc;
+    if (_crews != nullptr)
+        for (unsigned int i = 0; i != _groups; ++i)
+            delete _crews[i];
+    delete[] _crews;
     if (_thread_groups != nullptr)
         for (unsigned int i = 0; i != _groups; ++i)
             delete _thread_groups[i];
@@ -473,8 +596,8 @@ list<petri_arc*>::iterator petri_net::end_arcs() {
     return _arcs.end();
 }
 
-// The engine. All of it is called with `_mutex` held, but for activation and
-// termination, which take it.
+// The engine. All of it is called with `_mutex` held, but for activation, which takes
+// it.
 
 void petri_net::_enqueue(petri_transition* transition) {
     _random = static_cast<unsigned int>(std::uint64_t{16807} * _random % 2147483647);
@@ -493,6 +616,7 @@ void petri_net::_dequeue(petri_transition* transition) {
 
 // The place has gained tokens.
 void petri_net::_enqueue_receive_arcs(petri_place* place) {
+    _news |= place->_receivers != 0 && place->receive_enabled(1);
     for (petri_arc* arc : place->arcs())
         if (arc->input() && arc->enabled())
             _enqueue_if_enabled(arc->transition());
@@ -500,6 +624,7 @@ void petri_net::_enqueue_receive_arcs(petri_place* place) {
 
 // The place has gained free slots.
 void petri_net::_enqueue_send_arcs(petri_place* place) {
+    _news |= place->_senders != 0 && place->send_enabled(1);
     for (petri_arc* arc : place->arcs())
         if (arc->output() && arc->enabled())
             _enqueue_if_enabled(arc->transition());
@@ -554,11 +679,65 @@ void petri_net::_initiate_transition(petri_transition* transition) {
 }
 
 void petri_net::_terminate_transition(petri_transition* transition) {
-    change const hold(*this);
     _enqueue_arcs(transition);
     transition->end_fire();
     --_firings;
     _enqueue_if_enabled(transition);
+}
+
+// Initiates the firings of all that is queued, of a reentrant transition as many at
+// once as its group has threads.
+void petri_net::_dispatch_transitions() {
+    while (!_queue.empty()) {
+        petri_transition* const transition = *_queue.begin();
+        _dequeue(transition);
+        crew& runs = *_crews[transition->group()];
+        for (unsigned int i = 0; i != runs.threads() && transition->enabled(); ++i) {
+            _initiate_transition(transition);
+            runs.insert(transition);
+        }
+    }
+}
+
+void petri_net::_dispatch() {
+    if (!_dispatching)
+        return;
+    try {
+        _dispatch_transitions();
+    } catch (...) {
+        assure(("unexpected exception", 0));
+    }
+}
+
+bool petri_net::_at_rest() const {
+    return _firings == 0 && _called == 0 && _queue.empty();
+}
+
+// Gives `_mutex` up, and wakes whoever has reason to look again.
+void petri_net::_leave() {
+    bool const stops = _acquired && _at_rest();
+    bool const news = std::exchange(_news, false);
+    crew* called = nullptr;
+    bool more;
+    do {
+        if (called != nullptr)
+            _mutex.acquire();
+        called = nullptr;
+        while (called == nullptr && _touched != nullptr) {
+            crew* const touched = _touched;
+            _touched = touched->untouch();
+            if (touched->calls())
+                called = touched;
+        }
+        more = _touched != nullptr;
+        _mutex.release();
+        if (called != nullptr)
+            called->call();
+    } while (more);
+    if (news)
+        _condition.release_all();
+    if (stops)
+        _rest.release_one();
 }
 
 void petri_net::activate(petri_transition* transition) {
@@ -581,10 +760,25 @@ void petri_net::_enqueue_initial_transitions() {
     }
 }
 
+void petri_net::_await_token(petri_place* place) {
+    while (!place->receive_enabled(1)) {
+        ++place->_receivers;
+        _condition.acquire(_mutex);
+        --place->_receivers;
+    }
+}
+
+void petri_net::_await_slot(petri_place* place) {
+    while (!place->send_enabled(1)) {
+        ++place->_senders;
+        _condition.acquire(_mutex);
+        --place->_senders;
+    }
+}
+
 void petri_net::peek(petri_place* place, any& token) {
     detail::guard const hold(_mutex);
-    while (!place->receive_enabled(1))
-        _condition.acquire(_mutex);
+    _await_token(place);
     place->peek(token);
 }
 
@@ -598,30 +792,28 @@ bool petri_net::try_peek(petri_place* place, any& token) {
 
 void petri_net::receive(petri_place* place, any& token) {
     change const hold(*this);
-    while (!place->receive_enabled(1))
-        _condition.acquire(_mutex);
+    _await_token(place);
     _receive(place, token);
 }
 
 bool petri_net::try_receive(petri_place* place, any& token) {
-    change hold(*this);
+    change const hold(*this);
     if (!place->receive_enabled(1))
-        return hold.cancel();
+        return false;
     _receive(place, token);
     return true;
 }
 
 void petri_net::send(petri_place* place, any const& token) {
     change const hold(*this);
-    while (!place->send_enabled(1))
-        _condition.acquire(_mutex);
+    _await_slot(place);
     _send(place, token);
 }
 
 bool petri_net::try_send(petri_place* place, any const& token) {
-    change hold(*this);
+    change const hold(*this);
     if (!place->send_enabled(1))
-        return hold.cancel();
+        return false;
     _send(place, token);
     return true;
 }
@@ -665,6 +857,7 @@ void petri_net::release() {
     {
         detail::guard const hold(_mutex);
         _acquired = false;
+        _dispatching = true;
     }
     _queue_thread.schedule(_queue_function);
     _queue_thread.release();

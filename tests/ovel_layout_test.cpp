@@ -126,8 +126,8 @@ struct ovel::detail::inspector {
            _after);
     LAYOUT(any, (4, 8), (0, 0), _content);
     LAYOUT(channel, (24, 40), (0, 0), _capacity, _size, _begin, _end, _back, _front);
-    LAYOUT(petri_place, (708, 744), (0, 0), _before, _channel, _between, _size, _receive_size,
-           _send_size, _receive_skip, _send_skip, _arcs, _mutex);
+    LAYOUT(petri_place, (716, 752), (0, 0), _before, _channel, _between, _size, _receive_size,
+           _send_size, _receive_skip, _send_skip, _arcs, _mutex, _receivers, _senders);
     // `offsetof` finds no references: what lies behind one is a line of its own.
     LAYOUT(petri_arc, (20, 40), (0, 0), _input, _place, _transition);
     LAYOUT(petri_arc, (20, 40), (16, 32), _size);
@@ -138,9 +138,10 @@ struct ovel::detail::inspector {
     LAYOUT(petri_transition, (448, 488, 456), (264, 272), _reentrant, _time, _space, _group, _net,
            _activated, _firing, _random, _arcs, _iterator, _after);
     LAYOUT(petri_queue_function, (392, 400), (132, 136), _before, _net, _after);
-    LAYOUT(petri_net, (2468, 2560), (0, 0), _mutex, _groups, _firings, _acquired, _random,
+    LAYOUT(petri_net, (3808, 3920), (0, 0), _mutex, _groups, _firings, _acquired, _random,
            _queue_thread_acquired, _thread_group_acquireds, _thread_group_acquired, _queue_function,
-           _queue_thread, _thread_groups, _places, _transitions, _arcs, _queue, _condition);
+           _queue_thread, _thread_groups, _places, _transitions, _arcs, _queue, _condition, _rest,
+           _crews, _touched, _called, _dispatching, _news);
 
     static_assert(sizeof(list<int*>::iterator) == sizeof(void*));
     static_assert(sizeof(skip_list<int*>::iterator) == sizeof(void*));

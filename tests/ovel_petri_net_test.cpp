@@ -63,16 +63,17 @@ struct ovel::detail::inspector {
         guard const hold(net._mutex);
         return t->queued() ? t->random() : 0;
     }
-    // What the queue thread and the end of a firing do.
+    // What the start and the end of a firing do.
     static void dispatch(petri_net& net, petri_transition* t) {
         guard const hold(net._mutex);
         net._dequeue(t);
         net._initiate_transition(t);
     }
     static void terminate(petri_net& net, petri_transition* t) {
+        guard const hold(net._mutex);
         net._terminate_transition(t);
     }
-    // Threads that wait for a change of the net, each after it has looked.
+    // Callers that wait for a change of the net, each after it has looked.
     static unsigned int sleepers(petri_net const& net) {
         return net._condition._queued.load();
     }
@@ -174,8 +175,8 @@ struct test_net : petri_net {
         acquire();
         inspector::expect_invariants(*this, true);
     }
-    // Everything that is queued has been dispatched, since the queue thread takes it
-    // and reserves for it under one hold of the mutex.
+    // Everything that is queued has been dispatched, since it is taken from the queue
+    // and reserved for under one hold of the mutex.
     void await_dispatch() {
         until([this] { return inspector::queue_empty(*this); });
     }
@@ -492,7 +493,6 @@ TEST(petri_engine_test, a_transition_is_dispatched_only_while_it_is_activated) {
     EXPECT_EQ(net.queued(t), 282475249u);
     net.deactivate(t);
     net.release();
-    net.await_sleepers(1);
     EXPECT_EQ(inspector::firings(net), 0u);
 
     net.activate(t);
@@ -583,8 +583,7 @@ TEST(petri_token_test, blocked_callers_get_what_other_clients_put_and_take) {
     EXPECT_EQ(sum, 63);
 }
 
-// Two sleep beside the queue thread: one for the slot that a firing gives up, one
-// for the token that it puts.
+// Two sleep: one for the slot that a firing gives up, one for the token that it puts.
 TEST(petri_token_test, blocked_callers_get_what_a_firing_leaves) {
     test_net net;
     code function;
@@ -597,7 +596,7 @@ TEST(petri_token_test, blocked_callers_get_what_a_firing_leaves) {
     {
         auto const sender = client([&] { net.send(in, 7); });
         auto const receiver = client([&] { net.receive(out, first); });
-        net.await_sleepers(3);
+        net.await_sleepers(2);
         t->activate();
     }
     net.receive(out, second);

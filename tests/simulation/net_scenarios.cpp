@@ -7,6 +7,7 @@
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
 #include "ovel_petri_net.h"
+#include "ovel_semaphore.h"
 #include "ovel_time.h"
 #include "scenarios.h"
 
@@ -310,6 +311,105 @@ registration const blocked_clients({
                 for (detail::atomic<unsigned int>& each : received)
                     assure(each == 1);
                 inspector::expect_at_rest(through.net, [](petri_transition*) { return false; });
+            }
+            books.settle_without_pool();
+        },
+    .variants = 2,
+});
+
+// Takes a token, lets another go on, and waits until it may go on itself.
+struct meeting : petri_function {
+    void operator()() override {
+        any token;
+        from->receive(token);
+        if (other != nullptr)
+            other->release();
+        if (own != nullptr)
+            own->acquire();
+    }
+
+    petri_place* from = nullptr;
+    semaphore* own = nullptr;
+    semaphore* other = nullptr;
+};
+
+// Two transitions whose firings need each other, and a third that takes a thread and
+// some of the space meanwhile: what fits waits only while all threads are busy.
+registration const firings_that_meet({
+    .name = "net_fires_side_by_side_what_fits",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant % 2);
+            {
+                bool const with_space = variant / 2 == 1;
+                constexpr int tokens = 2;
+                semaphore here[2] = {{0, 0}, {0, 0}};
+                meeting functions[3];
+                petri_net net(2 + pick(2), with_space ? 10.0 : 0.0, 16384);
+                petri_place* places[3];
+                for (unsigned int each = 0; each != 3; ++each) {
+                    if (each != 2) {
+                        functions[each].own = &here[each];
+                        functions[each].other = &here[1 - each];
+                    }
+                    double const space = with_space ? 5.0 - (each == 2) * pick(3) : 0.0;
+                    petri_transition* const made =
+                        net.insert_transition(functions[each], false, 1.0 + pick(2), space, 0);
+                    places[each] = net.insert_place(tokens);
+                    net.insert_input_arc(places[each], made->input(functions[each].from));
+                }
+                unsigned int const before = pick(3);
+                for (unsigned int each = 0; each != before; ++each)
+                    net.send(places[each], 0);
+                begin();
+                net.release();
+                {
+                    auto const send = [&](unsigned int place) {
+                        owned_allocator const own;
+                        for (int token = place < before; token != tokens; ++token)
+                            net.send(places[place], token);
+                    };
+                    worker one([&] { send(0); }), two([&] { send(1); });
+                    for (int token = 2 < before; token != tokens; ++token)
+                        net.send(places[2], token);
+                }
+                stop(net, 0);
+                inspector::expect_at_rest(net, [](petri_transition*) { return false; });
+            }
+            books.settle_without_pool();
+        },
+    .variants = 4,
+});
+
+// A client sends while the net stops: its token is fired before the stop, or stays.
+registration const late_tokens({
+    .name = "net_stops_while_a_token_comes",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant);
+            {
+                petri_net net(2, 0.0, 16384);
+                semaphore go(0, 0);
+                meeting function;
+                function.own = &go;
+                petri_place* const place = net.insert_place(2);
+                net.insert_input_arc(
+                    place,
+                    net.insert_transition(function, true, 1.0, 0.0, 0)->input(function.from));
+                begin();
+                net.release();
+                net.send(place, 0);
+                {
+                    worker late([&] {
+                        owned_allocator const own;
+                        net.send(place, 1);
+                    });
+                    go.release();
+                    go.release();
+                    net.acquire();
+                }
+                inspector::expect_at_rest(net, [](petri_transition*) { return true; });
+                assure(inspector::tokens(*place) <= 1);
             }
             books.settle_without_pool();
         },
