@@ -1,0 +1,273 @@
+// The library's memory under containers, memory resources, and a whole program.
+//
+//     std::vector<int, container_allocator<int>> numbers;
+//     std::pmr::list<int> queue(memory_resource::global());
+//
+// The rules of `allocator_support` hold: any thread may free what another allocated,
+// and a thread that the library did not start needs an allocator of its own, say by
+// the scope `thread_allocator` of `ovel_work.h`. It stands beside the library and
+// `ovel.h` does not include it, since it draws <memory_resource> in.
+#ifndef OVEL_MEMORY_H
+#define OVEL_MEMORY_H
+
+#include "ovel_allocator_group.h"
+#include "ovel_allocator_support.h"
+#include "ovel_atomic.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <memory_resource>
+#include <new>
+
+namespace ovel {
+
+namespace detail {
+
+// The bytes to ask for so that the memory is aligned to 16: blocks of 16 bytes and
+// less are aligned to 8 only.
+inline std::size_t bytes_aligned_to_16(std::size_t bytes) {
+    return bytes > 16 ? bytes : 17;
+}
+
+// Memory of any alignment, a power of two. Up to 16 it is a block of
+// `allocator_support`; beyond, it lies within one, whose address is before it.
+inline void* allocate_aligned(std::size_t bytes, std::size_t alignment) {
+    if (alignment <= 8)
+        return allocator_support::allocate(bytes);
+    if (alignment <= 16)
+        return allocator_support::allocate(bytes_aligned_to_16(bytes));
+    std::size_t const room = alignment + sizeof(void*);
+    if (bytes > std::numeric_limits<std::size_t>::max() - room)
+        throw std::bad_alloc();
+    char* const block = static_cast<char*>(allocator_support::allocate(bytes + room));
+    auto const address = reinterpret_cast<std::uintptr_t>(block) + sizeof(void*);
+    void** const memory =
+        reinterpret_cast<void**>(block + sizeof(void*) + (alignment - address % alignment));
+    memory[-1] = block;
+    return memory;
+}
+
+// Takes the same alignment.
+inline void deallocate_aligned(void* memory, std::size_t alignment) {
+    if (alignment > 16 && memory != nullptr)
+        memory = static_cast<void**>(memory)[-1];
+    allocator_support::deallocate(memory);
+}
+
+}  // namespace detail
+
+// An allocator for the standard containers. All are equal: what one allocates any
+// other frees. `allocate` throws std::bad_alloc.
+template <class T>
+class container_allocator {
+public:
+    using value_type = T;
+
+    container_allocator() = default;
+    template <class U>
+    container_allocator(container_allocator<U> const&) {}
+
+    // Memory for `size` objects.
+    T* allocate(std::size_t size) {
+        if (size > std::numeric_limits<std::size_t>::max() / sizeof(T))
+            throw std::bad_array_new_length();
+        return static_cast<T*>(detail::allocate_aligned(size * sizeof(T), alignof(T)));
+    }
+    void deallocate(T* memory, std::size_t) {
+        detail::deallocate_aligned(memory, alignof(T));
+    }
+
+    template <class U>
+    bool operator==(container_allocator<U> const&) const {
+        return true;
+    }
+};
+
+// The same for the polymorphic containers. All are equal.
+class memory_resource : public std::pmr::memory_resource {
+public:
+    // One for the process, never destroyed.
+    static memory_resource* global() {
+        static memory_resource* const resource = new memory_resource;
+        return resource;
+    }
+
+private:
+    void* do_allocate(std::size_t bytes, std::size_t alignment) override {
+        return detail::allocate_aligned(bytes, alignment);
+    }
+    void do_deallocate(void* memory, std::size_t, std::size_t alignment) override {
+        detail::deallocate_aligned(memory, alignment);
+    }
+    bool do_is_equal(std::pmr::memory_resource const& other) const noexcept override {
+        return dynamic_cast<memory_resource const*>(&other) != nullptr;
+    }
+};
+
+namespace detail {
+
+// Stands around each use of the memory by the program's operators, and sees to it
+// that the thread has an allocator of its own. The first thread of the process has
+// the default one to itself.
+class memory_use {
+public:
+    memory_use() {
+        allocator_group& group = *allocator_group::global();
+        if (group.specific_allocator() == group.default_allocator() && _state != first) [[unlikely]]
+            _begin(group);
+    }
+    ~memory_use() {
+        if (_passing) [[unlikely]]
+            _release();
+    }
+    memory_use(memory_use const&) = delete;
+    memory_use& operator=(memory_use const&) = delete;
+
+private:
+    enum state : unsigned char { fresh, first, lasting, ended };
+
+    // Gives the allocator back when the thread ends.
+    struct scope {
+        ~scope() {
+            _state = ended;
+            _release();
+        }
+    };
+
+    void _begin(allocator_group& group) {
+        // Relaxed: it only tells one thread from the others.
+        if (_state == fresh && !_begun.exchange(true, std::memory_order_relaxed)) {
+            _state = first;
+            return;
+        }
+        group.acquire_allocator();
+        if (_state == fresh) {
+            _state = lasting;
+            // Registering what is to be destroyed may itself use the memory.
+            static thread_local scope const own;
+            static_cast<void>(&own);
+        } else {
+            // Other objects of the thread are destroyed after its scope.
+            _passing = true;
+        }
+    }
+
+    static void _release() {
+        allocator_group& group = *allocator_group::global();
+        group.release_allocator();
+        group.specific_allocator(nullptr);  // it may be another thread's by now
+    }
+
+    static inline atomic<bool> _begun{false};
+    static inline thread_local constinit state _state = fresh;
+
+    bool _passing = false;
+};
+
+inline void* program_new(std::size_t bytes, std::size_t alignment) {
+    for (;;) {
+        try {
+            memory_use const use;
+            return allocate_aligned(bytes, alignment);
+        } catch (std::bad_alloc const&) {
+            std::new_handler const handler = std::get_new_handler();
+            if (handler == nullptr)
+                throw;
+            handler();
+        }
+    }
+}
+
+// What is shorter than 16 bytes cannot need their alignment.
+inline void* program_new(std::size_t bytes) {
+    return program_new(bytes, bytes < 16 ? 8 : 16);
+}
+inline void* program_new(std::size_t bytes, std::align_val_t alignment) {
+    return program_new(bytes, static_cast<std::size_t>(alignment));
+}
+
+template <class... Alignment>
+void* program_new_nothrow(std::size_t bytes, Alignment... alignment) noexcept {
+    try {
+        return program_new(bytes, alignment...);
+    } catch (std::bad_alloc const&) {
+        return nullptr;
+    }
+}
+
+inline void program_delete(void* memory, std::align_val_t alignment = std::align_val_t{1}) {
+    memory_use const use;
+    deallocate_aligned(memory, static_cast<std::size_t>(alignment));
+}
+
+}  // namespace detail
+
+}  // namespace ovel
+
+// Written once in a program, outside all namespaces, replaces its `new` and `delete`:
+// their memory is the library's, and each thread gets an allocator of its own with its
+// first use of either and gives it back when it ends. A thread that uses the library
+// before that begins with a `thread_allocator`.
+//
+// A thread of the library gives its own allocator back before its objects of thread
+// storage duration are destroyed: those must not own memory. On Windows the program
+// links the standard library statically, or a part of its memory would be of that
+// library's own operators.
+//
+//     #include <ovel_memory.h>
+//     OVEL_REPLACE_NEW_AND_DELETE;
+// clang-format off
+#define OVEL_REPLACE_NEW_AND_DELETE                                                            \
+    void* operator new(std::size_t n) { return ovel::detail::program_new(n); }                 \
+    void* operator new[](std::size_t n) { return ovel::detail::program_new(n); }               \
+    void* operator new(std::size_t n, std::align_val_t a) {                                    \
+        return ovel::detail::program_new(n, a);                                                \
+    }                                                                                          \
+    void* operator new[](std::size_t n, std::align_val_t a) {                                  \
+        return ovel::detail::program_new(n, a);                                                \
+    }                                                                                          \
+    void* operator new(std::size_t n, std::nothrow_t const&) noexcept {                        \
+        return ovel::detail::program_new_nothrow(n);                                           \
+    }                                                                                          \
+    void* operator new[](std::size_t n, std::nothrow_t const&) noexcept {                      \
+        return ovel::detail::program_new_nothrow(n);                                           \
+    }                                                                                          \
+    void* operator new(std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept {    \
+        return ovel::detail::program_new_nothrow(n, a);                                        \
+    }                                                                                          \
+    void* operator new[](std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept {  \
+        return ovel::detail::program_new_nothrow(n, a);                                        \
+    }                                                                                          \
+    void operator delete(void* p) noexcept { ovel::detail::program_delete(p); }                \
+    void operator delete[](void* p) noexcept { ovel::detail::program_delete(p); }              \
+    void operator delete(void* p, std::size_t) noexcept { ovel::detail::program_delete(p); }   \
+    void operator delete[](void* p, std::size_t) noexcept { ovel::detail::program_delete(p); } \
+    void operator delete(void* p, std::align_val_t a) noexcept {                               \
+        ovel::detail::program_delete(p, a);                                                    \
+    }                                                                                          \
+    void operator delete[](void* p, std::align_val_t a) noexcept {                             \
+        ovel::detail::program_delete(p, a);                                                    \
+    }                                                                                          \
+    void operator delete(void* p, std::size_t, std::align_val_t a) noexcept {                  \
+        ovel::detail::program_delete(p, a);                                                    \
+    }                                                                                          \
+    void operator delete[](void* p, std::size_t, std::align_val_t a) noexcept {                \
+        ovel::detail::program_delete(p, a);                                                    \
+    }                                                                                          \
+    void operator delete(void* p, std::nothrow_t const&) noexcept {                            \
+        ovel::detail::program_delete(p);                                                       \
+    }                                                                                          \
+    void operator delete[](void* p, std::nothrow_t const&) noexcept {                          \
+        ovel::detail::program_delete(p);                                                       \
+    }                                                                                          \
+    void operator delete(void* p, std::align_val_t a, std::nothrow_t const&) noexcept {        \
+        ovel::detail::program_delete(p, a);                                                    \
+    }                                                                                          \
+    void operator delete[](void* p, std::align_val_t a, std::nothrow_t const&) noexcept {      \
+        ovel::detail::program_delete(p, a);                                                    \
+    }                                                                                          \
+    static_assert(true, "the macro may end with a semicolon")
+// clang-format on
+
+#endif

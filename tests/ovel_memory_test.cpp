@@ -1,0 +1,126 @@
+// This program replaces its allocation operators by those of ovel_memory.h, with
+// which all of GoogleTest then runs as well.
+
+#include "ovel_memory.h"
+
+#include "ovel_allocator_group.h"
+#include "ovel_allocator_support.h"
+#include "ovel_test.h"
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <list>
+#include <memory>
+#include <memory_resource>
+#include <mutex>
+#include <new>
+#include <set>
+#include <string>
+#include <vector>
+
+OVEL_REPLACE_NEW_AND_DELETE;
+
+namespace {
+
+using ovel::allocator_group;
+using ovel::allocator_support;
+using ovel::container_allocator;
+using ovel::memory_resource;
+
+bool aligned(void const* memory, std::size_t alignment) {
+    return reinterpret_cast<std::uintptr_t>(memory) % alignment == 0;
+}
+
+struct alignas(16) sixteen {
+    char bytes[16];
+};
+struct alignas(256) far_apart {
+    char bytes[256];
+};
+
+// Many of each, since one may be aligned by luck.
+TEST(memory_test, every_way_in_aligns_and_gives_back) {
+    memory_resource::global();  // built by its first use, and kept
+    std::size_t const before = allocator_support::allocated_size();
+    {
+        std::list<sixteen, container_allocator<sixteen>> some(20);
+        std::list<far_apart, container_allocator<far_apart>> others(20);
+        std::pmr::list<far_apart> resources(20, memory_resource::global());
+        std::vector<std::unique_ptr<sixteen>> plain;
+        std::vector<std::unique_ptr<far_apart>> wide;
+        std::vector<container_allocator<sixteen>::value_type*> bare;
+        container_allocator<sixteen> const source;
+        for (int i = 0; i < 20; ++i) {
+            plain.push_back(std::make_unique<sixteen>());
+            wide.push_back(std::make_unique<far_apart>());
+            bare.push_back(container_allocator<sixteen>(source).allocate(1));
+            EXPECT_TRUE(aligned(plain.back().get(), 16) && aligned(bare.back(), 16));
+            EXPECT_TRUE(aligned(wide.back().get(), 256));
+        }
+        for (auto const* list : {&others})
+            for (far_apart const& each : *list)
+                EXPECT_TRUE(aligned(&each, 256));
+        for (far_apart const& each : resources)
+            EXPECT_TRUE(aligned(&each, 256));
+        EXPECT_GT(allocator_support::allocated_size(), before + 80 * sizeof(far_apart) / 2);
+        for (sixteen* memory : bare)
+            container_allocator<sixteen>().deallocate(memory, 1);
+    }
+    EXPECT_EQ(allocator_support::allocated_size(), before);
+}
+
+TEST(memory_test, more_than_there_can_be_is_refused) {
+    std::size_t const most = std::numeric_limits<std::size_t>::max();
+    container_allocator<far_apart> source;
+    EXPECT_THROW(source.allocate(most / sizeof(far_apart)), std::bad_alloc);
+    EXPECT_THROW(source.allocate(most / 2), std::bad_alloc);
+    EXPECT_EQ(::operator new(most, std::align_val_t(256), std::nothrow), nullptr);
+}
+
+TEST(memory_test, resources_are_equal_among_themselves_only) {
+    memory_resource other;
+    EXPECT_TRUE(*memory_resource::global() == other);
+    EXPECT_FALSE(other == *std::pmr::new_delete_resource());
+}
+
+// Owned by each thread that touches it, and freed after the scope that gives the
+// thread's allocator back, since it is older.
+struct late {
+    ~late() {
+        delete text;
+        delete new std::string(100, 'y');
+    }
+    std::string* text = nullptr;
+};
+
+// Threads that live at the same time have different allocators, and those that come
+// later have them again: who did not give its own back would leave it to nobody.
+TEST(memory_test, a_thread_has_its_allocator_from_its_first_use_to_its_end) {
+    allocator_group& group = *allocator_group::global();
+    std::mutex lock;
+    std::set<ovel::allocator*> seen;
+    for (int round = 0; round < 50; ++round) {
+        std::set<ovel::allocator*> now;
+        auto const threads = crew(3, [&](int) {
+            static thread_local late kept;
+            kept.text = new std::string(100, 'x');
+            {
+                std::lock_guard const hold(lock);
+                now.insert(group.specific_allocator());
+                seen.insert(group.specific_allocator());
+            }
+            until([&] {
+                std::lock_guard const hold(lock);
+                return now.size() == 3;
+            });
+        });
+    }
+    EXPECT_EQ(seen.count(group.default_allocator()), 0u);
+    // A thread that is ending may not have given back when the next one begins.
+    EXPECT_LE(seen.size(), 6u);
+}
+
+}  // namespace
