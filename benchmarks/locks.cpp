@@ -1,0 +1,305 @@
+// The group locks: what it costs to take a lock and to give it back, alone and
+// against others.
+//
+// All contestants put a thread to sleep that waits for long: what only spins is no
+// lock to choose when there may be more threads than processors.
+#include "ovel_benchmark.h"
+#include "ovel_mutex.h"
+#include "ovel_semaphore.h"
+
+#include <pthread.h>
+#include <semaphore.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <semaphore>
+#include <thread>
+#include <vector>
+
+#if defined(OVEL_PEER_ABSL)
+#include <absl/synchronization/mutex.h>
+#endif
+#if defined(OVEL_PEER_NSYNC)
+#include <nsync.h>
+#endif
+#if defined(OVEL_PEER_TBB)
+#include <oneapi/tbb/mutex.h>
+#endif
+
+namespace {
+
+using ovel_benchmark::placement;
+
+// Locks with `acquire` and `release`, whatever their own names for that are.
+
+template <class Mutex>
+struct standard {
+    Mutex mutex;
+    void acquire() {
+        mutex.lock();
+    }
+    void release() {
+        mutex.unlock();
+    }
+};
+
+class posix_mutex {
+public:
+    explicit posix_mutex(int kind = PTHREAD_MUTEX_DEFAULT) {
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_settype(&attributes, kind);
+        pthread_mutex_init(&_mutex, &attributes);
+        pthread_mutexattr_destroy(&attributes);
+    }
+    ~posix_mutex() {
+        pthread_mutex_destroy(&_mutex);
+    }
+    posix_mutex(posix_mutex const&) = delete;
+    posix_mutex& operator=(posix_mutex const&) = delete;
+
+    void acquire() {
+        pthread_mutex_lock(&_mutex);
+    }
+    void release() {
+        pthread_mutex_unlock(&_mutex);
+    }
+
+private:
+    pthread_mutex_t _mutex;
+};
+
+struct posix_recursive_mutex : posix_mutex {
+    posix_recursive_mutex() : posix_mutex(PTHREAD_MUTEX_RECURSIVE) {}
+};
+
+#if defined(OVEL_PEER_ABSL)
+struct absl_mutex {
+    absl::Mutex mutex;
+    void acquire() {
+        mutex.Lock();
+    }
+    void release() {
+        mutex.Unlock();
+    }
+};
+#endif
+
+#if defined(OVEL_PEER_NSYNC)
+struct nsync_mutex {
+    nsync::nsync_mu mutex = NSYNC_MU_INIT;
+    void acquire() {
+        nsync::nsync_mu_lock(&mutex);
+    }
+    void release() {
+        nsync::nsync_mu_unlock(&mutex);
+    }
+};
+#endif
+
+// Semaphores of count 1.
+
+struct ovel_semaphore : ovel::semaphore {
+    ovel_semaphore() : semaphore(1, ovel::default_spin) {}
+};
+
+struct ovel_timed_semaphore : ovel::timed_semaphore {
+    ovel_timed_semaphore() : timed_semaphore(1, 0) {}
+};
+
+struct standard_semaphore : std::counting_semaphore<> {
+    standard_semaphore() : counting_semaphore(1) {}
+};
+
+class posix_semaphore {
+public:
+    posix_semaphore() {
+        sem_init(&_semaphore, 0, 1);
+    }
+    ~posix_semaphore() {
+        sem_destroy(&_semaphore);
+    }
+    posix_semaphore(posix_semaphore const&) = delete;
+    posix_semaphore& operator=(posix_semaphore const&) = delete;
+
+    void acquire() {
+        sem_wait(&_semaphore);
+    }
+    void release() {
+        sem_post(&_semaphore);
+    }
+
+private:
+    sem_t _semaphore;
+};
+
+// A lock in lines of its own, and on the heap: what its address is derived from
+// must not help the compiler.
+template <class Lock>
+struct alignas(128) lonely {
+    Lock lock;
+};
+
+// Within the section and outside memory is what any other code may have made of it, so
+// that nothing of the lock stays in registers.
+template <class Lock>
+void take_over_and_over(Lock& lock, benchmark::State& state) {
+    benchmark::DoNotOptimize(&lock);
+    for (auto _ : state) {
+        lock.acquire();
+        benchmark::ClobberMemory();
+        lock.release();
+        benchmark::ClobberMemory();
+    }
+}
+
+template <class Lock>
+void pair(std::string const& row, std::string const& name) {
+    ovel_benchmark::contestant(row, name, [](benchmark::State& state) {
+        ovel_benchmark::pin const bound(1);
+        auto const held = std::make_unique<lonely<Lock>>();
+        take_over_and_over(held->lock, state);
+    });
+}
+
+// The pair inside another one.
+template <class Lock>
+void reenter(std::string const& row, std::string const& name) {
+    ovel_benchmark::contestant(row, name, [](benchmark::State& state) {
+        ovel_benchmark::pin const bound(1);
+        auto const held = std::make_unique<lonely<Lock>>();
+        held->lock.acquire();
+        take_over_and_over(held->lock, state);
+        held->lock.release();
+    });
+}
+
+struct contest {
+    int threads;
+    int work;  // steps of some nanoseconds each, between one section and the next
+    char const* row;
+};
+
+constexpr contest contests[] = {
+    {2, 0, "contended_by_2"},
+    {2, 32, "contended_by_2_with_work_outside"},
+    {4, 0, "contended_by_4"},
+    {4, 32, "contended_by_4_with_work_outside"},
+};
+
+struct outcome {
+    double seconds;
+    std::int64_t sections;
+    double least;  // the sections of the thread with the fewest, as a share of an equal part
+};
+
+// Threads that add to one number under the lock, over and over for a while.
+template <class Lock>
+outcome contend(contest const& how) {
+    struct alignas(128) member {
+        std::int64_t sections = 0;
+    };
+    struct alignas(128) number {
+        std::int64_t value = 0;
+    };
+    auto const held = std::make_unique<lonely<Lock>>();
+    number sum;
+    std::vector<member> members(static_cast<std::size_t>(how.threads));
+    std::atomic<bool> over = false;
+    auto const work = [&](int which) {
+        if (which == how.threads) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10 * how.threads));
+            over.store(true, std::memory_order_relaxed);
+            return;
+        }
+        std::int64_t sections = 0;
+        std::uint64_t outside = 1;
+        while (!over.load(std::memory_order_relaxed)) {
+            held->lock.acquire();
+            ++sum.value;
+            held->lock.release();
+            ++sections;
+            for (int step = 0; step < how.work; ++step)
+                outside = outside * 6364136223846793005u + 1442695040888963407u;
+            benchmark::DoNotOptimize(outside);
+        }
+        members[static_cast<std::size_t>(which)].sections = sections;
+    };
+    double const seconds = ovel_benchmark::run_together(how.threads + 1, placement::anywhere, work);
+    std::int64_t fewest = sum.value;
+    for (member const& each : members)
+        fewest = std::min(fewest, each.sections);
+    return {seconds, sum.value,
+            static_cast<double>(fewest) * how.threads / static_cast<double>(sum.value)};
+}
+
+template <class Lock>
+void contended(contest const& how, std::string const& name) {
+    ovel_benchmark::timed_contestant(how.row, name, [how](benchmark::State& state) {
+        std::int64_t sections = 0;
+        for (auto _ : state) {
+            outcome const result = contend<Lock>(how);
+            state.SetIterationTime(result.seconds);
+            sections += result.sections;
+        }
+        state.SetItemsProcessed(sections);
+    });
+}
+
+template <class Lock>
+void shared_fairly(contest const& how, std::string const& name) {
+    ovel_benchmark::timed_contestant(
+        std::string(how.row) + "_least_share", name, [how](benchmark::State& state) {
+            double sum = 0;
+            for (auto _ : state) {
+                outcome const result = contend<Lock>(how);
+                state.SetIterationTime(result.seconds);
+                sum += result.least;
+            }
+            state.counters["share"] = sum / static_cast<double>(state.iterations());
+        });
+}
+
+// Calls `use.template operator()<Lock>(name)` for every lock.
+template <class Use>
+void with_each_lock(Use const& use) {
+    use.template operator()<ovel::mutex>("ovel");
+    use.template operator()<ovel::timed_mutex>("ovel timed");
+    use.template operator()<standard<std::mutex>>("std::mutex");
+    use.template operator()<posix_mutex>("pthread_mutex");
+#if defined(OVEL_PEER_TBB)
+    use.template operator()<standard<tbb::mutex>>("tbb::mutex");
+#endif
+#if defined(OVEL_PEER_ABSL)
+    use.template operator()<absl_mutex>("absl::Mutex");
+#endif
+#if defined(OVEL_PEER_NSYNC)
+    use.template operator()<nsync_mutex>("nsync_mu");
+#endif
+}
+
+}  // namespace
+
+void ovel_benchmark::register_rows() {
+    with_each_lock([]<class Lock>(char const* name) { pair<Lock>("uncontended_pair", name); });
+    pair<ovel::recursive_mutex>("uncontended_pair", "ovel recursive");
+    contestant("uncontended_pair", "floor", two_locked_additions);
+
+    reenter<ovel::recursive_mutex>("reentry", "ovel");
+    reenter<ovel::timed_recursive_mutex>("reentry", "ovel timed");
+    reenter<standard<std::recursive_mutex>>("reentry", "std::recursive_mutex");
+    reenter<posix_recursive_mutex>("reentry", "pthread_mutex");
+
+    pair<ovel_semaphore>("semaphore_pair", "ovel");
+    pair<ovel_timed_semaphore>("semaphore_pair", "ovel timed");
+    pair<standard_semaphore>("semaphore_pair", "std::counting_semaphore");
+    pair<posix_semaphore>("semaphore_pair", "sem_t");
+    contestant("semaphore_pair", "floor", two_locked_additions);
+
+    for (contest const& how : contests) {
+        with_each_lock([&]<class Lock>(char const* name) { contended<Lock>(how, name); });
+        with_each_lock([&]<class Lock>(char const* name) { shared_fairly<Lock>(how, name); });
+    }
+}
