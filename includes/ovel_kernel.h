@@ -50,12 +50,28 @@ OVEL_EXPORT void* TlsGetValue(DWORD index);
 OVEL_EXPORT BOOL TlsSetValue(DWORD index, void* value);
 
 #if defined(OVEL_SIMULATION)
+
+OVEL_EXPORT unsigned long GetCurrentThreadId();
 OVEL_EXPORT void YieldProcessor();
+
 #else
+
+// What `GetCurrentThreadId` reads: the calling thread's identifier, or 0 until it
+// is asked for. Initial-exec, so that reading it is a load and no call.
+OVEL_EXPORT extern constinit thread_local unsigned int current_thread_id
+    [[gnu::tls_model("initial-exec")]];
+OVEL_EXPORT unsigned int find_current_thread_id();
+
+inline unsigned long GetCurrentThreadId() {
+    unsigned int const known = current_thread_id;
+    return known != 0 ? known : find_current_thread_id();
+}
+
 // The processor's hint that the caller polls a word.
 inline void YieldProcessor() {
     __builtin_ia32_pause();
 }
+
 #endif
 
 }  // namespace kernel

@@ -4,9 +4,12 @@
 
 #include "ovel_atomic.h"
 #include "ovel_frame.h"
+#include "ovel_kernel.h"
 #include "ovel_semaphore.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
+
+#include <limits>
 
 namespace ovel {
 
@@ -54,8 +57,7 @@ private:
     friend struct inspector;
 };
 
-// A mutex that its owner may take again. Members are defined, for both kinds of
-// semaphore, in the source file.
+// A mutex that its owner may take again.
 template <class Semaphore>
 class OVEL_EXPORT reentrant_mutex {
 public:
@@ -68,17 +70,44 @@ public:
         unsigned int depth;
     };
 
-    void acquire();
-    bool try_acquire();
-    void release();
+    void acquire() {
+        unsigned long const me = GetCurrentThreadId();
+        if (_owner.load(std::memory_order_relaxed) != me) {
+            _semaphore.acquire();
+            _owner.store(me, std::memory_order_relaxed);
+        }
+        _enter();
+    }
+    bool try_acquire() {
+        unsigned long const me = GetCurrentThreadId();
+        if (_owner.load(std::memory_order_relaxed) != me) {
+            if (!_semaphore.try_acquire())
+                return false;
+            _owner.store(me, std::memory_order_relaxed);
+        }
+        _enter();
+        return true;
+    }
+    void release() {
+        if (--_depth == 0) {
+            _owner.store(0, std::memory_order_relaxed);
+            _semaphore.release();
+        }
+    }
 
     // As those of `plain_mutex`; the depth is saved and restored with them.
     void acquire(state& saved, bool block);
     void release(state& saved, bool unlock);
 
 protected:
-    // Counts one more entry of the caller, who owns the semaphore.
-    void _enter(unsigned long me);
+    // Counts one more entry of the caller, who is the owner.
+    void _enter() {
+        if (_depth != std::numeric_limits<unsigned int>::max())
+            ++_depth;
+        else
+            _enter_once_too_often();
+    }
+    void _enter_once_too_often();
 
     [[maybe_unused]] cacheline _before;
     // The owner's thread identifier, or 0. Only the owner writes it, while it

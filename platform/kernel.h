@@ -90,7 +90,7 @@ std::uintptr_t _beginthreadex(void* security, unsigned int stack, unsigned int (
 // The calling thread.
 
 // Unlike that of any other thread alive, and not 0. A read, no call.
-unsigned long GetCurrentThreadId();
+//     unsigned long GetCurrentThreadId();
 unsigned long GetCurrentProcessId();
 
 // Stands for the calling thread, or process, in the mask services below.

@@ -16,41 +16,15 @@ template <class Semaphore>
 reentrant_mutex<Semaphore>::reentrant_mutex(unsigned int spin) : _semaphore(1, spin) {}
 
 template <class Semaphore>
-void reentrant_mutex<Semaphore>::_enter(unsigned long me) {
-    _owner.store(me, std::memory_order_relaxed);
+void reentrant_mutex<Semaphore>::_enter_once_too_often() {
     assure(++_depth != 0);
-}
-
-template <class Semaphore>
-void reentrant_mutex<Semaphore>::acquire() {
-    unsigned long const me = thread_support::thread_identifier();
-    if (_owner.load(std::memory_order_relaxed) != me)
-        _semaphore.acquire();
-    _enter(me);
-}
-
-template <class Semaphore>
-bool reentrant_mutex<Semaphore>::try_acquire() {
-    unsigned long const me = thread_support::thread_identifier();
-    if (_owner.load(std::memory_order_relaxed) != me && !_semaphore.try_acquire())
-        return false;
-    _enter(me);
-    return true;
-}
-
-template <class Semaphore>
-void reentrant_mutex<Semaphore>::release() {
-    if (--_depth == 0) {
-        _owner.store(0, std::memory_order_relaxed);
-        _semaphore.release();
-    }
 }
 
 template <class Semaphore>
 void reentrant_mutex<Semaphore>::acquire(state& saved, bool block) {
     if (block)
         saved.underlying->acquire();
-    _owner.store(thread_support::thread_identifier(), std::memory_order_relaxed);
+    _owner.store(GetCurrentThreadId(), std::memory_order_relaxed);
     _depth = saved.depth;
 }
 
@@ -86,10 +60,13 @@ timed_recursive_mutex::timed_recursive_mutex() : timed_recursive_mutex(detail::c
 timed_recursive_mutex::timed_recursive_mutex(unsigned int spin) : reentrant_mutex(spin) {}
 
 bool timed_recursive_mutex::timed_acquire(time const& deadline) {
-    unsigned long const me = thread_support::thread_identifier();
-    if (_owner.load(std::memory_order_relaxed) != me && !_semaphore.timed_acquire(deadline))
-        return false;
-    _enter(me);
+    unsigned long const me = GetCurrentThreadId();
+    if (_owner.load(std::memory_order_relaxed) != me) {
+        if (!_semaphore.timed_acquire(deadline))
+            return false;
+        _owner.store(me, std::memory_order_relaxed);
+    }
+    _enter();
     return true;
 }
 

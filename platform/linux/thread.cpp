@@ -23,17 +23,6 @@ namespace ovel {
 
 namespace {
 
-// The calling thread's identifier; 0 until it is asked for. Initial-exec, so that
-// reading it is a load and no call.
-[[gnu::tls_model("initial-exec")]] thread_local unsigned int identifier;
-
-unsigned int find_identifier() {
-    // The only thread of a forked child is another one than that which forked.
-    static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, [] { pthread_atfork(nullptr, nullptr, [] { identifier = 0; }); });
-    return identifier = static_cast<unsigned int>(gettid());
-}
-
 int add_thread_local_storage(dl_phdr_info* module, std::size_t, void* sum) {
     for (int i = 0; i < module->dlpi_phnum; ++i) {
         auto const& header = module->dlpi_phdr[i];
@@ -145,8 +134,13 @@ std::uintptr_t kernel::_beginthreadex(void*, unsigned int stack, unsigned int (*
     return reinterpret_cast<std::uintptr_t>(thread);
 }
 
-unsigned long kernel::GetCurrentThreadId() {
-    return identifier != 0 ? identifier : find_identifier();
+constinit thread_local unsigned int kernel::current_thread_id = 0;
+
+unsigned int kernel::find_current_thread_id() {
+    // The only thread of a forked child is another one than that which forked.
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, [] { pthread_atfork(nullptr, nullptr, [] { current_thread_id = 0; }); });
+    return current_thread_id = static_cast<unsigned int>(gettid());
 }
 
 unsigned long kernel::GetCurrentProcessId() {
