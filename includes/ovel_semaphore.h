@@ -11,6 +11,13 @@
 
 namespace ovel {
 
+namespace detail {
+
+template <class Semaphore>
+class basic_condition;
+
+}  // namespace detail
+
 // A counting semaphore that spins before it sleeps.
 //
 // `acquire` takes one unit and blocks until it has one; `release` gives one
@@ -42,8 +49,13 @@ public:
 
 private:
     friend struct detail::inspector;
+    template <class Semaphore>
+    friend class detail::basic_condition;
 
     void _poll() const;
+
+    // Gives back `count` units, 1 or more, with one call of the kernel at most.
+    void _release(int count);
 
     [[maybe_unused]] cacheline _before;
     // Units available; when negative, minus the number of threads committed to
@@ -79,7 +91,11 @@ public:
 private:
     friend struct detail::inspector;
 
+    template <class Semaphore>
+    friend class detail::basic_condition;
+
     bool _acquire_within(DWORD milliseconds);
+    void _release(int count);
 
     [[maybe_unused]] cacheline _before;
     HANDLE const _semaphore;

@@ -45,8 +45,10 @@ void basic_condition<Semaphore>::_release(bool all) {
         _released += count - 1;
         add(_queued, -count);
     }
-    for (; count != 0; --count)
+    if (count == 1)
         _wait.release();
+    else
+        _wait._release(static_cast<int>(count));
 }
 
 template <class Semaphore>

@@ -4,6 +4,7 @@
 
 #include "kernel.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace ovel {
@@ -40,6 +41,13 @@ void semaphore::_poll() const {
     }
 }
 
+void semaphore::_release(int count) {
+    int const asleep = -_value.fetch_add(count);
+    count = std::min(count, asleep);
+    if (count > 0)
+        assure(ReleaseSemaphore(_semaphore, count, 0) != 0);
+}
+
 timed_semaphore::timed_semaphore(int value, unsigned int)
     : _semaphore(value >= 0 ? CreateSemaphoreA(nullptr, value, maximum, nullptr) : nullptr) {
     assure(value >= 0);
@@ -72,6 +80,10 @@ bool timed_semaphore::_acquire_within(DWORD milliseconds) {
 
 void timed_semaphore::release() {
     assure(ReleaseSemaphore(_semaphore, 1, 0) != 0);
+}
+
+void timed_semaphore::_release(int count) {
+    assure(ReleaseSemaphore(_semaphore, count, 0) != 0);
 }
 
 }  // namespace ovel
