@@ -593,6 +593,7 @@ private:
     crew** _crews = nullptr;              // one for each group
     crew* _touched = nullptr;             // the first of those that may need a thread
     unsigned int _called = 0;             // threads called by the crews and not gone
+    unsigned int const _spin;             // pauses of a thread that waits for `_mutex`
     bool _dispatching = false;            // what is enabled is fired at once
     bool _news = false;                   // what a blocked caller waits for has come
 };
