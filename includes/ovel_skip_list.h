@@ -150,10 +150,16 @@ public:
     };
     using detached = std::unique_ptr<T, freeing>;
 
-    // Allocates for an insertion to come, so that most of those need not under the
-    // lock that guards the list. Throws std::bad_alloc.
-    static detached prepare(T const& value) {
-        return detached(_value(_allocate_node(value, 1)));
+    // Allocates for an insertion to come, so that it need not under the lock that
+    // guards the list, with links for `level` levels, 1 or more. Throws std::bad_alloc.
+    static detached prepare(T const& value, unsigned int level) {
+        return detached(_value(_allocate_node(value, level)));
+    }
+
+    // The level that the next insertion draws.
+    unsigned int next_level() const {
+        unsigned int seed = _seed;
+        return _head != nullptr ? _draw_level(seed) : 1;
     }
 
     // Inserts a copy where the order puts it and returns its position. Throws
@@ -161,18 +167,21 @@ public:
     iterator insert(T const& value) {
         position** predecessors[_max_capacity];
         position* const next = _find_place(value, predecessors);
-        unsigned int const level = _draw_level();
+        unsigned int const level = _draw_level(_seed);
         return _link(_allocate_node(value, level), next, predecessors);
     }
 
-    // The same with an element that was prepared, or a copy of it where it is too
-    // small to be linked on as many levels as it was drawn for.
+    // The same with an element that was prepared, or a copy of it where that was for
+    // fewer levels than it takes.
     iterator insert(detached& element) {
         position** predecessors[_max_capacity];
         position* const next = _find_place(*element, predecessors);
-        unsigned int const level = _draw_level();
-        return _link(level == 1 ? _node(element.release()) : _allocate_node(*element, level), next,
-                     predecessors);
+        unsigned int const level = _draw_level(_seed);
+        if (_level(_node(element.get())) < level)
+            element = prepare(*element, level);
+        position* const inserted = _node(element.release());
+        static_cast<links*>(inserted)->_level = level;
+        return _link(inserted, next, predecessors);
     }
 
     // Erases this very element, whatever equals it; returns the one behind it.
@@ -196,6 +205,9 @@ public:
         }
         while (_head->_level > 1 && _forward(_head)[_head->_level - 1] == &_end)
             --_head->_level;
+        // Who takes one element after the other does not wait for the next but one.
+        if (next != &_end)
+            __builtin_prefetch(_forward(next)[0], 1);
         --_size;
         return detached(_value(extracted));
     }
@@ -303,13 +315,14 @@ private:
 
     // The level of the next node: 1 for three of four, 2 for one of eight, then each
     // level for half as many as the one before; less than the head's capacity.
-    unsigned int _draw_level() {
+    // Advances the generator's state `seed`.
+    unsigned int _draw_level(unsigned int& seed) const {
         if (_size < 2)
             return 1;
         unsigned int level = 1;
         do
-            _seed = static_cast<unsigned int>(std::uint64_t{16807} * _seed % 2147483647);
-        while (_seed <= 0x3FFFFFFF && ++level != _head->_capacity);
+            seed = static_cast<unsigned int>(std::uint64_t{16807} * seed % 2147483647);
+        while (seed <= 0x3FFFFFFF && ++level != _head->_capacity);
         return level > 1 ? level - 1 : 1;
     }
 

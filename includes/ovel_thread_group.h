@@ -18,7 +18,7 @@ namespace ovel {
 namespace detail {
 
 // What the workers of a group and those who schedule share beside the fields that
-// the workers are built with. All under the group's mutex, but for `news`.
+// the workers are built with. Written under the group's mutex.
 struct thread_group_crew {
     double const budget;         // the space that the group was built with
     unsigned int const spin;     // polls before a worker sleeps
@@ -29,6 +29,9 @@ struct thread_group_crew {
     bool looking = false;
     // Changed for a worker that polls. Relaxed: it looks again under the mutex.
     atomic<unsigned int> news{0};
+    // How many levels the queue will next link work on, for who prepares it without
+    // the mutex. Relaxed: the insertion allocates anew where more are needed.
+    atomic<unsigned int> level{1};
 };
 
 // The loop of one worker of a group. It works on the fields of the group.

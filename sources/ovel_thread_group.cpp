@@ -302,12 +302,17 @@ unsigned int thread_group::stack_size() const {
 
 void thread_group::schedule(thread_function& function, double time, double space) {
     assure_schedulable(time, space, _crew.budget);
-    auto element = queue::prepare({&function, time, space});
+    auto element =
+        queue::prepare({&function, time, space}, _crew.level.load(std::memory_order_relaxed));
     bool wakes;
     {
         detail::held const hold(_mutex, _crew.spin);
         assure(!_concluded);
         _queue.insert(element);
+        // Mostly it stays, and so the workers' copy of this line.
+        unsigned int const level = _queue.next_level();
+        if (_crew.level.load(std::memory_order_relaxed) != level)
+            _crew.level.store(level, std::memory_order_relaxed);
         detail::tell(_crew);
         wakes = detail::wakes_one(_crew, _queue, _space);
     }

@@ -119,7 +119,7 @@ struct ovel::detail::inspector {
     LAYOUT(skip_list<int*>, (16, 32), (0, 0), _size, _head, _end, _seed);
     LAYOUT(list<int*>, (12, 24), (0, 0), _next, _previous, _size);
     LAYOUT(thread_element_group, (412, 432), (0, 0), _lock, _elements);
-    LAYOUT(thread_group, (1800, 1856, 1808), (0, 0), _mutex, _threads, _stack_size, _acquired,
+    LAYOUT(thread_group, (1804, 1856, 1808), (0, 0), _mutex, _threads, _stack_size, _acquired,
            _space, _concluded, _queue, _function, _thread, _thread_acquired, _condition, _crew);
     LAYOUT(thread_group_function_base, (156, 184), (152, 176), _crew);
     LAYOUT(ovel::thread, (272, 280), (0, 0), _before, _stack_size, _acquired, _function, _element,

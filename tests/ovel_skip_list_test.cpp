@@ -153,7 +153,9 @@ void walk(unsigned int seed) {
             auto const place = std::ranges::find_if(
                 model, [&](T const& e) { return ovel::skip_list_order<T>::precedes(value, e); });
             model.insert(place, value);
-            EXPECT_EQ(*sorted.insert(value), value);
+            // Some with room for more levels than they get, some with too little.
+            auto prepared = sorted.prepare(value, 1 + random() % 3);
+            EXPECT_EQ(*(step % 2 == 0 ? sorted.insert(value) : sorted.insert(prepared)), value);
         } else {
             auto const index = random() % model.size();
             auto const next = sorted.erase(std::next(sorted.begin(), index));
