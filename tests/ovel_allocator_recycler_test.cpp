@@ -22,9 +22,6 @@ struct ovel::detail::inspector {
     static std::size_t capacity() {
         return reservoir()._capacity;
     }
-    static std::size_t minimum_capacity() {
-        return reservoir()._minimum_capacity;
-    }
     static std::size_t first_capacity() {
         return reservoir()._empty._next->_capacity;
     }
@@ -79,26 +76,6 @@ TEST(recycler_test, a_fraction_of_the_capacity_leaves_down_to_about_a_mebibyte) 
     recycler.recycle_capacity(7.0);
     EXPECT_LT(inspector::capacity(), 1048579u);
     EXPECT_GE(inspector::capacity() + each, 1048579u);
-}
-
-TEST(recycler_test, only_what_lay_idle_since_the_last_time_counts_as_minimum) {
-    allocator_recycler& recycler = *allocator_recycler::global();
-    recycler.recycle_capacity(1.0);
-    recycler.recycle_minimum_capacity(1.0);
-    std::size_t const low = inspector::capacity();
-    EXPECT_EQ(inspector::minimum_capacity(), low);
-
-    // What has come in since does not leave: at most the low-water mark does.
-    fill(60);
-    std::size_t const full = inspector::capacity();
-    ASSERT_GT(full, 2 * low);
-    recycler.recycle_minimum_capacity(1.0);
-    EXPECT_GE(inspector::capacity(), full - low);
-    EXPECT_EQ(inspector::minimum_capacity(), inspector::capacity());
-
-    // A period later it has lain idle.
-    recycler.recycle_minimum_capacity(1.0);
-    EXPECT_LT(inspector::capacity(), 1048579u);
 }
 
 // The exit of this process joins the thread.

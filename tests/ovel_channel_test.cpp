@@ -16,53 +16,28 @@ using ovel::channel;
 
 namespace {
 
-// Counts its instances and its copies; copying throws while `fails` is set.
-struct counted {
-    explicit counted(int number_) : number(number_) {
-        ++alive;
-    }
-    counted(counted const& other) : number(other.number) {
-        if (fails)
-            throw std::bad_alloc();
-        ++alive;
-        ++copies;
-    }
-    counted(counted&& other) noexcept : number(other.number) {
-        ++alive;
-    }
-    ~counted() {
-        --alive;
-    }
-    int number;
-    static inline int alive = 0;
-    static inline int copies = 0;
-    static inline bool fails = false;
-};
-
 class any_test : public testing::Test {
 protected:
     any_test() {
-        counted::copies = 0;
+        fragile::copies = 0;
     }
     ~any_test() override {
-        EXPECT_EQ(counted::alive, 0);
+        EXPECT_EQ(fragile::alive, 0);
     }
 };
 using channel_test = any_test;
 
 int number(any const& token) {
-    return any_cast<counted>(token).number;
+    return any_cast<fragile>(token).number;
 }
 
 TEST_F(any_test, a_value_is_read_back_as_the_type_it_decays_to) {
-    any const empty;
-    EXPECT_TRUE(empty.empty());
-    EXPECT_EQ(empty.type(), typeid(void));
-    any text = "text";
+    any text;
+    EXPECT_EQ(text.type(), typeid(void));
+    text = "text";
     EXPECT_EQ(text.type(), typeid(char const*));
     std::string const source(100, 'x');
     text = source;
-    EXPECT_EQ(text.type(), typeid(std::string));
     any_cast<std::string>(text) += 'y';
     EXPECT_EQ(any_cast<std::string const&>(std::as_const(text)), source + 'y');
     EXPECT_EQ(any_cast<int>(&text), nullptr);
@@ -70,10 +45,10 @@ TEST_F(any_test, a_value_is_read_back_as_the_type_it_decays_to) {
 }
 
 TEST_F(any_test, copies_are_independent_and_moves_copy_nothing) {
-    any first = counted(1);
+    any first = fragile(1);
     any second = first;
-    EXPECT_EQ(counted::copies, 1);
-    any_cast<counted>(second).number = 2;
+    EXPECT_EQ(fragile::copies, 1);
+    any_cast<fragile>(second).number = 2;
 
     any third = std::move(second);
     EXPECT_TRUE(second.empty());
@@ -85,57 +60,45 @@ TEST_F(any_test, copies_are_independent_and_moves_copy_nothing) {
     third = same;
     third = std::move(same);
     EXPECT_EQ(number(third), 2);
-    EXPECT_EQ(counted::alive, 1);
+    EXPECT_EQ(fragile::alive, 1);
     third = any(first);
-    EXPECT_EQ(counted::alive, 0);
-    EXPECT_EQ(counted::copies, 1);
+    EXPECT_EQ(fragile::alive, 0);
+    EXPECT_EQ(fragile::copies, 1);
 }
 
 TEST_F(channel_test, tokens_come_out_in_the_order_sent_with_one_copy_each) {
     channel tokens(3);
-    EXPECT_EQ(tokens.capacity(), 3u);
     int sent = 0;
     int received = 0;
     // Every fill from 1 to 3 starts at every slot of the ring.
     for (int round = 0; round < 9; ++round) {
         for (int i = 0; i <= round / 3; ++i)
-            tokens.send(counted(sent++));
+            tokens.send(fragile(sent++));
         for (int i = 0; i <= round / 3; ++i) {
-            any token = counted(-1);
+            any token = fragile(-1);
             tokens.receive(token);
             EXPECT_EQ(number(token), received++);
-            EXPECT_EQ(counted::alive, sent - received + 1) << "the target's old value is gone";
+            EXPECT_EQ(fragile::alive, sent - received + 1) << "the target's old value is gone";
         }
     }
-    EXPECT_EQ(counted::copies, sent);
-    tokens.send(counted(sent));  // goes with the channel
+    EXPECT_EQ(fragile::copies, sent);
+    tokens.send(fragile(sent));  // goes with the channel
 }
 
-TEST_F(channel_test, peeking_copies_the_oldest_token_which_may_be_empty_and_leaves_it) {
+TEST_F(channel_test, peeking_copies_the_oldest_token_and_a_copy_that_fails_changes_nothing) {
     channel tokens(2);
-    tokens.send(counted(1));
-    tokens.send(any());
-    any token = counted(9);
-    tokens.peek(token);
-    any_cast<counted>(token).number = 5;
-    tokens.receive(token);
-    EXPECT_EQ(number(token), 1);
-    tokens.receive(token);
-    EXPECT_TRUE(token.empty());
-}
-
-TEST_F(channel_test, a_copy_that_fails_leaves_the_channel_unchanged) {
-    channel tokens(2);
-    any const token = counted(1);
-    any target = counted(2);
+    any const token = fragile(1);
+    any target = fragile(2);
     tokens.send(token);
-    counted::fails = true;
+    tokens.peek(target);
+    any_cast<fragile>(target).number = 5;
+    fragile::copies_left = 0;
     EXPECT_THROW(any{token}, std::bad_alloc);
     EXPECT_THROW(tokens.send(token), std::bad_alloc);
     EXPECT_THROW(tokens.peek(target), std::bad_alloc);
-    counted::fails = false;
+    fragile::copies_left = -1;
     EXPECT_TRUE(target.empty());
-    tokens.send(counted(3));
+    tokens.send(fragile(3));
     for (int const expected : {1, 3}) {
         tokens.receive(target);
         EXPECT_EQ(number(target), expected);

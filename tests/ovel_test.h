@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <new>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -33,6 +35,26 @@ bool elsewhere(Work const& work) {
     std::jthread([&] { result = work(); }).join();
     return result;
 }
+
+// A value that counts its instances and its copies. Copying it throws once
+// `copies_left`, which starts below zero, is used up.
+struct fragile {
+    explicit fragile(int number) : number(number) {
+        ++alive;
+    }
+    fragile(fragile const& other) : fragile(other.number) {
+        if (copies_left == 0)
+            throw std::bad_alloc();
+        --copies_left;
+        ++copies;
+    }
+    fragile(fragile&& other) noexcept : fragile(other.number) {}
+    ~fragile() {
+        --alive;
+    }
+    int number;
+    static inline std::atomic<int> alive = 0, copies = 0, copies_left = -1;
+};
 
 // A number, as a regular expression. GoogleTest brings its own, simpler expressions
 // where the system has none.
