@@ -23,43 +23,6 @@ namespace {
 std::atomic<unsigned int> news{0};
 std::atomic<unsigned int> deletes{0};
 
-void* counted_new(std::size_t bytes) {
-    ++news;
-    return std::malloc(bytes);
-}
-
-void counted_delete(void* memory) {
-    ++deletes;
-    std::free(memory);
-}
-
-// Windows keeps aligned memory apart.
-void* counted_new(std::size_t bytes, std::align_val_t wanted) {
-    ++news;
-    auto const alignment = static_cast<std::size_t>(wanted);
-#if defined(_WIN32)
-    return _aligned_malloc(bytes, alignment);
-#else
-    return std::aligned_alloc(alignment, (bytes + alignment) & ~(alignment - 1));
-#endif
-}
-
-void counted_delete(void* memory, std::align_val_t) {
-    ++deletes;
-#if defined(_WIN32)
-    _aligned_free(memory);
-#else
-    std::free(memory);
-#endif
-}
-
-template <class... Alignment>
-void* checked_new(std::size_t bytes, Alignment... alignment) {
-    if (void* const memory = counted_new(bytes, alignment...))
-        return memory;
-    throw std::bad_alloc();
-}
-
 // What `work` does through the program's operators, news and deletes apart.
 struct uses {
     unsigned int newed;
@@ -76,29 +39,20 @@ uses uses_of(Work const& work) {
 
 }  // namespace
 
-// clang-format off
-void* operator new(std::size_t n) { return checked_new(n); }
-void* operator new[](std::size_t n) { return checked_new(n); }
-void* operator new(std::size_t n, std::nothrow_t const&) noexcept { return counted_new(n); }
-void* operator new[](std::size_t n, std::nothrow_t const&) noexcept { return counted_new(n); }
-void* operator new(std::size_t n, std::align_val_t a) { return checked_new(n, a); }
-void* operator new[](std::size_t n, std::align_val_t a) { return checked_new(n, a); }
-void* operator new(std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept { return counted_new(n, a); }
-void* operator new[](std::size_t n, std::align_val_t a, std::nothrow_t const&) noexcept { return counted_new(n, a); }
-
-void operator delete(void* p) noexcept { counted_delete(p); }
-void operator delete[](void* p) noexcept { counted_delete(p); }
-void operator delete(void* p, std::size_t) noexcept { counted_delete(p); }
-void operator delete[](void* p, std::size_t) noexcept { counted_delete(p); }
-void operator delete(void* p, std::nothrow_t const&) noexcept { counted_delete(p); }
-void operator delete[](void* p, std::nothrow_t const&) noexcept { counted_delete(p); }
-void operator delete(void* p, std::align_val_t a) noexcept { counted_delete(p, a); }
-void operator delete[](void* p, std::align_val_t a) noexcept { counted_delete(p, a); }
-void operator delete(void* p, std::size_t, std::align_val_t a) noexcept { counted_delete(p, a); }
-void operator delete[](void* p, std::size_t, std::align_val_t a) noexcept { counted_delete(p, a); }
-void operator delete(void* p, std::align_val_t a, std::nothrow_t const&) noexcept { counted_delete(p, a); }
-void operator delete[](void* p, std::align_val_t a, std::nothrow_t const&) noexcept { counted_delete(p, a); }
-// clang-format on
+// The other forms lead to these, but for those of aligned memory.
+void* operator new(std::size_t bytes) {
+    ++news;
+    if (void* const memory = std::malloc(bytes))
+        return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+    ++deletes;
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+    operator delete(memory);
+}
 
 namespace ovel {
 
