@@ -39,19 +39,21 @@ uses uses_of(Work const& work) {
 
 }  // namespace
 
-// The other forms lead to these, but for those of aligned memory.
-void* operator new(std::size_t bytes) {
+// The other forms lead to these, but for those of aligned memory. Inlined, they would
+// look to the compiler as if they did not belong together.
+[[gnu::noinline]] void* operator new(std::size_t bytes) {
     ++news;
     if (void* const memory = std::malloc(bytes))
         return memory;
     throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     ++deletes;
     std::free(memory);
 }
-void operator delete(void* memory, std::size_t) noexcept {
-    operator delete(memory);
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+    ++deletes;
+    std::free(memory);
 }
 
 namespace ovel {

@@ -24,6 +24,17 @@ public:
     owned_allocator& operator=(owned_allocator const&) = delete;
 };
 
+// Begins the books of a scenario of locks. Starts the time server, which stays, where
+// deadlines will need it; waits may end late then.
+inline void open_books(bool timed, unsigned int spin) {
+    set_default_spin(spin);
+    if (timed)
+        time::now();
+    if (pick(3) == 0)
+        end_waits_late(1000);
+    balance();
+}
+
 // Made before the scenario begins, with what the library keeps for good built.
 class accounts {
 public:

@@ -1,5 +1,6 @@
 // Conditions and barriers, with releases and deadlines racing.
 
+#include "accounts.h"
 #include "inspector.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
@@ -10,10 +11,9 @@
 #include "ovel_time.h"
 #include "scenarios.h"
 
-#include <memory>
+#include <deque>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 namespace ovel::simulation {
 
@@ -75,12 +75,7 @@ constexpr bool is_reentrant =
 template <class Condition, class Mutex>
 void wake_all_sleepers(unsigned int spin) {
     constexpr bool timed = std::is_same_v<Condition, timed_condition>;
-    set_default_spin(spin);
-    if (timed)
-        time::now();
-    if (pick(3) == 0)
-        end_waits_late(1000);
-    balance();
+    open_books(timed, spin);
     {
         Mutex lock(spin);
         Condition changed(spin);
@@ -90,41 +85,32 @@ void wake_all_sleepers(unsigned int spin) {
         bool const releases_inside = pick(3) != 0;
         HANDLE const arrived = CreateSemaphoreA(nullptr, 0, 100, nullptr);
         time const deadline = timed ? time::then(0.5) : time();
-        auto const sleep = [&](unsigned int me, bool hurried) {
-            bool released = true;
+        auto const sleep = [&](unsigned int me, bool hurried, unsigned int depth) {
+            for (unsigned int each = 0; each != depth; ++each)
+                lock.acquire();
             permitted.wait(me);
             ReleaseSemaphore(arrived, 1, nullptr);
-            if constexpr (timed) {
-                if (hurried)
-                    released = changed.timed_acquire(lock, deadline);
-                else
-                    changed.acquire(lock);
-            } else {
+            bool released = true;
+            if constexpr (timed)
+                released = !hurried || changed.timed_acquire(lock, deadline);
+            if (!hurried)
                 changed.acquire(lock);
-            }
             if (!released)
                 permitted.give_up(me);
             else if (releases_inside)
                 permitted.leave(me);
-        };
-        auto const sleep_in_rounds = [&](unsigned int me, bool hurried, unsigned int depth) {
-            for (unsigned int round = 0; round != rounds; ++round) {
-                for (unsigned int each = 0; each != depth; ++each)
-                    lock.acquire();
-                sleep(me, hurried);
-                for (unsigned int each = 0; each != depth; ++each)
-                    lock.release();
-            }
+            for (unsigned int each = 0; each != depth; ++each)
+                lock.release();
         };
         begin();
         {
-            std::vector<std::unique_ptr<worker>> all;
+            std::deque<worker> all;
             for (unsigned int me = 0; me != sleepers; ++me)
-                all.push_back(
-                    std::make_unique<worker>([&, me, hurried = timed && pick(3) != 0,
-                                              depth = is_reentrant<Mutex> ? 1 + pick(2) : 1] {
-                        sleep_in_rounds(me, hurried, depth);
-                    }));
+                all.emplace_back([&, me, hurried = timed && pick(3) != 0,
+                                  depth = is_reentrant<Mutex> ? 1 + pick(2) : 1] {
+                    for (unsigned int round = 0; round != rounds; ++round)
+                        sleep(me, hurried, depth);
+                });
             unsigned int const pattern = pick(16);
             // Often all are asleep before the first release.
             bool const all_first = pick(2) == 0;
@@ -221,9 +207,9 @@ void meet(unsigned int spin) {
     };
     begin();
     {
-        std::vector<std::unique_ptr<worker>> others;
+        std::deque<worker> others;
         for (unsigned int each = 1; each < capacity; ++each)
-            others.push_back(std::make_unique<worker>(body));
+            others.emplace_back(body);
         body();
     }
     assure(count.last == rounds && count.left == capacity * rounds);
@@ -249,12 +235,7 @@ registration const meetings({
 template <class Barrier>
 void come_and_go(unsigned int spin) {
     constexpr bool timed = std::is_same_v<Barrier, timed_barrier>;
-    set_default_spin(spin);
-    if (timed)
-        time::now();
-    if (pick(3) == 0)
-        end_waits_late(1000);
-    balance();
+    open_books(timed, spin);
     {
         unsigned int const capacity = 2 + pick(2);
         unsigned int const thread_count = 2 + pick(2);
@@ -264,9 +245,9 @@ void come_and_go(unsigned int spin) {
         arrivals count;
         begin();
         {
-            std::vector<std::unique_ptr<worker>> all;
+            std::deque<worker> all;
             for (unsigned int each = 0; each != thread_count; ++each)
-                all.push_back(std::make_unique<worker>([&, hurried = timed && pick(3) != 0] {
+                all.emplace_back([&, hurried = timed && pick(3) != 0] {
                     for (unsigned int round = 0; round != rounds; ++round) {
                         bool last = false;
                         bool complete = false;
@@ -277,7 +258,7 @@ void come_and_go(unsigned int spin) {
                             complete = gate.acquire(last);
                         count.leave(complete, last);
                     }
-                }));
+                });
             for (unsigned int early = pick(3); early != 0; --early)
                 gate.release_all();
             // Whoever is left at the end cannot be enough to go by themselves.

@@ -1,5 +1,6 @@
 // Locks: nobody is inside together, no wake-up is lost.
 
+#include "accounts.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
 #include "ovel_mutex.h"
@@ -10,9 +11,9 @@
 #include "scenarios.h"
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <type_traits>
-#include <vector>
 
 namespace ovel::simulation {
 
@@ -35,16 +36,6 @@ std::unique_ptr<Lock> make_lock(unsigned int spin) {
         return std::make_unique<Lock>(spin);
 }
 
-// Starts the time server, which stays, where deadlines will need it.
-void prepare(bool timed, unsigned int spin) {
-    set_default_spin(spin);
-    if (timed)
-        time::now();
-    if (pick(3) == 0)
-        end_waits_late(1000);
-    balance();
-}
-
 // Takes the lock in one of the ways it offers; false when that way gave up.
 template <class Lock>
 bool take(Lock& lock, unsigned int way, time const& deadline) {
@@ -61,7 +52,7 @@ bool take(Lock& lock, unsigned int way, time const& deadline) {
 // changed nothing, so in the end it is free.
 template <class Lock>
 void exclude_each_other(unsigned int spin) {
-    prepare(is_timed<Lock>, spin);
+    open_books(is_timed<Lock>, spin);
     {
         auto const lock = make_lock<Lock>(spin);
         time const deadline = is_timed<Lock> ? time::then(0.01) : time();
@@ -86,9 +77,9 @@ void exclude_each_other(unsigned int spin) {
         };
         begin();
         {
-            std::vector<std::unique_ptr<worker>> others;
+            std::deque<worker> others;
             for (unsigned int other = 1; other != thread_count; ++other)
-                others.push_back(std::make_unique<worker>([&, way = pick(3)] { body(way); }));
+                others.emplace_back([&, way = pick(3)] { body(way); });
             body(pick(3));
         }
         assure(lock->try_acquire());
@@ -112,7 +103,7 @@ registration const mutual_exclusion({
 // without a deadline gets one in the end.
 template <class Semaphore>
 void conserve_units(unsigned int spin) {
-    prepare(is_timed<Semaphore>, spin);
+    open_books(is_timed<Semaphore>, spin);
     {
         unsigned int const at_first = pick(2);
         Semaphore units(static_cast<int>(at_first), spin);
@@ -297,23 +288,6 @@ registration const exact_time({
             std::uint64_t const start = nanoseconds();
             assure(!units.timed_acquire(time::then(1.0)));
             assure(nanoseconds() - start >= 999'000'000);
-        },
-    .variants = 4,
-});
-
-registration const spin_counts({
-    .name = "spin_count_follows_the_processors",
-    .run =
-        [](unsigned int variant) {
-            constexpr unsigned int masks[] = {1, 3, 4, 6};
-            set_processors(3, masks[variant]);
-            set_default_spin(500);
-            bool const alone = variant % 2 == 0;
-            assure(default_spin == (alone ? 0u : 500u));
-            assure(thread_support::available_processors() == (alone ? 1u : 2u));
-            assure(thread_support::processors() == 3);
-            unsigned int const affinity = thread_support::thread_affinity();
-            assure(thread_support::thread_affinity() == affinity);
         },
     .variants = 4,
 });

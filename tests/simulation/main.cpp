@@ -10,10 +10,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 
 namespace ovel::simulation {
 
@@ -34,110 +34,49 @@ constexpr char usage[] =
     "  --seconds S      time for all scenarios together (60)\n"
     "  --scenario NAME  only those whose name begins so\n"
     "  --strategy HOW   only random, sticky, priorities or choices\n"
-    "  --first-seed N   the first of the seeds (1)\n"
     "  --list           names the scenarios\n"
     "one schedule again, as a failure prints it:\n"
     "  --scenario NAME --variant V --strategy HOW --seed N\n"
-    "  --scenario NAME --variant V --strategy choices --choices POINT:ALTERNATIVE,...\n"
-    "  --steps N        shows so many of its last steps (60)\n";
+    "  --scenario NAME --variant V --strategy choices --choices POINT:ALTERNATIVE,...\n";
 
 using timer = std::chrono::steady_clock;
-
-// Hashes seen, in a table of their own: it must hold many millions.
-class distinct {
-public:
-    void insert(std::uint64_t hash) {
-        if (_count * 2 >= _table.size())
-            _grow();
-        _insert(hash | 1);
-    }
-    std::size_t count() const {
-        return _count;
-    }
-
-private:
-    void _insert(std::uint64_t hash) {
-        std::size_t at = hash >> _shift;
-        while (_table[at] != 0 && _table[at] != hash)
-            at = (at + 1) & (_table.size() - 1);
-        _count += _table[at] == 0;
-        _table[at] = hash;
-    }
-    void _grow() {
-        std::vector<std::uint64_t> old(_table.empty() ? 1 << 12 : _table.size() * 2);
-        old.swap(_table);
-        _shift = 64;
-        for (std::size_t size = _table.size(); size != 1; size /= 2)
-            --_shift;
-        _count = 0;
-        for (std::uint64_t const hash : old)
-            if (hash != 0)
-                _insert(hash);
-    }
-
-    std::vector<std::uint64_t> _table;
-    std::size_t _count = 0;
-    unsigned int _shift = 0;
-};
 
 struct options {
     double seconds = 60;
     std::string_view scenario;
     std::optional<strategy> only;
     std::optional<std::uint64_t> seed;
-    std::uint64_t first_seed = 1;
     unsigned int variant = 0;
     std::vector<deviation> choices;
     bool replay = false;
-    unsigned int steps = 60;
 };
 
 // Static functions have no name at run time: puts those that the debugger's tables
 // give in place of FILE+0xOFFSET in a report.
-std::string with_names(std::string const& report) {
-    std::map<std::string, std::string> names;
-    std::string text;
-    std::size_t done = 0;
-    for (std::size_t plus = report.find("+0x"); plus != std::string::npos;
-         plus = report.find("+0x", plus + 1)) {
-        std::size_t const begin = report.find_last_of(" \n", plus) + 1;
-        std::size_t const end = report.find_first_of(" \n", plus);
-        std::string const file = report.substr(begin, plus - begin);
-        if (file != "simulation_test")
-            continue;
-        std::string const offset = report.substr(plus + 1, end - plus - 1);
-        std::string& name = names[offset];
-        if (name.empty()) {
-            std::string const command = "addr2line -Cfispe /proc/" + std::to_string(getpid()) +
-                                        "/exe " + offset + " 2>/dev/null";
-            char line[1024] = "";
-            if (FILE* const answer = popen(command.c_str(), "r")) {
-                // The last line names the function that the others were inlined into.
-                while (std::fgets(line, sizeof line, answer) != nullptr) {}
-                pclose(answer);
-            }
-            name = line;
-            if (name.starts_with(" (inlined by) "))
-                name.erase(0, std::strlen(" (inlined by) "));
-            for (std::size_t at; (at = name.find("(anonymous namespace)::")) != std::string::npos;)
-                name.erase(at, std::strlen("(anonymous namespace)::"));
-            name.resize(std::min(name.size(), name.find_first_of("(\n")));
-            if (name.empty())
-                name = file + "+" + offset;
+std::string with_names(std::string report) {
+    std::string const file = " simulation_test+";
+    for (std::size_t at; (at = report.find(file)) != std::string::npos;) {
+        std::size_t const end = report.find_first_of(" \n", at + 1);
+        // The last two lines are for the function that the others were inlined into.
+        std::string const command = "addr2line -Cfie /proc/" + std::to_string(getpid()) + "/exe " +
+                                    report.substr(at + file.size(), end - at - file.size()) +
+                                    " 2>/dev/null | tail -n 2 |"
+                                    " sed 's/(anonymous namespace):://g;s/(.*//'";
+        char line[1024] = "";
+        if (FILE* const answer = popen(command.c_str(), "r")) {
+            if (std::fgets(line, sizeof line, answer) != nullptr)
+                line[std::strcspn(line, "\n")] = '\0';
+            pclose(answer);
         }
-        text.append(report, done, begin - done);
-        text += name;
-        done = end;
+        report.replace(at + 1, end - at - 1, line);
     }
-    text.append(report, done);
-    return text;
+    return report;
 }
 
 // The schedules of one scenario, run a slice of time at a time.
 class exploration {
 public:
-    exploration(scenario const& program, options const& asked)
-        : _program(program), _asked(asked), _seed(asked.first_seed) {
+    exploration(scenario const& program, options const& asked) : _program(program), _asked(asked) {
         bool const walked = asked.only.value_or(strategy::choices) == strategy::choices;
         _drawn = asked.only != strategy::choices;
         if (program.exhaustive && walked)
@@ -166,7 +105,7 @@ public:
 
     void print() const {
         std::printf("%-50s %10llu %10zu %7.0f", _program.name,
-                    static_cast<unsigned long long>(_schedules), _interleavings.count(),
+                    static_cast<unsigned long long>(_schedules), _interleavings.size(),
                     static_cast<double>(_steps) /
                         static_cast<double>(std::max<std::uint64_t>(1, _schedules)));
         if (_complete)
@@ -192,9 +131,7 @@ private:
         ++_schedules;
         _reported += result.reported;
         _steps += result.steps;
-        std::size_t const known = _interleavings.count();
-        _interleavings.insert(result.interleaving);
-        if (_interleavings.count() != known)
+        if (_interleavings.insert(result.interleaving).second)
             _news = _schedules;
         return true;
     }
@@ -239,7 +176,7 @@ private:
 
     scenario const& _program;
     options const& _asked;
-    std::uint64_t _seed;
+    std::uint64_t _seed = 1;
     std::vector<walk> _walks;
     bool _drawn;
     bool _complete = false;  // the walks
@@ -248,7 +185,7 @@ private:
     std::uint64_t _news = 0;  // the schedule that was the last to show anything new
     std::uint64_t _reported = 0;
     std::uint64_t _steps = 0;
-    distinct _interleavings;
+    std::unordered_set<std::uint64_t> _interleavings;
 };
 
 int explore(std::vector<scenario> const& programs, options const& asked) {
@@ -288,7 +225,7 @@ int replay(scenario const& program, options const& asked) {
                      .variant = asked.variant,
                      .seed = asked.seed.value_or(0),
                      .deviations = asked.choices};
-    outcome const result = run(program, when, asked.steps);
+    outcome const result = run(program, when);
     std::printf("%s %s after %u steps%s%s\n%s", program.name, result.passed ? "passed" : "FAILED",
                 result.steps, result.passed ? "" : ": ", result.failure.c_str(),
                 with_names(result.report).c_str());
@@ -333,8 +270,6 @@ int main(int count, char** arguments) {
                 if (std::strcmp(value, name(how)) == 0)
                     asked.only = how;
             good = asked.only.has_value();
-        } else if (option == "--first-seed") {
-            asked.first_seed = std::strtoull(value, nullptr, 10);
         } else if (option == "--seed") {
             asked.seed = std::strtoull(value, nullptr, 10);
             asked.replay = true;
@@ -344,8 +279,6 @@ int main(int count, char** arguments) {
             asked.replay = true;
         } else if (option == "--variant") {
             asked.variant = static_cast<unsigned int>(std::atoi(value));
-        } else if (option == "--steps") {
-            asked.steps = static_cast<unsigned int>(std::atoi(value));
         } else {
             good = false;
         }

@@ -13,7 +13,7 @@
 #include "scenarios.h"
 
 #include <cstring>
-#include <memory>
+#include <deque>
 #include <new>
 #include <vector>
 
@@ -112,13 +112,13 @@ registration const exchanges({
             };
             begin();
             {
-                std::vector<std::unique_ptr<worker>> all;
+                std::deque<worker> all;
                 for (unsigned int each = 0; each != thread_count; ++each)
-                    all.push_back(std::make_unique<worker>([&, plan = pick(1000)] {
+                    all.emplace_back([&, plan = pick(1000)] {
                         body(plan);
                         if (plan % 2 == 0)
                             body(plan + 1);  // as another thread might, later
-                    }));
+                    });
             }
             // The first thread frees what is left, and its allocator is the
             // default one.
@@ -257,42 +257,7 @@ std::size_t reserve() {
     return inspector::check_allocators().reserve;
 }
 
-// The recycler's thread returns idle memory while others take and give chunks,
-// keeps about a mebibyte, and ends when it is told to, whenever that is.
-registration const recycler({
-    .name = "recycler_keeps_its_limits",
-    .run =
-        [](unsigned int variant) {
-            accounts books(variant % 2, true);
-            if (variant / 2 == 1)
-                end_waits_late(3000);
-            fill_reserve();
-            std::size_t const first = reserve();
-            begin();
-            allocator_recycler::global()->release(pick(2) == 0 ? 0.5 : 2.0);
-            {
-                worker other([] {
-                    owned_allocator const own;
-                    for (unsigned int round = 0; round != 2; ++round) {
-                        Sleep(700);
-                        marked* some[31];
-                        for (marked*& one : some)
-                            one = take_marked(4080);
-                        for (marked* one : some)
-                            give_back(one);
-                    }
-                });
-                Sleep(1000 * pick(10));
-            }
-            inspector::stop_recycler();
-            // The other thread may have kept some.
-            assure(reserve() <= first + 2 * 61440 && reserve() >= (1 << 20) - 5 * 61440);
-            books.settle();
-        },
-    .variants = 4,
-});
-
-// Left to itself, it returns once a period three tenths of what was idle all
+// Left to itself, the recycler returns once a period three tenths of what was idle all
 // through that, by whole chunks, down to the limit; the first time it only begins
 // to measure. A second start changes nothing.
 registration const recycler_periods({

@@ -7,14 +7,12 @@
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
 #include "ovel_thread.h"
-#include "ovel_thread_base.h"
 #include "ovel_thread_group.h"
 #include "ovel_time.h"
 #include "scenarios.h"
 
+#include <deque>
 #include <functional>
-#include <memory>
-#include <new>
 #include <utility>
 #include <vector>
 
@@ -47,37 +45,6 @@ void join(Thread& run, unsigned int way) {
         run.acquire();
 }
 
-// A thread of one's own, run after run; each has the library's memory.
-registration const own_threads({
-    .name = "thread_of_its_own_is_joined",
-    .run =
-        [](unsigned int variant) {
-            accounts books(variant, true);
-            unsigned int runs = 0;
-            void* memory = nullptr;
-            work each([&] {
-                ++runs;
-                assure(stack_size() == 65536);
-                allocator_support::deallocate(
-                    std::exchange(memory, allocator_support::allocate(40)));
-            });
-            begin();
-            {
-                thread_base own(65536);
-                own.schedule(each);
-                for (unsigned int run = 1; run != 3; ++run) {
-                    own.release();
-                    join(own, pick(3));
-                    assure(runs == run);
-                }
-            }
-            allocator_support::deallocate(memory);
-            books.settle();
-        },
-    .variants = 2,
-    .exhaustive = true,
-});
-
 // Clients borrow threads; a run has the stack it asked for and less than four times
 // as much, and idle threads are used again.
 registration const pool({
@@ -91,9 +58,9 @@ registration const pool({
             detail::atomic<unsigned int> runs = 0;
             begin();
             {
-                std::vector<std::unique_ptr<worker>> all;
+                std::deque<worker> all;
                 for (unsigned int each = 0; each != clients; ++each)
-                    all.push_back(std::make_unique<worker>([&, plan = pick(1000)] {
+                    all.emplace_back([&, plan = pick(1000)] {
                         owned_allocator const own;
                         for (unsigned int run = 0; run != 3; ++run) {
                             unsigned int const size = alike ? 65536 : sizes[(plan >> run) % 5];
@@ -107,7 +74,7 @@ registration const pool({
                             borrowed.release();
                             join(borrowed, plan % 3);
                         }
-                    }));
+                    });
             }
             assure(runs == clients * 3);
             // The time server, this thread, and the idle ones.
@@ -326,45 +293,6 @@ registration const group_order({
                             (before.length > after.length ||
                              (before.length == after.length && before.number < after.number))));
                 }
-            }
-            books.settle_without_pool();
-        },
-    .variants = 2,
-});
-
-// Memory refused while a group is filled and started: it is as before and can be
-// tried again, or, where a thread can't be made, the process ends with a message.
-registration const group_refusals({
-    .name = "group_bears_refused_memory",
-    .run =
-        [](unsigned int variant) {
-            accounts books(0);
-            {
-                item::tally all;
-                expect_failure("(\"unexpected exception\", 0)");
-                thread_group group(2, item::budget, 16384);
-                items made;
-                make_items(made, group, all);
-                begin();
-                refuse_memory(1 + pick(10), variant == 0 ? 1 : 3);
-                auto const again = [](auto const& call) {
-                    for (bool done = false; !done;) {
-                        try {
-                            call();
-                            done = true;
-                        } catch (std::bad_alloc const&) {
-                            assure(refused() != 0);
-                        }
-                    }
-                };
-                for (unsigned int each = 0; each != 3; ++each)
-                    again([&] { made[each].add(); });
-                again([&] { group.release(); });
-                for (unsigned int each = 3; each != item_count; ++each)
-                    again([&] { made[each].add(); });
-                group.conclude();
-                group.acquire();
-                assure(all.runs == item_count && all.space == 0);
             }
             books.settle_without_pool();
         },

@@ -12,7 +12,10 @@
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
 
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <string>
 
 using ovel::call_once;
 using ovel::semaphore;
@@ -80,66 +83,20 @@ LONG WINAPI open_nothing(HKEY root, char const*, DWORD options, REGSAM access, H
 }
 
 TEST(time_unit_death_test, without_the_rate_it_is_that_of_2_gigahertz) {
-    auto const rate_is_2_gigahertz = [] {
-        std::exit(ovel::time_support::time_unit() == 1.0 / 2000000000.0 ? 0 : 1);
-    };
-    EXPECT_EXIT(
-        {
-            lead("RegQueryValueExA", ask_for_nothing);
-            rate_is_2_gigahertz();
-        },
-        testing::ExitedWithCode(0), "");
-    EXPECT_EXIT(
-        {
-            lead("RegOpenKeyExA", open_nothing);
-            rate_is_2_gigahertz();
-        },
-        testing::ExitedWithCode(0), "");
-}
-
-// Runs this program's test of the same name in another process. Its exit status;
-// a process that takes longer than a minute waits for this one.
-DWORD run_once_more() {
-    char program[MAX_PATH];
-    GetModuleFileNameA(nullptr, program, sizeof program);
-    char command[] = "again --gtest_filter=call_once_windows_test.two_processes_never_meet";
-    STARTUPINFOA start{};
-    start.cb = sizeof start;
-    PROCESS_INFORMATION process;
-    if (CreateProcessA(program, command, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start,
-                       &process) == 0)
-        return GetLastError();
-    if (WaitForSingleObject(process.hProcess, 60'000) != WAIT_OBJECT_0)
-        TerminateProcess(process.hProcess, WAIT_TIMEOUT);
-    WaitForSingleObject(process.hProcess, INFINITE);
-    DWORD status = 0;
-    GetExitCodeProcess(process.hProcess, &status);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    return status;
-}
-
-unsigned int volatile met = 0;
-DWORD status_of_other;
-
-// Both processes run the same program, so the flag has the same address in both.
-TEST(call_once_windows_test, two_processes_never_meet) {
-    char const variable[] = "OVEL_WINDOWS_TEST_FLAG";
-    std::string const address = std::to_string(reinterpret_cast<std::uintptr_t>(&met));
-    if (char const* const first = std::getenv(variable)) {
-        EXPECT_EQ(first, address);
-        call_once([] {}, met);
-        return;
+    for (bool const key : {true, false}) {
+        auto const look = [&] {
+            key ? lead("RegQueryValueExA", ask_for_nothing) : lead("RegOpenKeyExA", open_nothing);
+            std::exit(ovel::time_support::time_unit() == 1.0 / 2000000000.0 ? 0 : 1);
+        };
+        EXPECT_EXIT(look(), testing::ExitedWithCode(0), "");
     }
-    SetEnvironmentVariableA(variable, address.c_str());
-    call_once([] { status_of_other = run_once_more(); }, met);
-    SetEnvironmentVariableA(variable, nullptr);
-    EXPECT_EQ(status_of_other, 0u);
 }
 
-HANDLE once_mutex;  // the one that call_once last made
+HANDLE once_mutex;      // the one that call_once last made, ...
+std::string once_name;  // ... and how it named it
 
 HANDLE WINAPI keep_mutex(SECURITY_ATTRIBUTES* security, BOOL owned, char const* name) {
+    once_name = name;
     return once_mutex = CreateMutexA(security, owned, name);
 }
 
@@ -155,6 +112,17 @@ DWORD WINAPI abandon(void*) {
 HANDLE WINAPI take_name(SECURITY_ATTRIBUTES* security, BOOL owned, char const* name) {
     CreateEventA(nullptr, FALSE, FALSE, name);
     return CreateMutexA(security, owned, name);
+}
+
+// Processes that run the same program have their flags at the same addresses.
+TEST(call_once_windows_test, the_mutex_is_named_by_the_process_and_the_flag) {
+    static unsigned int volatile named = 0;
+    lead("CreateMutexA", keep_mutex);
+    call_once([] {}, named);
+    char name[40];
+    std::snprintf(name, sizeof name, "%lx%x", GetCurrentProcessId(),
+                  reinterpret_cast<std::uintptr_t>(&named));
+    EXPECT_TRUE(once_name.ends_with(name)) << once_name;
 }
 
 TEST(call_once_death_test, a_mutex_that_fails_is_named) {
