@@ -99,29 +99,6 @@ TEST(semaphore_test, every_unit_posted_is_taken_once) {
     CloseHandle(semaphore);
 }
 
-// The poster's last act on a semaphore is to make the unit visible. A look at the
-// object afterwards, which the race checker sees, is one at freed memory.
-TEST(semaphore_test, may_be_closed_by_the_thread_that_took_the_unit) {
-    constexpr int rounds = 5'000;
-    HANDLE const handed_over = make_semaphore(0);
-    std::atomic<HANDLE> current;
-    auto poster = crew(1, [&](int) {
-        for (int round = 0; round < rounds; ++round) {
-            take(handed_over, INFINITE);
-            ReleaseSemaphore(current, 1, nullptr);
-        }
-    });
-    for (int round = 0; round < rounds; ++round) {
-        HANDLE const semaphore = make_semaphore(0);
-        current = semaphore;
-        ReleaseSemaphore(handed_over, 1, nullptr);
-        EXPECT_TRUE(take(semaphore, round % 2 != 0 ? INFINITE : 100'000u));
-        EXPECT_NE(CloseHandle(semaphore), 0);
-    }
-    poster.clear();
-    CloseHandle(handed_over);
-}
-
 // A deadline that wraps lies in the past, and the wait would give up at once.
 TEST(semaphore_test, a_wait_ends_with_the_unit_or_not_before_its_time) {
     HANDLE const semaphore = make_semaphore(0);
@@ -254,19 +231,16 @@ TEST(slot_test, a_slot_handed_out_again_reads_null) {
         TlsFree(index);
 }
 
-TEST(processor_test, a_thread_stays_on_its_mask_and_can_be_given_its_former_one) {
+TEST(processor_test, a_thread_stays_on_its_mask_and_those_it_starts_do_not) {
     DWORD_PTR const all = process_mask();
     DWORD_PTR const one = all & (~all + 1);
     EXPECT_EQ(SetThreadAffinityMask(GetCurrentThread(), one), all);
     for (DWORD_PTR const refused : {DWORD_PTR(0), ~all, ~DWORD_PTR(0)})
         EXPECT_EQ(SetThreadAffinityMask(GetCurrentThread(), refused), 0u);
-    processor_set own;
+    processor_set own, here;
     ASSERT_TRUE(own.read(0));
-    processor_set here;
     here.add(sched_getcpu());
     EXPECT_TRUE(own.within(here) && here.within(own));
-
-    // A thread started here is not bound to its creator's processor.
     DWORD_PTR inherited = 0;
     auto const read = [](void* result) {
         *static_cast<DWORD_PTR*>(result) =

@@ -1,87 +1,12 @@
 // Runs ovel-net as its users do, on the project's nets and on nets written here.
-#include <gtest/gtest.h>
-#include <sys/wait.h>
+#include "ovel_net_program.h"
 
-#include <cctype>
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <regex>
-#include <stdexcept>
-#include <string>
 #include <utility>
-#include <vector>
 
 namespace {
-
-namespace fs = std::filesystem;
-
-std::string content(fs::path const& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-// A JSON value; numbers as they are written. The parser takes nothing that is not
-// JSON.
-struct json {
-    std::string name;  // of a member
-    std::string text;
-    std::vector<json> items;
-
-    json const& operator[](char const* wanted) const {
-        for (json const& item : items)
-            if (item.name == wanted)
-                return item;
-        throw std::out_of_range(wanted);
-    }
-    std::uint64_t number() const {
-        return std::stoull(text);
-    }
-
-    static json parse(std::string const& all) {
-        char const* at = all.c_str();
-        json value = parse_value(at);
-        EXPECT_TRUE(takes(at, '\0')) << at;
-        return value;
-    }
-
-private:
-    static bool takes(char const*& at, char c) {
-        while (*at == ' ' || *at == '\n')
-            ++at;
-        return *at == c && ++at;
-    }
-    static json parse_value(char const*& at) {
-        json value;
-        bool const object = takes(at, '{');
-        if (object || takes(at, '[')) {
-            char const end = object ? '}' : ']';
-            if (takes(at, end))
-                return value;
-            do {
-                std::string const name = object ? parse_value(at).text : "";
-                EXPECT_TRUE(!object || takes(at, ':')) << at;
-                value.items.push_back(parse_value(at));
-                value.items.back().name = name;
-            } while (takes(at, ','));
-            EXPECT_TRUE(takes(at, end)) << at;
-        } else if (takes(at, '"')) {
-            while (static_cast<unsigned char>(*at) >= ' ' && *at != '"') {
-                at += *at == '\\';
-                value.text += *at++;
-            }
-            EXPECT_EQ(*at++, '"');
-        } else {
-            while (std::isdigit(static_cast<unsigned char>(*at)) != 0 || *at == '.')
-                value.text += *at++;
-            EXPECT_FALSE(value.text.empty()) << at;
-        }
-        return value;
-    }
-};
 
 using counts = std::map<std::string, std::uint64_t>;
 
@@ -93,86 +18,6 @@ counts column(json const& nodes, char const* name, bool all = false) {
             numbers[node["id"].text] = node[name].number();
     return numbers;
 }
-
-class ovel_net_test : public testing::Test {
-protected:
-    void SetUp() override {
-        std::string name = (fs::temp_directory_path() / "ovel_net_test.XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        _directory = name;
-    }
-    void TearDown() override {
-        fs::remove_all(_directory);
-    }
-
-    // The shell's words after the program's name, run in a directory of their own.
-    void run(std::string const& arguments, std::string const& environment = "") {
-        // Another, such as that of another system, may be named in the environment.
-        char const* const named = std::getenv("OVEL_NET_PROGRAM");
-        std::string const program = named != nullptr ? named : OVEL_NET_PROGRAM;
-        std::string const command = "cd '" + _directory.string() + "' && " + environment + " '" +
-                                    program + "' " + arguments + " >.out 2>.err";
-        int const ended = std::system(command.c_str());
-        status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
-        out = content(_directory / ".out");
-        err = content(_directory / ".err");
-    }
-
-    // The run ended so, with one line that says why and nothing else.
-    void expect_refused(int expected, std::string const& says) {
-        EXPECT_EQ(status, expected) << says;
-        EXPECT_EQ(err, "ovel-net: " + says + '\n');
-        EXPECT_EQ(out, "");
-    }
-
-    json run_json(std::string const& arguments) {
-        run(arguments + " --json");
-        EXPECT_EQ(status, 0) << err;
-        EXPECT_EQ(err, "");
-        return json::parse(out);
-    }
-
-    void write(char const* name, std::string const& text) {
-        std::ofstream(_directory / name, std::ios::binary) << text;
-    }
-
-    // Writes `net.pnml` with `elements` in its lines from the third on.
-    void write_net(std::string const& elements) {
-        write("net.pnml",
-              "<pnml xmlns=\"http://www.pnml.org/version-2009/grammar/pnml\"><net id=\"n\"\n"
-              "type=\"http://www.pnml.org/version-2009/grammar/ptnet\"><page id=\"page\">\n" +
-                  elements + "\n</page></net></pnml>\n");
-    }
-
-    // What lies in the directory, but for the program's output and `net.pnml`.
-    std::vector<std::string> files() const {
-        std::vector<std::string> names;
-        for (fs::directory_entry const& each : fs::directory_iterator(_directory)) {
-            std::string const name = each.path().filename().string();
-            if (name != ".out" && name != ".err" && name != "net.pnml")
-                names.push_back(name);
-        }
-        return names;
-    }
-
-    fs::path path(char const* name) const {
-        return _directory / name;
-    }
-    std::string read(char const* name) const {
-        return content(path(name));
-    }
-
-    static std::string own(std::string const& name) {
-        return std::string("'") + OVEL_NETS + '/' + name + '\'';
-    }
-
-    int status = 0;
-    std::string out;
-    std::string err;
-
-private:
-    fs::path _directory;
-};
 
 // The marking that the firings lead to, by the arcs as they stand in the file.
 counts expected_marking(std::string const& net, json const& result) {

@@ -1,59 +1,17 @@
 // What ovel-net shows beside its report of a run, on the project's nets.
-#include "ovel_json.h"
+#include "ovel_net_program.h"
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
-#include <string>
 #include <utility>
 
 namespace {
 
-namespace fs = std::filesystem;
-
-std::string content(fs::path const& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-class ovel_net_views_test : public testing::Test {
+class ovel_net_views_test : public ovel_net_test {
 protected:
     void SetUp() override {
-        std::string name = (fs::temp_directory_path() / "ovel_net_views.XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        _directory = name;
-        fs::copy(OVEL_NETS, _directory / "nets");
+        ovel_net_test::SetUp();
+        fs::copy(OVEL_NETS, path("nets"));
     }
-    void TearDown() override {
-        fs::remove_all(_directory);
-    }
-
-    // Runs the program with the shell's words in a directory that has the nets.
-    void run(std::string const& arguments) {
-        char const* const named = std::getenv("OVEL_NET_PROGRAM");
-        std::string const program = named != nullptr ? named : OVEL_NET_PROGRAM;
-        std::string const command =
-            "cd '" + _directory.string() + "' && '" + program + "' " + arguments + " >out 2>err";
-        int const ended = std::system(command.c_str());
-        status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
-        out = content(path("out"));
-        err = content(path("err"));
-    }
-    fs::path path(char const* name) const {
-        return _directory / name;
-    }
-
-    int status = 0;
-    std::string out;
-    std::string err;
-
-private:
-    fs::path _directory;
 };
 
 using weights = std::map<std::string, double>;
@@ -107,11 +65,8 @@ TEST_F(ovel_net_views_test, check_ends_where_there_are_too_many_invariants) {
                         "\"/><arc id=\"out" + side + from + "\" source=\"t" + from +
                         "\" target=\"" + side + to + "\"/>";
     }
-    std::ofstream(path("net")) << "<pnml><net id=\"n\" "
-                                  "type=\"http://www.pnml.org/version-2009/grammar/ptnet\">"
-                                  "<page id=\"p\">"
-                               << elements << "</page></net></pnml>";
-    run("net --check --json");
+    write_net(elements);
+    run("net.pnml --check --json");
     json const result = json::parse(out);
     EXPECT_EQ(result["invariants_complete"].text, "false");
     ASSERT_FALSE(result["invariants"].items.empty());

@@ -3,16 +3,8 @@
 #include "ovel_kernel.h"
 #include "ovel_test.h"
 
-#if defined(_WIN32)
-#include <tlhelp32.h>
-#endif
-
 #include <chrono>
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <iterator>
-#include <latch>
 #include <limits>
 
 using ovel::time_base;
@@ -95,44 +87,6 @@ TEST(time_now_test, a_second_is_a_second_of_the_system) {
     EXPECT_NEAR((time_base::then(-3600.0) - time_base::now()).seconds(), -3600.0, 60.0);
     EXPECT_GT(passed, std::chrono::duration<double>(third - second).count() * 0.99);
     EXPECT_LT(passed, std::chrono::duration<double>(fourth - first).count() * 1.01);
-}
-
-// The threads of this process.
-std::ptrdiff_t threads() {
-#if defined(_WIN32)
-    HANDLE const all = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    THREADENTRY32 thread{};
-    thread.dwSize = sizeof thread;
-    std::ptrdiff_t own = 0;
-    for (BOOL found = Thread32First(all, &thread); found != 0; found = Thread32Next(all, &thread))
-        own += thread.th32OwnerProcessID == GetCurrentProcessId();
-    CloseHandle(all);
-    return own;
-#else
-    std::filesystem::directory_iterator const tasks("/proc/self/task");
-    return std::distance(begin(tasks), end(tasks));
-#endif
-}
-
-// In a process of its own, where no reading has come before.
-TEST(time_now_death_test, threads_that_race_to_the_first_reading_start_one_server) {
-    auto const race = [&] {
-        constexpr int racers = 4;
-        std::latch start(racers + 1);
-        std::latch finish(racers + 1);
-        std::latch counted(1);
-        auto const running = crew(racers, [&](int) {
-            start.arrive_and_wait();
-            ovel::time::now();
-            finish.count_down();
-            counted.wait();
-        });
-        auto const before = threads();
-        start.arrive_and_wait();
-        finish.arrive_and_wait();
-        std::_Exit(threads() == before + 1 ? 0 : 1);
-    };
-    EXPECT_EXIT(race(), testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

@@ -187,48 +187,6 @@ struct arrivals {
     }
 };
 
-// As many threads as the capacity, and nothing that opens the barrier early: nobody
-// leaves a phase before all have arrived at it.
-template <class Barrier>
-void meet(unsigned int spin) {
-    unsigned int const capacity = 1 + pick(3);
-    unsigned int const rounds = 2;
-    Barrier gate(capacity, spin);
-    arrivals count;
-    auto const body = [&] {
-        for (unsigned int round = 1; round <= rounds; ++round) {
-            ++count.arrived;
-            bool last = false;
-            bool const complete = gate.acquire(last);
-            assure(complete);
-            assure(count.arrived >= capacity * round);
-            count.leave(complete, last);
-        }
-    };
-    begin();
-    {
-        std::deque<worker> others;
-        for (unsigned int each = 1; each < capacity; ++each)
-            others.emplace_back(body);
-        body();
-    }
-    assure(count.last == rounds && count.left == capacity * rounds);
-    assure(inspector::is_open(gate));
-}
-
-registration const meetings({
-    .name = "barrier_holds_until_all_have_arrived",
-    .run =
-        [](unsigned int variant) {
-            if (variant % 2 == 0)
-                meet<barrier>(variant / 2);
-            else
-                meet<timed_barrier>(0);
-        },
-    .variants = 6,
-    .exhaustive = true,
-});
-
 // More threads than the capacity, or fewer, with releases and deadlines in between:
 // a completed phase lets exactly as many threads go as it holds, one of them the
 // last, and in the end the barrier is open and empty.

@@ -99,58 +99,6 @@ registration const mutual_exclusion({
     .exhaustive = true,
 });
 
-// As many units as were released, and no more, can be acquired; whoever waits
-// without a deadline gets one in the end.
-template <class Semaphore>
-void conserve_units(unsigned int spin) {
-    open_books(is_timed<Semaphore>, spin);
-    {
-        unsigned int const at_first = pick(2);
-        Semaphore units(static_cast<int>(at_first), spin);
-        time const deadline = is_timed<Semaphore> ? time::then(0.001) : time();
-        unsigned int given = at_first + 2;
-        unsigned int const at_rest = threads();
-        detail::atomic<unsigned int> taken = 0;
-        begin();
-        {
-            worker patient([&] {
-                units.acquire();
-                ++taken;
-            });
-            worker hasty([&, way = 1 + pick(2), tries = 1 + pick(2)] {
-                for (unsigned int each = 0; each != tries; ++each)
-                    if (take(units, way, deadline))
-                        ++taken;
-            });
-            worker giver([&] { units.release(); });
-            units.release();
-            // The hasty thread may have taken every unit before the patient one came.
-            settle();
-            if (threads() != at_rest) {
-                units.release();
-                ++given;
-            }
-        }
-        unsigned int left = 0;
-        while (units.try_acquire())
-            ++left;
-        assure(taken + left == given);
-    }
-}
-
-registration const units({
-    .name = "semaphore_conserves_units",
-    .run =
-        [](unsigned int variant) {
-            if (variant % 2 == 0)
-                conserve_units<semaphore>(variant / 2);
-            else
-                conserve_units<timed_semaphore>(0);
-        },
-    .variants = 6,
-    .exhaustive = true,
-});
-
 // What the fast paths promise: no kernel call without contention, one pause when a
 // semaphore of spin 0 is empty.
 registration const fast_paths({

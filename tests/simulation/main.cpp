@@ -51,28 +51,6 @@ struct options {
     bool replay = false;
 };
 
-// Static functions have no name at run time: puts those that the debugger's tables
-// give in place of FILE+0xOFFSET in a report.
-std::string with_names(std::string report) {
-    std::string const file = " simulation_test+";
-    for (std::size_t at; (at = report.find(file)) != std::string::npos;) {
-        std::size_t const end = report.find_first_of(" \n", at + 1);
-        // The last two lines are for the function that the others were inlined into.
-        std::string const command = "addr2line -Cfie /proc/" + std::to_string(getpid()) + "/exe " +
-                                    report.substr(at + file.size(), end - at - file.size()) +
-                                    " 2>/dev/null | tail -n 2 |"
-                                    " sed 's/(anonymous namespace):://g;s/(.*//'";
-        char line[1024] = "";
-        if (FILE* const answer = popen(command.c_str(), "r")) {
-            if (std::fgets(line, sizeof line, answer) != nullptr)
-                line[std::strcspn(line, "\n")] = '\0';
-            pclose(answer);
-        }
-        report.replace(at + 1, end - at - 1, line);
-    }
-    return report;
-}
-
 // The schedules of one scenario, run a slice of time at a time.
 class exploration {
 public:
@@ -123,7 +101,7 @@ private:
             std::printf("\nFAILED %s: %s\n", _program.name, result.failure.c_str());
             if (again.failure != result.failure)
                 std::printf("NOT THE SAME WHEN RUN AGAIN: %s\n", again.failure.c_str());
-            std::printf("%sschedules before: %llu\nreplay: %s\n", with_names(again.report).c_str(),
+            std::printf("%sschedules before: %llu\nreplay: %s\n", again.report.c_str(),
                         static_cast<unsigned long long>(_schedules),
                         replay_line(_program, when).c_str());
             return false;
@@ -228,7 +206,7 @@ int replay(scenario const& program, options const& asked) {
     outcome const result = run(program, when);
     std::printf("%s %s after %u steps%s%s\n%s", program.name, result.passed ? "passed" : "FAILED",
                 result.steps, result.passed ? "" : ": ", result.failure.c_str(),
-                with_names(result.report).c_str());
+                result.report.c_str());
     return result.passed ? 0 : 1;
 }
 

@@ -49,34 +49,6 @@ void give_back(marked* memory) {
     allocator_support::deallocate(memory);
 }
 
-// Racing first uses build one group.
-registration const first_use({
-    .name = "allocator_group_is_built_once",
-    .run =
-        [](unsigned int spin) {
-            set_default_spin(spin);
-            unsigned int const at_load = open_handles();
-            detail::atomic<allocator_group*> seen[3] = {nullptr, nullptr, nullptr};
-            begin();
-            {
-                worker second([&] { seen[1] = allocator_group::global(); });
-                worker third([&] {
-                    owned_allocator const own;
-                    seen[2] = allocator_group::global();
-                });
-                seen[0] = allocator_group::global();
-                assure(seen[0].load()->specific_allocator() == seen[0].load()->default_allocator());
-            }
-            assure(seen[0] == seen[1] && seen[0] == seen[2]);
-            inspector::memory const all = inspector::check_allocators();
-            assure(all.allocators == 3 && all.in_use == 0);
-            assure(heap_blocks() == 4 && open_handles() == at_load + 3);
-            balance();
-        },
-    .variants = 2,
-    .exhaustive = true,
-});
-
 // Threads hand blocks to each other through a few places and free whatever they
 // find there, with their allocators switched off and on in between.
 registration const exchanges({
@@ -257,7 +229,42 @@ std::size_t reserve() {
     return inspector::check_allocators().reserve;
 }
 
-// Left to itself, the recycler returns once a period three tenths of what was idle all
+// The recycler's thread returns idle memory while others take and give chunks,
+// keeps about a mebibyte, and ends when it is told to, whenever that is.
+registration const recycler({
+    .name = "recycler_keeps_its_limits",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant % 2, true);
+            if (variant / 2 == 1)
+                end_waits_late(3000);
+            fill_reserve();
+            std::size_t const first = reserve();
+            begin();
+            allocator_recycler::global()->release(pick(2) == 0 ? 0.5 : 2.0);
+            {
+                worker other([] {
+                    owned_allocator const own;
+                    for (unsigned int round = 0; round != 2; ++round) {
+                        Sleep(700);
+                        marked* some[31];
+                        for (marked*& one : some)
+                            one = take_marked(4080);
+                        for (marked* one : some)
+                            give_back(one);
+                    }
+                });
+                Sleep(1000 * pick(10));
+            }
+            inspector::stop_recycler();
+            // The other thread may have kept some.
+            assure(reserve() <= first + 2 * 61440 && reserve() >= (1 << 20) - 5 * 61440);
+            books.settle();
+        },
+    .variants = 4,
+});
+
+// Left to itself, it returns once a period three tenths of what was idle all
 // through that, by whole chunks, down to the limit; the first time it only begins
 // to measure. A second start changes nothing.
 registration const recycler_periods({

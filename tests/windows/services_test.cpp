@@ -74,24 +74,6 @@ TEST(time_unit_test, the_clock_factor_is_the_rate_in_the_registry) {
     EXPECT_EQ(ovel::time_support::time_unit(), 1.0 / (megahertz * 1000000.0));
 }
 
-LONG WINAPI ask_for_nothing(HKEY key, char const*, DWORD* reserved, DWORD* type, BYTE* data,
-                            DWORD* size) {
-    return RegQueryValueExA(key, "no such value", reserved, type, data, size);
-}
-LONG WINAPI open_nothing(HKEY root, char const*, DWORD options, REGSAM access, HKEY* result) {
-    return RegOpenKeyExA(root, "no such key", options, access, result);
-}
-
-TEST(time_unit_death_test, without_the_rate_it_is_that_of_2_gigahertz) {
-    for (bool const key : {true, false}) {
-        auto const look = [&] {
-            key ? lead("RegQueryValueExA", ask_for_nothing) : lead("RegOpenKeyExA", open_nothing);
-            std::exit(ovel::time_support::time_unit() == 1.0 / 2000000000.0 ? 0 : 1);
-        };
-        EXPECT_EXIT(look(), testing::ExitedWithCode(0), "");
-    }
-}
-
 HANDLE once_mutex;      // the one that call_once last made, ...
 std::string once_name;  // ... and how it named it
 

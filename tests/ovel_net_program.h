@@ -1,0 +1,104 @@
+// Runs ovel-net as its users do: in a directory of its own, by way of a shell.
+#ifndef OVEL_NET_PROGRAM_H
+#define OVEL_NET_PROGRAM_H
+
+#include "ovel_json.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+inline std::string content(fs::path const& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+class ovel_net_test : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string name = (fs::temp_directory_path() / "ovel_net_test.XXXXXX").string();
+        ASSERT_NE(mkdtemp(name.data()), nullptr);
+        _directory = name;
+    }
+    void TearDown() override {
+        fs::remove_all(_directory);
+    }
+
+    // The shell's words after the program's name, run in a directory of their own.
+    void run(std::string const& arguments, std::string const& environment = "") {
+        // Another, such as that of another system, may be named in the environment.
+        char const* const named = std::getenv("OVEL_NET_PROGRAM");
+        std::string const program = named != nullptr ? named : OVEL_NET_PROGRAM;
+        std::string const command = "cd '" + _directory.string() + "' && " + environment + " '" +
+                                    program + "' " + arguments + " >.out 2>.err";
+        int const ended = std::system(command.c_str());
+        status = WIFEXITED(ended) ? WEXITSTATUS(ended) : -1;
+        out = content(_directory / ".out");
+        err = content(_directory / ".err");
+    }
+
+    // The run ended so, with one line that says why and nothing else.
+    void expect_refused(int expected, std::string const& says) {
+        EXPECT_EQ(status, expected) << says;
+        EXPECT_EQ(err, "ovel-net: " + says + '\n');
+        EXPECT_EQ(out, "");
+    }
+
+    json run_json(std::string const& arguments) {
+        run(arguments + " --json");
+        EXPECT_EQ(status, 0) << err;
+        EXPECT_EQ(err, "");
+        return json::parse(out);
+    }
+
+    void write(char const* name, std::string const& text) {
+        std::ofstream(_directory / name, std::ios::binary) << text;
+    }
+
+    // Writes `net.pnml` with `elements` in its lines from the third on.
+    void write_net(std::string const& elements) {
+        write("net.pnml",
+              "<pnml xmlns=\"http://www.pnml.org/version-2009/grammar/pnml\"><net id=\"n\"\n"
+              "type=\"http://www.pnml.org/version-2009/grammar/ptnet\"><page id=\"page\">\n" +
+                  elements + "\n</page></net></pnml>\n");
+    }
+
+    // What lies in the directory, but for the program's output and `net.pnml`.
+    std::vector<std::string> files() const {
+        std::vector<std::string> names;
+        for (fs::directory_entry const& each : fs::directory_iterator(_directory)) {
+            std::string const name = each.path().filename().string();
+            if (name != ".out" && name != ".err" && name != "net.pnml")
+                names.push_back(name);
+        }
+        return names;
+    }
+
+    fs::path path(char const* name) const {
+        return _directory / name;
+    }
+    std::string read(char const* name) const {
+        return content(path(name));
+    }
+
+    static std::string own(std::string const& name) {
+        return std::string("'") + OVEL_NETS + '/' + name + '\'';
+    }
+
+    int status = 0;
+    std::string out;
+    std::string err;
+
+private:
+    fs::path _directory;
+};
+
+#endif
