@@ -723,7 +723,7 @@ inline void detail::transition_record::_fire(unsigned int* left) {
 }
 
 template <class T>
-place<T> net::insert_place(std::string name, unsigned int capacity) {
+ovel::place<T> net::insert_place(std::string name, unsigned int capacity) {
     _places.emplace_back(
         new detail::place_record{this, std::move(name), _net.insert_place(capacity)});
     return ovel::place<T>(_places.back().get());

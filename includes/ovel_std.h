@@ -171,6 +171,7 @@ private:
     Mutex& _referred;
 };
 
+// `lockable view(lock)` refers to `lock`.
 template <class Mutex>
 lockable(Mutex&) -> lockable<Mutex&>;
 
