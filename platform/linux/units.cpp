@@ -9,6 +9,8 @@
 #include "linux/futex_word.h"
 #include "linux/processors.h"
 
+#include <sched.h>
+
 namespace ovel::detail {
 
 // Takes a unit if there is one, and changes the caller's place along with it. True
@@ -27,14 +29,17 @@ bool units::_step(place found, place missed) {
     }
 }
 
+// Whether somebody may post while the caller polls. Nobody can with one processor, nor
+// where those who post and those who wait share theirs.
+bool units::_may_poll() const {
+    return !one_processor() && !_shares_processor.load(std::memory_order_relaxed);
+}
+
 // Looks for a unit for about as long as going to sleep and being woken would take.
-// In vain with one processor, where nobody can post meanwhile.
 bool units::_poll() {
     // 1 to 4 us at the rates that time-stamp counters have. A counter that goes
     // back, on another processor, ends the poll too.
     constexpr std::uint64_t ticks = 5000;
-    if (one_processor())
-        return false;
     std::uint64_t const start = __rdtsc();
     do {
         YieldProcessor();
@@ -50,9 +55,12 @@ bool units::take(DWORD milliseconds) {
     if (milliseconds == 0)
         return false;
     deadline const until(milliseconds);
-    if (_poll() || _step(place::keep, place::enter))
+    if ((_may_poll() && _poll()) || _step(place::keep, place::enter))
         return true;
     while (futex_wait(&_word, 0, until)) {
+        // Before the unit is taken, while this thread keeps the object alive.
+        _shares_processor.store(_waker_processor.load(std::memory_order_relaxed) == sched_getcpu(),
+                                std::memory_order_relaxed);
         if (_step(place::leave, place::keep))
             return true;
     }
@@ -66,6 +74,8 @@ bool units::post(LONG count, LONG maximum) {
     do {
         if (more > static_cast<std::uint32_t>(maximum) - now.available)
             return false;
+        if (now.asleep != 0)
+            _waker_processor.store(sched_getcpu(), std::memory_order_relaxed);
     } while (!_word.compare_exchange_weak(now, word{now.available + more, now.asleep},
                                           std::memory_order_release, std::memory_order_relaxed));
     // The units are visible, and this object may end at any moment. Its address

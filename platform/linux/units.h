@@ -43,9 +43,14 @@ private:
     enum class place : std::uint32_t { keep = 0, enter = 1, leave = 0xffffffff };
 
     bool _step(place found, place missed);
+    bool _may_poll() const;
     bool _poll();
 
     atomic<word> _word;
+    // Hints, so relaxed; the next sleeper sets a wrong one right. The processor from
+    // which the last sleeper was woken, and whether that was its own.
+    atomic<int> _waker_processor = -1;
+    atomic<bool> _shares_processor = false;
 };
 
 }  // namespace ovel::detail
