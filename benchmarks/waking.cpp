@@ -423,7 +423,7 @@ void wake(std::string const& row, std::string const& name, int sleepers, bool ag
                 may_wait.release();
         }
         change(true);
-    });
+    })->Iterations(100);  // what passes between two of them is not counted
 }
 
 // Barriers, with `arrive` for a thread to meet the others.
