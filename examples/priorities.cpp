@@ -1,0 +1,44 @@
+// Priorities. Of the work that waits, a free thread takes the largest space that fits,
+// then the longest `time`, then the oldest. Say the time that is left to be spent on the
+// way that begins with a piece of work, and what is critical goes first; or use it as a
+// plain priority, as here. Transitions of a net are ordered in the same way.
+
+#include <ovel_petri.h>
+#include <ovel_thread_group.h>
+#include <ovel_work.h>
+
+#include <cstdio>
+#include <string>
+
+int main() {
+    // One thread, and everything scheduled before it starts: the order is certain.
+    std::string order;
+    ovel::work mail([&] { order += "mail "; });
+    ovel::work alarm([&] { order += "alarm "; });
+    ovel::work backup([&] { order += "backup "; });
+    ovel::work print([&] { order += "print "; });
+
+    ovel::thread_group group(1, 0.0, ovel::thread_base::default_stack_size);
+    group.schedule(backup, 1.0, 0.0);
+    group.schedule(mail, 5.0, 0.0);
+    group.schedule(print, 5.0, 0.0);
+    group.schedule(alarm, 9.0, 0.0);
+    group.release();
+    group.conclude();
+    group.acquire();
+    std::printf("the group:  %s\n", order.c_str());
+
+    // Two transitions that want the same tokens: the more urgent one has them all.
+    int urgent = 0;
+    int idle = 0;
+    ovel::net net(1);
+    auto const turns = net.insert_place<int>("turns", 8);
+    net.insert_transition("idle", from(turns), [&](int) { ++idle; }, {.time = 1.0});
+    net.insert_transition("urgent", from(turns), [&](int) { ++urgent; }, {.time = 2.0});
+    turns.send(1);
+    net.start();
+    net.join();
+    std::printf("the net:    urgent %d, idle %d\n", urgent, idle);
+
+    return order == "alarm mail print backup " && urgent == 1 && idle == 0 ? 0 : 1;
+}

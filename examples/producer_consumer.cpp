@@ -1,0 +1,45 @@
+// Producer and consumer with back-pressure: the capacity of a place is the whole of it.
+// A producer that is faster than the consumer blocks in `send` once the place is full,
+// so what waits in between never grows beyond what was planned for.
+
+#include <ovel_petri.h>
+#include <ovel_work.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <thread>
+
+int main() {
+    constexpr int orders = 10'000;
+    constexpr int room = 4;
+
+    std::atomic<int> produced = 0;
+    std::atomic<int> consumed = 0;
+    int ahead = 0;  // the most that the producer was ahead
+    long long sum = 0;
+
+    ovel::net net;
+    auto const shelf = net.insert_place<int>("shelf", room);
+    net.insert_transition("consume", from(shelf), [&](int order) {
+        sum += order;  // one firing at a time: the transition is not reentrant
+        ++consumed;
+    });
+    net.start();
+    {
+        std::jthread const producer([&] {
+            ovel::thread_allocator const own;  // a thread that the library did not start
+            for (int order = 1; order <= orders; ++order) {
+                shelf.send(order);  // blocks while the shelf is full
+                ahead = std::max(ahead, ++produced - consumed);
+            }
+        });
+    }
+    net.join();
+
+    // Tokens that the consumer holds are on no shelf and not yet counted.
+    bool const bounded = ahead <= room + 1;
+    std::printf("%d orders, sum %lld, the producer was %s ahead\n", consumed.load(), sum,
+                bounded ? "never far" : "too far");
+    return bounded && consumed == orders && sum == orders * (orders + 1LL) / 2 ? 0 : 1;
+}
