@@ -49,7 +49,12 @@ public:
     static std::size_t allocated_capacity();
 
 private:
+    // What the public ones leave to these when there is more to do.
+    static void* _allocate(std::size_t bytes);
+    static void* _allocate_nothrow(std::size_t bytes);
     static void* _allocate_large(std::size_t size);
+    static void _deallocate(void* memory);
+    static void _deallocate_large(void* region);
 
     // Bytes that the runtime heap has set aside for all large blocks. Relaxed: a
     // sum of its own, which orders nothing.

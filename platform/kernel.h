@@ -28,6 +28,16 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace ovel {
+
+inline namespace kernel {
+
+inline constexpr std::size_t region_length = 65536;
+
+}  // namespace kernel
+
+}  // namespace ovel
+
 #if defined(_WIN32) && !defined(OVEL_SIMULATION)
 
 #include <malloc.h>
@@ -41,6 +51,8 @@
 #if !defined(OVEL_SIMULATION)
 #include <x86intrin.h>
 #include <cstdlib>
+
+#include "linux/quick_pointer.h"
 #endif
 
 namespace ovel {
@@ -110,6 +122,12 @@ void Sleep(DWORD milliseconds);
 //     void* TlsGetValue(DWORD index);
 //     BOOL TlsSetValue(DWORD index, void* value);
 
+// One pointer more of each thread, which reading takes no call. A hint: null in a
+// thread that has not set it, and on a platform with nothing faster than a slot
+// always.
+//     void* quick_pointer();
+//     void set_quick_pointer(void* value);
+
 // Processors. A mask has bit i for processor i, 32 at most.
 
 using DWORD_PTR = unsigned long;
@@ -160,20 +178,42 @@ char* _ui64toa(std::uint64_t value, char* text, int radix);
 
 // The runtime heap.
 
+// A region of `region_length` bytes, which goes back to the system when it is freed,
+// as far as no page of it is shared with another. Its last cacheline is not to be
+// touched. Where the platform has a choice, byte `busy` of it begins a cacheline.
+// Null when memory is exhausted.
+//     void* malloc_region(std::size_t busy);
+//     void free_region(void* region);
+
 #if defined(OVEL_SIMULATION)
 
 void* malloc(std::size_t size);
 void free(void* memory);
+inline void* malloc_region(std::size_t) {
+    return malloc(region_length);
+}
+inline void free_region(void* region) {
+    free(region);
+}
 std::size_t _msize(void* memory);
 std::uint64_t __rdtsc();
+
+inline void* quick_pointer() {
+    return nullptr;
+}
+inline void set_quick_pointer(void*) {}
 
 #else
 
 using ::free;
 using ::malloc;
 
-// The bytes that the heap has set aside for `memory`, at least those asked for.
+// The bytes that the heap has set aside for `memory`, which is no region, at least
+// those asked for.
 std::size_t _msize(void* memory);
+
+void* malloc_region(std::size_t busy);
+void free_region(void* region);
 
 // The instructions: `YieldProcessor` (ovel_kernel.h), the atomic operations
 // (ovel_atomic.h) and the time-stamp counter of the processor the caller is on.

@@ -20,14 +20,16 @@ namespace ovel {
 
 namespace {
 
-constexpr std::size_t chunk_length = 65536;
+constexpr std::size_t chunk_length = region_length;
 
-// Bytes of other threads' frees that are worth taking the owner's lock for.
-constexpr std::size_t batch = 0x40000;
-
-// A mebibyte of the capacity is left out of the reckoning of surplus.
-constexpr std::size_t allowance = 1048576 / 7 * 5;
-static_assert(allowance == 748980);
+// Chains of another thread's come out of that thread's cache, a line a block. Most
+// are freed in the order of their addresses, or the reverse: so what comes soon is
+// asked for where it lies if they go on as from `one` to `next`.
+void prefetch_along(detail::block& one, detail::block* next) {
+    auto const here = reinterpret_cast<std::size_t>(&one);
+    auto const there = reinterpret_cast<std::size_t>(next);
+    __builtin_prefetch(reinterpret_cast<void*>(there + 8 * (there - here)), 1);
+}
 
 }  // namespace
 
@@ -38,6 +40,7 @@ constinit allocator* allocator::_released_allocators = nullptr;
 
 void detail::chunk::format(allocator* owner, std::size_t length, std::size_t block_size,
                            std::size_t block_alignment) {
+    _constant_size = block_size;
     _allocator = owner;
     _free = nullptr;
     _length = length;
@@ -77,7 +80,8 @@ allocator::allocator(allocator* parent)
       _activated(true),
       _pending(nullptr),
       _pending_size(0),
-      _remote{} {
+      _remote{},
+      _surplus_below(0) {
     for (std::size_t k = 0; k != detail::classes; ++k) {
         std::size_t const size = detail::block_sizes[k];
         _full[k].format(this, 0, size, detail::alignment_of(size));
@@ -105,10 +109,6 @@ void allocator::operator delete(void* memory) {
     free(memory);
 }
 
-std::size_t allocator::_read(counter const& word) {
-    return word.load(std::memory_order_relaxed);
-}
-
 // The lock of the process-wide lists.
 semaphore& allocator::_registry_lock() {
     return _parent != nullptr ? _parent->_lock : _lock;
@@ -117,34 +117,11 @@ semaphore& allocator::_registry_lock() {
 // The rings, by the owner, or by a handing thread under `_lock` while the
 // allocator is deactivated.
 
-// Whether the capacity, less the allowance, is more than about seven fifths of
-// what is in use.
-bool allocator::_has_surplus() const {
-    return _read(_size) + allowance < _read(_capacity) / 7 * 5;
-}
-
-// `home` has a free block.
-detail::block* allocator::_take_block(detail::chunk& home) {
-    detail::block* const taken = home._free;
-    home._free = taken->_next;
-    home._size += home._block_size;
-    detail::add(_size, home._block_size);
-    return taken;
-}
-
-detail::block* allocator::allocate(std::size_t size) {
-    if (_read(_pending_size) >= batch)
+detail::block* allocator::allocate(std::size_t k) {
+    if (_read(_pending_size) >= detail::batch)
         _collect();
-
-    std::size_t const k = detail::class_of(size);
-    detail::chunk& partial = _partial[k];
-    if (!partial.has_chunk())
-        return _allocate_from_new(k);
-    detail::chunk& home = *partial._next;
-    detail::block* const taken = _take_block(home);
-    if (home._size == home._capacity)
-        home.move_to_front(_full[k]);
-    return taken;
+    detail::block* const ready = _take_ready(k);
+    return ready != nullptr ? ready : _allocate_from_new(k);
 }
 
 // Serves class `k` when no chunk of it has a free block: from an empty chunk of
@@ -164,7 +141,7 @@ detail::block* allocator::_allocate_from_new(std::size_t k) {
             _collect();
         home = _take_chunk(k);
         if (home == nullptr) {
-            void* const region = malloc(chunk_length);
+            void* const region = malloc_region(offsetof(detail::chunk, _free));
             if (region == nullptr)
                 throw std::bad_alloc();
             home = new (region) detail::chunk;
@@ -173,39 +150,15 @@ detail::block* allocator::_allocate_from_new(std::size_t k) {
     }
     home->insert_front(_partial[k]);
     detail::add(_capacity, home->_capacity);
-    return _take_block(*home);  // which can't fill it: a chunk has 15 blocks at least
+    _find_surplus();
+    detail::block& taken = *home->_free;
+    _take_block(taken, *home);  // which can't fill it: a chunk has 15 blocks at least
+    return &taken;
 }
 
-void allocator::deallocate(detail::block* freed) {
-    allocator& own = *allocator_group::global()->specific_allocator();
-    if (&own == this)
-        _release_block(*freed);
-    else
-        own._release_remote(*freed, *this);
-}
-
-// Puts a block back into its chunk, and the chunk into the ring where it belongs.
-inline void allocator::_put_back(detail::block& freed) {
-    detail::chunk& home = *freed._chunk;
-    freed._next = home._free;
-    home._free = &freed;
-    home._size -= home._block_size;
-    detail::add(_size, -home._block_size);
-
-    // A class keeps its last chunk, used or not: a thread that frees a block and
-    // asks for the next one formats nothing.
-    detail::chunk& partial = _partial[detail::class_of(home._block_size)];
-    bool const spare = home._size == 0 && !partial.holds_only(home);
-    home.move_to_front(spare ? _empty : partial);
-}
-
-// The owner's free. One chunk leaves at most, after four hand-overs at most.
-inline void allocator::_release_block(detail::block& freed) {
-    _put_back(freed);
-    if (_empty.has_chunk() && _has_surplus()) {
-        _flush_remote();
-        _give_chunk();
-    }
+void allocator::_give_surplus() {
+    _flush_remote();
+    _give_chunk();
 }
 
 // Takes the first chunk out of `_empty`, which has one. On the global allocator
@@ -216,6 +169,7 @@ detail::chunk& allocator::_remove_empty() {
     detail::add(_capacity, -removed._capacity);
     if (_read(_minimum_capacity) > _read(_capacity))
         _minimum_capacity.store(_read(_capacity), std::memory_order_relaxed);
+    _find_surplus();
     return removed;
 }
 
@@ -268,7 +222,7 @@ void allocator::recycle(double fraction, bool minimum) {
         budget -= surplus._capacity;
         // Threads may exchange chunks meanwhile: the ring is looked at afresh.
         _lock.release();
-        free(&surplus);
+        free_region(&surplus);
         _lock.acquire();
     }
     if (minimum)
@@ -293,8 +247,7 @@ std::size_t allocator::allocated_capacity() {
 
 // The way home of blocks that another thread frees.
 
-// Files a block of `owner` in this allocator, which is the calling thread's.
-void allocator::_release_remote(detail::block& freed, allocator& owner) {
+void allocator::deallocate_remote(detail::block& freed, allocator& owner) {
     detail::remote* entry = _remote;
     detail::remote* const end = _remote + sizeof _remote / sizeof _remote[0];
     while (entry != end && entry->owner != &owner && entry->owner != nullptr)
@@ -302,16 +255,15 @@ void allocator::_release_remote(detail::block& freed, allocator& owner) {
     if (entry == end) {
         _flush_remote();
         entry = _remote;
-    } else if (entry->size >= batch) {
+    } else if (entry->size >= detail::batch) {
         _hand_over(*entry);
     }
 
-    entry->owner = &owner;
-    freed._next = entry->head;
-    if (entry->head == nullptr)
+    if (entry->owner == nullptr) {
+        entry->owner = &owner;
         entry->tail = &freed;
-    entry->head = &freed;
-    entry->size += freed._chunk->_block_size;
+    }
+    _file(freed, *entry);
 }
 
 void allocator::_hand_over(detail::remote& entry) {
@@ -377,7 +329,7 @@ void allocator::_accept(detail::block* head, detail::block* tail, std::size_t si
     while (_pending != nullptr) {
         detail::block& freed = *_pending;
         _pending = freed._next;
-        _put_back(freed);
+        _put_back(freed, *freed._chunk);
         if (_empty.has_chunk() && _has_surplus()) {
             _detach_remote(kept);
             _give_chunk();
@@ -399,7 +351,8 @@ void allocator::_collect() {
     while (chain != nullptr) {
         detail::block& freed = *chain;
         chain = freed._next;
-        _release_block(freed);
+        prefetch_along(freed, chain);
+        deallocate(freed, *freed._chunk);
     }
 }
 

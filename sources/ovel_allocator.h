@@ -3,7 +3,9 @@
 #ifndef OVEL_ALLOCATOR_H
 #define OVEL_ALLOCATOR_H
 
+#include "kernel.h"
 #include "ovel_atomic.h"
+#include "ovel_counter.h"
 #include "ovel_frame.h"
 #include "ovel_semaphore.h"
 
@@ -33,6 +35,13 @@ inline constexpr std::size_t classes = 18;
 inline constexpr std::size_t block_sizes[classes] = {
     8, 16, 24, 32, 48, 64, 96, 128, 192, 256, 384, 512, 768, 1024, 1536, 2048, 3072, 4096};
 inline constexpr std::size_t largest_block = block_sizes[classes - 1];
+
+// Bytes of other threads' frees that are worth taking the owner's lock for.
+inline constexpr std::size_t batch = 0x40000;
+
+// A mebibyte of the capacity is left out of the reckoning of surplus.
+inline constexpr std::size_t allowance = 1048576 / 7 * 5;
+static_assert(allowance == 748980);
 
 // The alignment of the memory of a block: what its size allows, up to a cacheline.
 constexpr std::size_t alignment_of(std::size_t block_size) {
@@ -69,8 +78,12 @@ constexpr std::size_t class_of(std::size_t size) {
 // Rings are circular: the sentinel of an empty one is its own neighbour. Only
 // what `_allocator` and `_block_size` say may be read by a thread that holds a
 // block of the chunk: they stay as they are while a block is in use.
+//
+// A thread that frees another's block reads the two words before `_free`, and no
+// others: where the platform can, they lie in a line that the owner does not write.
 struct chunk {
-    [[maybe_unused]] cacheline _before;
+    [[maybe_unused]] char _before[sizeof(cacheline) - sizeof(std::size_t)];
+    std::size_t _constant_size;    // `_block_size` once more
     allocator* _allocator;         // whose ring it is in
     block* _free;                  // the first block not in use
     std::size_t _length;           // bytes of the region
@@ -162,12 +175,21 @@ public:
     static void* operator new(std::size_t size);
     static void operator delete(void* memory);
 
-    // A block of at least `size` bytes, header included; `size` is a multiple of
-    // `granule`, at most `largest_block`. Owner only. Throws std::bad_alloc.
-    detail::block* allocate(std::size_t size);
+    // A block of class `k`, whatever it takes. Owner only. Throws std::bad_alloc.
+    detail::block* allocate(std::size_t k);
 
-    // Frees a block of this allocator on whichever thread calls.
-    void deallocate(detail::block* freed);
+    // The same if there is a block ready and nothing else to do, else null. No lock,
+    // no call.
+    detail::block* allocate_ready(std::size_t k);
+
+    // Frees a block of a chunk of this allocator's, which is the calling thread's.
+    void deallocate(detail::block& freed, detail::chunk& home);
+
+    // Frees a block of `owner`, which is not this, the calling thread's.
+    void deallocate_remote(detail::block& freed, allocator& owner);
+
+    // The same if it takes no lock and no search, else false. No call.
+    bool file_remote(detail::block& freed, allocator& owner);
 
     // Returns empty chunks of the global allocator to the runtime heap, worth up
     // to `fraction` (0 to 1; a not-a-number is 0) of its idle capacity, or with
@@ -205,15 +227,17 @@ private:
     std::size_t _sum(counter allocator::*word);
 
     bool _has_surplus() const;
-    detail::block* _take_block(detail::chunk& home);
+    void _find_surplus();
+    void _take_block(detail::block& taken, detail::chunk& home);
+    detail::block* _take_ready(std::size_t k);
     detail::block* _allocate_from_new(std::size_t k);
-    void _put_back(detail::block& freed);
-    void _release_block(detail::block& freed);
+    void _put_back(detail::block& freed, detail::chunk& home);
+    void _give_surplus();
     detail::chunk& _remove_empty();
     detail::chunk* _take_chunk(std::size_t k);
     void _give_chunk();
 
-    void _release_remote(detail::block& freed, allocator& owner);
+    static void _file(detail::block& freed, detail::remote& entry);
     void _hand_over(detail::remote& entry);
     void _flush_remote();
     void _detach_remote(detail::block*& kept);
@@ -248,7 +272,113 @@ private:
     detail::chunk _partial[detail::classes];
     detail::chunk _empty;
     [[maybe_unused]] cacheline _after;
+
+    // With less than this in use there are a surplus and a chunk in `_empty` to give.
+    // Without a meaning in the global allocator, which gives nothing.
+    std::size_t _surplus_below;
+    [[maybe_unused]] cacheline _end;
 };
+
+namespace detail {
+
+// The slot's value, or the default allocator, left for `own_allocator` to find.
+allocator& find_own_allocator();
+
+// The calling thread's allocator. Builds the group if there is none.
+inline allocator& own_allocator() {
+    void* const quick = quick_pointer();
+    return quick != nullptr ? *static_cast<allocator*>(quick) : find_own_allocator();
+}
+
+}  // namespace detail
+
+inline std::size_t allocator::_read(counter const& word) {
+    return word.load(std::memory_order_relaxed);
+}
+
+// Whether the capacity, less the allowance, is more than about seven fifths of
+// what is in use.
+inline bool allocator::_has_surplus() const {
+    return _read(_size) + detail::allowance < _read(_capacity) / 7 * 5;
+}
+
+// Called whenever `_capacity` changes, or whether `_empty` has a chunk.
+inline void allocator::_find_surplus() {
+    std::size_t const most = _read(_capacity) / 7 * 5;
+    bool const any = _empty.has_chunk() && most > detail::allowance;
+    _surplus_below = any ? most - detail::allowance : 0;
+}
+
+// Takes `taken`, which is the first free block of `home`.
+inline void allocator::_take_block(detail::block& taken, detail::chunk& home) {
+    home._free = taken._next;
+    std::size_t const block_size = home._block_size;
+    home._size += block_size;
+    detail::add(_size, block_size);
+}
+
+// A block of class `k` if a chunk of it has one free, else null.
+inline detail::block* allocator::_take_ready(std::size_t k) {
+    // In an empty ring that is the sentinel, which never has a free block.
+    detail::chunk& home = *_partial[k]._next;
+    detail::block* const taken = home._free;
+    if (taken == nullptr)
+        return nullptr;
+    detail::block* const next = taken->_next;
+    _take_block(*taken, home);
+    if (next == nullptr) [[unlikely]]
+        home.move_to_front(_full[k]);
+    return taken;
+}
+
+inline detail::block* allocator::allocate_ready(std::size_t k) {
+    return _read(_pending_size) < detail::batch ? _take_ready(k) : nullptr;
+}
+
+// Puts a block back into its chunk, and the chunk into the ring where it belongs.
+inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
+    freed._next = home._free;
+    home._free = &freed;
+    std::size_t const block_size = home._block_size;
+    std::size_t const size = home._size - block_size;
+    home._size = size;
+    detail::add(_size, -block_size);
+
+    // A class keeps its last chunk, used or not: a thread that frees a block and
+    // asks for the next one formats nothing. So the first chunk of a partial ring
+    // stays, but for one that is unused and not alone.
+    std::size_t const place =
+        reinterpret_cast<std::size_t>(home._previous) - reinterpret_cast<std::size_t>(_partial);
+    bool const first = place < sizeof _partial;
+    if (first && (size != 0 || home._next == home._previous)) [[likely]]
+        return;
+    detail::chunk& partial = _partial[detail::class_of(block_size)];
+    bool const spare = size == 0 && !partial.holds_only(home);
+    home.move_to_front(spare ? _empty : partial);
+    if (spare)
+        _find_surplus();
+}
+
+// One chunk leaves at most, after four hand-overs at most.
+inline void allocator::deallocate(detail::block& freed, detail::chunk& home) {
+    _put_back(freed, home);
+    if (_read(_size) < _surplus_below) [[unlikely]]
+        _give_surplus();
+}
+
+inline void allocator::_file(detail::block& freed, detail::remote& entry) {
+    freed._next = entry.head;
+    entry.head = &freed;
+    entry.size += freed._chunk->_constant_size;
+}
+
+inline bool allocator::file_remote(detail::block& freed, allocator& owner) {
+    detail::remote& entry = _remote[0];
+    if (entry.owner != &owner || entry.size >= detail::batch) [[unlikely]]
+        return false;
+    _file(freed, entry);
+    return true;
+}
 
 }  // namespace ovel
 

@@ -57,8 +57,16 @@ void allocator_group::_build() {
     }
 }
 
+// Also for whoever reads the quick pointer: null sends them to the slot.
 void allocator_group::specific_allocator(allocator* own) {
     _specific.set(own);
+    set_quick_pointer(own);
+}
+
+allocator& detail::find_own_allocator() {
+    allocator* const own = allocator_group::global()->specific_allocator();
+    set_quick_pointer(own);
+    return *own;
 }
 
 allocator* allocator_group::global_allocator() const {

@@ -53,18 +53,70 @@ void* region_of(detail::block* header) {
     return reinterpret_cast<char*>(header - 1) - padding_of(header);
 }
 
+// The class of the blocks for `bytes`, which are at most `largest_request`.
+constexpr std::size_t largest_request = detail::largest_block - sizeof(detail::block);
+
+std::size_t class_for(std::size_t bytes) {
+    constexpr std::size_t granule = detail::granule;
+    return detail::class_of((bytes + sizeof(detail::block) + granule - 1) & ~(granule - 1));
+}
+
+// The usual case, in place in each function that allocates: a small block that the
+// thread has ready. Null when there is none.
+[[gnu::always_inline]] inline void* allocate_ready(std::size_t bytes) {
+    void* const own = quick_pointer();
+    if (bytes > largest_request || own == nullptr) [[unlikely]]
+        return nullptr;
+    detail::block* const ready = static_cast<allocator*>(own)->allocate_ready(class_for(bytes));
+    return ready != nullptr ? ready + 1 : nullptr;
+}
+
+// Likewise for each that frees: a small block, of the thread's own or of the thread
+// that it last freed one of. False, with nothing done, for any other.
+[[gnu::always_inline]] inline bool deallocate_at_once(void* memory) {
+    if (memory == nullptr)
+        return true;
+    detail::block* const header = header_of(memory);
+    detail::chunk* const home = header->_chunk;
+    auto const own = static_cast<allocator*>(quick_pointer());
+    if (home == nullptr || own == nullptr) [[unlikely]]
+        return false;
+    allocator* const owner = home->_allocator;
+    if (owner != own) [[unlikely]]
+        return own->file_remote(*header, *owner);
+    own->deallocate(*header, *home);
+    return true;
+}
+
 }  // namespace
 
 constinit detail::atomic<std::size_t> allocator_support::_large_size{0};
 
 void* allocator_support::allocate(std::size_t bytes) {
+    void* const ready = allocate_ready(bytes);
+    return ready != nullptr ? ready : _allocate(bytes);
+}
+
+void* allocator_support::allocate_nothrow(std::size_t bytes) {
+    void* const ready = allocate_ready(bytes);
+    return ready != nullptr ? ready : _allocate_nothrow(bytes);
+}
+
+void* allocator_support::_allocate(std::size_t bytes) {
     if (bytes > std::numeric_limits<std::size_t>::max() - overhead)
         throw std::bad_alloc();
-    std::size_t const size =
-        (bytes + sizeof(detail::block) + detail::granule - 1) & ~(detail::granule - 1);
-    if (size > detail::largest_block)
-        return _allocate_large(size);
-    return allocator_group::global()->specific_allocator()->allocate(size) + 1;
+    if (bytes <= largest_request)
+        return detail::own_allocator().allocate(class_for(bytes)) + 1;
+    std::size_t const rounding = detail::granule - 1;
+    return _allocate_large((bytes + sizeof(detail::block) + rounding) & ~rounding);
+}
+
+void* allocator_support::_allocate_nothrow(std::size_t bytes) {
+    try {
+        return _allocate(bytes);
+    } catch (std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 void* allocator_support::_allocate_large(std::size_t size) {
@@ -83,25 +135,27 @@ void* allocator_support::_allocate_large(std::size_t size) {
     return b + 2;
 }
 
-void* allocator_support::allocate_nothrow(std::size_t bytes) {
-    try {
-        return allocate(bytes);
-    } catch (std::bad_alloc&) {
-        return nullptr;
-    }
+void allocator_support::_deallocate(void* memory) {
+    detail::block* const header = header_of(memory);
+    detail::chunk* const home = header->_chunk;
+    if (home == nullptr)
+        return _deallocate_large(region_of(header));
+    allocator& own = detail::own_allocator();
+    allocator& owner = *home->_allocator;
+    if (&own == &owner)
+        own.deallocate(*header, *home);
+    else
+        own.deallocate_remote(*header, owner);
+}
+
+void allocator_support::_deallocate_large(void* region) {
+    _large_size.fetch_sub(_msize(region), std::memory_order_relaxed);
+    free(region);
 }
 
 void allocator_support::deallocate(void* memory) {
-    if (memory == nullptr)
-        return;
-    detail::block* const header = header_of(memory);
-    if (header->_chunk != nullptr) {
-        header->_chunk->_allocator->deallocate(header);
-        return;
-    }
-    void* const region = region_of(header);
-    _large_size.fetch_sub(_msize(region), std::memory_order_relaxed);
-    free(region);
+    if (!deallocate_at_once(memory))
+        _deallocate(memory);
 }
 
 std::size_t allocator_support::size(void const* memory) {
@@ -126,7 +180,8 @@ std::size_t allocator_support::allocated_capacity() {
 }  // namespace ovel
 
 void* ovel_malloc(size_t bytes) {
-    return ovel::allocator_support::allocate_nothrow(bytes);
+    void* const ready = ovel::allocate_ready(bytes);
+    return ready != nullptr ? ready : ovel::allocator_support::allocate_nothrow(bytes);
 }
 
 void* ovel_calloc(size_t count, size_t size) {
@@ -150,5 +205,6 @@ void* ovel_realloc(void* memory, size_t bytes) {
 }
 
 void ovel_free(void* memory) {
-    ovel::allocator_support::deallocate(memory);
+    if (!ovel::deallocate_at_once(memory))
+        ovel::allocator_support::deallocate(memory);
 }

@@ -9,10 +9,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <set>
 #include <thread>
 
 #include <alloca.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -298,6 +300,39 @@ TEST(processor_test, bits_are_processors_unless_none_of_the_first_32_is_allowed)
     EXPECT_EQ(bits.mask_of(high), 7u);
     EXPECT_TRUE(bits.set_of(2).has(43));
     EXPECT_TRUE(high.within(bits.set_of(7)));
+}
+
+// A region that is freed leaves its neighbours as they are, its inner pages are gone,
+// and with all of them the pages that they shared.
+TEST(region_test, gives_its_memory_back_and_nobody_elses) {
+    constexpr std::size_t busy = 136;
+    constexpr std::size_t used = region_length - sizeof(ovel::cacheline);
+    constexpr int count = 60;  // several mappings
+    auto const present = [](char const* byte) {
+        auto const page = reinterpret_cast<std::size_t>(byte) / 4096 * 4096;
+        unsigned char resident = 0;
+        return mincore(reinterpret_cast<void*>(page), 1, &resident) == 0 && resident % 2 != 0;
+    };
+    for (int first : {0, 1}) {
+        char* regions[count];
+        for (int each = 0; each != count; ++each) {
+            regions[each] = static_cast<char*>(malloc_region(busy));
+            ASSERT_NE(regions[each], nullptr);
+            EXPECT_EQ(reinterpret_cast<std::size_t>(regions[each] + busy) % 128, 0u);
+            std::memset(regions[each], each, used);
+        }
+        for (int each = first; each < count; each += 2) {
+            free_region(regions[each]);
+            EXPECT_FALSE(present(regions[each] + 4096) || present(regions[each] + 60000));
+        }
+        for (int each = 1 - first; each < count; each += 2) {
+            EXPECT_EQ(regions[each][0], each);
+            EXPECT_EQ(std::memcmp(regions[each], regions[each] + 1, used - 1), 0);
+            free_region(regions[each]);
+        }
+        for (char const* each : regions)
+            EXPECT_FALSE(present(each) || present(each + used));
+    }
 }
 
 TEST(text_test, integers_are_written_without_leading_zeros) {

@@ -1,11 +1,79 @@
-// What the sources take for the C runtime's: integers as text, and the size of a
-// block of the heap.
+// What the sources take for the C runtime's: integers as text, the size of a block
+// of the heap, and regions.
 
 #include "kernel.h"
+#include "linux/pthread_guard.h"
 
 #include <malloc.h>
+#include <sys/mman.h>
+
+#include <new>
+
+// Of a leak checker, if there is one: what memory that it did not hand out leads to
+// is in use.
+extern "C" [[gnu::weak]] void __lsan_register_root_region(void const* begin, std::size_t size);
+extern "C" [[gnu::weak]] void __lsan_unregister_root_region(void const* begin, std::size_t size);
 
 namespace ovel {
+
+namespace {
+
+constexpr std::size_t page = 4096;  // of x86
+
+// Regions are cut from mappings, each a line further along its pages than the one
+// before: otherwise all their busy lines would meet in the same few of a cache. So
+// neighbours share a page. A region that is freed gives back those pages in which no
+// other one that is in use has a part, and a mapping goes as a whole with its last.
+struct mapping {
+    static constexpr std::size_t length = 1 << 20;  // and its alignment
+    static constexpr std::size_t step = region_length + sizeof(cacheline);
+    static constexpr unsigned int regions = 15;
+    static constexpr unsigned int all = (1u << regions) - 1;
+
+    mapping* next;       // in the ring of those with a region free, while it is one
+    mapping** previous;  // what points to this
+    unsigned int taken;  // bit i: region i
+};
+
+// Where region 0 begins in a mapping, at most.
+constexpr std::size_t most_before = 2 * sizeof(cacheline);
+static_assert(sizeof(mapping) <= sizeof(cacheline));
+static_assert(most_before + mapping::regions * mapping::step <= mapping::length);
+
+pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+mapping* with_free = nullptr;  // under the lock, like all mappings
+
+void link(mapping& one) {
+    one.next = with_free;
+    one.previous = &with_free;
+    if (with_free != nullptr)
+        with_free->previous = &one.next;
+    with_free = &one;
+}
+
+void unlink(mapping& one) {
+    *one.previous = one.next;
+    if (one.next != nullptr)
+        one.next->previous = one.previous;
+}
+
+// A new mapping without regions, linked; null when the system has none.
+mapping* map() {
+    void* const wide = mmap(nullptr, 2 * mapping::length, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (wide == MAP_FAILED)
+        return nullptr;
+    auto const begin = static_cast<char*>(wide);
+    std::size_t const before = -reinterpret_cast<std::size_t>(wide) & (mapping::length - 1);
+    if (before != 0)
+        munmap(begin, before);
+    munmap(begin + before + mapping::length, mapping::length - before);
+    auto const made = new (begin + before) mapping{nullptr, nullptr, 0};
+    link(*made);
+    return made;
+}
+
+}  // namespace
 
 char* kernel::_ui64toa(std::uint64_t value, char* text, int radix) {
     auto const base = static_cast<std::uint64_t>(radix);
@@ -26,6 +94,47 @@ char* kernel::_ultoa(unsigned long value, char* text, int radix) {
 
 std::size_t kernel::_msize(void* memory) {
     return malloc_usable_size(memory);
+}
+
+void* kernel::malloc_region(std::size_t busy) {
+    detail::pthread_guard const hold(lock);
+    mapping* const home = with_free != nullptr ? with_free : map();
+    if (home == nullptr)
+        return nullptr;
+    auto const place = static_cast<unsigned int>(__builtin_ctz(~home->taken));
+    home->taken |= 1u << place;
+    if (home->taken == mapping::all)
+        unlink(*home);
+    char* const region = reinterpret_cast<char*>(home) + sizeof(cacheline) +
+                         (-busy & (sizeof(cacheline) - 1)) + place * mapping::step;
+    if (__lsan_register_root_region != nullptr)
+        __lsan_register_root_region(region, region_length);
+    return region;
+}
+
+void kernel::free_region(void* region) {
+    detail::pthread_guard const hold(lock);
+    if (__lsan_unregister_root_region != nullptr)
+        __lsan_unregister_root_region(region, region_length);
+    auto const address = reinterpret_cast<std::size_t>(region);
+    std::size_t const offset = address & (mapping::length - 1);
+    auto const begin = static_cast<char*>(region) - offset;
+    auto& home = *reinterpret_cast<mapping*>(begin);
+    auto const place = static_cast<unsigned int>(offset / mapping::step);
+    if (home.taken == mapping::all)
+        link(home);
+    home.taken &= ~(1u << place);
+    if (home.taken == 0) {
+        unlink(home);
+        munmap(begin, mapping::length);
+        return;
+    }
+    // Page 0 has the fields of the mapping itself.
+    bool const alone_before = place != 0 && (home.taken & 1u << (place - 1)) == 0;
+    bool const alone_behind = (home.taken & 1u << (place + 1)) == 0;
+    std::size_t const first = (offset + (alone_before ? 0 : page - 1)) / page * page;
+    std::size_t const last = (offset + mapping::step + (alone_behind ? page - 1 : 0)) / page * page;
+    madvise(begin + first, last - first, MADV_DONTNEED);
 }
 
 }  // namespace ovel

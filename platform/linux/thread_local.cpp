@@ -16,6 +16,8 @@
 
 namespace ovel {
 
+constinit thread_local void* detail::quick_pointer_word = nullptr;
+
 namespace {
 
 constexpr DWORD slot_bits = 11;

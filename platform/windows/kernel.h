@@ -5,4 +5,29 @@
 
 #include <x86intrin.h>  // __rdtsc
 
+#include <cstddef>
+#include <cstdlib>
+
+namespace ovel {
+
+inline namespace kernel {
+
+// The library has no thread-local storage there: see library.cpp.
+inline void* quick_pointer() {
+    return nullptr;
+}
+inline void set_quick_pointer(void*) {}
+
+// Regions are blocks of the runtime heap like any other.
+inline void* malloc_region(std::size_t) {
+    return ::malloc(region_length);
+}
+inline void free_region(void* region) {
+    ::free(region);
+}
+
+}  // namespace kernel
+
+}  // namespace ovel
+
 #endif
