@@ -14,6 +14,9 @@ namespace ovel {
 //     checksum.encode(text, text + 3);  // "abc"
 //     checksum.stop();
 //     checksum.value();  // 0x352441C2
+//
+// Sixteen bytes and more at a time go many times as fast as byte by byte where the
+// processor multiplies without carries; the checksum is the same.
 class OVEL_EXPORT crc32 {
 public:
     // The register is 0, which is not what a checksum starts from: see `start`.
@@ -55,6 +58,18 @@ private:
 
     unsigned int _register;
 };
+
+inline void crc32::start() {
+    _register = 0xFFFFFFFF;
+}
+
+inline void crc32::stop() {
+    _register = ~_register;
+}
+
+inline unsigned int crc32::value() const {
+    return _register;
+}
 
 }  // namespace ovel
 

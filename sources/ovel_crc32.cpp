@@ -1,25 +1,45 @@
-// CRC-32 by table, a byte at a time.
+// CRC-32: by multiplication without carries where the processor has it, otherwise, and
+// for a few bytes, by table.
 #include "ovel_crc32.h"
 
+#include "kernel.h"
+#include "ovel_crc32_folding.h"
+
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 namespace ovel {
 
 namespace {
 
-// Feeds the bytes of an unsigned word, the most significant first.
-template <class Word>
-void encode_word(crc32& checksum, Word word) {
-    for (unsigned int bits = 8 * sizeof(Word); bits != 0;) {
-        bits -= 8;
-        checksum.encode(static_cast<unsigned char>(word >> bits));
-    }
-}
+// The inline members are part of the binary interface as well, for callers whose
+// compiler does not inline them: naming them here has them emitted.
+[[gnu::used]] void (crc32::*const exported[])() = {&crc32::start, &crc32::stop};
+[[gnu::used]] unsigned int (crc32::*const exported_value)() const = &crc32::value;
 
-template <class Element>
-void encode_each(crc32& checksum, Element const* begin, Element const* end) {
-    for (Element const* each = begin; each != end; ++each)
-        checksum.encode(*each);
+// Feeds the words from `begin` to `end`, the bytes of each from the most significant.
+template <class Word, class Element>
+void encode_words(crc32& checksum, Element const* begin, Element const* end) {
+    constexpr std::ptrdiff_t most = 256 / sizeof(Word);
+    while (begin != end) {
+        unsigned char bytes[256];
+        unsigned char* byte = bytes;
+        Element const* const stop = begin + std::min(most, end - begin);
+        for (; begin != stop; ++begin) {
+            Word word;
+            if constexpr (std::is_pointer_v<Element>)
+                word = reinterpret_cast<Word>(*begin);
+            else
+                word = static_cast<Word>(*begin);
+            for (unsigned int bits = 8 * sizeof(Word); bits != 0; ++byte) {
+                bits -= 8;
+                *byte = static_cast<unsigned char>(word >> bits);
+            }
+        }
+        checksum.encode(bytes, byte);
+    }
 }
 
 }  // namespace
@@ -61,18 +81,6 @@ unsigned int const crc32::_table[256] = {
 
 crc32::crc32() : _register(0) {}
 
-void crc32::start() {
-    _register = 0xFFFFFFFF;
-}
-
-void crc32::stop() {
-    _register = ~_register;
-}
-
-unsigned int crc32::value() const {
-    return _register;
-}
-
 void crc32::encode(char byte) {
     encode(static_cast<unsigned char>(byte));
 }
@@ -82,6 +90,19 @@ void crc32::encode(unsigned char byte) {
 }
 
 void crc32::encode(unsigned char const* begin, unsigned char const* end) {
+    auto const count = static_cast<std::size_t>(end - begin);
+    if (count >= 16) {
+        switch (carryless_multiplication()) {
+            case carryless::pairs:
+                detail::crc32_wide(_register, begin, count);
+                return;
+            case carryless::single:
+                detail::crc32_narrow(_register, begin, count);
+                return;
+            case carryless::none:
+                break;
+        }
+    }
     // A local register: the member might alias the bytes, and would be stored
     // after each.
     unsigned int running = _register;
@@ -96,27 +117,27 @@ void crc32::encode(char const* begin, char const* end) {
 }
 
 void crc32::encode(unsigned int word) {
-    encode_word(*this, word);
+    encode(&word, &word + 1);
 }
 
 void crc32::encode(int word) {
-    encode_word(*this, static_cast<unsigned int>(word));
+    encode(&word, &word + 1);
 }
 
 void crc32::encode(void* word) {
-    encode_word(*this, reinterpret_cast<std::uintptr_t>(word));
+    encode(&word, &word + 1);
 }
 
 void crc32::encode(unsigned int const* begin, unsigned int const* end) {
-    encode_each(*this, begin, end);
+    encode_words<unsigned int>(*this, begin, end);
 }
 
 void crc32::encode(int const* begin, int const* end) {
-    encode_each(*this, begin, end);
+    encode_words<unsigned int>(*this, begin, end);
 }
 
 void crc32::encode(void* const* begin, void* const* end) {
-    encode_each(*this, begin, end);
+    encode_words<std::uintptr_t>(*this, begin, end);
 }
 
 }  // namespace ovel

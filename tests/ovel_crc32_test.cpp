@@ -1,7 +1,11 @@
 #include "ovel_crc32.h"
 
+#include "kernel.h"
+#include "ovel_crc32_folding.h"
+
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -55,6 +59,44 @@ TEST(crc32_test, a_computation_may_be_cut_anywhere_and_copied_on_the_way) {
             each->encode(bytes + cut + 1, bytes + 256);
             each->stop();
             ASSERT_EQ(each->value(), whole) << "cut at " << cut;
+        }
+    }
+}
+
+// Byte by byte goes by the table. Every length from which lanes are left over in
+// another way, from every alignment, with each of the ways that this processor has.
+TEST(crc32_test, many_bytes_at_once_count_as_they_do_one_by_one) {
+    using way = void (*)(std::uint32_t&, unsigned char const*, std::size_t);
+    std::vector<way> ways;
+    ovel::carryless const processor = ovel::carryless_multiplication();
+    if (processor != ovel::carryless::none)
+        ways.push_back(ovel::detail::crc32_narrow);
+    if (processor == ovel::carryless::pairs)
+        ways.push_back(ovel::detail::crc32_wide);
+
+    constexpr std::size_t most = 600;
+    std::vector<unsigned char> bytes(most + 32);
+    std::uint32_t state = 1;
+    for (unsigned char& each : bytes) {
+        state = state * 1664525 + 1013904223;
+        each = static_cast<unsigned char>(state >> 24);
+    }
+    for (std::size_t from = 0; from < 32; ++from) {
+        unsigned char const* const begin = bytes.data() + from;
+        crc32 slow;
+        slow.start();
+        for (std::size_t count = 0; count <= most; ++count) {
+            crc32 fast;
+            fast.start();
+            fast.encode(begin, begin + count);
+            ASSERT_EQ(fast.value(), slow.value()) << count << " bytes from " << from;
+            for (std::size_t i = 0; count >= 16 && i < ways.size(); ++i) {
+                std::uint32_t running = 0xFFFFFFFF;
+                ways[i](running, begin, count);
+                ASSERT_EQ(running, slow.value())
+                    << count << " bytes from " << from << ", way " << i;
+            }
+            slow.encode(begin[count]);
         }
     }
 }

@@ -1,0 +1,193 @@
+// CRC-32 by multiplication without carries, 16 or 32 bytes at a time.
+//
+// Bits of a message are the coefficients of a polynomial over GF(2), the first bit
+// the highest power; the checksum's register after it is the message times x^32,
+// modulo P, the polynomial of degree 32. All words here are reversed, as the
+// checksum is: the lowest bit of the first byte is the highest power, and what a load
+// brings needs no turning.
+//
+// Folding. Sixteen bytes that n more bits follow count for their value times x^n
+// modulo P. With high and low half H and L, that is
+//
+//     H (x^(n+64) mod P) + L (x^n mod P)
+//
+// of at most 96 bits, which is added to the 16 bytes that stand n bits later. A block
+// is so folded into the next until one is left. The product of two reversed words of
+// 64 bits is that of the polynomials, reversed in 128 bits, times x: the constants are
+// of one power less.
+//
+// The last 128 bits, times x^32, become T = H (x^96 mod P) + L x^32 of 96 bits. T
+// modulo P is T + QP, with Q the quotient of T's upper 64 bits A by P. For
+// polynomials Q is exactly the upper half of A (x^96 / P), rounded down.
+#ifndef OVEL_CRC32_FOLDING_H
+#define OVEL_CRC32_FOLDING_H
+
+#include <immintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace ovel::detail {
+
+// P without its highest term, reversed.
+inline constexpr std::uint32_t crc32_polynomial = 0xEDB88320;
+
+// x^`power` modulo P, reversed.
+constexpr std::uint32_t crc32_remainder(unsigned int power) {
+    std::uint32_t value = 0x80000000;
+    for (unsigned int done = 0; done != power; ++done)
+        value = (value >> 1) ^ ((value & 1) != 0 ? crc32_polynomial : 0);
+    return value;
+}
+
+// x^96 / P, reversed in 65 bits, without the lowest term, which no quotient needs.
+constexpr std::uint64_t crc32_reciprocal() {
+    std::uint64_t quotient = 0;
+    std::uint32_t value = 0x80000000;
+    for (unsigned int done = 1; done != 96; ++done) {
+        // What leaves the 32 bits at the top is the quotient's next term; the first
+        // 31 times nothing does.
+        if ((value & 1) != 0)
+            quotient |= std::uint64_t(1) << (done - 32);
+        value = (value >> 1) ^ ((value & 1) != 0 ? crc32_polynomial : 0);
+    }
+    return quotient;
+}
+
+// The factors of the halves, the first half in the lower word, of 16 bytes that
+// `bits` more follow.
+struct alignas(16) crc32_factors {
+    constexpr explicit crc32_factors(unsigned int bits)
+        : first(std::uint64_t(crc32_remainder(bits + 63)) << 32),
+          second(std::uint64_t(crc32_remainder(bits - 1)) << 32) {}
+
+    std::uint64_t first;
+    std::uint64_t second;
+};
+
+inline constexpr crc32_factors crc32_over_128(128);
+inline constexpr crc32_factors crc32_over_512(512);
+inline constexpr crc32_factors crc32_over_384_and_256[2] = {crc32_factors(384), crc32_factors(256)};
+alignas(16) inline constexpr std::uint64_t crc32_over_96[2] = {
+    std::uint64_t(crc32_remainder(96)) << 1, 0};
+alignas(16) inline constexpr std::uint64_t crc32_division[2] = {
+    crc32_reciprocal(), std::uint64_t(crc32_polynomial) << 1 | 1};
+
+// Moves the bytes of a lane up or down by n when loaded from 16 + n or 16 - n: what
+// is moved in is 0.
+alignas(16) inline constexpr unsigned char crc32_moves[48] = {
+    0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
+    0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,   11,   12,   13,   14,   15,
+    0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80};
+
+#define OVEL_CRC32_NARROW [[gnu::target("pclmul,ssse3,sse4.1")]]
+#define OVEL_CRC32_WIDE [[gnu::target("pclmul,ssse3,sse4.1,avx2,vpclmulqdq")]]
+
+OVEL_CRC32_NARROW [[gnu::always_inline]] inline __m128i crc32_load(void const* bytes) {
+    return _mm_loadu_si128(static_cast<__m128i const*>(bytes));
+}
+
+// `lane` moved over the bits that `over` was made for.
+OVEL_CRC32_NARROW [[gnu::always_inline]] inline __m128i crc32_fold(__m128i lane,
+                                                                   crc32_factors const& over) {
+    __m128i const factors = crc32_load(&over);
+    return _mm_xor_si128(_mm_clmulepi64_si128(lane, factors, 0x00),
+                         _mm_clmulepi64_si128(lane, factors, 0x11));
+}
+
+// The register after `lane`, and after the `count` bytes that follow.
+OVEL_CRC32_NARROW [[gnu::always_inline]] inline std::uint32_t crc32_finish(
+    __m128i lane, unsigned char const* bytes, std::size_t count) {
+    for (; count >= 16; bytes += 16, count -= 16)
+        lane = _mm_xor_si128(crc32_fold(lane, crc32_over_128), crc32_load(bytes));
+    if (count != 0) {
+        // As many bytes as are left leave the lane at its front and are folded onto
+        // the 16 last ones: the rest of the lane and what is left.
+        __m128i const up = crc32_load(crc32_moves + count);
+        __m128i const down = crc32_load(crc32_moves + 16 + count);
+        __m128i const front = _mm_shuffle_epi8(lane, up);
+        // The bytes before these have been read already, and are there to be read.
+        __m128i const last = crc32_load(bytes + count - 16);
+        __m128i const rest = _mm_shuffle_epi8(lane, down);
+        __m128i const keep = _mm_cmpgt_epi8(_mm_setzero_si128(), down);
+        lane = _mm_xor_si128(crc32_fold(front, crc32_over_128),
+                             _mm_or_si128(rest, _mm_and_si128(keep, last)));
+    }
+    __m128i const dividend = _mm_xor_si128(
+        _mm_clmulepi64_si128(lane, crc32_load(crc32_over_96), 0x00), _mm_srli_si128(lane, 8));
+    __m128i const division = crc32_load(crc32_division);
+    __m128i const quotient = _mm_clmulepi64_si128(dividend, division, 0x00);
+    __m128i const remainder =
+        _mm_xor_si128(dividend, _mm_clmulepi64_si128(quotient, division, 0x10));
+    return static_cast<std::uint32_t>(_mm_extract_epi32(remainder, 2));
+}
+
+// The register after `count` bytes, 16 or more, in lanes of 16 bytes.
+OVEL_CRC32_NARROW [[gnu::always_inline]] inline std::uint32_t crc32_by_lanes(
+    std::uint32_t running, unsigned char const* bytes, std::size_t count) {
+    __m128i const before = _mm_cvtsi32_si128(static_cast<int>(running));
+    __m128i lane = _mm_xor_si128(crc32_load(bytes), before);
+    if (count < 64)
+        return crc32_finish(lane, bytes + 16, count - 16);
+    __m128i lane_1 = crc32_load(bytes + 16);
+    __m128i lane_2 = crc32_load(bytes + 32);
+    __m128i lane_3 = crc32_load(bytes + 48);
+    for (bytes += 64, count -= 64; count >= 64; bytes += 64, count -= 64) {
+        lane = _mm_xor_si128(crc32_fold(lane, crc32_over_512), crc32_load(bytes));
+        lane_1 = _mm_xor_si128(crc32_fold(lane_1, crc32_over_512), crc32_load(bytes + 16));
+        lane_2 = _mm_xor_si128(crc32_fold(lane_2, crc32_over_512), crc32_load(bytes + 32));
+        lane_3 = _mm_xor_si128(crc32_fold(lane_3, crc32_over_512), crc32_load(bytes + 48));
+    }
+    lane = _mm_xor_si128(crc32_fold(lane, crc32_over_384_and_256[0]),
+                         crc32_fold(lane_1, crc32_over_384_and_256[1]));
+    lane = _mm_xor_si128(lane, _mm_xor_si128(crc32_fold(lane_2, crc32_over_128), lane_3));
+    return crc32_finish(lane, bytes, count);
+}
+
+// Feeds the register `count` bytes, 16 or more.
+OVEL_CRC32_NARROW inline void crc32_narrow(std::uint32_t& running, unsigned char const* bytes,
+                                           std::size_t count) {
+    running = crc32_by_lanes(running, bytes, count);
+}
+
+OVEL_CRC32_WIDE [[gnu::always_inline]] inline __m256i crc32_load_two(void const* bytes) {
+    return _mm256_loadu_si256(static_cast<__m256i const*>(bytes));
+}
+
+// Both lanes moved over the bits that `factors` were made for.
+OVEL_CRC32_WIDE [[gnu::always_inline]] inline __m256i crc32_fold_two(__m256i lanes,
+                                                                     __m256i factors) {
+    return _mm256_xor_si256(_mm256_clmulepi64_epi128(lanes, factors, 0x00),
+                            _mm256_clmulepi64_epi128(lanes, factors, 0x11));
+}
+
+// The same as `crc32_narrow`, in pairs of lanes where there are enough of them.
+OVEL_CRC32_WIDE inline void crc32_wide(std::uint32_t& running, unsigned char const* bytes,
+                                       std::size_t count) {
+    if (count < 64) {
+        running = crc32_by_lanes(running, bytes, count);
+        return;
+    }
+    __m256i const before = _mm256_zextsi128_si256(_mm_cvtsi32_si128(static_cast<int>(running)));
+    __m256i lanes = _mm256_xor_si256(crc32_load_two(bytes), before);
+    __m256i lanes_1 = crc32_load_two(bytes + 32);
+    __m256i const factors = _mm256_broadcastsi128_si256(crc32_load(&crc32_over_512));
+    for (bytes += 64, count -= 64; count >= 64; bytes += 64, count -= 64) {
+        lanes = _mm256_xor_si256(crc32_fold_two(lanes, factors), crc32_load_two(bytes));
+        lanes_1 = _mm256_xor_si256(crc32_fold_two(lanes_1, factors), crc32_load_two(bytes + 32));
+    }
+    // The first three of the four lanes onto the last.
+    lanes = crc32_fold_two(lanes, crc32_load_two(crc32_over_384_and_256));
+    __m128i lane = _mm_xor_si128(_mm256_castsi256_si128(lanes), _mm256_extracti128_si256(lanes, 1));
+    lane = _mm_xor_si128(lane, crc32_fold(_mm256_castsi256_si128(lanes_1), crc32_over_128));
+    lane = _mm_xor_si128(lane, _mm256_extracti128_si256(lanes_1, 1));
+    running = crc32_finish(lane, bytes, count);
+}
+
+#undef OVEL_CRC32_NARROW
+#undef OVEL_CRC32_WIDE
+
+}  // namespace ovel::detail
+
+#endif
