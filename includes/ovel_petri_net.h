@@ -484,7 +484,7 @@ public:
 
     // Lets a transition fire, as it may from the beginning; and keeps it from
     // being dispatched, while firings under way run to their end. Do not block but
-    // for the net's lock. `activate` throws std::bad_alloc when it can't queue the
+    // for internal locks. `activate` throws std::bad_alloc when it can't queue the
     // transition, and may be called again.
     void activate(petri_transition* transition);
     void deactivate(petri_transition* transition);
@@ -571,7 +571,8 @@ private:
 
     // Guards `_firings`, `_acquired`, `_random`, `_queue`, the counts of places,
     // the state of transitions and all from `_crews` on. Taken before a place's
-    // mutex; never held while firing code runs or a group is called.
+    // mutex; never held while firing code runs, and no group is called
+    // that could go on, only one that refuses what it is given.
     mutex _mutex;
     unsigned int const _groups;
     unsigned int _firings = 0;  // initiated and not terminated, of all transitions

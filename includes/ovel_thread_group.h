@@ -58,7 +58,6 @@ private:
     struct idle_lock;
 
     queue::iterator find_element();
-    bool _has_fitting();
     bool _has_ended() const;
     void _acquire();
     queue::detached _take();
@@ -124,6 +123,7 @@ public:
     // Queues `function` to run once, now or when the group is started. `time` is
     // positive, `space` from 0 to the group's (check "time_ > 0 && space_ >= 0 &&
     // space_ <= _space"). Waits for the group's own locks, never for running work.
+    // The queue's memory is the caller's: it needs an allocator of its own, as ever.
     // The caller keeps `function` alive until it has run or was cleared. A concluded group fails
     // the check "!_concluded". Throws std::bad_alloc, having queued nothing.
     void schedule(thread_function& function, double time, double space);

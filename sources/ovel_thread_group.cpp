@@ -155,7 +155,7 @@ thread_group_function_base::queue::detached thread_group_function_base::_take() 
         return nullptr;
     auto const element = find_element();
     double const space = (*element).third;
-    if (_space < space)
+    if (!(_space >= space))
         return nullptr;
     _space -= space;
     if (_crew != nullptr && space != 0)
