@@ -15,6 +15,14 @@ write_basic_package_version_file(ovelConfigVersion.cmake COMPATIBILITY SameMajor
 install(FILES ${PROJECT_BINARY_DIR}/ovelConfigVersion.cmake DESTINATION ${package}
     COMPONENT development)
 
+# gdb looks for printers under the path of the library's own file.
+if(NOT WIN32)
+    cmake_path(GET CMAKE_INSTALL_FULL_LIBDIR RELATIVE_PART library_folder)
+    install(FILES tools/gdb/ovel_gdb.py
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/gdb/auto-load/${library_folder}
+        RENAME $<TARGET_FILE_NAME:ovel>-gdb.py COMPONENT development)
+endif()
+
 # Paths relative to where the file lies: an installed tree can be moved.
 set(pkgconfig ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH pkgconfig_prefix

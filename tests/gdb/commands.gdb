@@ -1,0 +1,34 @@
+set debuginfod enabled off
+set disable-randomization off
+break look
+run
+up
+print units
+print timed_units
+print free_lock
+print lock
+print timed_lock
+print twice_lock
+print timed_recursive_lock
+print changed
+print timed_changed
+print numbers
+print none
+print queue
+print empty_queue
+print *in
+print *doubling
+print net
+print running
+print *(ovel::semaphore *) zeroed
+print *(ovel::recursive_mutex *) scribbled
+print *(ovel::timed_condition *) zeroed
+print *(ovel::list<short> *) zeroed
+print *(ovel::list<short> *) scribbled
+print *(work_queue *) zeroed
+print *(work_queue *) scribbled
+print *(ovel::petri_place *) zeroed
+print *(ovel::petri_transition *) zeroed
+print *(ovel::petri_transition *) scribbled
+print *(ovel::petri_net *) scribbled
+kill

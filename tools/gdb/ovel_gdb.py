@@ -1,0 +1,222 @@
+"""Printers for gdb, which finds them by itself where the library is installed.
+Elsewhere: `source ovel_gdb.py`.
+
+They read fields by name, so the program needs debug information (`-g`). The library
+needs none: what it alone knows, a kernel semaphore, is read by its layout on Linux.
+"""
+
+import gdb
+import gdb.printing
+
+NOT_BUILT = "not built, or destroyed"
+
+
+def plain(value):
+    """The number in an atomic, whatever classes the standard library wraps it in."""
+    while value.type.strip_typedefs().code == gdb.TYPE_CODE_STRUCT:
+        field = next(f for f in value.type.strip_typedefs().fields() if hasattr(f, "bitpos"))
+        value = value[field]
+    return int(value)
+
+
+def counted(count, what):
+    return f"{count} {what}" if count == 1 else f"{count} {what}s"
+
+
+def kernel_semaphore(handle):
+    """Of the kernel semaphore that a handle leads to: its units, and threads asleep for one.
+
+    It is the words kind, which is 0, maximum, units and threads asleep.
+    """
+    words = handle.cast(gdb.lookup_type("unsigned int").pointer())
+    if int(words) == 0 or int(words[0]) != 0:
+        raise ValueError
+    return int(words[2]), int(words[3])
+
+
+def units_and_waiting(semaphore):
+    """Of a semaphore of either class: units available, and threads asleep for one."""
+    units, asleep = kernel_semaphore(semaphore["_semaphore"])
+    if any(field.name == "_value" for field in semaphore.type.strip_typedefs().fields()):
+        value = plain(semaphore["_value"])
+        return max(value, 0), max(-value, 0)
+    return units, asleep
+
+
+def thread_name(identifier):
+    """As gdb numbers the thread that the system calls by `identifier`."""
+    for thread in gdb.selected_inferior().threads():
+        if thread.ptid[1] == identifier:
+            return f"thread {thread.num}"
+    return f"thread of identifier {identifier}"
+
+
+class Printer:
+    """One line for an object: its class, and what `describe` says of it."""
+
+    def __init__(self, value):
+        self.value = value
+
+    def to_string(self):
+        type_ = self.value.type.strip_typedefs().unqualified()
+        try:
+            return f"{type_.name}: {self.describe()}"
+        except (gdb.MemoryError, ValueError):
+            return f"{type_.name}: {NOT_BUILT}"
+        except gdb.error as problem:
+            # Of a class with virtual functions gcc describes the fields only where
+            # the first of these is defined, which is in the library.
+            hint = "" if type_.fields() else ", compile with -femit-class-debug-always"
+            return f"{type_.name}: {problem}{hint}"
+
+
+class Semaphore(Printer):
+    def describe(self):
+        units, waiting = units_and_waiting(self.value)
+        return counted(units, "unit") + (f", {waiting} waiting" if waiting else "")
+
+
+class Mutex(Printer):
+    def describe(self):
+        units, waiting = units_and_waiting(self.value["_semaphore"])
+        return ("free" if units else self.owned()) + (f", {waiting} waiting" if waiting else "")
+
+    def owned(self):
+        return "owned"
+
+
+class ReentrantMutex(Mutex):
+    def owned(self):
+        owner = plain(self.value["_owner"])
+        times = counted(int(self.value["_depth"]), "time")
+        return f"owned {times} by {thread_name(owner)}" if owner else "changing hands"
+
+
+class Condition(Printer):
+    def describe(self):
+        units_and_waiting(self.value["_wait"])
+        released = int(self.value["_released"])
+        leaving = f", {released} released and leaving" if released else ""
+        return f"{plain(self.value['_queued'])} waiting" + leaving
+
+
+class Container(Printer):
+    """A container whose `elements` are walked only as far as its size says."""
+
+    def describe(self):
+        self.assure_built()
+        return counted(int(self.value["_size"]), "element")
+
+    def children(self):
+        try:
+            self.assure_built()
+            for index, element in enumerate(self.elements(int(self.value["_size"]))):
+                yield str(index), element
+        except (gdb.error, ValueError):
+            return
+
+    def display_hint(self):
+        return "array"
+
+
+class List(Container):
+    def links(self):
+        return self.value[self.value.type.strip_typedefs().fields()[0]]
+
+    def assure_built(self):
+        first = self.links()["_next"]
+        if int(first) == 0 or first["_previous"] != self.links().address:
+            raise ValueError
+
+    def elements(self, size):
+        # A node is the two links and behind them the value.
+        value_type = self.value.type.strip_typedefs().template_argument(0)
+        links = self.links()
+        for _ in range(size):
+            behind = int(links["_next"] + 1)
+            aligned = -(-behind // value_type.alignof) * value_type.alignof
+            yield gdb.Value(aligned).cast(value_type.pointer()).dereference()
+            links = links["_next"].dereference()
+
+
+class SkipList(Container):
+    def assure_built(self):
+        if int(self.value["_end"]["_previous"]) == 0:
+            raise ValueError
+        if int(self.value["_size"]) != 0:
+            self.value["_head"].dereference().fetch_lazy()
+
+    def elements(self, size):
+        # Links that lead forward lie behind a head of two integers, and behind the
+        # back link and the level of a node, whose value lies before these.
+        value_type = self.value.type.strip_typedefs().template_argument(0)
+        pointer = gdb.lookup_type("char").pointer()
+        step = pointer.sizeof
+        offset = -(-value_type.sizeof // step) * step
+        links = self.value["_head"].cast(pointer) + 8
+        for _ in range(size):
+            node = links.cast(pointer.pointer()).dereference()
+            yield (node - offset).cast(value_type.pointer()).dereference()
+            links = node + 2 * step
+
+
+class Place(Printer):
+    def describe(self):
+        units_and_waiting(self.value["_mutex"]["_semaphore"])
+        capacity = int(self.value["_channel"]["_capacity"])
+        counts = f"{int(self.value['_size'])} of {counted(capacity, 'token')}"
+        for field, what in (
+            ("_receive_size", "reserved"),
+            ("_send_size", "to come"),
+            ("_receivers", "receiving"),
+            ("_senders", "sending"),
+        ):
+            if int(self.value[field]) != 0:
+                counts += f", {int(self.value[field])} {what}"
+        return counts
+
+
+class Transition(Printer):
+    def describe(self):
+        self.value["_net"]["_groups"].fetch_lazy()
+        state = counted(int(self.value["_firing"]), "firing")
+        if int(self.value["_iterator"]["_position"]) != 0:
+            state += ", queued"
+        if not self.value["_activated"]:
+            state += ", deactivated"
+        function = self.value["_function"].referenced_value()
+        return f"{state}, fires {function.dynamic_type}"
+
+
+class Net(Printer):
+    def describe(self):
+        units_and_waiting(self.value["_mutex"]["_semaphore"])
+        firings = counted(int(self.value["_firings"]), "firing")
+        if not self.value["_acquired"]:
+            return f"running, {firings}"
+        stopped = (
+            self.value["_queue_thread_acquired"]
+            and self.value["_thread_group_acquireds"] == self.value["_groups"]
+        )
+        return "stopped" if stopped else f"stopping, {firings}"
+
+    def children(self):
+        for what in ("place", "transition"):
+            for index, element in List(self.value[f"_{what}s"]).children():
+                yield f"{what} {index}", element.dereference()
+
+
+printers = gdb.printing.RegexpCollectionPrettyPrinter("ovel")
+for name, pattern, printer in (
+    ("semaphore", "(timed_)?semaphore", Semaphore),
+    ("mutex", "(timed_)?mutex|detail::plain_mutex<.*>", Mutex),
+    ("recursive_mutex", "(timed_)?recursive_mutex|detail::reentrant_mutex<.*>", ReentrantMutex),
+    ("condition", "(timed_)?condition|detail::basic_condition<.*>", Condition),
+    ("list", "list<.*>", List),
+    ("skip_list", "skip_list<.*>", SkipList),
+    ("petri_place", "petri_place", Place),
+    ("petri_transition", "petri_transition", Transition),
+    ("petri_net", "petri_net", Net),
+):
+    printers.add_printer(name, f"^ovel::({pattern})$", printer)
+gdb.printing.register_pretty_printer(gdb.current_objfile(), printers, replace=True)
