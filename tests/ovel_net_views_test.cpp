@@ -95,4 +95,27 @@ TEST_F(ovel_net_views_test, explain_names_the_tokens_and_slots_that_each_transit
     EXPECT_NE(out.find("\n  produce: nothing, it is enabled\n"), std::string::npos) << out;
 }
 
+TEST_F(ovel_net_views_test, a_trace_has_each_firing_by_its_name_and_no_file_is_left_half_written) {
+    run("nets/bicycles.pnml --threads 2 --work 10 --trace trace");
+    EXPECT_EQ(status, 0) << err;
+    json const all = json::parse(read("trace"));
+    std::map<std::string, int> names;
+    for (json const& each : all["traceEvents"].items)
+        if (each["ph"].text == "X")
+            ++names[each["name"].text];
+    EXPECT_EQ(names, (std::map<std::string, int>{{"lace a wheel", 30},
+                                                 {"cut a tube", 20},
+                                                 {"weld a frame", 13},
+                                                 {"assemble a bicycle", 13},
+                                                 {"pack a crate", 3},
+                                                 {"compute", 79},
+                                                 {"run until the net rests", 1}}));
+
+    run("nets/bicycles.pnml --trace none/t");
+    EXPECT_EQ(err, "ovel-net: none/t:1: cannot be written: No such file or directory\n");
+    run("nets/bicycles.pnml --check --report page");
+    EXPECT_EQ(status, 64);
+    EXPECT_FALSE(fs::exists(path("page")));
+}
+
 }  // namespace

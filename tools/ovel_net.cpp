@@ -4,18 +4,23 @@
 #include "ovel_net_failure.h"
 #include "ovel_net_options.h"
 #include "ovel_net_output.h"
+#include "ovel_net_page.h"
 #include "ovel_net_pnml.h"
 #include "ovel_net_report.h"
 #include "ovel_net_run.h"
 #include "ovel_net_system.h"
+#include "ovel_net_text.h"
+#include "ovel_trace.h"
 
 #include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <iostream>
 #include <new>
+#include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 namespace ovel_net {
 
@@ -58,35 +63,52 @@ void check_and_tell(options const& chosen) {
                       : check_report(model, made, chosen.capacity));
 }
 
+// Whole, once `write` has written it.
+template <class Write>
+void write_file(std::string const& name, Write const& write) {
+    output_file file(name);
+    write(file);
+    file.commit();
+}
+
 void run_and_tell(options const& chosen) {
     std::ostringstream warnings;
     net const model = read_pnml(chosen.file, warnings);
-    if (!chosen.dot.empty())
-        require_writable(chosen.dot);
-    if (!chosen.svg.empty()) {
-        require_writable(chosen.svg);
-        require_graphviz(chosen.svg);
-    }
+    for (std::string const* const name : {&chosen.dot, &chosen.svg, &chosen.trace, &chosen.report})
+        if (!name->empty())
+            require_writable(*name);
+    for (std::string const* const name : {&chosen.svg, &chosen.report})
+        if (!name->empty())
+            require_graphviz(*name);
     // Only now, for whoever gets a fault is told nothing else.
     std::cerr << warnings.str();
 
+    std::optional<ovel::trace::recorder> recorded;
+    if (!chosen.trace.empty() || !chosen.report.empty())
+        recorded.emplace();
     result made;
     {
         progress shown;
         made = run(model, chosen, std::ref(shown));
     }
+    if (recorded && recorded->dropped() != 0)
+        std::cerr << "ovel-net: " << chosen.file << ":1: warning: of this long run "
+                  << grouped(recorded->dropped()) << " late records were not kept\n";
 
     print(chosen.json ? json(model, made, chosen.explain) : report(model, made, chosen.explain));
-    if (!chosen.dot.empty()) {
-        output_file file(chosen.dot);
-        file.write(drawing(model, made));
-        file.commit();
-    }
-    if (!chosen.svg.empty()) {
-        output_file file(chosen.svg);
-        file.write_svg(drawing(model, made));
-        file.commit();
-    }
+    if (!chosen.dot.empty())
+        write_file(chosen.dot, [&](output_file& file) { file.write(drawing(model, made)); });
+    if (!chosen.svg.empty())
+        write_file(chosen.svg,
+                   [&](output_file& file) { file.write(svg(chosen.svg, drawing(model, made))); });
+    if (!chosen.trace.empty())
+        write_file(chosen.trace, [&](output_file& file) {
+            recorded->write([&](std::string_view text) { file.write(text); });
+        });
+    if (!chosen.report.empty())
+        write_file(chosen.report, [&](output_file& file) {
+            file.write(page(model, made, *recorded, svg(chosen.report, drawing(model, made))));
+        });
 }
 
 }  // namespace

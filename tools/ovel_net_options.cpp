@@ -25,6 +25,10 @@ where it did.
   --dot FILE      draw the net with its final marking and firing counts, as text
                   for Graphviz
   --svg FILE      the same as a picture; needs Graphviz's dot
+  --trace FILE    write the firings of each thread for a trace viewer such as
+                  Perfetto; of a long run the first million of each
+  --report FILE   write a page for a browser: the net with its marking, firings of
+                  threads and tokens of places over time; needs Graphviz's dot
   --explain       say for each transition which tokens or slots it lacks in the end
   --check         run nothing: print which sums of tokens stay the same whatever
                   fires, the most tokens that places hold by that, and warn where
@@ -97,6 +101,14 @@ constexpr rule rules[] = {
      [](options& o, text v) {
          return parse(v, o.svg);
      }},
+    {"--trace", "a file name",
+     [](options& o, text v) {
+         return parse(v, o.trace);
+     }},
+    {"--report", "a file name",
+     [](options& o, text v) {
+         return parse(v, o.report);
+     }},
     {"--sequential", nullptr,
      [](options& o, text) {
          return set(o.sequential);
@@ -151,8 +163,9 @@ options parse_options(int argc, char const* const* argv) {
     }
     if (chosen.file.empty() && !chosen.help)
         throw bad_option("no net given");
-    if (chosen.check && (chosen.explain || !chosen.dot.empty() || !chosen.svg.empty()))
-        throw bad_option("--check runs nothing, so there is nothing to explain or to draw");
+    std::string const outputs = chosen.dot + chosen.svg + chosen.trace + chosen.report;
+    if (chosen.check && (chosen.explain || !outputs.empty()))
+        throw bad_option("--check runs nothing, so there is no run to show or to explain");
     return chosen;
 }
 

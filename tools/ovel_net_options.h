@@ -24,6 +24,8 @@ struct options {
     bool help = false;  // nothing else is asked for; `file` may be empty
     std::string dot;    // where to draw to; empty: no drawing
     std::string svg;
+    std::string trace;  // where to write what was recorded to; empty: nowhere
+    std::string report;
 };
 
 // Throws a `failure` when an argument is unknown, doubtful or missing.

@@ -69,19 +69,9 @@ output_file::~output_file() {
         std::remove(_temporary.c_str());
 }
 
-void output_file::write(std::string const& text) {
+void output_file::write(std::string_view text) {
     if (std::fwrite(text.data(), 1, text.size(), _file.get()) != text.size())
         throw unwritable(_name);
-}
-
-void output_file::write_svg(std::string const& drawing) {
-    unique_file const input(scratch_file(), &std::fclose);
-    if (input == nullptr ||
-        std::fwrite(drawing.data(), 1, drawing.size(), input.get()) != drawing.size() ||
-        std::fflush(input.get()) != 0)
-        throw unwritable(_name);
-    std::rewind(input.get());
-    run_dot(_name, "-Tsvg", input.get(), _file.get());
 }
 
 void output_file::commit() {
@@ -93,6 +83,25 @@ void output_file::commit() {
             throw unwritable(_name, error);
     }
     _temporary.clear();
+}
+
+std::string svg(std::string const& name, std::string const& drawing) {
+    unique_file const input(scratch_file(), &std::fclose);
+    unique_file const output(scratch_file(), &std::fclose);
+    if (input == nullptr || output == nullptr ||
+        std::fwrite(drawing.data(), 1, drawing.size(), input.get()) != drawing.size() ||
+        std::fflush(input.get()) != 0)
+        throw unwritable(name);
+    std::rewind(input.get());
+    run_dot(name, "-Tsvg", input.get(), output.get());
+    std::rewind(output.get());
+    std::string picture;
+    char part[4096];
+    while (std::size_t const size = std::fread(part, 1, sizeof part, output.get()))
+        picture.append(part, size);
+    if (std::ferror(output.get()) != 0)
+        throw unwritable(name);
+    return picture;
 }
 
 void require_writable(std::string const& name) {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace ovel_net {
 
@@ -19,10 +20,7 @@ public:
     output_file(output_file const&) = delete;
     output_file& operator=(output_file const&) = delete;
 
-    void write(std::string const& text);
-
-    // Has Graphviz write the picture of `drawing`.
-    void write_svg(std::string const& drawing);
+    void write(std::string_view text);
 
     void commit();
 
@@ -32,6 +30,10 @@ private:
     std::string _temporary;   // empty: written to directly, or committed
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> _file;
 };
+
+// The picture of `drawing`, by Graphviz, as an SVG document that is to go into the
+// file `name`.
+std::string svg(std::string const& name, std::string const& drawing);
 
 // Throw when a later drawing would: before a run, rather than after it.
 void require_writable(std::string const& name);

@@ -11,16 +11,6 @@ namespace ovel_net {
 
 namespace {
 
-// Which places have no room for a firing that would put tokens there.
-std::vector<bool> full_places(net const& model, result const& made) {
-    std::vector<bool> full(model.places.size(), false);
-    for (transition const& each : model.transitions)
-        for (arc const& output : each.outputs)
-            if (made.refuses(output))
-                full[output.place] = true;
-    return full;
-}
-
 // Why a transition is not enabled: what one of its arcs lacks.
 struct lack {
     bool tokens;  // or else slots
@@ -82,6 +72,15 @@ std::string label(std::string_view text) {
 
 }  // namespace
 
+std::vector<bool> full_places(net const& model, result const& made) {
+    std::vector<bool> full(model.places.size(), false);
+    for (transition const& each : model.transitions)
+        for (arc const& output : each.outputs)
+            if (made.refuses(output))
+                full[output.place] = true;
+    return full;
+}
+
 std::string report(net const& model, result const& made, bool explain) {
     std::uint64_t const fired = made.total_firings();
     std::string text = title(model);
@@ -138,14 +137,11 @@ std::string report(net const& model, result const& made, bool explain) {
 }
 
 std::string json(net const& model, result const& made, bool explain) {
-    char const* const end = made.end == outcome::dead   ? "dead"
-                            : made.end == outcome::full ? "full"
-                                                        : "stopped";
     std::string text = "{\n  " + json_net(model) + ",\n";
     text += "  \"threads\": " + std::to_string(made.threads) + ",\n";
     text += "  \"firings\": " + std::to_string(made.total_firings()) + ",\n";
     text += "  \"seconds\": " + decimals(made.seconds, 6) + ",\n";
-    text += std::string("  \"outcome\": \"") + end + "\",\n";
+    text += std::string("  \"outcome\": \"") + name_of(made.end) + "\",\n";
 
     auto const open = [&](auto const& node, std::size_t i) {
         text += (i == 0 ? "\n" : ",\n");

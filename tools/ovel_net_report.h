@@ -6,8 +6,12 @@
 #include "ovel_net_run.h"
 
 #include <string>
+#include <vector>
 
 namespace ovel_net {
+
+// Which places have no room for a firing that would put tokens there.
+std::vector<bool> full_places(net const& model, result const& made);
 
 // A page of text. With `explain` it says what each transition waits for.
 std::string report(net const& model, result const& made, bool explain);

@@ -9,6 +9,7 @@
 #include "ovel_net_failure.h"
 #include "ovel_petri_net.h"
 #include "ovel_thread_support.h"
+#include "ovel_trace.h"
 
 #include <algorithm>
 #include <atomic>
@@ -68,7 +69,7 @@ class firing : public ovel::petri_function {
 public:
     firing(ovel_net::transition const& model, ovel::time_base work, limit& until,
            std::atomic<serial>& next)
-        : _work(work), _limit(until), _next(next) {
+        : _name(model.name.c_str()), _work(work), _limit(until), _next(next) {
         for (arc const& each : model.inputs)
             _inputs.push_back({nullptr, each.weight});
         for (arc const& each : model.outputs)
@@ -89,8 +90,9 @@ public:
     void operator()() override {
         if (!_limit.admit())
             return _skip();
-        ovel::time_base const end = ovel::time_base::now() + _work;
-        while (ovel::time_base::now() < end) {}
+        ovel::trace::scope const here(_name, ovel::trace::firing);
+        if (_work != ovel::time_base())
+            _compute();
         _pass();
         _count.fetch_add(1, std::memory_order_relaxed);
     }
@@ -104,6 +106,12 @@ private:
         ovel::petri_place* place;  // set by the net, which knows the arc by its address
         unsigned int weight;
     };
+
+    void _compute() const {
+        ovel::trace::scope const here("compute");
+        ovel::time_base const end = ovel::time_base::now() + _work;
+        while (ovel::time_base::now() < end) {}
+    }
 
     void _pass() {
         ovel::any token;
@@ -136,6 +144,7 @@ private:
                 output.place->send_skip();
     }
 
+    char const* const _name;   // the model's
     std::vector<end> _inputs;  // never resized once there are arcs
     std::vector<end> _outputs;
     ovel::time_base const _work;
@@ -209,6 +218,8 @@ void machine::_mark() {
 // firings needs nobody here. Returns how long the net ran.
 double machine::_fire(observer const& observe) {
     constexpr double look = 0.1;  // seconds from one look at the net to the next
+    ovel::trace::name_thread("main");
+    ovel::trace::scope const here("run until the net rests", ovel::trace::wait);
     ovel::time const start = ovel::time::now();
     auto const elapsed = [&] {
         return (ovel::time::now() - start).seconds();
@@ -292,6 +303,10 @@ std::uint64_t machine::_fired() const {
 }
 
 }  // namespace
+
+char const* name_of(outcome end) {
+    return end == outcome::dead ? "dead" : end == outcome::full ? "full" : "stopped";
+}
 
 std::uint64_t result::total_firings() const {
     return std::accumulate(firings.begin(), firings.end(), std::uint64_t{0});

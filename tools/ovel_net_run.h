@@ -18,6 +18,9 @@ enum class outcome {
     stopped  // a limit ended the run while some transition was enabled
 };
 
+// As "dead".
+char const* name_of(outcome end);
+
 // How a run ended. Each vector is in the order of the net's places or transitions.
 struct result {
     unsigned int threads = 0;
@@ -39,7 +42,9 @@ struct result {
 using observer = std::function<void(double, std::uint64_t)>;
 
 // Runs `model` until it comes to rest or a limit of `chosen` stops it. Blocks
-// until then. Throws a `failure` when the tokens left don't add up.
+// until then. Throws a `failure` when the tokens left don't add up. Each firing is a
+// scope that a recorder records; its name is that of the transition in `model`, by
+// address.
 result run(net const& model, options const& chosen, observer const& observe);
 
 }  // namespace ovel_net

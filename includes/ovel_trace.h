@@ -1,0 +1,322 @@
+// Records what a program's threads do and when, for a trace viewer such as Perfetto
+// or Chrome's. Not part of `ovel.h`: whoever wants it includes it.
+//
+//     trace::recorder recorded;  // from here on scopes are recorded
+//     ...
+//     void operator()() override {  // of a transition
+//         trace::scope here("eat", trace::firing);
+//         {
+//             trace::scope waiting("for salt", trace::wait);
+//             salt.acquire();
+//         }
+//         ...
+//     }
+//     ...
+//     recorded.save("trace.json");  // open it in the viewer
+#ifndef OVEL_TRACE_H
+#define OVEL_TRACE_H
+
+#include "ovel_assure.h"
+#include "ovel_mutex.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace ovel::trace {
+
+// What a scope is; viewers show it as its category.
+enum kind { work, firing, wait };
+
+// One scope that has ended. Times are in nanoseconds of std::chrono::steady_clock.
+struct event {
+    char const* name;
+    std::int64_t begin;
+    std::int64_t end;
+    kind what;
+};
+
+namespace detail {
+
+// The events of one thread, in pieces that never move. Its thread adds at the end;
+// others read what `size` counts meanwhile.
+class buffer {
+public:
+    buffer(unsigned int number, std::size_t most) : _number(number), _most(most) {}
+    ~buffer() {
+        for (piece* each = _first; each != nullptr;)
+            delete std::exchange(each, each->next);
+    }
+    buffer(buffer const&) = delete;
+    buffer& operator=(buffer const&) = delete;
+
+    // Its thread only.
+    void add(event const& ended) {
+        std::size_t const size = _size.load(std::memory_order_relaxed);
+        if (size == _most || (size % piece::length == 0 && !_grow())) {
+            _dropped.store(_dropped.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+            return;
+        }
+        _last->events[size % piece::length] = ended;
+        // Publishes the event, and the piece that it is in.
+        _size.store(size + 1, std::memory_order_release);
+    }
+    void name(char const* name) {
+        _name.store(name, std::memory_order_release);
+    }
+
+    // Any thread.
+    template <class Use>
+    void each(Use& use) const {
+        std::size_t const size = _size.load(std::memory_order_acquire);
+        piece const* from = size == 0 ? nullptr : _first;
+        for (std::size_t i = 0; i < size; ++i) {
+            if (i != 0 && i % piece::length == 0)
+                from = from->next;
+            use(_number, from->events[i % piece::length]);
+        }
+    }
+    std::uint64_t dropped() const {
+        return _dropped.load(std::memory_order_relaxed);
+    }
+    unsigned int number() const {
+        return _number;
+    }
+    // Null unless it was given one.
+    char const* name() const {
+        return _name.load(std::memory_order_acquire);
+    }
+
+    buffer* next = nullptr;  // of the same recorder; under its lock
+
+private:
+    struct piece {
+        static constexpr std::size_t length = 1024;
+        event events[length];
+        piece* next = nullptr;
+    };
+
+    bool _grow() {
+        auto* const added = new (std::nothrow) piece;
+        if (added == nullptr)
+            return false;
+        (_first == nullptr ? _first : _last->next) = added;
+        _last = added;
+        return true;
+    }
+
+    unsigned int const _number;
+    std::size_t const _most;
+    piece* _first = nullptr;  // set before `_size` counts what is in it, as each `next` is
+    piece* _last = nullptr;   // its thread only
+    std::atomic<std::size_t> _size = 0;
+    std::atomic<std::uint64_t> _dropped = 0;
+    std::atomic<char const*> _name = nullptr;
+};
+
+// A name as a JSON string.
+inline std::string quoted(std::string_view name) {
+    std::string text = "\"";
+    for (char const c : name) {
+        if (c == '"' || c == '\\')
+            text += '\\';
+        if (static_cast<unsigned char>(c) >= ' ') {
+            text += c;
+        } else {
+            char code[8];
+            std::snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned int>(c));
+            text += code;
+        }
+    }
+    return text + '"';
+}
+
+inline std::int64_t now() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace detail
+
+// Records the scopes of all threads from its construction until `stop`. One at a
+// time records in a process, on Windows in a module: constructing another before
+// that has stopped fails the check "_active == 0". It keeps 32 bytes for each scope
+// that ended, and outlives the scopes that began while it recorded.
+class recorder {
+public:
+    // Keeps at most `most` scopes of each thread, its first; counts the others.
+    explicit recorder(std::size_t most = 1'000'000) : _most(most) {
+        assure(_active == 0);
+        _active.store(this, std::memory_order_release);
+    }
+    ~recorder() {
+        stop();
+        for (detail::buffer* each = _first; each != nullptr;)
+            delete std::exchange(each, each->next);
+    }
+    recorder(recorder const&) = delete;
+    recorder& operator=(recorder const&) = delete;
+
+    // Scopes that begin from now on are not recorded. Does not block.
+    void stop() {
+        recorder* self = this;
+        _active.compare_exchange_strong(self, nullptr);
+    }
+
+    // Calls `use(thread, event)` for each scope that has ended: a thread after the
+    // other, by numbers from 0 in the order of their first scopes, and within a
+    // thread in the order in which they ended. While it runs other threads may
+    // record, but wait if they have just begun to.
+    template <class Use>
+    void each(Use use) const {
+        _each_buffer([&](detail::buffer const& from) { from.each(use); });
+    }
+
+    // How many scopes were not kept.
+    std::uint64_t dropped() const {
+        std::uint64_t sum = _lost.load(std::memory_order_relaxed);
+        _each_buffer([&](detail::buffer const& from) { sum += from.dropped(); });
+        return sum;
+    }
+
+    // Calls `sink(text)` with one piece of the trace after the other, each a
+    // std::string_view: one JSON object with complete events, in microseconds from
+    // the recorder's construction, and the names of threads. As `each` otherwise.
+    template <class Sink>
+    void write(Sink sink) const {
+        sink(std::string_view("{\"displayTimeUnit\":\"ns\",\"traceEvents\":["));
+        char const* separator = "\n";
+        auto const put = [&](std::string text) {
+            sink(std::string_view(separator + text));
+            separator = ",\n";
+        };
+        char text[160];
+        auto const put_event = [&](unsigned int thread, event const& each) {
+            constexpr char const* kinds[] = {"work", "firing", "wait"};
+            std::snprintf(text, sizeof text,
+                          ",\"cat\":\"%s\",\"ph\":\"X\",\"ts\":%.3f,\"dur\":%.3f,\"pid\":1,"
+                          "\"tid\":%u}",
+                          kinds[each.what], static_cast<double>(each.begin - _start) / 1000,
+                          static_cast<double>(each.end - each.begin) / 1000, thread);
+            put("{\"name\":" + detail::quoted(each.name) + text);
+        };
+        _each_buffer([&](detail::buffer const& from) {
+            std::string const number = std::to_string(from.number());
+            put("{\"name\":\"thread_name\",\"ph\":\"M\",\"pid\":1,\"tid\":" + number +
+                ",\"args\":{\"name\":" +
+                detail::quoted(from.name() == nullptr ? "thread " + number : from.name()) + "}}");
+            from.each(put_event);
+        });
+        sink(std::string_view("\n]}\n"));
+    }
+
+    // Writes the trace to a file, and returns whether that could be done.
+    [[nodiscard]] bool save(char const* file) const {
+        std::FILE* const out = std::fopen(file, "wb");
+        if (out == nullptr)
+            return false;
+        bool whole = true;
+        write([&](std::string_view text) {
+            whole = whole && std::fwrite(text.data(), 1, text.size(), out) == text.size();
+        });
+        return std::fclose(out) == 0 && whole;
+    }
+
+private:
+    friend class scope;
+    friend void name_thread(char const* name);
+
+    // The calling thread's buffer of the recorder that records now; null if none
+    // does or there is no memory.
+    static detail::buffer* _buffer() {
+        recorder* const active = _active.load(std::memory_order_acquire);
+        if (active == nullptr)
+            return nullptr;
+        // The address of a recorder that is gone may come back, its identity not.
+        thread_local std::uint64_t known = 0;
+        thread_local detail::buffer* own = nullptr;
+        if (known != active->_identity) {
+            own = active->_add_buffer();
+            known = own != nullptr ? active->_identity : 0;
+        }
+        return own;
+    }
+
+    detail::buffer* _add_buffer() {
+        _lock.acquire();
+        unsigned int const number = _last == nullptr ? 0 : _last->number() + 1;
+        auto* const added = new (std::nothrow) detail::buffer(number, _most);
+        if (added != nullptr) {
+            (_first == nullptr ? _first : _last->next) = added;
+            _last = added;
+        } else {
+            _lost.fetch_add(1, std::memory_order_relaxed);
+        }
+        _lock.release();
+        return added;
+    }
+
+    template <class Use>
+    void _each_buffer(Use use) const {
+        _lock.acquire();
+        detail::buffer const* const first = _first;
+        detail::buffer const* const last = _last;
+        _lock.release();
+        // Those up to the last are linked for good.
+        for (detail::buffer const* each = first; each != nullptr;
+             each = each == last ? nullptr : each->next)
+            use(*each);
+    }
+
+    static inline std::atomic<recorder*> _active = nullptr;
+    static inline std::atomic<std::uint64_t> _identities = 0;
+
+    std::size_t const _most;
+    std::int64_t const _start = detail::now();
+    std::uint64_t const _identity = ++_identities;
+    mutable mutex _lock;
+    detail::buffer* _first = nullptr;  // under _lock
+    detail::buffer* _last = nullptr;   // under _lock
+    std::atomic<std::uint64_t> _lost = 0;
+};
+
+// Records the time from its construction to its destruction, on one thread, if a
+// recorder records when it begins; otherwise costs one read. `name` is not copied
+// and stays valid as long as the recorder. Scopes of a thread nest.
+class [[nodiscard]] scope {
+public:
+    explicit scope(char const* name, kind what = work)
+        : _buffer(recorder::_buffer()), _event{name, 0, 0, what} {
+        if (_buffer != nullptr)
+            _event.begin = detail::now();
+    }
+    ~scope() {
+        if (_buffer == nullptr)
+            return;
+        _event.end = detail::now();
+        _buffer->add(_event);
+    }
+    scope(scope const&) = delete;
+    scope& operator=(scope const&) = delete;
+
+private:
+    detail::buffer* const _buffer;
+    event _event;
+};
+
+// What viewers call the calling thread in what is recorded now; `name` as above.
+inline void name_thread(char const* name) {
+    if (detail::buffer* const own = recorder::_buffer())
+        own->name(name);
+}
+
+}  // namespace ovel::trace
+
+#endif

@@ -1,0 +1,91 @@
+#include "ovel_trace.h"
+#include "ovel_json.h"
+#include "ovel_test.h"
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <string>
+
+namespace trace = ovel::trace;
+
+namespace {
+
+json written(trace::recorder const& recorded) {
+    std::string text;
+    recorded.write([&](std::string_view piece) { text += piece; });
+    return json::parse(text);
+}
+
+// While others read, threads come and record more than a piece of a buffer.
+TEST(trace_test, each_thread_keeps_its_scopes_in_order_while_others_read) {
+    constexpr int scopes = 3000;
+    constexpr int threads = 4;
+    trace::recorder recorded;
+    std::atomic<int> running = threads;
+    auto const workers = crew(threads, [&](int) {
+        trace::name_thread("worker");
+        for (int i = 0; i < scopes; ++i) {
+            trace::scope const outer("outer \"\\\n", trace::firing);
+            trace::scope const inner("inner", trace::wait);
+        }
+        --running;
+    });
+    do
+        recorded.each([](unsigned int, trace::event const& each) {
+            ASSERT_LE(each.begin, each.end);
+            ASSERT_NE(each.name, nullptr);
+        });
+    while (running != 0);
+
+    json const all = written(recorded);
+    std::map<std::string, int> names;
+    std::map<double, double> inner_begin;
+    for (json const& each : all["traceEvents"].items) {
+        ++names[each["name"].text];
+        ASSERT_EQ(each["pid"].number(), 1);
+        double const thread = each["tid"].number();
+        if (each["ph"].text == "M") {
+            EXPECT_EQ(each["args"]["name"].text, "worker");
+            continue;
+        }
+        ASSERT_EQ(each["ph"].text, "X");
+        ASSERT_GE(each["dur"].number(), 0);
+        if (each["name"].text == "inner") {
+            ASSERT_EQ(each["cat"].text, "wait");
+            inner_begin[thread] = each["ts"].number();
+        } else {
+            ASSERT_EQ(each["cat"].text, "firing");
+            ASSERT_LE(each["ts"].number(), inner_begin.at(thread));
+        }
+    }
+    EXPECT_EQ(names, (std::map<std::string, int>{{"thread_name", threads},
+                                                 {"inner", threads * scopes},
+                                                 {"outer \"\\\\u000a", threads * scopes}}));
+    EXPECT_EQ(recorded.dropped(), 0U);
+}
+
+TEST(trace_test, a_recorder_keeps_the_first_scopes_that_began_while_it_recorded) {
+    { trace::scope const before("before"); }
+    for (int round = 0; round < 2; ++round) {
+        trace::recorder recorded(3);
+        for (char const* const name : {"1", "2", "3", "4", "5"})
+            trace::scope const here(name);
+        recorded.stop();
+        { trace::scope const after("after"); }
+        std::string names;
+        recorded.each([&](unsigned int thread, trace::event const& each) {
+            EXPECT_EQ(thread, 0U);
+            names += each.name;
+        });
+        EXPECT_EQ(names, "123") << "round " << round;
+        EXPECT_EQ(recorded.dropped(), 2U);
+    }
+}
+
+TEST(trace_death_test, only_one_records_at_a_time) {
+    trace::recorder const first;
+    EXPECT_CHECK(trace::recorder(), "_active == 0", "includes/ovel_trace.h");
+}
+
+}  // namespace
