@@ -2,7 +2,7 @@
 
     ovel_net_page_test.py PROGRAM NET CHROMEDRIVER CHROMIUM
 
-The browser is driven by the W3C WebDriver protocol over localhost.
+The browser is driven by the W3C WebDriver protocol over the loopback address.
 """
 import json
 import os
@@ -23,13 +23,17 @@ class Browser:
         for line in self._driver.stdout:
             if found := re.search(r"started successfully on port (\d+)", line):
                 break
-        self._base = f"http://localhost:{found[1]}/session"
+        self._base = f"http://127.0.0.1:{found[1]}/session"
         arguments = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
                      "--disable-background-networking", "--disable-component-update", "--disable-sync",
                      "--disable-dev-shm-usage", "--window-size=1400,1500", f"--user-data-dir={folder}"]
-        created = self._ask("POST", "", {"capabilities": {"alwaysMatch": {
-            "goog:chromeOptions": {"binary": chromium, "args": arguments},
-            "goog:loggingPrefs": {"browser": "ALL"}}}})
+        try:
+            created = self._ask("POST", "", {"capabilities": {"alwaysMatch": {
+                "goog:chromeOptions": {"binary": chromium, "args": arguments},
+                "goog:loggingPrefs": {"browser": "ALL"}}}})
+        except Exception:
+            self._driver.terminate()  # it would keep the test's output open
+            raise
         self._base += "/" + created["sessionId"]
 
     def __enter__(self):
