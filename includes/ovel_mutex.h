@@ -70,7 +70,8 @@ public:
         unsigned int depth;
     };
 
-    void acquire() {
+    // Always inline: where a class is imported from a DLL, nobody else has them.
+    [[gnu::always_inline]] void acquire() {
         unsigned long const me = GetCurrentThreadId();
         if (_owner.load(std::memory_order_relaxed) != me) {
             _semaphore.acquire();
@@ -78,7 +79,7 @@ public:
         }
         _enter();
     }
-    bool try_acquire() {
+    [[gnu::always_inline]] bool try_acquire() {
         unsigned long const me = GetCurrentThreadId();
         if (_owner.load(std::memory_order_relaxed) != me) {
             if (!_semaphore.try_acquire())
@@ -88,7 +89,7 @@ public:
         _enter();
         return true;
     }
-    void release() {
+    [[gnu::always_inline]] void release() {
         if (--_depth == 0) {
             _owner.store(0, std::memory_order_relaxed);
             _semaphore.release();
@@ -101,7 +102,7 @@ public:
 
 protected:
     // Counts one more entry of the caller, who is the owner.
-    void _enter() {
+    [[gnu::always_inline]] void _enter() {
         if (_depth != std::numeric_limits<unsigned int>::max())
             ++_depth;
         else
