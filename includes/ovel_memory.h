@@ -112,10 +112,12 @@ namespace detail {
 // the default one to itself.
 class memory_use {
 public:
-    memory_use() {
+    // With `registers` false the use leaves it to a later one to have the allocator
+    // given back at the end of the thread, and gives it back itself.
+    explicit memory_use(bool registers = true) {
         allocator_group& group = *allocator_group::global();
         if (group.specific_allocator() == group.default_allocator() && _state != first) [[unlikely]]
-            _begin(group);
+            _begin(group, registers);
     }
     ~memory_use() {
         if (_passing) [[unlikely]]
@@ -135,20 +137,21 @@ private:
         }
     };
 
-    void _begin(allocator_group& group) {
+    void _begin(allocator_group& group, bool registers) {
         // Relaxed: it only tells one thread from the others.
         if (_state == fresh && !_begun.exchange(true, std::memory_order_relaxed)) {
             _state = first;
             return;
         }
         group.acquire_allocator();
-        if (_state == fresh) {
+        if (_state == fresh && registers) {
             _state = lasting;
             // Registering what is to be destroyed may itself use the memory.
             static thread_local scope const own;
             static_cast<void>(&own);
         } else {
-            // Other objects of the thread are destroyed after its scope.
+            // Other objects of the thread are destroyed after its scope, and one may be
+            // being registered.
             _passing = true;
         }
     }
@@ -165,10 +168,10 @@ private:
     bool _passing = false;
 };
 
-inline void* program_new(std::size_t bytes, std::size_t alignment) {
+inline void* program_new(std::size_t bytes, std::size_t alignment, bool registers = true) {
     for (;;) {
         try {
-            memory_use const use;
+            memory_use const use(registers);
             return allocate_aligned(bytes, alignment);
         } catch (std::bad_alloc const&) {
             std::new_handler const handler = std::get_new_handler();
@@ -180,20 +183,30 @@ inline void* program_new(std::size_t bytes, std::size_t alignment) {
 }
 
 // What is shorter than 16 bytes cannot need their alignment.
+inline std::size_t program_alignment(std::size_t bytes) {
+    return bytes < 16 ? 8 : 16;
+}
 inline void* program_new(std::size_t bytes) {
-    return program_new(bytes, bytes < 16 ? 8 : 16);
+    return program_new(bytes, program_alignment(bytes));
 }
 inline void* program_new(std::size_t bytes, std::align_val_t alignment) {
     return program_new(bytes, static_cast<std::size_t>(alignment));
 }
 
-template <class... Alignment>
-void* program_new_nothrow(std::size_t bytes, Alignment... alignment) noexcept {
+// The standard library has its own list of what a thread has to destroy on some systems,
+// and adds to it around one of these: who registers another object meanwhile is lost.
+inline void* program_new_nothrow(std::size_t bytes, std::size_t alignment) noexcept {
     try {
-        return program_new(bytes, alignment...);
+        return program_new(bytes, alignment, false);
     } catch (std::bad_alloc const&) {
         return nullptr;
     }
+}
+inline void* program_new_nothrow(std::size_t bytes) noexcept {
+    return program_new_nothrow(bytes, program_alignment(bytes));
+}
+inline void* program_new_nothrow(std::size_t bytes, std::align_val_t alignment) noexcept {
+    return program_new_nothrow(bytes, static_cast<std::size_t>(alignment));
 }
 
 inline void program_delete(void* memory, std::align_val_t alignment = std::align_val_t{1}) {
