@@ -232,14 +232,15 @@ namespace ovel {
 inline namespace kernel {
 
 // How the processor multiplies without carries (PCLMULQDQ): not at all, a pair of
-// words at a time, or two pairs (VPCLMULQDQ), which includes the former.
-enum class carryless { none, single, pairs };
+// words at a time, or two or four pairs (VPCLMULQDQ). Each includes those before.
+enum class carryless { none, single, pairs, fours };
 
 // On every platform what the compiler's runtime has asked the processor when the
-// library was loaded: some loads. `none` before that.
+// library was loaded, and found the system to save the registers for: some loads.
+// `none` before that.
 inline carryless carryless_multiplication() {
     if (__builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("vpclmulqdq") != 0)
-        return carryless::pairs;
+        return __builtin_cpu_supports("avx512f") != 0 ? carryless::fours : carryless::pairs;
     if (__builtin_cpu_supports("pclmul") != 0 && __builtin_cpu_supports("sse4.1") != 0)
         return carryless::single;
     return carryless::none;

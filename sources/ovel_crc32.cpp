@@ -93,6 +93,12 @@ void crc32::encode(unsigned char const* begin, unsigned char const* end) {
     auto const count = static_cast<std::size_t>(end - begin);
     if (count >= 16) {
         switch (carryless_multiplication()) {
+            case carryless::fours:
+                if (count >= detail::crc32_worth_four) {
+                    detail::crc32_widest(_register, begin, count);
+                    return;
+                }
+                [[fallthrough]];
             case carryless::pairs:
                 detail::crc32_wide(_register, begin, count);
                 return;

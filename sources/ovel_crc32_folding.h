@@ -1,4 +1,4 @@
-// CRC-32 by multiplication without carries, 16 or 32 bytes at a time.
+// CRC-32 by multiplication without carries, 16, 32 or 64 bytes at a time.
 //
 // Bits of a message are the coefficients of a polynomial over GF(2), the first bit
 // the highest power; the checksum's register after it is the message times x^32,
@@ -58,17 +58,21 @@ constexpr std::uint64_t crc32_reciprocal() {
 // The factors of the halves, the first half in the lower word, of 16 bytes that
 // `bits` more follow.
 struct alignas(16) crc32_factors {
+    constexpr crc32_factors() = default;  // make nothing of what they are multiplied with
     constexpr explicit crc32_factors(unsigned int bits)
         : first(std::uint64_t(crc32_remainder(bits + 63)) << 32),
           second(std::uint64_t(crc32_remainder(bits - 1)) << 32) {}
 
-    std::uint64_t first;
-    std::uint64_t second;
+    std::uint64_t first = 0;
+    std::uint64_t second = 0;
 };
 
 inline constexpr crc32_factors crc32_over_128(128);
 inline constexpr crc32_factors crc32_over_512(512);
-inline constexpr crc32_factors crc32_over_384_and_256[2] = {crc32_factors(384), crc32_factors(256)};
+inline constexpr crc32_factors crc32_over_2048(2048);
+// Move the first three of four lanes onto the last.
+alignas(64) inline constexpr crc32_factors crc32_over_384_to_0[4] = {
+    crc32_factors(384), crc32_factors(256), crc32_factors(128), crc32_factors()};
 alignas(16) inline constexpr std::uint64_t crc32_over_96[2] = {
     std::uint64_t(crc32_remainder(96)) << 1, 0};
 alignas(16) inline constexpr std::uint64_t crc32_division[2] = {
@@ -83,6 +87,7 @@ alignas(16) inline constexpr unsigned char crc32_moves[48] = {
 
 #define OVEL_CRC32_NARROW [[gnu::target("pclmul,ssse3,sse4.1")]]
 #define OVEL_CRC32_WIDE [[gnu::target("pclmul,ssse3,sse4.1,avx2,vpclmulqdq")]]
+#define OVEL_CRC32_WIDEST [[gnu::target("pclmul,ssse3,sse4.1,avx2,avx512f,vpclmulqdq")]]
 
 OVEL_CRC32_NARROW [[gnu::always_inline]] inline __m128i crc32_load(void const* bytes) {
     return _mm_loadu_si128(static_cast<__m128i const*>(bytes));
@@ -139,8 +144,8 @@ OVEL_CRC32_NARROW [[gnu::always_inline]] inline std::uint32_t crc32_by_lanes(
         lane_2 = _mm_xor_si128(crc32_fold(lane_2, crc32_over_512), crc32_load(bytes + 32));
         lane_3 = _mm_xor_si128(crc32_fold(lane_3, crc32_over_512), crc32_load(bytes + 48));
     }
-    lane = _mm_xor_si128(crc32_fold(lane, crc32_over_384_and_256[0]),
-                         crc32_fold(lane_1, crc32_over_384_and_256[1]));
+    lane = _mm_xor_si128(crc32_fold(lane, crc32_over_384_to_0[0]),
+                         crc32_fold(lane_1, crc32_over_384_to_0[1]));
     lane = _mm_xor_si128(lane, _mm_xor_si128(crc32_fold(lane_2, crc32_over_128), lane_3));
     return crc32_finish(lane, bytes, count);
 }
@@ -178,15 +183,74 @@ OVEL_CRC32_WIDE inline void crc32_wide(std::uint32_t& running, unsigned char con
         lanes_1 = _mm256_xor_si256(crc32_fold_two(lanes_1, factors), crc32_load_two(bytes + 32));
     }
     // The first three of the four lanes onto the last.
-    lanes = crc32_fold_two(lanes, crc32_load_two(crc32_over_384_and_256));
+    lanes = crc32_fold_two(lanes, crc32_load_two(crc32_over_384_to_0));
     __m128i lane = _mm_xor_si128(_mm256_castsi256_si128(lanes), _mm256_extracti128_si256(lanes, 1));
     lane = _mm_xor_si128(lane, crc32_fold(_mm256_castsi256_si128(lanes_1), crc32_over_128));
     lane = _mm_xor_si128(lane, _mm256_extracti128_si256(lanes_1, 1));
     running = crc32_finish(lane, bytes, count);
 }
 
+OVEL_CRC32_WIDEST [[gnu::always_inline]] inline __m512i crc32_load_four(void const* bytes) {
+    return _mm512_loadu_si512(bytes);
+}
+
+// Here and below with a mask of all: gcc warns of its own headers where there is none.
+OVEL_CRC32_WIDEST [[gnu::always_inline]] inline __m512i crc32_factors_for_four(
+    crc32_factors const& over) {
+    return _mm512_maskz_broadcast_i32x4(0xFFFF, crc32_load(&over));
+}
+
+// Four lanes, moved over the bits that `factors` were made for, onto four others.
+OVEL_CRC32_WIDEST [[gnu::always_inline]] inline __m512i crc32_fold_four(__m512i lanes,
+                                                                        __m512i factors,
+                                                                        __m512i onto) {
+    constexpr int exclusive_or = 0x96;  // of all three, as a table of their eight cases
+    return _mm512_ternarylogic_epi64(_mm512_clmulepi64_epi128(lanes, factors, 0x00),
+                                     _mm512_clmulepi64_epi128(lanes, factors, 0x11), onto,
+                                     exclusive_or);
+}
+
+// From so many bytes on `crc32_widest` is faster than `crc32_wide`.
+inline constexpr std::size_t crc32_worth_four = 128;
+
+// The same for 64 bytes or more, in four times four lanes where there are enough of
+// them: as many as the processor has under way at a time.
+OVEL_CRC32_WIDEST inline void crc32_widest(std::uint32_t& running, unsigned char const* bytes,
+                                           std::size_t count) {
+    __m512i const before = _mm512_zextsi128_si512(_mm_cvtsi32_si128(static_cast<int>(running)));
+    __m512i const factors = crc32_factors_for_four(crc32_over_512);
+    __m512i lanes = _mm512_xor_si512(crc32_load_four(bytes), before);
+    bytes += 64, count -= 64;
+    if (count >= 192) {
+        __m512i const factors_of_four = crc32_factors_for_four(crc32_over_2048);
+        __m512i lanes_1 = crc32_load_four(bytes);
+        __m512i lanes_2 = crc32_load_four(bytes + 64);
+        __m512i lanes_3 = crc32_load_four(bytes + 128);
+        for (bytes += 192, count -= 192; count >= 256; bytes += 256, count -= 256) {
+            lanes = crc32_fold_four(lanes, factors_of_four, crc32_load_four(bytes));
+            lanes_1 = crc32_fold_four(lanes_1, factors_of_four, crc32_load_four(bytes + 64));
+            lanes_2 = crc32_fold_four(lanes_2, factors_of_four, crc32_load_four(bytes + 128));
+            lanes_3 = crc32_fold_four(lanes_3, factors_of_four, crc32_load_four(bytes + 192));
+        }
+        lanes = crc32_fold_four(lanes, factors, lanes_1);
+        lanes = crc32_fold_four(lanes, factors, lanes_2);
+        lanes = crc32_fold_four(lanes, factors, lanes_3);
+    }
+    for (; count >= 64; bytes += 64, count -= 64)
+        lanes = crc32_fold_four(lanes, factors, crc32_load_four(bytes));
+    // The first three of the four lanes onto the last.
+    __m512i const last = _mm512_maskz_mov_epi64(0xC0, lanes);
+    lanes = crc32_fold_four(lanes, crc32_load_four(crc32_over_384_to_0), last);
+    __m256i const two = _mm256_xor_si256(_mm512_maskz_extracti64x4_epi64(0xF, lanes, 0),
+                                         _mm512_maskz_extracti64x4_epi64(0xF, lanes, 1));
+    __m128i const lane =
+        _mm_xor_si128(_mm256_castsi256_si128(two), _mm256_extracti128_si256(two, 1));
+    running = crc32_finish(lane, bytes, count);
+}
+
 #undef OVEL_CRC32_NARROW
 #undef OVEL_CRC32_WIDE
+#undef OVEL_CRC32_WIDEST
 
 }  // namespace ovel::detail
 

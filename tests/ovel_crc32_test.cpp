@@ -66,15 +66,20 @@ TEST(crc32_test, a_computation_may_be_cut_anywhere_and_copied_on_the_way) {
 // Byte by byte goes by the table. Every length from which lanes are left over in
 // another way, from every alignment, with each of the ways that this processor has.
 TEST(crc32_test, many_bytes_at_once_count_as_they_do_one_by_one) {
-    using way = void (*)(std::uint32_t&, unsigned char const*, std::size_t);
+    struct way {
+        void (*feed)(std::uint32_t&, unsigned char const*, std::size_t);
+        std::size_t least;
+    };
     std::vector<way> ways;
     ovel::carryless const processor = ovel::carryless_multiplication();
-    if (processor != ovel::carryless::none)
-        ways.push_back(ovel::detail::crc32_narrow);
-    if (processor == ovel::carryless::pairs)
-        ways.push_back(ovel::detail::crc32_wide);
+    if (processor >= ovel::carryless::single)
+        ways.push_back({ovel::detail::crc32_narrow, 16});
+    if (processor >= ovel::carryless::pairs)
+        ways.push_back({ovel::detail::crc32_wide, 16});
+    if (processor >= ovel::carryless::fours)
+        ways.push_back({ovel::detail::crc32_widest, 64});
 
-    constexpr std::size_t most = 600;
+    constexpr std::size_t most = 850;
     std::vector<unsigned char> bytes(most + 32);
     std::uint32_t state = 1;
     for (unsigned char& each : bytes) {
@@ -90,9 +95,9 @@ TEST(crc32_test, many_bytes_at_once_count_as_they_do_one_by_one) {
             fast.start();
             fast.encode(begin, begin + count);
             ASSERT_EQ(fast.value(), slow.value()) << count << " bytes from " << from;
-            for (std::size_t i = 0; count >= 16 && i < ways.size(); ++i) {
+            for (std::size_t i = 0; i < ways.size() && count >= ways[i].least; ++i) {
                 std::uint32_t running = 0xFFFFFFFF;
-                ways[i](running, begin, count);
+                ways[i].feed(running, begin, count);
                 ASSERT_EQ(running, slow.value())
                     << count << " bytes from " << from << ", way " << i;
             }
