@@ -141,8 +141,8 @@ TEST_F(ovel_net_test, nets_are_read_across_pages_references_prefixes_and_encodin
    <x:place id="a"><x:name><x:text> "caf)"
                       "\xe9"
                       R"(" \ &amp;
-     &lt;bar&#27;&gt; </x:text></x:name>
-    <x:initialMarking><x:graphics/><x:text> 7 </x:text></x:initialMarking></x:place>
+     &lt;bar&#27;&#x110000;&gt; </x:text></x:name>
+    <x:initialMarking><x:graphics/><x:text> 0<!-- -->7 </x:text></x:initialMarking></x:place>
    <x:place id="b"/>
   </x:page>
   <x:page id="last">
@@ -196,6 +196,9 @@ TEST_F(ovel_net_test, a_fault_in_the_net_is_one_line_that_names_its_line_and_not
          "bits"},
         {"<place id=\"a\"/>\n<place id=\"b\"/>\n<arc id=\"x\" source=\"a\" target=\"b\"/>",
          "5: arc \"x\" joins two places"},
+        {"<place id=\"a\"/><transition id=\"t\"/>\n<arc id=\"x\" source=\"a\" target=\"t\">"
+         "<type value=\"inhibitor\"/></arc>",
+         "4: arc \"x\" is of type \"inhibitor\", not \"normal\""},
         {"<place id=\"a\"/>\n\n<arc id=\"x\" source=\"a\" target=\"t\"/>",
          "5: arc \"x\" has the unknown target \"t\""},
         {"<arc id=\"x\" source=\"page\" target=\"page\"/>",

@@ -50,18 +50,55 @@ xml_node child(xml_node parent, std::string_view kind) {
     return parent.find_child([&](xml_node node) { return kind_of(node) == kind; });
 }
 
-// The text's words joined by single spaces. Control characters, which a file
-// can smuggle in as character references, separate words like white space, so
-// that a name never breaks a line of output or steers a terminal.
+// How many bytes the UTF-8 character takes that `text` begins with; 0 if it begins with
+// none, or with a control character that XML excludes. Surrogates and overlong forms
+// pass the lead byte's test only with the narrowed second byte.
+std::size_t character_length(std::string_view text) {
+    auto const byte = [&](std::size_t i) {
+        return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+    };
+    unsigned int const lead = byte(0);
+    std::size_t const length = lead < 0x80 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+    if (length == 1 ? lead < ' ' && lead != '\t' && lead != '\n' && lead != '\r'
+                    : lead < 0xc2 || lead > 0xf4)
+        return 0;
+    unsigned int const low = lead == 0xe0 ? 0xa0 : lead == 0xf0 ? 0x90 : 0x80;
+    unsigned int const high = lead == 0xed ? 0x9f : lead == 0xf4 ? 0x8f : 0xbf;
+    if (length > 1 && (byte(1) < low || byte(1) > high))
+        return 0;
+    if ((length > 2 && (byte(2) & 0xc0) != 0x80) || (length > 3 && (byte(3) & 0xc0) != 0x80))
+        return 0;
+    return length;
+}
+
+// Where `text` stops being characters; its size when all is well.
+std::size_t valid_length(std::string_view text) {
+    std::size_t at = 0;
+    while (at < text.size()) {
+        std::size_t const length = character_length(text.substr(at));
+        if (length == 0)
+            break;
+        at += length;
+    }
+    return at;
+}
+
+// The text's words joined by single spaces. Control characters and what is no
+// character, which a file can smuggle in as references, separate words like white
+// space, so that a name never breaks a line of output or steers a terminal.
 std::string words(std::string_view text) {
     std::string joined;
     bool gap = false;
-    for (char const c : text) {
-        bool const printing = static_cast<unsigned char>(c) > ' ' && c != '\x7f';
+    while (!text.empty()) {
+        std::size_t const length = character_length(text);
+        std::string_view const character = text.substr(0, std::max<std::size_t>(length, 1));
+        text.remove_prefix(character.size());
+        bool const printing = length != 0 && character > " " && character != "\x7f" &&
+                              !(character >= "\xc2\x80" && character <= "\xc2\x9f");
         if (printing && gap && !joined.empty())
             joined += ' ';
         if (printing)
-            joined += c;
+            joined += character;
         gap = !printing;
     }
     return joined;
@@ -71,9 +108,13 @@ std::string quoted(std::string const& text) {
     return '"' + text + '"';
 }
 
-// The content of a label's <text>: `<name><text>idle</text></name>`.
+// The content of a label's <text>: `<name><text>idle</text></name>`. Comments and
+// CDATA sections part it.
 std::string label(xml_node label) {
-    return words(child(label, "text").text().get());
+    std::string whole;
+    for (xml_node const part : child(label, "text").children())
+        whole += part.value();
+    return words(whole);
 }
 
 std::string attribute(xml_node node, char const* name) {
@@ -88,31 +129,6 @@ std::string title(xml_node node) {
 std::string name_or_id(xml_node node) {
     std::string name = label(child(node, "name"));
     return name.empty() ? attribute(node, "id") : name;
-}
-
-// Where `text` stops being UTF-8, or holds a control character that XML
-// excludes; its size when all is well. Surrogates and overlong forms pass the
-// lead byte's test only with the narrowed second byte.
-std::size_t valid_length(std::string_view text) {
-    std::size_t at = 0;
-    while (at < text.size()) {
-        auto const byte = [&](std::size_t i) {
-            return at + i < text.size() ? static_cast<unsigned char>(text[at + i]) : 0U;
-        };
-        unsigned int const lead = byte(0);
-        std::size_t const length = lead < 0x80 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
-        if (length == 1 ? lead < ' ' && lead != '\t' && lead != '\n' && lead != '\r'
-                        : lead < 0xc2 || lead > 0xf4)
-            break;
-        unsigned int const low = lead == 0xe0 ? 0xa0 : lead == 0xf0 ? 0x90 : 0x80;
-        unsigned int const high = lead == 0xed ? 0x9f : lead == 0xf4 ? 0x8f : 0xbf;
-        if (length > 1 && (byte(1) < low || byte(1) > high))
-            break;
-        if ((length > 2 && (byte(2) & 0xc0) != 0x80) || (length > 3 && (byte(3) & 0xc0) != 0x80))
-            break;
-        at += length;
-    }
-    return at;
 }
 
 std::string utf8_of_latin1(std::string_view text) {
@@ -213,8 +229,7 @@ std::string reader::_content() const {
 // The document's first net. The parser itself is lenient about what surrounds
 // the document's one element; fragments are let through to be refused here.
 xml_node reader::_parse() {
-    constexpr unsigned int flags =
-        pugi::parse_default | pugi::parse_trim_pcdata | pugi::parse_fragment;
+    constexpr unsigned int flags = pugi::parse_default | pugi::parse_fragment;
     _text = _content();
     pugi::xml_parse_result result = _document.load_buffer(_text.data(), _text.size(), flags);
     if (result.encoding == pugi::encoding_latin1) {
@@ -286,6 +301,12 @@ void reader::_take_arc(xml_node node) {
     std::string_view const from = kind_of(source.node);
     if (from == kind_of(target.node))
         _fail(node, title(node) + " joins two " + std::string(from) + 's');
+    // As several tools write what takes and puts other than the net's arcs do.
+    for (std::string const& type :
+         {attribute(node, "type"), attribute(child(node, "type"), "value"),
+          label(child(node, "arctype"))})
+        if (!type.empty() && type != "normal")
+            _fail(node, title(node) + " is of type " + quoted(type) + ", not \"normal\"");
     xml_node const inscription = child(node, "inscription");
     std::uint64_t const weight = inscription ? _number(inscription, "weight", 1) : 1;
 
