@@ -27,7 +27,7 @@ public:
     };
 
     void acquire() {
-        _semaphore.acquire();
+        _semaphore._acquire_single();
     }
     bool try_acquire() {
         return _semaphore.try_acquire();
@@ -74,7 +74,7 @@ public:
     [[gnu::always_inline]] void acquire() {
         unsigned long const me = GetCurrentThreadId();
         if (_owner.load(std::memory_order_relaxed) != me) {
-            _semaphore.acquire();
+            _semaphore._acquire_single();
             _owner.store(me, std::memory_order_relaxed);
         }
         _enter();

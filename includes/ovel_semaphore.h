@@ -15,6 +15,10 @@ namespace detail {
 
 template <class Semaphore>
 class basic_condition;
+template <class Semaphore>
+class plain_mutex;
+template <class Semaphore>
+class reentrant_mutex;
 
 }  // namespace detail
 
@@ -51,6 +55,19 @@ private:
     friend struct detail::inspector;
     template <class Semaphore>
     friend class detail::basic_condition;
+    template <class Semaphore>
+    friend class detail::plain_mutex;
+    template <class Semaphore>
+    friend class detail::reentrant_mutex;
+
+    // `acquire` where there is never more than one unit: if it is there, the locked
+    // instruction that finds it takes it. A read before that would have to wait for
+    // the last locked instruction, and the next for the read.
+    [[gnu::always_inline]] void _acquire_single() {
+        int one = 1;
+        if (!_value.compare_exchange_strong(one, 0))
+            acquire();
+    }
 
     void _poll() const;
 
@@ -93,6 +110,14 @@ private:
 
     template <class Semaphore>
     friend class detail::basic_condition;
+    template <class Semaphore>
+    friend class detail::plain_mutex;
+    template <class Semaphore>
+    friend class detail::reentrant_mutex;
+
+    void _acquire_single() {
+        acquire();
+    }
 
     bool _acquire_within(DWORD milliseconds);
     void _release(int count);
