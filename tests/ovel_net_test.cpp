@@ -99,7 +99,7 @@ TEST_F(ovel_net_test, a_net_rests_full_when_only_room_is_missing) {
 }
 
 TEST_F(ovel_net_test, a_time_limit_drops_the_firings_that_have_not_begun) {
-    // All hundred are dispatched at once, to one thread that needs 10 s for them.
+    // All hundred are dispatched at once, to one thread that needs 10 s for each.
     std::string elements = "<place id=\"done\"/>\n";
     for (int i = 0; i < 100; ++i)
         elements += std::regex_replace(
@@ -108,9 +108,10 @@ TEST_F(ovel_net_test, a_time_limit_drops_the_firings_that_have_not_begun) {
 )",
             std::regex("#"), std::to_string(i));
     write_net(elements);
-    json const result = run_json("net.pnml --threads 1 --work 100000 --seconds 0.2");
+    json const result = run_json("net.pnml --threads 1 --work 10000000 --seconds 0.2");
     EXPECT_EQ(result["outcome"].text, "stopped");
     EXPECT_GE(std::stod(result["seconds"].text), 0.2);
+    EXPECT_LT(std::stod(result["seconds"].text), 5) << "the work of the first is cut short";
     EXPECT_LT(result["firings"].number(), 100U);
     EXPECT_EQ(column(result["places"], "final").at("done"), result["firings"].number());
     EXPECT_EQ(column(result["places"], "final").size(), 101 - result["firings"].number());
@@ -267,6 +268,7 @@ TEST_F(ovel_net_test, drawings_replace_their_files_only_when_they_are_whole) {
     EXPECT_EQ(status, 2);
     EXPECT_EQ(err, "ovel-net: link:1: cannot be drawn: Graphviz's dot failed\n");
     EXPECT_EQ(read("picture"), "before");
+    EXPECT_EQ(files().size(), 4U) << "dot, result, link and picture";
 
     write("result", "0");
     run(arguments, "PATH=.:$PATH");

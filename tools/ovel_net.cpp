@@ -12,10 +12,13 @@
 #include "ovel_net_text.h"
 #include "ovel_trace.h"
 
+#include <atomic>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <iostream>
+#include <list>
 #include <new>
 #include <optional>
 #include <sstream>
@@ -26,6 +29,20 @@ namespace ovel_net {
 
 namespace {
 
+std::atomic<bool> interrupted = false;  // relaxed, for it publishes nothing else
+
+// The first interrupt stops the net; the next one ends the program, as ever.
+extern "C" void note_interrupt(int signal) {
+    interrupted.store(true, std::memory_order_relaxed);
+    std::signal(signal, SIG_DFL);
+}
+
+// Where interrupts are ignored, as in the background of a script, they stay so.
+void hear_interrupts() {
+    if (std::signal(SIGINT, note_interrupt) == SIG_IGN)
+        std::signal(SIGINT, SIG_IGN);
+}
+
 // Tells a user at a terminal how a long run is going, in one line that goes again.
 class progress {
 public:
@@ -34,12 +51,14 @@ public:
             std::fputs("\r\x1b[K", stderr);
     }
 
-    void operator()(double seconds, std::uint64_t firings) {
-        if (!_terminal || seconds < 1)
-            return;
-        std::fprintf(stderr, "\r\x1b[K%.1f s, %llu firings", seconds,
-                     static_cast<unsigned long long>(firings));
-        _shown = true;
+    // Whether the user has not interrupted it.
+    bool operator()(double seconds, std::uint64_t firings) {
+        if (_terminal && seconds >= 1) {
+            std::fprintf(stderr, "\r\x1b[K%.1f s, %llu firings", seconds,
+                         static_cast<unsigned long long>(firings));
+            _shown = true;
+        }
+        return !interrupted.load(std::memory_order_relaxed);
     }
 
 private:
@@ -63,13 +82,26 @@ void check_and_tell(options const& chosen) {
                       : check_report(model, made, chosen.capacity));
 }
 
-// Whole, once `write` has written it.
-template <class Write>
-void write_file(std::string const& name, Write const& write) {
-    output_file file(name);
-    write(file);
-    file.commit();
-}
+// The files of a run: all are written before the first takes its place.
+class output_files {
+public:
+    template <class Write>
+    void add(std::string const& name, Write const& write) {
+        if (name.empty())
+            return;
+        output_file& file = _files.emplace_back(name);
+        write(file);
+        file.close();
+    }
+
+    void commit() {
+        for (output_file& each : _files)
+            each.commit();
+    }
+
+private:
+    std::list<output_file> _files;
+};
 
 void run_and_tell(options const& chosen) {
     std::ostringstream warnings;
@@ -89,6 +121,7 @@ void run_and_tell(options const& chosen) {
     result made;
     {
         progress shown;
+        hear_interrupts();
         made = run(model, chosen, std::ref(shown));
     }
     if (recorded && recorded->dropped() != 0)
@@ -96,19 +129,17 @@ void run_and_tell(options const& chosen) {
                   << grouped(recorded->dropped()) << " late records were not kept\n";
 
     print(chosen.json ? json(model, made, chosen.explain) : report(model, made, chosen.explain));
-    if (!chosen.dot.empty())
-        write_file(chosen.dot, [&](output_file& file) { file.write(drawing(model, made)); });
-    if (!chosen.svg.empty())
-        write_file(chosen.svg,
-                   [&](output_file& file) { file.write(svg(chosen.svg, drawing(model, made))); });
-    if (!chosen.trace.empty())
-        write_file(chosen.trace, [&](output_file& file) {
-            recorded->write([&](std::string_view text) { file.write(text); });
-        });
-    if (!chosen.report.empty())
-        write_file(chosen.report, [&](output_file& file) {
-            file.write(page(model, made, *recorded, svg(chosen.report, drawing(model, made))));
-        });
+    output_files files;
+    files.add(chosen.dot, [&](output_file& file) { file.write(drawing(model, made)); });
+    files.add(chosen.svg,
+              [&](output_file& file) { file.write(svg(chosen.svg, drawing(model, made))); });
+    files.add(chosen.trace, [&](output_file& file) {
+        recorded->write([&](std::string_view text) { file.write(text); });
+    });
+    files.add(chosen.report, [&](output_file& file) {
+        file.write(page(model, made, *recorded, svg(chosen.report, drawing(model, made))));
+    });
+    files.commit();
 }
 
 }  // namespace
@@ -119,7 +150,7 @@ int main(int argc, char** argv) {
     try {
         ovel_net::options const chosen = ovel_net::parse_options(argc, argv);
         if (chosen.help)
-            std::cout << ovel_net::usage;
+            ovel_net::print(ovel_net::usage);
         else if (chosen.check)
             ovel_net::check_and_tell(chosen);
         else

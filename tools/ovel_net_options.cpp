@@ -15,8 +15,9 @@ char const usage[] =
 Fires a place/transition net concurrently until it comes to rest, and reports
 where it did.
 
-  --seconds S     stop a net that still runs after S seconds (default 10)
-  --firings N     stop it after exactly N firings
+  --seconds S     stop a net that still runs after S seconds (default 10); so does an
+                  interrupt (Ctrl-C)
+  --firings N     stop it after exactly N firings, if it runs as long
   --threads N     fire on N threads, up to 1024 (default: one for each processor)
   --capacity N    room for N tokens in each place (default 1024); a place has at
                   least twice its initial tokens plus twice its largest weight

@@ -74,9 +74,12 @@ void output_file::write(std::string_view text) {
         throw unwritable(_name);
 }
 
-void output_file::commit() {
+void output_file::close() {
     if (std::fclose(_file.release()) != 0)
         throw unwritable(_name);
+}
+
+void output_file::commit() {
     if (std::error_code error; !_temporary.empty()) {
         fs::rename(_temporary, _target, error);
         if (error)

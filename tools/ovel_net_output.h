@@ -22,6 +22,10 @@ public:
 
     void write(std::string_view text);
 
+    // After the last `write`: now it is whole.
+    void close();
+
+    // After `close`: now it has its name.
     void commit();
 
 private:

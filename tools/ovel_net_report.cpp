@@ -115,7 +115,7 @@ std::string report(net const& model, result const& made, bool explain) {
             text += "\nCame to rest because only room was missing: places are full.\n";
             break;
         case outcome::stopped:
-            text += "\nStopped at a limit: transitions are still enabled.\n";
+            text += "\nStopped before it rested: transitions are still enabled.\n";
             break;
     }
 

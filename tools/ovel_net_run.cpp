@@ -41,12 +41,16 @@ public:
 
     // The limit is reached now. Any thread may call it while the net runs.
     void close() {
+        _closed.store(true, std::memory_order_relaxed);
         _left.store(0, std::memory_order_relaxed);
         _deactivate();
     }
 
     bool reached() const {
         return _left.load(std::memory_order_relaxed) <= 0;
+    }
+    bool closed() const {
+        return _closed.load(std::memory_order_relaxed);
     }
 
     // While the net is stopped.
@@ -61,6 +65,7 @@ private:
     }
 
     std::atomic<std::int64_t> _left;  // firings that may still begin; 0 or less: none
+    std::atomic<bool> _closed = false;
     std::vector<ovel::petri_transition*> _transitions;
 };
 
@@ -107,10 +112,11 @@ private:
         unsigned int weight;
     };
 
+    // Until the time of the run is up, be the work done or not.
     void _compute() const {
         ovel::trace::scope const here("compute");
         ovel::time_base const end = ovel::time_base::now() + _work;
-        while (ovel::time_base::now() < end) {}
+        while (ovel::time_base::now() < end && !_limit.closed()) {}
     }
 
     void _pass() {
@@ -214,20 +220,19 @@ void machine::_mark() {
             _net.send(_places[i], _next.fetch_add(1, std::memory_order_relaxed));
 }
 
-// Starts the net and stops it when it rests or its time is up; the limit on
-// firings needs nobody here. Returns how long the net ran.
+// Starts the net and stops it when it rests, its time is up or the observer wants no
+// more; the limit on firings needs nobody here. Returns how long the net ran.
 double machine::_fire(observer const& observe) {
     constexpr double look = 0.1;  // seconds from one look at the net to the next
     ovel::trace::name_thread("main");
-    ovel::trace::scope const here("run until the net rests", ovel::trace::wait);
     ovel::time const start = ovel::time::now();
+    ovel::trace::scope const here("run until the net rests", ovel::trace::wait);
     auto const elapsed = [&] {
         return (ovel::time::now() - start).seconds();
     };
     _net.release();
     while (!_net.timed_acquire(ovel::time::then(std::min(look, _seconds - elapsed())))) {
-        observe(elapsed(), _fired());
-        if (elapsed() < _seconds)
+        if (observe(elapsed(), _fired()) && elapsed() < _seconds)
             continue;
         _limit.close();
         _net.acquire();

@@ -39,7 +39,8 @@ struct result {
 };
 
 // Called from time to time during a run with the seconds so far and the firings.
-using observer = std::function<void(double, std::uint64_t)>;
+// Returns whether to go on; false is a limit too.
+using observer = std::function<bool(double, std::uint64_t)>;
 
 // Runs `model` until it comes to rest or a limit of `chosen` stops it. Blocks
 // until then. Throws a `failure` when the tokens left don't add up. Each firing is a

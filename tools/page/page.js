@@ -36,7 +36,7 @@ let chosen = null;
 
 $("title").textContent = data.net.name;
 $("outcome").textContent = {
-  dead: "at rest: dead", full: "at rest: only room is missing", stopped: "stopped at a limit",
+  dead: "at rest: dead", full: "at rest: only room is missing", stopped: "stopped before it rested",
 }[data.outcome];
 $("outcome").classList.add(data.outcome);
 for (const [what, value] of [
