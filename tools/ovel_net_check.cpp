@@ -9,7 +9,9 @@
 #include "ovel_net_text.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
+#include <iterator>
 #include <limits>
 #include <numeric>
 #include <utility>
@@ -100,7 +102,7 @@ private:
     std::size_t _next_transition() const;
     void _eliminate(std::size_t transition);
     void _add_sum(row_of_net const& one, row_of_net const& other, std::size_t transition);
-    void _keep_minimal();
+    void _keep_minimal(std::size_t old);
 
     std::size_t const _transitions;
     std::vector<row_of_net> _rows;
@@ -168,6 +170,7 @@ void elimination::_eliminate(std::size_t transition) {
         (effect == 0 ? rest : effect > 0 ? adding : taking).push_back(std::move(row));
     }
     _rows = std::move(rest);
+    std::size_t const old = _rows.size();
     std::vector<row_of_net> const& more = adding.size() < taking.size() ? taking : adding;
     std::vector<row_of_net> const& fewer = adding.size() < taking.size() ? adding : taking;
 
@@ -178,7 +181,7 @@ void elimination::_eliminate(std::size_t transition) {
     for (std::size_t shift = 0; shift < fewer.size(); ++shift)
         for (std::size_t i = 0; i < more.size() && left != 0; ++i, --left)
             _add_sum(more[i], fewer[(i + shift) % fewer.size()], transition);
-    _keep_minimal();
+    _keep_minimal(old);
 }
 
 // Adds the combination of two rows on which the transition has opposite effects.
@@ -200,14 +203,21 @@ void elimination::_add_sum(row_of_net const& one, row_of_net const& other, std::
     _rows.push_back(std::move(sum));
 }
 
-void elimination::_keep_minimal() {
-    std::stable_sort(_rows.begin(), _rows.end(), has_fewer_places);
-    std::vector<row_of_net> kept;
-    for (row_of_net& row : _rows)
-        if (std::none_of(kept.begin(), kept.end(),
-                         [&](row_of_net const& each) { return is_included(each, row); }))
-            kept.push_back(std::move(row));
-    _rows = std::move(kept);
+// None of the first `old` rows includes another of them: only the later ones are
+// compared with all.
+void elimination::_keep_minimal(std::size_t old) {
+    std::vector<row_of_net> added(
+        std::make_move_iterator(_rows.begin() + static_cast<std::ptrdiff_t>(old)),
+        std::make_move_iterator(_rows.end()));
+    _rows.resize(old);
+    std::stable_sort(added.begin(), added.end(), has_fewer_places);
+    for (row_of_net& row : added) {
+        if (std::any_of(_rows.begin(), _rows.end(),
+                        [&](row_of_net const& each) { return is_included(each, row); }))
+            continue;
+        std::erase_if(_rows, [&](row_of_net const& each) { return is_included(row, each); });
+        _rows.push_back(std::move(row));
+    }
 }
 
 // Tells whether an invariant is a combination of others, in the numbers modulo a
