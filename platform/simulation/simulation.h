@@ -44,9 +44,10 @@ struct scenario {
     char const* name;
     void (*run)(unsigned int variant);
     unsigned int variants = 1;
-    bool exhaustive = false;       // small enough to be run under every schedule of
-    unsigned int preemptions = 2;  // at most so many preemptions
-    unsigned int steps = 50'000;   // more are a livelock
+    bool exhaustive = false;         // small enough to be run under every schedule of
+    unsigned int preemptions = 2;    // at most so many preemptions
+    unsigned int steps = 50'000;     // more are a livelock
+    std::vector<schedule> pinned{};  // once found a fault of the library, and go first
 };
 
 // What a run was.

@@ -159,20 +159,16 @@ registration const plain_waits({
     .exhaustive = true,
 });
 
+// Pinned is what found a thread that slept for ever although its deadline had passed.
+// Three were released; the first, timed out, stopped being counted, and was left
+// before it took the unit posted for it. The others left, and with them the batch was
+// over, so a newcomer passed the gate and took that unit.
 registration const timed_waits({
     .name = "condition_with_deadlines_wakes_whom_it_released",
     .run = [](unsigned int variant) { waits[4 + variant / 2](variant % 2 * 2); },
     .variants = 8,
     .exhaustive = true,
-});
-
-// Found a thread that slept for ever although its deadline had passed. Three were
-// released; the first, timed out, stopped being counted, and was left before it
-// took the unit posted for it. The others left, and with them the batch was over,
-// so a newcomer passed the gate and took that unit.
-registration const unit_taken_by_a_newcomer(pinned{
-    .scenario = "condition_with_deadlines_wakes_whom_it_released",
-    .when = {.how = strategy::sticky, .variant = 6, .seed = 1841},
+    .pinned = {{.how = strategy::sticky, .variant = 6, .seed = 1841}},
 });
 
 // What a barrier's threads count together.

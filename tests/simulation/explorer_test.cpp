@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -19,10 +20,6 @@ namespace {
 
 using namespace ovel;
 using namespace ovel::simulation;
-
-outcome under(void (*program)(unsigned int), schedule const& when = {}) {
-    return run({.name = "toy", .run = program, .steps = 2000}, when);
-}
 
 // Two threads count, each in two steps.
 void lost_update(unsigned int) {
@@ -57,6 +54,43 @@ void crossed_locks(unsigned int) {
     CloseHandle(second);
 }
 
+// A deadline that passes while the unit is posted, and one that does not.
+template <DWORD expected>
+void deadlines(unsigned int) {
+    HANDLE const unit = CreateSemaphoreA(nullptr, 0, 1, nullptr);
+    begin();
+    DWORD result = 0;
+    {
+        worker waiter([&] { result = WaitForSingleObject(unit, 10'000); });
+        ReleaseSemaphore(unit, 1, nullptr);
+    }
+    if (result == WAIT_TIMEOUT)
+        WaitForSingleObject(unit, INFINITE);
+    CloseHandle(unit);
+    assure(result != expected);
+}
+
+// A word that one thread changes with a lock and another without it.
+void half_locked(unsigned int) {
+    void* const word = ovel::kernel::malloc(sizeof(int));
+    HANDLE const lock = CreateSemaphoreA(nullptr, 1, 1, nullptr);
+    auto const body = [&](bool locks) {
+        for (int round = 0; round != 3; ++round) {
+            if (locks)
+                WaitForSingleObject(lock, INFINITE);
+            __tsan_write4(word);
+            if (locks)
+                ReleaseSemaphore(lock, 1, nullptr);
+        }
+    };
+    begin();
+    {
+        worker second([&] { body(true); }), third([&] { body(false); });
+    }
+    CloseHandle(lock);
+    ovel::kernel::free(word);
+}
+
 TEST(simulation, finds_planted_faults_by_every_strategy_and_runs_them_again_the_same) {
     struct {
         void (*program)(unsigned int);
@@ -65,10 +99,15 @@ TEST(simulation, finds_planted_faults_by_every_strategy_and_runs_them_again_the_
     } const faults[] = {
         {lost_update, "assure_failed(count == 2, ", ""},
         {crossed_locks, "deadlock", "thread 1  waits for semaphore #1 with 0 units"},
+        {deadlines<WAIT_TIMEOUT>, "assure_failed(result != expected, ", ""},
+        {deadlines<WAIT_OBJECT_0>, "assure_failed(result != expected, ", ""},
+        {half_locked, "race: threads 2 and 3 access ", ""},
     };
     for (auto const& fault : faults)
         for (strategy const how :
              {strategy::random, strategy::sticky, strategy::priorities, strategy::choices}) {
+            if (how == strategy::choices && fault.program == half_locked)
+                continue;  // walks are not made of plain accesses
             SCOPED_TRACE(testing::Message() << fault.failure << ' ' << name(how));
             scenario const program = {.name = "toy", .run = fault.program, .steps = 2000};
             walk schedules(program, 0);
@@ -86,7 +125,7 @@ TEST(simulation, finds_planted_faults_by_every_strategy_and_runs_them_again_the_
             EXPECT_EQ(found.failure.find(fault.failure), 0u) << found.failure;
             EXPECT_NE(found.report.find(fault.report), std::string::npos) << found.report;
             // Another run in between leaves no trace.
-            under(lost_update);
+            run({.name = "toy", .run = lost_update}, {});
             outcome const same = run(program, when);
             EXPECT_EQ(same.failure, found.failure);
             EXPECT_EQ(same.report, found.report);
@@ -120,126 +159,57 @@ TEST(simulation, walks_through_every_schedule_within_the_number_of_preemptions) 
     }
 }
 
-TEST(simulation, a_deadline_can_win_against_a_post_and_lose) {
-    auto const program = [](unsigned int) {
-        HANDLE const unit = CreateSemaphoreA(nullptr, 0, 1, nullptr);
-        begin();
-        DWORD result = 0;
-        {
-            worker waiter([&] { result = WaitForSingleObject(unit, 10'000); });
-            ReleaseSemaphore(unit, 1, nullptr);
-        }
-        if (result == WAIT_TIMEOUT)
-            fail("won");
-        CloseHandle(unit);
-        fail("lost");
-    };
-    for (strategy const how : {strategy::random, strategy::sticky, strategy::priorities}) {
-        std::set<std::string> results;
-        for (std::uint64_t seed = 0; seed != 500; ++seed)
-            results.insert(under(program, {.how = how, .seed = seed}).failure);
-        EXPECT_EQ(results, (std::set<std::string>{"won", "lost"})) << name(how);
-    }
-}
-
-// A word changed under a lock or, with variant 1, by one thread without it.
-void half_locked(unsigned int variant) {
-    auto const word = static_cast<int*>(ovel::kernel::malloc(sizeof(int)));
-    HANDLE const lock = CreateSemaphoreA(nullptr, 1, 1, nullptr);
-    auto const body = [&](bool locks) {
-        for (int round = 0; round != 3; ++round) {
-            if (locks)
-                WaitForSingleObject(lock, INFINITE);
-            __tsan_write4(word);
-            *word = round;
-            if (locks)
-                ReleaseSemaphore(lock, 1, nullptr);
-        }
-    };
-    begin();
-    {
-        worker second([&] { body(true); }), third([&] { body(variant == 0); });
-    }
-    CloseHandle(lock);
-    ovel::kernel::free(word);
-}
-
-TEST(simulation, finds_two_threads_about_to_write_the_same_word) {
-    std::set<std::string> failures[2];
-    for (std::uint64_t seed = 0; seed != 2000; ++seed)
-        for (unsigned int variant : {0u, 1u}) {
-            outcome const each = under(half_locked, {.variant = variant, .seed = seed});
-            failures[variant].insert(each.failure.substr(0, each.failure.find(':')));
-        }
-    EXPECT_EQ(failures[0], (std::set<std::string>{""}));
-    EXPECT_EQ(failures[1], (std::set<std::string>{"", "race"}));
-}
+struct {
+    char const* steps;  // by their letters in `misuse`
+    char const* failure;
+} const misuses[] = {
+    {"f", "kernel objects leaked: 1 handles open, 0 at the start"},
+    {"c", "heap memory leaked: 1 blocks in use, 0 at the start"},
+    {"ff", "free of what is not a block in use"},
+    {"cfi", "freed memory was written at"},
+    {"cbf", "a block was written beyond its end"},
+    {"fa", "an atomic word in freed memory"},
+    {"cr", "used after it was closed"},
+    {"wc", "closed while a thread waits"},
+    {"0", "Segmentation fault"},
+    {"l", "livelock"},
+    {"t", "an exception left a thread: boo"},
+};
 
 void misuse(unsigned int which) {
     HANDLE const object = CreateSemaphoreA(nullptr, 0, 1, nullptr);
     auto const block = static_cast<char*>(ovel::kernel::malloc(10));
+    std::optional<worker> waiter;
     begin();
-    if (which > 1 && which < 7)
-        CloseHandle(object);
-    switch (which) {
-        case 0:
+    for (char const step : std::string(misuses[which].steps)) {
+        if (step == 'f')
             ovel::kernel::free(block);
-            break;
-        case 1:
-            CloseHandle(object);
-            break;
-        case 2:
-            ovel::kernel::free(block);
-            ovel::kernel::free(block);
-            break;
-        case 3:
-            ovel::kernel::free(block);
-            block[7] = 1;
-            break;
-        case 4:
-            block[10] = 1;
-            ovel::kernel::free(block);
-            break;
-        case 5:
-            ovel::kernel::free(block);
+        else if (step == 'i' || step == 'b')
+            block[step == 'i' ? 7 : 10] = 1;
+        else if (step == 'a')
             reinterpret_cast<detail::atomic<int>*>(block)->load();
-            break;
-        case 6:
-            ReleaseSemaphore(object, 1, nullptr);
-            break;
-        case 7: {
-            worker waiter([&] { WaitForSingleObject(object, INFINITE); });
-            settle();
+        else if (step == 'c')
             CloseHandle(object);
-            break;
-        }
-        case 8:
+        else if (step == 'r')
+            ReleaseSemaphore(object, 1, nullptr);
+        else if (step == 'w')
+            waiter.emplace([&] { WaitForSingleObject(object, INFINITE); });
+        else if (step == '0')
             *static_cast<int volatile*>(nullptr) = 1;
-            break;
-        case 9:
-            for (;;)
-                YieldProcessor();
-        default:
+        else if (step == 't')
             throw std::runtime_error("boo");
+        while (step == 'l')
+            YieldProcessor();
+        settle();
     }
 }
 
 TEST(simulation, misuse_of_a_service_fails_the_run) {
-    char const* const failures[] = {"kernel objects leaked: 1 handles open, 0 at the start",
-                                    "heap memory leaked: 1 blocks in use, 0 at the start",
-                                    "free of what is not a block in use",
-                                    "freed memory was written at",
-                                    "a block was written beyond its end",
-                                    "an atomic word in freed memory",
-                                    "used after it was closed",
-                                    "closed while a thread waits",
-                                    "Segmentation fault",
-                                    "livelock",
-                                    "an exception left a thread: boo"};
-    for (unsigned int which = 0; char const* const failure : failures) {
-        outcome const found = under(misuse, {.how = strategy::choices, .variant = which++});
+    scenario const program = {.name = "toy", .run = misuse, .steps = 2000};
+    for (unsigned int which = 0; auto const& each : misuses) {
+        outcome const found = run(program, {.how = strategy::choices, .variant = which++});
         EXPECT_FALSE(found.passed);
-        EXPECT_NE(found.failure.find(failure), std::string::npos) << failure << found.failure;
+        EXPECT_NE(found.failure.find(each.failure), std::string::npos) << found.failure;
     }
 }
 
@@ -257,7 +227,7 @@ TEST(simulation, refuses_the_named_requests_only) {
         expect_failure("false");
         assure(false);
     };
-    outcome const found = under(program);
+    outcome const found = run({.name = "toy", .run = program}, {});
     EXPECT_TRUE(found.passed) << found.failure;
     EXPECT_TRUE(found.reported);
 }

@@ -10,19 +10,9 @@ namespace ovel::simulation {
 
 std::vector<scenario>& scenarios();
 
-// A schedule that once found a fault of the library, run before all others.
-struct pinned {
-    char const* scenario;
-    schedule when;
-};
-std::vector<pinned>& pinned_schedules();
-
 struct registration {
     explicit registration(scenario const& added) {
         scenarios().push_back(added);
-    }
-    explicit registration(pinned const& added) {
-        pinned_schedules().push_back(added);
     }
 };
 
