@@ -18,11 +18,11 @@ int main() {
     ovel::work backup([&] { order += "backup "; });
     ovel::work print([&] { order += "print "; });
 
-    ovel::thread_group group(1, 0.0, ovel::thread_base::default_stack_size);
-    group.schedule(backup, 1.0, 0.0);
+    ovel::thread_group group(1, 1.0, ovel::thread_base::default_stack_size);
     group.schedule(mail, 5.0, 0.0);
     group.schedule(print, 5.0, 0.0);
     group.schedule(alarm, 9.0, 0.0);
+    group.schedule(backup, 1.0, 0.5);
     group.release();
     group.conclude();
     group.acquire();
@@ -40,5 +40,5 @@ int main() {
     net.join();
     std::printf("the net:    urgent %d, idle %d\n", urgent, idle);
 
-    return order == "alarm mail print backup " && urgent == 1 && idle == 0 ? 0 : 1;
+    return order == "backup alarm mail print " && urgent == 1 && idle == 0 ? 0 : 1;
 }

@@ -1,11 +1,11 @@
-// The recycler: what it gives back on request, and its thread.
+// The recycler: what it gives back on request. Its thread has scenarios on the
+// simulated kernel.
 
 #include "ovel_allocator_recycler.h"
 
 #include "ovel_allocator.h"
 #include "ovel_allocator_group.h"
 #include "ovel_allocator_support.h"
-#include "ovel_thread_support.h"
 
 #include <gtest/gtest.h>
 
@@ -31,14 +31,6 @@ struct ovel::detail::inspector {
         for (chunk const* each = ring._next; each != &ring; each = each->_next)
             ++count;
         return count;
-    }
-    // The class of the member is not exported, type information included, for
-    // which the check of what lies behind an address would ask.
-    __attribute__((no_sanitize("undefined"))) static double thread_period() {
-        return allocator_recycler::_global._function._period;
-    }
-    static double period() {
-        return allocator_recycler::_global._period;
     }
 };
 
@@ -76,26 +68,6 @@ TEST(recycler_test, a_fraction_of_the_capacity_leaves_down_to_about_a_mebibyte) 
     recycler.recycle_capacity(7.0);
     EXPECT_LT(inspector::capacity(), 1048579u);
     EXPECT_GE(inspector::capacity() + each, 1048579u);
-}
-
-// The exit of this process joins the thread.
-TEST(recycler_test, the_thread_starts_once_keeps_its_period_and_recycles_by_itself) {
-    allocator_recycler& recycler = *allocator_recycler::global();
-    fill(60);
-    recycler.recycle_minimum_capacity(0.0);
-    std::size_t const before = inspector::capacity();
-    recycler.release(0.5);
-    EXPECT_EQ(inspector::thread_period(), 1.0);
-    recycler.release(20.0);
-    EXPECT_EQ(inspector::period(), 20.0);
-    EXPECT_EQ(inspector::thread_period(), 1.0);
-    recycler.release(std::numeric_limits<double>::quiet_NaN());
-    EXPECT_EQ(inspector::period(), 1.0);
-    recycler.release(std::numeric_limits<double>::infinity());
-    EXPECT_EQ(inspector::period(), 1e9);
-    // Threads that start take a chunk or two; a recycling takes three tenths.
-    while (inspector::capacity() > before / 4 * 3)
-        thread_support::yield();
 }
 
 }  // namespace

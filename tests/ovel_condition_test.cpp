@@ -11,19 +11,6 @@ using ovel::timed_condition;
 using ovel::detail::guard;
 
 struct ovel::detail::inspector {
-    template <class Condition>
-    static unsigned int queued(Condition const& subject) {
-        return subject._queued.load();
-    }
-    // Nobody is counted, the gate is open, and no wake-up is left over.
-    template <class Condition>
-    static void expect_at_rest(Condition& subject) {
-        guard const hold(subject._lock);
-        EXPECT_EQ(queued(subject), 0u);
-        EXPECT_EQ(subject._released, 0u);
-        EXPECT_EQ(subject._gate._value.load(), 1);
-        EXPECT_FALSE(subject._wait.try_acquire());
-    }
     // The departure of a thread, which must have arrived.
     template <class Condition, class... Flag>
     static void leave(Condition& subject, Flag... flag) {
@@ -64,42 +51,6 @@ TYPED_TEST(condition_test, every_release_wakes_the_thread_already_asleep) {
         }
     };
     crew(2, play).clear();
-    inspector::expect_at_rest(turned);
-}
-
-TYPED_TEST(condition_test, all_threads_asleep_are_woken_together_and_nobody_later) {
-    typename TypeParam::second_type lock;
-    typename TypeParam::first_type changed;
-    changed.release_one();  // with nobody waiting: not remembered
-    changed.release_all();
-    auto sleepers = crew(3, [&](int) {
-        guard const hold(lock);
-        changed.acquire(lock);
-    });
-    until([&] { return inspector::queued(changed) == 3; });
-    changed.release_all();
-    sleepers.clear();
-    inspector::expect_at_rest(changed);
-}
-
-TEST(timed_condition_test, a_wait_until_a_deadline_returns_with_the_mutex) {
-    ovel::mutex lock;
-    timed_condition changed;
-    guard const hold(lock);
-    for (ovel::time const& deadline : {ovel::time(), ovel::time::then(0.002)}) {
-        EXPECT_FALSE(changed.timed_acquire(lock, deadline));
-        EXPECT_FALSE(lock.try_acquire());
-        inspector::expect_at_rest(changed);
-    }
-    std::jthread releaser([&] {
-        until([&] { return inspector::queued(changed) == 1; });
-        guard const release(lock);
-        changed.release_one();
-    });
-    EXPECT_TRUE(changed.timed_acquire(lock, ovel::time::seconds(1e300)));
-    EXPECT_FALSE(lock.try_acquire());
-    releaser.join();
-    inspector::expect_at_rest(changed);
 }
 
 TEST(condition_death_test, a_departure_of_nobody_fails_the_checks) {

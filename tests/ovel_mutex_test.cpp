@@ -26,21 +26,9 @@ namespace {
 using ovel::detail::inspector;
 
 template <class Mutex>
-bool free_for_others(Mutex& lock) {
-    return elsewhere([&] {
-        if (!lock.try_acquire())
-            return false;
-        lock.release();
-        return true;
-    });
-}
-
-template <class Mutex>
 struct mutex_test : testing::Test {
     static constexpr bool is_recursive =
         std::is_same_v<Mutex, recursive_mutex> || std::is_same_v<Mutex, timed_recursive_mutex>;
-    static constexpr bool is_timed =
-        std::is_same_v<Mutex, timed_mutex> || std::is_same_v<Mutex, timed_recursive_mutex>;
 };
 using mutex_types = testing::Types<mutex, timed_mutex, recursive_mutex, timed_recursive_mutex>;
 TYPED_TEST_SUITE(mutex_test, mutex_types);
@@ -68,20 +56,6 @@ TYPED_TEST(mutex_test, one_thread_at_a_time_owns_it) {
     EXPECT_EQ(count, 6000);
     EXPECT_TRUE(elsewhere([&] { return lock.try_acquire(); }));  // its owner is gone for good
     EXPECT_FALSE(lock.try_acquire());
-}
-
-TYPED_TEST(mutex_test, a_free_mutex_is_taken_and_another_is_not_after_the_deadline) {
-    if constexpr (TestFixture::is_timed) {
-        TypeParam lock;
-        EXPECT_TRUE(lock.timed_acquire(ovel::time()));
-        EXPECT_FALSE(elsewhere([&] { return lock.timed_acquire(ovel::time::then(0.002)); }));
-        EXPECT_EQ(lock.timed_acquire(ovel::time()), TestFixture::is_recursive);
-        if (TestFixture::is_recursive)
-            lock.release();
-        EXPECT_FALSE(free_for_others(lock));
-        lock.release();
-        EXPECT_TRUE(free_for_others(lock));
-    }
 }
 
 TYPED_TEST(mutex_test, a_depth_that_wraps_fails_the_check) {

@@ -57,19 +57,6 @@ TYPED_TEST(semaphore_test, whoever_took_the_last_unit_may_destroy_the_semaphore)
     }
 }
 
-TEST(timed_semaphore_test, a_wait_ends_at_its_deadline_but_takes_a_unit_that_is_there) {
-    timed_semaphore units(1, 0);
-    for (ovel::time const& passed :
-         {ovel::time::now(), ovel::time(), ovel::time::seconds(-1e300)}) {
-        EXPECT_TRUE(units.timed_acquire(passed));
-        EXPECT_FALSE(units.timed_acquire(passed));
-        ovel::time const deadline = ovel::time::then(0.01);
-        EXPECT_FALSE(units.timed_acquire(deadline));
-        EXPECT_GE(ovel::time::now(), deadline - ovel::time::seconds(0.0006));  // to the nearest ms
-        units.release();
-    }
-}
-
 TEST(semaphore_death_test, misuse_fails_the_checks) {
     EXPECT_CHECK(semaphore(-1, 0), "_value >= 0", file);
     EXPECT_CHECK(timed_semaphore(-1, 0), "value >= 0", file);

@@ -24,36 +24,23 @@ using mutexes = testing::Types<ovel::mutex, ovel::timed_mutex, ovel::recursive_m
                                ovel::timed_recursive_mutex>;
 TYPED_TEST_SUITE(lockable_test, mutexes);
 
-// Two mutexes locked together in both orders, one of them through a view: a guard
-// that takes nothing loses counts, one that gives nothing back hangs.
 TYPED_TEST(lockable_test, guards_of_the_standard_library_exclude) {
-    constexpr int rounds = 2'000;
     lockable<TypeParam> first;
     TypeParam second;
-    int count = 0;
+    lockable view(second);
+    auto const free = [&] {
+        return std::unique_lock(first, std::try_to_lock) &&
+               std::unique_lock(view, std::try_to_lock);
+    };
     {
-        auto const threads = crew(2, [&](int member) {
-            lockable view(second);
-            for (int round = 0; round < rounds; ++round) {
-                if (member == 0) {
-                    std::scoped_lock const hold(first, view);
-                    ++count;
-                } else {
-                    std::scoped_lock const hold(view, first);
-                    ++count;
-                }
-            }
-        });
+        std::scoped_lock const hold(view);
+        EXPECT_FALSE(elsewhere(free));
     }
-    EXPECT_EQ(count, 2 * rounds);
-
-    std::unique_lock hold(first);
-    EXPECT_FALSE(elsewhere([&] { return first.try_lock(); }));
-    hold.unlock();
-    EXPECT_TRUE(elsewhere([&] {
-        std::unique_lock const tried(first, std::try_to_lock);
-        return tried.owns_lock();
-    }));
+    {
+        std::scoped_lock const hold(first, view);
+        EXPECT_FALSE(elsewhere(free));
+    }
+    EXPECT_TRUE(elsewhere(free));
 }
 
 template <class Lock, class Span>
@@ -116,26 +103,21 @@ TEST(wait_test, a_predicate_decides_whatever_the_lock_is) {
     int turn = 0;
     auto const threads = crew(3, [&](int member) {
         lockable<ovel::recursive_mutex&> view(lock);
-        for (int round = 0; round < rounds; ++round) {
-            auto const mine = [&] {
-                return turn % 3 == member;
-            };
-            if (member == 0) {
-                lock.lock();
-                wait(changed, lock, mine);
+        auto const play = [&](auto&& hold) {
+            for (int round = 0; round < rounds; ++round) {
+                hold.lock();
+                wait(changed, hold, [&] { return turn % 3 == member; });
                 ++turn;
-                lock.unlock();
-            } else if (member == 1) {
-                std::unique_lock hold(view);
-                wait(changed, hold, mine);
-                ++turn;
-            } else {
-                std::unique_lock hold(lock);
-                wait(changed, hold, mine);
-                ++turn;
+                hold.unlock();
+                changed.release_all();
             }
-            changed.release_all();
-        }
+        };
+        if (member == 0)
+            play(lock);
+        else if (member == 1)
+            play(std::unique_lock(view, std::defer_lock));
+        else
+            play(std::unique_lock(lock, std::defer_lock));
     });
 }
 

@@ -82,14 +82,6 @@ TEST_F(thread_support_test, a_process_with_one_processor_does_not_spin) {
     EXPECT_EQ(ovel::default_spin, 0u);
 }
 
-// The distance is negative, or too large for the system: taken for a time to sleep
-// it would last for weeks.
-TEST_F(thread_support_test, yielding_until_a_deadline_of_the_past_returns) {
-    thread_support::yield();
-    thread_support::timed_yield(ovel::time::seconds(-1e300));
-    thread_support::timed_yield(ovel::time::now());
-}
-
 int runs;  // both without a lock or an atomic: `call_once` orders them
 int built;
 

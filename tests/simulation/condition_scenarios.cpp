@@ -191,7 +191,7 @@ void come_and_go(unsigned int spin) {
     constexpr bool timed = std::is_same_v<Barrier, timed_barrier>;
     open_books(timed, spin);
     {
-        unsigned int const capacity = 2 + pick(2);
+        unsigned int const capacity = pick(4) == 0 ? 0 : 2 + pick(2);
         unsigned int const thread_count = 2 + pick(2);
         unsigned int const rounds = walks() ? 1 : 1 + pick(2);
         Barrier gate(capacity, spin);

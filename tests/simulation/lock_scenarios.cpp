@@ -65,7 +65,7 @@ void exclude_each_other(unsigned int spin) {
                     continue;
                 assure(inside.fetch_add(1) == 0);
                 if constexpr (is_reentrant<Lock>) {
-                    assure(lock->try_acquire());
+                    assure(take(*lock, (first_way + round + 1) % 3, time()));
                     typename Lock::state saved;
                     lock->release(saved, false);
                     lock->acquire(saved, false);
@@ -225,13 +225,13 @@ registration const exact_time({
             };
             begin();
             passed(10.0, [] { thread_support::timed_yield(time::then(10.0)); });
-            passed(0.0, [] { thread_support::timed_yield(time::then(-1.0)); });
+            passed(0.0, [] { thread_support::timed_yield(time::seconds(-1e300)); });
             passed(10.0, [&] { assure(!units.timed_acquire(time::then(10.0))); });
             passed(2147483.647, [&] { assure(!units.timed_acquire(time::then(3e6))); });
             passed(2147483.647, [] { thread_support::timed_yield(time::then(3e6)); });
             units.release();
             passed(0.0, [&] { assure(units.timed_acquire(time::then(-1.0))); });
-            passed(0.0, [&] { assure(!units.timed_acquire(time::then(-1.0))); });
+            passed(0.0, [&] { assure(!units.timed_acquire(time::seconds(-1e300))); });
             end_waits_late(5000);
             std::uint64_t const start = nanoseconds();
             assure(!units.timed_acquire(time::then(1.0)));

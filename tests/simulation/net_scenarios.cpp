@@ -287,6 +287,7 @@ registration const blocked_clients({
                         owned_allocator const own;
                         for (int each = 0; each != each_sends; ++each) {
                             any token;
+                            through.net.peek(through.places[2], token);
                             through.net.receive(through.places[2], token);
                             ++received[any_cast<int>(token)];
                         }
@@ -414,43 +415,6 @@ registration const late_tokens({
             books.settle_without_pool();
         },
     .variants = 2,
-});
-
-// Clients alone, on one place of a net that is never started.
-registration const clients_alone({
-    .name = "net_that_is_stopped_still_passes_tokens_on",
-    .run =
-        [](unsigned int variant) {
-            accounts books(variant);
-            {
-                petri_net net(1, 0.0, 16384);
-                petri_place* const place = net.insert_place(1);
-                begin();
-                worker sender([&] {
-                    owned_allocator const own;
-                    for (int token = 0; token != 2; ++token)
-                        net.send(place, token);
-                });
-                worker looker([&] {
-                    owned_allocator const own;
-                    any token;
-                    net.peek(place, token);
-                    assure(any_cast<int>(token) <= 2);
-                });
-                for (int expected = 0; expected != 2; ++expected) {
-                    any token;
-                    net.receive(place, token);
-                    assure(any_cast<int>(token) == expected);
-                }
-                // For a looker that came too late.
-                net.send(place, 2);
-                looker.join();
-                sender.join();
-            }
-            books.settle();
-        },
-    .variants = 2,
-    .exhaustive = true,
 });
 
 // With memory refused while a line of places works, calls throw and can be tried

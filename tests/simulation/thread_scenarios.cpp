@@ -14,7 +14,6 @@
 #include <deque>
 #include <functional>
 #include <utility>
-#include <vector>
 
 namespace ovel::simulation {
 
@@ -93,7 +92,6 @@ struct item : thread_function {
         detail::atomic<unsigned int> runs = 0;
         HANDLE const added = CreateSemaphoreA(nullptr, 0, 100, nullptr);
         HANDLE const go = CreateSemaphoreA(nullptr, 0, 100, nullptr);
-        std::vector<unsigned int> order;  // with one thread
 
         tally() = default;
         tally(tally const&) = delete;
@@ -117,7 +115,6 @@ struct item : thread_function {
             next->add();
         if (waits)
             WaitForSingleObject(all->go, INFINITE);
-        all->order.push_back(number);
         all->space.fetch_sub(space);
         ++all->runs;
     }
@@ -128,7 +125,6 @@ struct item : thread_function {
     unsigned int length = 1;
     item* next = nullptr;  // is scheduled by this one's run
     bool waits = false;    // until the scenario lets it go
-    unsigned int number = 0;
 };
 
 constexpr unsigned int item_count = 6;
@@ -138,7 +134,6 @@ void make_items(items& made, thread_group& group, item::tally& all) {
     for (unsigned int each = 0; each != item_count; ++each) {
         made[each].group = &group;
         made[each].all = &all;
-        made[each].number = each;
         // Many that are alike, many that need everything.
         constexpr int spaces[] = {0, 1, 3, 5, 6, 10};
         made[each].space = spaces[pick(6)];
@@ -161,6 +156,9 @@ registration const group_runs_everything({
                 begin();
                 for (unsigned int round = 1; round != 3; ++round) {
                     make_items(made, group, all);
+                    made[5].add();
+                    WaitForSingleObject(all.added, INFINITE);
+                    group.clear();  // so it does not run
                     made[0].next = &made[3];
                     made[1].next = &made[4];
                     made[0].add();
@@ -226,73 +224,6 @@ registration const group_is_busy({
                 }
                 group.conclude();
                 group.acquire();
-            }
-            books.settle_without_pool();
-        },
-    .variants = 2,
-});
-
-// Threads that are idle because what waits does not fit, when the group is concluded,
-// end once that has run.
-registration const group_ends_all({
-    .name = "group_ends_threads_that_wait_for_space",
-    .run =
-        [](unsigned int variant) {
-            accounts books(variant);
-            {
-                item::tally all;
-                thread_group group(2 + pick(2), item::budget, 16384);
-                items made;
-                make_items(made, group, all);
-                for (unsigned int each = 0; each != 3; ++each) {
-                    made[each].space = item::budget;
-                    made[each].waits = true;
-                }
-                begin();
-                group.release();
-                for (unsigned int each = 0; each != 3; ++each)
-                    made[each].add();
-                if (pick(2) == 0)
-                    settle();
-                group.conclude();
-                ReleaseSemaphore(all.go, 3, nullptr);
-                group.acquire();
-                assure(all.runs == 3);
-            }
-            books.settle_without_pool();
-        },
-    .variants = 2,
-});
-
-// One thread takes the largest first, of equal ones the longest, of equal pairs
-// the one scheduled first. What is cleared does not run.
-registration const group_order({
-    .name = "group_respects_the_order",
-    .run =
-        [](unsigned int variant) {
-            accounts books(variant);
-            {
-                item::tally all;
-                thread_group group(1, item::budget, 16384);
-                items made;
-                make_items(made, group, all);
-                made[0].add();
-                group.clear();
-                for (item& each : made)
-                    each.add();
-                group.conclude();
-                begin();
-                group.release();
-                group.acquire();
-                assure(all.order.size() == item_count);
-                for (unsigned int each = 1; each != item_count; ++each) {
-                    item const& before = made[all.order[each - 1]];
-                    item const& after = made[all.order[each]];
-                    assure(before.space > after.space ||
-                           (before.space == after.space &&
-                            (before.length > after.length ||
-                             (before.length == after.length && before.number < after.number))));
-                }
             }
             books.settle_without_pool();
         },
