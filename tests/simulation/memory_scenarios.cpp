@@ -161,11 +161,11 @@ registration const sleepers({
     .variants = 2,
 });
 
-// Fills the global allocator with what an allocator of 40 chunks gives up.
+// Fills the global allocator with what an allocator of 60 chunks gives up.
 void fill_reserve() {
     owned_allocator const own;
     std::vector<marked*> blocks;
-    for (unsigned int each = 0; each != 15 * 40; ++each)
+    for (unsigned int each = 0; each != 15 * 60; ++each)
         blocks.push_back(take_marked(4080));
     for (marked* one : blocks)
         give_back(one);
