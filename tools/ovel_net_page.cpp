@@ -5,7 +5,8 @@
 //
 // The order in which firings ended is one in which they could have happened one
 // after the other, for what a firing takes was put by one that ended before it
-// began. So the markings in between follow from it.
+// began. So the markings in between follow from it, up to the first firing that was
+// not recorded: there the page's time ends.
 #include "ovel_net_page.h"
 #include "ovel_net_report.h"
 #include "ovel_net_text.h"
@@ -37,7 +38,7 @@ struct fired {
 };
 
 struct recording {
-    nanoseconds length = 0;  // of the run
+    nanoseconds length = 0;  // of the run, as far as all firings were recorded
     std::vector<fired> firings;
 };
 
@@ -48,7 +49,15 @@ recording read(net const& model, ovel::trace::recorder const& recorded) {
         transitions[model.transitions[i].name.c_str()] = i;
     recording all;
     nanoseconds start = 0;
+    struct kept {
+        std::size_t events = 0;
+        nanoseconds last = 0;
+    };
+    std::map<unsigned int, kept> threads;
     recorded.each([&](unsigned int thread, ovel::trace::event const& each) {
+        kept& here = threads[thread];
+        ++here.events;
+        here.last = std::max(here.last, each.end);
         if (each.what == ovel::trace::firing) {
             all.firings.push_back({each.begin, each.end, transitions.at(each.name), thread});
         } else if (each.what == ovel::trace::wait) {
@@ -56,6 +65,15 @@ recording read(net const& model, ovel::trace::recorder const& recorded) {
             all.length = each.end - each.begin;
         }
     });
+    // Threads that lost events are those with as many as a thread may have.
+    std::size_t most = 0;
+    for (auto const& [thread, here] : threads)
+        most = std::max(most, here.events);
+    if (recorded.dropped() != 0)
+        for (auto const& [thread, here] : threads)
+            if (here.events == most)
+                all.length = std::min(all.length, here.last - start);
+    std::erase_if(all.firings, [&](fired const& each) { return each.end - start > all.length; });
     for (fired& each : all.firings) {
         each.begin -= start;
         each.end -= start;
@@ -218,8 +236,11 @@ std::string data(net const& model, result const& made, ovel::trace::recorder con
     recording all = read(model, recorded);
     nanoseconds const slice = all.length / slices + 1;
     std::vector<nanoseconds> busy(model.transitions.size());
-    for (fired const& each : all.firings)
+    std::vector<std::size_t> timed(model.transitions.size());
+    for (fired const& each : all.firings) {
         busy[each.transition] += each.end - each.begin;
+        ++timed[each.transition];
+    }
     std::vector<bool> const full = full_places(model, made);
     list places;
     for (std::size_t i = 0; i < model.places.size(); ++i) {
@@ -236,6 +257,7 @@ std::string data(net const& model, result const& made, ovel::trace::recorder con
         transitions.add_text("{\"id\":" + json_string(each.id) +
                              ",\"name\":" + json_string(each.name) +
                              ",\"firings\":" + std::to_string(made.firings[i]) +
+                             ",\"timed\":" + std::to_string(timed[i]) +
                              ",\"busy\":" + std::to_string(busy[i]) + '}');
     }
     std::string text = '{' + json_net(model) + ",\"outcome\":\"" + name_of(made.end) +

@@ -8,10 +8,14 @@ const make = (tag, text, name) => {
 const whole = new Intl.NumberFormat("en");
 const counted = (number, what) => `${whole.format(number)} ${what}${number === 1 ? "" : "s"}`;
 
-// A time in nanoseconds, in the unit that suits it or that of `scale`.
-function duration(time, scale = time) {
+// A time in nanoseconds, in the unit that suits it or that of `scale`, so that times that
+// differ by `step` look different.
+function duration(time, scale = time, step = scale / 1000) {
   for (const [unit, size] of [["s", 1e9], ["ms", 1e6], ["µs", 1e3]])
-    if (Math.abs(scale) >= size) return `${Number((time / size).toPrecision(4))} ${unit}`;
+    if (Math.abs(scale) >= size) {
+      const digits = Math.min(9, Math.max(0, Math.ceil(-Math.log10(step / size) - 1e-9)));
+      return `${Number((time / size).toFixed(digits))} ${unit}`;
+    }
   return `${Math.round(time)} ns`;
 }
 
@@ -114,8 +118,25 @@ if (svg) {
   });
 }
 
+// A large net takes long to paint: while it moves, its last painting does.
+const large = nodes.size > 1000;
+let painted = view;
+let repaint = 0;
+function paintNet() {
+  painted = view;
+  svg.setAttribute("viewBox", view.join(" "));
+  svg.style.transform = "";
+}
 function showView() {
-  if (svg) svg.setAttribute("viewBox", view.join(" "));
+  if (!svg) return;
+  if (!large) return paintNet();
+  const box = $("picture").getBoundingClientRect();
+  const scale = Math.min(box.width / view[2], box.height / view[3]);
+  const middle = (of, i) => of[i] + of[i + 2] / 2;
+  svg.style.transform = `translate(${[0, 1].map((i) =>
+    `${(middle(painted, i) - middle(view, i)) * scale}px`)}) scale(${painted[2] / view[2]})`;
+  clearTimeout(repaint);
+  repaint = setTimeout(paintNet, 200);
 }
 // About a point of the picture, given in parts of what is shown.
 function zoomNet(by, x = 0.5, y = 0.5) {
@@ -156,7 +177,8 @@ function drag(element, move) {
     last = [event.clientX, event.clientY];
     move(dx, dy, element.getBoundingClientRect());
   });
-  addEventListener("pointerup", () => { last = null; });
+  for (const ended of ["pointerup", "pointercancel"])
+    addEventListener(ended, () => { last = null; });
 }
 
 function markNet() {
@@ -192,15 +214,17 @@ const rows = data.transitions.map((transition, i) => {
   bar.style.background = colours[i];
   const most = data.transitions[byBusy[0]].busy;
   bar.style.width = `${most > 0 ? 100 * transition.busy / most : 0}%`;
-  name.append(dot, fullName(transition), bar);
+  const text = make("span", fullName(transition), "name");
+  text.title = fullName(transition);
+  name.append(dot, text, bar);
   row.append(name, make("td", whole.format(transition.firings)),
-    make("td", transition.firings > 0 ? duration(transition.busy) : "–"),
-    make("td", transition.firings > 0 ? duration(mean(transition)) : "–"));
+    make("td", transition.timed > 0 ? duration(transition.busy) : "–"),
+    make("td", transition.timed > 0 ? duration(mean(transition)) : "–"));
   row.onclick = () => choose(i);
   return row;
 });
 function mean(transition) {
-  return transition.firings > 0 ? transition.busy / transition.firings : 0;
+  return transition.timed > 0 ? transition.busy / transition.timed : 0;
 }
 function listTransitions() {
   const value = { busy: (t) => t.busy, firings: (t) => t.firings, mean }[order];
@@ -209,8 +233,10 @@ function listTransitions() {
     .sort(([l, i], [r, j]) =>
       (value ? value(r) - value(l) : l.name.localeCompare(r.name)) || i - j);
   $("transitions").replaceChildren(...sorted.map(([, i]) => rows[i]));
-  $("transitions-note").textContent = sorted.length === rows.length ? ""
-    : `${sorted.length} of ${rows.length}`;
+  $("transitions-note").textContent =
+    (sorted.length === rows.length ? "" : `${sorted.length} of ${rows.length}. `) +
+    (data.recorded < data.firings
+      ? `Times of the first ${counted(data.recorded, "firing")}.` : "");
   for (const head of document.querySelectorAll("th[data-sort]"))
     if (head.dataset.sort === order) head.setAttribute("aria-sort", "descending");
     else head.removeAttribute("aria-sort");
@@ -261,6 +287,9 @@ const xOf = (time, width) =>
 const timeAt = (x, width) =>
   span[0] + (x - margin.left) / (width - margin.left - margin.right) * (span[1] - span[0]);
 
+// A time in the charts, as exactly as the mouse can point at it.
+const moment = (time) => duration(time, span[1], (span[1] - span[0]) / 1000);
+
 // 1, 2 or 5 times a power of ten, at least `least`.
 function roundStep(least) {
   const power = 10 ** Math.floor(Math.log10(least));
@@ -274,7 +303,8 @@ function drawTimes(pen, width, height) {
     pen.fillStyle = style("--grid");
     pen.fillRect(x, 0, 1, height - margin.bottom);
     pen.fillStyle = style("--soft");
-    pen.fillText(duration(time, Math.max(step, span[1])), Math.min(x, width - 30), height - 8);
+    const text = duration(time, span[1], step);
+    pen.fillText(text, Math.min(x, width - pen.measureText(text).width / 2), height - 8);
   }
 }
 
@@ -325,6 +355,10 @@ function drawLanes() {
   const height = data.lanes.length * (lane.height + lane.gap) + margin.bottom + 4;
   const [pen, width] = prepare($("lanes"), Math.max(height, 60));
   drawTimes(pen, width, Math.max(height, 60));
+  if (data.lanes.length === 0) {
+    pen.textAlign = "center";
+    pen.fillText("No transition fired.", (width + margin.left) / 2, 20);
+  }
   const fade = (transition) =>
     (chosen === null || chosen === transition) && matches(data.transitions[transition]) ? 1 : 0.15;
   data.lanes.forEach((each, i) => {
@@ -388,8 +422,8 @@ $("timeline-note").textContent =
 hear($("lanes"), (time, y) => {
   const i = Math.floor(y / (lane.height + lane.gap));
   const each = data.lanes[i];
-  if (!each) return duration(time, span[1]);
-  const head = `thread ${i + 1} at ${duration(time, span[1])}\n`;
+  if (!each) return moment(time);
+  const head = `thread ${i + 1} at ${moment(time)}\n`;
   if (each.slices) {
     const slice = Math.floor(time / data.slice);
     const at = lowerBound(each.slices, 4, slice, (flat, k) => flat[k]);
@@ -470,7 +504,7 @@ function drawCurves() {
     for (let at = 1; at < points.length; at += 2) most = Math.max(most, points[at]);
   }
   const step = Math.max(1, roundStep(most / 6));
-  const top = Math.ceil(most * 1.02 / step) * step;
+  const top = Math.ceil(most / step) * step;
   const y = (tokens) => bottom - tokens / top * (bottom - 10);
   pen.textAlign = "right";
   for (let tokens = 0; tokens <= top; tokens += step) {
@@ -503,10 +537,10 @@ function drawCurves() {
   $("curves").dataset.places = [...picked.keys()].map((i) => data.places[i].id).join(" ");
   if (picked.size === 0) {
     pen.textAlign = "center";
-    pen.fillText("Choose places on the right, or in the net.", (width + margin.left) / 2, 60);
+    pen.fillText("Choose places in the list, or in the net.", (width + margin.left) / 2, 60);
   }
 }
-hear($("curves"), (time) => [`at ${duration(time, span[1])}`,
+hear($("curves"), (time) => [`at ${moment(time)}`,
   ...[...picked.keys()].map((place) =>
     `${data.places[place].name}: ${whole.format(tokensAt(place, time))}`)].join("\n"));
 
