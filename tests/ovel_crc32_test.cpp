@@ -43,26 +43,6 @@ TEST(crc32_test, known_texts_have_their_known_checksums) {
     EXPECT_EQ(checksum(text, text + 9), 0xCBF43926);
 }
 
-TEST(crc32_test, a_computation_may_be_cut_anywhere_and_copied_on_the_way) {
-    unsigned char bytes[256];
-    for (int i = 0; i < 256; ++i)
-        bytes[i] = static_cast<unsigned char>(255 - i);
-    unsigned int const whole = checksum(bytes, bytes + 256);
-    for (int cut = 0; cut < 256; ++cut) {
-        crc32 first;
-        first.start();
-        first.encode(bytes, bytes + cut);
-        crc32 second;
-        second = first;
-        for (crc32* each : {&first, &second}) {
-            each->encode(static_cast<char>(bytes[cut]));
-            each->encode(bytes + cut + 1, bytes + 256);
-            each->stop();
-            ASSERT_EQ(each->value(), whole) << "cut at " << cut;
-        }
-    }
-}
-
 // Byte by byte goes by the table. Every length from which lanes are left over in
 // another way, from every alignment, with each of the ways that this processor has.
 TEST(crc32_test, many_bytes_at_once_count_as_they_do_one_by_one) {

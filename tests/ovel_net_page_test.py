@@ -82,9 +82,6 @@ class Browser:
     def complaints(self):
         return [entry["message"] for entry in self._ask("POST", "/se/log", {"type": "browser"})]
 
-    def screenshot(self):
-        return self._ask("GET", "/screenshot")
-
 
 def equal(found, expected):
     assert found == expected, f"{found!r}, not {expected!r}"

@@ -90,6 +90,18 @@ private:
 // The call that runs the schedule again.
 std::string replay_line(scenario const& program, schedule const& when);
 
+// The scenarios of a program: each file of them adds its own at load.
+std::vector<scenario>& scenarios();
+struct registration {
+    explicit registration(scenario const& added) {
+        scenarios().push_back(added);
+    }
+};
+
+// What such a program does with its arguments, and its exit status: runs the scenarios
+// for a while, or one schedule again as `replay_line` says.
+int explore(int count, char** arguments);
+
 // What a scenario may call while it runs.
 
 // What of the heap is in use and what handles are open now must be so at the end,

@@ -9,7 +9,7 @@
 #include "ovel_mutex.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
-#include "scenarios.h"
+#include "simulation/simulation.h"
 
 #include <deque>
 #include <type_traits>

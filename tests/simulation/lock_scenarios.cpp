@@ -8,7 +8,7 @@
 #include "ovel_semaphore.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
-#include "scenarios.h"
+#include "simulation/simulation.h"
 
 #include <cstdint>
 #include <deque>

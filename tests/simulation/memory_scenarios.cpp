@@ -10,7 +10,7 @@
 #include "ovel_malloc.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
-#include "scenarios.h"
+#include "simulation/simulation.h"
 
 #include <cmath>
 #include <cstring>

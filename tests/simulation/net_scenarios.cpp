@@ -9,7 +9,7 @@
 #include "ovel_petri_net.h"
 #include "ovel_semaphore.h"
 #include "ovel_time.h"
-#include "scenarios.h"
+#include "simulation/simulation.h"
 
 #include <deque>
 #include <memory>

@@ -9,7 +9,7 @@
 #include "ovel_thread.h"
 #include "ovel_thread_group.h"
 #include "ovel_time.h"
-#include "scenarios.h"
+#include "simulation/simulation.h"
 
 #include <deque>
 #include <functional>
