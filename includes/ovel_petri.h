@@ -372,9 +372,10 @@ public:
 
     // Stops a net that runs, without waiting for it to rest: firings under way end.
     ~net() {
-        halt();
-        if (_running)
+        if (_running) {
+            halt();
             _net.acquire();
+        }
         _join_waker();
     }
 
@@ -486,7 +487,7 @@ private:
     [[noreturn]] void _rethrow();
     void _deactivate();
     bool _wake();
-    void _join_waker();
+    bool _join_waker();
     void _discard_failure_tokens();
     void _end();
 
@@ -724,8 +725,9 @@ inline void detail::transition_record::_fire(unsigned int* left) {
 
 template <class T>
 ovel::place<T> net::insert_place(std::string name, unsigned int capacity) {
-    _places.emplace_back(
+    std::unique_ptr<detail::place_record> inserted(
         new detail::place_record{this, std::move(name), _net.insert_place(capacity)});
+    _places.push_back(std::move(inserted));
     return ovel::place<T>(_places.back().get());
 }
 
@@ -756,17 +758,19 @@ inline transition net::_insert(std::unique_ptr<detail::transition_record> insert
 }
 
 inline void net::start() {
-    _join_waker();
-    if (_failed.load(std::memory_order_relaxed))
+    if (_join_waker())
         _discard_failure_tokens();
     {
         std::lock_guard const hold(_lock);
-        if (_halted.load(std::memory_order_relaxed))
-            for (auto const& record : _transitions)
-                if (record->active)
-                    record->element->activate();
-        _failed = false;
-        _halted = false;
+        // What has failed it since then holds for this run.
+        if (!_waker_running) {
+            if (_halted.load(std::memory_order_relaxed))
+                for (auto const& record : _transitions)
+                    if (record->active)
+                        record->element->activate();
+            _failed = false;
+            _halted = false;
+        }
     }
     _net.release();
     _running = true;
@@ -789,8 +793,7 @@ bool net::join_until(Point const& point) {
 // The threads have been joined.
 inline void net::_end() {
     _running = false;
-    _join_waker();
-    if (_failed.load(std::memory_order_relaxed)) {
+    if (_join_waker()) {
         _discard_failure_tokens();
         _rethrow();
     }
@@ -890,13 +893,18 @@ inline bool net::_wake() {
     return blocked;
 }
 
-inline void net::_join_waker() {
+// Has the waker of a net that has failed end, and returns whether it has failed.
+inline bool net::_join_waker() {
+    bool failed;
+    bool running;
     {
         std::lock_guard const hold(_lock);
-        if (!std::exchange(_waker_running, false))
-            return;
+        failed = _failed.load(std::memory_order_relaxed);
+        running = std::exchange(_waker_running, false);
     }
-    _waker_thread.acquire();
+    if (running)
+        _waker_thread.acquire();
+    return failed;
 }
 
 // Leaves in the places what they held when the net failed, in its order, and of what
