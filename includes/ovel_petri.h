@@ -152,7 +152,7 @@ struct outputs {
 // A transition of a net: its name, arcs and body.
 class transition_record : public petri_function {
 public:
-    transition_record(net& owner, std::string&& name) : owner(owner), name(std::move(name)) {}
+    transition_record(net& of, std::string&& called) : owner(of), name(std::move(called)) {}
     transition_record(transition_record const&) = delete;
     transition_record& operator=(transition_record const&) = delete;
 
@@ -185,14 +185,18 @@ private:
 // net need not run for that. A `T` is moved, and copied once on its way in if it can
 // be copied; then its tokens are an `any` of `T` to whoever uses the `petri_net`. The
 // copy is made, and tokens are destroyed, under the net's lock, so that must not call
-// the net. A token of another type fails the check "operand.type() == typeid(T)".
+// the net. A token of another type fails the check "operand.type() == typeid(T)". A
+// container of what cannot be copied says that it can, and then fails to compile: hold
+// it by a std::unique_ptr.
 //
 // When the net fails, or has, a thread that would block gets the exception that it
 // failed with; whether the token of a `send` that this interrupts is put is left open.
 // All throw std::bad_alloc as `petri_net` says.
 template <class T>
 class place {
-    static_assert(std::is_same_v<T, std::decay_t<T>> && !std::is_same_v<T, any>);
+    static_assert(std::is_same_v<T, std::decay_t<T>>, "a place is for values");
+    static_assert(!std::is_same_v<T, any>, "a place is for values of one type");
+    static_assert(std::is_move_constructible_v<T>, "tokens are moved");
 
 public:
     // Puts a token; blocks while no slot is free.
@@ -200,7 +204,7 @@ public:
 
     // Puts a token if a slot is free, and returns whether one was; otherwise `value`
     // is as it was.
-    bool try_send(T const& value) const;
+    bool try_send(T const& value) const requires std::is_copy_constructible_v<T>;
     bool try_send(T&& value) const;
 
     // Takes the oldest token that no firing has reserved; blocks until there is one.
@@ -537,6 +541,17 @@ inline constexpr bool is_optional = false;
 template <class T>
 inline constexpr bool is_optional<std::optional<T>> = true;
 
+// 0 for what is not like a tuple.
+template <class T>
+inline constexpr std::size_t tuple_size = 0;
+template <class T>
+requires(std::tuple_size<T>::value !=
+         0) inline constexpr std::size_t tuple_size<T> = std::tuple_size<T>::value;
+
+// What a message to whoever wrote a body depends on.
+template <class>
+inline constexpr bool never = false;
+
 // A transition with a body of type `Body`.
 template <class Body, class Inputs, class Outputs>
 class body_record;
@@ -544,9 +559,9 @@ class body_record;
 template <class Body, class... From, class... To>
 class body_record<Body, inputs<From...>, outputs<To...>> final : public transition_record {
 public:
-    body_record(net& owner, std::string&& name, inputs<From...> const& from,
+    body_record(net& of, std::string&& called, inputs<From...> const& from,
                 outputs<To...> const& to, Body&& body)
-        : transition_record(owner, std::move(name)), _body(std::move(body)), _from(from), _to(to) {
+        : transition_record(of, std::move(called)), _body(std::move(body)), _from(from), _to(to) {
         // No arc may move once the net knows its variable.
         arcs.reserve(sizeof...(From) + sizeof...(To));
         std::apply([this](auto const&... each) { (this->_insert_arc(true, each), ...); },
@@ -566,10 +581,13 @@ private:
             static_assert((!From::weighted && ...) && (!To::weighted && ...),
                           "a body with weighted arcs takes a firing&");
             _run_typed(scope);
-        } else {
-            static_assert(std::is_invocable_v<Body&, firing&>,
-                          "a body takes one token of each place in from(), or a firing&");
+        } else if constexpr (std::is_invocable_v<Body&, firing&>) {
+            static_assert(std::is_void_v<std::invoke_result_t<Body&, firing&>>,
+                          "a body that takes a firing& returns nothing");
             _body(scope);
+        } else {
+            static_assert(never<Body>,
+                          "a body takes one token of each place in from(), or a firing&");
         }
     }
 
@@ -584,13 +602,16 @@ private:
         if constexpr (sizeof...(To) == 0) {
             static_assert(std::is_void_v<result>, "a body without to() returns nothing");
             std::apply(_body, std::move(taken));
+        } else if constexpr (std::is_void_v<result>) {
+            static_assert(never<Body>, "a body returns what the places in to() take");
         } else if constexpr (sizeof...(To) == 1) {
             _put(scope, std::get<0>(_to.arcs), std::apply(_body, std::move(taken)));
-        } else {
-            static_assert(std::tuple_size_v<result> == sizeof...(To),
-                          "a body returns a std::tuple with a value for each place in to()");
+        } else if constexpr (tuple_size<std::remove_cvref_t<result>> == sizeof...(To)) {
             _put_all(scope, std::apply(_body, std::move(taken)),
                      std::make_index_sequence<sizeof...(To)>());
+        } else {
+            static_assert(never<Body>,
+                          "a body returns a std::tuple with a value for each place in to()");
         }
     }
 
@@ -604,11 +625,11 @@ private:
     static void _put(firing& scope, Arc const& to, Result&& result) {
         if constexpr (std::is_convertible_v<Result&&, typename Arc::value>) {
             scope.put(to.end, std::forward<Result>(result));
-        } else {
-            static_assert(is_optional<std::decay_t<Result>>,
-                          "a body returns what the places in to() take");
+        } else if constexpr (is_optional<std::remove_cvref_t<Result>>) {
             if (result.has_value())
                 scope.put(to.end, *std::forward<Result>(result));
+        } else {
+            static_assert(never<Result>, "a body returns what the places in to() take");
         }
     }
 
@@ -625,7 +646,7 @@ void place<T>::send(T value) const {
 }
 
 template <class T>
-bool place<T>::try_send(T const& value) const {
+bool place<T>::try_send(T const& value) const requires std::is_copy_constructible_v<T> {
     return _record->owner->_net.try_send(_record->element, value);
 }
 
@@ -747,6 +768,7 @@ inline transition net::_insert(std::unique_ptr<detail::transition_record> insert
     record.element = _net.insert_transition(record, options.reentrant, options.time, options.space,
                                             options.group);
     for (detail::arc_record& arc : record.arcs) {
+        assure(arc.place->owner == this);
         if (arc.input)
             _net.insert_input_arc(arc.place->element,
                                   record.element->input(arc.reference).size(arc.weight));
