@@ -28,14 +28,14 @@ int main() {
     group.acquire();
     std::printf("the group:  %s\n", order.c_str());
 
-    // Two transitions that want the same tokens: the more urgent one has them all.
+    // Two transitions that want the same token: the more urgent one has it.
     int urgent = 0;
     int idle = 0;
     ovel::net net(1);
-    auto const turns = net.insert_place<int>("turns", 8);
-    net.insert_transition("idle", from(turns), [&](int) { ++idle; }, {.time = 1.0});
-    net.insert_transition("urgent", from(turns), [&](int) { ++urgent; }, {.time = 2.0});
-    turns.send(1);
+    auto const turn = net.insert_place<int>("turn", 1);
+    net.insert_transition("idle", from(turn), [&](int) { ++idle; }, {.time = 1.0});
+    net.insert_transition("urgent", from(turn), [&](int) { ++urgent; }, {.time = 2.0});
+    turn.send(1);
     net.start();
     net.join();
     std::printf("the net:    urgent %d, idle %d\n", urgent, idle);

@@ -29,7 +29,8 @@ where it did.
   --trace FILE    write the firings of each thread for a trace viewer such as
                   Perfetto; of a long run the first million of each
   --report FILE   write a page for a browser: the net with its marking, firings of
-                  threads and tokens of places over time; needs Graphviz's dot
+                  threads and tokens of places over time, of a long run as far
+                  as --trace; needs Graphviz's dot
   --explain       say for each transition which tokens or slots it lacks in the end
   --check         run nothing: print which sums of tokens stay the same whatever
                   fires, the most tokens that places hold by that, and warn where
