@@ -174,13 +174,23 @@ def plot(group, rows, file):
         medians = [each.median * factor for each in contestants]
         spread = [[median - min(each.samples) * factor for each, median in zip(contestants, medians)],
                   [max(each.samples) * factor - median for each, median in zip(contestants, medians)]]
-        colours = ["#1b6ca8" if each.ours else "#b9b9b9" if each.floor else "#d9a45b" for each in contestants]
-        axis.barh([each.name for each in contestants], medians, color=colours,
-                  xerr=spread, error_kw={"linewidth": 0.8, "capsize": 2})
+        colours = ["#b9b9b9" if each.floor or "bound" in each.name else "#1b6ca8" if each.ours else "#d9a45b"
+                   for each in contestants]
+        bars = axis.barh([each.name for each in contestants], medians, color=colours,
+                         xerr=spread, error_kw={"linewidth": 0.8, "capsize": 2})
+        axis.bar_label(bars, [digits(median) for median in medians], padding=4, fontsize=7)
+        # Where the least would not be seen beside the most.
+        logarithmic = min(medians) > 0 and max(medians) > 30 * min(medians)
+        if logarithmic:
+            axis.set_xscale("log")
+        for each, median in zip(contestants, medians):
+            if each.floor:
+                axis.axvline(median, color="#808080", linewidth=0.8, linestyle="--")
+        axis.margins(x=0.16)
         axis.invert_yaxis()
         better = "more" if contestants[0].more_is_better else "less"
         axis.set_title(row.replace("_", " "), fontsize=9)
-        axis.set_xlabel(f"{unit}, {better} is better", fontsize=8)
+        axis.set_xlabel(f"{unit}, {better} is better{', logarithmic' if logarithmic else ''}", fontsize=8)
         axis.tick_params(labelsize=8)
     figure_.suptitle(group, fontsize=11)
     figure_.savefig(file, metadata={"Date": None})
