@@ -58,6 +58,7 @@ void ovel_benchmark::register_rows() {
     read_alone("one_clock", "ovel", [] { return ovel::time::now().value(); });
     read_alone("one_clock", "clock_gettime", system_clock);
     read_alone("one_clock", "std::steady_clock", steady_clock);
+    contestant("one_clock", "ovel's bound: a line each way", two_lines_round_trip);
     contestant("one_clock", "floor", line_round_trip);
 
     read_by_two("one_clock_two_threads", "ovel", [] { return ovel::time::now().value(); });

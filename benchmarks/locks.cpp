@@ -4,17 +4,15 @@
 // All contestants put a thread to sleep that waits for long: what only spins is no
 // lock to choose when there may be more threads than processors.
 #include "ovel_benchmark.h"
+#include "ovel_benchmark_semaphores.h"
 #include "ovel_mutex.h"
-#include "ovel_semaphore.h"
 
 #include <pthread.h>
-#include <semaphore.h>
 
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <semaphore>
 #include <thread>
 #include <vector>
 
@@ -31,6 +29,10 @@
 namespace {
 
 using ovel_benchmark::placement;
+using ovel_benchmark::plain_semaphore;
+using ovel_benchmark::posix_semaphore;
+using ovel_benchmark::standard_semaphore;
+using ovel_benchmark::timed_semaphore;
 
 // Locks with `acquire` and `release`, whatever their own names for that are.
 
@@ -99,42 +101,6 @@ struct nsync_mutex {
 };
 #endif
 
-// Semaphores of count 1.
-
-struct ovel_semaphore : ovel::semaphore {
-    ovel_semaphore() : semaphore(1, ovel::default_spin) {}
-};
-
-struct ovel_timed_semaphore : ovel::timed_semaphore {
-    ovel_timed_semaphore() : timed_semaphore(1, 0) {}
-};
-
-struct standard_semaphore : std::counting_semaphore<> {
-    standard_semaphore() : counting_semaphore(1) {}
-};
-
-class posix_semaphore {
-public:
-    posix_semaphore() {
-        sem_init(&_semaphore, 0, 1);
-    }
-    ~posix_semaphore() {
-        sem_destroy(&_semaphore);
-    }
-    posix_semaphore(posix_semaphore const&) = delete;
-    posix_semaphore& operator=(posix_semaphore const&) = delete;
-
-    void acquire() {
-        sem_wait(&_semaphore);
-    }
-    void release() {
-        sem_post(&_semaphore);
-    }
-
-private:
-    sem_t _semaphore;
-};
-
 // A lock in lines of its own, and on the heap: what its address is derived from
 // must not help the compiler.
 template <class Lock>
@@ -161,6 +127,20 @@ void pair(std::string const& row, std::string const& name) {
         ovel_benchmark::pin const bound(1);
         auto const held = std::make_unique<lonely<Lock>>();
         take_over_and_over(held->lock, state);
+    });
+}
+
+// Beside a thread that sleeps: where a process has one only, glibc's mutexes take no
+// locked instruction.
+template <class Lock>
+void pair_beside_a_thread(std::string const& row, std::string const& name) {
+    ovel_benchmark::contestant(row, name, [](benchmark::State& state) {
+        ovel_benchmark::pin const bound(1);
+        auto const held = std::make_unique<lonely<Lock>>();
+        posix_semaphore<0> end;
+        std::jthread const other([&] { end.acquire(); });
+        take_over_and_over(held->lock, state);
+        end.release();
     });
 }
 
@@ -285,6 +265,7 @@ void with_each_lock(Use const& use) {
 void ovel_benchmark::register_rows() {
     with_each_lock([]<class Lock>(char const* name) { pair<Lock>("uncontended_pair", name); });
     pair<ovel::recursive_mutex>("uncontended_pair", "ovel recursive");
+    pair_beside_a_thread<standard<std::mutex>>("uncontended_pair", "std::mutex beside a thread");
     contestant("uncontended_pair", "floor", two_locked_additions);
 
     reenter<ovel::recursive_mutex>("reentry", "ovel");
@@ -292,10 +273,10 @@ void ovel_benchmark::register_rows() {
     reenter<standard<std::recursive_mutex>>("reentry", "std::recursive_mutex");
     reenter<posix_recursive_mutex>("reentry", "pthread_mutex");
 
-    pair<ovel_semaphore>("semaphore_pair", "ovel");
-    pair<ovel_timed_semaphore>("semaphore_pair", "ovel timed");
-    pair<standard_semaphore>("semaphore_pair", "std::counting_semaphore");
-    pair<posix_semaphore>("semaphore_pair", "sem_t");
+    pair<plain_semaphore<1>>("semaphore_pair", "ovel");
+    pair<timed_semaphore<1>>("semaphore_pair", "ovel timed");
+    pair<standard_semaphore<1>>("semaphore_pair", "std::counting_semaphore");
+    pair<posix_semaphore<1>>("semaphore_pair", "sem_t");
     contestant("semaphore_pair", "floor", two_locked_additions);
 
     for (contest const& how : contests) {

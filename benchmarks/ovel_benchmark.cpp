@@ -31,6 +31,43 @@ std::vector<int> const& processors() {
     return all;
 }
 
+// In the widest registers that the processor has: narrower ones are slower than a cache.
+[[gnu::target_clones("avx512f", "avx2", "default")]] std::uint64_t sum_of(
+    std::uint64_t const* words, std::size_t count) {
+    std::uint64_t sum = 0;
+    for (std::size_t i = 0; i < count; ++i)
+        sum += words[i];
+    return sum;
+}
+
+// Asks with an odd number in `question`, which a thread on the other processor answers
+// with the next in `answer`, over and over.
+void converse(benchmark::State& state, std::atomic<std::uint64_t>& question,
+              std::atomic<std::uint64_t>& answer) {
+    constexpr std::uint64_t over = ~std::uint64_t(0);
+    std::jthread const other([&] {
+        pin const bound(1);
+        std::uint64_t answered = 0;
+        for (std::uint64_t seen = 0; seen != over; seen = question.load()) {
+            if (seen % 2 != 0 && seen != answered) {
+                answered = seen;
+                answer.store(seen + 1, std::memory_order_release);
+            } else {
+                _mm_pause();
+            }
+        }
+    });
+    pin const bound(0);
+    std::uint64_t next = 0;
+    for (auto _ : state) {
+        question.store(next + 1, std::memory_order_release);
+        next += 2;
+        while (answer.load(std::memory_order_acquire) != next)
+            _mm_pause();
+    }
+    question.store(over);
+}
+
 }  // namespace
 
 std::string process_contestant() {
@@ -55,26 +92,13 @@ pin::~pin() {
 }
 
 void line_round_trip(benchmark::State& state) {
-    constexpr std::uint64_t over = ~std::uint64_t(0);
-    lonely_word turn;  // even: ours; odd: the other's
-    std::jthread const other([&] {
-        pin const bound(1);
-        for (std::uint64_t seen = 0; seen != over; seen = turn.value.load()) {
-            if (seen % 2 != 0)
-                turn.value.store(seen + 1, std::memory_order_release);
-            else
-                _mm_pause();
-        }
-    });
-    pin const bound(0);
-    std::uint64_t next = 0;
-    for (auto _ : state) {
-        turn.value.store(next + 1, std::memory_order_release);
-        next += 2;
-        while (turn.value.load(std::memory_order_acquire) != next)
-            _mm_pause();
-    }
-    turn.value.store(over);
+    lonely_word turn;  // odd: asked; even: answered
+    converse(state, turn.value, turn.value);
+}
+
+void two_lines_round_trip(benchmark::State& state) {
+    lonely_word question, answer;
+    converse(state, question.value, answer.value);
 }
 
 void two_locked_additions(benchmark::State& state) {
@@ -87,12 +111,8 @@ void two_locked_additions(benchmark::State& state) {
 
 void read_memory(benchmark::State& state, std::size_t size) {
     std::vector<std::uint64_t> const memory(size / sizeof(std::uint64_t), 1);
-    for (auto _ : state) {
-        std::uint64_t sum = 0;
-        for (std::uint64_t const each : memory)
-            sum += each;
-        benchmark::DoNotOptimize(sum);
-    }
+    for (auto _ : state)
+        benchmark::DoNotOptimize(sum_of(memory.data(), memory.size()));
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(size));
 }
 

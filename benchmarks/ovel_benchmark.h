@@ -122,6 +122,10 @@ double run_together(int members, placement where, Work const& work) {
 // thread and its answer take. An iteration is a round trip.
 void line_round_trip(benchmark::State& state);
 
+// The same with a line for the question and one for the answer, as two semaphores have
+// them: each is fetched by who writes it and by who reads it.
+void two_lines_round_trip(benchmark::State& state);
+
 // Two locked additions to a word that the core has, as any pair of taking and giving
 // back needs them. An iteration is both.
 void two_locked_additions(benchmark::State& state);

@@ -1,12 +1,11 @@
 // The group waking: how soon a thread that waits goes on after it was told to.
 #include "ovel_barrier.h"
 #include "ovel_benchmark.h"
+#include "ovel_benchmark_semaphores.h"
 #include "ovel_condition.h"
 #include "ovel_mutex.h"
-#include "ovel_semaphore.h"
 
 #include <pthread.h>
-#include <semaphore.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -15,7 +14,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
-#include <semaphore>
 #include <thread>
 #include <vector>
 
@@ -29,6 +27,10 @@
 namespace {
 
 using ovel_benchmark::placement;
+using ovel_benchmark::plain_semaphore;
+using ovel_benchmark::posix_semaphore;
+using ovel_benchmark::standard_semaphore;
+using ovel_benchmark::timed_semaphore;
 using clock_type = std::chrono::steady_clock;
 
 double seconds_between(clock_type::time_point from, clock_type::time_point to) {
@@ -161,46 +163,7 @@ private:
 };
 #endif
 
-// Semaphores that start with no unit.
-
-struct ovel_semaphore : ovel::semaphore {
-    ovel_semaphore() : semaphore(0, ovel::default_spin) {}
-};
-
-struct ovel_sleeping_semaphore : ovel::semaphore {
-    ovel_sleeping_semaphore() : semaphore(0, 0) {}
-};
-
-struct ovel_timed_semaphore : ovel::timed_semaphore {
-    ovel_timed_semaphore() : timed_semaphore(0, 0) {}
-};
-
-struct standard_semaphore : std::counting_semaphore<> {
-    standard_semaphore() : counting_semaphore(0) {}
-};
-
-class posix_semaphore {
-public:
-    posix_semaphore() {
-        sem_init(&_semaphore, 0, 0);
-    }
-    ~posix_semaphore() {
-        sem_destroy(&_semaphore);
-    }
-    posix_semaphore(posix_semaphore const&) = delete;
-    posix_semaphore& operator=(posix_semaphore const&) = delete;
-
-    void acquire() {
-        sem_wait(&_semaphore);
-    }
-    void release() {
-        sem_post(&_semaphore);
-    }
-
-private:
-    sem_t _semaphore;
-};
-
+// A semaphore of the system, as an open file.
 class event_descriptor {
 public:
     event_descriptor() = default;
@@ -259,14 +222,14 @@ void with_each_condition(Use const& use) {
 // The same for every semaphore, and every condition as one.
 template <class Use>
 void with_each_semaphore(Use const& use) {
-    use.template operator()<ovel_semaphore>("ovel");
-    use.template operator()<ovel_sleeping_semaphore>("ovel spin 0");
-    use.template operator()<ovel_timed_semaphore>("ovel timed");
+    use.template operator()<plain_semaphore<0>>("ovel");
+    use.template operator()<plain_semaphore<0, 0>>("ovel spin 0");
+    use.template operator()<timed_semaphore<0>>("ovel timed");
     with_each_condition([&]<class Condition>(char const* name) {
         use.template operator()<semaphore_of<Condition>>(name);
     });
-    use.template operator()<standard_semaphore>("std::counting_semaphore");
-    use.template operator()<posix_semaphore>("sem_t");
+    use.template operator()<standard_semaphore<0>>("std::counting_semaphore");
+    use.template operator()<posix_semaphore<0>>("sem_t");
     use.template operator()<event_descriptor>("eventfd");
 }
 
@@ -372,8 +335,8 @@ void wake(std::string const& row, std::string const& name, int sleepers, bool ag
         bool over = false;   // and this
         std::atomic<int> awake = 0;
         clock_type::time_point end;
-        posix_semaphore all_awake;
-        posix_semaphore may_wait;
+        posix_semaphore<0> all_awake;
+        posix_semaphore<0> may_wait;
         std::vector<std::jthread> threads;
         for (int sleeper = 0; sleeper < sleepers; ++sleeper) {
             threads.emplace_back([&] {
@@ -534,7 +497,7 @@ void three_wakings(benchmark::State& state) {
     constexpr int rounds = 500;
     double seconds = 0;
     for (auto _ : state) {
-        posix_semaphore token[threads];
+        posix_semaphore<0> token[threads];
         token[0].release();
         double const taken =
             ovel_benchmark::run_together(threads, placement::anywhere, [&](int member) {
@@ -567,6 +530,7 @@ void with_each_barrier(Use const& use) {
 void ovel_benchmark::register_rows() {
     with_each_semaphore(
         []<class Semaphore>(char const* name) { round_trip<Semaphore>("round_trip", name, 1); });
+    contestant("round_trip", "ovel's bound: a line each way", two_lines_round_trip);
     contestant("round_trip", "floor", line_round_trip);
     with_each_semaphore([]<class Semaphore>(char const* name) {
         round_trip_after_a_pause<Semaphore>("round_trip_after_200_us", name);
