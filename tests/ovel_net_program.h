@@ -2,10 +2,9 @@
 #ifndef OVEL_NET_PROGRAM_H
 #define OVEL_NET_PROGRAM_H
 
-#include "ovel_json.h"
-
 #include <gtest/gtest.h>
 #include <sys/wait.h>
+#include <nlohmann/json.hpp>
 
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +14,7 @@
 #include <vector>
 
 namespace fs = std::filesystem;
+using json = nlohmann::json;
 
 inline std::string content(fs::path const& file) {
     std::ifstream in(file, std::ios::binary);

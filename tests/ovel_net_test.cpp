@@ -13,9 +13,9 @@ using counts = std::map<std::string, std::uint64_t>;
 // One number of each place or transition, by id; the zeros only where `all` is set.
 counts column(json const& nodes, char const* name, bool all = false) {
     counts numbers;
-    for (json const& node : nodes.items)
-        if (all || node[name].number() != 0)
-            numbers[node["id"].text] = node[name].number();
+    for (json const& node : nodes)
+        if (all || node[name].get<double>() != 0)
+            numbers[node["id"]] = node[name].get<double>();
     return numbers;
 }
 
@@ -58,8 +58,8 @@ TEST_F(ovel_net_test, tokens_are_conserved_as_the_arcs_say_and_each_net_ends_as_
             std::uint64_t sum = 0;
             for (auto const& [id, fired] : column(result["transitions"], "firings"))
                 sum += fired;
-            EXPECT_EQ(result["firings"].number(), sum);
-            EXPECT_EQ(result["outcome"].text, outcome);
+            EXPECT_EQ(result["firings"], sum);
+            EXPECT_EQ(result["outcome"], outcome);
             return result;
         };
 
@@ -72,20 +72,20 @@ TEST_F(ovel_net_test, tokens_are_conserved_as_the_arcs_say_and_each_net_ends_as_
 
         ends("bounded_buffer.pnml", "dead");
         json const bicycles = ends("bicycles.pnml", "dead");
-        EXPECT_EQ(bicycles["net"]["arcs"].number(), 17U) << "the two from the wheels are one";
-        EXPECT_EQ(bicycles["threads"].text, options.substr(10, 1));
-        EXPECT_EQ(bicycles["firings"].number(), 79U);
+        EXPECT_EQ(bicycles["net"]["arcs"], 17U) << "the two from the wheels are one";
+        EXPECT_EQ(bicycles["threads"].dump(), options.substr(10, 1));
+        EXPECT_EQ(bicycles["firings"], 79U);
         EXPECT_EQ(column(bicycles["places"], "capacity").at("spokes"), 2 * (1200U + 32U));
 
         // Firings still under way when the limit was reached don't count.
-        EXPECT_EQ(ends("readers_writers.pnml", "stopped")["firings"].number(), 2000U);
+        EXPECT_EQ(ends("readers_writers.pnml", "stopped")["firings"], 2000U);
     }
 }
 
 TEST_F(ovel_net_test, a_net_rests_full_when_only_room_is_missing) {
     json const buffer = run_json(own("bounded_buffer.pnml") + " --capacity 100");
-    EXPECT_EQ(buffer["outcome"].text, "full");
-    EXPECT_EQ(buffer["firings"].number(), 416U);
+    EXPECT_EQ(buffer["outcome"], "full");
+    EXPECT_EQ(buffer["firings"], 416U);
 
     // A transition that takes nothing fires as long as there is room.
     write_net(R"(<place id="heap"/><transition id="source"/>
@@ -109,20 +109,20 @@ TEST_F(ovel_net_test, a_time_limit_drops_the_firings_that_have_not_begun) {
             std::regex("#"), std::to_string(i));
     write_net(elements);
     json const result = run_json("net.pnml --threads 1 --work 10000000 --seconds 0.2");
-    EXPECT_EQ(result["outcome"].text, "stopped");
-    EXPECT_GE(std::stod(result["seconds"].text), 0.2);
-    EXPECT_LT(std::stod(result["seconds"].text), 5) << "the work of the first is cut short";
-    EXPECT_LT(result["firings"].number(), 100U);
-    EXPECT_EQ(column(result["places"], "final").at("done"), result["firings"].number());
-    EXPECT_EQ(column(result["places"], "final").size(), 101 - result["firings"].number());
+    EXPECT_EQ(result["outcome"], "stopped");
+    EXPECT_GE(result["seconds"].get<double>(), 0.2);
+    EXPECT_LT(result["seconds"].get<double>(), 5) << "the work of the first is cut short";
+    EXPECT_LT(result["firings"].get<double>(), 100U);
+    EXPECT_EQ(column(result["places"], "final").at("done"), result["firings"].get<double>());
+    EXPECT_EQ(column(result["places"], "final").size(), 101 - result["firings"].get<double>());
 }
 
 TEST_F(ovel_net_test, a_sequential_transition_does_one_piece_of_work_after_the_other) {
     write_net(R"(<place id="p"><initialMarking><text>20</text></initialMarking></place>
 <transition id="t"/><arc id="a" source="p" target="t"/>)");
     json const result = run_json("net.pnml --threads 4 --sequential --work 10000");
-    EXPECT_EQ(result["firings"].number(), 20U);
-    EXPECT_GE(std::stod(result["seconds"].text), 0.2);
+    EXPECT_EQ(result["firings"], 20U);
+    EXPECT_GE(result["seconds"].get<double>(), 0.2);
 }
 
 TEST_F(ovel_net_test, nets_are_read_across_pages_references_prefixes_and_encodings) {
@@ -162,9 +162,9 @@ TEST_F(ovel_net_test, nets_are_read_across_pages_references_prefixes_and_encodin
         "ovel-net: net.pnml:26: warning: only the first net of the document is read\n"
         "ovel-net: net.pnml:23: warning: transition \"idle one\" has no arcs and is left out\n");
     json const result = json::parse(out);
-    EXPECT_EQ(result["net"]["name"].text, "n");
-    EXPECT_EQ(result["net"]["arcs"].number(), 2U) << "1 and 2 join the same pair";
-    EXPECT_EQ(result["places"].items[0]["name"].text, "\"caf\xc3\xa9\" \\ & <bar >");
+    EXPECT_EQ(result["net"]["name"], "n");
+    EXPECT_EQ(result["net"]["arcs"], 2U) << "1 and 2 join the same pair";
+    EXPECT_EQ(result["places"][0]["name"], "\"caf\xc3\xa9\" \\ & <bar >");
     EXPECT_EQ(column(result["transitions"], "firings", true), (counts{{"t", 2}}));
     EXPECT_EQ(column(result["places"], "final"), (counts{{"a", 1}, {"b", 2}}));
 
@@ -314,7 +314,7 @@ TEST_F(ovel_net_test, the_generator_prints_philosophers_in_any_number) {
     ASSERT_EQ(generate("5"), 0);
     EXPECT_EQ(read("copy"), content(fs::path(OVEL_NETS) / "philosophers.pnml"));
     ASSERT_EQ(generate("12"), 0);
-    EXPECT_EQ(run_json("copy --firings 3")["net"]["places"].number(), 60U);
+    EXPECT_EQ(run_json("copy --firings 3")["net"]["places"], 60U);
     EXPECT_NE(generate("one"), 0);
 }
 

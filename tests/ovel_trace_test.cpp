@@ -1,6 +1,7 @@
 #include "ovel_trace.h"
-#include "ovel_json.h"
 #include "ovel_test.h"
+
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -8,6 +9,7 @@
 #include <string>
 
 namespace trace = ovel::trace;
+using json = nlohmann::json;
 
 namespace {
 
@@ -41,27 +43,27 @@ TEST(trace_test, each_thread_keeps_its_scopes_in_order_while_others_read) {
     json const all = written(recorded);
     std::map<std::string, int> names;
     std::map<double, double> inner_begin;
-    for (json const& each : all["traceEvents"].items) {
-        ++names[each["name"].text];
-        ASSERT_EQ(each["pid"].number(), 1);
-        double const thread = each["tid"].number();
-        if (each["ph"].text == "M") {
-            EXPECT_EQ(each["args"]["name"].text, "worker");
+    for (json const& each : all["traceEvents"]) {
+        ++names[each["name"]];
+        ASSERT_EQ(each["pid"], 1);
+        double const thread = each["tid"].get<double>();
+        if (each["ph"] == "M") {
+            EXPECT_EQ(each["args"]["name"], "worker");
             continue;
         }
-        ASSERT_EQ(each["ph"].text, "X");
-        ASSERT_GE(each["dur"].number(), 0);
-        if (each["name"].text == "inner") {
-            ASSERT_EQ(each["cat"].text, "wait");
-            inner_begin[thread] = each["ts"].number();
+        ASSERT_EQ(each["ph"], "X");
+        ASSERT_GE(each["dur"], 0);
+        if (each["name"] == "inner") {
+            ASSERT_EQ(each["cat"], "wait");
+            inner_begin[thread] = each["ts"].get<double>();
         } else {
-            ASSERT_EQ(each["cat"].text, "firing");
-            ASSERT_LE(each["ts"].number(), inner_begin.at(thread));
+            ASSERT_EQ(each["cat"], "firing");
+            ASSERT_LE(each["ts"], inner_begin.at(thread));
         }
     }
     EXPECT_EQ(names, (std::map<std::string, int>{{"thread_name", threads},
                                                  {"inner", threads * scopes},
-                                                 {"outer \"\\\\u000a", threads * scopes}}));
+                                                 {"outer \"\\\n", threads * scopes}}));
     EXPECT_EQ(recorded.dropped(), 0U);
 }
 
