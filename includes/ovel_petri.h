@@ -10,6 +10,9 @@
 //     results.receive();  // 42
 //     pipeline.join();    // stops it once it has come to rest
 //
+// A `trace::recorder` of `ovel_trace.h` records its firings, by the names of the
+// transitions, and the waits at its places.
+//
 // A `net` is a `petri_net` and what it takes to keep its contract; `ovel_petri_net.h`
 // says how a net fires. The header stands beside the library, and `ovel.h` does not
 // include it, since it draws much of the standard library in.
@@ -26,6 +29,7 @@
 #include "ovel_thread_function.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
+#include "ovel_trace.h"
 #include "ovel_triple.h"
 
 #include <array>
@@ -73,7 +77,7 @@ place_arc<T, true> arc_of(place_arc<T, true> const& end) {
 // A place of a net, with its name.
 struct place_record {
     net* const owner;
-    std::string const name;
+    trace::shared_name const name;
     petri_place* const element;
     // Threads that are about to block in the place's operations, or do.
     atomic<unsigned int> receivers{0};
@@ -157,7 +161,7 @@ public:
     transition_record& operator=(transition_record const&) = delete;
 
     net& owner;
-    std::string const name;
+    trace::shared_name const name;
     std::vector<arc_record> arcs;  // complete before the net learns of them
     petri_transition* element = nullptr;
     bool active = true;  // as its user wants it; under the net's `_lock`
@@ -222,7 +226,7 @@ public:
     }
 
     std::string const& name() const {
-        return _record->name;
+        return _record->name.text();
     }
     unsigned int capacity() const {
         return _record->element->capacity();
@@ -253,7 +257,7 @@ public:
     void deactivate() const;
 
     std::string const& name() const {
-        return _record->name;
+        return _record->name.text();
     }
     petri_transition* base() const {
         return _record->element;
@@ -319,16 +323,6 @@ private:
 
     detail::transition_record& _fired;
     unsigned int* const _left;
-};
-
-// Is told of each firing, on the thread that runs it: `begins` before the body and
-// `ends` after it, also when it throws. May be called by several threads at once;
-// exceptions end the process.
-class net_observer {
-public:
-    virtual ~net_observer() = default;
-    virtual void begins(transition fired) noexcept = 0;
-    virtual void ends(transition fired) noexcept = 0;
 };
 
 // How a transition is fired: see `petri_net::insert_transition`. Only a `reentrant`
@@ -414,12 +408,6 @@ public:
         return insert_transition(std::move(name), from(), std::move(to), std::move(body), options);
     }
 
-    // Has `observer` told of each firing from the next start on, null: nobody. It
-    // outlives that run.
-    void observe(net_observer* observer) {
-        _observer = observer;
-    }
-
     // Starts the net; what failed or halted it before is forgotten. Throws
     // std::bad_alloc, having started nothing.
     void start();
@@ -478,7 +466,7 @@ private:
         std::string const* name = nullptr;
         for (auto const& record : records)
             if (record->element == element)
-                name = &record->name;
+                name = &record->name.text();
         assure(name != 0);
         return *name;
     }
@@ -502,7 +490,6 @@ private:
     detail::atomic<bool> _halted{false};  // set under _lock
     bool _waker_running = false;          // under _lock; reset by the owner
     bool _running = false;                // owner only
-    net_observer* _observer = nullptr;    // changes while the net is stopped only
     waker _waker{*this};
     thread _waker_thread;
     std::vector<std::unique_ptr<detail::place_record>> _places;
@@ -732,22 +719,18 @@ inline void detail::transition_record::_fire(unsigned int* left) {
     // Relaxed: a firing that has been reserved may run or not.
     if (owner._halted.load(std::memory_order_relaxed))
         return;
-    net_observer* const observer = owner._observer;
-    if (observer != nullptr)
-        observer->begins(ovel::transition(this));
+    trace::scope const here(name, trace::firing);
     try {
         _run(scope);
     } catch (...) {
         owner.fail(std::current_exception());
     }
-    if (observer != nullptr)
-        observer->ends(ovel::transition(this));
 }
 
 template <class T>
 ovel::place<T> net::insert_place(std::string name, unsigned int capacity) {
-    std::unique_ptr<detail::place_record> inserted(
-        new detail::place_record{this, std::move(name), _net.insert_place(capacity)});
+    std::unique_ptr<detail::place_record> inserted(new detail::place_record{
+        this, trace::shared_name(std::move(name)), _net.insert_place(capacity)});
     _places.push_back(std::move(inserted));
     return ovel::place<T>(_places.back().get());
 }
@@ -857,6 +840,7 @@ inline void net::_rethrow() {
 inline void net::_send(detail::place_record& to, any const& token) {
     if (_net.try_send(to.element, token))
         return;
+    trace::scope const here(to.name, trace::wait);
     detail::waiting const counted(to.senders);
     if (_failed)
         _rethrow();
@@ -868,6 +852,7 @@ inline void net::_send(detail::place_record& to, any const& token) {
 inline void net::_receive(detail::place_record& from, any& token) {
     if (_try_receive(from, token))
         return;
+    trace::scope const here(from.name, trace::wait);
     detail::waiting const counted(from.receivers);
     if (_failed)
         _rethrow();

@@ -13,6 +13,9 @@
 //     }
 //     ...
 //     recorded.save("trace.json");  // open it in the viewer
+//
+// The nets of `ovel_petri.h` have such scopes by themselves: their firings by the names
+// of the transitions, and the waits of those who are blocked in a place by its name.
 #ifndef OVEL_TRACE_H
 #define OVEL_TRACE_H
 
@@ -24,10 +27,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace ovel::trace {
 
@@ -120,6 +125,12 @@ private:
     std::atomic<char const*> _name = nullptr;
 };
 
+// Nanoseconds as microseconds. In integers, since a decimal point is a matter of locale.
+inline std::string microseconds(std::int64_t nanoseconds) {
+    std::string const part = std::to_string(1000 + nanoseconds % 1000);
+    return std::to_string(nanoseconds / 1000) + '.' + part.substr(1);
+}
+
 // A name as a JSON string.
 inline std::string quoted(std::string_view name) {
     std::string text = "\"";
@@ -145,10 +156,32 @@ inline std::int64_t now() {
 
 }  // namespace detail
 
+// A name that a recorder shares when a scope has it, so that it need not last as long.
+// Any thread may use it.
+class shared_name {
+public:
+    explicit shared_name(std::string text)
+        : _text(std::make_shared<std::string const>(std::move(text))) {}
+
+    std::string const& text() const {
+        return *_text;
+    }
+
+private:
+    friend class recorder;
+
+    std::shared_ptr<std::string const> const _text;
+    // The identity of the recorder that shares it. Relaxed: it only spares a recorder
+    // from sharing it again.
+    std::atomic<std::uint64_t> mutable _sharer = 0;
+};
+
 // Records the scopes of all threads from its construction until `stop`. One at a
 // time records in a process, on Windows in a module: constructing another before
 // that has stopped fails the check "_active == 0". It keeps 32 bytes for each scope
-// that ended, and outlives the scopes that began while it recorded.
+// that ended, in pieces of 32 kB for each thread, also of threads that have ended.
+// It outlives the scopes that began while it recorded: whoever destroys it knows that
+// no other thread begins one, or has called `stop` and waited for those that may have.
 class recorder {
 public:
     // Keeps at most `most` scopes of each thread, its first; counts the others.
@@ -197,15 +230,12 @@ public:
             sink(std::string_view(separator + text));
             separator = ",\n";
         };
-        char text[160];
         auto const put_event = [&](unsigned int thread, event const& each) {
             constexpr char const* kinds[] = {"work", "firing", "wait"};
-            std::snprintf(text, sizeof text,
-                          ",\"cat\":\"%s\",\"ph\":\"X\",\"ts\":%.3f,\"dur\":%.3f,\"pid\":1,"
-                          "\"tid\":%u}",
-                          kinds[each.what], static_cast<double>(each.begin - _start) / 1000,
-                          static_cast<double>(each.end - each.begin) / 1000, thread);
-            put("{\"name\":" + detail::quoted(each.name) + text);
+            put("{\"name\":" + detail::quoted(each.name) + ",\"cat\":\"" + kinds[each.what] +
+                "\",\"ph\":\"X\",\"ts\":" + detail::microseconds(each.begin - _start) +
+                ",\"dur\":" + detail::microseconds(each.end - each.begin) +
+                ",\"pid\":1,\"tid\":" + std::to_string(thread) + '}');
         };
         _each_buffer([&](detail::buffer const& from) {
             std::string const number = std::to_string(from.number());
@@ -239,14 +269,40 @@ private:
         recorder* const active = _active.load(std::memory_order_acquire);
         if (active == nullptr)
             return nullptr;
+        return active->_own_buffer();
+    }
+    // The same for a scope that has this name.
+    static detail::buffer* _buffer(shared_name const& name) {
+        recorder* const active = _active.load(std::memory_order_acquire);
+        return active != nullptr && active->_share(name) ? active->_own_buffer() : nullptr;
+    }
+
+    detail::buffer* _own_buffer() {
         // The address of a recorder that is gone may come back, its identity not.
         thread_local std::uint64_t known = 0;
         thread_local detail::buffer* own = nullptr;
-        if (known != active->_identity) {
-            own = active->_add_buffer();
-            known = own != nullptr ? active->_identity : 0;
+        if (known != _identity) {
+            own = _add_buffer();
+            known = own != nullptr ? _identity : 0;
         }
         return own;
+    }
+
+    // Sees to it that the name lasts; false without the memory for that.
+    bool _share(shared_name const& name) {
+        if (name._sharer.load(std::memory_order_relaxed) == _identity)
+            return true;
+        bool shared = true;
+        _lock.acquire();
+        try {
+            _names.push_back(name._text);
+            name._sharer.store(_identity, std::memory_order_relaxed);
+        } catch (std::bad_alloc const&) {
+            _lost.fetch_add(1, std::memory_order_relaxed);
+            shared = false;
+        }
+        _lock.release();
+        return shared;
     }
 
     detail::buffer* _add_buffer() {
@@ -282,21 +338,20 @@ private:
     std::int64_t const _start = detail::now();
     std::uint64_t const _identity = ++_identities;
     mutable mutex _lock;
-    detail::buffer* _first = nullptr;  // under _lock
-    detail::buffer* _last = nullptr;   // under _lock
+    detail::buffer* _first = nullptr;                        // under _lock
+    detail::buffer* _last = nullptr;                         // under _lock
+    std::vector<std::shared_ptr<std::string const>> _names;  // under _lock
     std::atomic<std::uint64_t> _lost = 0;
 };
 
 // Records the time from its construction to its destruction, on one thread, if a
-// recorder records when it begins; otherwise costs one read. `name` is not copied
-// and stays valid as long as the recorder. Scopes of a thread nest.
+// recorder records when it begins; otherwise costs one read. A name that is not shared
+// is not copied and stays valid as long as the recorder. Scopes of a thread nest.
 class [[nodiscard]] scope {
 public:
-    explicit scope(char const* name, kind what = work)
-        : _buffer(recorder::_buffer()), _event{name, 0, 0, what} {
-        if (_buffer != nullptr)
-            _event.begin = detail::now();
-    }
+    explicit scope(char const* name, kind what = work) : scope(recorder::_buffer(), name, what) {}
+    explicit scope(shared_name const& name, kind what = work)
+        : scope(recorder::_buffer(name), name.text().c_str(), what) {}
     ~scope() {
         if (_buffer == nullptr)
             return;
@@ -307,11 +362,17 @@ public:
     scope& operator=(scope const&) = delete;
 
 private:
+    scope(detail::buffer* buffer, char const* name, kind what)
+        : _buffer(buffer), _event{name, 0, 0, what} {
+        if (_buffer != nullptr)
+            _event.begin = detail::now();
+    }
+
     detail::buffer* const _buffer;
     event _event;
 };
 
-// What viewers call the calling thread in what is recorded now; `name` as above.
+// What viewers call the calling thread in what is recorded now. `name` is not copied.
 inline void name_thread(char const* name) {
     if (detail::buffer* const own = recorder::_buffer())
         own->name(name);

@@ -2,6 +2,7 @@
 
 #include "ovel_std.h"
 #include "ovel_test.h"
+#include "ovel_trace.h"
 #include "ovel_work.h"
 
 #include <gtest/gtest.h>
@@ -218,35 +219,36 @@ TEST(petri_test, a_plain_net_that_never_rests_is_stopped_by_its_deadline) {
     EXPECT_TRUE(stop(tested, 1h));
 }
 
-// Each firing is told of on the thread that runs it, by the name of its transition.
-TEST(petri_test, an_observer_is_told_of_each_firing_with_its_name) {
-    struct log : ovel::net_observer {
-        void begins(ovel::transition fired) noexcept override {
-            std::lock_guard const hold(lock);
-            lines += fired.name() + '(';
-        }
-        void ends(ovel::transition fired) noexcept override {
-            std::lock_guard const hold(lock);
-            lines += ')' + fired.name();
-        }
-        ovel::lockable<ovel::mutex> lock;
-        std::string lines;
-    } log;
-    net tested(1);
-    auto const ready = tested.insert_place<int>("ready", 1);
-    auto const first = tested.insert_transition("produce", to(ready), [&, made = 0]() mutable {
-        if (++made == 2)
-            throw made;
-        return made;
+// The recorder lives longer than the names, and the memory of those is used again.
+TEST(petri_test, a_trace_has_the_firings_and_waits_of_a_net_that_is_gone) {
+    ovel::trace::recorder recorded;
+    {
+        net tested(1);
+        auto const ready = tested.insert_place<int>("tokens that are ready", 1);
+        auto const first =
+            tested.insert_transition("produce what is consumed", to(ready), [made = 0]() mutable {
+                if (++made == 2)
+                    throw made;
+                return made;
+            });
+        auto const last =
+            tested.insert_transition("consume what was produced", from(ready), [](int) {});
+        tested.start();
+        EXPECT_THROW(tested.join(), int);
+        EXPECT_THROW(ready.receive(), int);
+        EXPECT_EQ(tested.name(first.base()), "produce what is consumed");
+        EXPECT_EQ(tested.name(last.base()), "consume what was produced");
+        EXPECT_EQ(tested.name(ready.base()), "tokens that are ready");
+    }
+    std::vector<std::string> const others(100, std::string(24, '?'));
+    std::string names;
+    recorded.each([&](unsigned int, ovel::trace::event const& each) {
+        names += each.name;
+        names += each.what == ovel::trace::firing ? "; " : "...";
     });
-    auto const last = tested.insert_transition("consume", from(ready), [](int) {});
-    tested.observe(&log);
-    tested.start();
-    EXPECT_THROW(tested.join(), int);
-    EXPECT_EQ(log.lines, "produce()produceconsume()consumeproduce()produce");
-    EXPECT_EQ(tested.name(first.base()), "produce");
-    EXPECT_EQ(tested.name(last.base()), "consume");
-    EXPECT_EQ(tested.name(ready.base()), "ready");
+    EXPECT_EQ(names,
+              "produce what is consumed; consume what was produced; produce what is consumed; "
+              "tokens that are ready...");
 }
 
 }  // namespace
