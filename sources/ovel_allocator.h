@@ -154,6 +154,8 @@ struct remote {
 // Threads. The owner works on rings, chunks and counters with no lock and no
 // locked instruction. Blocks that other threads free wait in those threads'
 // `_remote` and arrive as chains in `_pending`; the owner puts them back later.
+// Until they are handed over, what waits to go home is used before more memory is
+// taken: such a block stays its owner's, and counts as in use there, throughout.
 // While the allocator is deactivated its owner stays away, and whoever hands a
 // chain over puts the blocks back at once, under `_lock`. The same goes for
 // `_remote`, which holds what the owner kept when it deactivated. The global
@@ -229,6 +231,7 @@ private:
     bool _has_surplus() const;
     void _find_surplus();
     void _take_block(detail::block& taken, detail::chunk& home);
+    detail::block* _take_waiting(std::size_t k);
     detail::block* _take_ready(std::size_t k);
     detail::block* _allocate_from_new(std::size_t k);
     void _put_back(detail::block& freed, detail::chunk& home);
@@ -317,13 +320,26 @@ inline void allocator::_take_block(detail::block& taken, detail::chunk& home) {
     detail::add(_size, block_size);
 }
 
-// A block of class `k` if a chunk of it has one free, else null.
+// The block that was filed last in the first entry, if it is of class `k`, else null.
+// It stays its owner's, whose `_size` has counted it all along. The last one of an
+// entry stays: so none becomes empty by this, and its tail remains its tail.
+inline detail::block* allocator::_take_waiting(std::size_t k) {
+    detail::remote& entry = _remote[0];
+    detail::block* const taken = entry.head;
+    if (taken == entry.tail || taken->_chunk->_constant_size != detail::block_sizes[k])
+        return nullptr;
+    entry.head = taken->_next;
+    entry.size -= detail::block_sizes[k];
+    return taken;
+}
+
+// A block of class `k` if a chunk of it has one free, or another's waits, else null.
 inline detail::block* allocator::_take_ready(std::size_t k) {
     // In an empty ring that is the sentinel, which never has a free block.
     detail::chunk& home = *_partial[k]._next;
     detail::block* const taken = home._free;
     if (taken == nullptr)
-        return nullptr;
+        return _take_waiting(k);
     detail::block* const next = taken->_next;
     _take_block(*taken, home);
     if (next == nullptr) [[unlikely]]

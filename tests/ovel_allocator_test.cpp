@@ -207,6 +207,33 @@ TEST(remote_free_test, blocks_reach_an_activated_owner_in_batches_and_wait_for_i
     EXPECT_EQ(inspector::pending_size(owner.own()), 0u);
 }
 
+TEST(remote_free_test, what_waits_serves_its_class_again_but_for_the_last_before_new_memory) {
+    actor owner, user;
+    std::vector<void*> memory = owner.allocate(request_of(largest), 3);
+    auto const& entry = (user.own().*inspector::remotes)[0];
+    std::size_t const own = inspector::size(user.own());
+    for (void* each : memory)
+        user.deallocate(each);
+    user.deallocate(user.allocate(request_of(largest - 1)));  // of another class: none waits
+    EXPECT_EQ(entry.size, 3 * 4096u);
+    EXPECT_EQ(user.allocate(request_of(largest)), memory[2]);
+    EXPECT_EQ(user.allocate(request_of(largest)), memory[1]);
+    EXPECT_EQ(inspector::size(user.own()), own);
+    void* const fresh = user.allocate(request_of(largest));
+    EXPECT_NE(fresh, memory[0]);
+    user.deallocate(fresh);
+    EXPECT_EQ(entry.size, 4096u);
+
+    // They are their owner's all along, and go home all the same.
+    EXPECT_EQ(inspector::size(owner.own()), 3 * 4096u);
+    user.deallocate(memory[1]);
+    user.deallocate(memory[2]);
+    user.use().flush_allocator(false);
+    EXPECT_EQ(inspector::pending_size(owner.own()), 3 * 4096u);
+    owner.use().flush_allocator(false);
+    EXPECT_EQ(inspector::size(owner.own()), 0u);
+}
+
 TEST(remote_free_test, a_fifth_owner_sends_the_first_four_home) {
     actor owners[5], freer;
     void* memory[5];

@@ -118,11 +118,14 @@ private:
         std::size_t waiting = 0;
         for (remote const& entry : each._remote) {
             std::size_t bytes = 0;
+            block* last = nullptr;
             for (block* one = entry.head; one != nullptr; one = one->_next) {
                 assure(one->_chunk->_allocator == entry.owner);
                 bytes += one->_chunk->_block_size;
+                last = one;
             }
-            assure(entry.size == bytes);
+            assure(entry.size == bytes && entry.tail == last);
+            assure((entry.owner == nullptr) == (last == nullptr));
             waiting += bytes;
         }
         if (each._parent == nullptr) {

@@ -104,6 +104,41 @@ registration const exchanges({
     .variants = 2,
 });
 
+// Threads replace the same blocks over and over, so that those of others which wait
+// to go home are at hand when their own have run out; some hand them over in between.
+registration const replacements({
+    .name = "allocator_blocks_serve_again_on_their_way_home",
+    .run =
+        [](unsigned int variant) {
+            accounts books(variant);
+            detail::atomic<marked*> places[40] = {};
+            auto const body = [&](unsigned int plan) {
+                owned_allocator const own;
+                for (unsigned int round = 0; round != 3; ++round) {
+                    for (detail::atomic<marked*>& place : places) {
+                        if (marked* const found = place.exchange(nullptr))
+                            give_back(found);
+                        if (marked* const found = place.exchange(take_marked(4080)))
+                            give_back(found);
+                        plan = plan * 1103515245u + 12345u;
+                        if (plan >> 16 & 16)
+                            continue;
+                        allocator_group::global()->flush_allocator(plan >> 16 & 1);
+                    }
+                }
+            };
+            begin();
+            {
+                worker first([&, plan = pick(1000)] { body(plan); });
+                worker second([&, plan = pick(1000)] { body(plan); });
+            }
+            for (detail::atomic<marked*>& place : places)
+                give_back(place);
+            books.settle();
+        },
+    .variants = 2,
+});
+
 // Two owners sleep and keep blocks of each other's; others free theirs, so that
 // both give chunks away, and with them what they kept, at the same time.
 registration const sleepers({
