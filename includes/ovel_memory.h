@@ -85,7 +85,7 @@ public:
 };
 
 // The same for the polymorphic containers. All are equal.
-class memory_resource : public std::pmr::memory_resource {
+class memory_resource final : public std::pmr::memory_resource {
 public:
     // One for the process, never destroyed.
     static memory_resource* global() {
@@ -223,10 +223,8 @@ inline void program_delete(void* memory, std::align_val_t alignment = std::align
 // first use of either and gives it back when it ends. A thread that uses the library
 // before that begins with a `thread_allocator`.
 //
-// A thread of the library gives its own allocator back before its objects of thread
-// storage duration are destroyed: those must not own memory. On Windows the program
-// links the standard library statically, or a part of its memory would be of that
-// library's own operators.
+// On Windows the program links the standard library statically, or a part of its memory
+// would be of that library's own operators.
 //
 //     #include <ovel_memory.h>
 //     OVEL_REPLACE_NEW_AND_DELETE;

@@ -57,6 +57,8 @@ unsigned int OVEL_THREAD_ENTRY thread_base::_call(void* argument) {
         group->acquire_allocator();
         function();
         group->release_allocator();
+        // It may be another thread's by the time that this one's own objects are destroyed.
+        group->specific_allocator(nullptr);
     } catch (...) {
         assure(("unexpected exception", 0));
     }

@@ -6,6 +6,8 @@
 #include "ovel_allocator_group.h"
 #include "ovel_allocator_support.h"
 #include "ovel_test.h"
+#include "ovel_thread_base.h"
+#include "ovel_thread_function.h"
 
 #include <gtest/gtest.h>
 
@@ -121,6 +123,28 @@ TEST(memory_test, a_thread_has_its_allocator_from_its_first_use_to_its_end) {
     EXPECT_EQ(seen.count(group.default_allocator()), 0u);
     // A thread that is ending may not have given back when the next one begins.
     EXPECT_LE(seen.size(), 6u);
+}
+
+// By then another thread may have the allocator that this one gave back.
+TEST(memory_test, objects_of_a_thread_of_the_library_outlive_its_allocator) {
+    static bool on_default = false;
+    struct late_word {
+        ~late_word() {
+            allocator_group const& group = *allocator_group::global();
+            on_default = group.specific_allocator() == group.default_allocator();
+        }
+    };
+    struct speak : ovel::thread_function {
+        void operator()() override {
+            static thread_local late_word const kept;
+            static_cast<void>(&kept);
+        }
+    } work;
+    ovel::thread_base own;
+    own.schedule(work);
+    own.release();
+    own.acquire();
+    EXPECT_TRUE(on_default);
 }
 
 }  // namespace
