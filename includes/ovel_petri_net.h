@@ -558,6 +558,7 @@ private:
     void _dispatch_transitions();
     void _dispatch();
     bool _at_rest() const;
+    void _acquire();
     void _leave();
 
     void _await_token(petri_place* place);
@@ -597,6 +598,8 @@ private:
     unsigned int const _spin;             // pauses of a thread that waits for `_mutex`
     bool _dispatching = false;            // what is enabled is fired at once
     bool _news = false;                   // what a blocked caller waits for has come
+    // Firings that have ended, modulo its range; who waits for `_mutex` looks how it grows.
+    detail::atomic<unsigned int> _ended = 0;
 };
 
 }  // namespace ovel

@@ -33,6 +33,7 @@
 #include "ovel_counter.h"
 #include "ovel_guard.h"
 #include "ovel_thread_support.h"
+#include "ovel_time.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -250,36 +251,42 @@ petri_queue_function::petri_queue_function(petri_queue_function const&) = defaul
 petri_queue_function& petri_queue_function::operator=(petri_queue_function const&) = default;
 petri_queue_function::~petri_queue_function() = default;
 
-namespace {
-
-// Takes a net's mutex; who finds it taken stays away from it for a while that grows. Two
-// threads with little work would otherwise hand it to and fro, and all that it guards
-// with it, at every firing; this way one makes some firings with what its processor has
-// at hand, and then the other. `spin` bounds the pauses of a call.
-void acquire_in_turn(mutex& taken, unsigned int spin) {
+// Takes the mutex. Who finds it taken stays away from it for a while that grows, and for
+// longer where others end firings faster than the mutex, and all that it guards, can be
+// handed over: one more thread would only slow them down. The spin count bounds the
+// pauses of a call. Relaxed: a stale count costs a pause, or saves one.
+void petri_net::_acquire() {
     constexpr unsigned int least = 4;
     constexpr unsigned int most = 64;
+    constexpr std::int64_t handover = 1024;  // ticks
     unsigned int pauses = least;
-    while (spin != 0) {
-        if (taken.try_acquire())
+    unsigned int left = _spin;
+    while (left != 0) {
+        if (_mutex.try_acquire())
             return;
-        unsigned int const now = std::min(pauses, spin);
-        for (unsigned int i = 0; i != now; ++i)
-            YieldProcessor();
-        spin -= now;
-        pauses = std::min(2 * pauses, most);
+        unsigned int ended;
+        std::int64_t elapsed;
+        do {
+            unsigned int const before = _ended.load(std::memory_order_relaxed);
+            std::int64_t const start = time_support::time_now();
+            unsigned int const now = std::min(pauses, left);
+            for (unsigned int i = 0; i != now; ++i)
+                YieldProcessor();
+            left -= now;
+            pauses = std::min(2 * pauses, most);
+            ended = _ended.load(std::memory_order_relaxed) - before;
+            elapsed = time_support::time_now() - start;
+        } while (left != 0 && ended > 1 && ended * handover > elapsed);
     }
-    taken.acquire();
+    _mutex.acquire();
 }
-
-}  // namespace
 
 // Holds a net's mutex for a change. When it is done, also when an exception ends it
 // half way, it has fired what is enabled now and wakes whoever that concerns.
 class petri_net::change {
 public:
     explicit change(petri_net& net) : _net(net) {
-        acquire_in_turn(_net._mutex, _net._spin);
+        _net._acquire();
     }
     ~change() {
         _net._dispatch();
@@ -707,6 +714,7 @@ void petri_net::_terminate_transition(petri_transition* transition) {
     _enqueue_arcs(transition);
     transition->end_fire();
     --_firings;
+    detail::add(_ended, 1u);
     _enqueue_if_enabled(transition);
 }
 
