@@ -6,6 +6,8 @@
 #include "ovel_frame.h"
 #include "ovel_triple.h"
 
+#include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -22,6 +24,12 @@ class thread_function;
 //
 // which tells whether a new element x goes before the element e that is there
 // already: false for equal ones puts the new element behind them, true before.
+// Where that is false it may also have
+//
+//     static std::size_t hash(T const& x);
+//
+// the same for equal ones, and spread over 16 bits. A long list then finds the
+// place behind equals mostly without a search.
 template <class T>
 struct skip_list_order;
 
@@ -32,6 +40,12 @@ struct skip_list_order<triple<thread_function*, double, double>> {
     static bool precedes(triple<thread_function*, double, double> const& x,
                          triple<thread_function*, double, double> const& e) {
         return x.third > e.third || (x.third == e.third && x.second > e.second);
+    }
+    // The two zeros are equal: the addition makes them one.
+    static std::size_t hash(triple<thread_function*, double, double> const& x) {
+        std::uint64_t const both = std::rotl(std::bit_cast<std::uint64_t>(x.third + 0.0), 29) ^
+                                   std::bit_cast<std::uint64_t>(x.second);
+        return static_cast<std::size_t>((both ^ both >> 32) * 0x9e3779b97f4a7c15 >> 48);
     }
 };
 
@@ -46,7 +60,10 @@ struct skip_list_order<triple<thread_function*, double, double>> {
 // highest node, or 1 in an empty list. Links lead to the end position where there
 // is no further node, and so do those of the head at and above the level in use.
 // The back links follow level 0. The last node of each level is noted, so that an
-// element that goes behind all others is linked without a search.
+// element that goes behind all others is linked without a search. A long list also
+// notes, by its hash, the last of some of the runs of equals, and links an element
+// behind that if it is as high. An entry always is the last of its run: insertions
+// into the run overwrite it, the node's extraction clears it.
 template <class T>
 class skip_list {
     static_assert(std::is_nothrow_copy_constructible_v<T>,
@@ -65,8 +82,9 @@ class skip_list {
         unsigned int _level;
     };
 
-    // The start of the head block: `_capacity` forward links lie behind it, and
-    // then for each level the forward links of its last node, or the head's own.
+    // The start of the head block: `_capacity` forward links lie behind it, then for
+    // each level the forward links of its last node, or the head's own, and then the
+    // ends of runs, which are nodes or null.
     struct head {
         unsigned int _level;  // the level in use
         unsigned int _capacity;
@@ -165,23 +183,21 @@ public:
     // Inserts a copy where the order puts it and returns its position. Throws
     // std::bad_alloc, with the elements unchanged.
     iterator insert(T const& value) {
-        position** predecessors[_max_capacity];
-        position* const next = _find_place(value, predecessors);
+        _make_room();
         unsigned int const level = _draw_level(_seed);
-        return _link(_allocate_node(value, level), next, predecessors);
+        return _insert(_allocate_node(value, level));
     }
 
     // The same with an element that was prepared, or a copy of it where that was for
     // fewer levels than it takes.
     iterator insert(detached& element) {
-        position** predecessors[_max_capacity];
-        position* const next = _find_place(*element, predecessors);
+        _make_room();
         unsigned int const level = _draw_level(_seed);
         if (_level(_node(element.get())) < level)
             element = prepare(*element, level);
         position* const inserted = _node(element.release());
         static_cast<links*>(inserted)->_level = level;
-        return _link(inserted, next, predecessors);
+        return _insert(inserted);
     }
 
     // Erases this very element, whatever equals it; returns the one behind it.
@@ -208,6 +224,11 @@ public:
         // Who takes one element after the other does not wait for the next but one.
         if (next != &_end)
             __builtin_prefetch(_forward(next)[0], 1);
+        if constexpr (_has_runs) {
+            position** const run = _run_of(*_value(extracted));
+            if (run != nullptr && *run == extracted)
+                *run = nullptr;
+        }
         --_size;
         return detached(_value(extracted));
     }
@@ -243,6 +264,17 @@ private:
 
     static constexpr unsigned int _max_capacity = 32;
 
+    static constexpr bool _has_runs = requires(T const& value) {
+        skip_list_order<T>::hash(value);
+    };
+
+    // Runs whose ends a head block notes: none while a search is short.
+    static unsigned int _runs(unsigned int capacity) {
+        if (!_has_runs || capacity < 8)
+            return 0;
+        return capacity == 8 ? 64 : 1024;
+    }
+
     // From the start of a node to its link part.
     static constexpr std::size_t _links_offset =
         (sizeof(T) + alignof(links) - 1) / alignof(links) * alignof(links);
@@ -258,6 +290,9 @@ private:
     }
     static position*** _last(head* head_block) {
         return reinterpret_cast<position***>(_forward(head_block) + head_block->_capacity);
+    }
+    static position** _run_ends(head* head_block) {
+        return reinterpret_cast<position**>(_last(head_block) + head_block->_capacity);
     }
     static position** _forward(head* head_block) {
         return reinterpret_cast<position**>(reinterpret_cast<char*>(head_block) + sizeof(head));
@@ -277,7 +312,8 @@ private:
 
     head* _allocate_head(unsigned int capacity) {
         void* const memory = allocator_support::allocate(
-            sizeof(head) + capacity * (sizeof(position*) + sizeof(position**)));
+            sizeof(head) + capacity * (sizeof(position*) + sizeof(position**)) +
+            _runs(capacity) * sizeof(position*));
         head* const allocated = ::new (memory) head{1, capacity};
         _unlink_all(allocated);
         return allocated;
@@ -288,6 +324,8 @@ private:
             _forward(head_block)[i] = &_end;
             _last(head_block)[i] = _forward(head_block);
         }
+        for (unsigned int i = 0; i < _runs(head_block->_capacity); ++i)
+            _run_ends(head_block)[i] = nullptr;
     }
 
     static position* _allocate_node(T const& value, unsigned int level) {
@@ -326,14 +364,44 @@ private:
         return level > 1 ? level - 1 : 1;
     }
 
-    // The position that `value` goes before, and its predecessors on each level in
-    // use; makes room for one more element.
-    position* _find_place(T const& value, position*** predecessors) {
+    void _make_room() {
         if (_head == nullptr)
             _head = _allocate_head(2);
         else if (_head->_capacity < _max_capacity && _size == 1u << _head->_capacity)
             _grow();
+    }
 
+    // Where the end of the run of `value` is noted, if it is; null where none are.
+    position** _run_of(T const& value) {
+        unsigned int const runs = _runs(_head->_capacity);
+        return runs != 0 ? &_run_ends(_head)[skip_list_order<T>::hash(value) % runs] : nullptr;
+    }
+
+    // Links a node in that has its value and its level. There is room for it.
+    iterator _insert(position* inserted) {
+        position** predecessors[_max_capacity];
+        T const& value = *_value(inserted);
+        if constexpr (_has_runs) {
+            if (position** const run = _run_of(value)) {
+                position* const end = *run;
+                *run = inserted;
+                if (end != nullptr && _level(end) >= _level(inserted) &&
+                    _are_equal(value, *_value(end))) {
+                    std::fill_n(predecessors, _level(end), _forward(end));
+                    return _link(inserted, _forward(end)[0], predecessors);
+                }
+            }
+        }
+        return _link(inserted, _find_place(value, predecessors), predecessors);
+    }
+
+    static bool _are_equal(T const& x, T const& y) {
+        return !skip_list_order<T>::precedes(x, y) && !skip_list_order<T>::precedes(y, x);
+    }
+
+    // The position that `value` goes before, and its predecessors on each level in
+    // use.
+    position* _find_place(T const& value, position*** predecessors) {
         auto const follows = [&value](T const& element) {
             return skip_list_order<T>::precedes(value, element);
         };
