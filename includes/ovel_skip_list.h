@@ -233,6 +233,32 @@ public:
         return detached(_value(extracted));
     }
 
+    // What extracting the second element will touch, once it is the first. A hint for
+    // the processor, which bears addresses of what is gone: `fetch` needs no lock.
+    class outlook {
+    public:
+        void fetch() const {
+            __builtin_prefetch(_list, 1);
+            __builtin_prefetch(_list_head, 1);
+            __builtin_prefetch(_element, 1);
+        }
+
+    private:
+        friend class skip_list;
+        outlook(void const* list, void const* list_head, void const* element)
+            : _list(list), _list_head(list_head), _element(element) {}
+
+        void const* _list;
+        void const* _list_head;
+        void const* _element;
+    };
+
+    // As it is now. An element was inserted before.
+    outlook look_ahead() const {
+        position* const first = _forward(_head)[0];
+        return {this, _head, first != &_end ? _forward(first)[0] : first};
+    }
+
     // Erases all. The head and the state of the level generator stay.
     void clear() {
         if (_head == nullptr)

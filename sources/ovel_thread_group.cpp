@@ -222,6 +222,8 @@ void thread_group_function_base::operator()() {
     while (!_has_ended()) {
         if (auto taken = _take()) {
             bool const wakes = _wakes_one();
+            // Meanwhile another worker takes what is first now, mostly.
+            auto const ahead = _queue.look_ahead();
             _mutex.release();
             _wake_one(wakes);
             if (!active)
@@ -237,6 +239,8 @@ void thread_group_function_base::operator()() {
             // What a switch off and on again would do, as long as there is work.
             group->flush_allocator(true);
             active = true;
+            // The lines come along with the mutex's, not one after the other behind it.
+            ahead.fetch();
             _acquire();
             _give_space(space);
             if (_crew == nullptr && space != 0)
