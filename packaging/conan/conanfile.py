@@ -30,6 +30,8 @@ class OvelConan(ConanFile):
             "sources/*",
             "platform/*",
             "docs/*",
+            "examples/*",
+            "tools/gdb/*",
         ):
             copy(self, pattern, root, self.export_sources_folder)
 
