@@ -11,6 +11,10 @@ using ovel::timed_condition;
 using ovel::detail::guard;
 
 struct ovel::detail::inspector {
+    template <class Condition>
+    static unsigned int queued(Condition const& subject) {
+        return subject._queued.load();
+    }
     // The departure of a thread, which must have arrived.
     template <class Condition, class... Flag>
     static void leave(Condition& subject, Flag... flag) {
@@ -51,6 +55,17 @@ TYPED_TEST(condition_test, every_release_wakes_the_thread_already_asleep) {
         }
     };
     crew(2, play).clear();
+}
+
+TYPED_TEST(condition_test, one_release_of_all_wakes_all_that_sleep) {
+    typename TypeParam::second_type lock;
+    typename TypeParam::first_type changed;
+    auto const sleepers = crew(3, [&](int) {
+        guard const hold(lock);
+        changed.acquire(lock);
+    });
+    until([&] { return inspector::queued(changed) == 3; });
+    changed.release_all();
 }
 
 TEST(condition_death_test, a_departure_of_nobody_fails_the_checks) {
