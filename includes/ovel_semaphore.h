@@ -63,11 +63,7 @@ private:
     // `acquire` where there is never more than one unit: if it is there, the locked
     // instruction that finds it takes it. A read before that would have to wait for
     // the last locked instruction, and the next for the read.
-    [[gnu::always_inline]] void _acquire_single() {
-        int one = 1;
-        if (!_value.compare_exchange_strong(one, 0))
-            acquire();
-    }
+    void _acquire_single();
 
     void _poll() const;
 
@@ -136,6 +132,13 @@ inline void semaphore::acquire() {
     // change of `_value`; it pairs with the increment in `release`.
     if (_value.fetch_sub(1) <= 0)
         assure(WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0);
+}
+
+// Below the definition of what it calls, which Windows would take for an import else.
+[[gnu::always_inline]] inline void semaphore::_acquire_single() {
+    int one = 1;
+    if (!_value.compare_exchange_strong(one, 0))
+        acquire();
 }
 
 inline bool semaphore::try_acquire() {
