@@ -341,6 +341,7 @@ inline detail::block* allocator::_take_ready(std::size_t k) {
     if (taken == nullptr)
         return _take_waiting(k);
     detail::block* const next = taken->_next;
+    __builtin_prefetch(next);  // for the next allocation of the class
     _take_block(*taken, home);
     if (next == nullptr) [[unlikely]]
         home.move_to_front(_full[k]);
