@@ -308,7 +308,7 @@ void allocator::_receive(detail::block* head, detail::block* tail, std::size_t s
         size = 0;
         do {
             tail = kept;
-            size += tail->_chunk->_block_size;
+            size += tail->_chunk->_constant_size;
             kept = tail->_next;
         } while (kept != nullptr && kept->_chunk->_allocator == owner);
         owner->_accept(head, tail, size, kept);

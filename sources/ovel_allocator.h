@@ -75,12 +75,11 @@ constexpr std::size_t class_of(std::size_t size) {
 // A region of the runtime heap from which the blocks of one class are cut; these
 // fields are its beginning. An object with `_length` 0 is the sentinel of a ring.
 //
-// Rings are circular: the sentinel of an empty one is its own neighbour. Only
-// what `_allocator` and `_block_size` say may be read by a thread that holds a
-// block of the chunk: they stay as they are while a block is in use.
+// Rings are circular: the sentinel of an empty one is its own neighbour.
 //
-// A thread that frees another's block reads the two words before `_free`, and no
-// others: where the platform can, they lie in a line that the owner does not write.
+// A thread that holds a block of the chunk, or hands one over, reads the two words
+// before `_free`, and no others. They stay as they are while a block is in use; where
+// the platform can, it has them in a line that the owner does not write.
 struct chunk {
     [[maybe_unused]] char _before[sizeof(cacheline) - sizeof(std::size_t)];
     std::size_t _constant_size;    // `_block_size` once more

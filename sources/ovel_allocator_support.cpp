@@ -163,7 +163,7 @@ std::size_t allocator_support::size(void const* memory) {
         return 0;
     detail::block* const header = header_of(memory);
     if (header->_chunk != nullptr)
-        return header->_chunk->_block_size - sizeof(detail::block);
+        return header->_chunk->_constant_size - sizeof(detail::block);
     return _msize(region_of(header)) - padding_of(header) - sizeof(record) - sizeof(detail::block);
 }
 

@@ -30,7 +30,7 @@ struct mapping {
     static constexpr unsigned int regions = 15;
     static constexpr unsigned int all = (1u << regions) - 1;
 
-    mapping* next;       // in the ring of those with a region free, while it is one
+    mapping* next;       // in the list of those with a region free, while it is one
     mapping** previous;  // what points to this
     unsigned int taken;  // bit i: region i
 };
