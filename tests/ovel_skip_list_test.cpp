@@ -158,6 +158,9 @@ void walk(unsigned int seed) {
         sorted.erase(--sorted.end());
     inspector::check_links(sorted);
     sorted.clear();
+    // Behind none of those that are gone.
+    for (int key = 0; key < 10; ++key)
+        sorted.insert({key, key});
     inspector::check_links(sorted);
 }
 
