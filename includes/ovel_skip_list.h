@@ -29,7 +29,7 @@ class thread_function;
 //     static std::size_t hash(T const& x);
 //
 // the same for equal ones, and spread over 16 bits. A long list then finds the
-// place behind equals mostly without a search.
+// place behind equals mostly without a search. Neither throws.
 template <class T>
 struct skip_list_order;
 
