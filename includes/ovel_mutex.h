@@ -137,8 +137,9 @@ extern template class reentrant_mutex<timed_semaphore>;
 // `acquire(state&, true)` an owner gives a mutex up completely, whatever its depth,
 // and takes it back as it was; conditions do so around their wait.
 //
-// A constructor takes the number of polls before a waiting thread sleeps; the
-// timed kinds never spin, whatever it is.
+// A constructor takes the number of pauses that a waiting thread makes before it
+// sleeps, with a look at the mutex now and then; the timed kinds never spin, whatever
+// it is.
 
 // The ordinary lock: it spins, has no deadline, and its owner may not take it again.
 class mutex : public detail::plain_mutex<semaphore> {

@@ -65,7 +65,9 @@ private:
     // the last locked instruction, and the next for the read.
     void _acquire_single();
 
+    void _take();
     void _poll() const;
+    void _acquire_contended();
 
     // Gives back `count` units, 1 or more, with one call of the kernel at most.
     void _release(int count);
@@ -123,22 +125,27 @@ private:
     [[maybe_unused]] cacheline _after;
 };
 
-inline void semaphore::acquire() {
-    // Relaxed: a stale value only costs a needless poll, or saves one.
-    if (_value.load(std::memory_order_relaxed) <= 0)
-        _poll();
-    // Whatever the poll saw, the decrement decides: from 0 or below, this
-    // thread owes the kernel exactly one wait. A full barrier, like every
-    // change of `_value`; it pairs with the increment in `release`.
+// Each stands below what it calls, which Windows would take for an import else.
+
+// Takes a unit, or sleeps until it is handed one. Whatever a poll saw, the decrement
+// decides: from 0 or below, this thread owes the kernel exactly one wait. A full
+// barrier, like every change of `_value`; it pairs with the increment in `release`.
+[[gnu::always_inline]] inline void semaphore::_take() {
     if (_value.fetch_sub(1) <= 0)
         assure(WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0);
 }
 
-// Below the definition of what it calls, which Windows would take for an import else.
+inline void semaphore::acquire() {
+    // Relaxed: a stale value only costs a needless poll, or saves one.
+    if (_value.load(std::memory_order_relaxed) <= 0)
+        _poll();
+    _take();
+}
+
 [[gnu::always_inline]] inline void semaphore::_acquire_single() {
     int one = 1;
     if (!_value.compare_exchange_strong(one, 0))
-        acquire();
+        _acquire_contended();
 }
 
 inline bool semaphore::try_acquire() {

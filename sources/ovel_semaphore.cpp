@@ -41,6 +41,28 @@ void semaphore::_poll() const {
     }
 }
 
+// Looks for the unit at intervals that grow, for as many pauses as the spin count says.
+// Each look fetches the line that the owner needs back for its release: with one after
+// every pause a section of two threads takes as long as the line's way there and back.
+// Who finds the unit and loses it to another looks on, since its owner gives it back soon.
+void semaphore::_acquire_contended() {
+    constexpr unsigned int least = 16;
+    constexpr unsigned int most = 64;
+    unsigned int pauses = least;
+    for (unsigned int left = _spin; left != 0;) {
+        unsigned int const now = std::min(pauses, left);
+        for (unsigned int i = 0; i != now; ++i)
+            YieldProcessor();
+        left -= now;
+        pauses = std::min(2 * pauses, most);
+        // Relaxed: only a hint that the exchange may succeed.
+        int one = 1;
+        if (_value.load(std::memory_order_relaxed) > 0 && _value.compare_exchange_strong(one, 0))
+            return;
+    }
+    _take();
+}
+
 void semaphore::_release(int count) {
     int const asleep = -_value.fetch_add(count);
     count = std::min(count, asleep);
