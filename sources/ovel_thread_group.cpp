@@ -16,6 +16,7 @@
 #include "ovel_guard.h"
 #include "ovel_thread_support.h"
 
+#include <algorithm>
 #include <new>
 
 namespace ovel {
@@ -28,16 +29,23 @@ using queue = thread_group_function_base::queue;
 
 // Takes a group's mutex. Who finds it taken sleeps only after it has let others run
 // a while: it is held so briefly that whoever keeps it longer was put off the
-// processor, and a sleeper would be handed it and keep it until it is awake.
+// processor, and a sleeper would be handed it and keep it until it is awake. Its looks
+// at the mutex are a while apart, since each takes the line away from the holder.
 void acquire(mutex& taken, unsigned int spin) {
     constexpr unsigned int rounds = 16;
-    constexpr unsigned int polls = 100;
+    constexpr unsigned int most = 96;   // pauses of a round
+    constexpr unsigned int apart = 32;  // pauses from look to look
     for (unsigned int round = 0; round != rounds; ++round) {
-        unsigned int left = spin < polls ? spin : polls;
-        do {
+        for (unsigned int left = std::min(spin, most);;) {
             if (taken.try_acquire())
                 return;
-        } while (left-- != 0);
+            if (left == 0)
+                break;
+            unsigned int const now = std::min(left, apart);
+            for (unsigned int i = 0; i != now; ++i)
+                YieldProcessor();
+            left -= now;
+        }
         thread_support::yield();
     }
     taken.acquire();
