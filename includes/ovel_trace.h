@@ -178,10 +178,11 @@ private:
 
 // Records the scopes of all threads from its construction until `stop`. One at a
 // time records in a process, on Windows in a module: constructing another before
-// that has stopped fails the check "_active == 0". It keeps 32 bytes for each scope
-// that ended, in pieces of 32 kB for each thread, also of threads that have ended.
-// It outlives the scopes that began while it recorded: whoever destroys it knows that
-// no other thread begins one, or has called `stop` and waited for those that may have.
+// that has stopped fails the check "_active == 0". It keeps 32 bytes for each scope that
+// ended, 24 where words have 32 bits, in pieces of 32 kB for each thread, also of threads
+// that have ended. It outlives the scopes that began while it recorded: whoever destroys
+// it knows that no other thread begins one, or has called `stop` and waited for those
+// that may have.
 class recorder {
 public:
     // Keeps at most `most` scopes of each thread, its first; counts the others.

@@ -8,7 +8,7 @@
 // on. Unless a line says otherwise a service may be called by any thread, takes
 // no lock of the library, throws nothing and needs no constructor to have run:
 // they serve from the first instruction of the process's load. What they need
-// themselves comes from the runtime heap.
+// themselves comes from the runtime heap, but for regions, which may be the system's.
 //
 // Waiting. A wait ends for one of two reasons only, that the object was acquired
 // or that the time given has passed; interrupted and spurious wake-ups stay
@@ -178,9 +178,9 @@ char* _ui64toa(std::uint64_t value, char* text, int radix);
 
 // The runtime heap.
 
-// A region of `region_length` bytes, which goes back to the system when it is freed,
-// as far as no page of it is shared with another. Its last cacheline is not to be
-// touched. Where the platform has a choice, byte `busy` of it begins a cacheline.
+// A region of `region_length` bytes. Where it is the system's it goes back there when it
+// is freed, as far as no page of it is shared with another. Its last cacheline is not to
+// be touched. Where the platform has a choice, byte `busy` of it begins a cacheline.
 // Null when memory is exhausted.
 //     void* malloc_region(std::size_t busy);
 //     void free_region(void* region);
