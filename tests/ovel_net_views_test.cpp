@@ -111,8 +111,6 @@ TEST_F(ovel_net_views_test, a_trace_has_each_firing_by_its_name_and_no_file_is_l
                                                  {"compute", 79},
                                                  {"run until the net rests", 1}}));
 
-    run("nets/bicycles.pnml --trace none/t");
-    EXPECT_EQ(err, "ovel-net: none/t:1: cannot be written: No such file or directory\n");
     run("nets/bicycles.pnml --check --report page");
     EXPECT_EQ(status, 64);
     EXPECT_FALSE(fs::exists(path("page")));

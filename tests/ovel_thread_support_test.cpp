@@ -112,20 +112,6 @@ TEST(call_once_death_test, an_exception_from_the_function_is_fatal) {
                  "(\"unexpected exception\", 0)", "sources/ovel_once.cpp");
 }
 
-TEST(thread_specific_ptr_test, each_thread_has_a_pointer_of_its_own) {
-    int mine = 0;
-    int other = 0;
-    thread_specific_ptr<int> pointer;
-    EXPECT_EQ(pointer.get(), nullptr);
-    pointer.set(&mine);
-    EXPECT_TRUE(elsewhere([&] {
-        bool const fresh = pointer.get() == nullptr;
-        pointer.set(&other);
-        return fresh && pointer.get() == &other;
-    }));
-    EXPECT_EQ(pointer.get(), &mine);
-}
-
 constexpr char pointer_file[] = "includes/ovel_thread_specific_ptr.h";
 
 TEST(thread_specific_ptr_death_test, slots_that_are_not_there_fail_the_checks) {

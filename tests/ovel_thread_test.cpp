@@ -139,19 +139,15 @@ TEST(thread_pool_test, an_idle_thread_is_lent_when_its_stack_fits_and_is_not_was
     thread_element* const wasteful = lend(large / 4);
     EXPECT_NE(wasteful, first);
     EXPECT_EQ(lend(large / 4 + 1), first);
-    thread_element* const larger = lend(large + 1);
-    EXPECT_NE(larger, first);
 
-    // Put back in another order they stand in the order of their stacks, and of
-    // equal ones the last comes first. 0 is the system's own size.
+    // Of those that fit, the smallest stack, and of equal ones the last put back.
+    thread_element* const larger = lend(large + 1);
     thread_element* const twin = lend(large);
-    thread_element* const plain = lend(0);
-    for (thread_element* each : {larger, first, wasteful, twin, plain})
+    for (thread_element* each : {larger, first, wasteful, twin})
         pool.release_element(each);
-    for (thread_element* each : {twin, first})
+    for (thread_element* each : {twin, first, larger})
         EXPECT_EQ(lend(large), each);
-    EXPECT_EQ(lend(0), plain);
-    for (thread_element* each : {twin, first, plain})
+    for (thread_element* each : {larger, twin, first})
         pool.release_element(each);
 }
 
