@@ -5,9 +5,12 @@
 #include "inspector.h"
 #include "ovel_allocator_group.h"
 #include "ovel_assure.h"
+#include "ovel_mutex.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
 #include "simulation/simulation.h"
+
+#include <type_traits>
 
 namespace ovel::simulation {
 
@@ -24,6 +27,32 @@ public:
     owned_allocator& operator=(owned_allocator const&) = delete;
 };
 
+// A thread of the scenario with an allocator of its own.
+struct client : worker {
+    template <class Body>
+    explicit client(Body body)
+        : worker([body] {
+              owned_allocator const own;
+              body();
+          }) {}
+};
+
+// Joins a run in one of the ways there are, again and again until it is.
+template <class Run>
+void join(Run& run, unsigned int way) {
+    if (way == 1)
+        while (!run.try_acquire())
+            Sleep(1);
+    else if (way == 2)
+        while (!run.timed_acquire(time::then(0.003))) {}
+    else
+        run.acquire();
+}
+
+template <class Lock>
+constexpr bool is_reentrant =
+    std::is_same_v<Lock, recursive_mutex> || std::is_same_v<Lock, timed_recursive_mutex>;
+
 // Begins the books of a scenario of locks. Starts the time server, which stays, where
 // deadlines will need it; waits may end late then.
 inline void open_books(bool timed, unsigned int spin) {
@@ -35,7 +64,8 @@ inline void open_books(bool timed, unsigned int spin) {
     balance();
 }
 
-// Made before the scenario begins, with what the library keeps for good built.
+// Made before the scenario begins, with what the library keeps for good built, and
+// outlives what the scenario makes.
 class accounts {
 public:
     explicit accounts(unsigned int spin, bool timed = false) {
@@ -48,23 +78,19 @@ public:
         _handles = open_handles() - all.allocators;
     }
 
-    // Nothing is in use any more but for blocks on their way, and the runtime heap
-    // holds what the allocators keep and nothing else.
-    void settle() {
+    // Once the pool's threads have ended nothing is in use any more but for blocks on
+    // their way, and the runtime heap holds what the allocators keep and nothing else.
+    ~accounts() {
+        detail::inspector::empty_pool();
         allocator_group::global()->flush_allocator(false);
         detail::inspector::memory const all = detail::inspector::check_allocators();
         assure(all.in_use == _bytes + all.on_way);
         assure(heap_blocks() == all.chunks + all.allocators + 1);
-        assure(open_handles() == _handles + all.allocators);
+        assure(open_handles() == _handles + all.allocators - 1);  // without the pool's lock
         balance();
     }
-
-    // The same once the pool's threads have ended.
-    void settle_without_pool() {
-        detail::inspector::empty_pool();
-        --_handles;  // the pool's lock
-        settle();
-    }
+    accounts(accounts const&) = delete;
+    accounts& operator=(accounts const&) = delete;
 
 private:
     std::size_t _bytes;

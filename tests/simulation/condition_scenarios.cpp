@@ -11,6 +11,8 @@
 #include "ovel_time.h"
 #include "simulation/simulation.h"
 
+#include <algorithm>
+#include <bit>
 #include <deque>
 #include <type_traits>
 #include <utility>
@@ -23,51 +25,39 @@ using detail::inspector;
 
 // Who may come back from a wait, told under the mutex. A release of all names every
 // thread that waits; a release of one allows one of those that wait then.
-class permits {
-public:
+// Sets of threads are masks.
+struct permits {
     void wait(unsigned int thread) {
-        _waits[thread] = true;
-        _named[thread] = _allowed[thread] = false;
-    }
-    unsigned int waiting() const {
-        return static_cast<unsigned int>(_waits[0] + _waits[1] + _waits[2]);
+        forget(thread);
+        waits |= 1u << thread;
     }
     void release_all() {
-        for (unsigned int each = 0; each != 3; ++each)
-            _named[each] |= std::exchange(_waits[each], false);
-        _ones = 0;
+        named |= std::exchange(waits, 0);
+        ones = 0;
     }
     void release_one() {
-        for (unsigned int each = 0; each != 3; ++each)
-            _allowed[each] |= _waits[each];
-        ++_ones;
+        allowed |= waits;
+        ++ones;
     }
     // `thread` came back from its wait because it was released.
     void leave(unsigned int thread) {
-        assure(_named[thread] || (_allowed[thread] && _ones != 0));
-        if (!_named[thread])
-            --_ones;
-        _forget(thread);
+        bool const by_name = (named >> thread & 1) != 0;
+        assure(by_name || ((allowed >> thread & 1) != 0 && ones != 0));
+        ones -= !by_name;
+        forget(thread);
     }
     // Or because of its deadline. A unit meant for it alone goes with it.
     void give_up(unsigned int thread) {
-        _forget(thread);
-        if (waiting() < _ones)
-            _ones = waiting();
+        forget(thread);
+        ones = std::min(ones, static_cast<unsigned int>(std::popcount(waits)));
+    }
+    void forget(unsigned int thread) {
+        for (unsigned int* each : {&waits, &named, &allowed})
+            *each &= ~(1u << thread);
     }
 
-private:
-    void _forget(unsigned int thread) {
-        _waits[thread] = _named[thread] = _allowed[thread] = false;
-    }
-
-    bool _waits[3] = {}, _named[3] = {}, _allowed[3] = {};
-    unsigned int _ones = 0;
+    unsigned int waits = 0, named = 0, allowed = 0, ones = 0;
 };
-
-template <class Mutex>
-constexpr bool is_reentrant =
-    std::is_same_v<Mutex, recursive_mutex> || std::is_same_v<Mutex, timed_recursive_mutex>;
 
 // Threads go to sleep, and each arrival is followed by one release, of one thread or
 // of all, with the mutex held or after it. So everybody wakes, and whoever wakes
@@ -76,70 +66,65 @@ template <class Condition, class Mutex>
 void wake_all_sleepers(unsigned int spin) {
     constexpr bool timed = std::is_same_v<Condition, timed_condition>;
     open_books(timed, spin);
+    Mutex lock(spin);
+    Condition changed(spin);
+    permits permitted;
+    unsigned int const sleepers = walks() ? 2 : 2 + pick(2);
+    unsigned int const rounds = walks() ? 1 : 1 + pick(2);
+    bool const releases_inside = pick(3) != 0;
+    HANDLE const arrived = CreateSemaphoreA(nullptr, 0, 100, nullptr);
+    time const deadline = timed ? time::then(0.5) : time();
+    auto const sleep = [&](unsigned int me, bool hurried, unsigned int depth) {
+        for (unsigned int each = 0; each != depth; ++each)
+            lock.acquire();
+        permitted.wait(me);
+        ReleaseSemaphore(arrived, 1, nullptr);
+        bool released = true;
+        if constexpr (timed)
+            released = !hurried || changed.timed_acquire(lock, deadline);
+        if (!hurried)
+            changed.acquire(lock);
+        if (!released)
+            permitted.give_up(me);
+        else if (releases_inside)
+            permitted.leave(me);
+        for (unsigned int each = 0; each != depth; ++each)
+            lock.release();
+    };
+    begin();
     {
-        Mutex lock(spin);
-        Condition changed(spin);
-        permits permitted;
-        unsigned int const sleepers = walks() ? 2 : 2 + pick(2);
-        unsigned int const rounds = walks() ? 1 : 1 + pick(2);
-        bool const releases_inside = pick(3) != 0;
-        HANDLE const arrived = CreateSemaphoreA(nullptr, 0, 100, nullptr);
-        time const deadline = timed ? time::then(0.5) : time();
-        auto const sleep = [&](unsigned int me, bool hurried, unsigned int depth) {
-            for (unsigned int each = 0; each != depth; ++each)
-                lock.acquire();
-            permitted.wait(me);
-            ReleaseSemaphore(arrived, 1, nullptr);
-            bool released = true;
-            if constexpr (timed)
-                released = !hurried || changed.timed_acquire(lock, deadline);
-            if (!hurried)
-                changed.acquire(lock);
-            if (!released)
-                permitted.give_up(me);
-            else if (releases_inside)
-                permitted.leave(me);
-            for (unsigned int each = 0; each != depth; ++each)
-                lock.release();
-        };
-        begin();
-        {
-            std::deque<worker> all;
-            for (unsigned int me = 0; me != sleepers; ++me)
-                all.emplace_back([&, me, hurried = timed && pick(3) != 0,
-                                  depth = is_reentrant<Mutex> ? 1 + pick(2) : 1] {
-                    for (unsigned int round = 0; round != rounds; ++round)
-                        sleep(me, hurried, depth);
-                });
-            unsigned int const pattern = pick(16);
-            // Often all are asleep before the first release.
-            bool const all_first = pick(2) == 0;
-            for (unsigned int each = 0; all_first && each != sleepers; ++each)
+        std::deque<worker> all;
+        for (unsigned int me = 0; me != sleepers; ++me)
+            all.emplace_back([&, me, hurried = timed && pick(3) != 0,
+                              depth = is_reentrant<Mutex> ? 1 + pick(2) : 1] {
+                for (unsigned int round = 0; round != rounds; ++round)
+                    sleep(me, hurried, depth);
+            });
+        unsigned int const pattern = pick(16);
+        // Often all are asleep before the first release.
+        bool const all_first = pick(2) == 0;
+        for (unsigned int each = 0; all_first && each != sleepers; ++each)
+            WaitForSingleObject(arrived, INFINITE);
+        for (unsigned int each = 0; each != sleepers * rounds; ++each) {
+            bool const everybody = (pattern >> each % 4 & 1) != 0;
+            if (!all_first || each >= sleepers)
                 WaitForSingleObject(arrived, INFINITE);
-            for (unsigned int each = 0; each != sleepers * rounds; ++each) {
-                bool const everybody = (pattern >> each % 4 & 1) != 0;
-                if (!all_first || each >= sleepers)
-                    WaitForSingleObject(arrived, INFINITE);
-                lock.acquire();
-                if (everybody)
-                    permitted.release_all();
-                else
-                    permitted.release_one();
-                if (!releases_inside)
-                    lock.release();
-                if (everybody)
-                    changed.release_all();
-                else
-                    changed.release_one();
-                if (releases_inside)
-                    lock.release();
-            }
+            lock.acquire();
+            auto const release = [&](auto& whom) {
+                everybody ? whom.release_all() : whom.release_one();
+            };
+            release(permitted);
+            if (!releases_inside)
+                lock.release();
+            release(changed);
+            if (releases_inside)
+                lock.release();
         }
-        CloseHandle(arrived);
-        assure(inspector::is_at_rest(changed));
-        assure(lock.try_acquire());
-        lock.release();
     }
+    CloseHandle(arrived);
+    assure(inspector::is_at_rest(changed));
+    assure(lock.try_acquire());
+    lock.release();
 }
 
 constexpr void (*waits[])(unsigned int) = {
@@ -171,18 +156,6 @@ registration const timed_waits({
     .pinned = {{.how = strategy::sticky, .variant = 6, .seed = 1841}},
 });
 
-// What a barrier's threads count together.
-struct arrivals {
-    detail::atomic<unsigned int> arrived = 0, completed = 0, last = 0, left = 0;
-
-    void leave(bool complete, bool was_last) {
-        completed += complete;
-        last += was_last;
-        assure(complete || !was_last);
-        ++left;
-    }
-};
-
 // More threads than the capacity, or fewer, with releases and deadlines in between:
 // a completed phase lets exactly as many threads go as it holds, one of them the
 // last, and in the end the barrier is open and empty.
@@ -190,40 +163,41 @@ template <class Barrier>
 void come_and_go(unsigned int spin) {
     constexpr bool timed = std::is_same_v<Barrier, timed_barrier>;
     open_books(timed, spin);
+    unsigned int const capacity = pick(4) == 0 ? 0 : 2 + pick(2);
+    unsigned int const thread_count = 2 + pick(2);
+    unsigned int const rounds = walks() ? 1 : 1 + pick(2);
+    Barrier gate(capacity, spin);
+    time const deadline = timed ? time::then(0.5) : time();
+    detail::atomic<unsigned int> completed = 0, lasts = 0, left = 0;
+    begin();
     {
-        unsigned int const capacity = pick(4) == 0 ? 0 : 2 + pick(2);
-        unsigned int const thread_count = 2 + pick(2);
-        unsigned int const rounds = walks() ? 1 : 1 + pick(2);
-        Barrier gate(capacity, spin);
-        time const deadline = timed ? time::then(0.5) : time();
-        arrivals count;
-        begin();
-        {
-            std::deque<worker> all;
-            for (unsigned int each = 0; each != thread_count; ++each)
-                all.emplace_back([&, hurried = timed && pick(3) != 0] {
-                    for (unsigned int round = 0; round != rounds; ++round) {
-                        bool last = false;
-                        bool complete = false;
-                        if constexpr (timed)
-                            complete =
-                                hurried ? gate.timed_acquire(last, deadline) : gate.acquire(last);
-                        else
-                            complete = gate.acquire(last);
-                        count.leave(complete, last);
-                    }
-                });
-            for (unsigned int early = pick(3); early != 0; --early)
-                gate.release_all();
-            // Whoever is left at the end cannot be enough to go by themselves.
-            while (count.left != thread_count * rounds) {
-                Sleep(1000);
-                gate.release_all();
-            }
+        std::deque<worker> all;
+        for (unsigned int each = 0; each != thread_count; ++each)
+            all.emplace_back([&, hurried = timed && pick(3) != 0] {
+                for (unsigned int round = 0; round != rounds; ++round) {
+                    bool last = false;
+                    bool complete = false;
+                    if constexpr (timed)
+                        if (hurried)
+                            complete = gate.timed_acquire(last, deadline);
+                    if (!hurried)
+                        complete = gate.acquire(last);
+                    assure(complete || !last);
+                    completed += complete;
+                    lasts += last;
+                    ++left;
+                }
+            });
+        for (unsigned int early = pick(3); early != 0; --early)
+            gate.release_all();
+        // Whoever is left at the end cannot be enough to go by themselves.
+        while (left != thread_count * rounds) {
+            Sleep(1000);
+            gate.release_all();
         }
-        assure(count.completed == count.last * capacity);
-        assure(inspector::is_open(gate));
     }
+    assure(completed == lasts * capacity);
+    assure(inspector::is_open(gate));
 }
 
 registration const openings({

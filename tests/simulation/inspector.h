@@ -91,19 +91,12 @@ private:
     static void _check(allocator& each, memory& all) {
         std::size_t size = 0, capacity = 0;
         for (std::size_t k = 0; k != classes; ++k) {
-            _check_ring(each, each._full[k], block_sizes[k], all.chunks, size, capacity);
-            for (chunk* one = each._full[k]._next; one != &each._full[k]; one = one->_next)
-                assure(one->_free == nullptr);
-            unsigned int spare = 0;
-            _check_ring(each, each._partial[k], block_sizes[k], all.chunks, size, capacity);
-            for (chunk* one = each._partial[k]._next; one != &each._partial[k]; one = one->_next) {
-                assure(one->_free != nullptr);
-                spare += one->_size == 0;
-            }
-            assure(spare <= 1);
+            _check_ring(each, each._full[k], block_sizes[k], true, all.chunks, size, capacity);
+            assure(_check_ring(each, each._partial[k], block_sizes[k], false, all.chunks, size,
+                               capacity) <= 1);
         }
         std::size_t const before = size;
-        _check_ring(each, each._empty, 0, all.chunks, size, capacity);
+        _check_ring(each, each._empty, 0, false, all.chunks, size, capacity);
         assure(size == before);
         assure(each._size == size);
         assure(each._capacity == capacity);
@@ -137,8 +130,11 @@ private:
         all.on_way += pending + waiting;
     }
 
-    static void _check_ring(allocator& owner, chunk& ring, std::size_t block_size,
-                            std::size_t& chunks, std::size_t& size, std::size_t& capacity) {
+    // Returns how many of its chunks hold no block in use.
+    static unsigned int _check_ring(allocator& owner, chunk& ring, std::size_t block_size,
+                                    bool full, std::size_t& chunks, std::size_t& size,
+                                    std::size_t& capacity) {
+        unsigned int spare = 0;
         for (chunk* one = ring._next; one != &ring; one = one->_next) {
             // The global allocator's chunks keep the layout they had.
             assure(one->_allocator == &owner);
@@ -149,11 +145,13 @@ private:
                 assure(each->_chunk == one);
                 free_bytes += one->_block_size;
             }
-            assure(one->_size + free_bytes == one->_capacity);
+            assure(one->_size + free_bytes == one->_capacity && full == (free_bytes == 0));
+            spare += one->_size == 0;
             ++chunks;
             size += one->_size;
             capacity += one->_capacity;
         }
+        return spare;
     }
 };
 

@@ -12,8 +12,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <memory>
-#include <type_traits>
 
 namespace ovel::simulation {
 
@@ -23,18 +21,6 @@ template <class Lock>
 constexpr bool is_timed = requires(Lock& lock, time const& deadline) {
     lock.timed_acquire(deadline);
 };
-
-template <class Lock>
-constexpr bool is_reentrant =
-    std::is_same_v<Lock, recursive_mutex> || std::is_same_v<Lock, timed_recursive_mutex>;
-
-template <class Lock>
-std::unique_ptr<Lock> make_lock(unsigned int spin) {
-    if constexpr (std::is_constructible_v<Lock, int, unsigned int>)
-        return std::make_unique<Lock>(1, spin);
-    else
-        return std::make_unique<Lock>(spin);
-}
 
 // Takes the lock in one of the ways it offers; false when that way gave up.
 template <class Lock>
@@ -50,45 +36,43 @@ bool take(Lock& lock, unsigned int way, time const& deadline) {
 
 // Threads take one lock and look whether they are alone; whoever gave up has
 // changed nothing, so in the end it is free.
-template <class Lock>
+template <class Lock, int... units>
 void exclude_each_other(unsigned int spin) {
     open_books(is_timed<Lock>, spin);
-    {
-        auto const lock = make_lock<Lock>(spin);
-        time const deadline = is_timed<Lock> ? time::then(0.01) : time();
-        detail::atomic<int> inside = 0;
-        unsigned int const thread_count = walks() ? 2 : 2 + pick(2);
-        unsigned int const rounds = walks() ? 1 : 4 - thread_count;
-        auto const body = [&](unsigned int first_way) {
-            for (unsigned int round = 0; round != rounds; ++round) {
-                if (!take(*lock, (first_way + round) % 3, deadline))
-                    continue;
-                assure(inside.fetch_add(1) == 0);
-                if constexpr (is_reentrant<Lock>) {
-                    assure(take(*lock, (first_way + round + 1) % 3, time()));
-                    typename Lock::state saved;
-                    lock->release(saved, false);
-                    lock->acquire(saved, false);
-                    lock->release();
-                }
-                assure(inside.fetch_sub(1) == 1);
-                lock->release();
+    Lock lock(units..., spin);
+    time const deadline = is_timed<Lock> ? time::then(0.01) : time();
+    detail::atomic<int> inside = 0;
+    unsigned int const thread_count = walks() ? 2 : 2 + pick(2);
+    unsigned int const rounds = walks() ? 1 : 4 - thread_count;
+    auto const body = [&](unsigned int first_way) {
+        for (unsigned int round = 0; round != rounds; ++round) {
+            if (!take(lock, (first_way + round) % 3, deadline))
+                continue;
+            assure(inside.fetch_add(1) == 0);
+            if constexpr (is_reentrant<Lock>) {
+                assure(take(lock, (first_way + round + 1) % 3, time()));
+                typename Lock::state saved;
+                lock.release(saved, false);
+                lock.acquire(saved, false);
+                lock.release();
             }
-        };
-        begin();
-        {
-            std::deque<worker> others;
-            for (unsigned int other = 1; other != thread_count; ++other)
-                others.emplace_back([&, way = pick(3)] { body(way); });
-            body(pick(3));
+            assure(inside.fetch_sub(1) == 1);
+            lock.release();
         }
-        assure(lock->try_acquire());
-        lock->release();
+    };
+    begin();
+    {
+        std::deque<worker> others;
+        for (unsigned int other = 1; other != thread_count; ++other)
+            others.emplace_back([&, way = pick(3)] { body(way); });
+        body(pick(3));
     }
+    assure(lock.try_acquire());
+    lock.release();
 }
 
 constexpr void (*exclusions[])(unsigned int) = {
-    exclude_each_other<semaphore>,       exclude_each_other<timed_semaphore>,
+    exclude_each_other<semaphore, 1>,    exclude_each_other<timed_semaphore, 1>,
     exclude_each_other<mutex>,           exclude_each_other<timed_mutex>,
     exclude_each_other<recursive_mutex>, exclude_each_other<timed_recursive_mutex>};
 

@@ -8,6 +8,7 @@
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
 #include "ovel_malloc.h"
+#include "ovel_semaphore.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
 #include "simulation/simulation.h"
@@ -51,46 +52,47 @@ void give_back(marked* memory) {
 }
 
 // Threads hand blocks to each other through a few places and free whatever they
-// find there, with their allocators switched off and on in between.
+// find there, with their allocators switched off and on in between. Or they replace
+// the same blocks over and over, so that those of others which wait to go home are
+// at hand when their own have run out.
 registration const exchanges({
     .name = "allocator_blocks_come_home",
     .run =
         [](unsigned int variant) {
-            accounts books(variant);
+            accounts const books(variant % 2);
+            bool const replaces = variant / 2 == 1;
             constexpr std::size_t sizes[] = {16, 24, 100, 1000, 4080, 5000};
-            detail::atomic<marked*> places[3] = {nullptr, nullptr, nullptr};
-            unsigned int const thread_count = 2 + pick(2);
-            auto const body = [&](unsigned int plan) {
+            detail::atomic<marked*> places[40] = {};
+            auto const body = [&] {
                 owned_allocator const own;
                 allocator_group* const group = allocator_group::global();
-                for (unsigned int round = 0; round != 6; ++round) {
-                    plan = plan * 1103515245u + 12345u;
-                    unsigned int const what = plan >> 16;
-                    marked* mine = take_marked(sizes[what % 6]);
-                    if (marked* const found = places[what / 6 % 3].exchange(mine))
+                for (unsigned int round = 0; round != (replaces ? 120 : 6); ++round) {
+                    detail::atomic<marked*>& place = places[replaces ? round % 40 : pick(3)];
+                    if (replaces)
+                        if (marked* const found = place.exchange(nullptr))
+                            give_back(found);
+                    marked* const mine = take_marked(replaces ? 4080 : sizes[pick(6)]);
+                    if (marked* const found = place.exchange(mine))
                         give_back(found);
-                    switch (what / 18 % 6) {
-                        case 0:
-                            group->flush_allocator(what % 2 == 0);
-                            break;
-                        case 1:
-                            group->deactivate_allocator(what % 2 == 0);
-                            YieldProcessor();
-                            group->activate_allocator();
-                            break;
-                        default:
-                            break;
+                    unsigned int const what = pick(12);
+                    if (what < 2 || (replaces && what < 6)) {
+                        group->flush_allocator(what % 2 == 0);
+                    } else if (what < 4) {
+                        group->deactivate_allocator(what % 2 == 0);
+                        YieldProcessor();
+                        group->activate_allocator();
                     }
                 }
             };
+            unsigned int const thread_count = 2 + pick(2);
             begin();
             {
                 std::deque<worker> all;
                 for (unsigned int each = 0; each != thread_count; ++each)
-                    all.emplace_back([&, plan = pick(1000)] {
-                        body(plan);
-                        if (plan % 2 == 0)
-                            body(plan + 1);  // as another thread might, later
+                    all.emplace_back([&] {
+                        body();
+                        if (pick(2) == 0)
+                            body();  // as another thread might, later
                     });
             }
             // The first thread frees what is left, and its allocator is the
@@ -99,44 +101,8 @@ registration const exchanges({
                 if (marked* const left = place)
                     give_back(left);
             assure(inspector::check_allocators().allocators <= 2 + thread_count);
-            books.settle();
         },
-    .variants = 2,
-});
-
-// Threads replace the same blocks over and over, so that those of others which wait
-// to go home are at hand when their own have run out; some hand them over in between.
-registration const replacements({
-    .name = "allocator_blocks_serve_again_on_their_way_home",
-    .run =
-        [](unsigned int variant) {
-            accounts books(variant);
-            detail::atomic<marked*> places[40] = {};
-            auto const body = [&](unsigned int plan) {
-                owned_allocator const own;
-                for (unsigned int round = 0; round != 3; ++round) {
-                    for (detail::atomic<marked*>& place : places) {
-                        if (marked* const found = place.exchange(nullptr))
-                            give_back(found);
-                        if (marked* const found = place.exchange(take_marked(4080)))
-                            give_back(found);
-                        plan = plan * 1103515245u + 12345u;
-                        if (plan >> 16 & 16)
-                            continue;
-                        allocator_group::global()->flush_allocator(plan >> 16 & 1);
-                    }
-                }
-            };
-            begin();
-            {
-                worker first([&, plan = pick(1000)] { body(plan); });
-                worker second([&, plan = pick(1000)] { body(plan); });
-            }
-            for (detail::atomic<marked*>& place : places)
-                give_back(place);
-            books.settle();
-        },
-    .variants = 2,
+    .variants = 4,
 });
 
 // Two owners sleep and keep blocks of each other's; others free theirs, so that
@@ -145,65 +111,55 @@ registration const sleepers({
     .name = "allocator_owners_sleep_on_each_others_blocks",
     .run =
         [](unsigned int variant) {
-            accounts books(variant);
-            constexpr unsigned int count = 15 * 18;
+            accounts const books(variant);
             std::vector<marked*> blocks[2];
-            HANDLE const steps = CreateSemaphoreA(nullptr, 0, 2, nullptr);
-            HANDLE const go[2] = {CreateSemaphoreA(nullptr, 0, 9, nullptr),
-                                  CreateSemaphoreA(nullptr, 0, 9, nullptr)};
+            semaphore steps(0, 0);
+            semaphore go[2] = {{0, 0}, {0, 0}};
             auto const owner = [&](unsigned int me) {
-                owned_allocator const own;
-                for (unsigned int each = 0; each != count; ++each)
+                for (unsigned int each = 0; each != 15 * 18; ++each)
                     blocks[me].push_back(take_marked(4080));
-                ReleaseSemaphore(steps, 1, nullptr);
-                WaitForSingleObject(go[me], INFINITE);
+                steps.release();
+                go[me].acquire();
                 for (unsigned int each = 0; each != 3; ++each) {
                     give_back(blocks[1 - me].back());
                     blocks[1 - me].pop_back();
                 }
                 allocator_group::global()->deactivate_allocator(true);
-                ReleaseSemaphore(steps, 1, nullptr);
-                WaitForSingleObject(go[me], INFINITE);
+                steps.release();
+                go[me].acquire();
                 allocator_group::global()->activate_allocator();
             };
             auto const stranger = [&](unsigned int whose) {
-                owned_allocator const own;
                 for (marked* one : blocks[whose])
                     give_back(one);
             };
-            {
-                worker first([&] { owner(0); }), second([&] { owner(1); });
-                for (unsigned int step = 0; step != 2; ++step) {
-                    WaitForSingleObject(steps, INFINITE);
-                    WaitForSingleObject(steps, INFINITE);
-                    if (step == 0)
-                        for (HANDLE const each : go)
-                            ReleaseSemaphore(each, 1, nullptr);
+            client first([&] { owner(0); }), second([&] { owner(1); });
+            for (unsigned int step = 0; step != 2; ++step) {
+                steps.acquire();
+                steps.acquire();
+                if (step == 1) {
+                    begin();
+                    client one([&] { stranger(0); }), two([&] { stranger(1); });
                 }
-                begin();
-                {
-                    worker one([&] { stranger(0); });
-                    stranger(1);
-                }
-                for (HANDLE const each : go)
-                    ReleaseSemaphore(each, 1, nullptr);
+                for (semaphore& each : go)
+                    each.release();
             }
-            CloseHandle(steps);
-            CloseHandle(go[0]);
-            CloseHandle(go[1]);
-            books.settle();
         },
     .variants = 2,
 });
 
-// Fills the global allocator with what an allocator of 60 chunks gives up.
-void fill_reserve() {
-    owned_allocator const own;
+void take_and_give_back(unsigned int count) {
     std::vector<marked*> blocks;
-    for (unsigned int each = 0; each != 15 * 60; ++each)
+    for (unsigned int each = 0; each != count; ++each)
         blocks.push_back(take_marked(4080));
     for (marked* one : blocks)
         give_back(one);
+}
+
+// Fills the global allocator with what an allocator of 60 chunks gives up.
+void fill_reserve() {
+    owned_allocator const own;
+    take_and_give_back(15 * 60);
 }
 
 std::size_t reserve() {
@@ -216,7 +172,7 @@ registration const recycler({
     .name = "recycler_keeps_its_limits",
     .run =
         [](unsigned int variant) {
-            accounts books(variant % 2, true);
+            accounts const books(variant % 2, true);
             if (variant / 2 == 1)
                 end_waits_late(3000);
             fill_reserve();
@@ -224,15 +180,10 @@ registration const recycler({
             begin();
             allocator_recycler::global()->release(pick(2) == 0 ? 0.5 : 2.0);
             {
-                worker other([] {
-                    owned_allocator const own;
+                client other([] {
                     for (unsigned int round = 0; round != 2; ++round) {
                         Sleep(700);
-                        marked* some[31];
-                        for (marked*& one : some)
-                            one = take_marked(4080);
-                        for (marked* one : some)
-                            give_back(one);
+                        take_and_give_back(31);
                     }
                 });
                 Sleep(1000 * pick(10));
@@ -240,7 +191,6 @@ registration const recycler({
             inspector::stop_recycler();
             // The other thread may have kept some.
             assure(reserve() <= first + 2 * 61440 && reserve() >= (1 << 20) - 5 * 61440);
-            books.settle();
         },
     .variants = 4,
 });
@@ -253,7 +203,7 @@ registration const recycler_periods({
     .name = "recycler_trims_once_a_period",
     .run =
         [](unsigned int variant) {
-            accounts books(0, true);
+            accounts const books(0, true);
             fill_reserve();
             std::size_t expected = reserve();
             constexpr std::size_t chunk = 61440;
@@ -277,7 +227,6 @@ registration const recycler_periods({
             std::uint64_t const start = nanoseconds();
             inspector::stop_recycler();
             assure(nanoseconds() - start <= 101'000'000);
-            books.settle();
         },
     .variants = 4,
 });
@@ -288,7 +237,7 @@ registration const refusals({
     .name = "allocator_bears_refused_memory",
     .run =
         [](unsigned int variant) {
-            accounts books(0);
+            accounts const books(0);
             detail::atomic<marked*> place = nullptr;
             auto const body = [&](unsigned int size) {
                 try {
@@ -297,8 +246,7 @@ registration const refusals({
                     assure(refused() != 0);
                     return;
                 }
-                for (unsigned int round = 0; round != 3; ++round) {
-                    std::size_t const bytes = size * (round + 1) * 17;
+                for (std::size_t bytes = size; bytes <= 3 * size; bytes += size) {
                     auto memory = static_cast<marked*>(ovel_calloc(1, bytes));
                     if (memory == nullptr) {
                         assure(refused() != 0);
@@ -320,13 +268,14 @@ registration const refusals({
                 allocator_group::global()->release_allocator();
             };
             begin();
-            refuse_memory(1 + pick(14), variant == 0 ? 1 : 1000);
+            unsigned int const first = 1 + pick(14);
+            refuse_memory(first, variant == 0 ? 1 : 1000);
             {
-                worker second([&, size = 2 + pick(200)] { body(size); });
-                worker third([&, size = 2 + pick(200)] { body(size); });
+                worker second([&, size = 17 * (2 + pick(200))] { body(size); });
+                worker third([&, size = 17 * (2 + pick(200))] { body(size); });
             }
             ovel_free(place);
-            books.settle();
+            assure(refused() != 0 || first > 2);
         },
     .variants = 2,
 });

@@ -6,6 +6,7 @@
 #include "ovel_allocator_support.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
+#include "ovel_semaphore.h"
 #include "ovel_thread.h"
 #include "ovel_thread_group.h"
 #include "ovel_time.h"
@@ -32,37 +33,24 @@ private:
     std::function<void()> _body;
 };
 
-// Joins a run in one of the ways there are, again and again until it is.
-template <class Thread>
-void join(Thread& run, unsigned int way) {
-    if (way == 1)
-        while (!run.try_acquire())
-            Sleep(1);
-    else if (way == 2)
-        while (!run.timed_acquire(time::then(0.003))) {}
-    else
-        run.acquire();
-}
-
 // Clients borrow threads; a run has the stack it asked for and less than four times
 // as much, and idle threads are used again.
 registration const pool({
     .name = "pool_reuses_threads_that_fit",
     .run =
         [](unsigned int variant) {
-            accounts books(variant % 2, true);
+            accounts const books(variant % 2, true);
             bool const alike = variant / 2 == 0;
             constexpr unsigned int sizes[] = {16384, 65536, 100000, 524288, 0};
             unsigned int const clients = 2 + pick(2);
             detail::atomic<unsigned int> runs = 0;
             begin();
             {
-                std::deque<worker> all;
+                std::deque<client> all;
                 for (unsigned int each = 0; each != clients; ++each)
-                    all.emplace_back([&, plan = pick(1000)] {
-                        owned_allocator const own;
+                    all.emplace_back([&] {
                         for (unsigned int run = 0; run != 3; ++run) {
-                            unsigned int const size = alike ? 65536 : sizes[(plan >> run) % 5];
+                            unsigned int const size = alike ? 65536 : sizes[pick(5)];
                             work job([&] {
                                 unsigned int const given = stack_size();
                                 assure(size == 0 ? given == 0 : given >= size && given / 4 < size);
@@ -71,7 +59,7 @@ registration const pool({
                             thread borrowed(size);
                             borrowed.schedule(job);
                             borrowed.release();
-                            join(borrowed, plan % 3);
+                            join(borrowed, pick(3));
                         }
                     });
             }
@@ -80,7 +68,6 @@ registration const pool({
             unsigned int const idle = detail::thread_element_group::global()->size();
             assure(threads() == idle + 2);
             assure(idle >= 1 && (!alike || idle <= clients));
-            books.settle_without_pool();
         },
     .variants = 4,
 });
@@ -90,23 +77,15 @@ struct item : thread_function {
     struct tally {
         detail::atomic<int> space = 0;
         detail::atomic<unsigned int> runs = 0;
-        HANDLE const added = CreateSemaphoreA(nullptr, 0, 100, nullptr);
-        HANDLE const go = CreateSemaphoreA(nullptr, 0, 100, nullptr);
-
-        tally() = default;
-        tally(tally const&) = delete;
-        tally& operator=(tally const&) = delete;
-        ~tally() {
-            CloseHandle(added);
-            CloseHandle(go);
-        }
+        semaphore added = {0, 0};
+        semaphore go = {0, 0};
     };
     static constexpr int budget = 10;
 
     // Schedules itself.
     void add() {
         group->schedule(*this, length, space);
-        ReleaseSemaphore(all->added, 1, nullptr);
+        all->added.release();
     }
     void operator()() override {
         assure(all->space.fetch_add(space) + space <= budget);
@@ -114,7 +93,7 @@ struct item : thread_function {
         if (next != nullptr)
             next->add();
         if (waits)
-            WaitForSingleObject(all->go, INFINITE);
+            all->go.acquire();
         all->space.fetch_sub(space);
         ++all->runs;
     }
@@ -127,107 +106,68 @@ struct item : thread_function {
     bool waits = false;    // until the scenario lets it go
 };
 
-constexpr unsigned int item_count = 6;
-using items = item[item_count];
-
-void make_items(items& made, thread_group& group, item::tally& all) {
-    for (unsigned int each = 0; each != item_count; ++each) {
-        made[each].group = &group;
-        made[each].all = &all;
-        // Many that are alike, many that need everything.
-        constexpr int spaces[] = {0, 1, 3, 5, 6, 10};
-        made[each].space = spaces[pick(6)];
-        made[each].length = 1 + pick(2);
-    }
-}
-
-// Work is scheduled before the start, by another thread and by work; all of it
-// runs, and the group can be started again.
+// Work is scheduled before the start or after it, by another thread and by work; all
+// of it runs, and the group can be started again. When nothing moves any more, either
+// every thread works or what waits does not fit: a wake-up lost between them would
+// leave both a thread and work for it.
 registration const group_runs_everything({
     .name = "group_keeps_its_space_and_runs_everything",
     .run =
         [](unsigned int variant) {
-            bool const timed = variant / 2 == 1;
-            accounts books(variant % 2, timed);
-            {
-                item::tally all;
-                thread_group group(1 + pick(3), item::budget, 16384);
-                items made;
-                begin();
-                for (unsigned int round = 1; round != 3; ++round) {
-                    make_items(made, group, all);
-                    made[5].add();
-                    WaitForSingleObject(all.added, INFINITE);
-                    group.clear();  // so it does not run
-                    made[0].next = &made[3];
-                    made[1].next = &made[4];
-                    made[0].add();
-                    group.release();
-                    worker other([&] {
-                        owned_allocator const own;
-                        made[1].add();
-                        made[2].add();
-                    });
-                    made[5].add();
-                    for (unsigned int each = 0; each != item_count; ++each)
-                        WaitForSingleObject(all.added, INFINITE);
-                    group.conclude();
-                    join(group, timed ? pick(3) : 0);
-                    assure(all.runs == round * item_count && all.space == 0);
-                    other.join();
+            bool const timed = variant / 2 % 2 == 1;
+            bool const waits = variant / 4 == 1;
+            accounts const books(variant % 2, timed);
+            item::tally all;
+            thread_group group(1 + pick(3), item::budget, 16384);
+            item made[8];
+            begin();
+            for (unsigned int expected = 0, round = 0; round != 2; ++round) {
+                for (item& each : made) {
+                    // Many that are alike, many that need everything.
+                    constexpr int spaces[] = {0, 1, 3, 5, 6, 10};
+                    each.group = &group;
+                    each.all = &all;
+                    each.space = spaces[pick(6)];
+                    each.length = 1 + pick(2);
+                    each.waits = waits;
                 }
-            }
-            books.settle_without_pool();
-        },
-    .variants = 4,
-});
-
-// When nothing moves any more, either every thread works or what waits does not
-// fit: a wake-up lost between them would leave both a thread and work for it.
-registration const group_is_busy({
-    .name = "group_leaves_nothing_waiting_that_fits",
-    .run =
-        [](unsigned int variant) {
-            accounts books(variant);
-            {
-                item::tally all;
-                thread_group group(2 + pick(2), item::budget, 16384);
-                items made;
-                make_items(made, group, all);
-                for (item& each : made)
-                    each.waits = true;
+                made[0].next = &made[6];
+                made[3].next = &made[7];
+                made[5].add();
+                all.added.acquire();
+                group.clear();  // so it does not run
+                // Few, so that threads are idle, or many, so that they are not.
+                unsigned int const mine = pick(4), others = pick(4);
+                unsigned int const added = mine + others + (mine != 0) + (others != 0);
+                expected += added;
                 // Threads that are still to come, or that wait for work.
                 bool const starts_first = pick(2) == 0;
                 if (starts_first) {
                     group.release();
                     settle();
                 }
-                // Few, so that threads are idle, or many, so that they are not.
-                unsigned int const halves[] = {pick(4), pick(4)};
-                begin();
-                {
-                    worker other([&] {
-                        owned_allocator const own;
-                        for (unsigned int each = 0; each != halves[1]; ++each)
-                            made[3 + each].add();
-                    });
-                    if (!starts_first)
-                        group.release();
-                    for (unsigned int each = 0; each != halves[0]; ++each)
-                        made[each].add();
-                }
-                while (all.runs != halves[0] + halves[1]) {
+                client other([&] {
+                    for (unsigned int each = 0; each != others; ++each)
+                        made[3 + each].add();
+                });
+                if (!starts_first)
+                    group.release();
+                for (unsigned int each = 0; each != mine; ++each)
+                    made[each].add();
+                while (waits && all.runs != expected) {
                     settle();
                     inspector::expect_busy(group);
-                    ReleaseSemaphore(all.go, 1 + static_cast<LONG>(pick(2)), nullptr);
+                    all.go.release();
                     settle();
                 }
+                for (unsigned int each = 0; each != added; ++each)
+                    all.added.acquire();
                 group.conclude();
-                group.acquire();
+                join(group, timed ? pick(3) : 0);
+                assure(all.runs == expected && all.space == 0);
             }
-            books.settle_without_pool();
         },
-    .variants = 2,
+    .variants = 6,
 });
 
 // A kernel that has no object left to give: wherever that strikes, the check that
@@ -241,7 +181,8 @@ registration const refused_objects({
             expect_failure("_thread != 0");
             expect_failure("mutex != 0");
             begin();
-            refuse_objects(1 + pick(30));
+            unsigned int const first = 1 + pick(30);
+            refuse_objects(first);
             time::now();
             {
                 thread_group group(2, item::budget, 16384);
@@ -256,7 +197,7 @@ registration const refused_objects({
                 group.acquire();
                 allocator_group::global()->release_allocator();
             }
-            assure(refused() == 0);
+            assure(refused() == 0 && first != 1);
             balance();
         },
     .variants = 2,
