@@ -213,23 +213,4 @@ TEST(simulation, misuse_of_a_service_fails_the_run) {
     }
 }
 
-TEST(simulation, refuses_the_named_requests_only) {
-    auto const program = [](unsigned int) {
-        refuse_memory(2, 2);
-        refuse_objects(1);
-        void* blocks[5];
-        for (void*& block : blocks)
-            block = ovel::kernel::malloc(1);
-        assure(blocks[0] && !blocks[1] && !blocks[2] && blocks[3] && blocks[4]);
-        assure(CreateSemaphoreA(nullptr, 0, 1, nullptr) == nullptr);
-        assure(CreateSemaphoreA(nullptr, 0, 1, nullptr) != nullptr);
-        assure(refused() == 3);
-        expect_failure("false");
-        assure(false);
-    };
-    outcome const found = run({.name = "toy", .run = program}, {});
-    EXPECT_TRUE(found.passed) << found.failure;
-    EXPECT_TRUE(found.reported);
-}
-
 }  // namespace
