@@ -8,7 +8,6 @@
 #include "ovel_atomic.h"
 #include "ovel_petri_net.h"
 #include "ovel_semaphore.h"
-#include "ovel_time.h"
 #include "simulation/simulation.h"
 
 #include <algorithm>
