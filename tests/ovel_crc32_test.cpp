@@ -44,7 +44,8 @@ TEST(crc32_test, known_texts_have_their_known_checksums) {
 }
 
 // Byte by byte goes by the table. Every length from which lanes are left over in
-// another way, from every alignment, with each of the ways that this processor has.
+// another way, from every alignment, with each of the ways that this processor has, and
+// cut into two.
 TEST(crc32_test, many_bytes_at_once_count_as_they_do_one_by_one) {
     struct way {
         void (*feed)(std::uint32_t&, unsigned char const*, std::size_t);
@@ -75,6 +76,12 @@ TEST(crc32_test, many_bytes_at_once_count_as_they_do_one_by_one) {
             fast.start();
             fast.encode(begin, begin + count);
             ASSERT_EQ(fast.value(), slow.value()) << count << " bytes from " << from;
+            unsigned char const* const cut = begin + count * 5 / 13;
+            crc32 resumed;
+            resumed.start();
+            resumed.encode(begin, cut);
+            resumed.encode(cut, begin + count);
+            ASSERT_EQ(resumed.value(), slow.value()) << count << " bytes cut at " << cut - begin;
             for (std::size_t i = 0; i < ways.size() && count >= ways[i].least; ++i) {
                 std::uint32_t running = 0xFFFFFFFF;
                 ways[i].feed(running, begin, count);
