@@ -140,14 +140,17 @@ TEST(thread_pool_test, an_idle_thread_is_lent_when_its_stack_fits_and_is_not_was
     EXPECT_NE(wasteful, first);
     EXPECT_EQ(lend(large / 4 + 1), first);
 
-    // Of those that fit, the smallest stack, and of equal ones the last put back.
+    // Of those that fit, the smallest stack, and of equal ones the last put back. 0 is
+    // the system's own size.
     thread_element* const larger = lend(large + 1);
     thread_element* const twin = lend(large);
-    for (thread_element* each : {larger, first, wasteful, twin})
+    thread_element* const plain = lend(0);
+    for (thread_element* each : {larger, first, wasteful, twin, plain})
         pool.release_element(each);
     for (thread_element* each : {twin, first, larger})
         EXPECT_EQ(lend(large), each);
-    for (thread_element* each : {larger, twin, first})
+    EXPECT_EQ(lend(0), plain);
+    for (thread_element* each : {larger, twin, first, plain})
         pool.release_element(each);
 }
 
