@@ -11,19 +11,9 @@ struct ovel::detail::inspector {
     static HANDLE pool_lock() {
         return thread_element_group::global()->_lock._semaphore;
     }
-    static unsigned int pool_spin() {
-        return thread_element_group::global()->_lock._spin;
-    }
 };
 
 namespace {
-
-// As the library was left by its load.
-void use_what_was_loaded() {
-    bool const one = ovel::thread_support::available_processors() == 1;
-    assure(ovel::default_spin == (one ? 0u : 1024u));
-    assure(ovel::detail::inspector::pool_spin() == 0);
-}
 
 // The exception is thrown on one side of the border and caught on the other.
 void use_what_needs_no_thread() {
@@ -63,7 +53,6 @@ void use_threads() {
 }  // namespace
 
 extern "C" __declspec(dllexport) holdings use(bool threads) {
-    use_what_was_loaded();
     use_what_needs_no_thread();
     if (threads)
         use_threads();
