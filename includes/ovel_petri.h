@@ -604,7 +604,9 @@ private:
 
     template <class Results, std::size_t... indices>
     void _put_all(firing& scope, Results&& results, std::index_sequence<indices...>) {
-        (_put(scope, std::get<indices>(_to.arcs), std::get<indices>(std::move(results))), ...);
+        (_put(scope, std::get<indices>(_to.arcs),
+              std::get<indices>(std::forward<Results>(results))),
+         ...);
     }
 
     // Puts what the body returned for one place.

@@ -227,7 +227,7 @@ public:
     void write(Sink sink) const {
         sink(std::string_view("{\"displayTimeUnit\":\"ns\",\"traceEvents\":["));
         char const* separator = "\n";
-        auto const put = [&](std::string text) {
+        auto const put = [&](std::string const& text) {
             sink(std::string_view(separator + text));
             separator = ",\n";
         };

@@ -14,8 +14,8 @@ using counts = std::map<std::string, std::uint64_t>;
 counts column(json const& nodes, char const* name, bool all = false) {
     counts numbers;
     for (json const& node : nodes)
-        if (all || node[name].get<double>() != 0)
-            numbers[node["id"]] = node[name].get<double>();
+        if (all || node[name].get<std::uint64_t>() != 0)
+            numbers[node["id"]] = node[name].get<std::uint64_t>();
     return numbers;
 }
 

@@ -68,6 +68,22 @@ TEST(petri_test, parameters_and_results_are_the_tokens_of_the_places_in_order) {
     EXPECT_EQ(drain(adults), (std::vector{18, 19}));
 }
 
+TEST(petri_test, what_a_body_returns_by_reference_is_copied) {
+    net tested(1);
+    auto const times = tested.insert_place<int>("times", 2);
+    auto const words = tested.insert_place<std::string>("words", 2);
+    auto const numbers = tested.insert_place<int>("numbers", 2);
+    std::tuple<std::string, int> const kept("a word that is too long to be kept in place", 1);
+    auto returned = kept;
+    tested.insert_transition(
+        "repeat", from(times), to(words, numbers), [&](int) -> auto& { return returned; });
+    times.send(1);
+    times.send(2);
+    tested.start();
+    tested.join();
+    EXPECT_EQ(drain(words), std::vector(2, std::get<0>(kept)));
+}
+
 TEST(petri_test, a_token_that_cannot_be_copied_stays_with_who_could_not_send_it) {
     net tested(1);
     auto const full = tested.insert_place<std::unique_ptr<int>>("full", 1);
