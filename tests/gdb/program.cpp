@@ -49,21 +49,15 @@ int main() {
     // A waiter has been counted by the time that it gives the mutex up.
     ovel::condition changed;
     ovel::timed_condition timed_changed;
-    bool waiting = false;
-    bool ready = false;
-    std::thread waiter([&] {
+    ovel::semaphore coming(0, 0);
+    std::jthread const waiter([&] {
         lock.acquire();
-        waiting = true;
-        while (!ready)
-            changed.acquire(lock);
+        coming.release();
+        changed.acquire(lock);
         lock.release();
     });
+    coming.acquire();
     lock.acquire();
-    while (!waiting) {
-        lock.release();
-        std::this_thread::yield();
-        lock.acquire();
-    }
 
     ovel::list<short> numbers;
     ovel::list<double> none;
@@ -90,9 +84,6 @@ int main() {
     look();
 
     running.acquire();
-    ready = true;
     changed.release_all();
     lock.release();
-    waiter.join();
-    return 0;
 }
