@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <winternl.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <string>
 #include <utility>
@@ -30,30 +31,17 @@ TEST(client_test, whichever_way_a_client_leaves_the_exit_hooks_run_in_their_orde
     EXPECT_EQ(run_client("free"), result(0, "idle threads joined, pool destroyed\nfreed\n"));
 }
 
-// As the system's loader keeps it.
-struct module_entry {
-    LIST_ENTRY load_order;
-    LIST_ENTRY memory_order;
-    LIST_ENTRY initialisation_order;
-    void* base;
-    void* entry_point;
-    ULONG size;
-    UNICODE_STRING path;
-    UNICODE_STRING name;
-    ULONG flags;
-};
-
+// A flag says it in what the system's loader keeps of the module.
 TEST(client_test, the_library_is_not_told_of_threads) {
-    constexpr ULONG attached = 0x80000;
-    constexpr ULONG silent = 0x40000;
-    auto* const find =
-        reinterpret_cast<NTSTATUS(NTAPI*)(void*, module_entry**)>(reinterpret_cast<void*>(
-            GetProcAddress(GetModuleHandleA("ntdll.dll"), "LdrFindEntryForAddress")));
-    ASSERT_NE(find, nullptr);
-    auto const flags = [&](char const* name) -> ULONG {
-        module_entry* found = nullptr;
+    constexpr std::uintptr_t attached = 0x80000;
+    constexpr std::uintptr_t silent = 0x40000;
+    using find_function = NTSTATUS NTAPI(void*, LDR_DATA_TABLE_ENTRY**);
+    auto* const find = reinterpret_cast<find_function*>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleA("ntdll.dll"), "LdrFindEntryForAddress")));
+    auto const flags = [&](char const* name) {
+        LDR_DATA_TABLE_ENTRY* found = nullptr;
         find(GetModuleHandleA(name), &found);
-        return found == nullptr ? 0 : found->flags & (attached | silent);
+        return reinterpret_cast<std::uintptr_t>(found->Reserved5[0]) & (attached | silent);
     };
     EXPECT_EQ(flags("ovel.dll"), attached | silent);
     EXPECT_EQ(flags("libstdc++-6.dll"), attached) << "the flag says something else";

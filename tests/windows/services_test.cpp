@@ -15,7 +15,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
+#include <type_traits>
 
 using ovel::call_once;
 using ovel::semaphore;
@@ -46,10 +48,12 @@ constexpr char semaphore_header[] = "includes/ovel_semaphore.h";
 constexpr char thread_file[] = "sources/ovel_thread_base.cpp";
 constexpr char support_file[] = "sources/ovel_thread_function.cpp";
 
-template <class Function>
-void lead(char const* name, Function* function) {
+// Runs `body` with the library's calls of the service `name` led to `function`.
+template <class Function, class Body>
+void led(char const* name, Function* function, Body const& body) {
     if (!lead_import(GetModuleHandleA("ovel.dll"), name, function))
         std::abort();
+    body();
 }
 
 // With the handle of its kernel object closed behind its back. The clock is started
@@ -99,8 +103,7 @@ HANDLE WINAPI take_name(SECURITY_ATTRIBUTES* security, BOOL owned, char const* n
 // Processes that run the same program have their flags at the same addresses.
 TEST(call_once_windows_test, the_mutex_is_named_by_the_process_and_the_flag) {
     static unsigned int volatile named = 0;
-    lead("CreateMutexA", keep_mutex);
-    call_once([] {}, named);
+    led("CreateMutexA", keep_mutex, [] { call_once([] {}, named); });
     char name[40];
     std::snprintf(name, sizeof name, "%lx%x", GetCurrentProcessId(),
                   reinterpret_cast<std::uintptr_t>(&named));
@@ -108,12 +111,12 @@ TEST(call_once_windows_test, the_mutex_is_named_by_the_process_and_the_flag) {
 }
 
 TEST(call_once_death_test, a_mutex_that_fails_is_named) {
-    EXPECT_CHECK(
-        {
-            lead("CreateMutexA", take_name);
-            call_once([] {}, flag);
-        },
-        "mutex != 0", once_file);
+    auto const once = [](void (*function)()) {
+        return [function] {
+            call_once(function, flag);
+        };
+    };
+    EXPECT_CHECK(led("CreateMutexA", take_name, once([] {})), "mutex != 0", once_file);
     EXPECT_CHECK(
         {
             HANDLE const thread = CreateThread(nullptr, 0, abandon, nullptr, 0, nullptr);
@@ -121,18 +124,10 @@ TEST(call_once_death_test, a_mutex_that_fails_is_named) {
             call_once([] {}, flag);
         },
         "WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0", once_file);
-    EXPECT_CHECK(
-        {
-            lead("CreateMutexA", keep_mutex);
-            call_once([] { ReleaseMutex(once_mutex); }, flag);
-        },
-        "ReleaseMutex(mutex) != 0", once_file);
-    EXPECT_CHECK(
-        {
-            lead("CreateMutexA", keep_mutex);
-            call_once([] { keep_open(once_mutex); }, flag);
-        },
-        "CloseHandle(mutex) != 0", once_file);
+    EXPECT_CHECK(led("CreateMutexA", keep_mutex, once([] { ReleaseMutex(once_mutex); })),
+                 "ReleaseMutex(mutex) != 0", once_file);
+    EXPECT_CHECK(led("CreateMutexA", keep_mutex, once([] { keep_open(once_mutex); })),
+                 "CloseHandle(mutex) != 0", once_file);
 }
 
 // More units than the maximum are refused.
@@ -148,12 +143,8 @@ TYPED_TEST_SUITE(semaphore_death_test, semaphore_types);
 TYPED_TEST(semaphore_death_test, a_semaphore_that_fails_is_named) {
     constexpr bool timed = std::is_same_v<TypeParam, timed_semaphore>;
     constexpr auto* file = timed ? semaphore_file : semaphore_header;
-    EXPECT_CHECK(
-        {
-            lead("CreateSemaphoreA", exceed_maximum);
-            TypeParam(0, 0);
-        },
-        "_semaphore != 0", semaphore_file);
+    EXPECT_CHECK(led("CreateSemaphoreA", exceed_maximum, [] { TypeParam(0, 0); }),
+                 "_semaphore != 0", semaphore_file);
     TypeParam units(0, 0);
     EXPECT_CHECK(closed(units).acquire(),
                  "WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0", file);
@@ -163,12 +154,8 @@ TYPED_TEST(semaphore_death_test, a_semaphore_that_fails_is_named) {
         closed(units).release();
     };
     EXPECT_CHECK(release_closed(), "ReleaseSemaphore(_semaphore, 1, 0) != 0", file);
-    EXPECT_CHECK(
-        {
-            TypeParam ended(0, 0);
-            closed(ended);
-        },
-        "CloseHandle(_semaphore) != 0", semaphore_file);
+    EXPECT_CHECK(closed(*std::make_unique<TypeParam>(0, 0)), "CloseHandle(_semaphore) != 0",
+                 semaphore_file);
     if constexpr (timed) {
         EXPECT_CHECK(closed(units).try_acquire(), "result == WAIT_OBJECT_0", semaphore_file);
         EXPECT_CHECK(closed(units).timed_acquire(ovel::time()), "result == WAIT_OBJECT_0",
@@ -178,25 +165,20 @@ TYPED_TEST(semaphore_death_test, a_semaphore_that_fails_is_named) {
 
 TEST(thread_base_death_test, a_thread_that_fails_is_named) {
     ovel::thread_function work;
-    thread_base thread(0);
-    thread.schedule(work);
-    EXPECT_CHECK(
-        {
-            thread_base large(0x7fff0000u);  // a stack beyond the address space
-            large.schedule(work);
-            large.release();
-        },
-        "_thread != 0", thread_file);
-    auto const started = [&]() -> thread_base& {
-        thread.release();
-        return thread;
+    thread_base thread(0), large(0x7fff0000u);  // a stack beyond the address space
+    auto const started = [&](thread_base& base) -> thread_base& {
+        base.schedule(work);
+        base.release();
+        return base;
     };
-    EXPECT_CHECK(closed(started()).acquire(),
+    EXPECT_CHECK(started(large), "_thread != 0", thread_file);
+    EXPECT_CHECK(closed(started(thread)).acquire(),
                  "WaitForSingleObject(_thread, INFINITE) == WAIT_OBJECT_0", thread_file);
-    EXPECT_CHECK(closed(started()).try_acquire(), "r == WAIT_OBJECT_0", thread_file);
-    EXPECT_CHECK(closed(started()).timed_acquire(ovel::time()), "r == WAIT_OBJECT_0", thread_file);
+    EXPECT_CHECK(closed(started(thread)).try_acquire(), "r == WAIT_OBJECT_0", thread_file);
+    EXPECT_CHECK(closed(started(thread)).timed_acquire(ovel::time()), "r == WAIT_OBJECT_0",
+                 thread_file);
     auto const kept = [&]() -> thread_base& {
-        keep_open(inspector::handle(started()));
+        keep_open(inspector::handle(started(thread)));
         return thread;
     };
     EXPECT_CHECK(kept().acquire(), "CloseHandle(_thread) != 0", thread_file);
@@ -210,18 +192,11 @@ HANDLE WINAPI no_handle() {
 }
 
 TEST(thread_support_death_test, a_mask_that_cannot_be_read_is_named) {
-    EXPECT_CHECK(
-        {
-            lead("GetCurrentProcess", no_handle);
-            ovel::thread_support::process_affinity();
-        },
-        "GetProcessAffinityMask(GetCurrentProcess(), &pm, &sm) != 0", support_file);
-    EXPECT_CHECK(
-        {
-            lead("GetCurrentThread", no_handle);
-            ovel::thread_support::thread_affinity();
-        },
-        "affinity != 0", support_file);
+    using ovel::thread_support;
+    EXPECT_CHECK(led("GetCurrentProcess", no_handle, [] { thread_support::process_affinity(); }),
+                 "GetProcessAffinityMask(GetCurrentProcess(), &pm, &sm) != 0", support_file);
+    EXPECT_CHECK(led("GetCurrentThread", no_handle, [] { thread_support::thread_affinity(); }),
+                 "affinity != 0", support_file);
 }
 
 }  // namespace
