@@ -8,31 +8,19 @@
 #include "ovel_mutex.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
+#include "ovel_work.h"
 #include "simulation/simulation.h"
 
 #include <type_traits>
 
 namespace ovel::simulation {
 
-// The calling thread's own allocator for a scope.
-class owned_allocator {
-public:
-    owned_allocator() {
-        allocator_group::global()->acquire_allocator();
-    }
-    ~owned_allocator() {
-        allocator_group::global()->release_allocator();
-    }
-    owned_allocator(owned_allocator const&) = delete;
-    owned_allocator& operator=(owned_allocator const&) = delete;
-};
-
 // A thread of the scenario with an allocator of its own.
 struct client : worker {
     template <class Body>
     explicit client(Body body)
         : worker([body] {
-              owned_allocator const own;
+              thread_allocator const own;
               body();
           }) {}
 };

@@ -127,34 +127,14 @@ void wake_all_sleepers(unsigned int spin) {
     lock.release();
 }
 
-constexpr void (*waits[])(unsigned int) = {
-    wake_all_sleepers<condition, mutex>,
-    wake_all_sleepers<condition, timed_mutex>,
-    wake_all_sleepers<condition, recursive_mutex>,
-    wake_all_sleepers<condition, timed_recursive_mutex>,
-    wake_all_sleepers<timed_condition, mutex>,
-    wake_all_sleepers<timed_condition, timed_mutex>,
-    wake_all_sleepers<timed_condition, recursive_mutex>,
-    wake_all_sleepers<timed_condition, timed_recursive_mutex>};
-
-registration const plain_waits({
-    .name = "condition_wakes_whom_it_released",
-    .run = [](unsigned int variant) { waits[variant / 2](variant % 2 * 2); },
-    .variants = 8,
-    .exhaustive = true,
-});
-
-// Pinned is what found a thread that slept for ever although its deadline had passed.
-// Three were released; the first, timed out, stopped being counted, and was left
-// before it took the unit posted for it. The others left, and with them the batch was
-// over, so a newcomer passed the gate and took that unit.
-registration const timed_waits({
-    .name = "condition_with_deadlines_wakes_whom_it_released",
-    .run = [](unsigned int variant) { waits[4 + variant / 2](variant % 2 * 2); },
-    .variants = 8,
-    .exhaustive = true,
-    .pinned = {{.how = strategy::sticky, .variant = 6, .seed = 1841}},
-});
+template <class Condition>
+void waits(unsigned int variant) {
+    constexpr void (*with[])(unsigned int) = {wake_all_sleepers<Condition, mutex>,
+                                              wake_all_sleepers<Condition, timed_mutex>,
+                                              wake_all_sleepers<Condition, recursive_mutex>,
+                                              wake_all_sleepers<Condition, timed_recursive_mutex>};
+    with[variant / 2](variant % 2 * 2);
+}
 
 // More threads than the capacity, or fewer, with releases and deadlines in between:
 // a completed phase lets exactly as many threads go as it holds, one of them the
@@ -200,19 +180,28 @@ void come_and_go(unsigned int spin) {
     assure(inspector::is_open(gate));
 }
 
-registration const openings({
-    .name = "barrier_can_be_opened_at_any_time",
-    .run = [](unsigned int variant) { come_and_go<barrier>(variant); },
-    .variants = 3,
-    .exhaustive = true,
-});
+void openings(unsigned int variant) {
+    variant < 3 ? come_and_go<barrier>(variant) : come_and_go<timed_barrier>(0);
+}
 
-registration const timed_openings({
-    .name = "barrier_with_deadlines_can_be_opened_at_any_time",
-    .run = [](unsigned int) { come_and_go<timed_barrier>(0); },
-    .variants = 4,
-    .exhaustive = true,
-});
+// Pinned is what found a thread that slept for ever although its deadline had passed.
+// Three were released; the first, timed out, stopped being counted, and was left
+// before it took the unit posted for it. The others left, and with them the batch was
+// over, so a newcomer passed the gate and took that unit.
+registration const table[] = {
+    registration({.name = "condition_wakes_whom_it_released",
+                  .run = waits<condition>,
+                  .variants = 8,
+                  .exhaustive = true}),
+    registration({.name = "condition_with_deadlines_wakes_whom_it_released",
+                  .run = waits<timed_condition>,
+                  .variants = 8,
+                  .exhaustive = true,
+                  .pinned = {{.how = strategy::sticky, .variant = 6, .seed = 1841}}}),
+    registration({.name = "barrier_can_be_opened_at_any_time",
+                  .run = openings,
+                  .variants = 7,
+                  .exhaustive = true})};
 
 }  // namespace
 

@@ -24,13 +24,13 @@ struct ovel::detail::inspector {
                condition._gate.try_acquire() && !condition._wait.try_acquire();
     }
 
-    static bool is_open(barrier& gate) {
+    template <class Barrier>
+    static bool is_open(Barrier& gate) {
+        if constexpr (requires { gate._entry; })
+            if (gate._released || !gate._entry.try_acquire())
+                return false;
         return gate._count == 0 && !gate._complete && gate._lock.try_acquire() &&
                !gate._wait.try_acquire();
-    }
-    static bool is_open(timed_barrier& gate) {
-        return gate._count == 0 && !gate._complete && !gate._released &&
-               gate._entry.try_acquire() && gate._lock.try_acquire() && !gate._wait.try_acquire();
     }
 
     struct memory {
@@ -90,13 +90,33 @@ struct ovel::detail::inspector {
 private:
     static void _check(allocator& each, memory& all) {
         std::size_t size = 0, capacity = 0;
+        // Returns how many chunks of the ring hold no block in use.
+        auto const check_ring = [&](chunk& ring, std::size_t block_size, bool full) {
+            unsigned int spare = 0;
+            for (chunk* one = ring._next; one != &ring; one = one->_next) {
+                // The global allocator's chunks keep the layout they had.
+                assure(one->_allocator == &each);
+                assure(one->_next->_previous == one);
+                assure(block_size == 0 || one->_block_size == block_size);
+                std::size_t free_bytes = 0;
+                for (block* unused = one->_free; unused != nullptr; unused = unused->_next) {
+                    assure(unused->_chunk == one);
+                    free_bytes += one->_block_size;
+                }
+                assure(one->_size + free_bytes == one->_capacity && full == (free_bytes == 0));
+                spare += one->_size == 0;
+                ++all.chunks;
+                size += one->_size;
+                capacity += one->_capacity;
+            }
+            return spare;
+        };
         for (std::size_t k = 0; k != classes; ++k) {
-            _check_ring(each, each._full[k], block_sizes[k], true, all.chunks, size, capacity);
-            assure(_check_ring(each, each._partial[k], block_sizes[k], false, all.chunks, size,
-                               capacity) <= 1);
+            check_ring(each._full[k], block_sizes[k], true);
+            assure(check_ring(each._partial[k], block_sizes[k], false) <= 1);
         }
         std::size_t const before = size;
-        _check_ring(each, each._empty, 0, false, all.chunks, size, capacity);
+        check_ring(each._empty, 0, false);
         assure(size == before);
         assure(each._size == size);
         assure(each._capacity == capacity);
@@ -128,30 +148,6 @@ private:
         ++all.allocators;
         all.in_use += size;
         all.on_way += pending + waiting;
-    }
-
-    // Returns how many of its chunks hold no block in use.
-    static unsigned int _check_ring(allocator& owner, chunk& ring, std::size_t block_size,
-                                    bool full, std::size_t& chunks, std::size_t& size,
-                                    std::size_t& capacity) {
-        unsigned int spare = 0;
-        for (chunk* one = ring._next; one != &ring; one = one->_next) {
-            // The global allocator's chunks keep the layout they had.
-            assure(one->_allocator == &owner);
-            assure(one->_next->_previous == one);
-            assure(block_size == 0 || one->_block_size == block_size);
-            std::size_t free_bytes = 0;
-            for (block* each = one->_free; each != nullptr; each = each->_next) {
-                assure(each->_chunk == one);
-                free_bytes += one->_block_size;
-            }
-            assure(one->_size + free_bytes == one->_capacity && full == (free_bytes == 0));
-            spare += one->_size == 0;
-            ++chunks;
-            size += one->_size;
-            capacity += one->_capacity;
-        }
-        return spare;
     }
 };
 

@@ -11,6 +11,7 @@
 #include "ovel_semaphore.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
+#include "ovel_work.h"
 #include "simulation/simulation.h"
 
 #include <cmath>
@@ -33,16 +34,15 @@ struct marked {
 };
 
 marked* take_marked(std::size_t size) {
-    auto const memory = static_cast<marked*>(allocator_support::allocate_nothrow(size));
-    if (memory == nullptr)
-        return nullptr;
+    auto const memory = static_cast<marked*>(allocator_support::allocate(size));
     std::memset(static_cast<void*>(memory), static_cast<int>(size & 0x7f), size);
-    memory->self = memory;
-    memory->size = size;
+    *memory = {memory, size};
     return memory;
 }
 
 void give_back(marked* memory) {
+    if (memory == nullptr)
+        return;
     assure(memory->self == memory);
     auto const bytes = reinterpret_cast<unsigned char*>(memory);
     std::size_t const last = memory->size - 1;
@@ -51,115 +51,100 @@ void give_back(marked* memory) {
     allocator_support::deallocate(memory);
 }
 
-// Threads hand blocks to each other through a few places and free whatever they
-// find there, with their allocators switched off and on in between. Or they replace
-// the same blocks over and over, so that those of others which wait to go home are
-// at hand when their own have run out.
-registration const exchanges({
-    .name = "allocator_blocks_come_home",
-    .run =
-        [](unsigned int variant) {
-            accounts const books(variant % 2);
-            bool const replaces = variant / 2 == 1;
-            constexpr std::size_t sizes[] = {16, 24, 100, 1000, 4080, 5000};
-            detail::atomic<marked*> places[40] = {};
-            auto const body = [&] {
-                owned_allocator const own;
-                allocator_group* const group = allocator_group::global();
-                for (unsigned int round = 0; round != (replaces ? 120 : 6); ++round) {
-                    detail::atomic<marked*>& place = places[replaces ? round % 40 : pick(3)];
-                    if (replaces)
-                        if (marked* const found = place.exchange(nullptr))
-                            give_back(found);
-                    marked* const mine = take_marked(replaces ? 4080 : sizes[pick(6)]);
-                    if (marked* const found = place.exchange(mine))
-                        give_back(found);
-                    unsigned int const what = pick(12);
-                    if (what < 2 || (replaces && what < 6)) {
-                        group->flush_allocator(what % 2 == 0);
-                    } else if (what < 4) {
-                        group->deactivate_allocator(what % 2 == 0);
-                        YieldProcessor();
-                        group->activate_allocator();
-                    }
-                }
-            };
-            unsigned int const thread_count = 2 + pick(2);
-            begin();
-            {
-                std::deque<worker> all;
-                for (unsigned int each = 0; each != thread_count; ++each)
-                    all.emplace_back([&] {
-                        body();
-                        if (pick(2) == 0)
-                            body();  // as another thread might, later
-                    });
-            }
-            // The first thread frees what is left, and its allocator is the
-            // default one.
-            for (detail::atomic<marked*>& place : places)
-                if (marked* const left = place)
-                    give_back(left);
-            assure(inspector::check_allocators().allocators <= 2 + thread_count);
-        },
-    .variants = 4,
-});
+std::vector<marked*> take_marked(std::size_t size, unsigned int count) {
+    std::vector<marked*> taken(count);
+    for (marked*& one : taken)
+        one = take_marked(size);
+    return taken;
+}
 
-// Two owners sleep and keep blocks of each other's; others free theirs, so that
-// both give chunks away, and with them what they kept, at the same time.
-registration const sleepers({
-    .name = "allocator_owners_sleep_on_each_others_blocks",
-    .run =
-        [](unsigned int variant) {
-            accounts const books(variant);
-            std::vector<marked*> blocks[2];
-            semaphore steps(0, 0);
-            semaphore go[2] = {{0, 0}, {0, 0}};
-            auto const owner = [&](unsigned int me) {
-                for (unsigned int each = 0; each != 15 * 18; ++each)
-                    blocks[me].push_back(take_marked(4080));
-                steps.release();
-                go[me].acquire();
-                for (unsigned int each = 0; each != 3; ++each) {
-                    give_back(blocks[1 - me].back());
-                    blocks[1 - me].pop_back();
-                }
-                allocator_group::global()->deactivate_allocator(true);
-                steps.release();
-                go[me].acquire();
-                allocator_group::global()->activate_allocator();
-            };
-            auto const stranger = [&](unsigned int whose) {
-                for (marked* one : blocks[whose])
-                    give_back(one);
-            };
-            client first([&] { owner(0); }), second([&] { owner(1); });
-            for (unsigned int step = 0; step != 2; ++step) {
-                steps.acquire();
-                steps.acquire();
-                if (step == 1) {
-                    begin();
-                    client one([&] { stranger(0); }), two([&] { stranger(1); });
-                }
-                for (semaphore& each : go)
-                    each.release();
-            }
-        },
-    .variants = 2,
-});
-
-void take_and_give_back(unsigned int count) {
-    std::vector<marked*> blocks;
-    for (unsigned int each = 0; each != count; ++each)
-        blocks.push_back(take_marked(4080));
+void give_back(std::vector<marked*> const& blocks) {
     for (marked* one : blocks)
         give_back(one);
 }
 
+// Threads hand blocks to each other through a few places and free whatever they
+// find there, with their allocators switched off and on in between. Or they replace
+// the same blocks over and over, so that those of others which wait to go home are
+// at hand when their own have run out.
+void exchanges(unsigned int variant) {
+    accounts const books(variant % 2);
+    bool const replaces = variant / 2 == 1;
+    constexpr std::size_t sizes[] = {16, 24, 100, 1000, 4080, 5000};
+    detail::atomic<marked*> places[40] = {};
+    auto const body = [&] {
+        thread_allocator const own;
+        allocator_group* const group = allocator_group::global();
+        for (unsigned int round = 0; round != (replaces ? 120 : 6); ++round) {
+            detail::atomic<marked*>& place = places[replaces ? round % 40 : pick(3)];
+            if (replaces)
+                give_back(place.exchange(nullptr));
+            give_back(place.exchange(take_marked(replaces ? 4080 : sizes[pick(6)])));
+            unsigned int const what = pick(12);
+            if (what < 2 || (replaces && what < 6)) {
+                group->flush_allocator(what % 2 == 0);
+            } else if (what < 4) {
+                group->deactivate_allocator(what % 2 == 0);
+                YieldProcessor();
+                group->activate_allocator();
+            }
+        }
+    };
+    unsigned int const thread_count = 2 + pick(2);
+    begin();
+    {
+        std::deque<worker> all;
+        for (unsigned int each = 0; each != thread_count; ++each)
+            all.emplace_back([&] {
+                body();
+                if (pick(2) == 0)
+                    body();  // as another thread might, later
+            });
+    }
+    // The first thread frees what is left, and its allocator is the
+    // default one.
+    for (detail::atomic<marked*>& place : places)
+        give_back(place);
+    assure(inspector::check_allocators().allocators <= 2 + thread_count);
+}
+
+// Two owners sleep and keep blocks of each other's; others free theirs, so that
+// both give chunks away, and with them what they kept, at the same time.
+void sleepers(unsigned int variant) {
+    accounts const books(variant);
+    std::vector<marked*> blocks[2];
+    semaphore steps(0, 0);
+    semaphore go[2] = {{0, 0}, {0, 0}};
+    auto const owner = [&](unsigned int me) {
+        blocks[me] = take_marked(4080, 15 * 18);
+        steps.release();
+        go[me].acquire();
+        for (unsigned int each = 0; each != 3; ++each) {
+            give_back(blocks[1 - me].back());
+            blocks[1 - me].pop_back();
+        }
+        allocator_group::global()->deactivate_allocator(true);
+        steps.release();
+        go[me].acquire();
+        allocator_group::global()->activate_allocator();
+    };
+    client first([&] { owner(0); }), second([&] { owner(1); });
+    for (unsigned int step = 0; step != 2; ++step) {
+        steps.acquire();
+        steps.acquire();
+        if (step == 1) {
+            begin();
+            client one([&] { give_back(blocks[0]); }), two([&] { give_back(blocks[1]); });
+        }
+        for (semaphore& each : go)
+            each.release();
+    }
+}
+
 // Fills the global allocator with what an allocator of 60 chunks gives up.
 void fill_reserve() {
-    owned_allocator const own;
-    take_and_give_back(15 * 60);
+    thread_allocator const own;
+    give_back(take_marked(4080, 15 * 60));
 }
 
 std::size_t reserve() {
@@ -168,130 +153,112 @@ std::size_t reserve() {
 
 // The recycler's thread returns idle memory while others take and give chunks,
 // keeps about a mebibyte, and ends when it is told to, whenever that is.
-registration const recycler({
-    .name = "recycler_keeps_its_limits",
-    .run =
-        [](unsigned int variant) {
-            accounts const books(variant % 2, true);
-            if (variant / 2 == 1)
-                end_waits_late(3000);
-            fill_reserve();
-            std::size_t const first = reserve();
-            begin();
-            allocator_recycler::global()->release(pick(2) == 0 ? 0.5 : 2.0);
-            {
-                client other([] {
-                    for (unsigned int round = 0; round != 2; ++round) {
-                        Sleep(700);
-                        take_and_give_back(31);
-                    }
-                });
-                Sleep(1000 * pick(10));
+void recycler(unsigned int variant) {
+    accounts const books(variant % 2, true);
+    if (variant / 2 == 1)
+        end_waits_late(3000);
+    fill_reserve();
+    std::size_t const first = reserve();
+    begin();
+    allocator_recycler::global()->release(pick(2) == 0 ? 0.5 : 2.0);
+    {
+        client other([] {
+            for (unsigned int round = 0; round != 2; ++round) {
+                Sleep(700);
+                give_back(take_marked(4080, 31));
             }
-            inspector::stop_recycler();
-            // The other thread may have kept some.
-            assure(reserve() <= first + 2 * 61440 && reserve() >= (1 << 20) - 5 * 61440);
-        },
-    .variants = 4,
-});
+        });
+        Sleep(1000 * pick(10));
+    }
+    inspector::stop_recycler();
+    // The other thread may have kept some.
+    assure(reserve() <= first + 2 * 61440 && reserve() >= (1 << 20) - 5 * 61440);
+}
 
 // Left to itself, it returns once a period three tenths of what was idle all
 // through that, by whole chunks, down to the limit; the first time it only begins
 // to measure. A period is a second at least, and bounded. A second start changes
 // nothing.
-registration const recycler_periods({
-    .name = "recycler_trims_once_a_period",
-    .run =
-        [](unsigned int variant) {
-            accounts const books(0, true);
-            fill_reserve();
-            std::size_t expected = reserve();
-            constexpr std::size_t chunk = 61440;
-            constexpr double periods[] = {2.0, 0.5, NAN, INFINITY};
-            DWORD const second = variant == 0 ? 2000 : 1000;
-            allocator_recycler::global()->release(periods[variant]);
-            allocator_recycler::global()->release(7.0);
-            Sleep(second / 2);
-            for (unsigned int period = 0; period != 6; ++period) {
-                assure(reserve() == expected);
-                Sleep(second);
-                if (period == 0 || variant == 3)
-                    continue;
-                auto budget = static_cast<std::size_t>(static_cast<double>(expected) * 0.3 + 0.5);
-                while (budget >= chunk && 748980 < expected / 7 * 5) {
-                    budget -= chunk;
-                    expected -= chunk;
-                }
-            }
-            assure(variant == 3 || expected < (1 << 20) + chunk);
-            std::uint64_t const start = nanoseconds();
-            inspector::stop_recycler();
-            assure(nanoseconds() - start <= 101'000'000);
-        },
-    .variants = 4,
-});
+void recycler_periods(unsigned int variant) {
+    accounts const books(0, true);
+    fill_reserve();
+    std::size_t expected = reserve();
+    constexpr std::size_t chunk = 61440;
+    constexpr double periods[] = {2.0, 0.5, NAN, INFINITY};
+    DWORD const second = variant == 0 ? 2000 : 1000;
+    allocator_recycler::global()->release(periods[variant]);
+    allocator_recycler::global()->release(7.0);
+    Sleep(second / 2);
+    for (unsigned int period = 0; period != 6; ++period) {
+        assure(reserve() == expected);
+        Sleep(second);
+        if (period == 0 || variant == 3)
+            continue;
+        auto budget = static_cast<std::size_t>(static_cast<double>(expected) * 0.3 + 0.5);
+        while (budget >= chunk && 748980 < expected / 7 * 5) {
+            budget -= chunk;
+            expected -= chunk;
+        }
+    }
+    assure(variant == 3 || expected < (1 << 20) + chunk);
+    std::uint64_t const start = nanoseconds();
+    inspector::stop_recycler();
+    assure(nanoseconds() - start <= 101'000'000);
+}
 
 // With memory refused at one point, or from one point on, what is asked for is
 // not there or comes, and nothing else changes.
-registration const refusals({
-    .name = "allocator_bears_refused_memory",
-    .run =
-        [](unsigned int variant) {
-            accounts const books(0);
-            detail::atomic<marked*> place = nullptr;
-            auto const body = [&](unsigned int size) {
-                try {
-                    allocator_group::global()->acquire_allocator();
-                } catch (std::bad_alloc const&) {
+void refusals(unsigned int variant) {
+    accounts const books(0);
+    detail::atomic<marked*> place = nullptr;
+    auto const body = [&](std::size_t size) {
+        try {
+            thread_allocator const own;
+            for (std::size_t bytes = size; bytes <= 3 * size; bytes += size) {
+                auto memory = static_cast<marked*>(ovel_calloc(1, bytes));
+                if (memory == nullptr) {
                     assure(refused() != 0);
-                    return;
+                    continue;
                 }
-                for (std::size_t bytes = size; bytes <= 3 * size; bytes += size) {
-                    auto memory = static_cast<marked*>(ovel_calloc(1, bytes));
-                    if (memory == nullptr) {
-                        assure(refused() != 0);
-                        continue;
-                    }
-                    memory->self = memory;
-                    memory->size = 1;
-                    if (auto const moved =
-                            static_cast<marked*>(ovel_realloc(memory, bytes + 1000))) {
-                        assure(moved->self == memory);
-                        memory = moved;
-                        memory->self = memory;
-                    }
-                    if (marked* const found = place.exchange(memory)) {
-                        assure(found->self == found);
-                        ovel_free(found);
-                    }
+                *memory = {memory, 1};
+                if (void* const moved = ovel_realloc(memory, bytes + 1000)) {
+                    assure(static_cast<marked*>(moved)->self == memory);
+                    memory = new (moved) marked{static_cast<marked*>(moved), 1};
                 }
-                allocator_group::global()->release_allocator();
-            };
-            begin();
-            unsigned int const first = 1 + pick(14);
-            refuse_memory(first, variant == 0 ? 1 : 1000);
-            {
-                worker second([&, size = 17 * (2 + pick(200))] { body(size); });
-                worker third([&, size = 17 * (2 + pick(200))] { body(size); });
+                give_back(place.exchange(memory));
             }
-            ovel_free(place);
-            assure(refused() != 0 || first > 2);
-        },
-    .variants = 2,
-});
+        } catch (std::bad_alloc const&) {
+            assure(refused() != 0);
+        }
+    };
+    begin();
+    unsigned int const first = 1 + pick(14);
+    refuse_memory(first, variant == 0 ? 1 : 1000);
+    {
+        worker second([&, size = 17 * (2 + pick(200))] { body(size); });
+        worker third([&, size = 17 * (2 + pick(200))] { body(size); });
+    }
+    give_back(place);
+    assure(refused() != 0 || first > 2);
+}
 
-registration const refused_group({
-    .name = "allocator_group_without_memory_is_reported",
-    .run =
-        [](unsigned int) {
-            refuse_memory(1 + pick(3));
-            expect_failure("(\"unexpected exception\", 0)");
-            begin();
-            worker second([] { allocator_group::global(); });
-            allocator_group::global();
-            fail("it was built without memory");
-        },
-});
+void refused_group(unsigned int) {
+    refuse_memory(1 + pick(3));
+    expect_failure("(\"unexpected exception\", 0)");
+    begin();
+    worker second([] { allocator_group::global(); });
+    allocator_group::global();
+    fail("it was built without memory");
+}
+
+registration const table[] = {
+    registration({.name = "allocator_blocks_come_home", .run = exchanges, .variants = 4}),
+    registration(
+        {.name = "allocator_owners_sleep_on_each_others_blocks", .run = sleepers, .variants = 2}),
+    registration({.name = "recycler_keeps_its_limits", .run = recycler, .variants = 4}),
+    registration({.name = "recycler_trims_once_a_period", .run = recycler_periods, .variants = 4}),
+    registration({.name = "allocator_bears_refused_memory", .run = refusals, .variants = 2}),
+    registration({.name = "allocator_group_without_memory_is_reported", .run = refused_group})};
 
 }  // namespace
 

@@ -52,7 +52,7 @@ struct firing : petri_function {
         assure(used->fetch_add(space) + space <= 10);
         for (arc& each : arcs)
             for (unsigned int token = 0; token != each.weight; ++token)
-                each.input ? take(each) : put(each);
+                pass(each);
         *used -= space;
         --inside;
         // Nets that run in circles would never come to rest.
@@ -60,21 +60,16 @@ struct firing : petri_function {
             transition()->deactivate();
     }
 
-    void take(arc& from) {
+    void pass(arc& over) {
         if (skipping && pick(2) == 0) {
-            from.place->receive_skip();
-            return;
+            over.input ? over.place->receive_skip() : over.place->send_skip();
+        } else if (over.input) {
+            any token;
+            over.place->receive(token);
+            tokens->cross_out(any_cast<int>(token), over.number);
+        } else {
+            over.place->send(tokens->enter(over.number));
         }
-        any token;
-        from.place->receive(token);
-        tokens->cross_out(any_cast<int>(token), from.number);
-    }
-
-    void put(arc& into) {
-        if (skipping && pick(2) == 0)
-            into.place->send_skip();
-        else
-            into.place->send(tokens->enter(into.number));
     }
 
     std::deque<arc> arcs;  // never moved: the net refers to them
@@ -87,122 +82,117 @@ struct firing : petri_function {
 
 // A net of random structure, with clients that exchange tokens and switch
 // transitions off and on, started and stopped twice.
-registration const random_nets({
-    .name = "net_of_any_structure_conserves_tokens",
-    .run =
-        [](unsigned int variant) {
-            bool const timed = variant / 2 == 1;
-            accounts const books(variant % 2, timed);
-            ledger tokens;
-            detail::atomic<int> used[2] = {0, 0};
-            triple<unsigned int, double, unsigned int> const groups[] = {{1 + pick(2), 10.0, 16384},
-                                                                         {1, 10.0, 16384}};
-            unsigned int const group_count = 1 + pick(2);
-            petri_net net(groups, groups + group_count);
+void random_nets(unsigned int variant) {
+    bool const timed = variant / 2 == 1;
+    accounts const books(variant % 2, timed);
+    ledger tokens;
+    detail::atomic<int> used[2] = {0, 0};
+    triple<unsigned int, double, unsigned int> const groups[] = {{1 + pick(2), 10.0, 16384},
+                                                                 {1, 10.0, 16384}};
+    unsigned int const group_count = 1 + pick(2);
+    petri_net net(groups, groups + group_count);
 
-            std::vector<petri_place*> places;
-            for (unsigned int each = 2 + pick(2); each != 0; --each)
-                places.push_back(net.insert_place(2 + pick(2)));
-            auto const place_count = static_cast<unsigned int>(places.size());
-            firing functions[3];
-            std::vector<petri_transition*> transitions;
-            for (firing& each : functions) {
-                unsigned int const group = pick(group_count);
-                each.tokens = &tokens;
-                each.used = &used[group];
-                each.skipping = pick(3) == 0;
-                transitions.push_back(
-                    net.insert_transition(each, pick(2) == 0, 1.0 + pick(2), pick(8), group));
-                for (unsigned int place = 0; place != place_count; ++place)
-                    for (bool const input : {true, false}) {
-                        bool const needed = place + 1 == place_count && each.arcs.empty();
-                        if (pick(3) == 0 || (needed && !input)) {
-                            each.arcs.push_back({nullptr, place, 1 + pick(2), input});
-                            firing::arc& made = each.arcs.back();
-                            petri_transition& of = *transitions.back();
-                            if (input)
-                                net.insert_input_arc(places[place],
-                                                     of.input(made.place).size(made.weight));
-                            else
-                                net.insert_output_arc(of.output(made.place).size(made.weight),
-                                                      places[place]);
-                        }
-                    }
-            }
-            auto const send = [&](unsigned int at) {
-                int const number = tokens.enter(at);
-                if (!net.try_send(places[at], number))
-                    tokens.cross_out(number, at);
-            };
-            auto const exchange = [&] {
-                for (unsigned int round = 0; round != 4; ++round) {
-                    unsigned int const at = pick(place_count);
-                    petri_place* const place = places[at];
-                    petri_transition* const transition = transitions[pick(3)];
-                    any token;
-                    switch (pick(5)) {
-                        case 0:
-                            if (net.try_receive(place, token))
-                                tokens.cross_out(any_cast<int>(token), at);
-                            break;
-                        case 1:
-                            net.try_peek(place, token);
-                            break;
-                        case 2:
-                            transition->deactivate();
-                            transition->activate();
-                            break;
-                        default:
-                            send(at);
-                            break;
-                    }
-                }
-            };
-            for (unsigned int each = pick(4); each != 0; --each)
-                send(0);
-            begin();
-            for (unsigned int round = 0; round != 2; ++round) {
-                bool clients_first = false;
-                net.release();
-                {
-                    client first(exchange), second(exchange);
-                    unsigned int const when = pick(3);
-                    clients_first = when != 0;
-                    if (clients_first) {
-                        first.join();
-                        second.join();
-                    }
-                    if (when == 1) {
-                        settle();
-                        inspector::expect_at_rest(net, [](petri_transition*) { return false; });
-                    }
-                    join(net, timed ? pick(3) : 0);
-                }
-                // Clients may have come after the net was at rest.
-                inspector::expect_at_rest(net, [&](petri_transition*) { return !clients_first; });
-                for (unsigned int place = 0; place != place_count; ++place)
-                    assure(inspector::tokens(*places[place]) ==
-                           static_cast<unsigned int>(std::ranges::count(tokens.places, place)));
-                assure(used[0] == 0 && used[1] == 0);
-                for (unsigned int each = 0; each != 3; ++each) {
-                    functions[each].fuel = 3;
-                    transitions[each]->activate();
+    std::vector<petri_place*> places;
+    for (unsigned int each = 2 + pick(2); each != 0; --each)
+        places.push_back(net.insert_place(2 + pick(2)));
+    auto const place_count = static_cast<unsigned int>(places.size());
+    firing functions[3];
+    for (firing& each : functions) {
+        unsigned int const group = pick(group_count);
+        each.tokens = &tokens;
+        each.used = &used[group];
+        each.skipping = pick(3) == 0;
+        petri_transition& of =
+            *net.insert_transition(each, pick(2) == 0, 1.0 + pick(2), pick(8), group);
+        for (unsigned int place = 0; place != place_count; ++place)
+            for (bool const input : {true, false}) {
+                bool const needed = place + 1 == place_count && each.arcs.empty();
+                if (pick(3) == 0 || (needed && !input)) {
+                    each.arcs.push_back({nullptr, place, 1 + pick(2), input});
+                    firing::arc& made = each.arcs.back();
+                    if (input)
+                        net.insert_input_arc(places[place], of.input(made.place).size(made.weight));
+                    else
+                        net.insert_output_arc(of.output(made.place).size(made.weight),
+                                              places[place]);
                 }
             }
-        },
-    .variants = 4,
-});
+    }
+    auto const send = [&](unsigned int at) {
+        int const number = tokens.enter(at);
+        if (!net.try_send(places[at], number))
+            tokens.cross_out(number, at);
+    };
+    auto const exchange = [&] {
+        for (unsigned int round = 0; round != 4; ++round) {
+            unsigned int const at = pick(place_count);
+            petri_transition* const transition = functions[pick(3)].transition();
+            unsigned int const what = pick(5);
+            any token;
+            if (what == 0) {
+                if (net.try_receive(places[at], token))
+                    tokens.cross_out(any_cast<int>(token), at);
+            } else if (what == 1) {
+                net.try_peek(places[at], token);
+            } else if (what == 2) {
+                transition->deactivate();
+                transition->activate();
+            } else {
+                send(at);
+            }
+        }
+    };
+    for (unsigned int each = pick(4); each != 0; --each)
+        send(0);
+    begin();
+    for (unsigned int round = 0; round != 2; ++round) {
+        bool clients_first = false;
+        net.release();
+        {
+            client first(exchange), second(exchange);
+            unsigned int const when = pick(3);
+            clients_first = when != 0;
+            if (clients_first) {
+                first.join();
+                second.join();
+            }
+            if (when == 1) {
+                settle();
+                inspector::expect_at_rest(net, [](petri_transition*) { return false; });
+            }
+            join(net, timed ? pick(3) : 0);
+        }
+        // Clients may have come after the net was at rest.
+        inspector::expect_at_rest(net, [&](petri_transition*) { return !clients_first; });
+        for (unsigned int place = 0; place != place_count; ++place)
+            assure(inspector::tokens(*places[place]) ==
+                   static_cast<unsigned int>(std::ranges::count(tokens.places, place)));
+        assure(used[0] == 0 && used[1] == 0);
+        for (firing& each : functions) {
+            each.fuel = 3;
+            each.transition()->activate();
+        }
+    }
+}
 
-// Moves a token from one place to the next.
+// Moves a token from one place to the next, or takes one, lets another firing go on
+// and waits until it may go on itself.
 struct mover : petri_function {
     void operator()() override {
         any token;
         from->receive(token);
-        into->send(token);
+        if (into != nullptr) {
+            into->send(token);
+        } else {
+            other->release();
+            own->acquire();
+        }
     }
 
     petri_place* from = nullptr;
     petri_place* into = nullptr;
+    semaphore* own = nullptr;
+    semaphore* other = nullptr;
 };
 
 // Three places in a row, with little room.
@@ -225,172 +215,149 @@ struct line {
 
 // Every token that is sent is received, each once, although senders and receivers
 // block and transitions are switched off meanwhile.
-registration const blocked_clients({
-    .name = "net_serves_blocked_senders_and_receivers",
-    .run =
-        [](unsigned int variant) {
-            accounts const books(variant);
-            line through(1 + pick(2));
-            detail::atomic<unsigned int> received[6] = {};
-            bool const stopped_first = pick(2) == 0;
-            if (!stopped_first)
-                through.net.release();
-            begin();
-            {
-                auto const send = [&](int first, int end) {
-                    for (int token = first; token != end; ++token)
-                        through.net.send(through.places[0], token);
-                };
-                auto const receive = [&] {
-                    for (int each = 0; each != 3; ++each) {
-                        any token;
-                        through.net.peek(through.places[2], token);
-                        through.net.receive(through.places[2], token);
-                        ++received[any_cast<int>(token)];
-                    }
-                };
-                if (stopped_first) {
-                    send(0, 1);
-                    through.net.release();
-                }
-                client one([&] { send(3, 6); }), two(receive), three(receive), four([&] {
-                    for (petri_transition* each : through.transitions) {
-                        each->deactivate();
-                        each->activate();
-                    }
-                });
-                send(stopped_first, 3);
+void blocked_clients(unsigned int variant) {
+    accounts const books(variant);
+    line through(1 + pick(2));
+    detail::atomic<unsigned int> received[6] = {};
+    bool const stopped_first = pick(2) == 0;
+    if (!stopped_first)
+        through.net.release();
+    begin();
+    {
+        auto const send = [&](int first, int end) {
+            for (int token = first; token != end; ++token)
+                through.net.send(through.places[0], token);
+        };
+        auto const receive = [&] {
+            for (int each = 0; each != 3; ++each) {
+                any token;
+                through.net.peek(through.places[2], token);
+                through.net.receive(through.places[2], token);
+                ++received[any_cast<int>(token)];
             }
-            through.net.acquire();
-            for (detail::atomic<unsigned int>& each : received)
-                assure(each == 1);
-            inspector::expect_at_rest(through.net, [](petri_transition*) { return false; });
-        },
-    .variants = 2,
-});
-
-// Takes a token, lets another go on, and waits until it may go on itself.
-struct meeting : petri_function {
-    void operator()() override {
-        any token;
-        from->receive(token);
-        other->release();
-        own->acquire();
+        };
+        if (stopped_first) {
+            send(0, 1);
+            through.net.release();
+        }
+        client one([&] { send(3, 6); }), two(receive), three(receive), four([&] {
+            for (petri_transition* each : through.transitions) {
+                each->deactivate();
+                each->activate();
+            }
+        });
+        send(stopped_first, 3);
     }
-
-    petri_place* from = nullptr;
-    semaphore* own = nullptr;
-    semaphore* other = nullptr;
-};
+    through.net.acquire();
+    for (detail::atomic<unsigned int>& each : received)
+        assure(each == 1);
+    inspector::expect_at_rest(through.net, [](petri_transition*) { return false; });
+}
 
 // Two transitions whose firings need each other, and a third that takes a thread and
 // some of the space meanwhile: what fits waits only while all threads are busy. Its
 // last token comes while the net stops, and is fired before the stop, or stays.
-registration const firings_that_meet({
-    .name = "net_fires_side_by_side_what_fits",
-    .run =
-        [](unsigned int variant) {
-            accounts const books(variant % 2);
-            bool const with_space = variant / 2 == 1;
-            constexpr int tokens = 2;
-            semaphore here[3] = {{0, 0}, {0, 0}, {0, 0}};
-            meeting functions[3];
-            petri_net net(2 + pick(2), with_space ? 10.0 : 0.0, 16384);
-            petri_place* places[3];
-            for (unsigned int each = 0; each != 3; ++each) {
-                functions[each].own = &here[each];
-                functions[each].other = &here[each == 2 ? 2 : 1 - each];
-                double const space = with_space ? 5.0 - (each == 2) * pick(3) : 0.0;
-                petri_transition* const made =
-                    net.insert_transition(functions[each], false, 1.0 + pick(2), space, 0);
-                places[each] = net.insert_place(tokens);
-                net.insert_input_arc(places[each], made->input(functions[each].from));
-            }
-            unsigned int const before = pick(3);
-            for (unsigned int each = 0; each != before; ++each)
-                net.send(places[each], 0);
-            begin();
-            net.release();
-            {
-                auto const send = [&](unsigned int place) {
-                    for (int token = place < before; token != tokens; ++token)
-                        net.send(places[place], token);
-                };
-                client one([&] { send(0); }), two([&] { send(1); });
-                send(2);
-            }
-            net.send(places[2], 0);
-            {
-                client late([&] { net.send(places[2], 1); });
-                net.acquire();
-            }
-            inspector::expect_at_rest(
-                net, [&](petri_transition* each) { return each == functions[2].transition(); });
-        },
-    .variants = 4,
-});
+void firings_that_meet(unsigned int variant) {
+    accounts const books(variant % 2);
+    bool const with_space = variant / 2 == 1;
+    constexpr int tokens = 2;
+    semaphore here[3] = {{0, 0}, {0, 0}, {0, 0}};
+    mover functions[3];
+    petri_net net(2 + pick(2), with_space ? 10.0 : 0.0, 16384);
+    petri_place* places[3];
+    for (unsigned int each = 0; each != 3; ++each) {
+        functions[each].own = &here[each];
+        functions[each].other = &here[each == 2 ? 2 : 1 - each];
+        double const space = with_space ? 5.0 - (each == 2) * pick(3) : 0.0;
+        petri_transition* const made =
+            net.insert_transition(functions[each], false, 1.0 + pick(2), space, 0);
+        places[each] = net.insert_place(tokens);
+        net.insert_input_arc(places[each], made->input(functions[each].from));
+    }
+    unsigned int const before = pick(3);
+    for (unsigned int each = 0; each != before; ++each)
+        net.send(places[each], 0);
+    begin();
+    net.release();
+    {
+        auto const send = [&](unsigned int place) {
+            for (int token = place < before; token != tokens; ++token)
+                net.send(places[place], token);
+        };
+        client one([&] { send(0); }), two([&] { send(1); });
+        send(2);
+    }
+    net.send(places[2], 0);
+    {
+        client late([&] { net.send(places[2], 1); });
+        net.acquire();
+    }
+    inspector::expect_at_rest(
+        net, [&](petri_transition* each) { return each == functions[2].transition(); });
+}
 
 // With memory refused while a line of places works, calls throw and can be tried
 // again, or the process ends with a message; no token goes astray or comes twice.
-registration const net_refusals({
-    .name = "net_bears_refused_memory",
-    .run =
-        [](unsigned int variant) {
-            accounts const books(0);
-            expect_failure("(\"unexpected exception\", 0)");
-            begin();
-            if (variant == 0)
-                refuse_memory(1 + pick(16));
-            std::unique_ptr<line> through;
-            auto const again = [](auto const& call) {
-                for (;;) {
-                    try {
-                        call();
-                        return;
-                    } catch (std::bad_alloc const&) {
-                        assure(refused() != 0);
-                    }
-                }
-            };
-            again([&] { through = std::make_unique<line>(2); });
-            again([&] { through->net.release(); });
-            if (variant == 1)
-                refuse_memory(1 + pick(6), 2);
-            unsigned int received[4] = {};
-            auto const receive = [&](petri_place* place) {
-                any token;
-                bool found = false;
-                try {
-                    found = through->net.try_receive(place, token);
-                } catch (std::bad_alloc const&) {
-                    found = !token.empty();
-                }
-                if (found)
-                    ++received[any_cast<int>(token)];
-                return found;
-            };
-            bool sent[4] = {};
-            for (int token = 0; token != 4; ++token) {
-                try {
-                    sent[token] = through->net.try_send(through->places[0], token);
-                } catch (std::bad_alloc const&) {
-                    assure(refused() != 0);
-                }
-                receive(through->places[2]);
-            }
-            refuse_memory(0, 0);
-            // A transition that could not be queued is looked at again.
-            for (petri_transition* each : through->transitions)
-                each->activate();
-            through->net.acquire();
-            inspector::expect_at_rest(through->net, [](petri_transition*) { return true; });
-            for (petri_place* each : through->places)
-                while (receive(each)) {}
-            for (unsigned int token = 0; token != 4; ++token)
-                assure(received[token] <= 1 && (!sent[token] || received[token] == 1));
-        },
-    .variants = 2,
-});
+void net_refusals(unsigned int variant) {
+    accounts const books(0);
+    expect_failure("(\"unexpected exception\", 0)");
+    begin();
+    if (variant == 0)
+        refuse_memory(1 + pick(16));
+    std::unique_ptr<line> through;
+    for (bool running = false; !running;)
+        try {
+            if (through == nullptr)
+                through = std::make_unique<line>(2);
+            through->net.release();
+            running = true;
+        } catch (std::bad_alloc const&) {
+            assure(refused() != 0);
+        }
+    if (variant == 1)
+        refuse_memory(1 + pick(6), 2);
+    unsigned int received[4] = {};
+    auto const receive = [&](petri_place* place) {
+        any token;
+        try {
+            through->net.try_receive(place, token);
+        } catch (std::bad_alloc const&) {
+            assure(refused() != 0);  // and the token may be there
+        }
+        if (!token.empty())
+            ++received[any_cast<int>(token)];
+        return !token.empty();
+    };
+    bool sent[4] = {};
+    for (int token = 0; token != 4; ++token) {
+        try {
+            sent[token] = through->net.try_send(through->places[0], token);
+        } catch (std::bad_alloc const&) {
+            assure(refused() != 0);
+        }
+        receive(through->places[2]);
+    }
+    refuse_memory(0, 0);
+    // A transition that could not be queued is looked at again.
+    for (petri_transition* each : through->transitions)
+        each->activate();
+    through->net.acquire();
+    inspector::expect_at_rest(through->net, [](petri_transition*) { return true; });
+    for (petri_place* each : through->places)
+        while (receive(each)) {}
+    for (unsigned int token = 0; token != 4; ++token)
+        assure(received[token] <= 1 && (!sent[token] || received[token] == 1));
+}
+
+registration const table[] = {
+    registration(
+        {.name = "net_of_any_structure_conserves_tokens", .run = random_nets, .variants = 4}),
+    registration({.name = "net_serves_blocked_senders_and_receivers",
+                  .run = blocked_clients,
+                  .variants = 2}),
+    registration(
+        {.name = "net_fires_side_by_side_what_fits", .run = firings_that_meet, .variants = 4}),
+    registration({.name = "net_bears_refused_memory", .run = net_refusals, .variants = 2})};
 
 }  // namespace
 

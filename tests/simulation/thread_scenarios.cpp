@@ -10,11 +10,10 @@
 #include "ovel_thread.h"
 #include "ovel_thread_group.h"
 #include "ovel_time.h"
+#include "ovel_work.h"
 #include "simulation/simulation.h"
 
 #include <deque>
-#include <functional>
-#include <utility>
 
 namespace ovel::simulation {
 
@@ -22,69 +21,57 @@ namespace {
 
 using detail::inspector;
 
-class work : public thread_function {
-public:
-    explicit work(std::function<void()> body) : _body(std::move(body)) {}
-    void operator()() override {
-        _body();
-    }
-
-private:
-    std::function<void()> _body;
-};
-
 // Clients borrow threads; a run has the stack it asked for and less than four times
 // as much, and idle threads are used again.
-registration const pool({
-    .name = "pool_reuses_threads_that_fit",
-    .run =
-        [](unsigned int variant) {
-            accounts const books(variant % 2, true);
-            bool const alike = variant / 2 == 0;
-            constexpr unsigned int sizes[] = {16384, 65536, 100000, 524288, 0};
-            unsigned int const clients = 2 + pick(2);
-            detail::atomic<unsigned int> runs = 0;
-            begin();
-            {
-                std::deque<client> all;
-                for (unsigned int each = 0; each != clients; ++each)
-                    all.emplace_back([&] {
-                        for (unsigned int run = 0; run != 3; ++run) {
-                            unsigned int const size = alike ? 65536 : sizes[pick(5)];
-                            work job([&] {
-                                unsigned int const given = stack_size();
-                                assure(size == 0 ? given == 0 : given >= size && given / 4 < size);
-                                ++runs;
-                            });
-                            thread borrowed(size);
-                            borrowed.schedule(job);
-                            borrowed.release();
-                            join(borrowed, pick(3));
-                        }
+void pool(unsigned int variant) {
+    accounts const books(variant % 2, true);
+    bool const alike = variant / 2 == 0;
+    constexpr unsigned int sizes[] = {16384, 65536, 100000, 524288, 0};
+    unsigned int const clients = 2 + pick(2);
+    detail::atomic<unsigned int> runs = 0;
+    begin();
+    {
+        std::deque<client> all;
+        for (unsigned int each = 0; each != clients; ++each)
+            all.emplace_back([&] {
+                for (unsigned int run = 0; run != 3; ++run) {
+                    unsigned int const size = alike ? 65536 : sizes[pick(5)];
+                    work job([&] {
+                        unsigned int const given = stack_size();
+                        assure(size == 0 ? given == 0 : given >= size && given / 4 < size);
+                        ++runs;
                     });
-            }
-            assure(runs == clients * 3);
-            // The time server, this thread, and the idle ones.
-            unsigned int const idle = detail::thread_element_group::global()->size();
-            assure(threads() == idle + 2);
-            assure(idle >= 1 && (!alike || idle <= clients));
-        },
-    .variants = 4,
-});
+                    thread borrowed(size);
+                    borrowed.schedule(job);
+                    borrowed.release();
+                    join(borrowed, pick(3));
+                }
+            });
+    }
+    assure(runs == clients * 3);
+    // The time server, this thread, and the idle ones.
+    unsigned int const idle = detail::thread_element_group::global()->size();
+    assure(threads() == idle + 2);
+    assure(idle >= 1 && (!alike || idle <= clients));
+}
 
 // Work that takes `space` of a group's budget of 10.
 struct item : thread_function {
+    static constexpr int budget = 10;
+
+    // What all have in common.
     struct tally {
+        bool waits;  // each until the scenario lets it go
+        thread_group group = {1 + pick(3), budget, 16384};
         detail::atomic<int> space = 0;
         detail::atomic<unsigned int> runs = 0;
         semaphore added = {0, 0};
         semaphore go = {0, 0};
     };
-    static constexpr int budget = 10;
 
     // Schedules itself.
     void add() {
-        group->schedule(*this, length, space);
+        all->group.schedule(*this, length, space);
         all->added.release();
     }
     void operator()() override {
@@ -92,116 +79,108 @@ struct item : thread_function {
         allocator_support::deallocate(allocator_support::allocate(24));
         if (next != nullptr)
             next->add();
-        if (waits)
+        if (all->waits)
             all->go.acquire();
         all->space.fetch_sub(space);
         ++all->runs;
     }
 
-    thread_group* group = nullptr;
     tally* all = nullptr;
     int space = 0;
     unsigned int length = 1;
     item* next = nullptr;  // is scheduled by this one's run
-    bool waits = false;    // until the scenario lets it go
 };
 
 // Work is scheduled before the start or after it, by another thread and by work; all
 // of it runs, and the group can be started again. When nothing moves any more, either
 // every thread works or what waits does not fit: a wake-up lost between them would
 // leave both a thread and work for it.
-registration const group_runs_everything({
-    .name = "group_keeps_its_space_and_runs_everything",
-    .run =
-        [](unsigned int variant) {
-            bool const timed = variant / 2 % 2 == 1;
-            bool const waits = variant / 4 == 1;
-            accounts const books(variant % 2, timed);
-            item::tally all;
-            thread_group group(1 + pick(3), item::budget, 16384);
-            item made[8];
-            begin();
-            for (unsigned int expected = 0, round = 0; round != 2; ++round) {
-                for (item& each : made) {
-                    // Many that are alike, many that need everything.
-                    constexpr int spaces[] = {0, 1, 3, 5, 6, 10};
-                    each.group = &group;
-                    each.all = &all;
-                    each.space = spaces[pick(6)];
-                    each.length = 1 + pick(2);
-                    each.waits = waits;
-                }
-                made[0].next = &made[6];
-                made[3].next = &made[7];
-                made[5].add();
-                all.added.acquire();
-                group.clear();  // so it does not run
-                // Few, so that threads are idle, or many, so that they are not.
-                unsigned int const mine = pick(4), others = pick(4);
-                unsigned int const added = mine + others + (mine != 0) + (others != 0);
-                expected += added;
-                // Threads that are still to come, or that wait for work.
-                bool const starts_first = pick(2) == 0;
-                if (starts_first) {
-                    group.release();
-                    settle();
-                }
-                client other([&] {
-                    for (unsigned int each = 0; each != others; ++each)
-                        made[3 + each].add();
-                });
-                if (!starts_first)
-                    group.release();
-                for (unsigned int each = 0; each != mine; ++each)
-                    made[each].add();
-                while (waits && all.runs != expected) {
-                    settle();
-                    inspector::expect_busy(group);
-                    all.go.release();
-                    settle();
-                }
-                for (unsigned int each = 0; each != added; ++each)
-                    all.added.acquire();
-                group.conclude();
-                join(group, timed ? pick(3) : 0);
-                assure(all.runs == expected && all.space == 0);
-            }
-        },
-    .variants = 6,
-});
+void group_runs_everything(unsigned int variant) {
+    bool const timed = variant / 2 % 2 == 1;
+    accounts const books(variant % 2, timed);
+    item::tally all = {.waits = variant / 4 == 1};
+    thread_group& group = all.group;
+    item made[8];
+    begin();
+    for (unsigned int expected = 0, round = 0; round != 2; ++round) {
+        for (item& each : made) {
+            // Many that are alike, many that need everything.
+            constexpr int spaces[] = {0, 1, 3, 5, 6, 10};
+            each.all = &all;
+            each.space = spaces[pick(6)];
+            each.length = 1 + pick(2);
+        }
+        made[0].next = &made[6];
+        made[3].next = &made[7];
+        made[5].add();
+        all.added.acquire();
+        group.clear();  // so it does not run
+        // Few, so that threads are idle, or many, so that they are not.
+        unsigned int const mine = pick(4), others = pick(4);
+        unsigned int const added = mine + others + (mine != 0) + (others != 0);
+        expected += added;
+        // Threads that are still to come, or that wait for work.
+        bool const starts_first = pick(2) == 0;
+        if (starts_first) {
+            group.release();
+            settle();
+        }
+        client other([&] {
+            for (unsigned int each = 0; each != others; ++each)
+                made[3 + each].add();
+        });
+        if (!starts_first)
+            group.release();
+        for (unsigned int each = 0; each != mine; ++each)
+            made[each].add();
+        while (all.waits && all.runs != expected) {
+            settle();
+            inspector::expect_busy(group);
+            all.go.release();
+            settle();
+        }
+        for (unsigned int each = 0; each != added; ++each)
+            all.added.acquire();
+        group.conclude();
+        join(group, timed ? pick(3) : 0);
+        assure(all.runs == expected && all.space == 0);
+    }
+}
 
 // A kernel that has no object left to give: wherever that strikes, the check that
 // tells so ends the process, and nothing else fails before.
-registration const refused_objects({
-    .name = "kernel_objects_refused_are_reported",
-    .run =
-        [](unsigned int variant) {
-            set_default_spin(2);
-            expect_failure("_semaphore != 0");
-            expect_failure("_thread != 0");
-            expect_failure("mutex != 0");
-            begin();
-            unsigned int const first = 1 + pick(30);
-            refuse_objects(first);
-            time::now();
-            {
-                thread_group group(2, item::budget, 16384);
-                work nothing([] {});
-                group.schedule(nothing, 1.0, 1.0);
-                if (variant == 1)
-                    group.conclude();
-                group.release();
-                allocator_group::global()->acquire_allocator();
-                if (variant == 0)
-                    group.conclude();
-                group.acquire();
-                allocator_group::global()->release_allocator();
-            }
-            assure(refused() == 0 && first != 1);
-            balance();
-        },
-    .variants = 2,
-});
+void refused_objects(unsigned int variant) {
+    set_default_spin(2);
+    expect_failure("_semaphore != 0");
+    expect_failure("_thread != 0");
+    expect_failure("mutex != 0");
+    begin();
+    unsigned int const first = 1 + pick(30);
+    refuse_objects(first);
+    time::now();
+    {
+        thread_group group(2, item::budget, 16384);
+        work nothing([] {});
+        group.schedule(nothing, 1.0, 1.0);
+        if (variant == 1)
+            group.conclude();
+        group.release();
+        thread_allocator const own;
+        if (variant == 0)
+            group.conclude();
+        group.acquire();
+    }
+    assure(refused() == 0 && first != 1);
+    balance();
+}
+
+registration const table[] = {
+    registration({.name = "pool_reuses_threads_that_fit", .run = pool, .variants = 4}),
+    registration({.name = "group_keeps_its_space_and_runs_everything",
+                  .run = group_runs_everything,
+                  .variants = 6}),
+    registration(
+        {.name = "kernel_objects_refused_are_reported", .run = refused_objects, .variants = 2})};
 
 }  // namespace
 
