@@ -86,6 +86,7 @@ allocator::allocator(allocator* parent)
         std::size_t const size = detail::block_sizes[k];
         _full[k].format(this, 0, size, detail::alignment_of(size));
         _partial[k].format(this, 0, size, detail::alignment_of(size));
+        _serving[k] = &_partial[k];
     }
     _empty.format(this, 0, 0, 0);
 
@@ -149,6 +150,7 @@ detail::block* allocator::_allocate_from_new(std::size_t k) {
         }
     }
     home->insert_front(_partial[k]);
+    _serving[k] = home;
     detail::add(_capacity, home->_capacity);
     _find_surplus();
     detail::block& taken = *home->_free;

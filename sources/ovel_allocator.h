@@ -143,9 +143,13 @@ struct remote {
 // Rings. A chunk is in exactly one ring of its `_allocator`:
 //
 //     _full[k]     no block free     its `_size` equals its `_capacity`
-//     _partial[k]  some block free   its first chunk serves the class; one chunk
-//                                    of the ring may have no block in use
+//     _partial[k]  some block free   one chunk of the ring may have no block in use
 //     _empty       no block in use   laid out for the class it last served
+//
+// Of `_partial[k]` the chunk into which a block was freed last serves the class, or the
+// first of the ring once that one is gone. It is noted in `_serving[k]`, and stays in its
+// place: blocks that are freed in any order go to one chunk after the other, and a move
+// each time costs more than the rest of the free.
 //
 // `_size` and `_capacity` are the sums of those of the chunks. The global
 // allocator has chunks in `_empty` only.
@@ -278,6 +282,9 @@ private:
     // With less than this in use there are a surplus and a chunk in `_empty` to give.
     // Without a meaning in the global allocator, which gives nothing.
     std::size_t _surplus_below;
+
+    // The sentinel, which never has a free block, where `_partial[k]` is empty.
+    detail::chunk* _serving[detail::classes];
     [[maybe_unused]] cacheline _end;
 };
 
@@ -334,16 +341,17 @@ inline detail::block* allocator::_take_waiting(std::size_t k) {
 
 // A block of class `k` if a chunk of it has one free, or another's waits, else null.
 inline detail::block* allocator::_take_ready(std::size_t k) {
-    // In an empty ring that is the sentinel, which never has a free block.
-    detail::chunk& home = *_partial[k]._next;
+    detail::chunk& home = *_serving[k];
     detail::block* const taken = home._free;
     if (taken == nullptr)
         return _take_waiting(k);
     detail::block* const next = taken->_next;
     __builtin_prefetch(next);  // for the next allocation of the class
     _take_block(*taken, home);
-    if (next == nullptr) [[unlikely]]
+    if (next == nullptr) [[unlikely]] {
         home.move_to_front(_full[k]);
+        _serving[k] = _partial[k]._next;
+    }
     return taken;
 }
 
@@ -353,7 +361,8 @@ inline detail::block* allocator::allocate_ready(std::size_t k) {
 
 // Puts a block back into its chunk, and the chunk into the ring where it belongs.
 inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
-    freed._next = home._free;
+    detail::block* const rest = home._free;
+    freed._next = rest;
     home._free = &freed;
     std::size_t const block_size = home._block_size;
     std::size_t const size = home._size - block_size;
@@ -361,18 +370,18 @@ inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
     detail::add(_size, -block_size);
 
     // A class keeps its last chunk, used or not: a thread that frees a block and
-    // asks for the next one formats nothing. So the first chunk of a partial ring
-    // stays, but for one that is unused and not alone.
-    std::size_t const place =
-        reinterpret_cast<std::size_t>(home._previous) - reinterpret_cast<std::size_t>(_partial);
-    bool const first = place < sizeof _partial;
-    if (first && (size != 0 || home._next == home._previous)) [[likely]]
-        return;
-    detail::chunk& partial = _partial[detail::class_of(block_size)];
-    bool const spare = size == 0 && !partial.holds_only(home);
-    home.move_to_front(spare ? _empty : partial);
-    if (spare)
+    // asks for the next one formats nothing.
+    std::size_t const k = detail::class_of(block_size);
+    bool const spare = size == 0 && home._next != home._previous;
+    if (spare) [[unlikely]] {
+        home.move_to_front(_empty);
+        _serving[k] = _partial[k]._next;
         _find_surplus();
+        return;
+    }
+    if (rest == nullptr) [[unlikely]]
+        home.move_to_front(_partial[k]);
+    _serving[k] = &home;
 }
 
 // One chunk leaves at most, after four hand-overs at most.
