@@ -27,6 +27,7 @@
 #ifndef OVEL_PETRI_NET_H
 #define OVEL_PETRI_NET_H
 
+#include "ovel_allocator_support.h"
 #include "ovel_any.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
@@ -42,13 +43,104 @@
 #include "ovel_time.h"
 #include "ovel_triple.h"
 
+#include <algorithm>
+#include <limits>
+#include <new>
+#include <type_traits>
 #include <utility>
 
 namespace ovel {
 
 class petri_arc;
 class petri_net;
+class petri_place;
 class petri_transition;
+
+namespace detail {
+
+// Plain values side by side in one block, which is had from `allocator_support`.
+template <class T>
+class row {
+    static_assert(std::is_trivially_copyable_v<T> && alignof(T) <= 16);
+
+public:
+    row() = default;
+
+    // Throws std::bad_alloc, as `make_room` does.
+    row(row const& other) {
+        if (other._size == 0)
+            return;
+        _reallocate(other._size);
+        std::copy_n(other._begin, other._size, _begin);
+        _size = other._size;
+    }
+    row& operator=(row const&) = delete;
+
+    ~row() {
+        allocator_support::deallocate(_begin);
+    }
+
+    T const* begin() const {
+        return _begin;
+    }
+    T const* end() const {
+        return _begin + _size;
+    }
+
+    // Room for one more.
+    void make_room() {
+        if (_size == _capacity)
+            _reallocate(std::max(2 * _capacity, 2u));
+    }
+    void push_back(T const& value) noexcept {
+        ::new (static_cast<void*>(_begin + _size++)) T(value);
+    }
+
+private:
+    void _reallocate(unsigned int capacity) {
+        T* const grown = static_cast<T*>(allocator_support::allocate(capacity * sizeof(T)));
+        std::copy_n(_begin, _size, grown);
+        allocator_support::deallocate(_begin);
+        _begin = grown;
+        _capacity = capacity;
+    }
+
+    T* _begin = nullptr;
+    unsigned int _size = 0;
+    unsigned int _capacity = 0;
+};
+
+// What an engine reads of a transition's arc.
+struct petri_access {
+    inline bool enabled() const;
+
+    petri_place* place;
+    unsigned int size;
+    unsigned int room;  // what an output place may hold at most to have the slots free
+    bool input;
+};
+
+// What it reads of a place's arcs of one direction.
+struct petri_side {
+    struct end {
+        petri_transition* transition;
+        unsigned int size;
+        bool reentrant;
+    };
+
+    void push_back(end const& added) noexcept {
+        ends.push_back(added);
+        most =
+            added.reentrant ? std::numeric_limits<unsigned int>::max() : std::max(most, added.size);
+    }
+
+    row<end> ends;
+    // With so many tokens or slots, one more enables nothing: the largest weight, and
+    // endless where a transition is reentrant.
+    unsigned int most = 0;
+};
+
+}  // namespace detail
 
 // Holds tokens up to its capacity, first in, first out. Nets make places and own
 // them.
@@ -93,12 +185,21 @@ private:
     friend class petri_arc;
     friend class petri_net;
     friend struct detail::inspector;
+    friend struct detail::petri_access;
 
+    // What no firing has reserved. The capacity is read here, since firing code
+    // writes the line of the channel's.
+    unsigned int tokens() const {
+        return _size - _receive_size;
+    }
+    unsigned int slots() const {
+        return _capacity - _send_size - _size;
+    }
     bool receive_enabled(unsigned int size) const {
-        return _size - _receive_size >= size;
+        return tokens() >= size;
     }
     bool send_enabled(unsigned int size) const {
-        return _channel.capacity() - _send_size - _size >= size;
+        return slots() >= size;
     }
 
     // A firing begins: what it will take and put is set aside.
@@ -108,7 +209,8 @@ private:
     }
     void reserve_send(unsigned int size) {
         _send_size += size;
-        assure(_size + _send_size <= _channel.capacity());
+        if (_size + _send_size > _capacity)
+            assure(_size + _send_size <= _channel.capacity());
     }
 
     // A firing ends, having taken and put all but what it skipped. Which of the
@@ -137,8 +239,11 @@ private:
     list<petri_arc*>& arcs() {
         return _arcs;
     }
-    void insert_arc(list<petri_arc*>::prepared&& arc) {
-        _arcs.push_back(std::move(arc));
+    // Needs room in the side that the arc belongs to.
+    inline void insert_arc(list<petri_arc*>::prepared&& arc);
+
+    detail::petri_side& side(bool input) {
+        return input ? _consumers : _producers;
     }
 
     unsigned int _settle(detail::atomic<unsigned int>& skip, unsigned int size);
@@ -159,6 +264,10 @@ private:
     // Under the net's mutex: callers of the net that wait for a token or a slot.
     unsigned int _receivers = 0;
     unsigned int _senders = 0;
+    unsigned int const _capacity;
+    // What `_arcs` says, as the engine reads it.
+    detail::petri_side _consumers;
+    detail::petri_side _producers;
 };
 
 // Joins a place and a transition in one direction, with a weight: the tokens that
@@ -195,6 +304,10 @@ private:
     petri_place*& _place_reference;
     unsigned int _size;
 };
+
+inline bool detail::petri_access::enabled() const {
+    return input ? place->receive_enabled(size) : place->_size + place->_send_size <= room;
+}
 
 // The transition's end of an arc before the arc exists: what `input` and `output`
 // of a transition return and `insert_input_arc` and `insert_output_arc` of a net
@@ -349,6 +462,15 @@ private:
     list<petri_arc*>& arcs() {
         return _arcs;
     }
+    detail::row<detail::petri_access>& accesses() {
+        return _accesses;
+    }
+    unsigned int rank() const {
+        return _rank;
+    }
+    void rank(unsigned int rank) {
+        _rank = rank;
+    }
 
     bool enabled() const;
     petri_place* find_place(petri_place*& place_reference) const;
@@ -375,7 +497,16 @@ private:
     list<petri_arc*> _arcs;    // changes while the net is stopped only
     position _iterator;        // its place in the net's queue; null when it is not queued
     [[maybe_unused]] cacheline _after{};
+    detail::row<detail::petri_access> _accesses;  // what `_arcs` says, as the engine reads it
+    unsigned int _rank = 0;  // among the spaces and times of its group, the first to fire is 0
 };
+
+inline void petri_place::insert_arc(list<petri_arc*>::prepared&& arc) {
+    petri_arc const& inserted = *arc->value;
+    side(inserted.input())
+        .push_back({inserted.transition(), inserted.size(), inserted.transition()->reentrant()});
+    _arcs.push_back(std::move(arc));
+}
 
 inline petri_place* petri_connector::place() const {
     petri_place* const place = _transition->find_place(_place_reference);
@@ -543,11 +674,16 @@ private:
 
     petri_arc* _insert_arc(petri_place* place, petri_connector const& connector);
 
+    void _rank_transitions();
     void _enqueue(petri_transition* transition);
     void _enqueue_if_enabled(petri_transition* transition);
     void _dequeue(petri_transition* transition);
-    void _enqueue_receive_arcs(petri_place* place);
-    void _enqueue_send_arcs(petri_place* place);
+    bool _is_queue_empty() const;
+    petri_transition* _first_queued();
+    void _enqueue_side(detail::petri_side const& side, unsigned int before, unsigned int now);
+    void _enqueue_receive_arcs(petri_place* place, unsigned int before);
+    void _enqueue_send_arcs(petri_place* place, unsigned int before);
+    void _dequeue_side(detail::petri_side const& side, unsigned int now);
     void _dequeue_receive_arcs(petri_place* place);
     void _dequeue_send_arcs(petri_place* place);
     void _enqueue_arcs(petri_transition* transition);
@@ -600,6 +736,12 @@ private:
     bool _news = false;                   // what a blocked caller waits for has come
     // Firings that have ended, modulo its range; who waits for `_mutex` looks how it grows.
     detail::atomic<unsigned int> _ended = 0;
+    unsigned int _ranked = 0;  // transitions that have their rank
+    // While the net dispatches, up to so many queued transitions are here, the first one
+    // last, and further ones in `_queue`. Their iterator is `_queue`'s end.
+    static constexpr unsigned int _most_ahead = 8;
+    unsigned int _ahead_size = 0;
+    petri_transition* _ahead[_most_ahead];
 };
 
 }  // namespace ovel

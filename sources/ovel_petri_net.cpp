@@ -36,14 +36,17 @@
 #include "ovel_time.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
+#include <limits>
 #include <memory>
+#include <tuple>
 #include <utility>
 
 namespace ovel {
 
 petri_place::petri_place(unsigned int capacity)
-    : _channel(capacity), _mutex(detail::current_spin()) {}
+    : _channel(capacity), _mutex(detail::current_spin()), _capacity(capacity) {}
 
 petri_place::~petri_place() = default;
 
@@ -200,8 +203,8 @@ void petri_transition::deactivate() {
 bool petri_transition::enabled() const {
     if (!_activated || (!_reentrant && _firing != 0))
         return false;
-    return std::all_of(_arcs.begin(), _arcs.end(),
-                       [](petri_arc const* arc) { return arc->enabled(); });
+    return std::all_of(_accesses.begin(), _accesses.end(),
+                       [](detail::petri_access const& access) { return access.enabled(); });
 }
 
 // The place of the arc that this very variable names, or null.
@@ -227,13 +230,15 @@ unsigned int petri_transition::_count(bool input) const {
 }
 
 // Takes an arc in, the only one in its direction with its place, and the only one
-// with its variable.
+// with its variable. Needs room in the row.
 void petri_transition::insert_arc(list<petri_arc*>::prepared&& inserted) {
     petri_arc const* const arc = inserted->value;
     for (auto i = _arcs.begin(); i != _arcs.end(); ++i) {
         assure(arc->input() != (*i)->input() || arc->place() != (*i)->place());
         assure(&arc->place_reference() != &(*i)->place_reference());
     }
+    _accesses.push_back(
+        {arc->place(), arc->size(), arc->place()->capacity() - arc->size(), arc->input()});
     _arcs.push_back(std::move(inserted));
 }
 
@@ -299,23 +304,129 @@ private:
     petri_net& _net;
 };
 
+namespace {
+
+// Numbers below a bound. The least from some number on is found in as many steps as
+// the bound has digits of base 64.
+class number_set {
+public:
+    number_set() = default;
+    explicit number_set(unsigned int bound) {
+        unsigned int words = 0;
+        for (unsigned int size = bound; _levels == 0 || size > 1; ++_levels) {
+            size = (size + 63) / 64;
+            _first_word[_levels] = words;
+            words += size + 1;  // the last stays 0 and ends a search
+        }
+        _words.reset(new std::uint64_t[words]());
+    }
+
+    void insert(unsigned int number) {
+        for (unsigned int level = 0; level != _levels; ++level, number /= 64)
+            _word(level, number) |= _bit(number);
+    }
+    void erase(unsigned int number) {
+        for (unsigned int level = 0; level != _levels; ++level, number /= 64)
+            if ((_word(level, number) &= ~_bit(number)) != 0)
+                return;
+    }
+
+    // The least that is `from` or more, or `none`. `from` is at most the bound.
+    unsigned int find(unsigned int from) const {
+        for (unsigned int level = 0; level != _levels; ++level, from = from / 64 + 1)
+            if (std::uint64_t const left = _word(level, from) & -_bit(from); left != 0) {
+                from = from / 64 * 64 + _lowest(left);
+                while (level-- != 0)
+                    from = from * 64 + _lowest(_word(level, from * 64));
+                return from;
+            }
+        return none;
+    }
+
+    static constexpr unsigned int none = std::numeric_limits<unsigned int>::max();
+
+private:
+    static std::uint64_t _bit(unsigned int number) {
+        return std::uint64_t{1} << number % 64;
+    }
+    static unsigned int _lowest(std::uint64_t word) {
+        return static_cast<unsigned int>(std::countr_zero(word));
+    }
+    std::uint64_t& _word(unsigned int level, unsigned int number) const {
+        return _words[_first_word[level] + number / 64];
+    }
+
+    unsigned int _levels = 0;
+    unsigned int _first_word[6];
+    // Bit i of the first level says whether i is there, of others whether any of the 64
+    // is whose bits are in word i of the level before.
+    std::unique_ptr<std::uint64_t[]> _words;
+};
+
+// Firings of transitions that are alike in space and time, first in, first out.
+class waiting_firings {
+public:
+    // Makes room. Throws std::bad_alloc.
+    void reserve(unsigned int size) {
+        unsigned int const capacity = std::bit_ceil(size);
+        std::unique_ptr<petri_transition*[]> slots(new petri_transition*[capacity]);
+        for (unsigned int i = 0; i != _size; ++i)
+            slots[i] = _slots[(_begin + i) % _capacity];
+        _slots = std::move(slots);
+        _capacity = capacity;
+        _begin = 0;
+    }
+    bool empty() const {
+        return _size == 0;
+    }
+    // Throws std::bad_alloc.
+    void push_back(petri_transition* transition) {
+        if (_size == _capacity)
+            reserve(2 * _capacity);
+        _slots[(_begin + _size++) & (_capacity - 1)] = transition;
+    }
+    petri_transition* pop_front() {
+        petri_transition* const first = _slots[_begin];
+        _begin = (_begin + 1) & (_capacity - 1);
+        --_size;
+        return first;
+    }
+
+private:
+    std::unique_ptr<petri_transition*[]> _slots;
+    unsigned int _capacity = 0;  // a power of 2
+    unsigned int _begin = 0;
+    unsigned int _size = 0;
+};
+
+}  // namespace
+
 // The firings of a group that are initiated and have not ended, and the threads that run
 // them: it is the work that these are called with. All under the net's mutex.
+//
+// Those that wait are kept by rank. Each pair of a space and a time that a transition of
+// the group has is a rank, the largest space before the others, of equal spaces the
+// longest time.
 class petri_net::crew final : public thread_function {
 public:
     crew(petri_net& net, thread_group& group, double space)
-        : _net(net), _group(group), _budget(space), _space(space) {}
+        : _net(net), _group(group), _budget(space), _threads(group.threads()), _space(space) {}
 
     unsigned int threads() const {
-        return _group.threads();
+        return _threads;
     }
+
+    // Gives the group's transitions, sorted, their ranks. Throws std::bad_alloc.
+    void rank(petri_transition* const* begin, petri_transition* const* end);
 
     // Takes in a firing that has been initiated.
     void insert(petri_transition* transition) {
         // The group refuses it, with its own check.
         if (transition->space() > _budget)
             _group.schedule(*transition, transition->time(), transition->space());
-        _waiting.insert({transition, transition->time(), transition->space()});
+        unsigned int const rank = transition->rank();
+        _ranks[rank].waiting.push_back(transition);
+        _waiting.insert(rank);
         touch();
     }
 
@@ -333,7 +444,7 @@ public:
 
     // Has the net ask `calls` before its mutex is given up.
     void touch() {
-        if (std::exchange(_is_touched, true))
+        if (_called == _threads || std::exchange(_is_touched, true))
             return;
         _next_touched = std::exchange(_net._touched, this);
     }
@@ -347,31 +458,74 @@ public:
     void operator()() override;
 
 private:
-    using queue = skip_list<triple<thread_function*, double, double>>;
+    struct rank_entry {
+        double space;
+        waiting_firings waiting;
+    };
 
     petri_transition* _begin();
     petri_transition* _go_on(petri_transition* ended);
     petri_transition* _take();
-    queue::iterator _find() {
-        return _waiting.find_first([this](triple<thread_function*, double, double> const& waiting) {
-            return waiting.third <= _space;
-        });
+
+    // The rank of the firing to run next, or `number_set::none` when none fits.
+    unsigned int _find() const {
+        unsigned int fits = 0;
+        if (_size != 0 && !(_ranks[0].space <= _space))
+            fits =
+                static_cast<unsigned int>(std::partition_point(&_ranks[0], &_ranks[0] + _size,
+                                                               [this](rank_entry const& each) {
+                                                                   return !(each.space <= _space);
+                                                               }) -
+                                          &_ranks[0]);
+        return _waiting.find(fits);
     }
 
     petri_net& _net;
     thread_group& _group;
     double const _budget;
-    double _space;                // free at this moment
-    unsigned int _occupants = 0;  // firings that take space
-    queue _waiting;               // firings that no thread runs yet
+    unsigned int const _threads;
     unsigned int _called = 0;     // threads called and not gone
-    bool _coming = false;         // one of them has not begun
+    unsigned int _occupants = 0;  // firings that take space
+    unsigned int _size = 0;       // ranks
+    double _space;                // free at this moment
+    std::unique_ptr<rank_entry[]> _ranks;
+    number_set _waiting;   // ranks with firings that no thread runs yet
+    bool _coming = false;  // one of the threads called has not begun
     bool _is_touched = false;
     crew* _next_touched = nullptr;
 };
 
+void petri_net::crew::rank(petri_transition* const* begin, petri_transition* const* end) {
+    auto const count = [&](auto const& visit) {
+        unsigned int ranks = 0;
+        for (petri_transition* const* first = begin; first != end; ++ranks) {
+            petri_transition* const* last = first;
+            while (last != end && (*last)->space() == (*first)->space() &&
+                   (*last)->time() == (*first)->time())
+                ++last;
+            visit(ranks, first, last);
+            first = last;
+        }
+        return ranks;
+    };
+    unsigned int const size = count([](auto...) {});
+    std::unique_ptr<rank_entry[]> ranks(new rank_entry[size]);
+    number_set waiting(size);
+    count([&](unsigned int rank, petri_transition* const* first, petri_transition* const* last) {
+        ranks[rank].space = (*first)->space();
+        ranks[rank].waiting.reserve(static_cast<unsigned int>(last - first));
+    });
+    count([](unsigned int rank, petri_transition* const* first, petri_transition* const* last) {
+        for (; first != last; ++first)
+            (*first)->rank(rank);
+    });
+    _ranks = std::move(ranks);
+    _waiting = std::move(waiting);
+    _size = size;
+}
+
 bool petri_net::crew::calls() {
-    if (_coming || _called == threads() || _waiting.empty() || _find() == _waiting.end())
+    if (_coming || _called == _threads || _find() == number_set::none)
         return false;
     _coming = true;
     ++_called;
@@ -409,17 +563,18 @@ petri_transition* petri_net::crew::_go_on(petri_transition* ended) {
 // The firing to run next, or null when none fits; the thread is gone then.
 petri_transition* petri_net::crew::_take() {
     touch();
-    auto const found = _find();
-    if (found == _waiting.end()) {
+    unsigned int const found = _find();
+    if (found == number_set::none) {
         --_called;
         --_net._called;
         return nullptr;
     }
-    auto* const taken = static_cast<petri_transition*>((*found).first);
-    double const space = (*found).third;
-    _waiting.erase(found);
-    _space -= space;
-    _occupants += space != 0;
+    rank_entry& from = _ranks[found];
+    petri_transition* const taken = from.waiting.pop_front();
+    if (from.waiting.empty())
+        _waiting.erase(found);
+    _space -= from.space;
+    _occupants += from.space != 0;
     return taken;
 }
 
@@ -594,6 +749,8 @@ petri_arc* petri_net::_insert_arc(petri_place* place, petri_connector const& con
     auto of_place = list<petri_arc*>::prepare(arc.get());
     auto of_transition = list<petri_arc*>::prepare(arc.get());
     detail::guard const hold(_mutex);
+    place->side(arc->input()).ends.make_room();
+    connector.transition()->accesses().make_room();
     _arcs.push_back(std::move(of_net));
     place->insert_arc(std::move(of_place));
     connector.transition()->insert_arc(std::move(of_transition));
@@ -634,7 +791,15 @@ list<petri_arc*>::iterator petri_net::end_arcs() {
 void petri_net::_enqueue(petri_transition* transition) {
     _random = static_cast<unsigned int>(std::uint64_t{16807} * _random % 2147483647);
     transition->random(_random);
-    transition->enqueue(_queue.insert(transition));
+    if (!_dispatching || _ahead_size == _most_ahead) {
+        transition->enqueue(_queue.insert(transition));
+        return;
+    }
+    unsigned int i = _ahead_size++;
+    for (; i != 0 && !skip_list_order<petri_transition*>::precedes(transition, _ahead[i - 1]); --i)
+        _ahead[i] = _ahead[i - 1];
+    _ahead[i] = transition;
+    transition->enqueue(_queue.end());
 }
 
 void petri_net::_enqueue_if_enabled(petri_transition* transition) {
@@ -643,62 +808,102 @@ void petri_net::_enqueue_if_enabled(petri_transition* transition) {
 }
 
 void petri_net::_dequeue(petri_transition* transition) {
-    _queue.erase(transition->dequeue());
+    auto const where = transition->dequeue();
+    if (where != _queue.end()) {
+        _queue.erase(where);
+        return;
+    }
+    petri_transition** const end = _ahead + _ahead_size--;
+    petri_transition** const found = std::find(_ahead, end, transition);
+    std::copy(found + 1, end, found);
+}
+
+bool petri_net::_is_queue_empty() const {
+    return _ahead_size == 0 && _queue.empty();
+}
+
+// The one to be dispatched first. There is one.
+petri_transition* petri_net::_first_queued() {
+    if (_ahead_size == 0)
+        return *_queue.begin();
+    petri_transition* const ahead = _ahead[_ahead_size - 1];
+    if (_queue.empty() || skip_list_order<petri_transition*>::precedes(ahead, *_queue.begin()))
+        return ahead;
+    return *_queue.begin();
+}
+
+// Of a place that has gained tokens or slots: it had `before` available, and has `now`.
+// An arc that was enabled before does not matter while the net dispatches. Unless its
+// transition is reentrant, that is queued, fires, or lacks something else; for what
+// comes to lack nothing is queued then. Where that throws for want of memory, others
+// are dispatched that take all that has been gained.
+void petri_net::_enqueue_side(detail::petri_side const& side, unsigned int before,
+                              unsigned int now) {
+    if (!_dispatching)
+        before = 0;
+    if (before >= side.most)
+        return;
+    for (auto const& [transition, size, reentrant] : side.ends)
+        if (size <= now && (size > before || reentrant))
+            _enqueue_if_enabled(transition);
 }
 
 // The place has gained tokens.
-void petri_net::_enqueue_receive_arcs(petri_place* place) {
+void petri_net::_enqueue_receive_arcs(petri_place* place, unsigned int before) {
     _news |= place->_receivers != 0 && place->receive_enabled(1);
-    for (petri_arc* arc : place->arcs())
-        if (arc->input() && arc->enabled())
-            _enqueue_if_enabled(arc->transition());
+    _enqueue_side(place->_consumers, before, place->tokens());
 }
 
 // The place has gained free slots.
-void petri_net::_enqueue_send_arcs(petri_place* place) {
+void petri_net::_enqueue_send_arcs(petri_place* place, unsigned int before) {
     _news |= place->_senders != 0 && place->send_enabled(1);
-    for (petri_arc* arc : place->arcs())
-        if (arc->output() && arc->enabled())
-            _enqueue_if_enabled(arc->transition());
+    _enqueue_side(place->_producers, before, place->slots());
+}
+
+// Of a place that has lost tokens or slots, and has `now` available.
+void petri_net::_dequeue_side(detail::petri_side const& side, unsigned int now) {
+    if (now >= side.most || _is_queue_empty())
+        return;
+    for (auto const& [transition, size, reentrant] : side.ends)
+        if (size > now && transition->queued())
+            _dequeue(transition);
 }
 
 // The place has lost tokens that were available.
 void petri_net::_dequeue_receive_arcs(petri_place* place) {
-    for (petri_arc* arc : place->arcs())
-        if (arc->input() && !arc->enabled() && arc->transition()->queued())
-            _dequeue(arc->transition());
+    _dequeue_side(place->_consumers, place->tokens());
 }
 
 // The place has lost free slots.
 void petri_net::_dequeue_send_arcs(petri_place* place) {
-    for (petri_arc* arc : place->arcs())
-        if (arc->output() && !arc->enabled() && arc->transition()->queued())
-            _dequeue(arc->transition());
+    _dequeue_side(place->_producers, place->slots());
 }
 
 // Commits what a firing of the transition reserved. What it skipped stays with the
 // other side of the place, which is looked at as well.
 void petri_net::_enqueue_arcs(petri_transition* transition) {
-    for (petri_arc* arc : transition->arcs()) {
-        petri_place* const place = arc->place();
-        bool const skipped = arc->input() ? place->commit_receive(arc->size()) != 0
-                                          : place->commit_send(arc->size()) != 0;
-        if (arc->input() || skipped)
-            _enqueue_send_arcs(place);
-        if (arc->output() || skipped)
-            _enqueue_receive_arcs(place);
+    for (detail::petri_access const& access : transition->accesses()) {
+        petri_place* const place = access.place;
+        unsigned int const tokens = place->tokens();
+        unsigned int const slots = place->slots();
+        bool const skipped = access.input ? place->commit_receive(access.size) != 0
+                                          : place->commit_send(access.size) != 0;
+        if (access.input || skipped)
+            _enqueue_send_arcs(place, slots);
+        if (!access.input || skipped)
+            _enqueue_receive_arcs(place, tokens);
     }
 }
 
 // Reserves what a firing of the transition will take and put.
 void petri_net::_dequeue_arcs(petri_transition* transition) {
-    for (petri_arc* arc : transition->arcs()) {
-        petri_place* const place = arc->place();
-        if (arc->input()) {
-            place->reserve_receive(arc->size());
+    for (detail::petri_access const& access : transition->accesses()) {
+        petri_place* const place = access.place;
+        if (access.input) {
+            place->reserve_receive(access.size);
             _dequeue_receive_arcs(place);
         } else {
-            place->reserve_send(arc->size());
+            place->reserve_send(access.size);
             _dequeue_send_arcs(place);
         }
     }
@@ -718,17 +923,18 @@ void petri_net::_terminate_transition(petri_transition* transition) {
     _enqueue_if_enabled(transition);
 }
 
-// Initiates the firings of all that is queued, of a reentrant transition as many at
-// once as its group has threads.
+// Initiates the firings of all that is queued, and so is enabled; of a reentrant transition
+// as many at once as its group has threads.
 void petri_net::_dispatch_transitions() {
-    while (!_queue.empty()) {
-        petri_transition* const transition = *_queue.begin();
+    while (!_is_queue_empty()) {
+        petri_transition* const transition = _first_queued();
         _dequeue(transition);
         crew& runs = *_crews[transition->group()];
-        for (unsigned int i = 0; i != runs.threads() && transition->enabled(); ++i) {
+        unsigned int left = transition->reentrant() ? runs.threads() : 1;
+        do {
             _initiate_transition(transition);
             runs.insert(transition);
-        }
+        } while (--left != 0 && transition->enabled());
     }
 }
 
@@ -743,7 +949,7 @@ void petri_net::_dispatch() {
 }
 
 bool petri_net::_at_rest() const {
-    return _firings == 0 && _called == 0 && _queue.empty();
+    return _firings == 0 && _called == 0 && _is_queue_empty();
 }
 
 // Gives `_mutex` up, and wakes whoever has reason to look again.
@@ -791,6 +997,28 @@ void petri_net::_enqueue_initial_transitions() {
         assure((*i)->input_size() != 0 || (*i)->output_size() != 0);
         _enqueue_if_enabled(*i);
     }
+}
+
+// Gives all transitions their ranks, which those that were inserted since the last start
+// may have changed.
+void petri_net::_rank_transitions() {
+    if (_ranked == _transitions.size())
+        return;
+    std::unique_ptr<petri_transition*[]> const sorted(new petri_transition*[_transitions.size()]);
+    petri_transition** const end =
+        std::copy(_transitions.begin(), _transitions.end(), sorted.get());
+    std::sort(sorted.get(), end, [](petri_transition const* one, petri_transition const* other) {
+        return std::tuple(one->group(), -one->space(), -one->time()) <
+               std::tuple(other->group(), -other->space(), -other->time());
+    });
+    petri_transition** first = sorted.get();
+    for (unsigned int group = 0; group != _groups; ++group) {
+        petri_transition** const last = std::find_if(
+            first, end, [group](petri_transition const* each) { return each->group() != group; });
+        _crews[group]->rank(first, last);
+        first = last;
+    }
+    _ranked = _transitions.size();
 }
 
 void petri_net::_await_token(petri_place* place) {
@@ -854,26 +1082,29 @@ bool petri_net::try_send(petri_place* place, any const& token) {
 // Takes a token that is available. A skip that this settles is made good when the
 // firing that declared it ends.
 void petri_net::_receive(petri_place* place, any& token) {
+    unsigned int const slots = place->slots();
     place->reserve_receive(1);
     place->receive(token);
     place->commit_receive(1);
     _dequeue_receive_arcs(place);
-    _enqueue_send_arcs(place);
+    _enqueue_send_arcs(place, slots);
 }
 
 // Puts a token into a slot that is free.
 void petri_net::_send(petri_place* place, any const& token) {
+    unsigned int const tokens = place->tokens();
     {
         slot reserved(*place);
         place->send(token);  // throws when the token cannot be copied
         reserved.commit();
     }
     _dequeue_send_arcs(place);
-    _enqueue_receive_arcs(place);
+    _enqueue_receive_arcs(place, tokens);
 }
 
 void petri_net::release() {
     _assure_stopped();
+    _rank_transitions();
     {
         // Nobody else changes a stopped net while it is started, but callers that
         // it blocks may wake up and look.

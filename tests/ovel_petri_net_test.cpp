@@ -11,12 +11,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -275,6 +278,41 @@ TEST(petri_engine_test, a_dispatch_takes_as_many_firings_as_the_group_has_thread
             go.release();
         net.acquire();
     }
+}
+
+// All at once, more of them than are kept beside the queue, and of more spaces and times
+// than a word has bits; each pair of those has two, whose numbers decide.
+TEST(petri_engine_test, what_one_firing_enables_fires_in_order) {
+    constexpr unsigned int number = 140;
+    test_net net;
+    petri_place* const shared = net.place(number);
+    code starter([](code& self) {
+        self.take();
+        for (unsigned int i = 0; i != number; ++i)
+            self.put(0);
+    });
+    petri_transition* const starts = net.transition(starter, {net.place(1, 1)}, {}, 1.0, 1.0);
+    net.insert_output_arc(starts->output(starter.out[0]).size(number), shared);
+    std::deque<code> functions;
+    std::vector<std::tuple<double, double, std::uint64_t, unsigned int>> expected;
+    std::vector<unsigned int> fired;
+    std::uint64_t drawn = 16807;
+    for (unsigned int i = 0; i != number; ++i) {
+        code& function = functions.emplace_back([&fired, i](code& self) {
+            self.take();
+            fired.push_back(i);
+        });
+        double const space = 0.5 * (i % 2);
+        double const time = 1.0 + i % 35;
+        net.transition(function, {shared}, {}, time, space);
+        drawn = drawn * 16807 % 2147483647;
+        expected.emplace_back(-space, -time, -drawn, i);
+    }
+    std::ranges::sort(expected);
+    net.run();
+    ASSERT_EQ(fired.size(), number);
+    for (unsigned int i = 0; i != number; ++i)
+        EXPECT_EQ(fired[i], std::get<3>(expected[i])) << i;
 }
 
 // Each of the two groups has one thread, and each firing waits for one of the other: on
