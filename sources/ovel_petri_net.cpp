@@ -313,34 +313,34 @@ public:
     number_set() = default;
     explicit number_set(unsigned int bound) {
         unsigned int words = 0;
-        for (unsigned int size = bound; _levels == 0 || size > 1; ++_levels) {
+        for (unsigned int size = bound; size > 64; ++_top) {
             size = (size + 63) / 64;
-            _first_word[_levels] = words;
+            _first_word[_top] = words;
             words += size + 1;  // the last stays 0 and ends a search
         }
-        _words.reset(new std::uint64_t[words]());
+        if (words != 0)
+            _words.reset(new std::uint64_t[words]());
     }
 
     void insert(unsigned int number) {
-        for (unsigned int level = 0; level != _levels; ++level, number /= 64)
+        for (unsigned int level = 0; level != _top; ++level, number /= 64)
             _word(level, number) |= _bit(number);
+        _top_word |= _bit(number);
     }
     void erase(unsigned int number) {
-        for (unsigned int level = 0; level != _levels; ++level, number /= 64)
+        for (unsigned int level = 0; level != _top; ++level, number /= 64)
             if ((_word(level, number) &= ~_bit(number)) != 0)
                 return;
+        _top_word &= ~_bit(number);
     }
 
     // The least that is `from` or more, or `none`. `from` is at most the bound.
     unsigned int find(unsigned int from) const {
-        for (unsigned int level = 0; level != _levels; ++level, from = from / 64 + 1)
-            if (std::uint64_t const left = _word(level, from) & -_bit(from); left != 0) {
-                from = from / 64 * 64 + _lowest(left);
-                while (level-- != 0)
-                    from = from * 64 + _lowest(_word(level, from * 64));
-                return from;
-            }
-        return none;
+        for (unsigned int level = 0; level != _top; ++level, from = from / 64 + 1)
+            if (std::uint64_t const left = _word(level, from) & -_bit(from); left != 0)
+                return _find_below(level, from / 64 * 64 + _lowest(left));
+        std::uint64_t const left = from < 64 ? _top_word & -_bit(from) : 0;
+        return left != 0 ? _find_below(_top, _lowest(left)) : none;
     }
 
     static constexpr unsigned int none = std::numeric_limits<unsigned int>::max();
@@ -355,12 +355,19 @@ private:
     std::uint64_t& _word(unsigned int level, unsigned int number) const {
         return _words[_first_word[level] + number / 64];
     }
+    // The least of those that `number` stands for on this level.
+    unsigned int _find_below(unsigned int level, unsigned int number) const {
+        while (level-- != 0)
+            number = number * 64 + _lowest(_word(level, number * 64));
+        return number;
+    }
 
-    unsigned int _levels = 0;
-    unsigned int _first_word[6];
-    // Bit i of the first level says whether i is there, of others whether any of the 64
-    // is whose bits are in word i of the level before.
-    std::unique_ptr<std::uint64_t[]> _words;
+    // Bit i of the lowest level says whether i is there, of others whether any of the 64
+    // is whose bits are in word i of the level below. The top is a single word.
+    std::uint64_t _top_word = 0;
+    std::unique_ptr<std::uint64_t[]> _words;  // the other levels
+    unsigned int _top = 0;
+    unsigned int _first_word[5];
 };
 
 // Firings of transitions that are alike in space and time, first in, first out.
@@ -464,7 +471,7 @@ private:
     };
 
     petri_transition* _begin();
-    petri_transition* _go_on(petri_transition* ended);
+    petri_transition* _go_on(petri_net& net, petri_transition* ended);
     petri_transition* _take();
 
     // The rank of the firing to run next, or `number_set::none` when none fits.
@@ -534,7 +541,8 @@ bool petri_net::crew::calls() {
 }
 
 void petri_net::crew::operator()() {
-    for (petri_transition* firing = _begin(); firing != nullptr; firing = _go_on(firing))
+    petri_net& net = _net;  // its line may be written by another thread meanwhile
+    for (petri_transition* firing = _begin(); firing != nullptr; firing = _go_on(net, firing))
         (*firing)();
 }
 
@@ -544,10 +552,10 @@ petri_transition* petri_net::crew::_begin() {
     return _take();
 }
 
-petri_transition* petri_net::crew::_go_on(petri_transition* ended) {
-    change const hold(_net);
+petri_transition* petri_net::crew::_go_on(petri_net& net, petri_transition* ended) {
+    change const hold(net);
     try {
-        _net._terminate_transition(ended);
+        net._terminate_transition(ended);
     } catch (...) {
         assure(("unexpected exception", 0));
     }
@@ -556,7 +564,7 @@ petri_transition* petri_net::crew::_go_on(petri_transition* ended) {
     // Fractions of the space need not add up to it again.
     if (space != 0 && --_occupants == 0)
         _space = _budget;
-    _net._dispatch();
+    net._dispatch();
     return _take();
 }
 
@@ -813,9 +821,11 @@ void petri_net::_dequeue(petri_transition* transition) {
         _queue.erase(where);
         return;
     }
-    petri_transition** const end = _ahead + _ahead_size--;
-    petri_transition** const found = std::find(_ahead, end, transition);
-    std::copy(found + 1, end, found);
+    unsigned int i = --_ahead_size;
+    while (_ahead[i] != transition)
+        --i;
+    for (; i != _ahead_size; ++i)
+        _ahead[i] = _ahead[i + 1];
 }
 
 bool petri_net::_is_queue_empty() const {
