@@ -110,7 +110,7 @@ private:
     unsigned int _capacity = 0;
 };
 
-// What an engine reads of a transition's arc.
+// What the engine reads of a transition's arc.
 struct petri_access {
     inline bool enabled() const;
 
@@ -120,7 +120,7 @@ struct petri_access {
     bool input;
 };
 
-// What it reads of a place's arcs of one direction.
+// What the engine reads of a place's arcs of one direction.
 struct petri_side {
     struct end {
         petri_transition* transition;
@@ -209,7 +209,7 @@ private:
     }
     void reserve_send(unsigned int size) {
         _send_size += size;
-        if (_size + _send_size > _capacity)
+        if (_size + _send_size > _capacity)  // which the check reads elsewhere
             assure(_size + _send_size <= _channel.capacity());
     }
 

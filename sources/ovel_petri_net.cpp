@@ -8,14 +8,21 @@
 // The queue. A transition is in `_queue` only if it is enabled, and leaves it when a
 // reservation makes it otherwise. It is looked at again when one of its places gains
 // tokens or slots, when one of its firings ends, and when it is activated; and then
-// only if its arc at that place is enabled.
+// only if its arc at that place is enabled, and, from start to stop and unless it is
+// reentrant, was not before. From start to stop the first few are kept in `_ahead`, for
+// mostly a change queues no more.
+//
+// Rows. What the lists of arcs say, the engine reads in rows of plain values: each node,
+// arc and neighbour that it looked at would be a line of memory to wait for, and those
+// that a thread writes go to and fro between the processors with `_mutex`.
 //
 // Dispatching. From start to stop, whoever has changed something under `_mutex`
 // initiates the firings of all that is queued before giving it up, so that the queue
 // is empty whenever `_mutex` is free. A firing that is initiated waits with the crew
 // of its group, one for each group, until a thread of the group is free to run it: the
 // largest space that fits first, then the longest time, then the first come, as the
-// group itself would choose. A thread that ends a firing goes on with the next within
+// group itself would choose. The start of the net sorts the spaces and times, so that
+// neither taking nor waiting compares any. A thread that ends a firing goes on with the next within
 // the same hold of `_mutex`, and leaves when there is none that fits.
 //
 // Wake-ups. While a firing that fits waits and the group has threads to spare, one is
