@@ -61,9 +61,10 @@ struct skip_list_order<triple<thread_function*, double, double>> {
 // is no further node, and so do those of the head at and above the level in use.
 // The back links follow level 0. The last node of each level is noted, so that an
 // element that goes behind all others is linked without a search. A long list also
-// notes, by its hash, the last of some of the runs of equals, and links an element
-// behind that if it is as high. An entry always is the last of its run: insertions
-// into the run overwrite it, the node's extraction clears it.
+// notes, by its hash, the last of some of the runs of equals on the lowest levels, and
+// searches only the levels above for an element that is higher. An entry always is the
+// last of its run on its level: insertions into the run overwrite it, the node's
+// extraction clears it.
 template <class T>
 class skip_list {
     static_assert(std::is_nothrow_copy_constructible_v<T>,
@@ -225,9 +226,10 @@ public:
         if (next != &_end)
             __builtin_prefetch(_forward(next)[0], 1);
         if constexpr (_has_runs) {
-            position** const run = _run_of(*_value(extracted));
-            if (run != nullptr && *run == extracted)
-                *run = nullptr;
+            if (position** const ends = _run_of(*_value(extracted)))
+                for (unsigned int i = 0; i != _noted_levels(extracted); ++i)
+                    if (ends[i * _runs(_head->_capacity)] == extracted)
+                        ends[i * _runs(_head->_capacity)] = nullptr;
         }
         --_size;
         return detached(_value(extracted));
@@ -282,7 +284,7 @@ public:
         if (_head == nullptr)
             return end();
         position** predecessors[_max_capacity];
-        return iterator(_search(test, predecessors));
+        return iterator(_search(test, predecessors, 0));
     }
 
 private:
@@ -299,6 +301,14 @@ private:
         if (!_has_runs || capacity < 8)
             return 0;
         return capacity == 8 ? 64 : 1024;
+    }
+
+    // Ends that are noted of a run, one for each of the lowest levels, in a table for
+    // each: three of four elements touch but the first. An eighth is higher than both.
+    static constexpr unsigned int _run_levels = 2;
+
+    static unsigned int _noted_levels(position* node) {
+        return std::min(_level(node), _run_levels);
     }
 
     // From the start of a node to its link part.
@@ -339,7 +349,7 @@ private:
     head* _allocate_head(unsigned int capacity) {
         void* const memory = allocator_support::allocate(
             sizeof(head) + capacity * (sizeof(position*) + sizeof(position**)) +
-            _runs(capacity) * sizeof(position*));
+            _runs(capacity) * _run_levels * sizeof(position*));
         head* const allocated = ::new (memory) head{1, capacity};
         _unlink_all(allocated);
         return allocated;
@@ -350,8 +360,7 @@ private:
             _forward(head_block)[i] = &_end;
             _last(head_block)[i] = _forward(head_block);
         }
-        for (unsigned int i = 0; i < _runs(head_block->_capacity); ++i)
-            _run_ends(head_block)[i] = nullptr;
+        std::fill_n(_run_ends(head_block), _runs(head_block->_capacity) * _run_levels, nullptr);
     }
 
     static position* _allocate_node(T const& value, unsigned int level) {
@@ -397,7 +406,8 @@ private:
             _grow();
     }
 
-    // Where the end of the run of `value` is noted, if it is; null where none are.
+    // Where the end of the run of `value` on the lowest level is noted, if it is, and as
+    // many entries on that of each further one; null where none are.
     position** _run_of(T const& value) {
         unsigned int const runs = _runs(_head->_capacity);
         return runs != 0 ? &_run_ends(_head)[skip_list_order<T>::hash(value) % runs] : nullptr;
@@ -408,35 +418,54 @@ private:
         position** predecessors[_max_capacity];
         T const& value = *_value(inserted);
         if constexpr (_has_runs) {
-            if (position** const run = _run_of(value)) {
-                position* const end = *run;
-                *run = inserted;
-                if (end != nullptr && _level(end) >= _level(inserted) &&
-                    _are_equal(value, *_value(end))) {
-                    std::fill_n(predecessors, _level(end), _forward(end));
-                    return _link(inserted, _forward(end)[0], predecessors);
+            if (position** const ends = _run_of(value)) {
+                unsigned int const known = _find_run(ends, inserted, predecessors);
+                for (unsigned int i = 0; i != _noted_levels(inserted); ++i)
+                    ends[i * _runs(_head->_capacity)] = inserted;
+                if (known != 0) {
+                    // What is on the levels above is far apart, and soon found.
+                    if (known < _level(inserted) && known < _head->_level)
+                        _find_place(value, predecessors, known);
+                    return _link(inserted, predecessors[0][0], predecessors);
                 }
             }
         }
-        return _link(inserted, _find_place(value, predecessors), predecessors);
+        return _link(inserted, _find_place(value, predecessors, 0), predecessors);
+    }
+
+    // Notes the predecessors of a node that goes behind its run, on the lowest levels as
+    // far as the ends of the run say, and returns how many levels those are.
+    unsigned int _find_run(position** ends, position* inserted, position*** predecessors) {
+        unsigned int known = 0;
+        while (known < _noted_levels(inserted)) {
+            position* const end = ends[known * _runs(_head->_capacity)];
+            if (end == nullptr || !_are_equal(*_value(inserted), *_value(end)))
+                break;
+            if (_forward(end)[0] == &_end && _level(end) < _level(inserted))
+                return 0;  // behind all, where no search is
+            // Whatever of the run is linked on these levels stands before this one.
+            for (; known < _level(end); ++known)
+                predecessors[known] = _forward(end);
+        }
+        return known;
     }
 
     static bool _are_equal(T const& x, T const& y) {
         return !skip_list_order<T>::precedes(x, y) && !skip_list_order<T>::precedes(y, x);
     }
 
-    // The position that `value` goes before, and its predecessors on each level in
-    // use.
-    position* _find_place(T const& value, position*** predecessors) {
+    // Notes the predecessors of `value` on each level in use from `lowest` on, and
+    // returns the position that it goes before on that one.
+    position* _find_place(T const& value, position*** predecessors, unsigned int lowest) {
         auto const follows = [&value](T const& element) {
             return skip_list_order<T>::precedes(value, element);
         };
         if (_size != 0 && !follows(*_value(_end._previous))) {
-            for (unsigned int i = 0; i < _head->_level; ++i)
+            for (unsigned int i = lowest; i < _head->_level; ++i)
                 predecessors[i] = _last(_head)[i];
             return &_end;
         }
-        return _search(follows, predecessors);
+        return _search(follows, predecessors, lowest);
     }
 
     iterator _link(position* inserted, position* next, position*** predecessors) {
@@ -455,10 +484,11 @@ private:
         return iterator(inserted);
     }
 
-    // Returns the first position for which `test` holds, or the end, and notes
-    // for each level in use the forward links of the last node before it.
+    // Of those that are linked on level `lowest`, returns the first position for which
+    // `test` holds, or the end, and notes for each level in use from there on the forward
+    // links of the last node before it.
     template <class Test>
-    position* _search(Test& test, position*** predecessors) {
+    position* _search(Test& test, position*** predecessors, unsigned int lowest) {
         // The node that stopped a higher level stops the lower ones untested.
         position* bound = &_end;
         position** reached = _forward(_head);
@@ -469,7 +499,7 @@ private:
                 reached = _forward(reached[i]);
             bound = reached[i];
             predecessors[i] = reached;
-        } while (i != 0);
+        } while (i != lowest);
         return bound;
     }
 
