@@ -377,40 +377,61 @@ private:
     unsigned int _first_word[5];
 };
 
-// Firings of transitions that are alike in space and time, first in, first out.
+// Firings that wait in queues, each first in, first out. They share one block, of which
+// the entries used last are used next.
 class waiting_firings {
 public:
-    // Makes room. Throws std::bad_alloc.
-    void reserve(unsigned int size) {
-        unsigned int const capacity = std::bit_ceil(size);
-        std::unique_ptr<petri_transition*[]> slots(new petri_transition*[capacity]);
-        for (unsigned int i = 0; i != _size; ++i)
-            slots[i] = _slots[(_begin + i) % _capacity];
-        _slots = std::move(slots);
-        _capacity = capacity;
-        _begin = 0;
-    }
-    bool empty() const {
-        return _size == 0;
-    }
+    static constexpr unsigned int none = std::numeric_limits<unsigned int>::max();
+
+    struct queue {
+        bool empty() const {
+            return first == none;
+        }
+        unsigned int first = none;
+        unsigned int last;
+    };
+
+    waiting_firings() = default;
+    // With room for so many. Throws std::bad_alloc.
+    explicit waiting_firings(unsigned int capacity)
+        : _entries(new entry[capacity]), _capacity(capacity) {}
+
     // Throws std::bad_alloc.
-    void push_back(petri_transition* transition) {
-        if (_size == _capacity)
-            reserve(2 * _capacity);
-        _slots[(_begin + _size++) & (_capacity - 1)] = transition;
+    void push_back(queue& to, petri_transition* transition) {
+        unsigned int const added = _take_entry();
+        _entries[added] = {transition, none};
+        (to.empty() ? to.first : _entries[to.last].next) = added;
+        to.last = added;
     }
-    petri_transition* pop_front() {
-        petri_transition* const first = _slots[_begin];
-        _begin = (_begin + 1) & (_capacity - 1);
-        --_size;
-        return first;
+    petri_transition* pop_front(queue& from) {
+        unsigned int const removed = from.first;
+        from.first = std::exchange(_entries[removed].next, _free);
+        _free = removed;
+        return _entries[removed].transition;
     }
 
 private:
-    std::unique_ptr<petri_transition*[]> _slots;
-    unsigned int _capacity = 0;  // a power of 2
-    unsigned int _begin = 0;
-    unsigned int _size = 0;
+    struct entry {
+        petri_transition* transition;
+        unsigned int next;
+    };
+
+    unsigned int _take_entry() {
+        if (_free != none)
+            return std::exchange(_free, _entries[_free].next);
+        if (_used == _capacity) {
+            std::unique_ptr<entry[]> grown(new entry[2 * _capacity]);
+            std::copy_n(_entries.get(), _used, grown.get());
+            _entries = std::move(grown);
+            _capacity *= 2;
+        }
+        return _used++;
+    }
+
+    std::unique_ptr<entry[]> _entries;
+    unsigned int _capacity = 0;
+    unsigned int _used = 0;  // entries that have been taken once
+    unsigned int _free = none;
 };
 
 }  // namespace
@@ -439,7 +460,7 @@ public:
         if (transition->space() > _budget)
             _group.schedule(*transition, transition->time(), transition->space());
         unsigned int const rank = transition->rank();
-        _ranks[rank].waiting.push_back(transition);
+        _firings.push_back(_ranks[rank].waiting, transition);
         _waiting.insert(rank);
         touch();
     }
@@ -474,7 +495,7 @@ public:
 private:
     struct rank_entry {
         double space;
-        waiting_firings waiting;
+        waiting_firings::queue waiting;
     };
 
     petri_transition* _begin();
@@ -503,8 +524,9 @@ private:
     unsigned int _size = 0;       // ranks
     double _space;                // free at this moment
     std::unique_ptr<rank_entry[]> _ranks;
-    number_set _waiting;   // ranks with firings that no thread runs yet
-    bool _coming = false;  // one of the threads called has not begun
+    waiting_firings _firings;  // those that no thread runs yet
+    number_set _waiting;       // the ranks that have some
+    bool _coming = false;      // one of the threads called has not begun
     bool _is_touched = false;
     crew* _next_touched = nullptr;
 };
@@ -524,16 +546,15 @@ void petri_net::crew::rank(petri_transition* const* begin, petri_transition* con
     };
     unsigned int const size = count([](auto...) {});
     std::unique_ptr<rank_entry[]> ranks(new rank_entry[size]);
+    waiting_firings firings(static_cast<unsigned int>(end - begin));
     number_set waiting(size);
     count([&](unsigned int rank, petri_transition* const* first, petri_transition* const* last) {
         ranks[rank].space = (*first)->space();
-        ranks[rank].waiting.reserve(static_cast<unsigned int>(last - first));
-    });
-    count([](unsigned int rank, petri_transition* const* first, petri_transition* const* last) {
         for (; first != last; ++first)
             (*first)->rank(rank);
     });
     _ranks = std::move(ranks);
+    _firings = std::move(firings);
     _waiting = std::move(waiting);
     _size = size;
 }
@@ -585,7 +606,7 @@ petri_transition* petri_net::crew::_take() {
         return nullptr;
     }
     rank_entry& from = _ranks[found];
-    petri_transition* const taken = from.waiting.pop_front();
+    petri_transition* const taken = _firings.pop_front(from.waiting);
     if (from.waiting.empty())
         _waiting.erase(found);
     _space -= from.space;
