@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <limits>
 #include <mutex>
 #include <stdexcept>
@@ -22,8 +23,7 @@ TEST(lockable_test, guards_of_the_standard_library_exclude) {
     ovel::timed_recursive_mutex second;
     lockable view(second);
     auto const free = [&] {
-        return std::unique_lock(first, std::try_to_lock) &&
-               std::unique_lock(view, std::try_to_lock);
+        return std::try_lock(first, view) == -1;
     };
     {
         std::scoped_lock const hold(first, view);
@@ -32,33 +32,12 @@ TEST(lockable_test, guards_of_the_standard_library_exclude) {
     EXPECT_TRUE(elsewhere(free));
 }
 
-template <class Lock, class Span>
-concept has_deadlines = requires(Lock& lock, Span const& span) {
-    lock.try_lock_for(span);
+template <class Lock>
+concept has_deadlines = requires(Lock& lock) {
+    lock.try_lock_for(1h);
 };
-static_assert(has_deadlines<lockable<ovel::timed_mutex>, std::chrono::hours>);
-static_assert(has_deadlines<lockable<ovel::timed_recursive_mutex&>, std::chrono::hours>);
-static_assert(!has_deadlines<lockable<ovel::mutex>, std::chrono::hours>);
-
-// A wait of the library ends at the nearest millisecond: a third of one is over
-// before it begins. The system's clocks may run a little faster than ours.
-TEST(lockable_deadline_test, no_attempt_ends_before_its_deadline) {
-    lockable<ovel::timed_mutex> lock;
-    std::lock_guard const hold(lock);
-    EXPECT_FALSE(elsewhere([&] {
-        for (auto const span : {300us, 1300us, 2450us}) {
-            auto begin = std::chrono::steady_clock::now();
-            if (lock.try_lock_for(span))
-                return true;
-            EXPECT_GE(std::chrono::steady_clock::now() - begin, span * 0.99);
-            begin = std::chrono::steady_clock::now();
-            if (lock.try_lock_until(std::chrono::system_clock::now() + span))
-                return true;
-            EXPECT_GE(std::chrono::steady_clock::now() - begin, span * 0.99);
-        }
-        return lock.try_lock_for(-1h) || lock.try_lock_until(time());
-    }));
-}
+static_assert(has_deadlines<lockable<ovel::timed_recursive_mutex&>>);
+static_assert(!has_deadlines<lockable<ovel::mutex>>);
 
 TEST(deadline_test, what_is_out_of_range_is_its_end) {
     time const last = time::seconds(std::numeric_limits<double>::infinity());
@@ -110,14 +89,24 @@ TEST(wait_test, a_predicate_decides_whatever_the_lock_is) {
     });
 }
 
-TEST(wait_test, a_deadline_ends_it_with_the_mutex_held) {
+// A wait of the library ends at the nearest millisecond: a third of one is over
+// before it begins. The system's clocks may run a little faster than ours.
+TEST(wait_test, nothing_gives_up_before_its_deadline) {
     lockable<ovel::timed_mutex> lock;
     ovel::timed_condition changed;
     std::unique_lock hold(lock);
-    auto const begin = std::chrono::steady_clock::now();
-    EXPECT_FALSE(wait_for(changed, hold, 1300us, [] { return false; }));
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, 1300us * 0.99);
-    EXPECT_FALSE(elsewhere([&] { return lock.try_lock(); }));
+    std::function<bool(std::chrono::microseconds)> const attempts[] = {
+        [&](auto span) { return lock.try_lock_for(span); },
+        [&](auto span) { return lock.try_lock_until(std::chrono::system_clock::now() + span); },
+        [&](auto span) { return wait_for(changed, hold, span, [] { return false; }); },
+    };
+    for (auto const& attempt : attempts)
+        for (auto const span : {300us, 1300us, 2450us}) {
+            auto const begin = std::chrono::steady_clock::now();
+            EXPECT_FALSE(attempt(span));
+            EXPECT_GE(std::chrono::steady_clock::now() - begin, span * 0.99);
+        }
+    EXPECT_FALSE(lock.try_lock_for(-1h) || lock.try_lock_until(time()));
 
     // What comes true without anybody being told counts when the deadline passes.
     int looks = 0;
@@ -125,7 +114,7 @@ TEST(wait_test, a_deadline_ends_it_with_the_mutex_held) {
                            [&] { return ++looks == 2; }));
     EXPECT_THROW(wait_for(changed, hold, 1h, []() -> bool { throw std::runtime_error(""); }),
                  std::runtime_error);
-    EXPECT_TRUE(hold.owns_lock());
+    EXPECT_FALSE(lock.try_lock());
 }
 
 }  // namespace
