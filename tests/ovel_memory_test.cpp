@@ -11,13 +11,13 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <list>
 #include <memory>
 #include <memory_resource>
-#include <mutex>
 #include <new>
 #include <set>
 #include <string>
@@ -32,52 +32,48 @@ using ovel::allocator_support;
 using ovel::container_allocator;
 using ovel::memory_resource;
 
+// Takes no reference, of which a compiler takes the alignment for granted.
 bool aligned(void const* memory, std::size_t alignment) {
     return reinterpret_cast<std::uintptr_t>(memory) % alignment == 0;
 }
 
-struct alignas(16) sixteen {
-    char bytes[16];
-};
-struct alignas(256) far_apart {
-    char bytes[256];
+template <std::size_t alignment>
+struct alignas(alignment) piece {
+    char bytes[alignment];
 };
 
 // Many of each, since one may be aligned by luck.
-TEST(memory_test, every_way_in_aligns_and_gives_back) {
-    memory_resource::global();  // built by its first use, and kept
+template <class Piece>
+void take_and_give_back() {
+    constexpr int count = 20;
     std::size_t const before = allocator_support::allocated_size();
     {
-        std::list<sixteen, container_allocator<sixteen>> some(20);
-        std::list<far_apart, container_allocator<far_apart>> others(20);
-        std::pmr::list<far_apart> resources(20, memory_resource::global());
-        std::vector<std::unique_ptr<sixteen>> plain;
-        std::vector<std::unique_ptr<far_apart>> wide;
-        std::vector<container_allocator<sixteen>::value_type*> bare;
-        container_allocator<sixteen> const source;
-        for (int i = 0; i < 20; ++i) {
-            plain.push_back(std::make_unique<sixteen>());
-            wide.push_back(std::make_unique<far_apart>());
-            bare.push_back(container_allocator<sixteen>(source).allocate(1));
-            EXPECT_TRUE(aligned(plain.back().get(), 16) && aligned(bare.back(), 16));
-            EXPECT_TRUE(aligned(wide.back().get(), 256));
+        std::list<Piece, container_allocator<Piece>> contained;
+        std::pmr::list<Piece> resources(count, memory_resource::global());
+        for (Piece const& each : resources)
+            EXPECT_TRUE(aligned(&each, sizeof each));
+        std::vector<std::unique_ptr<Piece>> plain;
+        for (int i = 0; i < count; ++i) {
+            plain.push_back(std::make_unique<Piece>());
+            contained.emplace_back();
+            EXPECT_TRUE(aligned(plain.back().get(), sizeof(Piece)));
+            EXPECT_TRUE(aligned(&contained.back(), sizeof(Piece)));
         }
-        for (auto const* list : {&others})
-            for (far_apart const& each : *list)
-                EXPECT_TRUE(aligned(&each, 256));
-        for (far_apart const& each : resources)
-            EXPECT_TRUE(aligned(&each, 256));
-        EXPECT_GT(allocator_support::allocated_size(), before + 80 * sizeof(far_apart) / 2);
-        for (sixteen* memory : bare)
-            container_allocator<sixteen>().deallocate(memory, 1);
+        EXPECT_GT(allocator_support::allocated_size(), before + 3 * count * sizeof(Piece));
     }
     EXPECT_EQ(allocator_support::allocated_size(), before);
 }
 
+TEST(memory_test, every_way_in_aligns_and_gives_back) {
+    memory_resource::global();  // built by its first use, and kept
+    take_and_give_back<piece<16>>();
+    take_and_give_back<piece<256>>();
+}
+
 TEST(memory_test, more_than_there_can_be_is_refused) {
     std::size_t const most = std::numeric_limits<std::size_t>::max();
-    container_allocator<far_apart> source;
-    EXPECT_THROW(source.allocate(most / sizeof(far_apart)), std::bad_alloc);
+    container_allocator<piece<256>> source;
+    EXPECT_THROW(source.allocate(most / 256), std::bad_alloc);
     EXPECT_THROW(source.allocate(most / 2), std::bad_alloc);
     EXPECT_EQ(::operator new(most, std::align_val_t(256), std::nothrow), nullptr);
 }
@@ -101,24 +97,20 @@ struct late {
 // later have them again: who did not give its own back would leave it to nobody.
 TEST(memory_test, a_thread_has_its_allocator_from_its_first_use_to_its_end) {
     allocator_group& group = *allocator_group::global();
-    std::mutex lock;
     std::set<ovel::allocator*> seen;
     for (int round = 0; round < 50; ++round) {
-        std::set<ovel::allocator*> now;
-        auto const threads = crew(3, [&](int) {
+        ovel::allocator* now[3];
+        std::atomic<int> missing = 3;
+        crew(3, [&](int member) {
             static thread_local late const kept;
             static_cast<void>(&kept);
             delete new std::string(100, 'x');
-            {
-                std::lock_guard const hold(lock);
-                now.insert(group.specific_allocator());
-                seen.insert(group.specific_allocator());
-            }
-            until([&] {
-                std::lock_guard const hold(lock);
-                return now.size() == 3;
-            });
-        });
+            now[member] = group.specific_allocator();
+            --missing;
+            until([&] { return missing == 0; });
+        }).clear();
+        EXPECT_EQ(std::set(now, now + 3).size(), 3u);
+        seen.insert(now, now + 3);
     }
     EXPECT_EQ(seen.count(group.default_allocator()), 0u);
     // A thread that is ending may not have given back when the next one begins.
