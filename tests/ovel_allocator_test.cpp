@@ -4,28 +4,17 @@
 #include "ovel_allocator_support.h"
 #include "ovel_test.h"
 
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 struct ovel::detail::inspector {
-    static constexpr auto activated = &allocator::_activated;
-    static constexpr auto pending = &allocator::_pending;
     static constexpr auto remotes = &allocator::_remote;
-    static constexpr auto full = &allocator::_full;
     static constexpr auto partial = &allocator::_partial;
     static constexpr auto empty = &allocator::_empty;
-
-    static std::size_t size(allocator const& a) {
-        return a._size;
-    }
-    static std::size_t capacity(allocator const& a) {
-        return a._capacity;
-    }
-    static std::size_t pending_size(allocator const& a) {
-        return a._pending_size;
-    }
+    static constexpr auto size = &allocator::_size;
+    static constexpr auto capacity = &allocator::_capacity;
+    static constexpr auto pending_size = &allocator::_pending_size;
 };
 
 namespace {
@@ -49,10 +38,6 @@ std::size_t chunks(chunk const& ring) {
     return count;
 }
 
-allocator& global_allocator() {
-    return *allocator_group::global()->global_allocator();
-}
-
 // An allocator of its own, without chunks: each operation makes it the calling
 // thread's, so that one thread plays several, in an order of its own. It is not
 // given back, for the next actor would find its chunks.
@@ -68,8 +53,9 @@ public:
     actor(actor const&) = delete;
     actor& operator=(actor const&) = delete;
 
-    allocator& own() const {
-        return *_own;
+    // A field of the allocator.
+    auto& operator[](auto field) const {
+        return _own->*field;
     }
     allocator_group& use() const {
         _group.specific_allocator(_own);
@@ -102,23 +88,6 @@ private:
     allocator* _own;
 };
 
-TEST(allocator_group_test, a_thread_sees_its_own_allocator_only_and_the_released_one_is_reused) {
-    allocator_group& group = *allocator_group::global();
-    EXPECT_NE(group.global_allocator(), group.default_allocator());
-    allocator* first = nullptr;
-    std::thread([&] {
-        group.acquire_allocator();
-        first = group.specific_allocator();
-        EXPECT_TRUE(
-            elsewhere([&] { return group.specific_allocator() == group.default_allocator(); }));
-        group.release_allocator();
-        EXPECT_FALSE(first->*inspector::activated);
-    }).join();
-    actor const second;
-    EXPECT_EQ(&second.own(), first);
-    EXPECT_TRUE(first->*inspector::activated);
-}
-
 TEST(allocator_group_test, activation_out_of_turn_is_fatal) {
     actor one;
     EXPECT_CHECK(one.use().activate_allocator(), "!_activated", "sources/ovel_allocator.cpp");
@@ -130,17 +99,15 @@ TEST(allocator_test, a_fresh_chunk_hands_out_its_blocks_downwards_without_gaps) 
     actor one;
     for (std::size_t k = sizeof(block) / granule - 1; k != classes; ++k) {
         std::vector<void*> const memory = one.allocate(request_of(k), largest_per_chunk);
-        auto expected = static_cast<char*>(memory[0]);
-        for (void* each : memory) {
-            EXPECT_EQ(each, expected) << "class " << k;
-            expected -= block_sizes[k];
-        }
+        auto const highest = static_cast<char*>(memory[0]);
+        for (std::size_t i = 0; i != memory.size(); ++i)
+            EXPECT_EQ(memory[i], highest - i * block_sizes[k]) << "class " << k;
     }
 }
 
 TEST(allocator_test, the_chunk_freed_into_last_serves_and_a_second_unused_one_is_for_all) {
     actor one;
-    chunk const& partial = (one.own().*inspector::partial)[largest];
+    chunk const& partial = one[inspector::partial][largest];
     std::vector<void*> memory = one.allocate(request_of(largest), largest_per_chunk + 1);
     EXPECT_EQ(chunks(partial), 1u);
     void* const freed = memory[3];
@@ -149,13 +116,13 @@ TEST(allocator_test, the_chunk_freed_into_last_serves_and_a_second_unused_one_is
     EXPECT_EQ(one.allocate(request_of(largest)), freed);
 
     one.deallocate(memory, memory.size());
-    EXPECT_EQ(chunks(one.own().*inspector::empty), 1u);
+    EXPECT_EQ(chunks(one[inspector::empty]), 1u);
     one.allocate(request_of(12));
-    EXPECT_EQ(chunks(one.own().*inspector::empty), 0u);
+    EXPECT_EQ(chunks(one[inspector::empty]), 0u);
 }
 
 TEST(allocator_test, surplus_leaves_chunk_by_chunk_and_is_taken_before_new_memory) {
-    chunk const& available = global_allocator().*inspector::empty;
+    chunk const& available = allocator_group::global()->global_allocator()->*inspector::empty;
     for (std::size_t const held : {17u, 18u}) {
         actor one;
         std::vector<void*> memory = one.allocate(request_of(largest), held * largest_per_chunk);
@@ -163,7 +130,7 @@ TEST(allocator_test, surplus_leaves_chunk_by_chunk_and_is_taken_before_new_memor
         one.deallocate(memory, memory.size());
         // 17 chunks are below the 1048579 bytes from which an idle allocator
         // gives, 18 are not.
-        EXPECT_EQ(inspector::capacity(one.own()), 17 * largest_capacity);
+        EXPECT_EQ(one[inspector::capacity], 17 * largest_capacity);
         EXPECT_EQ(chunks(available), before + (held - 17));
     }
     // The free that empties a chunk decides by what is then in use: 23 chunks
@@ -173,11 +140,11 @@ TEST(allocator_test, surplus_leaves_chunk_by_chunk_and_is_taken_before_new_memor
     std::vector<void*> memory = one.allocate(request_of(largest), 23 * largest_per_chunk);
     one.deallocate(other.allocate(40));
     one.deallocate(memory, memory.size() - 64);
-    EXPECT_EQ(inspector::capacity(one.own()), 23 * largest_capacity);
-    EXPECT_EQ(inspector::pending_size(other.own()), 0u);
+    EXPECT_EQ(one[inspector::capacity], 23 * largest_capacity);
+    EXPECT_EQ(other[inspector::pending_size], 0u);
     one.deallocate(memory, 1);
-    EXPECT_EQ(inspector::capacity(one.own()), 22 * largest_capacity);
-    EXPECT_NE(inspector::pending_size(other.own()), 0u);
+    EXPECT_EQ(one[inspector::capacity], 22 * largest_capacity);
+    EXPECT_NE(other[inspector::pending_size], 0u);
 
     std::size_t const before = chunks(available);
     other.allocate(request_of(7));
@@ -188,37 +155,37 @@ TEST(remote_free_test, blocks_reach_an_activated_owner_in_batches_and_wait_for_i
     actor owner, freer;
     std::vector<void*> memory = owner.allocate(request_of(largest), 65);
     freer.deallocate(memory, 64);
-    auto const& entry = (freer.own().*inspector::remotes)[0];
+    auto const& entry = freer[inspector::remotes][0];
     EXPECT_EQ(entry.size, batch);
-    EXPECT_EQ(inspector::pending_size(owner.own()), 0u);
+    EXPECT_EQ(owner[inspector::pending_size], 0u);
     freer.deallocate(memory, 1);
     EXPECT_EQ(entry.size, 4096u);
-    EXPECT_EQ(inspector::pending_size(owner.own()), batch);
+    EXPECT_EQ(owner[inspector::pending_size], batch);
 
     // A full batch is put back by the next allocation, less than that only when
     // there is no chunk to serve it.
     owner.allocate(request_of(largest));
-    EXPECT_EQ(inspector::pending_size(owner.own()), 0u);
+    EXPECT_EQ(owner[inspector::pending_size], 0u);
     freer.use().flush_allocator(false);
-    while ((owner.own().*inspector::empty).has_chunk())
+    while (owner[inspector::empty].has_chunk())
         owner.allocate(request_of(10));
-    EXPECT_EQ(inspector::pending_size(owner.own()), 4096u);
+    EXPECT_EQ(owner[inspector::pending_size], 4096u);
     owner.allocate(request_of(12));
-    EXPECT_EQ(inspector::pending_size(owner.own()), 0u);
+    EXPECT_EQ(owner[inspector::pending_size], 0u);
 }
 
 TEST(remote_free_test, what_waits_serves_its_class_again_but_for_the_last_before_new_memory) {
     actor owner, user;
     std::vector<void*> memory = owner.allocate(request_of(largest), 3);
-    auto const& entry = (user.own().*inspector::remotes)[0];
-    std::size_t const own = inspector::size(user.own());
+    auto const& entry = user[inspector::remotes][0];
+    std::size_t const own = user[inspector::size];
     for (void* each : memory)
         user.deallocate(each);
     user.deallocate(user.allocate(request_of(largest - 1)));  // of another class: none waits
     EXPECT_EQ(entry.size, 3 * 4096u);
     EXPECT_EQ(user.allocate(request_of(largest)), memory[2]);
     EXPECT_EQ(user.allocate(request_of(largest)), memory[1]);
-    EXPECT_EQ(inspector::size(user.own()), own);
+    EXPECT_EQ(user[inspector::size], own);
     void* const fresh = user.allocate(request_of(largest));
     EXPECT_NE(fresh, memory[0]);
     user.deallocate(fresh);
@@ -231,21 +198,21 @@ TEST(remote_free_test, a_fifth_owner_sends_the_first_four_home) {
     for (int i = 0; i != 5; ++i)
         memory[i] = owners[i].allocate(40);
     for (int i = 0; i != 5; ++i) {
-        EXPECT_EQ(inspector::pending_size(owners[0].own()), 0u);
+        EXPECT_EQ(owners[0][inspector::pending_size], 0u);
         freer.deallocate(memory[i]);
     }
     for (int i = 0; i != 4; ++i)
-        EXPECT_NE(inspector::pending_size(owners[i].own()), 0u);
-    EXPECT_EQ(inspector::pending_size(owners[4].own()), 0u);
+        EXPECT_NE(owners[i][inspector::pending_size], 0u);
+    EXPECT_EQ(owners[4][inspector::pending_size], 0u);
 
     // Only the collection is left of a flush that keeps.
     owners[4].deallocate(freer.allocate(40));
     owners[4].use().flush_allocator(false);
     freer.use().flush_allocator(true);
-    EXPECT_EQ(inspector::size(freer.own()), 0u);
-    EXPECT_EQ(inspector::pending_size(owners[4].own()), 0u);
+    EXPECT_EQ(freer[inspector::size], 0u);
+    EXPECT_EQ(owners[4][inspector::pending_size], 0u);
     freer.use().flush_allocator(false);
-    EXPECT_NE(inspector::pending_size(owners[4].own()), 0u);
+    EXPECT_NE(owners[4][inspector::pending_size], 0u);
 }
 
 TEST(remote_free_test, a_deactivated_owner_gets_its_blocks_put_back_at_once) {
@@ -254,11 +221,11 @@ TEST(remote_free_test, a_deactivated_owner_gets_its_blocks_put_back_at_once) {
     freer.deallocate(memory, 10);
     freer.use().flush_allocator(false);
     owner.use().deactivate_allocator(false);  // which collects what is there
-    EXPECT_EQ(inspector::size(owner.own()), 10 * 4096u);
+    EXPECT_EQ(owner[inspector::size], 10 * 4096u);
     freer.deallocate(memory, 10);
     freer.use().flush_allocator(false);
-    EXPECT_EQ(inspector::size(owner.own()), 0u);
-    EXPECT_EQ(inspector::pending_size(owner.own()), 0u);
+    EXPECT_EQ(owner[inspector::size], 0u);
+    EXPECT_EQ(owner[inspector::pending_size], 0u);
 }
 
 }  // namespace
