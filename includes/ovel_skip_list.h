@@ -28,7 +28,7 @@ class thread_function;
 //
 //     static std::size_t hash(T const& x);
 //
-// the same for equal ones, and spread over 16 bits. A long list then finds the
+// the same for equal ones, and spread over its 16 lowest bits. A long list then finds the
 // place behind equals mostly without a search. Neither throws.
 template <class T>
 struct skip_list_order;
@@ -44,7 +44,7 @@ struct skip_list_order<triple<thread_function*, double, double>> {
     // The two zeros are equal: the addition makes them one.
     static std::size_t hash(triple<thread_function*, double, double> const& x) {
         std::uint64_t const both = std::rotl(std::bit_cast<std::uint64_t>(x.third + 0.0), 29) ^
-                                   std::bit_cast<std::uint64_t>(x.second);
+                                   std::bit_cast<std::uint64_t>(x.second + 0.0);
         return static_cast<std::size_t>((both ^ both >> 32) * 0x9e3779b97f4a7c15 >> 48);
     }
 };
@@ -175,7 +175,7 @@ public:
         return detached(_value(_allocate_node(value, level)));
     }
 
-    // The level that the next insertion draws.
+    // The level that the next insertion draws, unless the head must grow for it.
     unsigned int next_level() const {
         unsigned int seed = _seed;
         return _head != nullptr ? _draw_level(seed) : 1;

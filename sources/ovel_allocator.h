@@ -101,9 +101,6 @@ struct chunk {
     bool has_chunk() const {
         return _next != this;
     }
-    bool holds_only(chunk const& one) const {
-        return _next == &one && _previous == &one;
-    }
 
     void unlink() {
         _previous->_next = _next;
@@ -115,9 +112,7 @@ struct chunk {
         _next->_previous = this;
         ring._next = this;
     }
-    void move_to_front(chunk& ring) {
-        if (ring._next == this)
-            return;
+    void move_to(chunk& ring) {
         unlink();
         insert_front(ring);
     }
@@ -147,9 +142,9 @@ struct remote {
 //     _empty       no block in use   laid out for the class it last served
 //
 // Of `_partial[k]` the chunk into which a block was freed last serves the class, or the
-// first of the ring once that one is gone. It is noted in `_serving[k]`, and stays in its
-// place: blocks that are freed in any order go to one chunk after the other, and a move
-// each time costs more than the rest of the free.
+// first of the ring once that one has left it, full or empty. It is noted in `_serving[k]`, and
+// stays in its place: blocks that are freed in any order go to one chunk after the other, and a
+// move each time costs more than the rest of the free.
 //
 // `_size` and `_capacity` are the sums of those of the chunks. The global
 // allocator has chunks in `_empty` only.
@@ -349,7 +344,7 @@ inline detail::block* allocator::_take_ready(std::size_t k) {
     __builtin_prefetch(next);  // for the next allocation of the class
     _take_block(*taken, home);
     if (next == nullptr) [[unlikely]] {
-        home.move_to_front(_full[k]);
+        home.move_to(_full[k]);
         _serving[k] = _partial[k]._next;
     }
     return taken;
@@ -374,13 +369,14 @@ inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
     std::size_t const k = detail::class_of(block_size);
     bool const spare = size == 0 && home._next != home._previous;
     if (spare) [[unlikely]] {
-        home.move_to_front(_empty);
-        _serving[k] = _partial[k]._next;
+        home.move_to(_empty);
+        if (_serving[k] == &home)
+            _serving[k] = _partial[k]._next;
         _find_surplus();
         return;
     }
     if (rest == nullptr) [[unlikely]]
-        home.move_to_front(_partial[k]);
+        home.move_to(_partial[k]);
     _serving[k] = &home;
 }
 

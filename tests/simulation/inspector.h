@@ -114,13 +114,13 @@ private:
         for (std::size_t k = 0; k != classes; ++k) {
             check_ring(each._full[k], block_sizes[k], true);
             assure(check_ring(each._partial[k], block_sizes[k], false) <= 1);
-            // What serves the class has a block free, unless no chunk of the class has.
-            chunk const& serving = *each._serving[k];
-            if (each._partial[k].has_chunk())
-                assure(serving._allocator == &each && serving._block_size == block_sizes[k] &&
-                       serving._free != nullptr);
-            else
-                assure(&serving == &each._partial[k]);
+            // What serves the class is in its ring, or the ring itself if that is empty.
+            chunk const* serving = &each._partial[k];
+            do
+                serving = serving->_next;
+            while (serving != each._serving[k] && serving != &each._partial[k]);
+            assure(serving == each._serving[k]);
+            assure(serving != &each._partial[k] || !serving->has_chunk());
         }
         std::size_t const before = size;
         check_ring(each._empty, 0, false);
