@@ -386,7 +386,8 @@ private:
 };
 
 // Fires when each input place has the tokens and each output place the free slots
-// that its arcs ask for. Nets make transitions and own them.
+// that its arcs ask for. Nets make transitions and own them; only those that
+// `insert_transition` returned are given arcs, activated and deactivated.
 class OVEL_EXPORT petri_transition : public thread_function {
 public:
     petri_transition(petri_function& function, bool reentrant, double time, double space,
@@ -573,7 +574,7 @@ public:
     petri_net(unsigned int threads, double space, unsigned int stack_size);
 
     // A group for each (threads, space, stack size) of the range; the queue thread
-    // has the stack size of the first. None fails the check "_groups != 0".
+    // has the stack size of the first. An empty range fails the check "_groups != 0".
     petri_net(triple<unsigned int, double, unsigned int> const* begin,
               triple<unsigned int, double, unsigned int> const* end);
 
@@ -694,7 +695,7 @@ private:
     void _dispatch_transitions();
     void _dispatch();
     bool _at_rest() const;
-    void _acquire();
+    void _enter();
     void _leave();
 
     void _await_token(petri_place* place);
@@ -707,9 +708,10 @@ private:
     bool _join_groups(Join join);
 
     // Guards `_firings`, `_acquired`, `_random`, `_queue`, the counts of places,
-    // the state of transitions and all from `_crews` on. Taken before a place's
-    // mutex; never held while firing code runs, and no group is called
-    // that could go on, only one that refuses what it is given.
+    // the state of transitions, the crews and all from `_touched` on but `_spin`;
+    // `_ended` is read without it. Taken before a place's mutex; never held while
+    // firing code runs, and no group is called that could go on, only one that
+    // refuses what it is given.
     mutex _mutex;
     unsigned int const _groups;
     unsigned int _firings = 0;  // initiated and not terminated, of all transitions
@@ -734,6 +736,7 @@ private:
     unsigned int const _spin;             // pauses of a thread that waits for `_mutex`
     bool _dispatching = false;            // what is enabled is fired at once
     bool _news = false;                   // what a blocked caller waits for has come
+    bool _missed = false;                 // a transition may be enabled and not queued
     // Firings that have ended, modulo its range; who waits for `_mutex` looks how it grows.
     detail::atomic<unsigned int> _ended = 0;
     unsigned int _ranked = 0;  // transitions that have their rank

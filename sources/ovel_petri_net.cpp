@@ -17,13 +17,13 @@
 // that a thread writes go to and fro between the processors with `_mutex`.
 //
 // Dispatching. From start to stop, whoever has changed something under `_mutex`
-// initiates the firings of all that is queued before giving it up, so that the queue
-// is empty whenever `_mutex` is free. A firing that is initiated waits with the crew
-// of its group, one for each group, until a thread of the group is free to run it: the
-// largest space that fits first, then the longest time, then the first come, as the
-// group itself would choose. The start of the net sorts the spaces and times, so that
-// neither taking nor waiting compares any. A thread that ends a firing goes on with the next within
-// the same hold of `_mutex`, and leaves when there is none that fits.
+// initiates the firings of all that is queued before giving it up, so that, from the
+// first such on, the queue is empty whenever `_mutex` is free. A firing that is initiated waits
+// with the crew of its group, one for each group, until a thread of the group is free to run it:
+// the largest space that fits first, then the longest time, then the first come, as the group
+// itself would choose. The start of the net sorts the spaces and times, so that taking and waiting
+// compare no times, and spaces only when they are scarce. A thread that ends a firing goes on with
+// the next within the same hold of `_mutex`, and leaves when there is none that fits.
 //
 // Wake-ups. While a firing that fits waits and the group has threads to spare, one is
 // called, with work scheduled on the group; the next is called by that one, when it
@@ -37,6 +37,7 @@
 
 #include "ovel_petri_net.h"
 
+#include "ovel_allocator_group.h"
 #include "ovel_counter.h"
 #include "ovel_guard.h"
 #include "ovel_thread_support.h"
@@ -267,7 +268,7 @@ petri_queue_function::~petri_queue_function() = default;
 // longer where others end firings faster than the mutex, and all that it guards, can be
 // handed over: one more thread would only slow them down. The spin count bounds the
 // pauses of a call. Relaxed: a stale count costs a pause, or saves one.
-void petri_net::_acquire() {
+void petri_net::_enter() {
     constexpr unsigned int least = 4;
     constexpr unsigned int most = 64;
     constexpr std::int64_t handover = 1024;  // ticks
@@ -298,7 +299,7 @@ void petri_net::_acquire() {
 class petri_net::change {
 public:
     explicit change(petri_net& net) : _net(net) {
-        _net._acquire();
+        _net._enter();
     }
     ~change() {
         _net._dispatch();
@@ -570,8 +571,12 @@ bool petri_net::crew::calls() {
 
 void petri_net::crew::operator()() {
     petri_net& net = _net;  // its line may be written by another thread meanwhile
-    for (petri_transition* firing = _begin(); firing != nullptr; firing = _go_on(net, firing))
+    allocator_group* const group = allocator_group::global();
+    for (petri_transition* firing = _begin(); firing != nullptr; firing = _go_on(net, firing)) {
         firing->petri_transition::operator()();  // not virtual, which would fetch one more line
+        // The group sees one long piece of work here, so it would do this at its end only.
+        group->flush_allocator(true);
+    }
 }
 
 petri_transition* petri_net::crew::_begin() {
@@ -828,7 +833,12 @@ void petri_net::_enqueue(petri_transition* transition) {
     _random = static_cast<unsigned int>(std::uint64_t{16807} * _random % 2147483647);
     transition->random(_random);
     if (!_dispatching || _ahead_size == _most_ahead) {
-        transition->enqueue(_queue.insert(transition));
+        try {
+            transition->enqueue(_queue.insert(transition));
+        } catch (...) {
+            _missed = true;
+            throw;
+        }
         return;
     }
     unsigned int i = _ahead_size++;
@@ -873,11 +883,11 @@ petri_transition* petri_net::_first_queued() {
 // Of a place that has gained tokens or slots: it had `before` available, and has `now`.
 // An arc that was enabled before does not matter while the net dispatches. Unless its
 // transition is reentrant, that is queued, fires, or lacks something else; for what
-// comes to lack nothing is queued then. Where that throws for want of memory, others
-// are dispatched that take all that has been gained.
+// comes to lack nothing is queued then, or, where there is no memory for that, has
+// everything looked at from there on.
 void petri_net::_enqueue_side(detail::petri_side const& side, unsigned int before,
                               unsigned int now) {
-    if (!_dispatching)
+    if (!_dispatching || _missed)
         before = 0;
     if (before >= side.most)
         return;
@@ -1035,6 +1045,7 @@ void petri_net::_enqueue_initial_transitions() {
         assure((*i)->input_size() != 0 || (*i)->output_size() != 0);
         _enqueue_if_enabled(*i);
     }
+    _missed = false;
 }
 
 // Gives all transitions their ranks, which those that were inserted since the last start
@@ -1142,11 +1153,11 @@ void petri_net::_send(petri_place* place, any const& token) {
 
 void petri_net::release() {
     _assure_stopped();
-    _rank_transitions();
     {
         // Nobody else changes a stopped net while it is started, but callers that
         // it blocks may wake up and look.
         detail::guard const hold(_mutex);
+        _rank_transitions();
         _enqueue_initial_transitions();
     }
     start starting(*this);

@@ -142,8 +142,8 @@ struct ovel::detail::inspector {
     LAYOUT(petri_net, (3856, 4000), (0, 0), _mutex, _groups, _firings, _acquired, _random,
            _queue_thread_acquired, _thread_group_acquireds, _thread_group_acquired, _queue_function,
            _queue_thread, _thread_groups, _places, _transitions, _arcs, _queue, _condition, _rest,
-           _crews, _touched, _called, _spin, _dispatching, _news, _ended, _ranked, _ahead_size,
-           _ahead);
+           _crews, _touched, _called, _spin, _dispatching, _news, _missed, _ended, _ranked,
+           _ahead_size, _ahead);
 
     static_assert(sizeof(list<int*>::iterator) == sizeof(void*));
     static_assert(sizeof(skip_list<int*>::iterator) == sizeof(void*));

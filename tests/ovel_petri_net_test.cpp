@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -334,6 +335,31 @@ TEST(petri_engine_test, a_transition_fires_on_the_threads_of_its_group) {
             net.send(function.in[0], token);
     }
     net.release();
+    net.acquire();
+}
+
+TEST(petri_engine_test, a_thread_that_never_rests_takes_back_what_others_free) {
+    constexpr unsigned int number = 1000;
+    constexpr std::size_t most = std::size_t{1} << 20;  // of 4 MB
+    std::size_t const before = allocator_support::allocated_size();
+    test_net net;
+    code maker([](code& self) {
+        self.take();
+        self.put(std::array<char, 4000>());
+    });
+    // It leaves its token, and allocates nothing.
+    code ticker([](code& self) { self.in[0]->receive_skip(); });
+    petri_place* const made = net.place(number);
+    net.transition(maker, {net.place(number, number)}, {made}, 2.0);
+    petri_transition* const ticks = net.transition(ticker, {net.place(1, 1)}, {});
+    net.release();
+    until([&] { return inspector::tokens(net, made) == number; });
+    for (unsigned int i = 0; i != number; ++i) {
+        any token;
+        net.receive(made, token);
+    }
+    until([&] { return allocator_support::allocated_size() < before + most; });
+    ticks->deactivate();
     net.acquire();
 }
 
