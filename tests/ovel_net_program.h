@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -63,12 +64,25 @@ protected:
         std::ofstream(_directory / name, std::ios::binary) << text;
     }
 
-    // Writes `net.pnml` with `elements` in its lines from the third on.
+    // A net with `elements` in its lines from the third on.
+    static std::string net_of(std::string const& elements) {
+        return "<pnml xmlns=\"http://www.pnml.org/version-2009/grammar/pnml\"><net id=\"n\"\n"
+               "type=\"http://www.pnml.org/version-2009/grammar/ptnet\"><page id=\"page\">\n" +
+               elements + "\n</page></net></pnml>\n";
+    }
     void write_net(std::string const& elements) {
-        write("net.pnml",
-              "<pnml xmlns=\"http://www.pnml.org/version-2009/grammar/pnml\"><net id=\"n\"\n"
-              "type=\"http://www.pnml.org/version-2009/grammar/ptnet\"><page id=\"page\">\n" +
-                  elements + "\n</page></net></pnml>\n");
+        write("net.pnml", net_of(elements));
+    }
+
+    // `text` that many times, with # for 0, 1, ... and @ for the number after that.
+    static std::string repeated(int times, std::string const& text) {
+        std::regex const number("#"), next("@");
+        std::string all;
+        for (int i = 0; i < times; ++i) {
+            std::string const numbered = std::regex_replace(text, number, std::to_string(i));
+            all += std::regex_replace(numbered, next, std::to_string(i + 1));
+        }
+        return all;
     }
 
     // What lies in the directory, but for the program's output and `net.pnml`.
