@@ -5,7 +5,6 @@
 The browser is driven by the W3C WebDriver protocol over the loopback address.
 """
 import json
-import os
 import pathlib
 import re
 import subprocess
@@ -54,7 +53,7 @@ class Browser:
             return json.load(answer)["value"]
 
     def open(self, file):
-        self._ask("POST", "/url", {"url": pathlib.Path(file).absolute().as_uri()})
+        self._ask("POST", "/url", {"url": file.as_uri()})
 
     def value(self, script):
         return self._ask("POST", "/execute/sync", {"script": "return " + script, "args": []})
@@ -68,16 +67,16 @@ class Browser:
     def type(self, selector, text):
         self._ask("POST", f"/element/{self._element(selector)[ELEMENT]}/value", {"text": text})
 
-    def point(self, selector, x=0, y=0, wheel=None):
-        """Moves the mouse to a place, from the element's middle, or turns the wheel there."""
-        where = {"x": x, "y": y, "origin": self._element(selector)}
-        if wheel is None:
-            action = {"type": "pointer", "id": "mouse",
-                      "actions": [{"type": "pointerMove", "duration": 0, **where}]}
-        else:
-            action = {"type": "wheel", "id": "wheel",
-                      "actions": [{"type": "scroll", "deltaX": 0, "deltaY": wheel, "duration": 0, **where}]}
-        self._ask("POST", "/actions", {"actions": [action]})
+    def _act(self, device, action, selector, **how):
+        """In the middle of the element."""
+        action = {"type": action, "x": 0, "y": 0, "duration": 0, "origin": self._element(selector), **how}
+        self._ask("POST", "/actions", {"actions": [{"type": device, "id": device, "actions": [action]}]})
+
+    def point(self, selector):
+        self._act("pointer", "pointerMove", selector)
+
+    def turn_wheel(self, selector, by):
+        self._act("wheel", "scroll", selector, deltaX=0, deltaY=by)
 
     def complaints(self):
         return [entry["message"] for entry in self._ask("POST", "/se/log", {"type": "browser"})]
@@ -130,7 +129,7 @@ def test(browser):
     equal(len(browser.value(curves).split()), 5)
 
     # Time is zoomed in about the mouse, in both charts, and out again.
-    browser.point("#lanes", wheel=-400)
+    browser.turn_wheel("#lanes", -400)
     length = browser.value("data.length")
     begin, end = browser.value(view)
     assert 0 < begin < end < length and end - begin < length / 2, (begin, end, length)
@@ -138,7 +137,7 @@ def test(browser):
     browser.click("#whole")
     equal(browser.value(view), [0, length])
     browser.point("#curves")
-    assert "at " in browser.value("document.getElementById('tip').textContent")
+    assert browser.value("document.getElementById('tip').textContent").startswith("at ")
 
     # The picture, the table and the colours.
     shown = "document.querySelector('#picture svg').getAttribute('viewBox')"
@@ -166,17 +165,17 @@ def test_long(browser):
     assert browser.value("moment(span[0]) !== moment(span[0] + 2)")
 
 
-def make_report(net, *options):
+def show(browser, net, *options):
+    report = folder / "report.html"
     subprocess.run([program, net, "--threads", "2", "--report", report, *options],
                    check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    browser.open(report)
 
 
-with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as folder:
-    report = os.path.join(folder, "report.html")
-    make_report(net, "--work", "100")
-    with Browser(os.path.join(folder, "profile")) as browser:
-        browser.open(report)
+with tempfile.TemporaryDirectory(ignore_cleanup_errors=True) as name:
+    folder = pathlib.Path(name)
+    with Browser(folder / "profile") as browser:
+        show(browser, net, "--work", "100")
         test(browser)
-        make_report(os.path.join(os.path.dirname(net), "readers_writers.pnml"), "--firings", "2500000")
-        browser.open(report)
+        show(browser, pathlib.Path(net).with_name("readers_writers.pnml"), "--firings", "2500000")
         test_long(browser)
