@@ -373,12 +373,4 @@ void allocator::deactivate(bool keep) {
     _activated = false;
 }
 
-void allocator::flush(bool keep) {
-    // Relaxed: a chain that this reading misses waits for the next collection.
-    if (_read(_pending_size) != 0)
-        _collect();
-    if (!keep)
-        _flush_remote();
-}
-
 }  // namespace ovel

@@ -387,6 +387,14 @@ inline void allocator::deallocate(detail::block& freed, detail::chunk& home) {
         _give_surplus();
 }
 
+inline void allocator::flush(bool keep) {
+    // Relaxed: a chain that this reading misses waits for the next collection.
+    if (_read(_pending_size) != 0) [[unlikely]]
+        _collect();
+    if (!keep)
+        _flush_remote();
+}
+
 inline void allocator::_file(detail::block& freed, detail::remote& entry) {
     freed._next = entry.head;
     entry.head = &freed;

@@ -96,7 +96,7 @@ void allocator_group::deactivate_allocator(bool keep) {
 }
 
 void allocator_group::flush_allocator(bool keep) {
-    specific_allocator()->flush(keep);
+    detail::own_allocator().flush(keep);
 }
 
 allocator* allocator_group::_acquire_allocator() {
