@@ -625,7 +625,8 @@ public:
     // has reserved, or a slot, and the net need not run for that; the `try_` forms
     // return false instead. Throw std::bad_alloc, having changed nothing but as
     // each says. A transition that could not be queued is looked at again when one
-    // of its places changes, by `activate`, and by `release`.
+    // of its inputs gains tokens or one of its outputs slots, by `activate`, and by
+    // `release`.
 
     // Copies the oldest token; after an exception `token` is empty.
     void peek(petri_place* place, any& token);
@@ -736,7 +737,7 @@ private:
     unsigned int const _spin;             // pauses of a thread that waits for `_mutex`
     bool _dispatching = false;            // what is enabled is fired at once
     bool _news = false;                   // what a blocked caller waits for has come
-    bool _missed = false;                 // a transition may be enabled and not queued
+    bool _missed = false;                 // there was no memory to queue a transition
     // Firings that have ended, modulo its range; who waits for `_mutex` looks how it grows.
     detail::atomic<unsigned int> _ended = 0;
     unsigned int _ranked = 0;  // transitions that have their rank

@@ -141,10 +141,10 @@ struct remote {
 //     _partial[k]  some block free   one chunk of the ring may have no block in use
 //     _empty       no block in use   laid out for the class it last served
 //
-// Of `_partial[k]` the chunk into which a block was freed last serves the class, or the
-// first of the ring once that one has left it, full or empty. It is noted in `_serving[k]`, and
-// stays in its place: blocks that are freed in any order go to one chunk after the other, and a
-// move each time costs more than the rest of the free.
+// Of `_partial[k]` the chunk that a block was freed into last, or a new one, serves the
+// class; once that one has left the ring, full or empty, the first of the ring does. It
+// is noted in `_serving[k]`, and stays in its place: blocks that are freed in any order go
+// to one chunk after the other, and a move each time costs more than the rest of the free.
 //
 // `_size` and `_capacity` are the sums of those of the chunks. The global
 // allocator has chunks in `_empty` only.

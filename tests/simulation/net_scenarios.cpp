@@ -3,6 +3,7 @@
 
 #include "accounts.h"
 #include "inspector.h"
+#include "ovel_allocator_support.h"
 #include "ovel_any.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
@@ -349,6 +350,66 @@ void net_refusals(unsigned int variant) {
         assure(received[token] <= 1 && (!sent[token] || received[token] == 1));
 }
 
+// Takes a token of each of its places.
+struct taker : petri_function {
+    void operator()() override {
+        any token;
+        for (petri_place* each : from)
+            if (each != nullptr)
+                each->receive(token);
+    }
+
+    petri_place* from[2] = {};
+};
+
+// A token enables more transitions than are kept beside the queue, and there may be no
+// memory to queue the last, while one that waits for the net's first dispatch takes from
+// all but the last what else they need: the last fires when another token comes.
+void refusals_at_the_start(unsigned int) {
+    accounts const books(0);
+    expect_failure("(\"unexpected exception\", 0)");
+    constexpr unsigned int takers = 10;
+    taker functions[takers];
+    petri_net net(1, 1.0, 16384);
+    petri_place* const shared = net.insert_place(2);
+    petri_place* const scarce = net.insert_place(1);
+    for (unsigned int each = 0; each != takers; ++each) {
+        double const space = each == 0 ? 1.0 : 0.0;
+        petri_transition* const made = net.insert_transition(functions[each], false, 1.0, space, 0);
+        if (each != 0)
+            net.insert_input_arc(shared, made->input(functions[each].from[0]));
+        if (each != takers - 1)
+            net.insert_input_arc(scarce, made->input(functions[each].from[1]));
+    }
+    net.send(scarce, 0);
+    begin();
+    net.release();
+    // Of the blocks that a send may need a few are left.
+    std::vector<void*> hoard;
+    refuse_memory(1, 1000);
+    for (unsigned int const size : {16, 32, 48}) {
+        try {
+            for (;;)
+                hoard.push_back(allocator_support::allocate(size));
+        } catch (std::bad_alloc const&) {
+            for (unsigned int left = pick(3); left != 0; --left) {
+                allocator_support::deallocate(hoard.back());
+                hoard.pop_back();
+            }
+        }
+    }
+    try {
+        net.send(shared, 1);
+    } catch (std::bad_alloc const&) {
+        assure(refused() != 0);
+    }
+    refuse_memory(0, 0);
+    net.send(shared, 2);
+    net.acquire();
+    std::ranges::for_each(hoard, allocator_support::deallocate);
+    inspector::expect_at_rest(net, [](petri_transition*) { return false; });
+}
+
 registration const table[] = {
     registration(
         {.name = "net_of_any_structure_conserves_tokens", .run = random_nets, .variants = 4}),
@@ -357,7 +418,9 @@ registration const table[] = {
                   .variants = 2}),
     registration(
         {.name = "net_fires_side_by_side_what_fits", .run = firings_that_meet, .variants = 4}),
-    registration({.name = "net_bears_refused_memory", .run = net_refusals, .variants = 2})};
+    registration({.name = "net_bears_refused_memory", .run = net_refusals, .variants = 2}),
+    registration(
+        {.name = "net_fires_later_what_it_could_not_queue", .run = refusals_at_the_start})};
 
 }  // namespace
 
