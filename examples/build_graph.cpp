@@ -23,7 +23,7 @@ int main() {
     auto const library_for_program = file("library"), library_for_test = file("library'");
     auto const program = file("program"), report = file("report"), package = file("package");
 
-    auto const compile = [&](artifact source) {
+    auto const compile = [&](artifact const& source) {
         ++steps;
         return source + ".o";
     };
@@ -31,22 +31,24 @@ int main() {
     build.insert_transition("compile b", from(b_source), to(b_object), compile);
     build.insert_transition("compile c", from(c_source), to(c_object), compile);
     build.insert_transition("archive", from(a_object, b_object),
-                            to(library_for_program, library_for_test), [&](artifact a, artifact b) {
+                            to(library_for_program, library_for_test),
+                            [&](artifact const& a, artifact const& b) {
                                 ++steps;
                                 artifact const library = "lib(" + a + " " + b + ")";
                                 return std::tuple(library, library);
                             });
     build.insert_transition("link", from(library_for_program, c_object), to(program),
-                            [&](artifact library, artifact object) {
+                            [&](artifact const& library, artifact const& object) {
                                 ++steps;
                                 return "program(" + library + " " + object + ")";
                             });
-    build.insert_transition("test", from(library_for_test), to(report), [&](artifact library) {
-        ++steps;
-        return "tested(" + library + ")";
-    });
+    build.insert_transition("test", from(library_for_test), to(report),
+                            [&](artifact const& library) {
+                                ++steps;
+                                return "tested(" + library + ")";
+                            });
     build.insert_transition("pack", from(program, report), to(package),
-                            [&](artifact binary, artifact passed) {
+                            [&](artifact const& binary, artifact const& passed) {
                                 ++steps;
                                 return binary + " " + passed;
                             });

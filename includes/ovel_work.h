@@ -124,7 +124,7 @@ public:
         if (!_stopped) {
             _group.schedule(*submitted, options.time, options.space);
             ++_unfinished;
-            submitted.release();
+            static_cast<void>(submitted.release());
         }
         return future;
     }

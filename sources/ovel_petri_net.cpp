@@ -327,7 +327,7 @@ public:
             words += size + 1;  // the last stays 0 and ends a search
         }
         if (words != 0)
-            _words.reset(new std::uint64_t[words]());
+            _words = std::make_unique<std::uint64_t[]>(words);
     }
 
     void insert(unsigned int number) {

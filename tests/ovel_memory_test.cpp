@@ -89,7 +89,7 @@ TEST(memory_test, resources_are_equal_among_themselves_only) {
 // give that up before.
 struct late {
     ~late() {
-        delete new std::string(100, 'y');
+        ::operator delete(::operator new(100));
     }
 };
 

@@ -191,8 +191,9 @@ void misuse(unsigned int which) {
             *static_cast<int volatile*>(nullptr) = 1;
         else if (step == 't')
             throw std::runtime_error("boo");
-        while (step == 'l')
-            YieldProcessor();
+        else if (step == 'l')
+            for (;;)
+                YieldProcessor();
         settle();
     }
 }
