@@ -30,8 +30,8 @@ OVEL_EXPORT void before_access(access kind, void const volatile* word);
 // shows.
 OVEL_EXPORT void after_access(std::uint64_t found, std::uint64_t left);
 
-// Whether a weak compare-and-exchange is to fail although the values agree.
-OVEL_EXPORT bool spurious_failure();
+// Draws whether a weak compare-and-exchange is to fail although the values agree.
+OVEL_EXPORT bool draw_spurious_failure();
 
 template <class T>
 [[gnu::always_inline]] inline std::uint64_t as_bits(T const& value) {
@@ -103,7 +103,7 @@ public:
 
     OVEL_SIMULATION_INLINE bool compare_exchange_weak(
         T& expected, T desired, std::memory_order = std::memory_order_seq_cst) noexcept {
-        if (simulation::spurious_failure()) {
+        if (simulation::draw_spurious_failure()) {
             expected = load();
             return false;
         }

@@ -166,7 +166,7 @@ bool is_stray(void const volatile* address) {
     return contains(address) && in_use[offset(address) / granule] == 0;
 }
 
-bool is_shared(void const* accessed, unsigned int thread) {
+bool note_access(void const* accessed, unsigned int thread) {
     auto const self = static_cast<unsigned char>(thread % (shared - 1) + 1);
     unsigned char& owner = owners[offset(accessed) / word];
     if (owner == 0)

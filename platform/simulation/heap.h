@@ -29,7 +29,7 @@ bool is_stray(void const volatile* address);
 
 // Notes that `thread`, not 0, accesses memory of the arena; whether another has
 // done so since it was allocated.
-bool is_shared(void const* memory, unsigned int thread);
+bool note_access(void const* memory, unsigned int thread);
 
 unsigned int blocks();
 

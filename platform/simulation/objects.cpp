@@ -140,7 +140,7 @@ using namespace simulation;
 
 HANDLE CreateSemaphoreA(void*, LONG count, LONG maximum, char const*) {
     point(operation::create_semaphore, nullptr, __builtin_return_address(0));
-    if (refuses_object() || count < 0 || maximum <= 0 || count > maximum)
+    if (count_object_request() || count < 0 || maximum <= 0 || count > maximum)
         return nullptr;
     now.objects.push_back(object{kind::semaphore, false, count, maximum, 0, 0, 0, ""});
     return open_handle(static_cast<unsigned int>(now.objects.size() - 1));
@@ -148,7 +148,7 @@ HANDLE CreateSemaphoreA(void*, LONG count, LONG maximum, char const*) {
 
 HANDLE CreateMutexA(void*, BOOL, char const* name) {
     point(operation::create_mutex, nullptr, __builtin_return_address(0));
-    if (refuses_object())
+    if (count_object_request())
         return nullptr;
     if (std::strlen(name) >= sizeof object::name)
         fail("mutex name too long");
@@ -237,7 +237,7 @@ BOOL CloseHandle(HANDLE value) {
 std::uintptr_t _beginthreadex(void*, unsigned int stack, unsigned int (*entry)(void*),
                               void* argument, unsigned int, unsigned int* identifier) {
     point(operation::create_thread, nullptr, __builtin_return_address(0));
-    if (refuses_object())
+    if (count_object_request())
         return 0;
     now.objects.push_back(object{kind::thread, false, 0, 0, 0, 0, 0, ""});
     thread_state state{};

@@ -8,7 +8,7 @@
 
 namespace ovel::simulation {
 
-// What a step did, for the report.
+// What a step does, for the report. The first six are those of `access`.
 enum class operation : unsigned char {
     load,
     store,
@@ -63,33 +63,34 @@ struct thread_state {
     tls_entry tls[tls_count];
 };
 
-// Whether a run is under way; else the services are called while the library is
-// loaded or unloaded, by a single thread, and take effect at once.
+// Whether a run is under way. If not, the library is being loaded or unloaded: a
+// single thread calls the services, and they take effect at once.
 bool running();
 
 thread_state& current();
 
-// A point where the scheduler chooses who goes on. Returns when the calling thread
-// is to make the step. `object` is an address or, for the kernel's own objects,
+// A point where the scheduler chooses which thread goes on. Returns when the calling
+// thread is to make the step. `object` is an address or, for the kernel's own objects,
 // their number.
 void point(operation what, void const volatile* object, void* caller, bool yields = false);
 void point(operation what, unsigned int object, void* caller, bool yields = false);
 
-// The library is about to access memory, which may be that of an atomic word. Only
-// to be called with `plain_points`.
+// The library is about to access memory, which may be that of an atomic word. Call
+// only while `plain_points` is set.
 extern bool plain_points;
 void access_plainly(void const* memory, std::size_t size, bool writes);
 
 // Records what the step found and left.
 void note(std::uint64_t found, std::uint64_t left);
 
-// Lets others run until the calling thread has been made ready or `deadline` has
-// passed, and it is chosen. Whether the deadline had passed.
+// Lets other threads run until the calling thread is ready again, because
+// `make_ready` named it or `deadline` has passed, and is chosen. Returns whether the
+// deadline has passed.
 bool block(std::uint64_t deadline);
 
 threads_mask calling_thread();
 void make_ready(threads_mask threads);
-// But for those whose deadline has passed.
+// Except those whose deadline has passed.
 void make_unready(threads_mask threads);
 
 // The clock's reading `milliseconds` from now, and later if waits end late.
@@ -98,9 +99,10 @@ std::uint64_t deadline_after(DWORD milliseconds);
 // A new thread, ready to begin. False when there are too many.
 bool start_thread(thread_state const& state);
 
-// Whether a request is to be refused.
-bool refuses_memory();
-bool refuses_object();
+// Counts a request for memory, or for a kernel object or thread. Returns whether the
+// scenario wants it refused.
+bool count_memory_request();
+bool count_object_request();
 void count_kernel_call();
 
 // The kernel's objects, for reports and for the start and end of a run.
@@ -114,9 +116,9 @@ void end_thread(unsigned int object);
 
 // The processors, and the clock's rate; 0 MHz: not in the registry.
 struct machine {
-    unsigned int processors;
-    DWORD_PTR process_mask;
-    unsigned int megahertz;
+    unsigned int processors = 2;
+    DWORD_PTR process_mask = 3;
+    unsigned int megahertz = 0;
 };
 machine& current_machine();
 

@@ -185,7 +185,7 @@ char* _ultoa(unsigned long value, char* text, int radix) {
 void* malloc(std::size_t size) {
     point(operation::allocate, nullptr, __builtin_return_address(0));
     note(size, 0);
-    return refuses_memory() ? nullptr : heap::allocate(size);
+    return count_memory_request() ? nullptr : heap::allocate(size);
 }
 
 void free(void* memory) {
