@@ -21,7 +21,9 @@ constexpr char const* operation_names[] = {
     "end",         "Sleep",          "Wait",         "acquired",
     "timed out",   "Release",        "ReleaseMutex", "CreateSemaphore",
     "CreateMutex", "_beginthreadex", "CloseHandle",  "malloc",
-    "free",        "__rdtsc",        "SetAffinity",  "clock jumps"};
+    "free",        "__rdtsc",        "SetAffinity",  "read",
+    "write",       "clock jumps"};
+static_assert(std::size(operation_names) == static_cast<std::size_t>(operation::tick) + 1);
 
 char const* name(operation what) {
     return operation_names[static_cast<unsigned int>(what)];

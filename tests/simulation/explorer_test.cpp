@@ -95,7 +95,7 @@ TEST(simulation, finds_planted_faults_by_every_strategy_and_runs_them_again_the_
         {crossed_locks, "deadlock", "thread 1  waits for semaphore #1 with 0 units"},
         {deadlines<WAIT_TIMEOUT>, "assure_failed(result != expected, ", ""},
         {deadlines<WAIT_OBJECT_0>, "assure_failed(result != expected, ", ""},
-        {unlocked, "race: threads ", ""},
+        {unlocked, "race: threads ", "is ready for write heap+"},
     };
     for (auto const& fault : faults)
         for (strategy const how :
