@@ -1,12 +1,12 @@
-// The clock but for its server: the counter, the length of a tick, and the
-// conversions between seconds, ticks and milliseconds.
+// The counter, the length of a tick, and the conversions between seconds, ticks and
+// milliseconds. `time::now` is in ovel_time_server.cpp, with the thread that keeps the
+// clock.
 
 #include "ovel_time.h"
 
 #include "kernel.h"
 #include "ovel_once.h"
 #include "ovel_thread_support.h"
-#include "ovel_time_server.h"
 
 #include <cmath>
 #include <limits>
@@ -60,10 +60,6 @@ double time_support::time_unit() {
 
 time_base time_base::now() {
     return time_base(time_support::time_now());
-}
-
-time time::now() {
-    return time(time_server::global().reading());
 }
 
 std::int64_t detail::ticks_of(double seconds) {

@@ -34,6 +34,10 @@ std::int64_t time_server::reading() {
     return _reading;
 }
 
+time time::now() {
+    return time(time_server::global().reading());
+}
+
 void time_server::operator()() {
     // The lowest processor of the process: processor 0, but where the process
     // may not use it.
