@@ -15,8 +15,8 @@
 #include "ovel_counter.h"
 #include "ovel_guard.h"
 #include "ovel_thread_support.h"
+#include "ovel_work_queue.h"
 
-#include <algorithm>
 #include <new>
 
 namespace ovel {
@@ -27,66 +27,10 @@ namespace {
 
 using queue = thread_group_function_base::queue;
 
-// Takes a group's mutex. Who finds it taken sleeps only after it has let others run
-// a while: it is held so briefly that whoever keeps it longer was put off the
-// processor, and a sleeper would be handed it and keep it until it is awake. Its looks
-// at the mutex are a while apart, since each takes the line away from the holder.
-void acquire(mutex& taken, unsigned int spin) {
-    constexpr unsigned int rounds = 16;
-    constexpr unsigned int most = 96;   // pauses of a round
-    constexpr unsigned int apart = 32;  // pauses from look to look
-    for (unsigned int round = 0; round != rounds; ++round) {
-        for (unsigned int left = std::min(spin, most);;) {
-            if (taken.try_acquire())
-                return;
-            if (left == 0)
-                break;
-            unsigned int const now = std::min(left, apart);
-            for (unsigned int i = 0; i != now; ++i)
-                YieldProcessor();
-            left -= now;
-        }
-        thread_support::yield();
-    }
-    taken.acquire();
-}
-
-// Holds it for the length of a scope.
-class held {
-public:
-    held(mutex& taken, unsigned int spin) : _taken(taken) {
-        acquire(taken, spin);
-    }
-    ~held() {
-        _taken.release();
-    }
-    held(held const&) = delete;
-    held& operator=(held const&) = delete;
-
-private:
-    mutex& _taken;
-};
-
-// The work to run next if it fits into `space`, else the largest. The caller holds
-// the mutex, and the queue is not empty.
-queue::iterator find(queue& waiting, double space) {
-    if ((*waiting.begin()).third <= space)
-        return waiting.begin();
-    auto const found =
-        waiting.find_first([space](triple<thread_function*, double, double> const& each) {
-            return each.third <= space;
-        });
-    return found != waiting.end() ? found : waiting.begin();
-}
-
-bool has_fitting(queue& waiting, double space) {
-    return !waiting.empty() && (*find(waiting, space)).third <= space;
-}
-
 // Whether a worker has to be woken; if so it counts as looking from here on. The
 // caller holds the mutex, and wakes one after giving it up.
 bool wakes_one(thread_group_crew& crew, queue& waiting, double space) {
-    if (crew.idle == 0 || crew.looking || !has_fitting(waiting, space))
+    if (crew.idle == 0 || crew.looking || !has_fitting_work(waiting, space))
         return false;
     crew.looking = true;
     return true;
@@ -146,11 +90,11 @@ thread_group_function_base::~thread_group_function_base() = default;
 // `_wake_one`.
 
 void thread_group_function_base::_acquire() {
-    acquire(_mutex, _crew != nullptr ? _crew->spin : 0);
+    acquire_patiently(_mutex, _crew != nullptr ? _crew->spin : 0);
 }
 
 thread_group_function_base::queue::iterator thread_group_function_base::find_element() {
-    return find(_queue, _space);
+    return find_work(_queue, _space);
 }
 
 bool thread_group_function_base::_has_ended() const {
@@ -318,7 +262,7 @@ void thread_group::schedule(thread_function& function, double time, double space
         queue::prepare({&function, time, space}, _crew.level.load(std::memory_order_relaxed));
     bool wakes;
     {
-        detail::held const hold(_mutex, _crew.spin);
+        detail::patient_guard const hold(_mutex, _crew.spin);
         assure(!_concluded);
         _queue.insert(element);
         // Mostly it stays, and so the workers' copy of this line.
@@ -334,7 +278,7 @@ void thread_group::schedule(thread_function& function, double time, double space
 
 void thread_group::conclude() {
     {
-        detail::held const hold(_mutex, _crew.spin);
+        detail::patient_guard const hold(_mutex, _crew.spin);
         assure(!_concluded);
         _concluded = true;
         detail::tell(_crew);

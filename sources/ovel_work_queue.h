@@ -1,0 +1,79 @@
+// What all schedulers of queued work share: the choice of the next work item, and
+// how to take a mutex that many threads pass through.
+#ifndef OVEL_WORK_QUEUE_H
+#define OVEL_WORK_QUEUE_H
+
+#include "ovel_kernel.h"
+#include "ovel_mutex.h"
+#include "ovel_skip_list.h"
+#include "ovel_thread_function.h"
+#include "ovel_thread_support.h"
+#include "ovel_triple.h"
+
+#include <algorithm>
+
+namespace ovel::detail {
+
+// Work items that wait, as (function, time, space).
+using work_queue = skip_list<triple<thread_function*, double, double>>;
+
+// Takes a mutex that is held only briefly. A thread that finds it taken lets others run
+// for a while before it sleeps: a holder that keeps it longer was preempted, and a
+// sleeper would be handed the mutex and keep it until it is awake. The polls are some
+// pauses apart, since each takes the cache line away from the holder.
+inline void acquire_patiently(mutex& taken, unsigned int spin) {
+    constexpr unsigned int rounds = 16;
+    constexpr unsigned int most = 96;   // pauses of a round
+    constexpr unsigned int apart = 32;  // pauses from poll to poll
+    for (unsigned int round = 0; round != rounds; ++round) {
+        for (unsigned int left = std::min(spin, most);;) {
+            if (taken.try_acquire())
+                return;
+            if (left == 0)
+                break;
+            unsigned int const now = std::min(left, apart);
+            for (unsigned int i = 0; i != now; ++i)
+                YieldProcessor();
+            left -= now;
+        }
+        thread_support::yield();
+    }
+    taken.acquire();
+}
+
+// Holds a mutex, taken patiently, for the length of a scope.
+class patient_guard {
+public:
+    patient_guard(mutex& taken, unsigned int spin) : _taken(taken) {
+        acquire_patiently(taken, spin);
+    }
+    ~patient_guard() {
+        _taken.release();
+    }
+    patient_guard(patient_guard const&) = delete;
+    patient_guard& operator=(patient_guard const&) = delete;
+
+private:
+    mutex& _taken;
+};
+
+// The work item to run next if it fits into `space`, else the largest. The caller holds
+// the mutex that guards the queue, which is not empty.
+inline work_queue::iterator find_work(work_queue& waiting, double space) {
+    if ((*waiting.begin()).third <= space)
+        return waiting.begin();
+    auto const found =
+        waiting.find_first([space](triple<thread_function*, double, double> const& each) {
+            return each.third <= space;
+        });
+    return found != waiting.end() ? found : waiting.begin();
+}
+
+// Whether some work item fits into `space`. The caller holds the queue's mutex.
+inline bool has_fitting_work(work_queue& waiting, double space) {
+    return !waiting.empty() && (*find_work(waiting, space)).third <= space;
+}
+
+}  // namespace ovel::detail
+
+#endif
