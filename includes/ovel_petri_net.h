@@ -649,7 +649,8 @@ public:
 
     // Stops the net: blocks until it has come to rest, and joins its threads. A net
     // that is stopped fails the check "!_queue_thread_acquired ||
-    // _thread_group_acquireds != _groups", here and below.
+    // _thread_group_acquireds != _groups", here and below. Firing code of the net, which
+    // would wait for its own end, fails the check "!_runs_caller()".
     void acquire();
 
     // Begins the stop, and completes it if the net is at rest and its threads have
@@ -703,6 +704,7 @@ private:
     void _await_slot(petri_place* place);
     void _receive(petri_place* place, any& token);
     void _send(petri_place* place, any const& token);
+    bool _runs_caller() const;
     template <class Join>
     bool _stop(Join join);
     template <class Join>

@@ -15,6 +15,9 @@
 
 namespace ovel {
 
+class petri_net;
+class work_group;
+
 namespace detail {
 
 // What the workers of a group and those who schedule share beside the fields that
@@ -52,6 +55,9 @@ public:
 
     void operator()() override;
 
+    // Whether the calling thread runs this loop.
+    bool runs_caller() const;
+
 private:
     friend struct inspector;
 
@@ -75,6 +81,9 @@ private:
     // Null for a worker that shares nothing else with the others: it waits for each
     // `release_one`, and wakes all when it gives space back.
     thread_group_crew* _crew;
+    // Of the thread that runs the loop; 0 while none does. Relaxed: only that thread looks
+    // for what it wrote itself.
+    atomic<unsigned long> _identifier{0};
 };
 
 }  // namespace detail
@@ -141,8 +150,9 @@ public:
     void release();
 
     // Joins the threads: blocks until the group has been concluded and its work
-    // has ended; called by that work itself it never returns. A group that is not started fails the
-    // check "_function != 0 && _acquired != _threads", here and below.
+    // has ended. A group that is not started fails the check "_function != 0 &&
+    // _acquired != _threads", here and below. The group's own work, which would wait for
+    // its own end, fails the check "!_runs_caller()".
     void acquire();
 
     // Joins the threads that have ended, and returns whether all have been joined.
@@ -153,10 +163,13 @@ public:
     bool timed_acquire(time const& deadline);
 
 private:
+    friend class petri_net;
+    friend class work_group;
     friend struct detail::inspector;
 
     using queue = detail::thread_group_function_base::queue;
 
+    bool _runs_caller() const;
     void _construct();
     void _destruct();
     template <class Join>

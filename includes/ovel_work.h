@@ -11,6 +11,7 @@
 #define OVEL_WORK_H
 
 #include "ovel_allocator_group.h"
+#include "ovel_assure.h"
 #include "ovel_condition.h"
 #include "ovel_mutex.h"
 #include "ovel_std.h"
@@ -111,8 +112,11 @@ public:
     work_group& operator=(work_group const&) = delete;
 
     // Queues `callable`, which takes no arguments, and returns the future of what it
-    // returns or throws. Once the group has been stopped, or has ended, `callable` is
-    // discarded. The promise of what is discarded is broken: its future throws
+    // returns or throws. A future that is dropped neither waits for the work, unlike one of
+    // std::async, nor discards it: what `callable` refers to lives until `get` has returned,
+    // what destroying it uses until `join` has. It is safe to declare that before the group,
+    // whose destructor waits for what runs. Once the group has been stopped, or has ended,
+    // `callable` is discarded. The promise of what is discarded is broken: its future throws
     // std::future_error. Does not wait for work. Throws std::bad_alloc, having queued
     // nothing.
     template <class Callable>
@@ -130,8 +134,10 @@ public:
     }
 
     // Blocks until all work has ended, also what it has submitted meanwhile, and ends
-    // the group.
+    // the group. Its own work, which would wait for its own end, fails the check
+    // "!_runs_caller()".
     void join() {
+        assure(!_runs_caller());
         {
             std::lock_guard const hold(_lock);
             wait(_idle, _lock, [this] { return _unfinished == 0; });
@@ -185,6 +191,10 @@ private:
     private:
         work_group& _group;
     };
+
+    bool _runs_caller() const {
+        return _group._runs_caller();
+    }
 
     bool _begin() {
         std::lock_guard const hold(_lock);

@@ -1185,7 +1185,14 @@ void petri_net::_withdraw_start() {
     _join_groups(join);
 }
 
+// Whether the calling thread is one of the net's that fire.
+bool petri_net::_runs_caller() const {
+    return std::any_of(_thread_groups, _thread_groups + _groups,
+                       [](thread_group const* each) { return each->_runs_caller(); });
+}
+
 void petri_net::acquire() {
+    assure(!_runs_caller());
     _stop(join);
 }
 

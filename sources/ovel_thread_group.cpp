@@ -82,7 +82,14 @@ thread_group_function_base::thread_group_function_base(mutex& mutex, condition& 
     _crew = &crew;
 }
 
-thread_group_function_base::thread_group_function_base(thread_group_function_base const&) = default;
+thread_group_function_base::thread_group_function_base(thread_group_function_base const& other)
+    : thread_function(other),
+      _mutex(other._mutex),
+      _condition(other._condition),
+      _space(other._space),
+      _concluded(other._concluded),
+      _queue(other._queue),
+      _crew(other._crew) {}
 
 thread_group_function_base::~thread_group_function_base() = default;
 
@@ -166,7 +173,12 @@ bool thread_group_function_base::_poll() {
     return is_news();
 }
 
+bool thread_group_function_base::runs_caller() const {
+    return _identifier.load(std::memory_order_relaxed) == thread_support::thread_identifier();
+}
+
 void thread_group_function_base::operator()() {
+    _identifier.store(thread_support::thread_identifier(), std::memory_order_relaxed);
     allocator_group* const group = allocator_group::global();
     group->deactivate_allocator(true);
     bool active = false;  // the thread's allocator
@@ -213,6 +225,7 @@ void thread_group_function_base::operator()() {
         _condition.release_all();
     if (!active)
         group->activate_allocator();
+    _identifier.store(0, std::memory_order_relaxed);
 }
 
 }  // namespace detail
@@ -343,7 +356,15 @@ void thread_group::_destruct() {
     _function = nullptr;
 }
 
+// Whether the calling thread is one of the group's, which runs its work.
+bool thread_group::_runs_caller() const {
+    return _function != nullptr &&
+           std::any_of(_function, _function + _threads,
+                       [](auto const* worker) { return worker->runs_caller(); });
+}
+
 void thread_group::acquire() {
+    assure(!_runs_caller());
     _join([](thread& worker) {
         worker.acquire();
         return true;

@@ -121,7 +121,7 @@ struct ovel::detail::inspector {
     LAYOUT(thread_element_group, (412, 432), (0, 0), _lock, _elements);
     LAYOUT(thread_group, (1804, 1856, 1808), (0, 0), _mutex, _threads, _stack_size, _acquired,
            _space, _concluded, _queue, _function, _thread, _thread_acquired, _condition, _crew);
-    LAYOUT(thread_group_function_base, (156, 184), (152, 176), _crew);
+    LAYOUT(thread_group_function_base, (160, 192), (152, 176), _crew, _identifier);
     LAYOUT(ovel::thread, (272, 280), (0, 0), _before, _stack_size, _acquired, _function, _element,
            _after);
     LAYOUT(any, (4, 8), (0, 0), _content);

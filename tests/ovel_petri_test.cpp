@@ -178,6 +178,17 @@ TEST(petri_test, a_failing_body_reaches_who_joins_and_who_is_blocked) {
     EXPECT_EQ(drain(kept), std::vector{0});
 }
 
+TEST(petri_test, a_body_that_joins_its_net_fails_a_check) {
+    // The body is in the second group: the first would be joined before.
+    ovel::triple<unsigned int, double, unsigned int> const groups[] = {{1, 0.0, 16384},
+                                                                       {1, 0.0, 131072}};
+    net tested(groups, groups + 2);
+    auto const only = tested.insert_place<int>("only", 1);
+    tested.insert_transition("join", from(only), [&](int) { tested.join(); }, {.group = 1});
+    only.send(1);
+    EXPECT_CHECK(run(tested), "!_runs_caller()", "sources/ovel_petri_net.cpp");
+}
+
 TEST(petri_test, a_net_that_never_rests_is_stopped_by_a_deadline_and_where_its_scope_ends) {
     net tested(1);
     ovel::petri_net& plain = tested.base();

@@ -108,6 +108,10 @@ TEST(thread_group_test, misuse_is_named) {
     EXPECT_CHECK(concluded(group).conclude(), "!_concluded", file);
     EXPECT_CHECK(started(group).release(), "_acquired == _threads", file);
     EXPECT_CHECK(thread_group().release(), "_acquired == _threads", file);
+    thread_group joining(2, 0.0, 65536);
+    task joiner([&] { joining.acquire(); });
+    joining.schedule(joiner, 1.0, 0.0);
+    EXPECT_CHECK(ended(joining), "!_runs_caller()", file);
     throwing.schedule(thrower, 1.0, 0.0);
     EXPECT_CHECK(ended(throwing), "(\"unexpected exception\", 0)", file);
 }

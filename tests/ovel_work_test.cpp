@@ -1,5 +1,6 @@
 #include "ovel_work.h"
 
+#include "ovel_semaphore.h"
 #include "ovel_std.h"
 #include "ovel_test.h"
 #include "ovel_thread.h"
@@ -84,6 +85,28 @@ TEST(work_group_test, a_join_waits_for_what_work_submits) {
     group.join();
     EXPECT_EQ(leaves, 1 << 9);
     EXPECT_THROW(group.submit([] {}).get(), std::future_error);
+}
+
+TEST(work_group_test, work_that_joins_its_group_fails_a_check) {
+    work_group group(2);
+    auto const joins = [&] {
+        group.submit([&] { group.join(); }).get();
+    };
+    EXPECT_CHECK(joins(), "!_runs_caller()", "includes/ovel_work.h");
+}
+
+// The caller keeps what the work refers to until that has run, since it waits for nothing.
+TEST(work_group_test, a_future_that_is_dropped_neither_waits_nor_discards_its_work) {
+    ovel::semaphore go_on(0, 0);
+    bool ran = false;
+    work_group group(1);
+    static_cast<void>(group.submit([&] {
+        go_on.acquire();
+        ran = true;
+    }));
+    go_on.release();
+    group.join();
+    EXPECT_TRUE(ran);
 }
 
 TEST(work_group_test, a_group_that_is_stopped_breaks_the_promises_of_what_waits) {
