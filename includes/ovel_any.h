@@ -70,6 +70,12 @@ public:
         any(T&& value)
         : _content(new value_holder<std::decay_t<T>>(std::forward<T>(value))) {}
 
+    // Holds a T made of `source`, which it touches only once it has the memory. Throws
+    // what making it throws and std::bad_alloc.
+    template <class T, class Source>
+    any(std::in_place_type_t<T>, Source&& source)
+        : _content(new value_holder<T>(std::forward<Source>(source))) {}
+
     // Throws what copying the value throws and std::bad_alloc.
     any(any const& other) : _content(other._clone()) {}
 

@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <limits>
 #include <new>
+#include <utility>
 
 namespace ovel {
 
@@ -46,6 +47,14 @@ public:
     void send(any const& token) {
         assure(_size != _capacity);
         ::new (static_cast<void*>(_back)) any(token);
+        _back = _after(_back);
+        ++_size;
+    }
+
+    // Appends `token`, which is empty then; check "_size != _capacity".
+    void put(any&& token) {
+        assure(_size != _capacity);
+        ::new (static_cast<void*>(_back)) any(std::move(token));
         _back = _after(_back);
         ++_size;
     }

@@ -22,12 +22,11 @@
 #include "ovel_any.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
+#include "ovel_condition.h"
+#include "ovel_mutex.h"
 #include "ovel_petri_net.h"
 #include "ovel_std.h"
-#include "ovel_thread.h"
 #include "ovel_thread_base.h"
-#include "ovel_thread_function.h"
-#include "ovel_thread_support.h"
 #include "ovel_time.h"
 #include "ovel_trace.h"
 #include "ovel_triple.h"
@@ -37,7 +36,6 @@
 #include <exception>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <optional>
 #include <string>
 #include <tuple>
@@ -79,12 +77,6 @@ struct place_record {
     net* const owner;
     trace::shared_name const name;
     petri_place* const element;
-    // Threads that are about to block in the place's operations, or do.
-    atomic<unsigned int> receivers{0};
-    atomic<unsigned int> senders{0};
-    // What was taken away, oldest first, to let senders go on after a failure; the
-    // waker's until it is joined.
-    std::vector<any> withheld{};
 };
 
 // An arc of a transition; `reference` is the variable that names it to the net.
@@ -95,7 +87,7 @@ struct arc_record {
     petri_place* reference;
 };
 
-// Carries a value that cannot be copied through `any`, whose copy takes the value.
+// Lets an `any` hold a value that cannot be copied: a copy takes the value.
 template <class T>
 struct moved {
     explicit moved(T&& source) : value(std::move(source)) {}
@@ -119,30 +111,15 @@ T& value_of(any& held) {
         return any_cast<moved<T>&>(held).value;
 }
 
-// A token that wakes whoever waits in a net that has failed.
-struct failure_token {};
-
-inline bool is_failure(any const& held) {
-    return held.type() == typeid(failure_token);
+// Make tokens of a value for a net, which calls them under its lock.
+template <class T>
+void copy_into(any& made, void* from) {
+    made = any(std::in_place_type<T>, *static_cast<T const*>(from));
 }
-
-// Counts a thread for as long as it may block.
-class waiting {
-public:
-    explicit waiting(atomic<unsigned int>& count) : _count(count) {
-        // The default order: who blocks has been counted before it looks whether
-        // the net has failed, and who fails the net looks at the counts after that.
-        ++_count;
-    }
-    ~waiting() {
-        --_count;
-    }
-    waiting(waiting const&) = delete;
-    waiting& operator=(waiting const&) = delete;
-
-private:
-    atomic<unsigned int>& _count;
-};
+template <class T>
+void move_into(any& made, void* from) {
+    made = any(std::in_place_type<token<T>>, std::move(*static_cast<T*>(from)));
+}
 
 template <class... Arcs>
 struct inputs {
@@ -185,17 +162,19 @@ private:
 // A place of a net, for tokens of type `T`. Copies refer to the same place, as long
 // as its net lives.
 //
-// Any thread but a firing body, which has `firing`, may use the operations, and the
-// net need not run for that. A `T` is moved, and copied once on its way in if it can
-// be copied; then its tokens are an `any` of `T` to whoever uses the `petri_net`. The
-// copy is made, and tokens are destroyed, under the net's lock, so that must not call
-// the net. A token of another type fails the check "operand.type() == typeid(T)". A
-// container of what cannot be copied says that it can, and then fails to compile: hold
-// it by a std::unique_ptr.
+// Any thread may use the operations, and the net need not run for that. A `T` is moved
+// in and out, and copied only by `try_send` of an lvalue and `try_peek`; if it can be
+// copied, its tokens are an `any` of `T` to the users of the `petri_net`. Tokens are moved
+// in, copied and destroyed under the net's lock, so that must not call the net. A token of
+// another type fails the check "operand.type() == typeid(T)". A container of what cannot
+// be copied says that it can, and then fails to compile: hold it by a std::unique_ptr.
 //
-// When the net fails, or has, a thread that would block gets the exception that it
-// failed with; whether the token of a `send` that this interrupts is put is left open.
-// All throw std::bad_alloc as `petri_net` says.
+// A firing body has `firing` for its own places. A body that sends by hand to a full place,
+// or receives from an empty one, blocks a thread of its net meanwhile, and for ever if no
+// other firing makes room or a token: use `try_send` and `try_receive` there.
+//
+// When the net fails, or has, a thread that would block gets the exception that it failed
+// with instead; it has sent or received nothing. All throw std::bad_alloc.
 template <class T>
 class place {
     static_assert(std::is_same_v<T, std::decay_t<T>>, "a place is for values");
@@ -203,22 +182,22 @@ class place {
     static_assert(std::is_move_constructible_v<T>, "tokens are moved");
 
 public:
-    // Puts a token; blocks while no slot is free.
+    // Puts a token; blocks while no slot is free. After an exception nothing is put.
     void send(T value) const;
 
-    // Puts a token if a slot is free, and returns whether one was; otherwise `value`
-    // is as it was.
-    bool try_send(T const& value) const requires std::is_copy_constructible_v<T>;
-    bool try_send(T&& value) const;
+    // Puts a token if a slot is free, and returns whether one was. After false or an
+    // exception nothing is put, and `value` is as it was unless its own move threw.
+    [[nodiscard]] bool try_send(T const& value) const requires std::is_copy_constructible_v<T>;
+    [[nodiscard]] bool try_send(T&& value) const;
 
     // Takes the oldest token that no firing has reserved; blocks until there is one.
     T receive() const;
 
     // Takes the oldest such token, if there is one.
-    std::optional<T> try_receive() const;
+    [[nodiscard]] std::optional<T> try_receive() const;
 
     // A copy of the oldest such token, if there is one.
-    std::optional<T> try_peek() const;
+    [[nodiscard]] std::optional<T> try_peek() const;
 
     // An arc to it with the weight `weight`, for `from` and `to`.
     auto times(unsigned int weight) const {
@@ -354,8 +333,9 @@ auto to(Ends const&... ends) {
 //
 // An exception that leaves a body fails the net: no further firing begins, and once
 // those under way have ended `join` rethrows the first such exception. Threads that
-// are blocked in the net's places get it as well. What the body had taken is lost,
-// what it had put stays.
+// are blocked in the net's places get it as well, and `join` waits until they have left
+// them. What that body had taken is lost, what it had put stays, and all other tokens are
+// where they were.
 class net {
 public:
     // With a thread for each processor and no space; or with `threads` and `space`;
@@ -374,7 +354,7 @@ public:
             halt();
             _net.acquire();
         }
-        _join_waker();
+        _await_unblocked();
     }
 
     net(net const&) = delete;
@@ -413,13 +393,14 @@ public:
     void start();
 
     // Stops the net: blocks until it has come to rest. Rethrows what it failed with;
-    // it is stopped then as well.
+    // it is stopped then as well. A body of the net, which would wait for its own end,
+    // fails the check "!_runs_caller()".
     void join();
 
     // The same until `point`, whatever `deadline` accepts: returns false when that
     // has passed before. Then the net is stopping, and goes on until it rests.
     template <class Point>
-    bool join_until(Point const& point);
+    [[nodiscard]] bool join_until(Point const& point);
 
     // Lets no further firing begin, until the next start. Does not block but for
     // locks.
@@ -449,17 +430,9 @@ private:
     friend class firing;
     friend class ovel::transition;
 
-    // Wakes those who are blocked in the places of a net that has failed: receivers
-    // by a token, senders by taking one away. A place may be all reserved at first,
-    // so it repeats that until they have left; who comes later does not block.
-    class waker : public thread_function {
-    public:
-        explicit waker(net& woken) : _woken(woken) {}
-        void operator()() override;
+    friend struct detail::inspector;
 
-    private:
-        net& _woken;
-    };
+    class blocked;
 
     template <class Records, class Element>
     static std::string const& _name(Records const& records, Element const* element) {
@@ -474,24 +447,22 @@ private:
     transition _insert(std::unique_ptr<detail::transition_record> inserted,
                        transition_options const& options);
     void _receive(detail::place_record& from, any& token);
-    bool _try_receive(detail::place_record& from, any& token);
-    void _send(detail::place_record& to, any const& token);
+    void _send(detail::place_record& to, petri_net::maker make, void* value);
+    bool _try_send(detail::place_record& to, petri_net::maker make, void* value);
     [[noreturn]] void _rethrow();
     void _deactivate();
-    bool _wake();
-    bool _join_waker();
-    void _discard_failure_tokens();
+    std::exception_ptr _await_unblocked();
     void _end();
 
     // Lock order: `_lock`, then what the net locks.
     lockable<mutex> _lock;
     std::exception_ptr _failure;          // the last one; under _lock
-    detail::atomic<bool> _failed{false};  // set under _lock
-    detail::atomic<bool> _halted{false};  // set under _lock
-    bool _waker_running = false;          // under _lock; reset by the owner
+    detail::atomic<bool> _failed{false};  // changes under _lock
+    detail::atomic<bool> _halted{false};  // changes under _lock
     bool _running = false;                // owner only
-    waker _waker{*this};
-    thread _waker_thread;
+    // Threads that are about to block in the net's places, or do; under _lock.
+    unsigned int _blocked = 0;
+    condition _unblocked;  // `_blocked` has come to 0; with _lock
     std::vector<std::unique_ptr<detail::place_record>> _places;
     std::vector<std::unique_ptr<detail::transition_record>> _transitions;
     petri_net _net;  // the last: its elements refer to the records
@@ -631,21 +602,17 @@ private:
 
 template <class T>
 void place<T>::send(T value) const {
-    _record->owner->_send(*_record, detail::token<T>(std::move(value)));
+    _record->owner->_send(*_record, &detail::move_into<T>, &value);
 }
 
 template <class T>
 bool place<T>::try_send(T const& value) const requires std::is_copy_constructible_v<T> {
-    return _record->owner->_net.try_send(_record->element, value);
+    return _record->owner->_try_send(*_record, &detail::copy_into<T>, const_cast<T*>(&value));
 }
 
 template <class T>
 bool place<T>::try_send(T&& value) const {
-    any sent = detail::token<T>(std::move(value));
-    if (_record->owner->_net.try_send(_record->element, sent))
-        return true;
-    value = std::move(detail::value_of<T>(sent));
-    return false;
+    return _record->owner->_try_send(*_record, &detail::move_into<T>, &value);
 }
 
 template <class T>
@@ -658,7 +625,7 @@ T place<T>::receive() const {
 template <class T>
 std::optional<T> place<T>::try_receive() const {
     any received;
-    if (!_record->owner->_try_receive(*_record, received))
+    if (!_record->owner->_net.try_receive(_record->element, received))
         return std::nullopt;
     return std::move(detail::value_of<T>(received));
 }
@@ -667,7 +634,7 @@ template <class T>
 std::optional<T> place<T>::try_peek() const {
     static_assert(std::is_copy_constructible_v<T>, "a copy is what it returns");
     any seen;
-    if (!_record->owner->_net.try_peek(_record->element, seen) || detail::is_failure(seen))
+    if (!_record->owner->_net.try_peek(_record->element, seen))
         return std::nullopt;
     return std::move(detail::value_of<T>(seen));
 }
@@ -678,8 +645,6 @@ T firing::take(place<T> const& input) {
     any taken;
     input._record->element->receive(taken);
     --left;
-    if (detail::is_failure(taken))
-        _fired.owner._rethrow();
     return std::move(detail::value_of<T>(taken));
 }
 
@@ -689,15 +654,15 @@ T firing::peek(place<T> const& input) const {
     _left_of(true, input._record);
     any seen;
     input._record->element->peek(seen);
-    if (detail::is_failure(seen))
-        _fired.owner._rethrow();
     return std::move(detail::value_of<T>(seen));
 }
 
 template <class T>
 void firing::put(place<T> const& output, std::type_identity_t<T> value) {
     unsigned int& left = _left_of(false, output._record);
-    output._record->element->send(detail::token<T>(std::move(value)));
+    any made;
+    detail::move_into<T>(made, &value);
+    output._record->element->_put(std::move(made));
     --left;
 }
 
@@ -764,20 +729,41 @@ inline transition net::_insert(std::unique_ptr<detail::transition_record> insert
     return transition(&record);
 }
 
+// Counts a thread that may block, for the length of a scope. Rethrows what the net has
+// failed with: a thread that is counted is woken when the net fails from then on.
+class net::blocked {
+public:
+    explicit blocked(net& in) : _net(in) {
+        std::lock_guard const hold(_net._lock);
+        if (_net._failed.load(std::memory_order_relaxed))
+            std::rethrow_exception(_net._failure);
+        ++_net._blocked;
+    }
+    ~blocked() {
+        // Woken under the lock: once that is free the net may be gone.
+        std::lock_guard const hold(_net._lock);
+        if (--_net._blocked == 0)
+            _net._unblocked.release_all();
+    }
+    blocked(blocked const&) = delete;
+    blocked& operator=(blocked const&) = delete;
+
+private:
+    net& _net;
+};
+
 inline void net::start() {
-    if (_join_waker())
-        _discard_failure_tokens();
     {
         std::lock_guard const hold(_lock);
-        // What has failed it since then holds for this run.
-        if (!_waker_running) {
-            if (_halted.load(std::memory_order_relaxed))
-                for (auto const& record : _transitions)
-                    if (record->active)
-                        record->element->activate();
-            _failed = false;
-            _halted = false;
-        }
+        if (_failed.load(std::memory_order_relaxed))
+            wait(_unblocked, _lock, [this] { return _blocked == 0; });
+        if (_halted.load(std::memory_order_relaxed))
+            for (auto const& record : _transitions)
+                if (record->active)
+                    record->element->activate();
+        // What fails it from here on holds for this run.
+        _failed = false;
+        _halted = false;
     }
     _net.release();
     _running = true;
@@ -800,10 +786,18 @@ bool net::join_until(Point const& point) {
 // The threads have been joined.
 inline void net::_end() {
     _running = false;
-    if (_join_waker()) {
-        _discard_failure_tokens();
-        _rethrow();
-    }
+    if (std::exception_ptr const failure = _await_unblocked())
+        std::rethrow_exception(failure);
+}
+
+// Once the net has failed, waits until no thread is blocked in its places any more.
+// Returns what it failed with, null for a net that has not.
+inline std::exception_ptr net::_await_unblocked() {
+    std::lock_guard const hold(_lock);
+    if (!_failed.load(std::memory_order_relaxed))
+        return nullptr;
+    wait(_unblocked, _lock, [this] { return _blocked == 0; });
+    return _failure;
 }
 
 inline void net::halt() {
@@ -818,9 +812,7 @@ inline void net::fail(std::exception_ptr failure) {
     _failure = std::move(failure);
     _failed = true;
     _deactivate();
-    _waker_thread.schedule(_waker);
-    _waker_thread.release();
-    _waker_running = true;
+    _net._wake();
 }
 
 // The caller holds `_lock`.
@@ -839,96 +831,26 @@ inline void net::_rethrow() {
     std::rethrow_exception(failure);
 }
 
-inline void net::_send(detail::place_record& to, any const& token) {
-    if (_net.try_send(to.element, token))
+inline bool net::_try_send(detail::place_record& to, petri_net::maker make, void* value) {
+    return _net._try_put(to.element, make, value);
+}
+
+inline void net::_send(detail::place_record& to, petri_net::maker make, void* value) {
+    if (_try_send(to, make, value))
         return;
     trace::scope const here(to.name, trace::wait);
-    detail::waiting const counted(to.senders);
-    if (_failed)
-        _rethrow();
-    _net.send(to.element, token);
-    if (_failed)
+    blocked const counted(*this);
+    if (!_net._put_unless(_failed, to.element, make, value))
         _rethrow();
 }
 
 inline void net::_receive(detail::place_record& from, any& token) {
-    if (_try_receive(from, token))
+    if (_net.try_receive(from.element, token))
         return;
     trace::scope const here(from.name, trace::wait);
-    detail::waiting const counted(from.receivers);
-    if (_failed)
+    blocked const counted(*this);
+    if (!_net._receive_unless(_failed, from.element, token))
         _rethrow();
-    _net.receive(from.element, token);
-    if (detail::is_failure(token))
-        _rethrow();
-}
-
-inline bool net::_try_receive(detail::place_record& from, any& token) {
-    do {
-        if (!_net.try_receive(from.element, token))
-            return false;
-    } while (detail::is_failure(token));
-    return true;
-}
-
-inline void net::waker::operator()() {
-    for (;;) {
-        try {
-            if (!_woken._wake())
-                break;
-        } catch (std::bad_alloc const&) {
-            // The next round needs the memory as well, and may have it.
-        }
-        thread_support::timed_yield(time::then(0.001));
-    }
-}
-
-// Does for each thread that is blocked what lets it go on, where that is possible
-// now. Returns whether there was any.
-inline bool net::_wake() {
-    bool blocked = false;
-    for (auto const& record : _places) {
-        if (record->receivers != 0) {
-            blocked = true;
-            _net.try_send(record->element, detail::failure_token());
-        }
-        if (record->senders != 0) {
-            blocked = true;
-            any& withheld = record->withheld.emplace_back();
-            if (!_net.try_receive(record->element, withheld))
-                record->withheld.pop_back();
-        }
-    }
-    return blocked;
-}
-
-// Has the waker of a net that has failed end, and returns whether it has failed.
-inline bool net::_join_waker() {
-    bool failed;
-    bool running;
-    {
-        std::lock_guard const hold(_lock);
-        failed = _failed.load(std::memory_order_relaxed);
-        running = std::exchange(_waker_running, false);
-    }
-    if (running)
-        _waker_thread.acquire();
-    return failed;
-}
-
-// Leaves in the places what they held when the net failed, in its order, and of what
-// came later as much as has room. The net is stopped.
-inline void net::_discard_failure_tokens() {
-    for (auto const& record : _places) {
-        std::vector<any> kept = std::move(record->withheld);
-        record->withheld.clear();
-        any token;
-        while (_try_receive(*record, token))
-            kept.push_back(std::move(token));
-        for (any const& each : kept)
-            if (!detail::is_failure(each))
-                _net.try_send(record->element, each);
-    }
 }
 
 }  // namespace ovel

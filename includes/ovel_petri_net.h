@@ -51,6 +51,8 @@
 
 namespace ovel {
 
+class firing;
+class net;
 class petri_arc;
 class petri_net;
 class petri_place;
@@ -182,10 +184,14 @@ public:
     void send_skip();
 
 private:
+    friend class firing;
     friend class petri_arc;
     friend class petri_net;
     friend struct detail::inspector;
     friend struct detail::petri_access;
+
+    // Appends `token` itself, which is empty then.
+    void _put(any&& token);
 
     // What no firing has reserved. The capacity is read here, since firing code
     // writes the line of the channel's.
@@ -234,6 +240,14 @@ private:
     // Takes back a reservation whose token was never put.
     void withdraw_send(unsigned int size) {
         _send_size -= size;
+    }
+
+    // A token comes into a free slot, or never came, without a reservation.
+    void count_in() {
+        ++_size;
+    }
+    void count_out() {
+        --_size;
     }
 
     list<petri_arc*>& arcs() {
@@ -561,7 +575,9 @@ private:
 // while `release` runs no other operation of the net may.
 //
 // Tokens, `activate` and `deactivate` are for any thread at any time. Tokens are
-// copied and destroyed under the net's lock, so their code must not call the net.
+// copied and destroyed under the net's lock, so their code must not call the net. Firing
+// code that calls the blocking `send` on a full place, or `receive` on an empty one, blocks
+// a thread of its group meanwhile, and for ever if no other firing makes room or a token.
 class OVEL_EXPORT petri_net {
 public:
     // One group of threads, one for each processor and without space, so for
@@ -661,9 +677,13 @@ public:
     bool timed_acquire(time const& deadline);
 
 private:
+    friend class net;
     friend class petri_queue_function;
     friend class petri_transition;
     friend struct detail::inspector;
+
+    // Makes a token of what `from` points to, in an `any` that is empty.
+    using maker = void (*)(any& token, void* from);
 
     class OVEL_HIDDEN change;
     class OVEL_HIDDEN crew;
@@ -700,10 +720,21 @@ private:
     void _enter();
     void _leave();
 
-    void _await_token(petri_place* place);
-    void _await_slot(petri_place* place);
+    bool _await_token(petri_place* place, detail::atomic<bool> const* given_up = nullptr);
+    bool _await_slot(petri_place* place, detail::atomic<bool> const* given_up = nullptr);
     void _receive(petri_place* place, any& token);
     void _send(petri_place* place, any const& token);
+    void _put(petri_place* place, maker make, void* from);
+
+    // The token operations of `net`. Those that wait return false once `given_up` holds:
+    // the thread that sets it calls `_wake` then. The token that is put is made under the
+    // net's lock. After any exception nothing is put.
+    bool _receive_unless(detail::atomic<bool> const& given_up, petri_place* place, any& token);
+    bool _put_unless(detail::atomic<bool> const& given_up, petri_place* place, maker make,
+                     void* from);
+    bool _try_put(petri_place* place, maker make, void* from);
+    void _wake();
+
     bool _runs_caller() const;
     template <class Join>
     bool _stop(Join join);

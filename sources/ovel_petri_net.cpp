@@ -77,6 +77,11 @@ void petri_place::send(any const& token) {
     _channel.send(token);
 }
 
+void petri_place::_put(any&& token) {
+    detail::guard const hold(_mutex);
+    _channel.put(std::move(token));
+}
+
 void petri_place::receive_skip() {
     detail::guard const hold(_mutex);
     detail::add(_receive_skip, 1u);
@@ -1070,20 +1075,34 @@ void petri_net::_rank_transitions() {
     _ranked = _transitions.size();
 }
 
-void petri_net::_await_token(petri_place* place) {
+// Wait until there is a token or a slot, true, or until `given_up`, if any, holds, false.
+// Relaxed: it is set before `_wake` takes the mutex.
+bool petri_net::_await_token(petri_place* place, detail::atomic<bool> const* given_up) {
     while (!place->receive_enabled(1)) {
+        if (given_up != nullptr && given_up->load(std::memory_order_relaxed))
+            return false;
         ++place->_receivers;
         _condition.acquire(_mutex);
         --place->_receivers;
     }
+    return true;
 }
 
-void petri_net::_await_slot(petri_place* place) {
+bool petri_net::_await_slot(petri_place* place, detail::atomic<bool> const* given_up) {
     while (!place->send_enabled(1)) {
+        if (given_up != nullptr && given_up->load(std::memory_order_relaxed))
+            return false;
         ++place->_senders;
         _condition.acquire(_mutex);
         --place->_senders;
     }
+    return true;
+}
+
+// Has all callers that are blocked look again.
+void petri_net::_wake() {
+    change const hold(*this);
+    _news = true;
 }
 
 void petri_net::peek(petri_place* place, any& token) {
@@ -1149,6 +1168,51 @@ void petri_net::_send(petri_place* place, any const& token) {
     }
     _dequeue_send_arcs(place);
     _enqueue_receive_arcs(place, tokens);
+}
+
+bool petri_net::_receive_unless(detail::atomic<bool> const& given_up, petri_place* place,
+                                any& token) {
+    change const hold(*this);
+    if (!_await_token(place, &given_up))
+        return false;
+    _receive(place, token);
+    return true;
+}
+
+bool petri_net::_put_unless(detail::atomic<bool> const& given_up, petri_place* place, maker make,
+                            void* from) {
+    change const hold(*this);
+    if (!_await_slot(place, &given_up))
+        return false;
+    _put(place, make, from);
+    return true;
+}
+
+bool petri_net::_try_put(petri_place* place, maker make, void* from) {
+    change const hold(*this);
+    if (!place->send_enabled(1))
+        return false;
+    _put(place, make, from);
+    return true;
+}
+
+// Puts a token into a slot that is free. It is counted before it is there, so that all
+// that may throw comes before the value is moved: the firings that take it are reserved
+// under the mutex, later.
+void petri_net::_put(petri_place* place, maker make, void* from) {
+    unsigned int const tokens = place->tokens();
+    place->count_in();
+    try {
+        _enqueue_receive_arcs(place, tokens);
+        any token;
+        make(token, from);
+        place->_put(std::move(token));
+    } catch (...) {
+        place->count_out();
+        _dequeue_receive_arcs(place);
+        throw;
+    }
+    _dequeue_send_arcs(place);
 }
 
 void petri_net::release() {

@@ -1,0 +1,146 @@
+// Nets with typed places: a failure reaches every thread that is blocked and costs no token
+// but what the failing body took, and a token that could not be sent is still its sender's.
+
+#include "accounts.h"
+#include "ovel_allocator_support.h"
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
+#include "ovel_petri.h"
+#include "ovel_semaphore.h"
+#include "simulation/simulation.h"
+
+#include <algorithm>
+#include <memory>
+#include <new>
+#include <utility>
+#include <vector>
+
+namespace ovel::simulation {
+
+namespace {
+
+constexpr unsigned int stack_size = 65536;
+
+// A sender, a receiver, and a sender to a place that stays full, of a net that fails at
+// some token, and of its next run. Each token is received, or in a place, or was taken by
+// the body that failed.
+void failures(unsigned int variant) {
+    accounts const books(variant);
+    constexpr int tokens = 4;
+    constexpr int never = 99;
+    net tested(1 + pick(2), 0.0, stack_size);
+    auto const in = tested.insert_place<int>("in", 1 + pick(2));
+    auto const out = tested.insert_place<int>("out", 1 + pick(2));
+    auto const full = tested.insert_place<int>("full", 1);
+    int const bad = static_cast<int>(pick(tokens));
+    bool armed = true;
+    semaphore failing(0, 0);
+    tested.insert_transition("pass", from(in), to(out), [&](int token) {
+        if (token == bad && std::exchange(armed, false)) {
+            failing.release();
+            throw token;
+        }
+        return token;
+    });
+    full.send(never);
+    detail::atomic<unsigned int> sent{0}, received{0};
+    begin();
+    tested.start();
+    {
+        client sender([&] {
+            for (int token = 0; token != tokens; ++token)
+                try {
+                    in.send(token);
+                    ++sent;
+                } catch (int failure) {
+                    assure(failure == bad);
+                }
+        });
+        client receiver([&] {
+            try {
+                for (;;) {
+                    out.receive();
+                    ++received;
+                }
+            } catch (int failure) {
+                assure(failure == bad);
+            }
+        });
+        client blocked([&] {
+            try {
+                full.send(never);
+                assure(("sent to a full place", 0));
+            } catch (int failure) {
+                assure(failure == bad);
+            }
+        });
+        failing.acquire();
+        int failure = never;
+        try {
+            tested.join();
+        } catch (int thrown) {
+            failure = thrown;
+        }
+        assure(failure == bad);
+    }
+    assure(full.try_receive() == never && !full.try_receive().has_value());
+    tested.start();
+    tested.join();
+    unsigned int left = 0;
+    for (auto const& place : {in, out})
+        while (place.try_receive().has_value())
+            ++left;
+    assure(sent == received + left + 1);
+}
+
+// Memory for queueing is scarce when a token comes that enables more transitions than are
+// kept beside the queue.
+void refused_tokens(unsigned int) {
+    accounts const books(0);
+    expect_failure("(\"unexpected exception\", 0)");
+    net tested(1, 0.0, stack_size);
+    using token = std::unique_ptr<int>;
+    auto const shared = tested.insert_place<token>("shared", 2);
+    detail::atomic<int> taken{0};
+    for (int each = 0; each != 10; ++each)
+        tested.insert_transition("take", from(shared), [&](token held) { taken += *held; });
+    begin();
+    tested.start();
+    // Of the blocks that a send may need a few are left.
+    std::vector<void*> hoard;
+    refuse_memory(1, 1000);
+    for (unsigned int const size : {16, 32, 48}) {
+        try {
+            for (;;)
+                hoard.push_back(allocator_support::allocate(size));
+        } catch (std::bad_alloc const&) {
+            for (unsigned int left = pick(4); left != 0; --left) {
+                allocator_support::deallocate(hoard.back());
+                hoard.pop_back();
+            }
+        }
+    }
+    auto mine = std::make_unique<int>(1);
+    bool sent = false;
+    try {
+        sent = shared.try_send(std::move(mine));
+        assure(sent && mine == nullptr);
+    } catch (std::bad_alloc const&) {
+        assure(refused() != 0 && mine != nullptr && *mine == 1);
+        assure(!shared.try_receive().has_value());
+    }
+    refuse_memory(0, 0);
+    if (!sent)
+        assure(shared.try_send(std::move(mine)));
+    tested.join();
+    std::ranges::for_each(hoard, allocator_support::deallocate);
+    assure(taken == 1 && !shared.try_receive().has_value());
+}
+
+registration const table[] = {
+    registration({.name = "net_failure_reaches_the_blocked", .run = failures, .variants = 2}),
+    registration({.name = "net_token_not_sent_is_kept", .run = refused_tokens})};
+
+}  // namespace
+
+}  // namespace ovel::simulation
