@@ -23,9 +23,10 @@ function(ovel_conventions target)
         CXX_STANDARD_REQUIRED ON
         CXX_EXTENSIONS OFF
         CXX_VISIBILITY_PRESET hidden)
-    # The prefix map makes the paths that failed checks print relative to the
-    # root, the same on every machine.
+    # The prefix maps make the paths that failed checks print relative to the root, and
+    # those in debug information the same on every machine.
     target_compile_options(${target} PRIVATE
         -Wall -Wextra -Wpedantic $<$<BOOL:${OVEL_WERROR}>:-Werror>
-        -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+        -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
+        -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
 endfunction()

@@ -9,6 +9,7 @@
 #include "ovel_assure.h"
 #include "ovel_counter.h"
 #include "ovel_guard.h"
+#include "ovel_poison.h"
 
 #include <stddef.h>
 
@@ -67,6 +68,7 @@ void detail::chunk::format(allocator* owner, std::size_t length, std::size_t blo
         _free = new (next) block{this, _free};
         _capacity += block_size;
     }
+    poison(this, length);
 }
 
 allocator::allocator(allocator* parent)
@@ -224,6 +226,7 @@ void allocator::recycle(double fraction, bool minimum) {
         budget -= surplus._capacity;
         // Threads may exchange chunks meanwhile: the ring is looked at afresh.
         _lock.release();
+        detail::unpoison(&surplus, surplus._length);
         free_region(&surplus);
         _lock.acquire();
     }

@@ -17,6 +17,7 @@
 #include "ovel_allocator_group.h"
 #include "ovel_assure.h"
 #include "ovel_malloc.h"
+#include "ovel_poison.h"
 
 #include <stddef.h>
 
@@ -61,6 +62,12 @@ std::size_t class_for(std::size_t bytes) {
     return detail::class_of((bytes + sizeof(detail::block) + granule - 1) & ~(granule - 1));
 }
 
+// The memory of a small block that is handed out.
+[[gnu::always_inline]] inline void* memory_of(detail::block* taken) {
+    detail::unpoison(taken + 1, taken->_chunk->_constant_size - sizeof(detail::block));
+    return taken + 1;
+}
+
 // The usual case, in place in each function that allocates: a small block that the
 // thread has ready. Null when there is none.
 [[gnu::always_inline]] inline void* allocate_ready(std::size_t bytes) {
@@ -68,7 +75,7 @@ std::size_t class_for(std::size_t bytes) {
     if (bytes > largest_request || own == nullptr) [[unlikely]]
         return nullptr;
     detail::block* const ready = static_cast<allocator*>(own)->allocate_ready(class_for(bytes));
-    return ready != nullptr ? ready + 1 : nullptr;
+    return ready != nullptr ? memory_of(ready) : nullptr;
 }
 
 // Likewise for each that frees: a small block, of the thread's own or of the thread
@@ -81,6 +88,7 @@ std::size_t class_for(std::size_t bytes) {
     auto const own = static_cast<allocator*>(quick_pointer());
     if (home == nullptr || own == nullptr) [[unlikely]]
         return false;
+    detail::poison(memory, home->_constant_size - sizeof(detail::block));
     allocator* const owner = home->_allocator;
     if (owner != own) [[unlikely]]
         return own->file_remote(*header, *owner);
@@ -106,7 +114,7 @@ void* allocator_support::_allocate(std::size_t bytes) {
     if (bytes > std::numeric_limits<std::size_t>::max() - overhead)
         throw std::bad_alloc();
     if (bytes <= largest_request)
-        return detail::own_allocator().allocate(class_for(bytes)) + 1;
+        return memory_of(detail::own_allocator().allocate(class_for(bytes)));
     std::size_t const rounding = detail::granule - 1;
     return _allocate_large((bytes + sizeof(detail::block) + rounding) & ~rounding);
 }
@@ -140,6 +148,7 @@ void allocator_support::_deallocate(void* memory) {
     detail::chunk* const home = header->_chunk;
     if (home == nullptr)
         return _deallocate_large(region_of(header));
+    detail::poison(memory, home->_constant_size - sizeof(detail::block));
     allocator& own = detail::own_allocator();
     allocator& owner = *home->_allocator;
     if (&own == &owner)

@@ -1,6 +1,6 @@
 # Reads the dynamic symbols of LIBRARY with NM and fails on a name that does not
-# belong there, on one that is missing, and on an allocation operator that the
-# library would take from the program.
+# belong there, on one that is missing or lacks the version of the release MAJOR, and on
+# an allocation operator that the library would take from the program.
 cmake_minimum_required(VERSION 3.25)
 
 function(names_of result)
@@ -20,6 +20,16 @@ endfunction()
 names_of(defined --defined-only)
 names_of(undefined --undefined-only)
 set(faults "")
+
+# The version itself stands among the names.
+set(version OVEL_${MAJOR})
+list(REMOVE_ITEM defined ${version} ${version}@@${version})
+foreach(name IN LISTS defined)
+    if(NOT name MATCHES "@@${version}$")
+        string(APPEND faults "  without ${version}: ${name}\n")
+    endif()
+endforeach()
+list(TRANSFORM defined REPLACE "@@.*$" "")
 
 set(made "typeinfo for |typeinfo name for |vtable for |VTT for ")
 set(thunk "virtual thunk to |non-virtual thunk to |covariant return thunk to ")

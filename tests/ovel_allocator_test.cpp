@@ -31,7 +31,8 @@ std::size_t request_of(std::size_t k) {
     return block_sizes[k] - sizeof(block);
 }
 
-std::size_t chunks(chunk const& ring) {
+// Reads what builds for AddressSanitizer poison.
+[[gnu::no_sanitize_address]] std::size_t chunks(chunk const& ring) {
     std::size_t count = 0;
     for (chunk const* each = ring._next; each != &ring; each = each->_next)
         ++count;

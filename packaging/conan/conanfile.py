@@ -15,6 +15,7 @@ from conan.tools.files import copy
 class OvelConan(ConanFile):
     name = "ovel"
     version = "1.0.0"
+    license = "Apache-2.0"
     description = "Locks, memory, threads and Petri nets for C++"
     topics = ("concurrency", "allocator", "petri-net")
     package_type = "shared-library"
@@ -24,7 +25,8 @@ class OvelConan(ConanFile):
         root = os.path.join(self.recipe_folder, "..", "..")
         for pattern in (
             "CMakeLists.txt",
-            "README.md",
+            "LICENSE",
+            "*.md",
             "cmake/*",
             "includes/*",
             "sources/*",
@@ -32,6 +34,7 @@ class OvelConan(ConanFile):
             "docs/*",
             "examples/*",
             "tools/gdb/*",
+            "packaging/debian/*",
         ):
             copy(self, pattern, root, self.export_sources_folder)
 
@@ -57,6 +60,7 @@ class OvelConan(ConanFile):
 
     def package(self):
         CMake(self).install()
+        copy(self, "LICENSE", self.source_folder, os.path.join(self.package_folder, "licenses"))
 
     def package_info(self):
         self.cpp_info.libs = ["ovel"]

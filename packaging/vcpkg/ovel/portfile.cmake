@@ -16,4 +16,4 @@ vcpkg_cmake_config_fixup(CONFIG_PATH lib/cmake/ovel)
 vcpkg_fixup_pkgconfig()
 
 file(REMOVE_RECURSE "${CURRENT_PACKAGES_DIR}/debug/include" "${CURRENT_PACKAGES_DIR}/debug/share")
-set(VCPKG_POLICY_SKIP_COPYRIGHT_CHECK enabled)
+vcpkg_install_copyright(FILE_LIST "${sources}/LICENSE")

@@ -1,0 +1,38 @@
+// Marks memory that no program may touch, in builds for AddressSanitizer: of a chunk
+// everything but the memory of blocks in use. In all other builds it does nothing.
+//
+// OVEL_POISON is defined for all sources, while those that read a chunk's own words are
+// compiled without the sanitizer's checks.
+#ifndef OVEL_POISON_H
+#define OVEL_POISON_H
+
+#include <cstddef>
+
+#if defined(OVEL_POISON)
+
+extern "C" void __asan_poison_memory_region(void const volatile* begin, std::size_t size);
+extern "C" void __asan_unpoison_memory_region(void const volatile* begin, std::size_t size);
+
+namespace ovel::detail {
+
+inline void poison(void* begin, std::size_t size) {
+    __asan_poison_memory_region(begin, size);
+}
+inline void unpoison(void* begin, std::size_t size) {
+    __asan_unpoison_memory_region(begin, size);
+}
+
+}  // namespace ovel::detail
+
+#else
+
+namespace ovel::detail {
+
+inline void poison(void*, std::size_t) {}
+inline void unpoison(void*, std::size_t) {}
+
+}  // namespace ovel::detail
+
+#endif
+
+#endif

@@ -1,0 +1,54 @@
+// A program with operators of its own: those of a static library are not among them, and
+// what the library allocates for itself does not come to them.
+#include <ovel.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+int calls = 0;
+
+}  // namespace
+
+void* operator new(std::size_t bytes) {
+    ++calls;
+    void* const memory = std::malloc(bytes);
+    if (memory == nullptr)
+        throw std::bad_alloc();
+    return memory;
+}
+
+void operator delete(void* memory) noexcept {
+    ++calls;
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+    ++calls;
+    std::free(memory);
+}
+
+int main() {
+    delete new int;
+    if (calls != 2) {
+        std::puts("The program's operators were replaced");
+        return 1;
+    }
+
+    // Each thread, place and group of threads makes the library allocate.
+    std::size_t const before = ovel::allocator_support::allocated_size();
+    ovel::petri_net net;
+    net.insert_place(16);
+    net.release();
+    net.acquire();
+    if (calls != 2) {
+        std::puts("The library used the program's operators");
+        return 1;
+    }
+    if (ovel::allocator_support::allocated_size() == before) {
+        std::puts("The library allocated nothing");
+        return 1;
+    }
+}
