@@ -30,7 +30,8 @@ detail::recycler_hook hook;
 }  // namespace
 
 // 5. The spin count that everything built from here on takes by default.
-unsigned int volatile default_spin = thread_support::available_processors() != 1 ? 1024 : 0;
+unsigned int volatile default_spin =
+    thread_support::available_processors() != 1 ? estimate_default_spin() : 0;
 
 // 6. The time server's once-flag: not yet run.
 unsigned int volatile time_server::_created = 0;

@@ -40,6 +40,7 @@
 #include "ovel_allocator_group.h"
 #include "ovel_counter.h"
 #include "ovel_guard.h"
+#include "ovel_spin_wait.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
 
@@ -274,12 +275,9 @@ petri_queue_function::~petri_queue_function() = default;
 // handed over: one more thread would only slow them down. The spin count bounds the
 // pauses of a call. Relaxed: a stale count costs a pause, or saves one.
 void petri_net::_enter() {
-    constexpr unsigned int least = 4;
-    constexpr unsigned int most = 64;
     constexpr std::int64_t handover = 1024;  // ticks
-    unsigned int pauses = least;
-    unsigned int left = _spin;
-    while (left != 0) {
+    detail::spin_wait wait(_spin, detail::pace_for_net);
+    while (!wait.is_over()) {
         if (_mutex.try_acquire())
             return;
         unsigned int ended;
@@ -287,14 +285,10 @@ void petri_net::_enter() {
         do {
             unsigned int const before = _ended.load(std::memory_order_relaxed);
             std::int64_t const start = time_support::time_now();
-            unsigned int const now = std::min(pauses, left);
-            for (unsigned int i = 0; i != now; ++i)
-                YieldProcessor();
-            left -= now;
-            pauses = std::min(2 * pauses, most);
+            wait.pause();
             ended = _ended.load(std::memory_order_relaxed) - before;
             elapsed = time_support::time_now() - start;
-        } while (left != 0 && ended > 1 && ended * handover > elapsed);
+        } while (!wait.is_over() && ended > 1 && ended * handover > elapsed);
     }
     _mutex.acquire();
 }

@@ -3,6 +3,7 @@
 #include "ovel_semaphore.h"
 
 #include "kernel.h"
+#include "ovel_spin_wait.h"
 
 #include <algorithm>
 #include <limits>
@@ -33,28 +34,17 @@ semaphore::~semaphore() {
 // Waits for a unit to show, for as long as the spin count says; takes none.
 void semaphore::_poll() const {
     YieldProcessor();
-    // Relaxed: what is seen here is only a hint, the decrement decides.
-    for (unsigned int left = _spin; left != 0; --left) {
+    for (detail::spin_wait wait(_spin, detail::pace_for_unit); !wait.is_over(); wait.pause())
+        // Relaxed: what is seen here is only a hint, the decrement decides.
         if (_value.load(std::memory_order_relaxed) > 0)
             return;
-        YieldProcessor();
-    }
 }
 
-// Looks for the unit at intervals that grow, for as many pauses as the spin count says.
-// Each look fetches the line that the owner needs back for its release: with one after
-// every pause a section of two threads takes as long as the line's way there and back.
-// Who finds the unit and loses it to another looks on, since its owner gives it back soon.
+// Polls as a mutex does, backing off. A thread that finds the unit and loses it to
+// another polls on, because its new owner gives it back soon.
 void semaphore::_acquire_contended() {
-    constexpr unsigned int least = 16;
-    constexpr unsigned int most = 64;
-    unsigned int pauses = least;
-    for (unsigned int left = _spin; left != 0;) {
-        unsigned int const now = std::min(pauses, left);
-        for (unsigned int i = 0; i != now; ++i)
-            YieldProcessor();
-        left -= now;
-        pauses = std::min(2 * pauses, most);
+    for (detail::spin_wait wait(_spin, detail::pace_for_mutex); !wait.is_over();) {
+        wait.pause();
         // Relaxed: only a hint that the exchange may succeed.
         int one = 1;
         if (_value.load(std::memory_order_relaxed) > 0 && _value.compare_exchange_strong(one, 0))

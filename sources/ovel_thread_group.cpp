@@ -14,6 +14,7 @@
 #include "ovel_assure.h"
 #include "ovel_counter.h"
 #include "ovel_guard.h"
+#include "ovel_spin_wait.h"
 #include "ovel_thread_support.h"
 #include "ovel_work_queue.h"
 
@@ -166,8 +167,9 @@ bool thread_group_function_base::_poll() {
         return _crew->news.load(std::memory_order_relaxed) != before;
     };
     _mutex.release();
-    for (unsigned int left = _crew->spin; left != 0 && !is_news(); --left)
-        YieldProcessor();
+    // Only one worker of the group polls, and the word is seldom written.
+    for (spin_wait wait(_crew->spin, pace_for_unit); !wait.is_over() && !is_news();)
+        wait.pause();
     _acquire();
     _crew->looking = false;
     return is_news();

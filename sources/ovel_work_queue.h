@@ -3,9 +3,9 @@
 #ifndef OVEL_WORK_QUEUE_H
 #define OVEL_WORK_QUEUE_H
 
-#include "ovel_kernel.h"
 #include "ovel_mutex.h"
 #include "ovel_skip_list.h"
+#include "ovel_spin_wait.h"
 #include "ovel_thread_function.h"
 #include "ovel_thread_support.h"
 #include "ovel_triple.h"
@@ -19,22 +19,18 @@ using work_queue = skip_list<triple<thread_function*, double, double>>;
 
 // Takes a mutex that is held only briefly. A thread that finds it taken lets others run
 // for a while before it sleeps: a holder that keeps it longer was preempted, and a
-// sleeper would be handed the mutex and keep it until it is awake. The polls are some
-// pauses apart, since each takes the cache line away from the holder.
+// sleeper would be handed the mutex and keep it until it is awake.
 inline void acquire_patiently(mutex& taken, unsigned int spin) {
-    constexpr unsigned int rounds = 16;
-    constexpr unsigned int most = 96;   // pauses of a round
-    constexpr unsigned int apart = 32;  // pauses from poll to poll
+    constexpr unsigned int rounds = 16;  // each yields to a preempted holder once
+    constexpr unsigned int most = 96;    // pauses of a round: longer than it is held
     for (unsigned int round = 0; round != rounds; ++round) {
-        for (unsigned int left = std::min(spin, most);;) {
+        spin_wait wait(std::min(spin, most), pace_for_group);
+        for (;;) {
             if (taken.try_acquire())
                 return;
-            if (left == 0)
+            if (wait.is_over())
                 break;
-            unsigned int const now = std::min(left, apart);
-            for (unsigned int i = 0; i != now; ++i)
-                YieldProcessor();
-            left -= now;
+            wait.pause();
         }
         thread_support::yield();
     }
