@@ -3,7 +3,8 @@
 //     work_group group(4);
 //     std::future<int> const answer = group.submit([] { return 42; });
 //     answer.get();
-//     group.join();  // what was submitted has run
+//     group.run([] { tidy_up(); });  // without a future
+//     group.join();                  // what was submitted has run
 //
 // It stands beside the library and `ovel.h` does not include it, since it draws
 // <future> in.
@@ -12,18 +13,15 @@
 
 #include "ovel_allocator_group.h"
 #include "ovel_assure.h"
-#include "ovel_condition.h"
-#include "ovel_mutex.h"
 #include "ovel_std.h"
+#include "ovel_task.h"
 #include "ovel_thread_base.h"
 #include "ovel_thread_function.h"
-#include "ovel_thread_group.h"
 #include "ovel_thread_support.h"
 
-#include <cstddef>
+#include <exception>
 #include <future>
 #include <memory>
-#include <mutex>
 #include <type_traits>
 #include <utility>
 
@@ -77,31 +75,95 @@ private:
     Callable _callable;
 };
 
+namespace detail {
+
+class crew_of;
+
+}  // namespace detail
+
 // How submitted work is scheduled: see `thread_group`.
 struct work_options {
     double time = 1.0;
     double space = 0.0;
 };
 
-// Threads that run what is submitted to them, and hand out its results: a
-// `thread_group` that keeps its work itself.
+namespace detail {
+
+// Work of a group without a future: what it throws is the group's.
+template <class Callable>
+class run_item final : public thread_function {
+public:
+    run_item(first_exception& error, Callable&& callable)
+        : _error(error), _callable(std::move(callable)) {}
+
+    void operator()() override {
+        try {
+            _callable();
+        } catch (...) {
+            _error.keep(std::current_exception());
+        }
+    }
+
+private:
+    first_exception& _error;
+    Callable _callable;
+};
+
+// Work with a future. Destroyed before it has run, it breaks its promise.
+template <class Callable>
+class submitted_item final : public thread_function {
+    using result = std::invoke_result_t<Callable&>;
+
+public:
+    explicit submitted_item(Callable&& callable) : _callable(std::move(callable)) {}
+
+    std::future<result> get_future() {
+        return _promise.get_future();
+    }
+
+    void operator()() override {
+        try {
+            if constexpr (std::is_void_v<result>) {
+                _callable();
+                _promise.set_value();
+            } else {
+                _promise.set_value(_callable());
+            }
+        } catch (...) {
+            _promise.set_exception(std::current_exception());
+        }
+    }
+
+private:
+    std::promise<result> _promise;
+    Callable _callable;
+};
+
+}  // namespace detail
+
+// Threads that run what is submitted to them, in the order and within the budget of
+// `thread_group`, and that share the children of scopes and the parts of loops
+// (ovel_parallel.h) among them.
 //
 // It has started when it is built. Any thread may submit, work of the group as well;
-// but work that waits for the future of other work holds its thread meanwhile, and if
-// all do, for ever. `join` and `join_until`, in turn and up to the first that ends
-// the group, and the destructor belong to the owner, who is none of the group's work.
+// but work that waits for the future of other work keeps its thread meanwhile, and if
+// all do, for ever: work that waits opens a `task_scope`. What has begun takes
+// precedence over what is submitted: a thread that is free first takes children and
+// parts, whatever their work's order. `join` and `join_until`, in turn and up to the
+// first that ends the group, and the destructor belong to the owner.
+//
+// A wait, a join or the destruction by the group's own work, which would wait for its own
+// end, fails the check "!_runs_caller()".
 class work_group {
 public:
-    // With a thread for each processor and no space, or as given; with none the check
-    // of `thread_group` fails. Throws std::bad_alloc.
+    // With a thread for each processor and no space, or as given. No threads or negative
+    // space fail the check "_threads != 0 && space >= 0". Throws std::bad_alloc.
     work_group() : work_group(thread_support::processors()) {}
     explicit work_group(unsigned int threads, double space = 0.0,
                         unsigned int stack_size = thread_base::default_stack_size)
-        : _group(threads, space, stack_size) {
-        _group.release();
-    }
+        : _crew(threads, space, stack_size, this) {}
 
-    // Stops the group unless it has ended.
+    // Stops the group unless it has ended. No thread has a scope open on it.
     ~work_group() {
         stop();
         if (!_ended)
@@ -117,32 +179,47 @@ public:
     // what destroying it uses until `join` has. It is safe to declare that before the group,
     // whose destructor waits for what runs. Once the group has been stopped, or has ended,
     // `callable` is discarded. The promise of what is discarded is broken: its future throws
-    // std::future_error. Does not wait for work. Throws std::bad_alloc, having queued
-    // nothing.
+    // std::future_error. Does not wait for work. A time or space out of range fails the
+    // check "time_ > 0 && space_ >= 0 && space_ <= _space". Throws std::bad_alloc, having
+    // queued nothing.
     template <class Callable>
     auto submit(Callable callable, work_options options = {})
         -> std::future<std::invoke_result_t<Callable&>> {
-        auto submitted = std::make_unique<submission<Callable>>(*this, std::move(callable));
-        auto future = submitted->task.get_future();
-        std::lock_guard const hold(_lock);
-        if (!_stopped) {
-            _group.schedule(*submitted, options.time, options.space);
-            ++_unfinished;
-            static_cast<void>(submitted.release());
-        }
+        auto item = std::make_unique<detail::submitted_item<Callable>>(std::move(callable));
+        auto future = item->get_future();
+        _queue(std::move(item), options);
         return future;
     }
 
-    // Blocks until all work has ended, also what it has submitted meanwhile, and ends
-    // the group. Its own work, which would wait for its own end, fails the check
-    // "!_runs_caller()".
+    // The same without a future, which costs less. What `callable` throws, `wait` rethrows.
+    template <class Callable>
+    void run(Callable callable, work_options options = {}) {
+        _queue(std::make_unique<detail::run_item<Callable>>(_error, std::move(callable)), options);
+    }
+
+    // Blocks until all work has ended, also what it has submitted meanwhile, and rethrows
+    // the first exception since the last wait that left work which was `run`, or a scope
+    // of the group's work that was closed without a wait. The group goes on.
+    void wait() {
+        assure(!_runs_caller());
+        _crew.wait(false);
+        _rethrow();
+    }
+
+    // The same, unless `point`, whatever `deadline` accepts, passes before: then false.
+    template <class Point>
+    bool wait_until(Point const& point) {
+        assure(!_runs_caller());
+        if (!_crew.timed_wait(deadline(point), false))
+            return false;
+        _rethrow();
+        return true;
+    }
+
+    // Blocks as `wait` does, and ends the group. Exceptions are left for a `wait`.
     void join() {
         assure(!_runs_caller());
-        {
-            std::lock_guard const hold(_lock);
-            wait(_idle, _lock, [this] { return _unfinished == 0; });
-            _stopped = true;
-        }
+        _crew.wait(true);
         _end();
     }
 
@@ -150,80 +227,58 @@ public:
     // returns false, and the group goes on.
     template <class Point>
     bool join_until(Point const& point) {
-        {
-            std::lock_guard const hold(_lock);
-            if (!wait_until(_idle, _lock, point, [this] { return _unfinished == 0; }))
-                return false;
-            _stopped = true;
-        }
+        assure(!_runs_caller());
+        if (!_crew.timed_wait(deadline(point), true))
+            return false;
         _end();
         return true;
     }
 
     // Has work that has not begun discarded, by the threads as they come to it, and
     // all that is submitted from now on. Does not wait for work; `join` does then. Any
-    // thread may call it, the group's work as well.
+    // thread may call it, the group's work as well. Scopes are not stopped.
     void stop() {
-        std::lock_guard const hold(_lock);
-        _stopped = true;
+        _crew.stop();
+    }
+
+    // The group whose work the calling thread runs, or on which it opened the innermost
+    // scope; null if there is none.
+    static work_group* current() {
+        detail::task_seat* const seat = detail::task_crew::current_seat();
+        return seat != nullptr ? static_cast<work_group*>(seat->crew().owner()) : nullptr;
+    }
+
+    unsigned int threads() const {
+        return _crew.threads();
     }
 
 private:
-    // Belongs to the group from when it is scheduled; deletes itself when it has run.
-    template <class Callable>
-    class submission : public thread_function {
-    public:
-        submission(work_group& group, Callable&& callable)
-            : task(std::move(callable)), _group(group) {}
+    friend class task_scope;
+    friend class detail::crew_of;
 
-        void operator()() override {
-            work_group& group = _group;
-            {
-                std::unique_ptr<submission> const self(this);
-                if (group._begin())
-                    task();
-            }
-            group._finish();
-        }
-
-        std::packaged_task<std::invoke_result_t<Callable&>()> task;
-
-    private:
-        work_group& _group;
-    };
-
-    bool _runs_caller() const {
-        return _group._runs_caller();
+    void _queue(std::unique_ptr<thread_function> item, work_options const& options) {
+        if (_crew.queue(*item, options.time, options.space))
+            static_cast<void>(item.release());
     }
 
-    bool _begin() {
-        std::lock_guard const hold(_lock);
-        return !_stopped;
+    void _rethrow() {
+        if (std::exception_ptr const error = _error.take())
+            std::rethrow_exception(error);
     }
 
-    void _finish() {
-        bool idle;
-        {
-            std::lock_guard const hold(_lock);
-            idle = --_unfinished == 0;
-        }
-        if (idle)
-            _idle.release_all();
+    bool _runs_caller() {
+        return _crew.runs_caller();
     }
 
-    // Nothing more is scheduled: the threads end once the queue is empty.
     void _end() {
-        _group.conclude();
-        _group.acquire();
+        assure(!_runs_caller());
+        _crew.end();
         _ended = true;
     }
 
-    lockable<mutex> _lock;        // taken before the group's
-    timed_condition _idle;        // `_unfinished` has come to 0
-    std::size_t _unfinished = 0;  // work scheduled and not ended; under _lock
-    bool _stopped = false;        // nothing begins any more; under _lock
-    bool _ended = false;          // the threads are joined; owner only
-    thread_group _group;
+    bool _ended = false;  // the threads are joined; owner only
+    detail::first_exception _error;
+    detail::task_crew _crew;
 };
 
 }  // namespace ovel

@@ -37,6 +37,9 @@ inline constexpr spin_pace pace_for_group = {32, 32};
 // of philosophers.
 inline constexpr spin_pace pace_for_net = {4, 64};
 
+// For the deques of a crew, whose owners write the lines that a poll reads with each child.
+inline constexpr spin_pace pace_for_deque = {8, 8};
+
 // The spinning of one thread in one wait. It looks for what it waits for between pauses,
 // until they add up to its spin count, and then sleeps:
 //

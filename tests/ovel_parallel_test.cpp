@@ -1,0 +1,360 @@
+// Scopes, invocations and loops: what is not left to their scenarios on the simulated kernel.
+
+#include "ovel_parallel.h"
+
+#include "ovel_mutex.h"
+#include "ovel_semaphore.h"
+#include "ovel_std.h"
+#include "ovel_test.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <numeric>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace ovel;
+
+int fibonacci(int n) {
+    if (n < 2)
+        return n;
+    int left = 0, right = 0;
+    parallel_invoke([&] { left = fibonacci(n - 1); }, [&] { right = fibonacci(n - 2); });
+    return left + right;
+}
+
+class parallel_test : public testing::TestWithParam<unsigned int> {
+protected:
+    work_group group{GetParam()};
+};
+INSTANTIATE_TEST_SUITE_P(threads, parallel_test, testing::Values(1u, 2u, 8u));
+
+TEST_P(parallel_test, callers_inside_and_outside_get_the_same_answers) {
+    EXPECT_EQ(work_group::current(), nullptr);
+    EXPECT_EQ(fibonacci(10), 55);
+    auto const inside = group.submit([&] {
+        EXPECT_EQ(work_group::current(), &group);
+        return fibonacci(18);
+    });
+    // Each of these threads belongs to nobody and has no allocator.
+    auto const callers = crew(3, [&](int) {
+        int outside = 0;
+        parallel_invoke(
+            group, [&] { outside += fibonacci(16); }, [&] { EXPECT_EQ(fibonacci(2), 1); });
+        EXPECT_EQ(outside, 987);
+        EXPECT_EQ(work_group::current(), nullptr);
+    });
+    EXPECT_EQ(const_cast<std::future<int>&>(inside).get(), 2584);
+}
+
+// A waiter that ran anything but descendants would take the mutex a second time.
+TEST_P(parallel_test, waiting_under_a_lock_runs_nothing_that_takes_it) {
+    lockable<mutex> lock;
+    int rounds = 0;  // under lock
+    int parts = 0;   // under lock, by the parts' own mutex
+    lockable<mutex> inner;
+    auto const round = [&] {
+        std::lock_guard const hold(lock);
+        parallel_for(0, 4,
+                     [&](int begin, int end) {
+                         std::lock_guard const hold_inner(inner);
+                         parts += end - begin;
+                     },
+                     {.grain = 1});
+        ++rounds;
+    };
+    constexpr int each = 3000;
+    for (int i = 0; i != each; ++i)
+        group.run(round);
+    {
+        task_scope here(group);
+        for (int i = 0; i != each; ++i)
+            here.run(round);
+        here.wait();
+    }
+    group.run([&] {
+        task_scope here(group);
+        for (int i = 0; i != each; ++i)
+            here.run(round);
+        here.wait();
+    });
+    group.wait();
+    EXPECT_EQ(rounds, 3 * each);
+    EXPECT_EQ(parts, 3 * 4 * each);
+}
+
+// A child's child runs after it, not inside it, and no waiter takes up a stranger's work.
+TEST_P(parallel_test, the_stack_is_bounded_by_the_nesting_of_scopes) {
+    work_group small(GetParam(), 0.0, 65536);
+    constexpr int links = 300'000;
+    struct chain {
+        task_scope& scope;
+        std::atomic<int>& ran;
+        int left;
+        void operator()() {
+            ++ran;
+            {
+                task_scope inner(*work_group::current());
+                inner.run([] {});
+                inner.wait();
+            }
+            if (left != 0)
+                scope.run(chain{scope, ran, left - 1});
+        }
+    };
+    std::atomic<int> ran = 0;
+    small.run([&] {
+        task_scope here(small);
+        // Fills the deque, so that the chain begins as work that runs at once.
+        for (int i = 0; i != 2000; ++i)
+            here.run([&] { ++ran; });
+        here.run(chain{here, ran, links});
+        here.wait();
+    });
+    small.wait();
+    EXPECT_EQ(ran, links + 1 + 2000);
+}
+
+TEST_P(parallel_test, children_that_wait_are_bounded) {
+    struct counted {
+        explicit counted(std::atomic<int>& alive) : alive(&alive) {
+            ++alive;
+        }
+        counted(counted&& other) noexcept : counted(*other.alive) {}
+        ~counted() {
+            --*alive;
+        }
+        void operator()() {}
+        std::atomic<int>* alive;
+    };
+    std::atomic<int> alive = 0;
+    int most = 0;
+    task_scope here(group);
+    for (int i = 0; i != 500'000; ++i) {
+        here.run(counted(alive));
+        most = std::max(most, alive.load());
+    }
+    here.wait();
+    EXPECT_EQ(alive, 0);
+    EXPECT_LE(most, 1100);
+}
+
+// Every child throws, so do the scopes around them; what they hold is counted.
+TEST_P(parallel_test, the_first_exception_wins_and_none_is_lost) {
+    auto const held = std::make_shared<int>();
+    for (int round = 0; round != 1000; ++round) {
+        std::atomic<int> thrown = 0;
+        task_scope outer(group);
+        for (int i = 0; i != 4; ++i)
+            outer.run([&, i, held] {
+                {
+                    // Nobody waits here: the exception goes to the scope around it.
+                    task_scope inner(group);
+                    inner.run([&, held] {
+                        ++thrown;
+                        throw std::runtime_error(std::to_string(*held));
+                    });
+                    while (i % 2 == 0 && thrown == 0)
+                        inner.wait();
+                }
+                if (i == 3)
+                    parallel_invoke([held] { throw std::bad_alloc(); }, [held] { throw 1; });
+            });
+        EXPECT_ANY_THROW(outer.wait());
+        outer.wait();  // it was taken
+        outer.run([] { throw std::logic_error("again"); });
+        EXPECT_THROW(outer.wait(), std::logic_error);
+    }
+    group.run([held] { throw std::runtime_error("run"); });
+    EXPECT_THROW(group.wait(), std::runtime_error);
+    group.wait();
+    group.run([&, held] {
+        // More than wait, so that some have run, when the scope is closed without a wait.
+        task_scope left(group);
+        for (int i = 0; i != 1000; ++i)
+            left.run([held] { throw std::bad_alloc(); });
+    });
+    EXPECT_THROW(group.wait(), std::bad_alloc);
+    EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST_P(parallel_test, after_a_stop_no_more_children_begin_than_there_are_threads) {
+    std::atomic<bool> stopped = false;
+    std::atomic<unsigned int> late = 0, begun = 0;
+    std::stop_source outer;
+    for (int by = 0; by != 3; ++by) {
+        stopped = false;
+        late = begun = 0;
+        outer = {};
+        task_scope here(group, outer.get_token());
+        std::stop_token const token = here.stop_token();
+        for (int i = 0; i != 20'000; ++i)
+            here.run([&] {
+                if (stopped)
+                    ++late;
+                if (++begun == 100) {
+                    if (by == 0)
+                        here.stop();
+                    else if (by == 1)
+                        outer.request_stop();
+                    else
+                        group.stop();  // is not the scope's business
+                    stopped = by != 2;
+                }
+            });
+        here.wait();
+        EXPECT_LE(late, GetParam() + 1);
+        EXPECT_EQ(token.stop_requested(), by != 2);
+        EXPECT_EQ(begun == 20'000, by == 2);
+    }
+}
+
+TEST_P(parallel_test, loops_visit_each_element_once) {
+    for (std::size_t size : {0, 1, 2, 7, 1000, 4099})
+        for (std::size_t grain : {0, 1, 3, 5000}) {
+            std::vector<std::atomic<int>> visits(size);
+            EXPECT_TRUE(parallel_for(
+                group, visits.begin(), visits.end(),
+                [&](auto begin, auto end) {
+                    EXPECT_TRUE(begin < end);
+                    EXPECT_TRUE(grain == 0 || static_cast<std::size_t>(end - begin) <= grain);
+                    for (; begin != end; ++begin)
+                        ++*begin;
+                },
+                {.grain = grain}));
+            EXPECT_TRUE(std::all_of(visits.begin(), visits.end(),
+                                    [](auto const& each) { return each == 1; }));
+        }
+    parallel_for(group, 5, 2, [](int, int) { ADD_FAILURE(); });
+}
+
+// `join` is associative and nothing else, and the sum of these depends on the order.
+TEST_P(parallel_test, reductions_join_in_order_and_repeat_to_the_last_bit) {
+    auto const join = [](std::string left, std::string const& right) {
+        return left += right;
+    };
+    auto const spell = [](int begin, int end, std::string start) {
+        for (; begin != end; ++begin)
+            start += static_cast<char>('a' + begin % 26);
+        return start;
+    };
+    std::string const all = parallel_reduce(group, 0, 3000, std::string(), spell, join, 7);
+    EXPECT_EQ(all, spell(0, 3000, ""));
+    EXPECT_EQ(parallel_reduce(group, 3, 3, std::string("none"), spell, join), "none");
+
+    auto const harmonic = [](int begin, int end, float start) {
+        for (; begin != end; ++begin)
+            start += 1.0f / static_cast<float>(begin);
+        return start;
+    };
+    float const alone = parallel_reduce(1, 100'000, 0.0f, harmonic, std::plus<>(), 64);
+    for (int round = 0; round != 20; ++round)
+        EXPECT_EQ(parallel_reduce(group, 1, 100'000, 0.0f, harmonic, std::plus<>(), 64), alone);
+}
+
+TEST_P(parallel_test, loops_end_early_and_say_so) {
+    std::stop_source stop;
+    std::atomic<int> parts = 0;
+    auto const count = [&](int, int) {
+        if (++parts == 50)
+            stop.request_stop();
+    };
+    EXPECT_FALSE(parallel_for(group, 0, 100'000, count, {.grain = 1, .stop = stop.get_token()}));
+    EXPECT_LE(parts, 50 + static_cast<int>(GetParam()) + 1);
+    EXPECT_FALSE(parallel_reduce(group, 0, 10, 0, [](int, int, int start) { return start; },
+                                 std::plus<>(), {.stop = stop.get_token()}));
+    EXPECT_EQ(
+        parallel_reduce(
+            group, 0, 10, 0, [](int begin, int end, int start) { return start + end - begin; },
+            std::plus<>(), loop_options{}),
+        10);
+    parts = 0;
+    auto const fail = [&](int begin, int) {
+        ++parts;
+        if (begin == 0)
+            throw std::out_of_range("0");
+    };
+    EXPECT_THROW(parallel_for(group, 0, 100'000, fail, {.grain = 1}), std::out_of_range);
+}
+
+// Items take space and open scopes; no more of them run than the space allows.
+TEST_P(parallel_test, scopes_take_no_space_of_the_group) {
+    work_group budgeted(GetParam(), 3.0);
+    std::atomic<int> used = 0, most = 0, children = 0;
+    for (int i = 0; i != 200; ++i)
+        budgeted.run(
+            [&, i] {
+                int const space = 1 + i % 3;
+                int const now = used += space;
+                for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) {}
+                parallel_for(0, 8, [&](int begin, int end) { children += end - begin; });
+                used -= space;
+            },
+            {.space = 1.0 + i % 3});
+    budgeted.wait();
+    EXPECT_LE(most, 3);
+    EXPECT_EQ(children, 200 * 8);
+}
+
+TEST(task_scope_test, a_thread_may_have_scopes_of_several_groups_open) {
+    work_group first(2), second(2);
+    std::atomic<int> ran = 0;
+    task_scope outer(first);
+    {
+        task_scope inner(second);
+        EXPECT_EQ(work_group::current(), &second);
+        task_scope again(first);
+        EXPECT_EQ(work_group::current(), &first);
+        again.run([&] {
+            EXPECT_EQ(work_group::current(), &first);
+            ran += fibonacci(7);
+        });
+        outer.run([&] { ++ran; });  // there is no room for it below the inner ones' children
+        again.wait();
+    }
+    EXPECT_EQ(work_group::current(), &first);
+    outer.wait();
+    EXPECT_EQ(ran, 14);
+}
+
+TEST(task_scope_test, a_wait_until_a_deadline_leaves_the_group_as_it_was) {
+    semaphore go_on(0, 0);
+    work_group group(1);
+    group.run([&] { go_on.acquire(); });
+    EXPECT_FALSE(group.wait_until(std::chrono::milliseconds(0)));
+    go_on.release();
+    EXPECT_TRUE(group.wait_until(std::chrono::hours(1)));
+    EXPECT_EQ(group.submit([] { return 3; }).get(), 3);
+}
+
+TEST(task_scope_test, misuse_is_named) {
+    work_group group(2);
+    auto const out_of_order = [&] {
+        task_scope outer(group);
+        task_scope inner(group);
+        outer.wait();
+    };
+    EXPECT_CHECK(out_of_order(), "_is_innermost_of_caller()", "includes/ovel_parallel.h");
+    auto const by_a_child = [&] {
+        task_scope here(group);
+        here.run([&] { here.wait(); });
+        here.wait();
+    };
+    EXPECT_CHECK(by_a_child(), "_is_innermost_of_caller()", "includes/ovel_parallel.h");
+    auto const by_its_work = [&] {
+        group.run([&] { group.wait(); });
+        group.wait();
+    };
+    EXPECT_CHECK(by_its_work(), "!_runs_caller()", "includes/ovel_work.h");
+}
+
+}  // namespace
