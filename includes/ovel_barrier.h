@@ -11,17 +11,18 @@ namespace ovel {
 
 // A barrier holds the threads that arrive until there are `capacity` of them, then
 // lets them all go; or until `release_all` lets those go that have arrived so far.
-// Either way the phase ends with the last of them, and until then a newcomer waits
+// Either way the phase ends when the last of them leaves. Until then a newcomer waits
 // outside, so that phases never mix. Threads leave one after another, each waking
-// the next. Any thread may call any operation. A barrier of capacity 0 opens by
-// `release_all` only. Destroying a barrier with threads in it goes undetected.
+// the next. What each thread wrote before it arrived is visible to all threads that
+// leave in the same phase. Any thread may call any operation. A barrier of capacity 0
+// opens by `release_all` only. Not detected: destroying a barrier with threads in it.
 //
-// A constructor takes the capacity and the number of polls before a thread that
-// waits sleeps.
+// A constructor takes the capacity and the spin count, the number of polls before a
+// waiting thread sleeps.
 //
-// The results: true for a phase that was completed, false for one that was opened
-// by `release_all`, and for a deadline that passed before either. `last` tells the
-// one thread whose arrival completed the phase from all others.
+// The results: true for a phase that was completed; false for one that `release_all`
+// opened, and for a deadline that passed before either. `last` is true only for the
+// thread whose arrival completed the phase.
 //
 //     barrier step(4, default_spin);
 //     bool last;
@@ -29,7 +30,7 @@ namespace ovel {
 //     if (last)
 //         publish();
 
-// Waits without a deadline, and spins before it sleeps.
+// Without deadlines. Waiting threads spin before they sleep.
 class OVEL_EXPORT barrier {
 public:
     barrier(unsigned int capacity, unsigned int spin);
@@ -48,8 +49,8 @@ public:
 private:
     friend struct detail::inspector;
 
-    // Guards what follows and is the baton: from the thread that opens the barrier
-    // to the last that leaves it stays taken, handed on with each wake-up.
+    // Guards _count and _complete, and is the baton: it stays taken from the thread that
+    // opens the barrier to the last that leaves, and each wake-up hands it on.
     semaphore _lock;
     unsigned int const _capacity;
     detail::atomic<unsigned int> _count{0};  // arrived and not left
@@ -57,7 +58,7 @@ private:
     semaphore _wait;
 };
 
-// Can give up at a deadline as well; threads inside sleep without spinning.
+// With deadlines as well. Threads inside sleep without spinning.
 class OVEL_EXPORT timed_barrier {
 public:
     timed_barrier(unsigned int capacity, unsigned int spin);
@@ -85,7 +86,7 @@ private:
     bool _arrive(bool& last);
     bool _leave();
 
-    semaphore _lock;  // guards what follows; held briefly
+    semaphore _lock;  // guards _count, _complete and _released; held briefly
     // The way in, and the baton: taken from the thread that opens the barrier to
     // the last that leaves it.
     timed_semaphore _entry;

@@ -12,8 +12,8 @@ namespace ovel {
 
 namespace detail {
 
-// What both conditions are made of; `Semaphore` is what their sleepers wait on.
-// Members are defined, for both kinds, in the source file.
+// The common part of both conditions. `Semaphore` is what their sleepers wait on. The
+// source file defines the members for both kinds.
 template <class Semaphore>
 class OVEL_EXPORT basic_condition {
 public:
@@ -23,14 +23,15 @@ public:
 
     // Wakes one of the threads that wait, if any.
     void release_one() {
-        // Relaxed: who changed under the mutex what a thread waits for finds that
-        // thread counted, since it was counted before it gave the mutex up.
+        // Relaxed: a thread that changed, under the mutex, what others wait for sees all
+        // of them counted, because each was counted before it gave the mutex up.
         if (_queued.load(std::memory_order_relaxed) != 0)
             _release_one();
     }
 
     // Wakes every thread that waits at this moment.
     void release_all() {
+        // Relaxed: as above.
         if (_queued.load(std::memory_order_relaxed) != 0)
             _release_all();
     }
@@ -39,7 +40,7 @@ protected:
     // Counts the caller as a sleeper. Blocks while the sleepers of a batch leave.
     void _acquire_gate();
 
-    semaphore _lock;
+    semaphore _lock;  // guards _released, and decrements of _queued
     // Threads that passed the gate and are not yet released. Written by arrivals
     // under `_gate`, by releases and withdrawals under `_lock` with the gate closed.
     detail::atomic<unsigned int> _queued{0};
@@ -73,14 +74,15 @@ extern template class basic_condition<timed_semaphore>;
 //     lock.release();
 //
 // A release wakes only threads that waited when it was called: a newcomer never
-// takes their wake-up, and one with nobody waiting is not remembered. It never
-// waits for the caller's mutex, only for threads about to wait or to leave. All
-// operations may be called by any thread; every thread that waits at one time uses
-// the same mutex. That the caller of a wait holds it is not checked, nor that nobody
-// waits when the condition is destroyed.
+// takes their wake-up. A release that finds no waiting thread has no effect later. It
+// never waits for the caller's mutex, only for threads about to wait or to leave. Any
+// thread may call any operation. All threads that wait at one time use the same mutex.
+// What a thread wrote before a release is visible to the threads that it wakes. Not
+// checked: that the caller of a wait holds the mutex, and that no thread waits at
+// destruction.
 //
-// A constructor takes the number of polls before a thread that waits sleeps,
-// `default_spin` unless it is given.
+// A constructor takes the spin count, the number of polls before a waiting thread
+// sleeps: `default_spin` unless given.
 
 // Waits without a deadline, with any mutex of the library.
 class OVEL_EXPORT condition : public detail::basic_condition<semaphore> {
@@ -123,9 +125,9 @@ public:
         lock.acquire(held, true);
     }
 
-    // Waits until released, true, or until `deadline` has passed, false; the
-    // caller holds `lock` again either way. The deadline does not run while the
-    // thread waits for an earlier batch to leave.
+    // Waits until released, and returns true, or until `deadline` has passed, and
+    // returns false. The caller holds `lock` again either way. The deadline is not
+    // looked at while the thread waits for an earlier batch to leave.
     template <class Mutex>
     bool timed_acquire(Mutex& lock, time const& deadline) {
         typename Mutex::state held;

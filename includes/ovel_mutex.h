@@ -21,7 +21,7 @@ class plain_mutex {
 public:
     explicit plain_mutex(unsigned int spin) : _semaphore(1, spin) {}
 
-    // What a mutex that was given up completely is taken back with.
+    // What `release(state&, bool)` saves for `acquire(state&, bool)`.
     struct state {
         Semaphore* underlying;
     };
@@ -36,14 +36,15 @@ public:
         _semaphore.release();
     }
 
-    // Takes the mutex back; with `block` false only its records.
+    // Takes the mutex back. With `block` false its semaphore is still taken, and only
+    // the records are restored.
     void acquire(state& saved, bool block) {
         if (block)
             saved.underlying->acquire();
     }
 
-    // Gives the mutex up, whatever its depth, and notes in `saved` how to take it
-    // back; with `unlock` false its semaphore stays taken.
+    // Gives the mutex up, whatever its depth, and saves in `saved` how to take it
+    // back. With `unlock` false its semaphore stays taken.
     void release(state& saved, bool unlock) {
         saved.underlying = &_semaphore;
         if (unlock)
@@ -70,7 +71,7 @@ public:
         unsigned int depth;
     };
 
-    // Always inline: where a class is imported from a DLL, nobody else has them.
+    // Always inlined: a program that imports the class from a DLL finds no copy there.
     [[gnu::always_inline]] void acquire() {
         unsigned long const me = GetCurrentThreadId();
         if (_owner.load(std::memory_order_relaxed) != me) {
@@ -79,6 +80,7 @@ public:
         }
         _enter();
     }
+
     [[gnu::always_inline]] bool try_acquire() {
         unsigned long const me = GetCurrentThreadId();
         if (_owner.load(std::memory_order_relaxed) != me) {
@@ -89,6 +91,7 @@ public:
         _enter();
         return true;
     }
+
     [[gnu::always_inline]] void release() {
         if (--_depth == 0) {
             _owner.store(0, std::memory_order_relaxed);
@@ -111,13 +114,13 @@ protected:
     void _enter_once_too_often();
 
     [[maybe_unused]] cacheline _before;
-    // The owner's thread identifier, or 0. Only the owner writes it, while it
-    // holds the semaphore; others read it to compare it with their own, which it
-    // can then not be. So relaxed is enough.
+    // The owner's thread identifier, or 0. Only the owner writes it, while it holds the
+    // semaphore. Relaxed: another thread only compares it with its own identifier, which
+    // no value that it may read equals.
     detail::atomic<unsigned long> _owner{0};
     [[maybe_unused]] cacheline _between;
-    unsigned int _depth = 0;  // owner only
-    Semaphore _semaphore;
+    unsigned int _depth = 0;  // under _semaphore
+    Semaphore _semaphore;     // of count 1; guards _owner's changes and _depth
 
 private:
     friend struct inspector;
@@ -128,26 +131,25 @@ extern template class reentrant_mutex<timed_semaphore>;
 
 }  // namespace detail
 
-// The mutexes share one contract. `acquire` blocks until the caller owns the
-// mutex; `try_acquire` never blocks and tells whether it does; `timed_acquire`,
-// where there is one, gives up at an absolute deadline, but takes a free mutex
-// even when that has passed. `release` gives it up; only the owner may call it,
-// which is not checked. Any thread may call the others; no order is promised, and
-// whatever an owner wrote is visible to the next. With `release(state&, true)` and
-// `acquire(state&, true)` an owner gives a mutex up completely, whatever its depth,
+// The mutexes share one contract. `acquire` blocks until the caller owns the mutex.
+// `try_acquire` never blocks and returns whether the caller owns it. `timed_acquire`,
+// where there is one, gives up at an absolute deadline, but takes a free mutex even
+// if that has passed. `release` gives the mutex up; only the owner may call it, which
+// is not checked. Any thread may call the others. There is no first-come order. What an
+// owner wrote before `release` is visible to the next owner. With `release(state&, true)`
+// and `acquire(state&, true)` an owner gives a mutex up completely, whatever its depth,
 // and takes it back as it was; conditions do so around their wait.
 //
-// A constructor takes the number of pauses that a waiting thread makes before it
-// sleeps, with a look at the mutex now and then; the timed kinds never spin, whatever
-// it is.
+// A constructor takes the spin count: how many pauses a waiting thread makes, polling
+// the mutex now and then, before it sleeps. The timed kinds never spin, whatever it is.
 
-// The ordinary lock: it spins, has no deadline, and its owner may not take it again.
+// The ordinary lock: it spins, has no deadlines, and is not recursive.
 class mutex : public detail::plain_mutex<semaphore> {
 public:
     explicit mutex(unsigned int spin = detail::current_spin()) : plain_mutex(spin) {}
 };
 
-// A lock with deadlines, which its owner may not take again.
+// A lock with deadlines, not recursive.
 class OVEL_EXPORT timed_mutex : public detail::plain_mutex<timed_semaphore> {
 public:
     timed_mutex();
@@ -156,9 +158,9 @@ public:
     bool timed_acquire(time const& deadline);
 };
 
-// A lock that spins and that its owner may take again; it is free once it has been
-// released as often. Taking it again costs no locked instruction. 2^32 entries fail
-// the check "++_depth != 0".
+// A recursive lock that spins. It is free once its owner has released it as often as
+// acquired. Acquiring it again costs no locked instruction. 2^32 entries fail the check
+// "++_depth != 0".
 class OVEL_EXPORT recursive_mutex : public detail::reentrant_mutex<semaphore> {
 public:
     recursive_mutex();

@@ -26,11 +26,11 @@ class reentrant_mutex;
 //
 // `acquire` takes one unit and blocks until it has one; `release` gives one
 // back and never blocks. A unit has no owner: any thread may release what
-// another acquired. Every operation may be called from any thread, and what a
-// thread wrote before `release` is visible to the thread that takes the unit.
-// No first-come order is promised. Destroying a semaphore that a thread waits
-// on, or more units than an int can count, go undetected; a failed kernel call
-// ends the process through `assure`.
+// another acquired. Any thread may call any operation. What a thread wrote
+// before `release` is visible to the thread that takes the unit. There is no
+// first-come order. Not detected: destroying a semaphore that a thread waits on,
+// and more units than an int can count. A failed kernel call ends the process
+// through `assure`.
 //
 //     semaphore ready(0, default_spin);
 //     ready.release();    // producer, after it has filled the slot
@@ -60,16 +60,16 @@ private:
     template <class Semaphore>
     friend class detail::reentrant_mutex;
 
-    // `acquire` where there is never more than one unit: if it is there, the locked
-    // instruction that finds it takes it. A read before that would have to wait for
-    // the last locked instruction, and the next for the read.
+    // `acquire` for a semaphore that never has more than one unit. Tries to take it
+    // without reading `_value` first: the read would wait for the locked instruction
+    // before it to complete, and the locked instruction after it for the read.
     void _acquire_single();
 
     void _take();
     void _poll() const;
     void _acquire_contended();
 
-    // Gives back `count` units, 1 or more, with one call of the kernel at most.
+    // Gives back `count` units, 1 or more, with at most one system call.
     void _release(int count);
 
     [[maybe_unused]] cacheline _before;
@@ -83,9 +83,9 @@ private:
 };
 
 // A counting semaphore that can wait until a deadline. Every operation goes to
-// the kernel; it never spins, whatever spin count it is given. Otherwise as
-// `semaphore`, but that it holds 2147483647 units at most: releasing one more
-// fails the check "ReleaseSemaphore(_semaphore, 1, 0) != 0".
+// the kernel. It never spins, whatever spin count it is given. It holds at most
+// 2147483647 units: releasing one more fails the check
+// "ReleaseSemaphore(_semaphore, 1, 0) != 0". Otherwise it is like `semaphore`.
 class OVEL_EXPORT timed_semaphore {
 public:
     // Starts with `value` units (check "value >= 0").
@@ -97,8 +97,8 @@ public:
     void acquire();
     bool try_acquire();
 
-    // Takes a unit, or returns false once `deadline` has passed without one. An
-    // available unit is taken even when it has passed already.
+    // Takes a unit, or returns false once `deadline` has passed without one. Takes
+    // an available unit even if the deadline has already passed.
     bool timed_acquire(time const& deadline);
 
     void release();
@@ -125,11 +125,12 @@ private:
     [[maybe_unused]] cacheline _after;
 };
 
-// Each stands below what it calls, which Windows would take for an import else.
+// Each is defined after the functions it calls; otherwise Windows would treat those as
+// imports.
 
 // Takes a unit, or sleeps until it is handed one. Whatever a poll saw, the decrement
-// decides: from 0 or below, this thread owes the kernel exactly one wait. A full
-// barrier, like every change of `_value`; it pairs with the increment in `release`.
+// decides: from 0 or below, this thread owes the kernel exactly one wait. Sequentially
+// consistent, like every change of `_value`; pairs with the increment in `release`.
 [[gnu::always_inline]] inline void semaphore::_take() {
     if (_value.fetch_sub(1) <= 0)
         assure(WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0);
@@ -150,6 +151,8 @@ inline void semaphore::acquire() {
 
 inline bool semaphore::try_acquire() {
     for (;;) {
+        // Relaxed: if the value is stale, the exchange fails, or the caller is told what
+        // was true a moment ago.
         int value = _value.load(std::memory_order_relaxed);
         if (value <= 0) {
             YieldProcessor();
@@ -162,7 +165,7 @@ inline bool semaphore::try_acquire() {
 }
 
 inline void semaphore::release() {
-    // Once the unit is visible, only a thread that sleeps keeps the object alive.
+    // Once the unit is visible, only a sleeping thread keeps the object alive.
     if (_value.fetch_add(1) < 0)
         assure(ReleaseSemaphore(_semaphore, 1, 0) != 0);
 }

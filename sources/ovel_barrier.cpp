@@ -1,13 +1,13 @@
 // Barriers whose threads leave one by one, each handing on the baton.
 //
-// A phase gathers, entry open, until it is opened; then it leaves, entry closed,
-// until `_count` is back at 0. While it leaves, exactly one unit of `_wait` is
-// posted or just taken; whoever took it is the one thread that may pass it on, and
-// the thread that brings `_count` to 0 reopens the entry instead.
+// A phase gathers, with the entry open, until it is opened. Then it leaves, with the
+// entry closed, until `_count` is back at 0. While it leaves, exactly one unit of `_wait`
+// is posted or just taken. Only the thread that took it may pass it on; the thread that
+// brings `_count` to 0 reopens the entry instead.
 //
 // A thread of a timed barrier that gives up while its phase leaves withdraws, and
-// the unit goes to one of the others. When there are none, the unit was posted for
-// that thread after all: it takes it and reopens the entry.
+// the unit goes to one of the others. If there are none, the unit was posted for
+// that thread after all: it takes the unit and reopens the entry.
 //
 // Lock order: `_entry`, then `_lock`.
 
@@ -51,7 +51,8 @@ bool barrier::acquire(bool& last) {
 }
 
 void barrier::release_all() {
-    // Relaxed: threads known to have arrived are seen; others may be missed.
+    // Relaxed: the caller sees the threads that it knows to have arrived, and may miss
+    // others.
     if (_count.load(std::memory_order_relaxed) == 0)
         return;
     _lock.acquire();
@@ -133,7 +134,7 @@ bool timed_barrier::timed_acquire(bool& last, time const& deadline) {
     } else {
         complete = _complete;
         if ((_complete || _released) && _count.load(std::memory_order_relaxed) == 1) {
-            _wait.acquire();  // the last of a phase that leaves: the unit is its own
+            _wait.acquire();  // the last thread of a leaving phase: the unit is its own
             _leave();
         } else {
             detail::add(_count, -1u);
@@ -145,6 +146,7 @@ bool timed_barrier::timed_acquire(bool& last, time const& deadline) {
 }
 
 void timed_barrier::release_all() {
+    // Relaxed: as above.
     if (_count.load(std::memory_order_relaxed) == 0)
         return;
     _entry.acquire();

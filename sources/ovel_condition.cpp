@@ -37,8 +37,8 @@ void basic_condition<Semaphore>::_release(bool all) {
         guard const hold(_lock);
         if (_queued.load(std::memory_order_relaxed) == 0)
             return;
-        // The first of a batch closes the gate, and so waits for whoever is
-        // passing it; from here on `_queued` does not grow.
+        // The first release of a batch closes the gate, waiting for a thread that is
+        // passing it. From here on `_queued` does not grow.
         if (++_released == 1)
             _gate.acquire();
         count = all ? _queued.load(std::memory_order_relaxed) : 1;
@@ -86,7 +86,7 @@ timed_condition::timed_condition(unsigned int spin) : basic_condition(spin) {}
 void timed_condition::_release_gate(bool released) {
     _lock.acquire();
     if (_released == 0) {
-        // No batch: the deadline passed and nobody released this thread.
+        // No batch: the deadline passed and no release has reached this thread.
         _gate.acquire();
         assure(_queued != 0);
         detail::add(_queued, -1u);
@@ -95,16 +95,16 @@ void timed_condition::_release_gate(bool released) {
         return;
     }
     if (!released && _queued.load(std::memory_order_relaxed) != 0) {
-        // Whichever of the threads left is still queued stands in for this one;
-        // the units posted are for them.
+        // A thread that is still queued takes this one's place in the batch; the units
+        // posted are for the threads that stay.
         detail::add(_queued, -1u);
         _lock.release();
         return;
     }
-    // Everybody left is released, so a unit was posted for this thread as well, or
-    // is about to be by a thread that no longer needs `_lock`. It is taken while
-    // this thread still counts: the last to leave would open the gate otherwise,
-    // and a newcomer take the unit in its place.
+    // All threads left are released, so a unit has been posted for this one as well, or
+    // is about to be by a thread that no longer needs `_lock`. This thread takes it
+    // while it is still counted. Otherwise the last to leave would open the gate, and a
+    // newcomer would take the unit.
     if (!released)
         _wait.acquire();
     bool const last = --_released == 0;

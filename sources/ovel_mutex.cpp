@@ -1,8 +1,8 @@
 // Mutexes over semaphores of count 1.
 //
-// A recursive mutex's `_owner` is 0 exactly when its `_depth` is, and both are
-// exactly when the semaphore's unit is free, unless the owner has given only the
-// records up.
+// A recursive mutex's `_owner` is 0 exactly when its `_depth` is. Both are 0 exactly
+// when the semaphore's unit is free, except while the owner has given up only the
+// records.
 
 #include "ovel_mutex.h"
 

@@ -1,4 +1,4 @@
-// Counting semaphores over the kernel's.
+// Counting semaphores on top of the kernel's.
 
 #include "ovel_semaphore.h"
 
@@ -15,7 +15,7 @@ namespace {
 constexpr LONG maximum = std::numeric_limits<LONG>::max();
 
 // The inline members are part of the binary interface as well, for callers whose
-// compiler does not inline them: naming them here has them emitted.
+// compiler does not inline them. Naming them here makes the compiler emit them.
 [[gnu::used]] void (semaphore::*const exported[])() = {&semaphore::acquire, &semaphore::release};
 [[gnu::used]] bool (semaphore::*const exported_try)() = &semaphore::try_acquire;
 
@@ -31,17 +31,17 @@ semaphore::~semaphore() {
     assure(CloseHandle(_semaphore) != 0);
 }
 
-// Waits for a unit to show, for as long as the spin count says; takes none.
+// Spins until a unit is available or the spin count is used up. Takes none.
 void semaphore::_poll() const {
     YieldProcessor();
     for (detail::spin_wait wait(_spin, detail::pace_for_unit); !wait.is_over(); wait.pause())
-        // Relaxed: what is seen here is only a hint, the decrement decides.
+        // Relaxed: the value is only a hint, the decrement decides.
         if (_value.load(std::memory_order_relaxed) > 0)
             return;
 }
 
-// Polls as a mutex does, backing off. A thread that finds the unit and loses it to
-// another polls on, because its new owner gives it back soon.
+// Spins for the only unit, backing off. A thread that sees the unit and loses it to
+// another keeps spinning, because the new owner gives it back soon.
 void semaphore::_acquire_contended() {
     for (detail::spin_wait wait(_spin, detail::pace_for_mutex); !wait.is_over();) {
         wait.pause();
