@@ -14,15 +14,15 @@
 namespace ovel {
 
 // Owns one value of any copyable type, or none. Copies are copies of the value.
-// Not synchronised: threads that share one share a lock of their own. Memory
-// comes from `allocator_support`.
+// Not synchronised: threads that share one guard it with a lock. Memory comes from
+// `allocator_support`.
 //
 //     any token = std::string("paid");
 //     std::string& text = any_cast<std::string>(token);
 //     if (int* number = any_cast<int>(&token))
 //         use(*number);
 class any {
-    // Holds the value. The three virtual functions in this order: the library
+    // Holds the value. The order of the three virtual functions is fixed: the library
     // calls holders that its clients compiled.
     struct holder {
         holder() = default;
@@ -32,8 +32,8 @@ class any {
         virtual std::type_info const& type() const = 0;
         virtual holder* clone() const = 0;
 
-        // A holder that one side of the library's border creates is deleted on
-        // the other.
+        // The library deletes holders that its clients created, and the other way
+        // round.
         static void* operator new(std::size_t size) {
             return allocator_support::allocate(size);
         }
@@ -63,15 +63,15 @@ public:
     // Empty.
     any() = default;
 
-    // Holds a copy of `value`, or what is moved from it. Throws what that throws
-    // and std::bad_alloc.
+    // Holds a copy of `value`, or its moved value. Throws what that throws and
+    // std::bad_alloc.
     template <class T>
     requires(!std::is_same_v<std::decay_t<T>, any> && std::is_copy_constructible_v<std::decay_t<T>>)
         any(T&& value)
         : _content(new value_holder<std::decay_t<T>>(std::forward<T>(value))) {}
 
-    // Holds a T made of `source`, which it touches only once it has the memory. Throws
-    // what making it throws and std::bad_alloc.
+    // Holds a T constructed from `source`. If there is no memory, `source` is untouched.
+    // Throws what constructing it throws and std::bad_alloc.
     template <class T, class Source>
     any(std::in_place_type_t<T>, Source&& source)
         : _content(new value_holder<T>(std::forward<Source>(source))) {}
@@ -79,11 +79,11 @@ public:
     // Throws what copying the value throws and std::bad_alloc.
     any(any const& other) : _content(other._clone()) {}
 
-    // Takes the value; `other` is empty then.
+    // Takes the value, and leaves `other` empty.
     any(any&& other) noexcept : _content(std::exchange(other._content, nullptr)) {}
 
-    // As the constructors, but that when copying throws, this is left empty: the
-    // old value goes before the new one comes, so `other` must not lie inside it.
+    // As the constructors. The old value is destroyed before the new one is copied: if
+    // copying throws, this is left empty, and `other` must not be part of the old value.
     any& operator=(any const& other) {
         if (this != &other) {
             delete std::exchange(_content, nullptr);
@@ -128,7 +128,7 @@ private:
     holder* _content = nullptr;
 };
 
-// The value, if there is one and it is a T; else null, as for a null operand.
+// Points to the value if it is a T. Null otherwise, and for an empty or null operand.
 template <class T>
 T* any_cast(any* operand) {
     if (operand == nullptr || operand->type() != typeid(T))
@@ -140,7 +140,7 @@ T const* any_cast(any const* operand) {
     return any_cast<T const>(const_cast<any*>(operand));
 }
 
-// The value, which must be a T: check "operand.type() == typeid(T)".
+// The value, which must be a T (check "operand.type() == typeid(T)").
 template <class T>
 std::remove_reference_t<T>& any_cast(any& operand) {
     assure(operand.type() == typeid(T));
@@ -151,7 +151,7 @@ std::remove_reference_t<T> const& any_cast(any const& operand) {
     assure(operand.type() == typeid(T));
     return *any_cast<std::remove_reference_t<T>>(&operand);
 }
-// What it would return is gone with the temporary.
+// The result would refer into a destroyed temporary.
 template <class T>
 void any_cast(any const&& operand) = delete;
 

@@ -1,4 +1,4 @@
-// A bounded first-in-first-out store of tokens: what is in a place of a Petri net.
+// A bounded first-in-first-out queue of tokens: the contents of a Petri net's place.
 #ifndef OVEL_CHANNEL_H
 #define OVEL_CHANNEL_H
 
@@ -14,11 +14,10 @@
 
 namespace ovel {
 
-// A ring of tokens in a buffer that is allocated once. A token is copied when it
-// is sent and moved out when it is received. Nothing in here locks or waits:
-// threads that share a channel share a lock of their own, and know whether there
-// is room or a token; sending into a full channel and receiving from an empty one
-// end the process.
+// A ring of tokens in a buffer that is allocated once. `send` copies a token and
+// `receive` moves it out. Not synchronised, and never waits: threads that share a
+// channel guard it with a lock, and know whether it has room or a token. Sending into a
+// full channel and receiving from an empty one fail a check.
 class channel {
 public:
     // Room for `capacity` tokens. Throws std::bad_alloc.
@@ -42,8 +41,8 @@ public:
         return _capacity;
     }
 
-    // Appends a copy of `token`; check "_size != _capacity". When copying throws
-    // the channel is unchanged.
+    // Appends a copy of `token` (check "_size != _capacity"). If copying throws, the
+    // channel is unchanged.
     void send(any const& token) {
         assure(_size != _capacity);
         ::new (static_cast<void*>(_back)) any(token);
@@ -51,7 +50,7 @@ public:
         ++_size;
     }
 
-    // Appends `token`, which is empty then; check "_size != _capacity".
+    // Appends `token` and leaves it empty (check "_size != _capacity").
     void put(any&& token) {
         assure(_size != _capacity);
         ::new (static_cast<void*>(_back)) any(std::move(token));
@@ -59,16 +58,16 @@ public:
         ++_size;
     }
 
-    // Moves the oldest token into `target`, whose own value goes; check
-    // "_size != 0". Copies nothing.
+    // Moves the oldest token into `target`, and destroys the value that `target` had
+    // (check "_size != 0"). Copies nothing.
     void receive(any& target) {
         assure(_size != 0);
         target.swap(*_front);
         _remove_front();
     }
 
-    // Copies the oldest token into `target` and leaves it in the channel; check
-    // "_size != 0". When copying throws, `target` is empty.
+    // Copies the oldest token into `target` and leaves it in the channel (check
+    // "_size != 0"). If copying throws, `target` is empty.
     void peek(any& target) {
         assure(_size != 0);
         target = *_front;
@@ -94,13 +93,13 @@ private:
         --_size;
     }
 
-    // The `_size` slots from `_front` on, and after `_end` from `_begin` on, hold
-    // tokens; the others are raw memory, and the first of them is `_back`.
+    // The `_size` slots from `_front` on hold tokens; `_begin` follows `_end`. The other
+    // slots are raw memory, and `_back` is the first of them.
     unsigned int const _capacity;
     unsigned int _size;
     any* const _begin;
     any* const _end;
-    any* _back;   // where the next token is sent to
+    any* _back;   // the slot of the next token
     any* _front;  // the oldest token
 };
 

@@ -6,8 +6,8 @@
 
 namespace ovel {
 
-// The CRC-32 of IEEE 802.3 (polynomial 0x04C11DB7, bits reversed). Copyable at
-// any time: both copies go on from where the computation is. Not synchronised.
+// The CRC-32 of IEEE 802.3 (polynomial 0x04C11DB7, bits reversed). Can be copied at any
+// time: each copy continues the computation from there. Not synchronised.
 //
 //     crc32 checksum;
 //     checksum.start();
@@ -15,17 +15,17 @@ namespace ovel {
 //     checksum.stop();
 //     checksum.value();  // 0x352441C2
 //
-// Sixteen bytes and more at a time go many times as fast as byte by byte where the
-// processor multiplies without carries; the checksum is the same.
+// Where the processor has carry-less multiplication, calls with 16 bytes or more are many
+// times as fast as byte by byte. The checksum is the same.
 class OVEL_EXPORT crc32 {
 public:
-    // The register is 0, which is not what a checksum starts from: see `start`.
+    // The register is 0. A checksum does not start from that: call `start`.
     crc32();
 
     // Begins a checksum.
     void start();
 
-    // Ends it: from here on `value` is the checksum. A second time undoes this.
+    // Ends it: from here on `value` is the checksum. A second call undoes the first.
     void stop();
 
     // The register.
@@ -39,8 +39,8 @@ public:
     void encode(unsigned char const* begin, unsigned char const* end);
     void encode(char const* begin, char const* end);
 
-    // The bytes of a word, the most significant first whatever their order in
-    // memory: four of an integer, `sizeof(void*)` of a pointer.
+    // The bytes of a word, the most significant first, whatever their order in memory:
+    // four of an integer, `sizeof(void*)` of a pointer.
     void encode(unsigned int word);
     void encode(int word);
     void encode(void* word);
@@ -53,7 +53,7 @@ public:
 private:
     friend struct detail::inspector;
 
-    // What feeding each byte to a register of 0 makes of it.
+    // The register after each byte, from a register of 0.
     static unsigned int const _table[256];
 
     unsigned int _register;

@@ -21,8 +21,8 @@ struct list_links {
 }  // namespace detail
 
 // A list of copies of values. An iterator stays valid until its element is
-// erased. Nothing in here locks: threads that share a list share a lock of their
-// own. Memory comes from `allocator_support`.
+// erased. Not synchronised: threads that share a list guard it with a lock. Memory
+// comes from `allocator_support`.
 //
 //     list<task*> tasks;
 //     tasks.push_back(&first);
@@ -33,8 +33,8 @@ class list : private detail::list_links {
     struct node : detail::list_links {
         explicit node(T const& copied) : detail::list_links(), value(copied) {}
 
-        // This code may be emitted by the library and by its clients; of their
-        // own, a node could be allocated by one and freed by the other.
+        // Both the library and its clients may contain this code. With the operators of
+        // either, one could free a node that the other allocated.
         static void* operator new(std::size_t size) {
             return allocator_support::allocate(size);
         }
@@ -47,8 +47,8 @@ class list : private detail::list_links {
     static_assert(alignof(T) <= 16, "allocator_support aligns no further");
 
 public:
-    // A position. One that is default-constructed belongs to no list and equals
-    // only its like.
+    // A position. A default-constructed one belongs to no list and equals only
+    // others of its kind.
     class iterator {
     public:
         using value_type = T;
@@ -80,7 +80,7 @@ public:
         detail::list_links* _position = nullptr;
     };
 
-    // A position in a list that is only read.
+    // A position in a list whose elements may not be changed.
     class const_iterator {
     public:
         using value_type = T;
@@ -108,13 +108,13 @@ public:
         iterator _position;
     };
 
-    // An element that is in no list yet; it is freed with the handle unless a
-    // list has taken it.
+    // An element that is in no list yet. The handle frees it unless a list has taken
+    // it.
     using prepared = std::unique_ptr<node>;
 
     list() : detail::list_links{this, this}, _size(0) {}
 
-    // Throws what copying a value or allocating throws; nothing is leaked then.
+    // Throws what copying a value or allocating throws, and leaks nothing.
     list(list const& other) : list() {
         for (T const& value : other)
             push_back(value);
@@ -142,8 +142,8 @@ public:
         return _size;
     }
 
-    // Does the part of an insertion that can fail, so that one value can enter
-    // several lists or none. Throws what copying the value or allocating throws.
+    // The part of an insertion that can fail. So a caller can put one value into several
+    // lists or none. Throws what copying the value or allocating throws.
     static prepared prepare(T const& value) {
         return prepared(new node(value));
     }

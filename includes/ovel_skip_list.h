@@ -22,26 +22,28 @@ class thread_function;
 //
 //     static bool precedes(T const& x, T const& e);
 //
-// which tells whether a new element x goes before the element e that is there
-// already: false for equal ones puts the new element behind them, true before.
-// Where that is false it may also have
+// which tells whether a new element x goes before the element e that is already in the
+// list. If it is false for equal elements, a new one goes behind them, else before them.
+// Where it is false the order may also have
 //
 //     static std::size_t hash(T const& x);
 //
-// the same for equal ones, and spread over its 16 lowest bits. A long list then finds the
-// place behind equals mostly without a search. Neither throws.
+// which is the same for equal elements and spread over its 16 lowest bits. A long list
+// then usually finds the place behind equals without a search. Neither throws.
 template <class T>
 struct skip_list_order;
 
-// Work that waits in a thread group, as (function, time, space): the largest
-// space first, then the longest time, then the first come.
+// Work items that wait in a thread group, as (function, time, space): the largest
+// space first, then the longest time, then the one that was queued first.
 template <>
 struct skip_list_order<triple<thread_function*, double, double>> {
     static bool precedes(triple<thread_function*, double, double> const& x,
                          triple<thread_function*, double, double> const& e) {
         return x.third > e.third || (x.third == e.third && x.second > e.second);
     }
-    // The two zeros are equal: the addition makes them one.
+    // 0.0 and -0.0 are equal; the addition turns both into 0.0. The bits of both values,
+    // one rotated, are multiplied by 2^64 over the golden ratio, which spreads them over the
+    // upper bits.
     static std::size_t hash(triple<thread_function*, double, double> const& x) {
         std::uint64_t const both = std::rotl(std::bit_cast<std::uint64_t>(x.third + 0.0), 29) ^
                                    std::bit_cast<std::uint64_t>(x.second + 0.0);
@@ -50,42 +52,41 @@ struct skip_list_order<triple<thread_function*, double, double>> {
 };
 
 // A list of copies of values in the order of `skip_list_order<T>`. Inserting and
-// finding take about log2(size) steps, erasing compares no values. An iterator
-// stays valid until its element is erased. Nothing in here locks: threads that
-// share a list share a lock of their own. Memory comes from `allocator_support`.
+// finding take about log2(size) steps; erasing compares no values. An iterator
+// stays valid until its element is erased. Not synchronised: threads that share a
+// list guard it with a lock. Memory comes from `allocator_support`.
 //
-// How it is built. Level 0 links all elements in order, and level i, in the same
-// order, the nodes whose level exceeds i: about a quarter of all for i = 1, and
-// for each further one half of those below. The level in use is that of the
-// highest node, or 1 in an empty list. Links lead to the end position where there
-// is no further node, and so do those of the head at and above the level in use.
-// The back links follow level 0. The last node of each level is noted, so that an
-// element that goes behind all others is linked without a search. A long list also
-// notes, by its hash, the last of some of the runs of equals on the lowest levels, and
-// searches only the levels above for an element that is higher. An entry always is the
-// last of its run on its level: insertions into the run overwrite it, the node's
-// extraction clears it.
+// How it is built. Level 0 links all elements in order. Level i links, in the same
+// order, the nodes whose level exceeds i: about a quarter of all for i = 1, and on each
+// further level half of those below. The level in use is that of the highest node, or 1
+// in an empty list. A link without a further node leads to the end position, and so do
+// the head's links at and above the level in use. The back links follow level 0.
+//
+// The head records the last node of each level, so that an element that goes behind all
+// others is linked without a search. A long list also records, in a table by hash, the
+// last node of some runs of equals on the lowest levels. For an element that is higher,
+// it searches only the levels above. An entry is always the last of its run on its level:
+// insertions into the run overwrite it, and extracting the node clears it.
 template <class T>
 class skip_list {
     static_assert(std::is_nothrow_copy_constructible_v<T>,
                   "elements are pointers and plain records");
     static_assert(alignof(T) <= 16, "allocator_support aligns no further");
 
-    // What an iterator points to: the back link. The end position is no more
-    // than that.
+    // What an iterator points to: the back link. The end position has nothing else.
     struct position {
         position* _previous;
     };
 
-    // The link part of a node. The value lies before it, `_level` forward links
-    // lie behind it, all in one allocation.
+    // The link part of a node. In one allocation, the value lies before it and `_level`
+    // forward links lie behind it.
     struct links : position {
         unsigned int _level;
     };
 
-    // The start of the head block: `_capacity` forward links lie behind it, then for
-    // each level the forward links of its last node, or the head's own, and then the
-    // ends of runs, which are nodes or null.
+    // The start of the head block. Behind it lie `_capacity` forward links, then for each
+    // level a pointer to the forward links of its last node, or to the head's own, and
+    // then the ends of runs: nodes or null.
     struct head {
         unsigned int _level;  // the level in use
         unsigned int _capacity;
@@ -93,8 +94,8 @@ class skip_list {
     static_assert(sizeof(head) % alignof(position*) == 0);
 
 public:
-    // A position. One that is default-constructed belongs to no list and equals
-    // only its like.
+    // A position. A default-constructed one belongs to no list and equals only
+    // others of its kind.
     class iterator {
     public:
         using value_type = T;
@@ -159,8 +160,8 @@ public:
         return _size == 0;
     }
 
-    // An element that is in no list: not yet, or not any more. It is freed with the
-    // handle unless a list has taken it.
+    // An element that is not yet in a list, or no longer. The handle frees it unless a
+    // list has taken it.
     struct freeing {
         void operator()(T* value) const {
             std::destroy_at(value);
@@ -169,8 +170,8 @@ public:
     };
     using detached = std::unique_ptr<T, freeing>;
 
-    // Allocates for an insertion to come, so that it need not under the lock that
-    // guards the list, with links for `level` levels, 1 or more. Throws std::bad_alloc.
+    // Allocates for a later insertion, outside the lock that guards the list, with links
+    // for `level` levels, 1 or more. Throws std::bad_alloc.
     static detached prepare(T const& value, unsigned int level) {
         return detached(_value(_allocate_node(value, level)));
     }
@@ -189,8 +190,7 @@ public:
         return _insert(_allocate_node(value, level));
     }
 
-    // The same with an element that was prepared, or a copy of it where that was for
-    // fewer levels than it takes.
+    // The same with a prepared element, or with a copy of it if it has too few levels.
     iterator insert(detached& element) {
         _make_room();
         unsigned int const level = _draw_level(_seed);
@@ -201,14 +201,14 @@ public:
         return _insert(inserted);
     }
 
-    // Erases this very element, whatever equals it; returns the one behind it.
+    // Erases this element, not one that equals it. Returns the one behind it.
     iterator erase(iterator where) {
         iterator const next(_forward(where._position)[0]);
         extract(where);
         return next;
     }
 
-    // Takes this very element out of the list.
+    // Takes this element, not one that equals it, out of the list.
     detached extract(iterator where) {
         position* const extracted = where._position;
         position* const next = _forward(extracted)[0];
@@ -222,7 +222,8 @@ public:
         }
         while (_head->_level > 1 && _forward(_head)[_head->_level - 1] == &_end)
             --_head->_level;
-        // Who takes one element after the other does not wait for the next but one.
+        // Prefetches the element after next, for callers that take one element after
+        // another.
         if (next != &_end)
             __builtin_prefetch(_forward(next)[0], 1);
         if constexpr (_has_runs) {
@@ -235,8 +236,8 @@ public:
         return detached(_value(extracted));
     }
 
-    // What extracting the second element will touch, once it is the first. A hint for
-    // the processor, which bears addresses of what is gone: `fetch` needs no lock.
+    // The addresses that extracting the second element will touch, once it is the first.
+    // `fetch` needs no lock: a prefetch may name memory that has been freed.
     class outlook {
     public:
         void fetch() const {
@@ -255,7 +256,7 @@ public:
         void const* _element;
     };
 
-    // As it is now. An element was inserted before.
+    // At this moment. The list must have held an element before.
     outlook look_ahead() const {
         position* const first = _forward(_head)[0];
         return {this, _head, first != &_end ? _forward(first)[0] : first};
@@ -276,9 +277,9 @@ public:
         _end._previous = &_end;
     }
 
-    // The first element for which `test(T const&)` holds, or the end. The test
-    // must be false for the elements up to some place and true for the rest; it
-    // is asked about an element once at most.
+    // The first element for which `test(T const&)` holds, or the end. The test must be
+    // false for the elements up to some place and true for the rest. It is called at
+    // most once for an element.
     template <class Test>
     iterator find_first(Test test) {
         if (_head == nullptr)
@@ -290,21 +291,35 @@ public:
 private:
     friend struct detail::inspector;
 
+    // Levels for 2^32 elements.
     static constexpr unsigned int _max_capacity = 32;
+
+    // The generator of levels: x -> 16807 x modulo 2^31 - 1, a full period of all numbers
+    // from 1 to 2^31 - 2 in one multiplication. The lower half makes a node higher.
+    static constexpr std::uint64_t _level_factor = 16807;
+    static constexpr std::uint64_t _level_modulus = 2147483647;
+    static constexpr unsigned int _higher_below = (_level_modulus + 1) / 2;
+
+    // From 16 elements on, with a head for 8 levels, a search costs more than a look into
+    // the table of runs. There 64 runs are enough; from 256 elements on, with a head for
+    // 16 levels, the table may take 16 KiB.
+    static constexpr unsigned int _capacity_with_runs = 8;
+    static constexpr unsigned int _few_runs = 64;
+    static constexpr unsigned int _many_runs = 1024;
 
     static constexpr bool _has_runs = requires(T const& value) {
         skip_list_order<T>::hash(value);
     };
 
-    // Runs whose ends a head block notes: none while a search is short.
+    // How many runs a head block has room for: none while a search is short.
     static unsigned int _runs(unsigned int capacity) {
-        if (!_has_runs || capacity < 8)
+        if (!_has_runs || capacity < _capacity_with_runs)
             return 0;
-        return capacity == 8 ? 64 : 1024;
+        return capacity == _capacity_with_runs ? _few_runs : _many_runs;
     }
 
-    // Ends that are noted of a run, one for each of the lowest levels, in a table for
-    // each: three of four elements touch but the first. An eighth is higher than both.
+    // A run's ends are recorded on the two lowest levels, in one table for each. Three of
+    // four elements touch only the first; an eighth is higher than both.
     static constexpr unsigned int _run_levels = 2;
 
     static unsigned int _noted_levels(position* node) {
@@ -338,8 +353,8 @@ private:
         return reinterpret_cast<position**>(link_part + sizeof(links));
     }
 
-    // The node with these forward links, or the end position for the head's:
-    // what the back link behind such a predecessor holds.
+    // The node with these forward links, or the end position for the head's. A back link
+    // to such a predecessor holds this.
     position* _position_of(position** forward) {
         if (forward == _forward(_head))
             return &_end;
@@ -386,16 +401,16 @@ private:
         _head = grown;
     }
 
-    // The level of the next node: 1 for three of four, 2 for one of eight, then each
-    // level for half as many as the one before; less than the head's capacity.
+    // The level of the next node: 1 for three of four, 2 for one of eight, and each
+    // further level for half as many as the one before. Less than the head's capacity.
     // Advances the generator's state `seed`.
     unsigned int _draw_level(unsigned int& seed) const {
         if (_size < 2)
             return 1;
         unsigned int level = 1;
         do
-            seed = static_cast<unsigned int>(std::uint64_t{16807} * seed % 2147483647);
-        while (seed <= 0x3FFFFFFF && ++level != _head->_capacity);
+            seed = static_cast<unsigned int>(_level_factor * seed % _level_modulus);
+        while (seed < _higher_below && ++level != _head->_capacity);
         return level > 1 ? level - 1 : 1;
     }
 
@@ -406,14 +421,14 @@ private:
             _grow();
     }
 
-    // Where the end of the run of `value` on the lowest level is noted, if it is, and as
-    // many entries on that of each further one; null where none are.
+    // The table entry for the end of `value`'s run on the lowest level. The entry of each
+    // further level lies as many entries on as there are runs. Null without a table.
     position** _run_of(T const& value) {
         unsigned int const runs = _runs(_head->_capacity);
         return runs != 0 ? &_run_ends(_head)[skip_list_order<T>::hash(value) % runs] : nullptr;
     }
 
-    // Links a node in that has its value and its level. There is room for it.
+    // Links a node that has its value and its level. There is room for it.
     iterator _insert(position* inserted) {
         position** predecessors[_max_capacity];
         T const& value = *_value(inserted);
@@ -423,7 +438,7 @@ private:
                 for (unsigned int i = 0; i != _noted_levels(inserted); ++i)
                     ends[i * _runs(_head->_capacity)] = inserted;
                 if (known != 0) {
-                    // What is on the levels above is far apart, and soon found.
+                    // The nodes of the levels above are few, so their search is short.
                     if (known < _level(inserted) && known < _head->_level)
                         _find_place(value, predecessors, known);
                     return _link(inserted, predecessors[0][0], predecessors);
@@ -433,8 +448,8 @@ private:
         return _link(inserted, _find_place(value, predecessors, 0), predecessors);
     }
 
-    // Notes the predecessors of a node that goes behind its run, on the lowest levels as
-    // far as the ends of the run say, and returns how many levels those are.
+    // Finds the predecessors of a node that goes behind its run, on the lowest levels as
+    // far as the run's recorded ends tell. Returns on how many levels.
     unsigned int _find_run(position** ends, position* inserted, position*** predecessors) {
         unsigned int known = 0;
         while (known < _noted_levels(inserted)) {
@@ -442,8 +457,8 @@ private:
             if (end == nullptr || !_are_equal(*_value(inserted), *_value(end)))
                 break;
             if (_forward(end)[0] == &_end && _level(end) < _level(inserted))
-                return 0;  // behind all, where no search is
-            // Whatever of the run is linked on these levels stands before this one.
+                return 0;  // behind all others, which needs no search anyway
+            // All nodes of the run that are linked on these levels stand before this one.
             for (; known < _level(end); ++known)
                 predecessors[known] = _forward(end);
         }
@@ -454,8 +469,8 @@ private:
         return !skip_list_order<T>::precedes(x, y) && !skip_list_order<T>::precedes(y, x);
     }
 
-    // Notes the predecessors of `value` on each level in use from `lowest` on, and
-    // returns the position that it goes before on that one.
+    // Finds the predecessors of `value` on each level in use from `lowest` on. Returns
+    // the position before which it goes on that level.
     position* _find_place(T const& value, position*** predecessors, unsigned int lowest) {
         auto const follows = [&value](T const& element) {
             return skip_list_order<T>::precedes(value, element);
@@ -484,12 +499,13 @@ private:
         return iterator(inserted);
     }
 
-    // Of those that are linked on level `lowest`, returns the first position for which
-    // `test` holds, or the end, and notes for each level in use from there on the forward
-    // links of the last node before it.
+    // Of the nodes that are linked on level `lowest`, returns the first for which `test`
+    // holds, or the end. Stores for each level in use from there on the forward links of
+    // the last node before it.
     template <class Test>
     position* _search(Test& test, position*** predecessors, unsigned int lowest) {
-        // The node that stopped a higher level stops the lower ones untested.
+        // The node at which a higher level stopped also stops the lower ones, without
+        // another test.
         position* bound = &_end;
         position** reached = _forward(_head);
         unsigned int i = _head->_level;
@@ -503,10 +519,10 @@ private:
         return bound;
     }
 
-    // The same for a node that is known, at least for the levels that it is linked
-    // on. Equal elements may stand before it, so it is found by identity: what the
-    // walk on each level has to stop at is the first node from here on that is linked
-    // there. Returns the predecessor on level 0.
+    // The same for a given node, at least on the levels on which it is linked. Equal
+    // elements may stand before it, so it is found by identity: on each level, the walk
+    // stops at the first node, from the given one on, that is linked there. Returns the
+    // predecessor on level 0.
     position** _find_predecessors(position* node, position*** predecessors) {
         position** reached = _forward(_head);
         if (reached[0] == node) {

@@ -1,4 +1,4 @@
-// A pointer of which each thread has its own.
+// A pointer with a value of its own in each thread.
 #ifndef OVEL_THREAD_SPECIFIC_PTR_H
 #define OVEL_THREAD_SPECIFIC_PTR_H
 
@@ -8,11 +8,10 @@
 namespace ovel {
 
 // One slot of the system's thread-local storage. A thread that stored nothing
-// reads null. The pointees belong to the caller: nothing is deleted when a
-// thread ends or the slot is given up. `get` and `set` never block, and each
-// thread reaches its own value only. No slot left fails the check
-// "index != 0xffffffff", a value that there is no memory for the check
-// "TlsSetValue(index, value) != 0".
+// reads null. The pointees belong to the caller: nothing is deleted when a thread ends
+// or the slot is freed. `get` and `set` never block, and reach only the calling thread's
+// value. Constructing one without a free slot fails the check "index != 0xffffffff";
+// storing a value when out of memory fails the check "TlsSetValue(index, value) != 0".
 template <class T>
 class thread_specific_ptr {
 public:

@@ -1,5 +1,5 @@
-// CRC-32: by multiplication without carries where the processor has it, otherwise, and
-// for a few bytes, by table.
+// CRC-32: by carry-less multiplication where the processor has it; otherwise, and for a
+// few bytes, by table.
 #include "ovel_crc32.h"
 
 #include "kernel.h"
@@ -15,7 +15,7 @@ namespace ovel {
 namespace {
 
 // The inline members are part of the binary interface as well, for callers whose
-// compiler does not inline them: naming them here has them emitted.
+// compiler does not inline them. Naming them here makes the compiler emit them.
 [[gnu::used]] void (crc32::*const exported[])() = {&crc32::start, &crc32::stop};
 [[gnu::used]] unsigned int (crc32::*const exported_value)() const = &crc32::value;
 
@@ -109,7 +109,7 @@ void crc32::encode(unsigned char const* begin, unsigned char const* end) {
                 break;
         }
     }
-    // A local register: the member might alias the bytes, and would be stored
+    // A local copy: the member might alias the bytes, so the compiler would store it
     // after each.
     unsigned int running = _register;
     for (unsigned char const* each = begin; each != end; ++each)

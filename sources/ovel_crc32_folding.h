@@ -1,20 +1,20 @@
-// CRC-32 by multiplication without carries, 16, 32 or 64 bytes at a time.
+// CRC-32 by carry-less multiplication, 16, 32 or 64 bytes at a time.
 //
-// Bits of a message are the coefficients of a polynomial over GF(2), the first bit
-// the highest power; the checksum's register after it is the message times x^32,
-// modulo P, the polynomial of degree 32. All words here are reversed, as the
-// checksum is: the lowest bit of the first byte is the highest power, and what a load
-// brings needs no turning.
+// The bits of a message are the coefficients of a polynomial over GF(2); the first bit
+// has the highest power. The checksum's register after it is the message times x^32,
+// modulo P, the polynomial of degree 32. All words here are reversed, as the checksum
+// is: the lowest bit of the first byte has the highest power, and loaded words need not
+// be reversed.
 //
-// Folding. Sixteen bytes that n more bits follow count for their value times x^n
-// modulo P. With high and low half H and L, that is
+// Folding. Sixteen bytes that n more bits follow contribute their value times x^n modulo
+// P. With high and low half H and L, that is
 //
 //     H (x^(n+64) mod P) + L (x^n mod P)
 //
-// of at most 96 bits, which is added to the 16 bytes that stand n bits later. A block
-// is so folded into the next until one is left. The product of two reversed words of
-// 64 bits is that of the polynomials, reversed in 128 bits, times x: the constants are
-// of one power less.
+// of at most 96 bits, which is added to the 16 bytes that stand n bits later. So each
+// block is folded into the next until one is left. The product of two reversed words of
+// 64 bits is that of the polynomials, reversed in 128 bits, times x. So the constants
+// are of one power less.
 //
 // The last 128 bits, times x^32, become T = H (x^96 mod P) + L x^32 of 96 bits. T
 // modulo P is T + QP, with Q the quotient of T's upper 64 bits A by P. For
@@ -41,13 +41,13 @@ constexpr std::uint32_t crc32_remainder(unsigned int power) {
     return value;
 }
 
-// x^96 / P, reversed in 65 bits, without the lowest term, which no quotient needs.
+// x^96 / P, reversed in 65 bits, without the lowest term, which the quotient does not
+// need.
 constexpr std::uint64_t crc32_reciprocal() {
     std::uint64_t quotient = 0;
     std::uint32_t value = 0x80000000;
     for (unsigned int done = 1; done != 96; ++done) {
-        // What leaves the 32 bits at the top is the quotient's next term; the first
-        // 31 times nothing does.
+        // The bit shifted out of the 32 is the quotient's next term. The first 31 are 0.
         if ((value & 1) != 0)
             quotient |= std::uint64_t(1) << (done - 32);
         value = (value >> 1) ^ ((value & 1) != 0 ? crc32_polynomial : 0);
@@ -55,10 +55,10 @@ constexpr std::uint64_t crc32_reciprocal() {
     return quotient;
 }
 
-// The factors of the halves, the first half in the lower word, of 16 bytes that
-// `bits` more follow.
+// The factors of the two halves, the first half in the lower word, of 16 bytes that
+// `bits` more bits follow.
 struct alignas(16) crc32_factors {
-    constexpr crc32_factors() = default;  // make nothing of what they are multiplied with
+    constexpr crc32_factors() = default;  // every product is 0
     constexpr explicit crc32_factors(unsigned int bits)
         : first(std::uint64_t(crc32_remainder(bits + 63)) << 32),
           second(std::uint64_t(crc32_remainder(bits - 1)) << 32) {}
@@ -70,7 +70,7 @@ struct alignas(16) crc32_factors {
 inline constexpr crc32_factors crc32_over_128(128);
 inline constexpr crc32_factors crc32_over_512(512);
 inline constexpr crc32_factors crc32_over_2048(2048);
-// Move the first three of four lanes onto the last.
+// These move the first three of four lanes onto the last.
 alignas(64) inline constexpr crc32_factors crc32_over_384_to_0[4] = {
     crc32_factors(384), crc32_factors(256), crc32_factors(128), crc32_factors()};
 alignas(16) inline constexpr std::uint64_t crc32_over_96[2] = {
@@ -78,8 +78,8 @@ alignas(16) inline constexpr std::uint64_t crc32_over_96[2] = {
 alignas(16) inline constexpr std::uint64_t crc32_division[2] = {
     crc32_reciprocal(), std::uint64_t(crc32_polynomial) << 1 | 1};
 
-// Moves the bytes of a lane up or down by n when loaded from 16 + n or 16 - n: what
-// is moved in is 0.
+// Loaded from 16 + n or 16 - n, a shuffle that moves the bytes of a lane up or down by
+// n and fills with 0.
 alignas(16) inline constexpr unsigned char crc32_moves[48] = {
     0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
     0,    1,    2,    3,    4,    5,    6,    7,    8,    9,    10,   11,   12,   13,   14,   15,
@@ -93,7 +93,7 @@ OVEL_CRC32_NARROW [[gnu::always_inline]] inline __m128i crc32_load(void const* b
     return _mm_loadu_si128(static_cast<__m128i const*>(bytes));
 }
 
-// `lane` moved over the bits that `over` was made for.
+// `lane` moved by the number of bits that `over` was made for.
 OVEL_CRC32_NARROW [[gnu::always_inline]] inline __m128i crc32_fold(__m128i lane,
                                                                    crc32_factors const& over) {
     __m128i const factors = crc32_load(&over);
@@ -107,12 +107,12 @@ OVEL_CRC32_NARROW [[gnu::always_inline]] inline std::uint32_t crc32_finish(
     for (; count >= 16; bytes += 16, count -= 16)
         lane = _mm_xor_si128(crc32_fold(lane, crc32_over_128), crc32_load(bytes));
     if (count != 0) {
-        // As many bytes as are left leave the lane at its front and are folded onto
-        // the 16 last ones: the rest of the lane and what is left.
+        // With `count` bytes left, the first `count` bytes of the lane are folded onto the
+        // last 16 bytes, which are the rest of the lane and the bytes left.
         __m128i const up = crc32_load(crc32_moves + count);
         __m128i const down = crc32_load(crc32_moves + 16 + count);
         __m128i const front = _mm_shuffle_epi8(lane, up);
-        // The bytes before these have been read already, and are there to be read.
+        // The load also covers earlier bytes of the message, which may be read.
         __m128i const last = crc32_load(bytes + count - 16);
         __m128i const rest = _mm_shuffle_epi8(lane, down);
         __m128i const keep = _mm_cmpgt_epi8(_mm_setzero_si128(), down);
@@ -160,14 +160,14 @@ OVEL_CRC32_WIDE [[gnu::always_inline]] inline __m256i crc32_load_two(void const*
     return _mm256_loadu_si256(static_cast<__m256i const*>(bytes));
 }
 
-// Both lanes moved over the bits that `factors` were made for.
+// Both lanes moved by the number of bits that `factors` were made for.
 OVEL_CRC32_WIDE [[gnu::always_inline]] inline __m256i crc32_fold_two(__m256i lanes,
                                                                      __m256i factors) {
     return _mm256_xor_si256(_mm256_clmulepi64_epi128(lanes, factors, 0x00),
                             _mm256_clmulepi64_epi128(lanes, factors, 0x11));
 }
 
-// The same as `crc32_narrow`, in pairs of lanes where there are enough of them.
+// As `crc32_narrow`, in pairs of lanes if there are enough bytes.
 OVEL_CRC32_WIDE inline void crc32_wide(std::uint32_t& running, unsigned char const* bytes,
                                        std::size_t count) {
     if (count < 64) {
@@ -194,27 +194,28 @@ OVEL_CRC32_WIDEST [[gnu::always_inline]] inline __m512i crc32_load_four(void con
     return _mm512_loadu_si512(bytes);
 }
 
-// Here and below with a mask of all: gcc warns of its own headers where there is none.
+// Here and below with a mask of all ones: without a mask, gcc warns about its own
+// headers.
 OVEL_CRC32_WIDEST [[gnu::always_inline]] inline __m512i crc32_factors_for_four(
     crc32_factors const& over) {
     return _mm512_maskz_broadcast_i32x4(0xFFFF, crc32_load(&over));
 }
 
-// Four lanes, moved over the bits that `factors` were made for, onto four others.
+// Four lanes, moved by the number of bits that `factors` were made for, onto four others.
 OVEL_CRC32_WIDEST [[gnu::always_inline]] inline __m512i crc32_fold_four(__m512i lanes,
                                                                         __m512i factors,
                                                                         __m512i onto) {
-    constexpr int exclusive_or = 0x96;  // of all three, as a table of their eight cases
+    constexpr int exclusive_or = 0x96;  // of three bits: the results of all eight cases
     return _mm512_ternarylogic_epi64(_mm512_clmulepi64_epi128(lanes, factors, 0x00),
                                      _mm512_clmulepi64_epi128(lanes, factors, 0x11), onto,
                                      exclusive_or);
 }
 
-// From so many bytes on `crc32_widest` is faster than `crc32_wide`.
+// From this number of bytes on `crc32_widest` is faster than `crc32_wide`.
 inline constexpr std::size_t crc32_worth_four = 128;
 
-// The same for 64 bytes or more, in four times four lanes where there are enough of
-// them: as many as the processor has under way at a time.
+// The same for 64 bytes or more, in four times four lanes if there are enough bytes: as
+// many multiplications as the processor overlaps.
 OVEL_CRC32_WIDEST inline void crc32_widest(std::uint32_t& running, unsigned char const* bytes,
                                            std::size_t count) {
     __m512i const before = _mm512_zextsi128_si512(_mm_cvtsi32_si128(static_cast<int>(running)));

@@ -1,5 +1,5 @@
-// Once-only initialisation over a named kernel mutex. It needs no object of the
-// library, and so can build the first of them.
+// Once-only initialisation with a named kernel mutex. It needs no object of the library,
+// so it can build the first of them.
 
 #include "ovel_once.h"
 
@@ -18,7 +18,7 @@ constexpr char tag[] = "6f76656c9d3c41e07ab25f18c6e43b0d71f8a29547de1c8bb36052f9
 static_assert(sizeof tag == 64 + 1);
 
 // The name of the mutex of `flag` in this process: the tag, the process and the
-// flag's address, sign-extended to 64 bits where it is narrower.
+// flag's address, sign-extended to 64 bits if it is narrower.
 void name_mutex(unsigned int const volatile& flag, char* name) {
     std::memcpy(name, tag, sizeof tag);
     _ultoa(GetCurrentProcessId(), name + std::strlen(name), 16);
@@ -29,7 +29,7 @@ void name_mutex(unsigned int const volatile& flag, char* name) {
 }  // namespace
 
 void call_once(void (*function)(), unsigned int volatile& flag) {
-    // Acquire and release: whoever reads 1 sees what the function wrote.
+    // Acquire and release: a thread that reads 1 sees what the function wrote.
     detail::atomic_ref<unsigned int> const completed(flag);
     if (completed.load(std::memory_order_acquire) != 0)
         return;
@@ -39,7 +39,8 @@ void call_once(void (*function)(), unsigned int volatile& flag) {
     HANDLE const mutex = CreateMutexA(nullptr, 0, name);
     assure(mutex != 0);
     assure(WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0);
-    if (completed.load(std::memory_order_relaxed) == 0) {  // written under the mutex only
+    // Relaxed: written only under the mutex, which this thread holds.
+    if (completed.load(std::memory_order_relaxed) == 0) {
         try {
             function();
         } catch (...) {
