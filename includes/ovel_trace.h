@@ -1,5 +1,5 @@
 // Records what a program's threads do and when, for a trace viewer such as Perfetto
-// or Chrome's. Not part of `ovel.h`: whoever wants it includes it.
+// or Chrome's. Not part of `ovel.h`.
 //
 //     trace::recorder recorded;  // from here on scopes are recorded
 //     ...
@@ -14,8 +14,8 @@
 //     ...
 //     recorded.save("trace.json");  // open it in the viewer
 //
-// The nets of `ovel_petri.h` have such scopes by themselves: their firings by the names
-// of the transitions, and the waits of those who are blocked in a place by its name.
+// The nets of `ovel_petri.h` have such scopes of their own: each firing under the name of
+// its transition, and each wait of a blocked sender or receiver under the name of the place.
 #ifndef OVEL_TRACE_H
 #define OVEL_TRACE_H
 
@@ -36,7 +36,7 @@
 
 namespace ovel::trace {
 
-// What a scope is; viewers show it as its category.
+// The kind of a scope. Viewers show it as its category.
 enum kind { work, firing, wait };
 
 // One scope that has ended. Times are in nanoseconds of std::chrono::steady_clock.
@@ -49,8 +49,8 @@ struct event {
 
 namespace detail {
 
-// The events of one thread, in pieces that never move. Its thread adds at the end;
-// others read what `size` counts meanwhile.
+// The events of one thread, in pieces that never move. Its own thread appends; any thread
+// may meanwhile read the events that `_size` counts.
 class buffer {
 public:
     buffer(unsigned int number, std::size_t most) : _number(number), _most(most) {}
@@ -61,24 +61,27 @@ public:
     buffer(buffer const&) = delete;
     buffer& operator=(buffer const&) = delete;
 
-    // Its thread only.
+    // Its own thread only.
     void add(event const& ended) {
+        // Relaxed, here and for the count of dropped events: only this thread writes them.
         std::size_t const size = _size.load(std::memory_order_relaxed);
         if (size == _most || (size % piece::length == 0 && !_grow())) {
             _dropped.store(_dropped.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
             return;
         }
         _last->events[size % piece::length] = ended;
-        // Publishes the event, and the piece that it is in.
+        // Release: publishes the event, and the piece that it is in, to `each`.
         _size.store(size + 1, std::memory_order_release);
     }
     void name(char const* name) {
+        // Release: publishes the text, for `name()`.
         _name.store(name, std::memory_order_release);
     }
 
     // Any thread.
     template <class Use>
     void each(Use& use) const {
+        // Acquire: pairs with `add`.
         std::size_t const size = _size.load(std::memory_order_acquire);
         piece const* from = size == 0 ? nullptr : _first;
         for (std::size_t i = 0; i < size; ++i) {
@@ -88,12 +91,13 @@ public:
         }
     }
     std::uint64_t dropped() const {
+        // Relaxed: a count that publishes nothing else.
         return _dropped.load(std::memory_order_relaxed);
     }
     unsigned int number() const {
         return _number;
     }
-    // Null unless it was given one.
+    // Null unless it was given one. Acquire: pairs with the other `name`.
     char const* name() const {
         return _name.load(std::memory_order_acquire);
     }
@@ -102,6 +106,7 @@ public:
 
 private:
     struct piece {
+        // 32 KiB: few allocations, and little memory for a thread with few events.
         static constexpr std::size_t length = 1024;
         event events[length];
         piece* next = nullptr;
@@ -118,14 +123,15 @@ private:
 
     unsigned int const _number;
     std::size_t const _most;
-    piece* _first = nullptr;  // set before `_size` counts what is in it, as each `next` is
-    piece* _last = nullptr;   // its thread only
+    piece* _first = nullptr;  // set, as each `next` is, before `_size` counts its events
+    piece* _last = nullptr;   // its own thread only
     std::atomic<std::size_t> _size = 0;
     std::atomic<std::uint64_t> _dropped = 0;
     std::atomic<char const*> _name = nullptr;
 };
 
-// Nanoseconds as microseconds. In integers, since a decimal point is a matter of locale.
+// Nanoseconds as microseconds, from integers, because the decimal point of a double
+// depends on the locale.
 inline std::string microseconds(std::int64_t nanoseconds) {
     std::string const part = std::to_string(1000 + nanoseconds % 1000);
     return std::to_string(nanoseconds / 1000) + '.' + part.substr(1);
@@ -156,7 +162,7 @@ inline std::int64_t now() {
 
 }  // namespace detail
 
-// A name that a recorder shares when a scope has it, so that it need not last as long.
+// A name of scopes that need not outlive the recorder, which keeps a share of the text.
 // Any thread may use it.
 class shared_name {
 public:
@@ -171,23 +177,24 @@ private:
     friend class recorder;
 
     std::shared_ptr<std::string const> const _text;
-    // The identity of the recorder that shares it. Relaxed: it only spares a recorder
-    // from sharing it again.
+    // The identity of the recorder that has a share. Relaxed: a stale value only makes a
+    // recorder take another share.
     std::atomic<std::uint64_t> mutable _sharer = 0;
 };
 
-// Records the scopes of all threads from its construction until `stop`. One at a
-// time records in a process, on Windows in a module: constructing another before
-// that has stopped fails the check "_active == 0". It keeps 32 bytes for each scope that
-// ended, 24 where words have 32 bits, in pieces of 32 kB for each thread, also of threads
-// that have ended. It outlives the scopes that began while it recorded: whoever destroys
-// it knows that no other thread begins one, or has called `stop` and waited for those
-// that may have.
+// Records the scopes of all threads from its construction until `stop`. Only one records
+// at a time in a process, on Windows in a module: constructing another before the first
+// has stopped fails the check "_active == 0". It keeps 32 bytes for each scope that
+// ended, 24 with 32-bit words, in pieces of 32 KiB for each thread, also of threads that
+// have ended. It must outlive the scopes that began while it recorded. So before its
+// destruction, make sure that no other thread begins one, or call `stop` and wait for
+// the scopes that may have begun.
 class recorder {
 public:
-    // Keeps at most `most` scopes of each thread, its first; counts the others.
+    // Keeps the first `most` scopes of each thread, and counts the others.
     explicit recorder(std::size_t most = 1'000'000) : _most(most) {
         assure(_active == 0);
+        // Release: publishes this recorder to `_buffer`.
         _active.store(this, std::memory_order_release);
     }
     ~recorder() {
@@ -204,10 +211,11 @@ public:
         _active.compare_exchange_strong(self, nullptr);
     }
 
-    // Calls `use(thread, event)` for each scope that has ended: a thread after the
-    // other, by numbers from 0 in the order of their first scopes, and within a
-    // thread in the order in which they ended. While it runs other threads may
-    // record, but wait if they have just begun to.
+    // Calls `use(thread, event)` for each scope that has ended, one thread after another.
+    // Threads have numbers from 0, in the order of their first scopes; the scopes of a
+    // thread come in the order in which they ended. What a scope's thread wrote before its
+    // end is visible to `use`. Other threads may record meanwhile; a thread that records
+    // its first scope may wait.
     template <class Use>
     void each(Use use) const {
         _each_buffer([&](detail::buffer const& from) { from.each(use); });
@@ -215,14 +223,16 @@ public:
 
     // How many scopes were not kept.
     std::uint64_t dropped() const {
+        // Relaxed, as for each buffer: a count that publishes nothing else.
         std::uint64_t sum = _lost.load(std::memory_order_relaxed);
         _each_buffer([&](detail::buffer const& from) { sum += from.dropped(); });
         return sum;
     }
 
-    // Calls `sink(text)` with one piece of the trace after the other, each a
-    // std::string_view: one JSON object with complete events, in microseconds from
-    // the recorder's construction, and the names of threads. As `each` otherwise.
+    // Calls `sink(text)` with one piece of the trace after another, each a
+    // std::string_view. Together they are one JSON object with complete events, in
+    // microseconds from the recorder's construction, and the names of threads. Otherwise
+    // as `each`.
     template <class Sink>
     void write(Sink sink) const {
         sink(std::string_view("{\"displayTimeUnit\":\"ns\",\"traceEvents\":["));
@@ -248,7 +258,7 @@ public:
         sink(std::string_view("\n]}\n"));
     }
 
-    // Writes the trace to a file, and returns whether that could be done.
+    // Writes the trace to a file. False if that failed.
     [[nodiscard]] bool save(char const* file) const {
         std::FILE* const out = std::fopen(file, "wb");
         if (out == nullptr)
@@ -264,22 +274,22 @@ private:
     friend class scope;
     friend void name_thread(char const* name);
 
-    // The calling thread's buffer of the recorder that records now; null if none
-    // does or there is no memory.
+    // The calling thread's buffer in the active recorder. Null if there is none or no
+    // memory. Acquire: the recorder is used as its constructor left it.
     static detail::buffer* _buffer() {
         recorder* const active = _active.load(std::memory_order_acquire);
         if (active == nullptr)
             return nullptr;
         return active->_own_buffer();
     }
-    // The same for a scope that has this name.
+    // The same for a scope with this name.
     static detail::buffer* _buffer(shared_name const& name) {
         recorder* const active = _active.load(std::memory_order_acquire);
         return active != nullptr && active->_share(name) ? active->_own_buffer() : nullptr;
     }
 
     detail::buffer* _own_buffer() {
-        // The address of a recorder that is gone may come back, its identity not.
+        // A later recorder may have the same address, but not the same identity.
         thread_local std::uint64_t known = 0;
         thread_local detail::buffer* own = nullptr;
         if (known != _identity) {
@@ -289,7 +299,8 @@ private:
         return own;
     }
 
-    // Sees to it that the name lasts; false without the memory for that.
+    // Takes a share of the name, so that it lasts. False when out of memory. Relaxed: see
+    // `_sharer` and `dropped`; `_lock` guards the names.
     bool _share(shared_name const& name) {
         if (name._sharer.load(std::memory_order_relaxed) == _identity)
             return true;
@@ -314,7 +325,7 @@ private:
             (_first == nullptr ? _first : _last->next) = added;
             _last = added;
         } else {
-            _lost.fetch_add(1, std::memory_order_relaxed);
+            _lost.fetch_add(1, std::memory_order_relaxed);  // see `dropped`
         }
         _lock.release();
         return added;
@@ -326,7 +337,7 @@ private:
         detail::buffer const* const first = _first;
         detail::buffer const* const last = _last;
         _lock.release();
-        // Those up to the last are linked for good.
+        // The links up to the last one do not change any more.
         for (detail::buffer const* each = first; each != nullptr;
              each = each == last ? nullptr : each->next)
             use(*each);
@@ -338,16 +349,16 @@ private:
     std::size_t const _most;
     std::int64_t const _start = detail::now();
     std::uint64_t const _identity = ++_identities;
-    mutable mutex _lock;
-    detail::buffer* _first = nullptr;                        // under _lock
-    detail::buffer* _last = nullptr;                         // under _lock
+    mutable mutex _lock;               // guards the buffers' list and the names
+    detail::buffer* _first = nullptr;  // under _lock
+    detail::buffer* _last = nullptr;   // under _lock
     std::vector<std::shared_ptr<std::string const>> _names;  // under _lock
     std::atomic<std::uint64_t> _lost = 0;
 };
 
-// Records the time from its construction to its destruction, on one thread, if a
-// recorder records when it begins; otherwise costs one read. A name that is not shared
-// is not copied and stays valid as long as the recorder. Scopes of a thread nest.
+// Records the time from its construction to its destruction, on one thread, if a recorder
+// is active when it begins. Otherwise it costs one read. A name that is not a `shared_name`
+// is not copied: keep it valid as long as the recorder. Scopes of a thread nest.
 class [[nodiscard]] scope {
 public:
     explicit scope(char const* name, kind what = work) : scope(recorder::_buffer(), name, what) {}
@@ -373,7 +384,7 @@ private:
     event _event;
 };
 
-// What viewers call the calling thread in what is recorded now. `name` is not copied.
+// Names the calling thread in the trace that is being recorded. `name` is not copied.
 inline void name_thread(char const* name) {
     if (detail::buffer* const own = recorder::_buffer())
         own->name(name);
