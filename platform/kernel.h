@@ -1,25 +1,24 @@
 // The kernel services: everything that the library asks of an operating system
 // or of the processor. The sources call these names and nothing else, so this
-// page is all that a further platform has to provide.
+// page lists all that a new platform has to provide.
 //
 // Names, results and failure values are those of 32-bit Windows, where they are
 // the system's own. On every other platform they are functions in the inline
 // namespace `ovel::kernel`, with as much of each service as the library relies
-// on. Unless a line says otherwise a service may be called by any thread, takes
-// no lock of the library, throws nothing and needs no constructor to have run:
-// they serve from the first instruction of the process's load. What they need
-// themselves comes from the runtime heap, but for regions, which may be the system's.
+// on. Unless a line says otherwise, any thread may call a service; it takes no lock of
+// the library, throws nothing and needs no constructor to have run. So the services work
+// from the first instruction of the process's load. They take memory from the runtime
+// heap, except for regions, which may come from the system.
 //
-// Waiting. A wait ends for one of two reasons only, that the object was acquired
-// or that the time given has passed; interrupted and spurious wake-ups stay
-// inside. Timeouts are milliseconds from the call, counted on the monotonic
-// clock; a wait may end late and never early. 0 never sleeps. A unit that is
-// available is taken even when the time has already passed.
+// Waiting. A wait ends only because the object was acquired or because the time given
+// has passed; the layer hides interrupted and spurious wake-ups. Timeouts are
+// milliseconds from the call, on the monotonic clock. A wait may end late but never
+// early. A timeout of 0 never sleeps. An available unit is taken even if the time has
+// already passed.
 //
-// Wake-ups. A unit posted wakes one sleeper, which one is not promised, and a
-// post with nobody asleep enters no kernel. What a thread wrote before it posted
-// a unit, released a mutex or ended is visible to the thread whose wait takes
-// that unit, that mutex or that end.
+// Wake-ups. A posted unit wakes one sleeper, any of them. A post without sleepers makes
+// no system call. What a thread wrote before it posted a unit, released a mutex or ended
+// is visible to the thread whose wait takes that unit, that mutex or that end.
 #ifndef OVEL_PLATFORM_KERNEL_H
 #define OVEL_PLATFORM_KERNEL_H
 
@@ -61,34 +60,34 @@ inline namespace kernel {
 
 // Semaphores, mutexes and threads.
 
-// A counting semaphore of `count` units, 0 or more, that holds `maximum` at
-// most. `security` and `name` are null. Null when memory is exhausted or the
-// numbers are out of range.
+// A counting semaphore of `count` units, 0 or more, that holds at most `maximum`.
+// `security` and `name` are null. Null when out of memory or when the numbers are out
+// of range.
 HANDLE CreateSemaphoreA(void* security, LONG count, LONG maximum, char const* name);
 
-// Posts `count` units, 1 or more. 0, with nothing posted, when the maximum would
-// be exceeded or `semaphore` is not one. `previous` is null. From the moment the
-// units are visible nothing of the object is read or written: the thread that
-// takes one may close it.
+// Posts `count` units, 1 or more. Returns 0 and posts nothing if the maximum would be
+// exceeded or `semaphore` is not a semaphore. `previous` is null. Once the units are
+// visible, it neither reads nor writes the object: the thread that takes a unit may
+// close it.
 //     BOOL ReleaseSemaphore(HANDLE semaphore, LONG count, LONG* previous);
 
 // Takes a unit of a semaphore, the ownership of a mutex, or the end of a thread,
 // and blocks until there is one or `milliseconds` have passed (`INFINITE`: never).
 // `WAIT_OBJECT_0` when it was taken, `WAIT_TIMEOUT` when the time passed,
-// `WAIT_FAILED` when `object` is null. The end of a thread may be taken any
-// number of times; once it has been, the thread is gone, with all it held.
+// `WAIT_FAILED` when `object` is null. The end of a thread may be taken any number of
+// times; from the first time on, the thread has ended and its resources are freed.
 //     DWORD WaitForSingleObject(HANDLE object, DWORD milliseconds);
 
-// Gives a handle up; the object ends with its last handle, a thread's when the
-// thread has ended too. No thread may wait on the object. 0 when `object` is null.
+// Closes a handle. The last one ends the object; that of a thread lasts until the thread
+// has ended too. No thread may wait on the object. 0 when `object` is null.
 BOOL CloseHandle(HANDLE object);
 
-// The mutex of this process called `name`, made if there is none, and then not
-// owned. `security` is null, `owned` is 0. Its owner may take it again, and
-// releases it as often. Null when memory is exhausted.
+// The mutex of this process called `name`; a new one, not owned, if there is none.
+// `security` is null, `owned` is 0. Its owner may take it again, and releases it as
+// often. Null when out of memory.
 HANDLE CreateMutexA(void* security, BOOL owned, char const* name);
 
-// Gives the ownership of a mutex up. 0 when the caller does not own it.
+// Gives up the ownership of a mutex. 0 when the caller does not own it.
 BOOL ReleaseMutex(HANDLE mutex);
 
 // Starts a thread that calls `entry(argument)` at once, with at least `stack`
@@ -101,7 +100,7 @@ std::uintptr_t _beginthreadex(void* security, unsigned int stack, unsigned int (
 
 // The calling thread.
 
-// Unlike that of any other thread alive, and not 0. A read, no call.
+// Unlike that of any other living thread, and not 0. A read, no call.
 //     unsigned long GetCurrentThreadId();
 unsigned long GetCurrentProcessId();
 
@@ -109,22 +108,22 @@ unsigned long GetCurrentProcessId();
 HANDLE GetCurrentThread();
 HANDLE GetCurrentProcess();
 
-// Sleeps for at least `milliseconds`; with 0 only lets another thread that is
-// ready run first.
+// Sleeps for at least `milliseconds`. With 0 it only lets another ready thread run
+// first.
 void Sleep(DWORD milliseconds);
 
 // Thread-local slots. An index is 32 bits; `TLS_OUT_OF_INDEXES` when no slot is
 // left. A slot reads null in every thread that has not set it since it was
-// handed out, also when an earlier holder of the slot had set it. Reading is
-// some loads and never fails; setting may need memory, and returns 0 without it.
+// handed out, even if an earlier holder of the slot had set it. Reading is a few loads
+// and never fails. Setting may need memory, and returns 0 when out of memory.
 //     DWORD TlsAlloc();
 //     BOOL TlsFree(DWORD index);       0 when the index is not one in use
 //     void* TlsGetValue(DWORD index);
 //     BOOL TlsSetValue(DWORD index, void* value);
 
-// One pointer more of each thread, which reading takes no call. A hint: null in a
-// thread that has not set it, and on a platform with nothing faster than a slot
-// always.
+// One more pointer of each thread, which is read without a call. A hint: it is null in a
+// thread that has not set it, and always on a platform that has nothing faster than a
+// slot.
 //     void* quick_pointer();
 //     void set_quick_pointer(void* value);
 
@@ -151,7 +150,7 @@ BOOL SetProcessAffinityMask(HANDLE process, DWORD_PTR mask);
 // changed, when the mask is 0 or not part of the process's.
 DWORD_PTR SetThreadAffinityMask(HANDLE thread, DWORD_PTR mask);
 
-// The registry, of which one value is read: "~MHz" under the key
+// The registry. The library reads one value: "~MHz" under the key
 // "HARDWARE\DESCRIPTION\System\CentralProcessor\0" of the local machine, a
 // 32-bit integer, the rate of the time-stamp counter in whole megahertz.
 
@@ -164,8 +163,8 @@ inline constexpr DWORD KEY_READ = 0x20019;
 // Opens a key for reading. `ERROR_SUCCESS`, or another value when there is none.
 LONG RegOpenKeyExA(HKEY root, char const* key, DWORD options, DWORD access, HKEY* result);
 
-// Copies a value of at most `*size` bytes to `data`; `reserved` and `type` are
-// null. `ERROR_SUCCESS`, or another value when there is none or it is longer.
+// Copies a value of at most `*size` bytes to `data`. `reserved` and `type` are null.
+// `ERROR_SUCCESS`, or another value when there is none or it is longer.
 LONG RegQueryValueExA(HKEY key, char const* value, DWORD* reserved, DWORD* type,
                       unsigned char* data, DWORD* size);
 
@@ -178,10 +177,10 @@ char* _ui64toa(std::uint64_t value, char* text, int radix);
 
 // The runtime heap.
 
-// A region of `region_length` bytes. Where it is the system's it goes back there when it
-// is freed, as far as no page of it is shared with another. Its last cacheline is not to
-// be touched. Where the platform has a choice, byte `busy` of it begins a cacheline.
-// Null when memory is exhausted.
+// A region of `region_length` bytes. If it comes from the system, freeing it returns
+// those of its pages that it shares with no other region. Its last cacheline must not be
+// touched. If the platform has a choice, byte `busy` of it begins a cacheline. Null when
+// out of memory.
 //     void* malloc_region(std::size_t busy);
 //     void free_region(void* region);
 
@@ -208,8 +207,8 @@ inline void set_quick_pointer(void*) {}
 using ::free;
 using ::malloc;
 
-// The bytes that the heap has set aside for `memory`, which is no region, at least
-// those asked for.
+// The bytes that the heap has reserved for `memory`, which is not a region: at least the
+// requested ones.
 std::size_t _msize(void* memory);
 
 void* malloc_region(std::size_t busy);
@@ -231,13 +230,13 @@ namespace ovel {
 
 inline namespace kernel {
 
-// How the processor multiplies without carries (PCLMULQDQ): not at all, a pair of
-// words at a time, or two or four pairs (VPCLMULQDQ). Each includes those before.
+// The processor's carry-less multiplication (PCLMULQDQ): none, one pair of words at a
+// time, or two or four pairs (VPCLMULQDQ). Each includes those before.
 enum class carryless { none, single, pairs, fours };
 
-// On every platform what the compiler's runtime has asked the processor when the
-// library was loaded, and found the system to save the registers for: some loads.
-// `none` before that.
+// On every platform the compiler's runtime asks the processor when the library is loaded,
+// and checks that the system saves the registers. Reading the answer takes a few loads. It
+// is `none` before that.
 inline carryless carryless_multiplication() {
     if (__builtin_cpu_supports("avx2") != 0 && __builtin_cpu_supports("vpclmulqdq") != 0)
         return __builtin_cpu_supports("avx512f") != 0 ? carryless::fours : carryless::pairs;

@@ -24,8 +24,8 @@ constexpr LONG more_data = 234;
 // The one key of the registry, and its address the open handle.
 char const key_name[] = "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0";
 
-// The counter's rate in hertz as the processor describes it, from its crystal and
-// the ratio to it, or as the hypervisor below does; 0 when neither tells.
+// The counter's rate in hertz as the processor reports it, from its crystal and the ratio
+// to it, or as the hypervisor does; 0 when neither does.
 double rate_from_processor() {
     unsigned int a, b, c, d;
     if (__get_cpuid_count(0x15, 0, &a, &b, &c, &d) && a != 0 && b != 0 && c != 0)
@@ -42,7 +42,7 @@ double rate_from_processor() {
     return a * 1000.0;
 }
 
-// The same as the kernel tells it, where it does.
+// The same as the kernel reports it, if it does.
 double rate_from_kernel() {
     double kilohertz = 0;
     if (std::FILE* const file = std::fopen("/sys/devices/system/cpu/cpu0/tsc_freq_khz", "re")) {
@@ -60,8 +60,8 @@ struct moment {
 };
 
 moment read_clocks() {
-    // Of several tries the one with the least between its readings of the counter:
-    // an interrupt there would part the clocks.
+    // Of several tries, the one with the smallest difference between its readings of the
+    // counter: an interrupt there would separate the clocks.
     moment best = {};
     std::uint64_t least = UINT64_MAX;
     for (int tries = 0; tries < 10; ++tries) {
@@ -87,8 +87,8 @@ double measure_rate(DWORD milliseconds) {
            1e9;
 }
 
-// What is told is exact, and may be wrong; a measurement is right, and may be
-// disturbed. The median of some is not, unless most of them are.
+// A reported rate is exact but may be wrong. A measurement is right but may be disturbed;
+// the median of several is not, unless most of them are.
 double counter_rate() {
     double told = rate_from_processor();
     if (told == 0)

@@ -21,16 +21,16 @@ deadline::deadline(DWORD milliseconds) : _never(milliseconds == INFINITE), _when
 }
 
 bool futex_wait(void const* word, std::uint32_t value, deadline const& until) {
-    // The call takes two machine words, whatever the width of this program's
-    // time_t. 32 bits are enough: they count the seconds since the machine's
-    // start, and a timeout adds 50 days at most.
+    // The system call takes two machine words, whatever the width of this program's
+    // time_t. 32 bits are enough: they count the seconds since the machine's start, and a
+    // timeout adds at most 50 days.
     struct {
         long seconds;
         long nanoseconds;
     } const when = {static_cast<long>(until.when().tv_sec),
                     static_cast<long>(until.when().tv_nsec)};
-    // The form with a bit set, because its timeout is a point in time: a wait that
-    // is interrupted and begun anew does not grow.
+    // The form with a bit set, because its timeout is a point in time: a wait that is
+    // interrupted and restarted does not get longer.
     long const result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value,
                                 until.never() ? nullptr : &when, nullptr, FUTEX_BITSET_MATCH_ANY);
     return result == 0 || errno != ETIMEDOUT;

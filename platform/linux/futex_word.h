@@ -1,4 +1,4 @@
-// Sleeping on a word and waking those who do, on the monotonic clock.
+// Sleeping on a word, with deadlines on the monotonic clock, and waking the sleepers.
 #ifndef OVEL_PLATFORM_LINUX_FUTEX_WORD_H
 #define OVEL_PLATFORM_LINUX_FUTEX_WORD_H
 
@@ -10,8 +10,8 @@
 
 namespace ovel::detail {
 
-// The point in time at which a wait gives up, `milliseconds` from construction;
-// for `INFINITE` there is none.
+// The point in time at which a wait gives up: `milliseconds` after construction, or never
+// for `INFINITE`.
 class deadline {
 public:
     explicit deadline(DWORD milliseconds);
@@ -28,12 +28,11 @@ private:
     timespec _when;  // on CLOCK_MONOTONIC
 };
 
-// Sleeps while the 32 bits at `word` are `value`. Returns when it was woken, when
-// the word differs, or for no reason: the caller looks again. False, and only
-// then, when `until` has passed.
+// Sleeps while the 32 bits at `word` are `value`. Returns when woken, when the word
+// differs, or spuriously: the caller looks again. False exactly when `until` has passed.
 bool futex_wait(void const* word, std::uint32_t value, deadline const& until);
 
-// Wakes `threads` sleepers at most. Nothing is read from `word`, which may be gone.
+// Wakes at most `threads` sleepers. Does not read `word`, which may have been freed.
 void futex_wake(void const* word, int threads);
 
 }  // namespace ovel::detail

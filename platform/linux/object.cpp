@@ -39,8 +39,8 @@ struct kernel_mutex : kernel_object {
     bool release();
 
     detail::units available{1};
-    // 0 when there is none. Relaxed: a thread needs to recognise only itself here,
-    // and what it has written itself it reads.
+    // 0 when there is none. Relaxed: a thread only needs to recognise itself here, and it
+    // reads what it has written itself.
     detail::atomic<unsigned long> owner = 0;
     unsigned int depth = 0;  // how often the owner has yet to release; owner only
 
@@ -49,7 +49,7 @@ struct kernel_mutex : kernel_object {
     kernel_mutex* next = nullptr;  // under table_lock
 };
 
-// The named mutexes of the process. The lock is held for a search at most.
+// The named mutexes of the process. The lock is held at most for a search.
 pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
 kernel_mutex* table;  // under table_lock
 

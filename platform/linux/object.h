@@ -27,7 +27,7 @@ Object* object_of(HANDLE handle) {
     return object && object->kind == Object::own_kind ? static_cast<Object*>(object) : nullptr;
 }
 
-// An object on the runtime heap; null when memory is exhausted.
+// An object on the runtime heap; null when out of memory.
 template <class Object, class... Arguments>
 Object* make_object(Arguments&&... arguments) {
     static_assert(std::is_trivially_destructible_v<Object>);

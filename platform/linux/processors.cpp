@@ -1,10 +1,10 @@
-// The process's mask is the layer's own: the system has one for each thread only.
-// It is read once, from the process's first thread, on whatever service first needs
-// it, which is during the load of the library; later changes are those made here.
+// The layer keeps its own mask of the process, because the system has one only for each
+// thread. The first service that needs it reads it from the process's first thread, during
+// the load of the library. Later changes are those made here.
 //
-// A mask shows 32 processors, and the process may have more. So a mask that names
-// all that is shown stands for all there are, shown or not: who restricts nothing
-// loses nothing.
+// A mask shows 32 processors, and the process may have more. So a mask that names all
+// shown processors stands for all, shown or not: a program that restricts nothing loses
+// nothing.
 
 #include "linux/processors.h"
 
@@ -35,11 +35,11 @@ unsigned int system_mask;
 unsigned int machine_processors;  // 32 at most
 processor_bits bits;
 
-// What it has now. The lock is held for every change of a thread's processors, so
-// that a thread that starts has either the new ones or is found by who sets them.
+// What it has now. The lock is held for every change of a thread's processors. So a
+// thread that starts either has the new ones, or the thread that sets them finds it.
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 processor_set process_set;  // under the lock
-// Written under the lock; read without it. Relaxed: the mask is all there is to read.
+// Written under the lock; read without it. Relaxed: it publishes nothing but itself.
 constinit detail::atomic<unsigned int> process_mask{0};
 
 void read_processors() {
@@ -65,7 +65,7 @@ void need_processors() {
 template <class Visit>
 void for_each_thread(DIR* threads, Visit const& visit) {
     rewinddir(threads);
-    // The form whose numbers are wide: the other fails in 32 bits on some systems.
+    // The form with wide numbers: the other one fails in 32 bits on some systems.
     while (dirent64 const* const entry = readdir64(threads)) {
         int const thread = std::atoi(entry->d_name);
         if (thread > 0)
@@ -75,14 +75,14 @@ void for_each_thread(DIR* threads, Visit const& visit) {
 
 // Restricts every thread to `set`. Under the lock.
 //
-// A thread that was restricted further stays so where the new set allows it.
+// A thread that was restricted further stays so if the new set allows it.
 void apply_to_all(DIR* threads, processor_set const& set) {
     for_each_thread(threads, [&](pid_t thread) {
         processor_set own;
         if (!own.read(thread) || !own.within(set) || process_set.within(own))
             set.apply(thread);
     });
-    // A thread that another one created meanwhile, outside this layer, has the
+    // A thread that another thread created meanwhile, outside this layer, has the
     // processors that its creator had then.
     for (bool again = true; again;) {
         again = false;
@@ -94,7 +94,7 @@ void apply_to_all(DIR* threads, processor_set const& set) {
     }
 }
 
-// Makes `wanted`, or what the system grants of it, the processors of the process.
+// Makes `wanted`, or the part that the system grants, the processors of the process.
 // False, with nothing changed, when that is none. Under the lock.
 bool restrict_process(DIR* threads, processor_set const& wanted) {
     processor_set granted;
@@ -206,8 +206,8 @@ DWORD_PTR kernel::SetThreadAffinityMask(HANDLE thread, DWORD_PTR mask) {
         (mask == all ? process_set : bits.set_of(static_cast<unsigned int>(mask))).apply(0);
     if (!restricted)
         return 0;
-    // A thread that the program has moved out of the process's mask by itself had
-    // none that can be told.
+    // The program itself has moved the thread out of the process's mask: there is no mask
+    // to return.
     unsigned int const had = bits.mask_of(former) & all;
     return had != 0 ? had : all;
 }

@@ -26,14 +26,14 @@ public:
         return CPU_EQUAL_S(sizeof _parts, common._parts, _parts) != 0;
     }
 
-    // The processors that a thread may use, 0 standing for the caller; false, and
-    // an undefined set, when there is no such thread.
+    // Reads the processors that a thread may use; 0 means the caller. False, with an
+    // undefined set, when there is no such thread.
     bool read(pid_t thread) {
         return sched_getaffinity(thread, sizeof _parts, _parts) == 0;
     }
 
-    // Restricts a thread to the set, or to those of it that the system grants;
-    // false when that is none, or there is no such thread.
+    // Restricts a thread to the set, or to the part that the system grants. False when
+    // that is none, or when there is no such thread.
     bool apply(pid_t thread) const {
         return sched_setaffinity(thread, sizeof _parts, _parts) == 0;
     }
@@ -45,8 +45,8 @@ private:
 // The processors that the 32 bits of a mask stand for.
 class processor_bits {
 public:
-    // Bit i is processor i if one of the first 32 is `allowed`; otherwise the i-th
-    // that is, and then no more bits than those exist.
+    // Bit i is processor i if one of the first 32 is `allowed`. Otherwise it is the i-th
+    // allowed one, and only as many bits exist.
     void assign(processor_set const& allowed);
 
     // The bits of the processors of `set`.
@@ -66,11 +66,11 @@ private:
     bool _direct = false;
 };
 
-// Gives the calling thread, which is about to start, all processors of the process,
-// where it came by its creator's.
+// Gives the calling thread, which is about to start and has its creator's processors, all
+// processors of the process.
 void use_processors_of_process();
 
-// Whether the process has one processor only, so that to poll is to wait in vain.
+// Whether the process has only one processor, so that polling is useless.
 bool one_processor();
 
 }  // namespace ovel::detail

@@ -1,4 +1,4 @@
-// The pointer of each thread that reading takes no call.
+// The pointer of each thread that is read without a call.
 #ifndef OVEL_LINUX_QUICK_POINTER_H
 #define OVEL_LINUX_QUICK_POINTER_H
 
@@ -6,7 +6,7 @@ namespace ovel {
 
 namespace detail {
 
-// Initial-exec: its place in a thread is known when the library has been loaded.
+// Initial-exec: its offset in a thread is fixed once the library has been loaded.
 [[gnu::tls_model("initial-exec")]] extern constinit thread_local void* quick_pointer_word;
 
 }  // namespace detail

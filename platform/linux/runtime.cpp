@@ -1,5 +1,5 @@
-// What the sources take for the C runtime's: integers as text, the size of a block
-// of the heap, and regions.
+// Services of the C runtime on Windows: integers as text, the size of a block of the
+// heap, and regions.
 
 #include "kernel.h"
 #include "linux/pthread_guard.h"
@@ -20,10 +20,10 @@ namespace {
 
 constexpr std::size_t page = 4096;  // of x86
 
-// Regions are cut from mappings, each a line further along its pages than the one
-// before: otherwise all their busy lines would meet in the same few of a cache. So
-// neighbours share a page. A region that is freed gives back those pages in which no
-// other one that is in use has a part, and a mapping goes as a whole with its last.
+// Regions are cut from mappings. Each begins one cache line further along its pages than
+// the one before; otherwise the busy lines of all would compete for the same few sets of
+// the cache. So neighbours share a page. Freeing a region returns the pages that no other
+// region in use shares. Freeing the last region of a mapping returns the mapping.
 struct mapping {
     static constexpr std::size_t length = 1 << 20;  // and its alignment
     static constexpr std::size_t step = region_length + sizeof(cacheline);

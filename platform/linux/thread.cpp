@@ -32,12 +32,12 @@ int add_thread_local_storage(dl_phdr_info* module, std::size_t, void* sum) {
     return 0;
 }
 
-// What the C library and the checks of a sanitizer build take out of a stack
-// before the thread's own frames.
+// How much of a stack the C library and the checks of a sanitizer build use before the
+// thread's own frames.
 std::size_t stack_overhead(std::size_t stack) {
-    // The thread-local storage of the modules lies on the stack. What the C library
-    // itself puts beside it is covered by the least size it accepts, which also
-    // leaves room for the frame of a signal handler.
+    // The thread-local storage of the modules lies on the stack. The least size that the
+    // C library accepts covers what it puts there itself, and leaves room for the frame
+    // of a signal handler.
     std::size_t overhead = static_cast<std::size_t>(sysconf(_SC_THREAD_STACK_MIN));
     dl_iterate_phdr(add_thread_local_storage, &overhead);
 #if defined(OVEL_SANITIZED)
@@ -49,7 +49,7 @@ std::size_t stack_overhead(std::size_t stack) {
 }
 
 // Sets the stack's size so that the thread's own frames have `stack` bytes; 0 leaves
-// the default. False when no such stack can be had.
+// the default. False when there is no such stack.
 bool set_stack(pthread_attr_t& attributes, std::size_t stack) {
     if (stack == 0)
         return true;
@@ -62,14 +62,14 @@ bool set_stack(pthread_attr_t& attributes, std::size_t stack) {
 
 void* run(void* argument) {
     auto& thread = *static_cast<detail::kernel_thread*>(argument);
-    // Publishes nothing but itself.
+    // Relaxed: it publishes nothing but itself.
     thread.identifier.store(static_cast<std::uint32_t>(GetCurrentThreadId()),
                             std::memory_order_relaxed);
     detail::futex_wake(&thread.identifier, 1);
     detail::use_processors_of_process();
     thread.entry(thread.argument);
-    // Whoever reads 1 sees what the thread wrote. The thread's own hold keeps the
-    // word alive until the wake-up is sent.
+    // Release: a thread that reads 1 sees what this one wrote. This thread's own hold
+    // keeps the word alive until the wake-up is sent.
     thread.ended.store(1, std::memory_order_release);
     detail::futex_wake(&thread.ended, INT32_MAX);
     thread.leave();
@@ -90,8 +90,8 @@ bool detail::kernel_thread::wait(DWORD milliseconds) {
             in_time = futex_wait(&ended, 0, until);
         }
     }
-    // What is left is the thread's way out of the C library. Waiting for that too
-    // gives its stack back, and tells race and leak checkers that it is gone.
+    // The thread has only to leave the C library. Waiting for that too frees its stack,
+    // and tells race and leak checkers that it has ended.
     pthread_guard const hold(join_lock);
     if (!joined)
         pthread_join(thread, nullptr);
@@ -100,7 +100,7 @@ bool detail::kernel_thread::wait(DWORD milliseconds) {
 }
 
 void detail::kernel_thread::close() {
-    if (!joined)  // no lock: nobody waits any more
+    if (!joined)  // no lock: no thread waits any more
         pthread_detach(thread);
     leave();
 }

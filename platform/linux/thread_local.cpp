@@ -3,8 +3,8 @@
 // An index is the slot's number below and its generation above: how often the slot
 // has been handed out. Every entry of a thread carries the index under which it was
 // set and counts for that index only, so a slot freed and handed out again reads
-// null in every thread without anybody visiting them. A slot whose generations are
-// used up is retired, not wrapped: an old entry never comes back to life.
+// null in every thread, and freeing it visits no thread. A slot whose generations are
+// used up is retired, not wrapped: an old entry never becomes valid again.
 
 #include "kernel.h"
 #include "linux/pthread_guard.h"
@@ -30,7 +30,7 @@ static_assert(slots <= slot_mask);  // TLS_OUT_OF_INDEXES names no slot
 
 struct slot {
     // 0 when it is free. Written under the lock; read without it, to tell a stale
-    // index from the present one. Relaxed: how the index reached the reader orders.
+    // index from the current one. Relaxed: passing the index to the reader orders this.
     detail::atomic<DWORD> index;
     DWORD generation;  // under the lock
 };
@@ -38,9 +38,9 @@ struct slot {
 pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 constinit slot table[slots] = {};
 
-// A thread's values, and the indexes under which they were set. Initial-exec, so
-// that reading one is some loads and no call; what a thread has of such storage is
-// scarce, hence the two arrays without padding and the block for the far slots.
+// A thread's values, and the indexes under which they were set. Initial-exec, so that
+// reading one is a few loads and no call. Such storage is scarce in a thread, hence the
+// two arrays without padding and the block for the far slots.
 template <DWORD size>
 struct entries {
     void* values[size];
@@ -49,8 +49,8 @@ struct entries {
 [[gnu::tls_model("initial-exec")]] constinit thread_local entries<near_slots> near_entries = {};
 [[gnu::tls_model("initial-exec")]] constinit thread_local entries<far_slots>* far_entries = nullptr;
 
-// Its destructor frees a thread's block. Should another destructor set a far slot
-// afterwards, there is a new block, and the system comes round again.
+// Its destructor frees a thread's block. If another destructor sets a far slot
+// afterwards, there is a new block, and the system calls the destructor again.
 pthread_key_t far_key;
 bool has_far_key;  // both written once
 
@@ -119,7 +119,7 @@ void* kernel::TlsGetValue(DWORD index) {
 }
 
 BOOL kernel::TlsSetValue(DWORD index, void* value) {
-    // A stale index must not push the present holder's value out.
+    // A stale index must not overwrite the current holder's value.
     if (!slot_in_use(index))
         return 0;
     DWORD const number = index & slot_mask;

@@ -1,8 +1,8 @@
 // Every change is a compare-and-exchange, so there is one order of them. Taking a
 // unit acquires and posting one releases; changes in between are read-modify-write
-// operations, which carry a release on. Becoming a sleeper needs no order of its
-// own: the kernel compares the units again, under its lock, before it puts a thread
-// to sleep, and a post that comes later sees the sleeper in the word.
+// operations, which continue a release sequence. Becoming a sleeper needs no order of
+// its own: the kernel compares the units again, under its lock, before it puts a thread
+// to sleep, and a later post sees the sleeper in the word.
 
 #include "linux/units.h"
 
@@ -16,6 +16,7 @@ namespace ovel::detail {
 // Takes a unit if there is one, and changes the caller's place along with it. True
 // when there was one.
 bool units::_step(place found, place missed) {
+    // Relaxed: the exchange corrects a stale value.
     word now = _word.load(std::memory_order_relaxed);
     for (;;) {
         bool const has = now.available != 0;
@@ -29,16 +30,16 @@ bool units::_step(place found, place missed) {
     }
 }
 
-// Whether somebody may post while the caller polls. Nobody can with one processor, nor
-// where those who post and those who wait share theirs.
+// Whether another thread may post while the caller polls. None can with one processor, or
+// when the posting thread shares the waiting thread's processor.
 bool units::_may_poll() const {
     return !one_processor() && !_shares_processor.load(std::memory_order_relaxed);
 }
 
-// Looks for a unit for about as long as going to sleep and being woken would take.
+// Polls for about as long as going to sleep and being woken would take.
 bool units::_poll() {
-    // 1 to 4 us at the rates that time-stamp counters have. A counter that goes
-    // back, on another processor, ends the poll too.
+    // 1 to 4 us at the usual rates of time-stamp counters. A counter that is behind, on
+    // another processor, ends the poll too.
     constexpr std::uint64_t ticks = 5000;
     std::uint64_t const start = __rdtsc();
     do {
@@ -64,7 +65,7 @@ bool units::take(DWORD milliseconds) {
         if (_step(place::leave, place::keep))
             return true;
     }
-    // A unit posted while the time ran out is taken all the same.
+    // A unit that was posted while the time ran out is taken.
     return _step(place::leave, place::leave);
 }
 
@@ -78,9 +79,9 @@ bool units::post(LONG count, LONG maximum) {
             _waker_processor.store(sched_getcpu(), std::memory_order_relaxed);
     } while (!_word.compare_exchange_weak(now, word{now.available + more, now.asleep},
                                           std::memory_order_release, std::memory_order_relaxed));
-    // The units are visible, and this object may end at any moment. Its address
-    // still names the queue of those who sleep on it; should another object have
-    // taken its place, sleepers there look again and sleep on.
+    // The units are visible, and this object may be destroyed at any moment. Its address
+    // still identifies the queue of its sleepers. If another object has taken its place,
+    // the sleepers there find nothing and sleep again.
     if (now.asleep != 0)
         futex_wake(&_word, count);
     return true;

@@ -1,12 +1,10 @@
-// The library's atomic words under the simulated kernel: the interface of
-// std::atomic as far as the library uses it, with the scheduler let in before
-// every access.
+// The library's atomic words under the simulated kernel: the interface of std::atomic as
+// far as the library uses it, with a scheduling point before every access.
 //
-// All threads of a simulated program run on one thread of the system, so the
-// words themselves are plain: an access is indivisible because nobody else runs
-// until the next scheduling point. Every order is therefore sequentially
-// consistent, whichever was asked for; what weaker orders allow is for the race
-// checker to find.
+// All threads of a simulated program run on one thread of the system, so the words
+// themselves are plain: an access is indivisible because no other thread runs until the
+// next scheduling point. Every access is therefore sequentially consistent, whatever its
+// order. What weaker orders allow is for the race checker to find.
 #ifndef OVEL_SIMULATION_ATOMIC_H
 #define OVEL_SIMULATION_ATOMIC_H
 
@@ -22,8 +20,8 @@ namespace ovel::simulation {
 
 enum class access : unsigned char { load, store, exchange, add, compare_exchange, bits };
 
-// Lets the scheduler choose who goes on, and returns when this thread is to
-// make its access.
+// Lets the scheduler choose which thread goes on, and returns when this thread is to make
+// its access.
 OVEL_EXPORT void before_access(access kind, void const volatile* word);
 
 // Ends the access. Records what it found and left, for the steps that a report

@@ -7,9 +7,9 @@
 
 namespace ovel::simulation {
 
-// What a thread of the simulation is made of, beside its stack: where it left
-// off, and the exceptions it is handling, which the language's runtime keeps for
-// the thread of the system that all of them share.
+// A thread of the simulation, without its stack: where it was suspended, and the
+// exceptions it is handling. The language's runtime keeps these only for the one thread
+// of the system that all fibers share.
 struct fiber {
     void* stack_pointer = nullptr;
     void* caught_exceptions = nullptr;
@@ -19,8 +19,8 @@ struct fiber {
 inline constexpr std::size_t stack_bytes = std::size_t{256} << 10;
 inline constexpr unsigned int stack_count = 64;
 
-// The same in every run and every process, as the addresses of local variables may
-// find their way into names and orders.
+// The same in every run and every process, because names and orders may depend on the
+// addresses of local variables.
 inline constexpr std::uintptr_t stacks_at = 0x2000'0000'0000;
 inline constexpr std::size_t stack_guard_bytes = 4096;
 

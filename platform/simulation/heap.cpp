@@ -1,7 +1,7 @@
-// An arena at a fixed address from which blocks are cut in order, so that a
-// schedule finds the same addresses in every run. A block lies between two
-// guards; fresh memory and freed memory are filled with patterns. Which parts are
-// in use is kept aside, by granule, where the program cannot damage it.
+// An arena at a fixed address from which blocks are cut in order, so that a schedule
+// finds the same addresses in every run. A block lies between two guards. Fresh and freed
+// memory is filled with patterns. A map outside the arena, where the program cannot damage
+// it, says which granules are in use.
 
 #include "heap.h"
 
@@ -23,7 +23,7 @@ constexpr unsigned char fresh = 0xcd;
 constexpr unsigned char freed = 0xdd;
 constexpr unsigned char guard = 0xfd;
 
-// What stands before a block.
+// Lies before each block.
 struct header {
     std::size_t size;
     std::size_t check;  // size ^ magic
@@ -31,8 +31,8 @@ struct header {
 constexpr std::size_t magic = 0x6f76656c68656170;
 static_assert(sizeof(header) == granule);
 
-// By granule, whether it is in use, and by word, the thread that accesses it. Null
-// until the first allocation.
+// For each granule whether it is in use, and for each word the thread that accesses it.
+// Null until the first allocation.
 unsigned char* in_use;
 unsigned char* owners;
 constexpr std::size_t word = 8;
@@ -91,7 +91,7 @@ std::size_t rounded(std::size_t size) {
     return (size + granule - 1) / granule * granule;
 }
 
-// A block's granules are 1 but for the first, which is 2.
+// A block's granules are 1, except the first, which is 2.
 void mark(char* block, std::size_t size, bool used) {
     std::size_t const granules = rounded(size) / granule;
     unsigned char* const map = &in_use[offset(block) / granule];
@@ -112,8 +112,8 @@ bool filled(char const* from, char const* to, unsigned char pattern) {
     return true;
 }
 
-// Where freed memory was written, or null. Equal to its own successor throughout: a
-// fast comparison with a pattern.
+// Where freed memory was written, or null. Comparing the block with itself, shifted by
+// one byte, is a fast comparison with a pattern.
 char const* written(char const* block, std::size_t size) {
     std::size_t const length = rounded(size);
     if (static_cast<unsigned char>(*block) == freed &&

@@ -27,20 +27,20 @@ std::size_t const* size(void* memory);
 // Whether `address` lies in the arena, but in no block in use.
 bool is_stray(void const volatile* address);
 
-// Notes that `thread`, not 0, accesses memory of the arena; whether another has
+// Records that `thread`, not 0, accesses memory of the arena. Returns whether another has
 // done so since it was allocated.
 bool note_access(void const* memory, unsigned int thread);
 
 unsigned int blocks();
 
-// Freed memory is handed out again, last freed first; else never.
+// Whether freed memory is handed out again, last freed first, or never.
 void reuse(bool at_once);
 
 // A text that says which block was written after its end or after it was freed,
 // or null.
 char const* damage();
 
-// Keeps the state of now, and goes back to it.
+// Keeps the current state, and returns to it.
 void keep();
 void restore();
 

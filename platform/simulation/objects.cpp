@@ -1,13 +1,13 @@
 // The simulated kernel's objects and the services on them.
 //
-// A semaphore's unit goes to whoever takes it first: a post makes every sleeper
-// ready, the scheduler chooses one of them or a newcomer, and those who find
-// nothing sleep on. That covers every order of waking, and stealing, that the
-// contract leaves open. A sleeper whose time has passed is ready too, and takes a
-// unit if there is one when it is chosen.
+// A semaphore's unit goes to the first thread that takes it: a post makes every sleeper
+// ready, the scheduler chooses one of them or a newcomer, and the threads that find no
+// unit sleep again. That covers every order of waking, and stealing, that the contract
+// allows. A sleeper whose time has passed is ready too, and takes a unit if there is one
+// when it is chosen.
 //
-// What the contract forbids to callers, an unknown or closed handle, a close with
-// a thread waiting, fails the run at once.
+// A violation of the contract fails the run at once: an unknown or closed handle, or a
+// close while a thread waits.
 
 #include "kernel.h"
 #include "lasting.h"

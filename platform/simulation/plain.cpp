@@ -1,6 +1,6 @@
-// The calls that the compiler's instrumentation for the thread sanitizer makes
-// before plain accesses of memory. The library is compiled with it and linked
-// without the sanitizer, so they come here.
+// The calls that the compiler's instrumentation for the thread sanitizer makes before
+// plain accesses of memory. The library is compiled with the instrumentation and linked
+// without the sanitizer, so the calls come here.
 
 #include "scheduler.h"
 
@@ -67,7 +67,7 @@ unsigned char __tsan_atomic8_load(unsigned char const volatile* byte, int) {
     return *byte;
 }
 
-// Where the instrumentation replaces these, copies and fills are not looked at.
+// The instrumentation replaces these calls. Copies and fills are not checked.
 void* __tsan_memcpy(void* target, void const* source, std::size_t size) {
     return __builtin_memcpy(target, source, size);
 }

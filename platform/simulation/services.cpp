@@ -15,8 +15,8 @@ using namespace simulation;
 
 namespace {
 
-// The slots of the process: the generation that makes an index unlike those of
-// earlier holders, odd while the slot is handed out.
+// The slots of the process: a generation, odd while the slot is handed out, which makes an
+// index differ from those of earlier holders.
 struct tls_slots {
     unsigned int generations[tls_count];
 };
@@ -68,7 +68,7 @@ BOOL TlsFree(DWORD index) {
     return 1;
 }
 
-// What only the calling thread sees is no scheduling point.
+// No scheduling point: only the calling thread sees it.
 void* TlsGetValue(DWORD index) {
     tls_entry const& entry = current().tls[index % tls_count];
     return entry.index == index && in_use(index) ? entry.value : nullptr;

@@ -1,6 +1,5 @@
-// The simulated kernel as a test sees it: programs of threads, called scenarios,
-// are run under schedules that the test names, and every run of one schedule is
-// the same.
+// The simulated kernel as a test uses it. The test runs programs of threads, called
+// scenarios, under schedules that it names. Every run of one schedule is the same.
 #ifndef OVEL_SIMULATION_SIMULATION_H
 #define OVEL_SIMULATION_SIMULATION_H
 
@@ -15,10 +14,10 @@ namespace ovel::simulation {
 
 // How a schedule is drawn.
 enum class strategy {
-    random,      // any thread that can go on is as likely as another
+    random,      // every ready thread is as likely as another
     sticky,      // a thread usually goes on while it can
-    priorities,  // the highest goes on; some steps lower the priority of who runs
-    choices      // the thread goes on while it can, but where a list says otherwise
+    priorities,  // the highest goes on; some steps lower the running thread's priority
+    choices      // a thread goes on while it can, except where a list says otherwise
 };
 
 char const* name(strategy which);
@@ -37,26 +36,26 @@ struct schedule {
     std::vector<deviation> deviations{};  // of strategy::choices, by ascending point
 };
 
-// A program. `run` is called on the first thread of a fresh process that has just
-// loaded the library; it sets the machine, builds what the threads share, calls
-// `begin`, and fails the run by a failed check, by `fail` or by an exception.
+// A program. `run` is called on the first thread of a fresh process that has just loaded
+// the library. It sets up the machine, builds what the threads share, and calls `begin`. A
+// failed check, `fail` and an exception make the run fail.
 struct scenario {
     char const* name;
     void (*run)(unsigned int variant);
     unsigned int variants = 1;
-    bool exhaustive = false;         // small enough to be run under every schedule of
-    unsigned int preemptions = 2;    // at most so many preemptions
+    bool exhaustive = false;         // run under every schedule with
+    unsigned int preemptions = 2;    // at most this many preemptions
     unsigned int steps = 50'000;     // more are a livelock
-    std::vector<schedule> pinned{};  // once found a fault of the library, and go first
+    std::vector<schedule> pinned{};  // run first: each once found a fault of the library
 };
 
-// What a run was.
+// The result of a run.
 struct outcome {
     bool passed = false;
     bool reported = false;           // ended by the failed check that it expected
     std::string failure;             // one line; empty when passed
-    std::string report;              // the last steps, and who waits for what
-    std::uint64_t interleaving = 0;  // a hash of who took which step
+    std::string report;              // the last steps, and what each thread waits for
+    std::uint64_t interleaving = 0;  // a hash of which thread took which step
     unsigned int steps = 0;
 };
 
@@ -98,22 +97,22 @@ struct registration {
     }
 };
 
-// What such a program does with its arguments, and its exit status: runs the scenarios
-// for a while, or one schedule again as `replay_line` says.
+// The main function of such a program: runs the scenarios for some time, or one schedule
+// again as `replay_line` says. Returns the exit status.
 int explore(int count, char** arguments);
 
 // What a scenario may call while it runs.
 
-// What of the heap is in use and what handles are open now must be so at the end,
-// when every other thread has come to rest. Else the start of the run counts: what
-// the library keeps once it is built is built before this call.
+// The heap blocks in use and the handles open now must be as many at the end, when every
+// other thread has come to rest. Without this call, those at the start of the run count.
+// So build what the library keeps for good before this call.
 void balance();
 
 // Ends the preparation: up to here a thread runs until it blocks.
 void begin();
 
-// Waits until every other thread waits without a deadline, with none preempted
-// in between.
+// Waits until every other thread waits without a deadline. No thread is preempted
+// meanwhile.
 void settle();
 
 // Below `bound`, the same in every run of the schedule. With strategy::choices it
@@ -127,9 +126,8 @@ bool walks();
 // Ends the run as a failure.
 [[noreturn]] void fail(char const* format, ...) __attribute__((format(printf, 1, 2)));
 
-// From now on a failed check of this text, one of up to four, ends the run as it
-// should be. Only once a request has been refused, so that it can't hide another
-// fault.
+// From now on a failed check with this text, one of up to four, ends the run as passed,
+// but only after a request has been refused, so that it cannot hide another fault.
 void expect_failure(char const* expression);
 
 // The machine, before the library has looked: its processors, 2 unless set, and
@@ -156,14 +154,13 @@ unsigned int refused();
 unsigned int open_handles();
 unsigned int heap_blocks();
 
-// Kernel waits that had to sleep, and units and wake-ups posted, since the run
-// began: what a fast path must not do.
+// Kernel waits and posts since the run began, which a fast path must not make.
 unsigned int kernel_calls();
 
 // Pause hints executed by the calling thread.
 unsigned int pauses();
 
-// The stack that the calling thread was asked for, in bytes.
+// The stack size that was requested for the calling thread, in bytes.
 unsigned int stack_size();
 
 // Threads that have not ended, this one included.

@@ -1,6 +1,6 @@
-// The library lives in a shared object of its own, so its variables are the
-// writable segments of that object. They are bound at load (-z now): what is
-// relocated later than that would be undone here.
+// The library is a shared object of its own, so its variables are the writable segments
+// of that object. All symbols are bound at load (-z now): a later relocation would be
+// undone here.
 
 #include "snapshot.h"
 

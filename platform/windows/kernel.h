@@ -1,5 +1,4 @@
-// The kernel services on 32-bit Windows: the system's own, and those of its C
-// runtime.
+// The kernel services on 32-bit Windows: those of the system and of its C runtime.
 #ifndef OVEL_PLATFORM_WINDOWS_KERNEL_H
 #define OVEL_PLATFORM_WINDOWS_KERNEL_H
 
