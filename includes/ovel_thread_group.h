@@ -20,20 +20,21 @@ class work_group;
 
 namespace detail {
 
-// What the workers of a group and those who schedule share beside the fields that
-// the workers are built with. Written under the group's mutex.
+// The workers of a group, and what they share with threads that schedule, beside the
+// fields that the workers are built with. Written under the group's mutex.
 struct thread_group_crew {
     double const budget;         // the space that the group was built with
     unsigned int const spin;     // polls before a worker sleeps
-    unsigned int occupants = 0;  // work under way that takes space
+    unsigned int occupants = 0;  // running work items that take space
     unsigned int idle = 0;       // workers that wait on the condition, woken or not
-    // A worker polls, or one was woken and has not looked yet. It takes what fits and
-    // has the next one woken if more does, so nobody else need be.
+    // A worker polls, or one was woken and has not looked yet. It takes what fits and has
+    // the next one woken if more fits, so no other worker need be woken.
     bool looking = false;
-    // Changed for a worker that polls. Relaxed: it looks again under the mutex.
-    atomic<unsigned int> news{0};
-    // How many levels the queue will next link work on, for who prepares it without
-    // the mutex. Relaxed: the insertion allocates anew where more are needed.
+    // Counts changes that concern a polling worker. Relaxed: the worker looks again under
+    // the mutex.
+    atomic<unsigned int> changes{0};
+    // On how many levels the queue will link the next item, for threads that prepare it
+    // without the mutex. Relaxed: the insertion allocates again if it needs more.
     atomic<unsigned int> level{1};
 };
 
@@ -45,8 +46,7 @@ public:
     thread_group_function_base(mutex& mutex, condition& condition, double& space, bool& concluded,
                                queue& queue);
 
-    // When nothing that takes space runs any more, `space` is set to `crew`'s budget
-    // again.
+    // When no item that takes space runs any more, `space` is reset to `crew`'s budget.
     thread_group_function_base(mutex& mutex, condition& condition, double& space, bool& concluded,
                                queue& queue, thread_group_crew& crew);
 
@@ -67,8 +67,7 @@ private:
     bool _has_ended() const;
     void _acquire();
     queue::detached _take();
-    bool _wakes_one();
-    void _wake_one(bool wakes);
+    bool _claim_wake_up();
     void _give_space(double space);
     void _wait();
     bool _poll();
@@ -78,8 +77,8 @@ private:
     double& _space;
     bool& _concluded;
     queue& _queue;
-    // Null for a worker that shares nothing else with the others: it waits for each
-    // `release_one`, and wakes all when it gives space back.
+    // Null for a worker that shares nothing else with the others. It waits for a
+    // `release_one` for each item, and wakes all when it gives space back.
     thread_group_crew* _crew;
     // Of the thread that runs the loop; 0 while none does. Relaxed: only that thread looks
     // for what it wrote itself.
@@ -88,17 +87,17 @@ private:
 
 }  // namespace detail
 
-// A group of threads that runs scheduled work. Each piece of work carries the
-// `space` that it occupies while it runs, in a unit of the client's choice, and a
-// positive `time` that orders work of equal space. A thread that is free takes the
-// waiting work of the largest space that fits into what is free of the group's
-// space, of equal spaces that with the longest time, and of equal pairs the one
-// scheduled first. What does not fit waits until running work has ended.
+// A group of threads that run scheduled work items. Each item has a `space`, which it
+// occupies while it runs, in a unit of the client's choice, and a positive `time`, which
+// orders items of equal space. A free thread takes, of the items that fit into the group's
+// free space, the one with the largest space; of equal spaces the one with the longest
+// time; of equal pairs the one scheduled first. An item that does not fit waits until
+// running items have ended. What a thread wrote before `schedule` is visible to the item,
+// and what the item wrote is visible after the join.
 //
-// The owner calls `release`, which starts the threads, then `conclude`, which says
-// that nothing more will be scheduled, and joins them with `acquire` once the
-// queue has drained; then the group can be started again. Threads are borrowed
-// from the pool.
+// The owner calls `release`, which starts the threads, then `conclude`, which declares
+// that nothing more will be scheduled, and joins them with `acquire` once the queue has
+// drained. Then the group can be started again. Threads are borrowed from the pool.
 //
 //     thread_group group(4, 100.0, 524288);
 //     group.release();
@@ -106,8 +105,8 @@ private:
 //     group.conclude();
 //     group.acquire();
 //
-// `schedule`, `conclude` and `clear` may be called by any thread, also by work that
-// runs in the group; the other operations belong to the owner.
+// Any thread may call `schedule`, `conclude` and `clear`, also work that runs in the group.
+// Only the owner may call the other operations.
 class OVEL_EXPORT thread_group {
 public:
     // One thread for each processor, and no space: work of space 0 only.
@@ -118,7 +117,7 @@ public:
     // No threads, or a negative space, fail the check "_threads != 0 && space >= 0".
     thread_group(unsigned int threads, double space, unsigned int stack_size);
 
-    // Discards work that waits. Threads that are not joined fail the check
+    // Discards waiting items. Threads that are not joined fail the check
     // "_acquired == _threads".
     ~thread_group();
 
@@ -132,17 +131,17 @@ public:
     // Queues `function` to run once, now or when the group is started. `time` is
     // positive, `space` from 0 to the group's (check "time_ > 0 && space_ >= 0 &&
     // space_ <= _space"). Waits for the group's own locks, never for running work.
-    // The queue's memory is the caller's: it needs an allocator of its own, as ever.
-    // The caller keeps `function` alive until it has run or was cleared. A concluded group fails
-    // the check "!_concluded". Throws std::bad_alloc, having queued nothing.
+    // The queue's memory comes from the calling thread's allocator. The caller keeps
+    // `function` alive until it has run or was cleared. A concluded group fails the check
+    // "!_concluded". Throws std::bad_alloc, having queued nothing.
     void schedule(thread_function& function, double time, double space);
 
-    // Says that nothing more will be scheduled until the threads are joined: they
-    // end once the queue is empty. A second time fails the check "!_concluded".
+    // Declares that nothing more will be scheduled until the threads are joined; they end
+    // once the queue is empty. A second call fails the check "!_concluded".
     void conclude();
 
-    // Discards work that waits; what runs goes on. A concluded group fails the
-    // check "!_concluded".
+    // Discards waiting items; running ones continue. A concluded group fails the check
+    // "!_concluded".
     void clear();
 
     // Starts the threads. Running threads fail the check "_acquired == _threads".
@@ -175,7 +174,7 @@ private:
     template <class Join>
     bool _join(Join join);
 
-    mutex _mutex;  // guards _space, _concluded, _queue and _crew
+    mutex _mutex;  // guards _space, _concluded, _queue and _crew's variable fields
     unsigned int const _threads;
     unsigned int const _stack_size;
     unsigned int _acquired;  // workers joined; owner only, like the three arrays

@@ -1,12 +1,12 @@
 // Thread groups and their workers.
 //
-// A worker holds `_mutex` while it looks for work and gives it up while it runs
-// any, or waits. While work waits that fits and a worker is idle, another one is
-// `looking`: it polls, or was woken and has not come back to `_mutex` yet. Whoever
-// makes that untrue, by adding work or by leaving some to run other, wakes one
-// worker, and a worker that is about to wait looks once more after it was counted
-// as idle. So at most one wake-up is under way, and none is missed: a worker that
-// gives space back looks next itself.
+// A worker holds `_mutex` while it looks for work, and gives it up while it runs work or
+// waits. Invariant: while work waits that fits and a worker is idle, one worker is
+// `looking`: it polls, or was woken and has not come back to `_mutex` yet. A thread that
+// breaks the invariant, because it adds work or takes some and leaves more that fits,
+// wakes one worker. A worker that is about to wait looks once more after it was counted
+// as idle. A worker that gives space back looks next itself. So at most one wake-up is
+// under way, and none is lost.
 
 #include "ovel_thread_group.h"
 
@@ -28,35 +28,37 @@ namespace {
 
 using queue = thread_group_function_base::queue;
 
-// Whether a worker has to be woken; if so it counts as looking from here on. The
-// caller holds the mutex, and wakes one after giving it up.
-bool wakes_one(thread_group_crew& crew, queue& waiting, double space) {
+// If a worker has to be woken, claims the wake-up: that worker counts as looking from here
+// on, and the caller, which holds the mutex, wakes it after giving the mutex up.
+[[nodiscard]] bool claim_wake_up(thread_group_crew& crew, queue& waiting, double space) {
     if (crew.idle == 0 || crew.looking || !has_fitting_work(waiting, space))
         return false;
     crew.looking = true;
     return true;
 }
 
-// Tells a worker that polls. The caller holds the mutex.
-void tell(thread_group_crew& crew) {
+// Ends the polling of a worker, if one polls. The caller holds the mutex.
+void end_poll(thread_group_crew& crew) {
     if (crew.looking)
-        add(crew.news, 1u);
+        add(crew.changes, 1u);
 }
 
 }  // namespace
 
-// The group's mutex for a worker that waits on the condition without it. By the time
-// it gives the mutex up again it is counted there, so whoever wakes one reaches it;
-// and it was not held while an earlier batch of the condition left.
+// The mutex that the condition sees of a worker that waits without holding the group's.
+// `release` runs when the condition has counted the worker: it takes the mutex, counts the
+// worker as idle and looks once more. So a wake-up from then on reaches the worker, and
+// the mutex was not held while an earlier batch of the condition left.
 struct thread_group_function_base::idle_lock {
     struct state {};
 
     void release(state&, bool) {
         worker._acquire();
         ++worker._crew->idle;
-        bool const wakes = worker._has_ended() || worker._wakes_one();
+        bool const wakes = worker._has_ended() || worker._claim_wake_up();
         worker._mutex.release();
-        worker._wake_one(wakes);
+        if (wakes)
+            worker._condition.release_one();
     }
     void acquire(state&, bool) {
         worker._acquire();
@@ -94,8 +96,7 @@ thread_group_function_base::thread_group_function_base(thread_group_function_bas
 
 thread_group_function_base::~thread_group_function_base() = default;
 
-// The functions up to the loop are called with `_mutex` held, but for `_acquire` and
-// `_wake_one`.
+// Except `_acquire`, the functions up to the loop are called with `_mutex` held.
 
 void thread_group_function_base::_acquire() {
     acquire_patiently(_mutex, _crew != nullptr ? _crew->spin : 0);
@@ -109,7 +110,7 @@ bool thread_group_function_base::_has_ended() const {
     return _concluded && _queue.empty();
 }
 
-// The next work, out of the queue and its space taken; null if there is none that fits.
+// Takes the next work item that fits out of the queue, and its space. Null if none fits.
 thread_group_function_base::queue::detached thread_group_function_base::_take() {
     if (_queue.empty())
         return nullptr;
@@ -123,24 +124,19 @@ thread_group_function_base::queue::detached thread_group_function_base::_take() 
     return _queue.extract(element);
 }
 
-// Fractions of a budget need not add up to it again; without the reset, work that
-// asks for all of it could wait for ever.
+// Gives back the space of an item that has ended. Fractions of a budget need not add up
+// to it again: without the reset, an item that asks for all of it could wait forever.
 void thread_group_function_base::_give_space(double space) {
     _space += space;
     if (_crew == nullptr || space == 0)
         return;
     if (--_crew->occupants == 0)
         _space = _crew->budget;
-    tell(*_crew);
+    end_poll(*_crew);
 }
 
-bool thread_group_function_base::_wakes_one() {
-    return _crew != nullptr && wakes_one(*_crew, _queue, _space);
-}
-
-void thread_group_function_base::_wake_one(bool wakes) {
-    if (wakes)
-        _condition.release_one();
+bool thread_group_function_base::_claim_wake_up() {
+    return _crew != nullptr && claim_wake_up(*_crew, _queue, _space);
 }
 
 // Waits until there may be work. Gives `_mutex` up meanwhile.
@@ -151,28 +147,29 @@ void thread_group_function_base::_wait() {
     }
     if (_poll())
         return;
+    // The worker is counted as idle by the condition, through `idle_lock`.
     _mutex.release();
     idle_lock lock{*this};
     _condition.acquire(lock);
 }
 
-// Polls for news for as long as the spin count says, unless another worker does, and
-// returns whether there was any. Gives `_mutex` up meanwhile.
+// Polls for changes until the spin count is used up, unless another worker does. Returns
+// whether there was a change. Gives `_mutex` up meanwhile.
 bool thread_group_function_base::_poll() {
     if (_crew->looking)
         return false;
     _crew->looking = true;
-    unsigned int const before = _crew->news.load(std::memory_order_relaxed);
-    auto const is_news = [&] {
-        return _crew->news.load(std::memory_order_relaxed) != before;
+    unsigned int const before = _crew->changes.load(std::memory_order_relaxed);
+    auto const has_changed = [&] {
+        return _crew->changes.load(std::memory_order_relaxed) != before;
     };
     _mutex.release();
     // Only one worker of the group polls, and the word is seldom written.
-    for (spin_wait wait(_crew->spin, pace_for_unit); !wait.is_over() && !is_news();)
+    for (spin_wait wait(_crew->spin, pace_for_unit); !wait.is_over() && !has_changed();)
         wait.pause();
     _acquire();
     _crew->looking = false;
-    return is_news();
+    return has_changed();
 }
 
 bool thread_group_function_base::runs_caller() const {
@@ -187,11 +184,13 @@ void thread_group_function_base::operator()() {
     _acquire();
     while (!_has_ended()) {
         if (auto taken = _take()) {
-            bool const wakes = _wakes_one();
-            // Meanwhile another worker takes what is first now, mostly.
-            auto const ahead = _queue.look_ahead();
+            bool const wakes = _claim_wake_up();
+            // Another worker usually takes the item that is first now. The one after it is
+            // what this worker takes next.
+            auto const next = _queue.look_ahead();
             _mutex.release();
-            _wake_one(wakes);
+            if (wakes)
+                _condition.release_one();
             if (!active)
                 group->activate_allocator();
             thread_function& function = *(*taken).first;
@@ -202,15 +201,15 @@ void thread_group_function_base::operator()() {
             } catch (...) {
                 assure(("unexpected exception", 0));
             }
-            // What a switch off and on again would do, as long as there is work.
+            // What deactivating and activating again would do, while there is work.
             group->flush_allocator(true);
             active = true;
-            // The lines come along with the mutex's, not one after the other behind it.
-            ahead.fetch();
+            // These cache misses overlap with the mutex's instead of following it.
+            next.fetch();
             _acquire();
             _give_space(space);
             if (_crew == nullptr && space != 0)
-                _condition.release_all();  // what did not fit may do so now
+                _condition.release_all();  // items that did not fit may fit now
         } else if (active) {
             _mutex.release();
             group->deactivate_allocator(true);
@@ -220,10 +219,10 @@ void thread_group_function_base::operator()() {
             _wait();
         }
     }
-    // Those that waited for space while the group was concluded end with it.
-    bool const last = _crew != nullptr && _crew->idle != 0;
+    // Workers that waited for space when the group was concluded are still asleep.
+    bool const others_sleep = _crew != nullptr && _crew->idle != 0;
     _mutex.release();
-    if (last)
+    if (others_sleep)
         _condition.release_all();
     if (!active)
         group->activate_allocator();
@@ -280,12 +279,12 @@ void thread_group::schedule(thread_function& function, double time, double space
         detail::patient_guard const hold(_mutex, _crew.spin);
         assure(!_concluded);
         _queue.insert(element);
-        // Mostly it stays, and so the workers' copy of this line.
+        // It seldom changes. Not storing it again leaves the cache line with the workers.
         unsigned int const level = _queue.next_level();
         if (_crew.level.load(std::memory_order_relaxed) != level)
             _crew.level.store(level, std::memory_order_relaxed);
-        detail::tell(_crew);
-        wakes = detail::wakes_one(_crew, _queue, _space);
+        detail::end_poll(_crew);
+        wakes = detail::claim_wake_up(_crew, _queue, _space);
     }
     if (wakes)
         _condition.release_one();
@@ -296,7 +295,7 @@ void thread_group::conclude() {
         detail::patient_guard const hold(_mutex, _crew.spin);
         assure(!_concluded);
         _concluded = true;
-        detail::tell(_crew);
+        detail::end_poll(_crew);
     }
     _condition.release_all();
 }
