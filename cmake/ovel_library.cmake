@@ -92,7 +92,7 @@ function(ovel_add_variant target sanitizer)
     endif()
     ovel_add_shared(${target})
     target_compile_options(${target} PRIVATE 
-        -fsanitize=${sanitizer} -fno-omit-frame-pointer -O1 -g1)
+        -fsanitize=${sanitizer} -fno-omit-frame-pointer -O2 -g1)
     set_target_properties(${target} PROPERTIES
         LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/variants/${sanitizer}
         EXCLUDE_FROM_ALL $<NOT:$<BOOL:${OVEL_INSTALL}>>)
