@@ -18,6 +18,11 @@
 
 #ifdef __cplusplus  // C programs need the macro only
 
+#if __cplusplus < 202002L
+#error "ovel needs C++20: compile with -std=c++20"
+#include <C++20>  // there is none: the compiler stops before errors that follow from this
+#endif
+
 namespace ovel {
 
 // 128 bytes that separate a frequently written field from its neighbours, so

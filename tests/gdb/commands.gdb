@@ -20,6 +20,14 @@ print *in
 print *doubling
 print net
 print running
+print pipeline
+print words
+print unused
+print measure
+print *words_base
+print *measure_base
+print group
+print idle
 print *(ovel::semaphore *) zeroed
 print *(ovel::recursive_mutex *) scribbled
 print *(ovel::timed_condition *) zeroed
@@ -31,4 +39,8 @@ print *(ovel::petri_place *) zeroed
 print *(ovel::petri_transition *) zeroed
 print *(ovel::petri_transition *) scribbled
 print *(ovel::petri_net *) scribbled
+print *(ovel::net *) zeroed
+print *(ovel::net *) scribbled
+print *(ovel::work_group *) zeroed
+print *(ovel::work_group *) scribbled
 kill

@@ -1,15 +1,18 @@
 // Objects for the printers to print, in states that they stay in. Stops at `look`.
 #include "ovel.h"
+#include "ovel_petri.h"
+#include "ovel_work.h"
 
 #include <cstring>
+#include <string>
 #include <thread>
 
 using work = ovel::triple<ovel::thread_function*, double, double>;
 using work_queue = ovel::skip_list<work>;
 
 // Memory of an object that is not built, and of one whose bytes are anything.
-alignas(ovel::petri_net) unsigned char zeroed[sizeof(ovel::petri_net)];
-alignas(ovel::petri_net) unsigned char scribbled[sizeof(ovel::petri_net)];
+alignas(ovel::net) unsigned char zeroed[sizeof(ovel::net)];
+alignas(ovel::net) unsigned char scribbled[sizeof(ovel::net)];
 
 namespace {
 
@@ -81,8 +84,38 @@ int main() {
     ovel::petri_net running;
     running.release();
 
+    ovel::net pipeline;
+    auto const words = pipeline.insert_place<std::string>("words", 4);
+    auto const lengths = pipeline.insert_place<std::size_t>("a name that is long", 2);
+    auto const unused = pipeline.insert_place<int>("unused", 1);
+    auto const measure =
+        pipeline.insert_transition("measure", from(words), to(lengths),
+                                   [](std::string const& word) { return word.size(); });
+    words.send("token");
+    words.send("tokens");
+    measure.deactivate();
+    ovel::petri_place* const words_base = words.base();
+    ovel::petri_transition* const measure_base = measure.base();
+
+    // One piece of work runs, and another waits behind it.
+    ovel::semaphore begun(0, 0);
+    ovel::semaphore go_on(0, 0);
+    ovel::work_group group(1, 0.5);
+    group.submit([&] {
+        begun.release();
+        go_on.acquire();
+    });
+    group.submit([] {});
+    begun.acquire();
+    ovel::thread_group idle(3, 2.5, 65536);
+
     look();
 
+    static_cast<void>(unused);
+    static_cast<void>(words_base);
+    static_cast<void>(measure_base);
+    go_on.release();
+    group.join();
     running.acquire();
     changed.release_all();
     lock.release();

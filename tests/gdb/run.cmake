@@ -1,8 +1,9 @@
-# What GDB prints of the objects of PROGRAM must be what the file `expected` holds.
+# What GDB prints of the objects of PROGRAM must be what the file `expected` holds. The
+# printers are loaded from below SAFE.
 cmake_minimum_required(VERSION 3.25)
 
 execute_process(
-    COMMAND ${GDB} -nx -batch -iex "set auto-load safe-path /"
+    COMMAND ${GDB} -nx -batch -iex "set auto-load safe-path ${SAFE}"
         -x ${CMAKE_CURRENT_LIST_DIR}/commands.gdb ${PROGRAM}
     OUTPUT_VARIABLE output ERROR_VARIABLE errors)
 string(REGEX MATCHALL "\n[$][0-9]+ = [^\n]*" printed "${output}")

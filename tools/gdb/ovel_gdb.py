@@ -1,5 +1,5 @@
-"""Printers for gdb, which finds them by itself where the library is installed.
-Elsewhere: `source ovel_gdb.py`.
+"""Printers for gdb, which loads them with an installed library. Elsewhere:
+`source ovel_gdb.py`.
 
 They read fields by name, so the program needs debug information (`-g`). The library
 needs none: what it alone knows, a kernel semaphore, is read by its layout on Linux.
@@ -49,6 +49,95 @@ def thread_name(identifier):
         if thread.ptid[1] == identifier:
             return f"thread {thread.num}"
     return f"thread of identifier {identifier}"
+
+
+def text(string):
+    """The text of a std::string, also where the standard library's printers are missing."""
+    if any(field.name == "_M_dataplus" for field in string.type.strip_typedefs().fields()):
+        return string["_M_dataplus"]["_M_p"].string(length=int(string["_M_string_length"]))
+    return string.format_string(raw=False).strip('"')
+
+
+def pointee(pointer):
+    """What a pointer leads to, as the type it says.
+
+    As the element of an array: of a pointer's target gdb looks for the class that it really
+    has, and complains about those of bodies that are lambdas.
+    """
+    return pointer.cast(pointer.type.target().array(0).pointer()).dereference()[0]
+
+
+def first_pointer(value):
+    """The first pointer in a value, with its bases and members searched in their order."""
+    type_ = value.type.strip_typedefs()
+    if type_.code == gdb.TYPE_CODE_PTR:
+        return value
+    if type_.code == gdb.TYPE_CODE_STRUCT:
+        for field in type_.fields():
+            found = first_pointer(value[field]) if hasattr(field, "bitpos") else None
+            if found is not None:
+                return found
+    return None
+
+
+def owned(pointer):
+    """What a std::unique_ptr or a std::shared_ptr points to."""
+    found = first_pointer(pointer)
+    if found is None:
+        raise ValueError
+    return pointee(found)
+
+
+def records(vector):
+    """What the elements of a std::vector of std::unique_ptr point to."""
+    one = vector["_M_impl"]["_M_start"]
+    end = vector["_M_impl"]["_M_finish"]
+    while one != end:
+        yield owned(one.dereference())
+        one += 1
+
+
+def referred(value, name, type_name):
+    """What the reference `name` in `value` refers to, as the type named."""
+    field = next(f for f in value.type.strip_typedefs().fields() if f.name == name)
+    pointer = gdb.lookup_type(type_name).pointer()
+    place = gdb.Value(int(value.address) + field.bitpos // 8).cast(pointer.pointer())
+    return pointee(place.dereference())
+
+
+def name_of(record):
+    """The name in the record of a place or a transition of an `ovel::net`, quoted."""
+    return f'"{text(owned(record["name"]["_text"]))}"'
+
+
+def record_of_transition(transition):
+    """The record of a `petri_transition`; None unless it is one of an `ovel::net`.
+
+    Told by the vtable's symbol: gdb does not find the classes of bodies that are lambdas.
+    """
+    try:
+        record = referred(transition, "_function", "ovel::detail::transition_record")
+    except gdb.error:
+        return None  # the program has no such class
+    vtable = int(record.address.cast(gdb.lookup_type("long").pointer()).dereference())
+    symbol = gdb.execute(f"info symbol {vtable}", to_string=True)
+    return record if symbol.startswith("vtable for ovel::detail::body_record<") else None
+
+
+def record_of_place(place):
+    """The record of a `petri_place`, which one of its transitions leads to, or None."""
+    try:
+        for _, arc in List(place["_arcs"]).children():
+            transition = record_of_transition(arc.dereference()["_transition"].dereference())
+            if transition is None:
+                return None
+            for record in records(referred(transition, "owner", "ovel::net")["_places"]):
+                if record["element"] == place.address:
+                    return record
+            return None
+    except (gdb.error, ValueError):
+        pass
+    return None
 
 
 class Printer:
@@ -164,7 +253,9 @@ class Place(Printer):
     def describe(self):
         units_and_waiting(self.value["_mutex"]["_semaphore"])
         capacity = int(self.value["_channel"]["_capacity"])
-        counts = f"{int(self.value['_size'])} of {counted(capacity, 'token')}"
+        record = record_of_place(self.value)
+        counts = f"{name_of(record)}, " if record is not None else ""
+        counts += f"{int(self.value['_size'])} of {counted(capacity, 'token')}"
         for field, what in (
             ("_receive_size", "reserved"),
             ("_send_size", "to come"),
@@ -184,6 +275,9 @@ class Transition(Printer):
             state += ", queued"
         if not self.value["_activated"]:
             state += ", deactivated"
+        record = record_of_transition(self.value)
+        if record is not None:
+            return f"{name_of(record)}, {state}"
         function = self.value["_function"].referenced_value()
         return f"{state}, fires {function.dynamic_type}"
 
@@ -206,6 +300,59 @@ class Net(Printer):
                 yield f"{what} {index}", element.dereference()
 
 
+class NamedNet(Printer):
+    """An `ovel::net`: as the net in it, and its elements by name."""
+
+    def describe(self):
+        state = Net(self.value["_net"]).describe()
+        if plain(self.value["_failed"]):
+            return f"failed, {state}"
+        return f"halted, {state}" if plain(self.value["_halted"]) else state
+
+    def children(self):
+        try:
+            self.describe()
+            for what, printer in (("place", Place), ("transition", Transition)):
+                for record in records(self.value[f"_{what}s"]):
+                    element = record["element"].dereference()
+                    # Their own names would only repeat it.
+                    described = printer(element).describe().removeprefix(f"{name_of(record)}, ")
+                    yield f"{what} {name_of(record)}", described
+        except (gdb.error, ValueError):
+            return
+
+
+class Handle(Printer):
+    """An `ovel::place` or `ovel::transition`, which refers to an element of a net."""
+
+    def describe(self):
+        record = pointee(self.value["_record"])
+        element = record["element"].dereference()
+        is_place = any(field.name == "_channel" for field in element.type.fields())
+        described = (Place if is_place else Transition)(element).describe()
+        name = name_of(record)
+        return described if described.startswith(name) else f"{name}, {described}"
+
+
+class ThreadGroup(Printer):
+    def describe(self):
+        units_and_waiting(self.value["_mutex"]["_semaphore"])
+        threads = int(self.value["_threads"])
+        started = int(self.value["_function"]) != 0 and int(self.value["_acquired"]) != threads
+        state = "started" if started else "not started"
+        if self.value["_concluded"]:
+            state += ", concluded"
+        return f"{counted(threads, 'thread')}, {state}, space {float(self.value['_space']):g} free"
+
+
+class WorkGroup(Printer):
+    def describe(self):
+        group = ThreadGroup(self.value["_group"]).describe()
+        unfinished = int(self.value["_unfinished"])
+        state = f"{counted(unfinished, 'work item')} unfinished, {group}"
+        return f"stopped, {state}" if self.value["_stopped"] else state
+
+
 printers = gdb.printing.RegexpCollectionPrettyPrinter("ovel")
 for name, pattern, printer in (
     ("semaphore", "(timed_)?semaphore", Semaphore),
@@ -217,6 +364,11 @@ for name, pattern, printer in (
     ("petri_place", "petri_place", Place),
     ("petri_transition", "petri_transition", Transition),
     ("petri_net", "petri_net", Net),
+    ("net", "net", NamedNet),
+    ("place", "place<.*>", Handle),
+    ("transition", "transition", Handle),
+    ("thread_group", "thread_group", ThreadGroup),
+    ("work_group", "work_group", WorkGroup),
 ):
     printers.add_printer(name, f"^ovel::({pattern})$", printer)
 gdb.printing.register_pretty_printer(gdb.current_objfile(), printers, replace=True)
