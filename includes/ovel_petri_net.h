@@ -27,7 +27,6 @@
 #ifndef OVEL_PETRI_NET_H
 #define OVEL_PETRI_NET_H
 
-#include "ovel_allocator_support.h"
 #include "ovel_any.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
@@ -36,6 +35,7 @@
 #include "ovel_frame.h"
 #include "ovel_list.h"
 #include "ovel_mutex.h"
+#include "ovel_petri_rows.h"
 #include "ovel_skip_list.h"
 #include "ovel_thread.h"
 #include "ovel_thread_function.h"
@@ -44,9 +44,6 @@
 #include "ovel_triple.h"
 
 #include <algorithm>
-#include <limits>
-#include <new>
-#include <type_traits>
 #include <utility>
 
 namespace ovel {
@@ -60,87 +57,8 @@ class petri_transition;
 
 namespace detail {
 
-// Plain values side by side in one block, which is had from `allocator_support`.
-template <class T>
-class row {
-    static_assert(std::is_trivially_copyable_v<T> && alignof(T) <= 16);
-
-public:
-    row() = default;
-
-    // Throws std::bad_alloc, as `make_room` does.
-    row(row const& other) {
-        if (other._size == 0)
-            return;
-        _reallocate(other._size);
-        std::copy_n(other._begin, other._size, _begin);
-        _size = other._size;
-    }
-    row& operator=(row const&) = delete;
-
-    ~row() {
-        allocator_support::deallocate(_begin);
-    }
-
-    T const* begin() const {
-        return _begin;
-    }
-    T const* end() const {
-        return _begin + _size;
-    }
-
-    // Room for one more.
-    void make_room() {
-        if (_size == _capacity)
-            _reallocate(std::max(2 * _capacity, 2u));
-    }
-    void push_back(T const& value) noexcept {
-        ::new (static_cast<void*>(_begin + _size++)) T(value);
-    }
-
-private:
-    void _reallocate(unsigned int capacity) {
-        T* const grown = static_cast<T*>(allocator_support::allocate(capacity * sizeof(T)));
-        std::copy_n(_begin, _size, grown);
-        allocator_support::deallocate(_begin);
-        _begin = grown;
-        _capacity = capacity;
-    }
-
-    T* _begin = nullptr;
-    unsigned int _size = 0;
-    unsigned int _capacity = 0;
-};
-
-// What the engine reads of a transition's arc.
-struct petri_access {
-    inline bool enabled() const;
-
-    petri_place* place;
-    unsigned int size;
-    unsigned int room;  // what an output place may hold at most to have the slots free
-    bool input;
-};
-
-// What the engine reads of a place's arcs of one direction.
-struct petri_side {
-    struct end {
-        petri_transition* transition;
-        unsigned int size;
-        bool reentrant;
-    };
-
-    void push_back(end const& added) noexcept {
-        ends.push_back(added);
-        most =
-            added.reentrant ? std::numeric_limits<unsigned int>::max() : std::max(most, added.size);
-    }
-
-    row<end> ends;
-    // With so many tokens or slots, one more enables nothing: the largest weight, and
-    // endless where a transition is reentrant.
-    unsigned int most = 0;
-};
+class enabled_transitions;
+class petri_crew;
 
 }  // namespace detail
 
@@ -260,7 +178,13 @@ private:
         return input ? _consumers : _producers;
     }
 
-    unsigned int _settle(detail::atomic<unsigned int>& skip, unsigned int size);
+    // Takes up to `size` declared skips off the count, and returns how many. Relaxed: a
+    // firing declares its skips before it ends, on the same thread, so it finds at least
+    // its own.
+    unsigned int _settle(detail::atomic<unsigned int>& skip, unsigned int size) {
+        return skip.load(std::memory_order_relaxed) == 0 ? 0 : _settle_declared(skip, size);
+    }
+    unsigned int _settle_declared(detail::atomic<unsigned int>& skip, unsigned int size);
 
     [[maybe_unused]] cacheline _before;
     channel _channel;  // under _mutex
@@ -438,6 +362,8 @@ private:
     friend class petri_connector;
     friend class petri_net;
     friend class petri_queue_function;
+    friend class detail::enabled_transitions;
+    friend class detail::petri_crew;
     friend struct skip_list_order<petri_transition*>;
     friend struct detail::inspector;
 
@@ -487,7 +413,7 @@ private:
         _rank = rank;
     }
 
-    bool enabled() const;
+    inline bool enabled() const;
     petri_place* find_place(petri_place*& place_reference) const;
     unsigned int input_size() const;
     unsigned int output_size() const;
@@ -515,6 +441,12 @@ private:
     detail::row<detail::petri_access> _accesses;  // what `_arcs` says, as the engine reads it
     unsigned int _rank = 0;  // among the spaces and times of its group, the first to fire is 0
 };
+
+inline bool petri_transition::enabled() const {
+    return _activated && (_reentrant || _firing == 0) &&
+           std::all_of(_accesses.begin(), _accesses.end(),
+                       [](detail::petri_access const& access) { return access.enabled(); });
+}
 
 inline void petri_place::insert_arc(list<petri_arc*>::prepared&& arc) {
     petri_arc const& inserted = *arc->value;
@@ -686,7 +618,8 @@ private:
     using maker = void (*)(any& token, void* from);
 
     class OVEL_HIDDEN change;
-    class OVEL_HIDDEN crew;
+    class OVEL_HIDDEN engine;
+    class OVEL_HIDDEN runner;
     class slot;
     class start;
 
@@ -697,29 +630,13 @@ private:
 
     petri_arc* _insert_arc(petri_place* place, petri_connector const& connector);
 
-    void _rank_transitions();
-    void _enqueue(petri_transition* transition);
-    void _enqueue_if_enabled(petri_transition* transition);
-    void _dequeue(petri_transition* transition);
-    bool _is_queue_empty() const;
-    petri_transition* _first_queued();
-    void _enqueue_side(detail::petri_side const& side, unsigned int before, unsigned int now);
-    void _enqueue_receive_arcs(petri_place* place, unsigned int before);
-    void _enqueue_send_arcs(petri_place* place, unsigned int before);
-    void _dequeue_side(detail::petri_side const& side, unsigned int now);
-    void _dequeue_receive_arcs(petri_place* place);
-    void _dequeue_send_arcs(petri_place* place);
-    void _enqueue_arcs(petri_transition* transition);
-    void _dequeue_arcs(petri_transition* transition);
-    void _initiate_transition(petri_transition* transition);
-    void _terminate_transition(petri_transition* transition);
-    void _enqueue_initial_transitions();
-    void _dispatch_transitions();
-    void _dispatch();
-    bool _at_rest() const;
     void _enter();
+    void _enter_contended();
+    void _dispatch();
     void _leave();
+    petri_transition* _next_firing(runner& of, petri_transition* ended);
 
+    void _enqueue_initial_transitions();
     bool _await_token(petri_place* place, detail::atomic<bool> const* given_up = nullptr);
     bool _await_slot(petri_place* place, detail::atomic<bool> const* given_up = nullptr);
     void _receive(petri_place* place, any& token);
@@ -741,11 +658,9 @@ private:
     template <class Join>
     bool _join_groups(Join join);
 
-    // Guards `_firings`, `_acquired`, `_random`, `_queue`, the counts of places,
-    // the state of transitions, the crews and all from `_touched` on but `_spin`;
-    // `_ended` is read without it. Taken before a place's mutex; never held while
-    // firing code runs, and no group is called that could go on, only one that
-    // refuses what it is given.
+    // Guards `_firings`, `_acquired`, `_random`, `_queue` and all of `_engine`; of places
+    // the counts and the numbers of callers that wait; of transitions what says so. Taken
+    // before a place's mutex. Never held while firing code runs or a group is called.
     mutex _mutex;
     unsigned int const _groups;
     unsigned int _firings = 0;  // initiated and not terminated, of all transitions
@@ -764,21 +679,7 @@ private:
     skip_list<petri_transition*> _queue;  // enabled transitions to be dispatched
     condition _condition;                 // blocked callers, with `_mutex`
     condition _rest;                      // the queue thread, with `_mutex`
-    crew** _crews = nullptr;              // one for each group
-    crew* _touched = nullptr;             // the first of those that may need a thread
-    unsigned int _called = 0;             // threads called by the crews and not gone
-    unsigned int const _spin;             // pauses of a thread that waits for `_mutex`
-    bool _dispatching = false;            // what is enabled is fired at once
-    bool _news = false;                   // what a blocked caller waits for has come
-    bool _missed = false;                 // there was no memory to queue a transition
-    // Firings that have ended, modulo its range; who waits for `_mutex` looks how it grows.
-    detail::atomic<unsigned int> _ended = 0;
-    unsigned int _ranked = 0;  // transitions that have their rank
-    // While the net dispatches, up to so many queued transitions are here, the first one
-    // last, and further ones in `_queue`. Their iterator is `_queue`'s end.
-    static constexpr unsigned int _most_ahead = 8;
-    unsigned int _ahead_size = 0;
-    petri_transition* _ahead[_most_ahead];
+    engine* _engine = nullptr;            // owned
 };
 
 }  // namespace ovel

@@ -231,15 +231,11 @@ void thread_group_function_base::operator()() {
 
 }  // namespace detail
 
-namespace {
-
 // `_space` is what the group was built with, and not what is free at the moment:
 // work that fits the group waits until it fits.
-void assure_schedulable(double time_, double space_, double _space) {
+void detail::assure_schedulable(double time_, double space_, double _space) {
     assure(time_ > 0 && space_ >= 0 && space_ <= _space);
 }
-
-}  // namespace
 
 thread_group::thread_group() : thread_group(thread_base::default_stack_size) {}
 
@@ -271,7 +267,7 @@ unsigned int thread_group::stack_size() const {
 }
 
 void thread_group::schedule(thread_function& function, double time, double space) {
-    assure_schedulable(time, space, _crew.budget);
+    detail::assure_schedulable(time, space, _crew.budget);
     auto element =
         queue::prepare({&function, time, space}, _crew.level.load(std::memory_order_relaxed));
     bool wakes;

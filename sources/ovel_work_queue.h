@@ -17,6 +17,10 @@ namespace ovel::detail {
 // Work items that wait, as (function, time, space).
 using work_queue = skip_list<triple<thread_function*, double, double>>;
 
+// Checks that a group with the space `_space` can take work of `time_` and `space_` (check
+// "time_ > 0 && space_ >= 0 && space_ <= _space" of `thread_group::schedule`).
+void assure_schedulable(double time_, double space_, double _space);
+
 // Takes a mutex that is held only briefly. A thread that finds it taken lets others run
 // for a while before it sleeps: a holder that keeps it longer was preempted, and a
 // sleeper would be handed the mutex and keep it until it is awake.

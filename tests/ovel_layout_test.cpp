@@ -139,11 +139,10 @@ struct ovel::detail::inspector {
     LAYOUT(petri_transition, (464, 512, 472), (264, 272), _reentrant, _time, _space, _group, _net,
            _activated, _firing, _random, _arcs, _iterator, _after, _accesses, _rank);
     LAYOUT(petri_queue_function, (392, 400), (132, 136), _before, _net, _after);
-    LAYOUT(petri_net, (3856, 4000), (0, 0), _mutex, _groups, _firings, _acquired, _random,
+    LAYOUT(petri_net, (3796, 3904), (0, 0), _mutex, _groups, _firings, _acquired, _random,
            _queue_thread_acquired, _thread_group_acquireds, _thread_group_acquired, _queue_function,
            _queue_thread, _thread_groups, _places, _transitions, _arcs, _queue, _condition, _rest,
-           _crews, _touched, _called, _spin, _dispatching, _news, _missed, _ended, _ranked,
-           _ahead_size, _ahead);
+           _engine);
 
     static_assert(sizeof(list<int*>::iterator) == sizeof(void*));
     static_assert(sizeof(skip_list<int*>::iterator) == sizeof(void*));

@@ -1,0 +1,109 @@
+// What the engine of a Petri net reads of its structure. For `ovel_petri_net.h` only.
+//
+// The lists of arcs that a net is built with say the same, but each of their nodes and
+// arcs, and each neighbour behind an arc, would be a cache miss. Here the values that a
+// firing needs of them lie side by side.
+#ifndef OVEL_PETRI_ROWS_H
+#define OVEL_PETRI_ROWS_H
+
+#include "ovel_allocator_support.h"
+
+#include <algorithm>
+#include <limits>
+#include <new>
+#include <type_traits>
+
+namespace ovel {
+
+class petri_place;
+class petri_transition;
+
+namespace detail {
+
+// Plain values side by side in one block from `allocator_support`.
+template <class T>
+class row {
+    static_assert(std::is_trivially_copyable_v<T> && alignof(T) <= 16);
+
+public:
+    row() = default;
+
+    // Throws std::bad_alloc, as `make_room` does.
+    row(row const& other) {
+        if (other._size == 0)
+            return;
+        _reallocate(other._size);
+        std::copy_n(other._begin, other._size, _begin);
+        _size = other._size;
+    }
+    row& operator=(row const&) = delete;
+
+    ~row() {
+        allocator_support::deallocate(_begin);
+    }
+
+    T const* begin() const {
+        return _begin;
+    }
+    T const* end() const {
+        return _begin + _size;
+    }
+
+    // Room for one more.
+    void make_room() {
+        if (_size == _capacity)
+            _reallocate(std::max(2 * _capacity, 2u));
+    }
+    void push_back(T const& value) noexcept {
+        ::new (static_cast<void*>(_begin + _size++)) T(value);
+    }
+
+private:
+    void _reallocate(unsigned int capacity) {
+        T* const grown = static_cast<T*>(allocator_support::allocate(capacity * sizeof(T)));
+        std::copy_n(_begin, _size, grown);
+        allocator_support::deallocate(_begin);
+        _begin = grown;
+        _capacity = capacity;
+    }
+
+    T* _begin = nullptr;
+    unsigned int _size = 0;
+    unsigned int _capacity = 0;
+};
+
+// An arc of a transition.
+struct petri_access {
+    inline bool enabled() const;
+
+    petri_place* place;
+    unsigned int size;
+    unsigned int room;  // an output place that holds no more than this has the slots free
+    bool input;
+};
+
+// The arcs of a place in one direction.
+struct petri_side {
+    struct end {
+        petri_transition* transition;
+        unsigned int size;
+        bool reentrant;
+    };
+
+    void push_back(end const& added) noexcept {
+        ends.push_back(added);
+        most =
+            added.reentrant ? std::numeric_limits<unsigned int>::max() : std::max(most, added.size);
+    }
+
+    row<end> ends;
+    // From this many tokens or slots on, one more enables no transition: the largest
+    // weight; without bound if a transition is reentrant, which may fire once more.
+    unsigned int most = 0;
+};
+
+}  // namespace detail
+
+}  // namespace ovel
+
+#endif

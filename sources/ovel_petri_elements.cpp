@@ -1,0 +1,199 @@
+// The elements of nets: what they hold and return. What checks, what fires and what
+// starts and stops is in `ovel_petri_net.cpp`.
+
+#include "ovel_petri_net.h"
+
+#include "ovel_counter.h"
+#include "ovel_guard.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace ovel {
+
+petri_place::petri_place(unsigned int capacity)
+    : _channel(capacity), _mutex(detail::current_spin()), _capacity(capacity) {}
+
+petri_place::~petri_place() = default;
+
+unsigned int petri_place::capacity() const {
+    return _channel.capacity();
+}
+
+void petri_place::peek(any& token) {
+    detail::guard const hold(_mutex);
+    _channel.peek(token);
+}
+
+void petri_place::receive(any& token) {
+    detail::guard const hold(_mutex);
+    _channel.receive(token);
+}
+
+void petri_place::send(any const& token) {
+    detail::guard const hold(_mutex);
+    _channel.send(token);
+}
+
+void petri_place::_put(any&& token) {
+    detail::guard const hold(_mutex);
+    _channel.put(std::move(token));
+}
+
+void petri_place::receive_skip() {
+    detail::guard const hold(_mutex);
+    detail::add(_receive_skip, 1u);
+}
+
+void petri_place::send_skip() {
+    detail::guard const hold(_mutex);
+    detail::add(_send_skip, 1u);
+}
+
+// Relaxed: the count changes under `_mutex` only.
+unsigned int petri_place::_settle_declared(detail::atomic<unsigned int>& skip, unsigned int size) {
+    detail::guard const hold(_mutex);
+    unsigned int const settled = std::min(skip.load(std::memory_order_relaxed), size);
+    detail::add(skip, -settled);
+    return settled;
+}
+
+petri_arc::petri_arc(bool input, petri_place* place, petri_transition* transition,
+                     petri_place*& place_reference, unsigned int size)
+    : _input(input),
+      _place(place),
+      _transition(transition),
+      _place_reference(place_reference),
+      _size(size) {}
+
+bool petri_arc::input() const {
+    return _input;
+}
+
+bool petri_arc::output() const {
+    return !_input;
+}
+
+petri_place* petri_arc::place() const {
+    return _place;
+}
+
+petri_transition* petri_arc::transition() const {
+    return _transition;
+}
+
+petri_place*& petri_arc::place_reference() const {
+    return _place_reference;
+}
+
+unsigned int petri_arc::size() const {
+    return _size;
+}
+
+petri_connector::petri_connector(bool input, petri_transition* transition,
+                                 petri_place*& place_reference, unsigned int size,
+                                 unsigned int capacity)
+    : _input(input),
+      _transition(transition),
+      _place_reference(place_reference),
+      _size(size),
+      _capacity(capacity) {}
+
+petri_connector petri_connector::size(unsigned int size) const {
+    return {_input, _transition, _place_reference, size, _capacity};
+}
+
+petri_connector petri_connector::capacity(unsigned int capacity) const {
+    return {_input, _transition, _place_reference, _size, capacity};
+}
+
+petri_function::petri_function() = default;
+petri_function::petri_function(petri_function const&) = default;
+petri_function& petri_function::operator=(petri_function const&) = default;
+petri_function::~petri_function() = default;
+
+petri_transition* petri_function::transition() const {
+    return _transition;
+}
+
+petri_transition::petri_transition(petri_function& function, bool reentrant, double time,
+                                   double space, unsigned int group, petri_net* net)
+    : _function(function),
+      _reentrant(reentrant),
+      _time(time),
+      _space(space),
+      _group(group),
+      _net(net) {}
+
+petri_transition::petri_transition(petri_transition const&) = default;
+petri_transition::~petri_transition() = default;
+
+petri_function& petri_transition::function() const {
+    return _function;
+}
+
+bool petri_transition::reentrant() const {
+    return _reentrant;
+}
+
+double petri_transition::time() const {
+    return _time;
+}
+
+double petri_transition::space() const {
+    return _space;
+}
+
+unsigned int petri_transition::group() const {
+    return _group;
+}
+
+petri_net* petri_transition::net() const {
+    return _net;
+}
+
+petri_connector petri_transition::input(petri_place*& place_reference) {
+    return {true, this, place_reference, 1, 1};
+}
+
+petri_connector petri_transition::output(petri_place*& place_reference) {
+    return {false, this, place_reference, 1, 1};
+}
+
+void petri_transition::activate() {
+    _net->activate(this);
+}
+
+void petri_transition::deactivate() {
+    _net->deactivate(this);
+}
+
+// The place of the arc that this very variable names, or null.
+petri_place* petri_transition::find_place(petri_place*& place_reference) const {
+    for (petri_arc const* arc : _arcs)
+        if (&arc->place_reference() == &place_reference)
+            return arc->place();
+    return nullptr;
+}
+
+unsigned int petri_transition::input_size() const {
+    return _count(true);
+}
+
+unsigned int petri_transition::output_size() const {
+    return _count(false);
+}
+
+unsigned int petri_transition::_count(bool input) const {
+    return static_cast<unsigned int>(
+        std::count_if(_arcs.begin(), _arcs.end(),
+                      [input](petri_arc const* arc) { return arc->input() == input; }));
+}
+
+petri_queue_function::petri_queue_function(petri_net* net) : _net(net) {}
+
+petri_queue_function::petri_queue_function(petri_queue_function const&) = default;
+petri_queue_function& petri_queue_function::operator=(petri_queue_function const&) = default;
+petri_queue_function::~petri_queue_function() = default;
+
+}  // namespace ovel

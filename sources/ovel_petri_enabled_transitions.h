@@ -1,0 +1,103 @@
+// The enabled transitions of a net that wait to be dispatched.
+#ifndef OVEL_PETRI_ENABLED_TRANSITIONS_H
+#define OVEL_PETRI_ENABLED_TRANSITIONS_H
+
+#include "ovel_petri_net.h"
+#include "ovel_skip_list.h"
+
+#include <cstdint>
+
+namespace ovel::detail {
+
+// Transitions in the order of `skip_list_order<petri_transition*>`: the largest space
+// first, then the longest time, then the largest random number, which each one draws when
+// it is inserted.
+//
+// Mostly few are queued at a time, so up to eight are kept in a short sorted array. Only
+// what finds the array full goes to the skip list, and allocates. The first transition is
+// the first of the array or the first of the list. A transition in the list holds its
+// position there, one in the array the end of the list, and any other one a null position.
+//
+// Not thread safe: all under the net's mutex.
+class enabled_transitions {
+public:
+    // `list` and the state of the random numbers are the net's.
+    enabled_transitions(skip_list<petri_transition*>& list, unsigned int& random)
+        : _list(list), _random(random) {}
+
+    bool empty() const {
+        return _size == 0;
+    }
+
+    // Inserts one that is not queued. Throws std::bad_alloc, having inserted nothing.
+    void insert(petri_transition* transition) {
+        transition->random(_draw());
+        if (_short_size == most_short) {
+            transition->enqueue(_list.insert(transition));
+        } else {
+            unsigned int i = _short_size++;
+            for (; i != 0 && !order::precedes(transition, _short[i - 1]); --i)
+                _short[i] = _short[i - 1];
+            _short[i] = transition;
+            transition->enqueue(_list.end());
+        }
+        ++_size;
+    }
+
+    // Removes one that is queued.
+    void erase(petri_transition* transition) {
+        --_size;
+        auto const where = transition->dequeue();
+        if (where != _list.end()) {
+            _list.erase(where);
+            return;
+        }
+        unsigned int i = --_short_size;
+        while (_short[i] != transition)
+            --i;
+        for (; i != _short_size; ++i)
+            _short[i] = _short[i + 1];
+    }
+
+    // Removes and returns the first one. There is one.
+    petri_transition* take_first() {
+        unsigned int const listed = _size - _short_size;
+        if (listed == 0 ||
+            (_short_size != 0 && order::precedes(_short[_short_size - 1], *_list.begin()))) {
+            petri_transition* const first = _short[--_short_size];
+            --_size;
+            first->dequeue();
+            return first;
+        }
+        petri_transition* const first = *_list.begin();
+        erase(first);
+        return first;
+    }
+
+private:
+    friend struct inspector;
+
+    using order = skip_list_order<petri_transition*>;
+
+    // A firing rarely enables more, and an insertion moves few pointers.
+    static constexpr unsigned int most_short = 8;
+
+    // The next number of the minimal standard generator: the modulus is the prime 2^31 - 1,
+    // of which the multiplier is a primitive root, so all of 1 to 2^31 - 2 come before any
+    // comes again.
+    unsigned int _draw() {
+        constexpr std::uint64_t multiplier = 16807;
+        constexpr std::uint64_t modulus = 2147483647;
+        return _random = static_cast<unsigned int>(multiplier * _random % modulus);
+    }
+
+    skip_list<petri_transition*>& _list;
+    unsigned int& _random;
+    unsigned int _size = 0;  // of both
+    unsigned int _short_size = 0;
+    petri_transition* _short[most_short];  // the first one last
+};
+
+}  // namespace ovel::detail
+
+#endif
