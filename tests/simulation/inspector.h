@@ -9,11 +9,15 @@
 #include "ovel_assure.h"
 #include "ovel_barrier.h"
 #include "ovel_condition.h"
+#include "ovel_guard.h"
+#include "ovel_petri_engine.h"
 #include "ovel_petri_net.h"
 #include "ovel_thread.h"
 #include "ovel_thread_group.h"
 
+#include <cmath>
 #include <cstddef>
+#include <map>
 #include <memory>
 
 struct ovel::detail::inspector {
@@ -66,6 +70,39 @@ struct ovel::detail::inspector {
             assure((*each).third > group._space);
     }
 
+    // Everything that holds of a net at any time at which its mutex is free.
+    static void check_net(petri_net& net) {
+        guard const hold(net._mutex);
+        petri_net::engine& engine = *net._engine;
+        unsigned int firings = 0;
+        unsigned int queued = 0;
+        for (petri_transition* each : net._transitions) {
+            firings += each->_firing;
+            queued += each->queued();
+            assure(each->_reentrant || each->_firing <= 1);
+            assure(!each->queued() || each->enabled());
+            // Nothing is lost: what is enabled is queued, or examined when it ends.
+            assure(!each->enabled() || each->queued() || each->_firing != 0 ||
+                   !engine._is_running || engine._missed);
+        }
+        assure(firings == net._firings);
+        for (petri_place* each : net._places) {
+            assure(each->_receive_size == _reserved(each->_consumers));
+            assure(each->_send_size == _reserved(each->_producers));
+            assure(each->_receive_size <= each->_size);
+            assure(each->_size + each->_send_size <= each->_capacity);
+            assure(each->_receive_skip <= each->_receive_size);
+            assure(each->_send_skip <= each->_send_size);
+        }
+        _check(engine._enabled, queued);
+        unsigned int called = 0;
+        for (unsigned int group = 0; group != net._groups; ++group) {
+            _check(engine._runners[group]->_crew, net, group);
+            called += engine._runners[group]->_crew._called;
+        }
+        assure(called == engine._called && engine._touched == nullptr);
+    }
+
     // A net whose threads have come to rest: nothing is reserved, nothing fires, and
     // what waits in the queue, or could, is what `may_be_enabled` says.
     template <class MayBeEnabled>
@@ -88,6 +125,51 @@ struct ovel::detail::inspector {
     }
 
 private:
+    // Of one side of a place, by the firings that have not ended.
+    static unsigned int _reserved(petri_side const& side) {
+        unsigned int reserved = 0;
+        for (petri_side::end const& each : side.ends)
+            reserved += each.transition->_firing * each.size;
+        return reserved;
+    }
+
+    static void _check(enabled_transitions& enabled, unsigned int queued) {
+        assure(enabled._size == queued);
+        assure(enabled._short_size + enabled._list.size() == queued);
+        for (unsigned int i = 1; i < enabled._short_size; ++i)
+            assure(!enabled_transitions::order::precedes(enabled._short[i - 1], enabled._short[i]));
+    }
+
+    static void _check(petri_crew& crew, petri_net& net, unsigned int group) {
+        ready_firings const& ready = crew._ready;
+        std::map<petri_transition*, unsigned int> waiting;
+        for (unsigned int rank = 0; rank != ready._ranks_size; ++rank) {
+            unsigned int const first = ready._ranks[rank].first;
+            assure((ready._nonempty.find(rank) == rank) == (first != ready_firings::none));
+            for (unsigned int i = first; i != ready_firings::none; i = ready._entries[i].next) {
+                assure(ready._entries[i].transition->_rank == rank);
+                ++waiting[ready._entries[i].transition];
+            }
+        }
+        unsigned int running = 0;
+        unsigned int occupants = 0;
+        double space = crew._budget;
+        for (petri_transition* each : net._transitions) {
+            if (each->_group != group)
+                continue;
+            assure(waiting[each] <= each->_firing);
+            unsigned int const here = each->_firing - waiting[each];
+            running += here;
+            occupants += each->_space != 0 ? here : 0;
+            space -= here * each->_space;
+        }
+        assure(running + crew._coming == crew._called && crew._called <= crew._threads);
+        assure(occupants == crew._occupants);
+        assure(occupants == 0 ? crew._space == crew._budget : std::abs(crew._space - space) < 1e-9);
+        // Nothing that fits waits while a thread is idle and none is on its way.
+        assure(crew._coming || crew._called == crew._threads || !ready.fits(crew._space));
+    }
+
     static void _check(allocator& each, memory& all) {
         std::size_t size = 0, capacity = 0;
         // Returns how many chunks of the ring hold no block in use.

@@ -12,6 +12,7 @@
 #include "simulation/simulation.h"
 
 #include <algorithm>
+#include <cmath>
 #include <deque>
 #include <memory>
 #include <new>
@@ -49,7 +50,7 @@ struct firing : petri_function {
 
     void operator()() override {
         assure(inside.fetch_add(1) == 0 || transition()->reentrant());
-        auto const space = static_cast<int>(transition()->space());
+        auto const space = static_cast<int>(std::lround(10 * transition()->space()));
         assure(used->fetch_add(space) + space <= 10);
         for (arc& each : arcs)
             for (unsigned int token = 0; token != each.weight; ++token)
@@ -88,8 +89,8 @@ void random_nets(unsigned int variant) {
     accounts const books(variant % 2, timed);
     ledger tokens;
     detail::atomic<int> used[2] = {0, 0};
-    triple<unsigned int, double, unsigned int> const groups[] = {{1 + pick(2), 10.0, 16384},
-                                                                 {1, 10.0, 16384}};
+    triple<unsigned int, double, unsigned int> const groups[] = {{1 + pick(2), 1.0, 16384},
+                                                                 {1, 1.0, 16384}};
     unsigned int const group_count = 1 + pick(2);
     petri_net net(groups, groups + group_count);
 
@@ -104,7 +105,7 @@ void random_nets(unsigned int variant) {
         each.used = &used[group];
         each.skipping = pick(3) == 0;
         petri_transition& of =
-            *net.insert_transition(each, pick(2) == 0, 1.0 + pick(2), pick(8), group);
+            *net.insert_transition(each, pick(2) == 0, 1.0 + pick(2), 0.1 * pick(8), group);
         for (unsigned int place = 0; place != place_count; ++place)
             for (bool const input : {true, false}) {
                 bool const needed = place + 1 == place_count && each.arcs.empty();
@@ -141,6 +142,7 @@ void random_nets(unsigned int variant) {
             } else {
                 send(at);
             }
+            inspector::check_net(net);
         }
     };
     for (unsigned int each = pick(4); each != 0; --each)
