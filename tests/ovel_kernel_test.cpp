@@ -125,6 +125,36 @@ TEST(thread_test, is_gone_when_its_end_has_been_taken) {
     EXPECT_TRUE(gone);
 }
 
+// The destructor may wait for the very thread that looks whether this one has ended.
+TEST(thread_test, a_wait_keeps_its_deadline_while_thread_local_objects_are_destroyed) {
+    static HANDLE const proceed = make_semaphore(0);
+    static HANDLE const destroying = make_semaphore(0);
+    struct trace {
+        ~trace() {
+            ReleaseSemaphore(destroying, 1, nullptr);
+            take(proceed, INFINITE);
+        }
+    };
+    auto const entry = [](void*) {
+        static thread_local trace left;
+        static_cast<void>(&left);
+        return 0u;
+    };
+    HANDLE const thread = start(entry, nullptr);
+    ASSERT_TRUE(take(destroying, INFINITE));
+    EXPECT_EQ(WaitForSingleObject(thread, 0), WAIT_TIMEOUT);
+    auto const begin = clock_type::now();
+    EXPECT_EQ(WaitForSingleObject(thread, 20), WAIT_TIMEOUT);
+    EXPECT_GE(clock_type::now() - begin, std::chrono::milliseconds(20));
+    {
+        auto const waiters = crew(4, [=](int waiter) {
+            EXPECT_TRUE(take(thread, waiter % 2 == 0 ? INFINITE : 600'000u));
+        });
+        ReleaseSemaphore(proceed, 1, nullptr);
+    }
+    join(thread);
+}
+
 TEST(thread_test, a_forked_process_has_an_identity_of_its_own) {
     GetCurrentThreadId();  // which is kept
     pid_t const child = fork();

@@ -1,6 +1,7 @@
 #include "linux/futex_word.h"
 
 #include <cerrno>
+#include <tuple>
 
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -18,6 +19,14 @@ deadline::deadline(DWORD milliseconds) : _never(milliseconds == INFINITE), _when
         ++_when.tv_sec;
         _when.tv_nsec -= 1000000000;
     }
+}
+
+bool deadline::passed() const {
+    if (_never)
+        return false;
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::tie(now.tv_sec, now.tv_nsec) >= std::tie(_when.tv_sec, _when.tv_nsec);
 }
 
 bool futex_wait(void const* word, std::uint32_t value, deadline const& until) {

@@ -19,6 +19,7 @@ public:
     bool never() const {
         return _never;
     }
+    bool passed() const;
     timespec const& when() const {
         return _when;
     }

@@ -140,10 +140,10 @@ DWORD kernel::WaitForSingleObject(HANDLE object, DWORD milliseconds) {
     bool acquired;
     if (auto* const semaphore = object_of<kernel_semaphore>(object))
         acquired = semaphore->available.take(milliseconds);
-    else if (auto* const thread = object_of<kernel_thread>(object))
-        acquired = thread->wait(milliseconds);
     else if (auto* const mutex = object_of<kernel_mutex>(object))
         acquired = mutex->wait(milliseconds);
+    else if (auto* const thread = object_of<kernel_thread>(object))
+        return thread->wait(milliseconds);
     else
         return WAIT_FAILED;
     return acquired ? WAIT_OBJECT_0 : WAIT_TIMEOUT;

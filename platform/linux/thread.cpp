@@ -6,9 +6,11 @@
 #include "linux/processors.h"
 #include "linux/pthread_guard.h"
 
+#include <algorithm>
 #include <cstddef>
 
 #include <link.h>
+#include <time.h>
 #include <unistd.h>
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -68,7 +70,7 @@ void* run(void* argument) {
     detail::futex_wake(&thread.identifier, 1);
     detail::use_processors_of_process();
     thread.entry(thread.argument);
-    // Release: a thread that reads 1 sees what this one wrote. This thread's own hold
+    // Release: a thread that reads 1 sees what the work wrote. This thread's own hold
     // keeps the word alive until the wake-up is sent.
     thread.ended.store(1, std::memory_order_release);
     detail::futex_wake(&thread.ended, INT32_MAX);
@@ -78,25 +80,59 @@ void* run(void* argument) {
 
 }  // namespace
 
-bool detail::kernel_thread::wait(DWORD milliseconds) {
-    if (ended.load(std::memory_order_acquire) == 0) {
-        if (milliseconds == 0)
+// Waits until `entry` has returned. False when `until` has passed before.
+bool detail::kernel_thread::_wait_for_return(deadline const& until) {
+    bool in_time = true;
+    while (ended.load(std::memory_order_acquire) == 0) {
+        if (!in_time)
             return false;
-        deadline const until(milliseconds);
-        bool in_time = true;
-        while (ended.load(std::memory_order_acquire) == 0) {
-            if (!in_time)
-                return false;
-            in_time = futex_wait(&ended, 0, until);
-        }
+        in_time = futex_wait(&ended, 0, until);
     }
-    // The thread has only to leave the C library. Waiting for that too frees its stack,
-    // and tells race and leak checkers that it has ended.
-    pthread_guard const hold(join_lock);
-    if (!joined)
-        pthread_join(thread, nullptr);
-    joined = true;
     return true;
+}
+
+DWORD detail::kernel_thread::_join() {
+    pthread_guard const hold(join_lock);
+    joined = joined || pthread_join(thread, nullptr) == 0;
+    return joined ? WAIT_OBJECT_0 : WAIT_FAILED;
+}
+
+// Joins the thread if it is gone. False when it is not, or another thread is joining it.
+bool detail::kernel_thread::_try_join() {
+    if (pthread_mutex_trylock(&join_lock) != 0)
+        return false;
+    joined = joined || pthread_tryjoin_np(thread, nullptr) == 0;
+    bool const done = joined;
+    pthread_mutex_unlock(&join_lock);
+    return done;
+}
+
+// After `entry` the thread destroys its thread-local objects, which may take long or wait
+// for the caller, and leaves the C library. A join waits for that too: it gives the stack
+// back, and tells race and leak checkers that the thread is gone.
+DWORD detail::kernel_thread::wait(DWORD milliseconds) {
+    if (milliseconds == 0) {
+        bool const returned = ended.load(std::memory_order_acquire) != 0;
+        return returned && _try_join() ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
+    }
+    deadline const until(milliseconds);
+    if (!_wait_for_return(until))
+        return WAIT_TIMEOUT;
+    if (until.never())
+        return _join();
+    // The C library's join with a deadline on the monotonic clock is younger than the
+    // race checkers in use, which would not see it. So look again and again: soon at
+    // first, since most threads are gone within microseconds.
+    long pause = 20000;  // nanoseconds
+    constexpr long longest_pause = 1000000;
+    while (!_try_join()) {
+        if (until.passed())
+            return WAIT_TIMEOUT;
+        timespec const span = {0, pause};
+        clock_nanosleep(CLOCK_MONOTONIC, 0, &span, nullptr);
+        pause = std::min(2 * pause, longest_pause);
+    }
+    return WAIT_OBJECT_0;
 }
 
 void detail::kernel_thread::close() {

@@ -2,6 +2,7 @@
 #ifndef OVEL_PLATFORM_LINUX_THREAD_H
 #define OVEL_PLATFORM_LINUX_THREAD_H
 
+#include "linux/futex_word.h"
 #include "linux/object.h"
 #include "ovel_atomic.h"
 
@@ -18,9 +19,10 @@ struct kernel_thread : kernel_object {
     kernel_thread(unsigned int (*entry_)(void*), void* argument_)
         : kernel_object{own_kind}, entry(entry_), argument(argument_) {}
 
-    // Waits for the thread's end and joins it. Any number of threads may call it.
-    // False when `milliseconds` have passed before.
-    bool wait(DWORD milliseconds);
+    // Waits for the thread's end and joins it. Any number of threads may call it. The
+    // results of `WaitForSingleObject`; `WAIT_FAILED` when the system refuses to join,
+    // as it does a thread that would join itself.
+    DWORD wait(DWORD milliseconds);
 
     // Gives the handle up.
     void close();
@@ -31,12 +33,17 @@ struct kernel_thread : kernel_object {
     unsigned int (*const entry)(void*);
     void* const argument;
     atomic<std::uint32_t> identifier = 0;  // of the thread, once it runs
-    atomic<std::uint32_t> ended = 0;       // 1 as the thread's last act
+    atomic<std::uint32_t> ended = 0;       // 1 once `entry` has returned
     atomic<unsigned int> holds = 2;
 
     pthread_t thread = {};  // by its creator, before the handle is known
     pthread_mutex_t join_lock = PTHREAD_MUTEX_INITIALIZER;
     bool joined = false;  // under join_lock
+
+private:
+    bool _wait_for_return(deadline const& until);
+    DWORD _join();
+    bool _try_join();
 };
 
 }  // namespace ovel::detail
