@@ -68,7 +68,8 @@ private:
     static void _release();
     void _acquire();
 
-    static allocator_recycler _global;
+    // Never destroyed: threads may go on using it while the process ends.
+    static allocator_recycler& _global;
 
     [[maybe_unused]] cacheline _before;
     detail::atomic<bool> _stop{false};

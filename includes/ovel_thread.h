@@ -13,6 +13,8 @@ namespace ovel {
 
 namespace detail {
 
+struct pool_hook;
+
 // A thread of the pool: the run loop and the thread that runs it, for as long as
 // the element lives. It belongs to the pool while it is idle and to whoever
 // borrowed it otherwise.
@@ -62,8 +64,8 @@ public:
     thread_element_group(thread_element_group const&) = delete;
     thread_element_group& operator=(thread_element_group const&) = delete;
 
-    // The pool of the process. When that ends, no thread may be borrowed, or still
-    // be given back.
+    // The pool of the process. When that ends, its idle threads end; those that are
+    // given back later stay idle.
     static thread_element_group* global();
 
     // An idle thread with at least `stack_size` bytes of stack and less than four
@@ -81,12 +83,16 @@ public:
 
 private:
     friend struct inspector;
+    friend struct pool_hook;
 
     thread_element* _take(unsigned int stack_size);
+    thread_element* _take_first();
+    void _end_idle();
 
-    static thread_element_group _global;
+    // Never destroyed: threads may go on using it while the process ends.
+    static thread_element_group& _global;
 
-    semaphore _lock;
+    semaphore _lock;                       // taken before the allocators'
     skip_list<thread_element*> _elements;  // under _lock
 };
 

@@ -98,6 +98,10 @@ BOOL ReleaseMutex(HANDLE mutex);
 std::uintptr_t _beginthreadex(void* security, unsigned int stack, unsigned int (*entry)(void*),
                               void* argument, unsigned int flags, unsigned int* identifier);
 
+// Whether the system has ended all other threads already, wherever they were, since the
+// process ends: then no lock may be waited for.
+//     bool other_threads_have_ended();
+
 // The calling thread.
 
 // Unlike that of any other living thread, and not 0. A read, no call.
@@ -202,7 +206,16 @@ inline void* quick_pointer() {
 }
 inline void set_quick_pointer(void*) {}
 
+inline bool other_threads_have_ended() {
+    return false;
+}
+
 #else
+
+// All other threads go on until the process is gone.
+inline bool other_threads_have_ended() {
+    return false;
+}
 
 using ::free;
 using ::malloc;

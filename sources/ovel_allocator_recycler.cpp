@@ -2,6 +2,7 @@
 
 #include "ovel_allocator_recycler.h"
 
+#include "kernel.h"
 #include "ovel_allocator.h"
 #include "ovel_allocator_group.h"
 #include "ovel_library.h"
@@ -45,32 +46,33 @@ void allocator_recycler::recycle_minimum_capacity(double fraction) {
 }
 
 void allocator_recycler::release(double period) {
-    static unsigned int volatile flag = 0;
     allocator_group::global();
     // Relaxed: the call that starts the thread reads what it has just written, or
     // what another has, and any of those will do.
     if (!(period >= shortest_period))  // a not-a-number as well
         period = shortest_period;
     _period.store(std::min(period, longest_period), std::memory_order_relaxed);
-    call_once(_release, flag);
+    call_once(_release, detail::_recycler_flag);
 }
 
 void allocator_recycler::_release() {
     _global._function._period = _global._period.load(std::memory_order_relaxed);
-    detail::_recycler_started = true;
     detail::_recycler_thread.schedule(_global._function);
     detail::_recycler_thread.release();
+    // Last: `_acquire`, on any thread, joins a thread that it finds started.
+    detail::_recycler_started = true;
 }
 
+// A thread that is just being started, or is started later, finds that it has to stop.
 void allocator_recycler::_acquire() {
-    if (!detail::_recycler_started)
-        return;
-    _global._stop = true;
-    detail::_recycler_thread.acquire();
+    _stop = true;
+    if (detail::_recycler_started.exchange(false))
+        detail::_recycler_thread.acquire();
 }
 
 detail::recycler_hook::~recycler_hook() {
-    allocator_recycler::global()->_acquire();
+    if (!other_threads_have_ended())
+        allocator_recycler::global()->_acquire();
 }
 
 allocator_recycler::recycler_function::recycler_function(detail::atomic<bool>* stop)

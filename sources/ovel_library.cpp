@@ -1,9 +1,11 @@
-// Loading and unloading: the global objects of the library, in the order in which
-// they are built. Every step is here, because only within one file is the order
-// the one that is written. Unloading runs the destructors of the first four from
-// the last to the first: the recycler's thread is joined, then every idle thread of
-// the pool. What is built on first use is never destroyed: the tick's length, the
-// time server and its thread, the allocators.
+// Loading and unloading: the global objects of the library, in the order in
+// which they are built. Every step is here, because only within one file is the order
+// the one that is written.
+//
+// The exit hooks run in the reverse order: the recycler's thread is joined, then every
+// idle thread of the pool. Other threads may use the library meanwhile and afterwards, so
+// no object is destroyed. What is built on first use has no hook at all: the tick's
+// length, the time server and its thread, the allocators.
 
 #include "ovel_library.h"
 
@@ -12,21 +14,39 @@
 #include "ovel_thread_support.h"
 #include "ovel_time_server.h"
 
+#include <new>
+
 namespace ovel {
 
+namespace {
+
+// Where an object lies that is never destroyed.
+template <class T>
+struct storage {
+    alignas(T) unsigned char bytes[sizeof(T)];
+};
+storage<allocator_recycler> recycler_storage;
+storage<detail::thread_element_group> pool_storage;
+
+}  // namespace
+
 // 1. The recycler, with its work, for a period of 10 seconds.
-allocator_recycler allocator_recycler::_global;
+allocator_recycler& allocator_recycler::_global = *new (&recycler_storage) allocator_recycler;
 
 // 2. The recycler's thread, not started.
 thread_base detail::_recycler_thread(65536);
 detail::atomic<bool> detail::_recycler_started{false};
+unsigned int volatile detail::_recycler_flag = 0;
 
 // 3. The pool of threads. `default_spin` is still 0, and so is its lock's spin count.
-detail::thread_element_group detail::thread_element_group::_global;
+detail::thread_element_group& detail::thread_element_group::_global =
+    *new (&pool_storage) detail::thread_element_group;
 
-// 4. Nothing but the hook that ends the recycler's thread at unload.
+// 4. Nothing but the hooks that end the pool's idle threads and, before them, the
+// recycler's, at unload.
 namespace {
-detail::recycler_hook hook;
+detail::pool_hook pool_hook;
+detail::recycler_hook recycler_hook;
 }  // namespace
 
 // 5. The spin count that everything built from here on takes by default.

@@ -6,6 +6,7 @@
 #include "ovel_allocator_group.h"
 #include "ovel_assure.h"
 #include "ovel_guard.h"
+#include "ovel_library.h"
 #include "ovel_semaphore.h"
 #include "ovel_thread.h"
 #include "ovel_thread_support.h"
@@ -165,13 +166,30 @@ thread_base& thread_element::thread_base_() {
 
 thread_element_group::thread_element_group() : _lock(1, current_spin()) {}
 
-// At unload, when nobody else uses the pool: without its lock. Elements that are
-// lent are not in the pool, and are left alone.
 thread_element_group::~thread_element_group() {
-    while (_elements.size() != 0) {
-        delete *_elements.begin();
-        _elements.erase(_elements.begin());
-    }
+    _end_idle();
+}
+
+// Elements that are lent are not in the pool, and are left alone. Without the lock while
+// a thread is joined: its thread-local objects may use the pool.
+void thread_element_group::_end_idle() {
+    while (thread_element* const idle = _take_first())
+        delete idle;
+}
+
+// Null if there is none.
+thread_element* thread_element_group::_take_first() {
+    guard const hold(_lock);
+    if (_elements.size() == 0)
+        return nullptr;
+    thread_element* const first = *_elements.begin();
+    _elements.erase(_elements.begin());
+    return first;
+}
+
+pool_hook::~pool_hook() {
+    if (!other_threads_have_ended())
+        thread_element_group::global()->_end_idle();
 }
 
 thread_element_group* thread_element_group::global() {
@@ -211,13 +229,11 @@ thread_element* thread_element_group::_take(unsigned int stack_size) {
 }
 
 void thread_element_group::release_element(thread_element* element) {
-    {
+    try {
         guard const hold(_lock);
-        try {
-            _elements.insert(element);
-        } catch (std::bad_alloc const&) {
-            delete element;
-        }
+        _elements.insert(element);
+    } catch (std::bad_alloc const&) {
+        delete element;
     }
     allocator_group::global()->flush_allocator(false);
 }

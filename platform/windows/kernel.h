@@ -17,6 +17,8 @@ inline void* quick_pointer() {
 }
 inline void set_quick_pointer(void*) {}
 
+bool other_threads_have_ended();
+
 // Regions are blocks of the runtime heap like any other.
 inline void* malloc_region(std::size_t) {
     return ::malloc(region_length);

@@ -70,11 +70,12 @@ public:
     // their way, and the runtime heap holds what the allocators keep and nothing else.
     ~accounts() {
         detail::inspector::empty_pool();
+        detail::inspector::reset_pool();
         allocator_group::global()->flush_allocator(false);
         detail::inspector::memory const all = detail::inspector::check_allocators();
         assure(all.in_use == _bytes + all.on_way);
         assure(heap_blocks() == all.chunks + all.allocators + 1);
-        assure(open_handles() == _handles + all.allocators - 1);  // without the pool's lock
+        assure(open_handles() == _handles + all.allocators);
         balance();
     }
     accounts(accounts const&) = delete;

@@ -57,9 +57,16 @@ struct ovel::detail::inspector {
         allocator_recycler::global()->_acquire();
     }
 
-    // Ends the pool's threads, as the unloading of the library does.
+    // Ends the pool's idle threads, as the unloading of the library does.
     static void empty_pool() {
-        std::destroy_at(&thread_element_group::_global);
+        thread_element_group::_global._end_idle();
+    }
+
+    // Gives back what the pool's list, now empty, keeps for the next threads.
+    static void reset_pool() {
+        auto& elements = thread_element_group::_global._elements;
+        std::destroy_at(&elements);
+        std::construct_at(&elements);
     }
 
     // Everybody being at rest, nothing waits that fits while a thread is free.

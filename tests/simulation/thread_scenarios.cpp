@@ -3,6 +3,7 @@
 
 #include "accounts.h"
 #include "inspector.h"
+#include "ovel_allocator_recycler.h"
 #include "ovel_allocator_support.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
@@ -53,6 +54,51 @@ void pool(unsigned int variant) {
     unsigned int const idle = detail::thread_element_group::global()->size();
     assure(threads() == idle + 2);
     assure(idle >= 1 && (!alike || idle <= clients));
+}
+
+// The process ends, which ends idle threads, while clients borrow threads and give them
+// back. Those go on as before.
+void pool_at_the_end(unsigned int variant) {
+    accounts const books(variant % 2, true);
+    detail::atomic<unsigned int> runs = 0;
+    constexpr unsigned int clients = 2;
+    auto const borrow = [&](unsigned int count) {
+        work job([&] { ++runs; });
+        std::deque<thread> borrowed;
+        for (unsigned int each = 0; each != count; ++each) {
+            thread& added = borrowed.emplace_back(65536u);
+            added.schedule(job);
+            added.release();
+        }
+        for (thread& each : borrowed)
+            join(each, 0);
+    };
+    borrow(3);
+    begin();
+    {
+        std::deque<client> all;
+        for (unsigned int each = 0; each != clients; ++each)
+            all.emplace_back([&] {
+                borrow(1);
+                borrow(2);
+            });
+        all.emplace_back([] { inspector::empty_pool(); });
+    }
+    assure(runs == 3 + clients * 3);
+    assure(threads() == detail::thread_element_group::global()->size() + 2);
+}
+
+// The process ends while another thread starts the recycler, whose thread ends then,
+// whichever comes first.
+void recycler_at_the_end(unsigned int variant) {
+    accounts const books(variant % 2, true);
+    begin();
+    {
+        client starter([] { allocator_recycler::global()->release(1.0); });
+        client ender([] { inspector::stop_recycler(); });
+    }
+    inspector::stop_recycler();
+    assure(threads() == 2);
 }
 
 // Work that takes `space` of a group's budget of 10.
@@ -176,6 +222,12 @@ void refused_objects(unsigned int variant) {
 
 registration const table[] = {
     registration({.name = "pool_reuses_threads_that_fit", .run = pool, .variants = 4}),
+    registration({.name = "pool_serves_clients_at_the_end_of_the_process",
+                  .run = pool_at_the_end,
+                  .variants = 2}),
+    registration({.name = "recycler_ends_with_the_process_that_starts_it",
+                  .run = recycler_at_the_end,
+                  .variants = 2}),
     registration({.name = "group_keeps_its_space_and_runs_everything",
                   .run = group_runs_everything,
                   .variants = 6}),

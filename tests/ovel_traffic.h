@@ -1,0 +1,133 @@
+// Threads that use all of the library at once, for tests of what happens beside them.
+#ifndef OVEL_TRAFFIC_H
+#define OVEL_TRAFFIC_H
+
+#include "ovel_allocator_recycler.h"
+#include "ovel_allocator_support.h"
+#include "ovel_assure.h"
+#include "ovel_petri.h"
+#include "ovel_test.h"
+#include "ovel_thread.h"
+#include "ovel_thread_base.h"
+#include "ovel_time.h"
+#include "ovel_work.h"
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <deque>
+
+namespace traffic {
+
+// Blocks that threads pass to each other: one leaves its own and frees what it finds.
+// What another thread has written there must be whole.
+inline void exchange_blocks(unsigned int round) {
+    struct block {
+        std::size_t size;
+        unsigned char bytes[1];
+    };
+    static std::array<std::atomic<block*>, 256> places;
+    std::size_t const size = 1 + round * 37 % 5000;
+    auto* const made = static_cast<block*>(ovel::allocator_support::allocate(sizeof(block) + size));
+    made->size = size;
+    std::memset(made->bytes, static_cast<unsigned char>(size), size);
+    block* const found = places[round * 11 % places.size()].exchange(made);
+    if (found == nullptr)
+        return;
+    for (std::size_t i = 0; i != found->size; ++i)
+        assure(found->bytes[i] == static_cast<unsigned char>(found->size));
+    ovel::allocator_support::deallocate(found);
+}
+
+template <class Thread>
+void run_thread() {
+    ovel::work job([] { exchange_blocks(7); });
+    Thread driven(32768);
+    driven.schedule(job);
+    driven.release();
+    driven.acquire();
+}
+
+inline void run_group() {
+    ovel::work_group group(2, 0.0, 32768);
+    for (int i = 0; i != 8; ++i)
+        group.submit([] { exchange_blocks(9); });
+    assure(group.submit([] { return 42; }).get() == 42);
+    group.join();
+}
+
+inline void run_net() {
+    ovel::net pipeline(2, 0.0, 32768);
+    auto const in = pipeline.insert_place<int>("in", 4);
+    auto const out = pipeline.insert_place<int>("out", 4);
+    pipeline.insert_transition("twice", ovel::from(in), ovel::to(out),
+                               [](int number) { return 2 * number; });
+    pipeline.start();
+    for (int i = 0; i != 4; ++i)
+        in.send(i);
+    int sum = 0;
+    for (int i = 0; i != 4; ++i)
+        sum += out.receive();
+    assure(sum == 12);
+    pipeline.join();
+}
+
+constexpr int kinds = 6;
+inline std::array<std::atomic<unsigned int>, kinds> rounds;
+inline std::atomic<bool> over = false;
+
+// One thing of the kind given.
+inline void use(int kind) {
+    unsigned int const round = rounds[static_cast<std::size_t>(kind)]++;
+    switch (kind) {
+        case 0:
+        case 1:
+            for (unsigned int i = 0; i != 100; ++i)
+                exchange_blocks(round * 100 + i);
+            break;
+        case 2:
+            run_thread<ovel::thread>();
+            break;
+        case 3:
+            run_thread<ovel::thread_base>();
+            break;
+        case 4:
+            run_group();
+            break;
+        case 5:
+            run_net();
+            break;
+    }
+}
+
+inline void use_until_over(int kind) {
+    ovel::thread_allocator const own;
+    while (!over)
+        use(kind);
+}
+
+// Returns once each kind has been used some more.
+inline void wait_for_rounds(unsigned int more) {
+    for (auto& each : rounds) {
+        unsigned int const enough = each + more;
+        until([&] { return each >= enough; });
+    }
+}
+
+// Leaves `count` idle threads in the pool.
+inline void fill_pool(unsigned int count) {
+    ovel::work nothing([] {});
+    std::deque<ovel::thread> all;
+    for (unsigned int i = 0; i != count; ++i) {
+        ovel::thread& each = all.emplace_back(32768u);
+        each.schedule(nothing);
+        each.release();
+    }
+    for (ovel::thread& each : all)
+        each.acquire();
+}
+
+}  // namespace traffic
+
+#endif
