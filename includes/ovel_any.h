@@ -105,6 +105,7 @@ public:
         std::swap(_content, other._content);
     }
 
+    // Whether it holds no value.
     bool empty() const {
         return _content == nullptr;
     }

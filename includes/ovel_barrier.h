@@ -33,10 +33,12 @@ namespace ovel {
 // Without deadlines. Waiting threads spin before they sleep.
 class OVEL_EXPORT barrier {
 public:
+    // For `capacity` threads; each polls `spin` times before it sleeps.
     barrier(unsigned int capacity, unsigned int spin);
     barrier(barrier const&) = delete;
     barrier& operator=(barrier const&) = delete;
 
+    // How many threads complete a phase.
     unsigned int capacity() const;
 
     // Arrives, and blocks until the phase leaves.
@@ -61,10 +63,12 @@ private:
 // With deadlines as well. Threads inside sleep without spinning.
 class OVEL_EXPORT timed_barrier {
 public:
+    // For `capacity` threads. `spin` is for those that wait outside, and for internal locks.
     timed_barrier(unsigned int capacity, unsigned int spin);
     timed_barrier(timed_barrier const&) = delete;
     timed_barrier& operator=(timed_barrier const&) = delete;
 
+    // How many threads complete a phase.
     unsigned int capacity() const;
 
     // Arrives, and blocks until the phase leaves.

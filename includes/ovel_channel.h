@@ -37,6 +37,7 @@ public:
         allocator_support::deallocate(_begin);
     }
 
+    // How many tokens there is room for.
     unsigned int capacity() const {
         return _capacity;
     }

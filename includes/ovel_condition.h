@@ -87,6 +87,8 @@ extern template class basic_condition<timed_semaphore>;
 // Waits without a deadline, with any mutex of the library.
 class OVEL_EXPORT condition : public detail::basic_condition<semaphore> {
 public:
+    // Waiting threads poll `spin` times before they sleep, `default_spin` times unless
+    // given.
     condition();
     explicit condition(unsigned int spin);
 
@@ -111,6 +113,7 @@ private:
 // Waits until a deadline as well; its sleepers never spin.
 class OVEL_EXPORT timed_condition : public detail::basic_condition<timed_semaphore> {
 public:
+    // `spin` is for internal locks, `default_spin` unless given.
     timed_condition();
     explicit timed_condition(unsigned int spin);
 

@@ -3,9 +3,11 @@
 #ifndef OVEL_FRAME_H
 #define OVEL_FRAME_H
 
-// OVEL_HIDDEN keeps a class inside an exported one from being exported with it.
 #if !defined(_WIN32)
+// Marks what the library shows to programs.
 #define OVEL_EXPORT __attribute__((visibility("default")))
+
+// Keeps a class inside an exported one from being exported with it.
 #define OVEL_HIDDEN __attribute__((visibility("hidden")))
 #elif defined(OVEL_BUILDING)
 #define OVEL_EXPORT __declspec(dllexport)
@@ -28,7 +30,7 @@ namespace ovel {
 // 128 bytes that separate a frequently written field from its neighbours, so
 // that each busy field has a cache line, and the line fetched with it, to itself.
 struct cacheline {
-    char bytes[128];
+    char bytes[128];  // never read or written
 };
 
 namespace detail {

@@ -51,17 +51,19 @@ public:
     // others of its kind.
     class iterator {
     public:
-        using value_type = T;
-        using difference_type = std::ptrdiff_t;
+        using value_type = T;                    // as the standard asks of iterators
+        using difference_type = std::ptrdiff_t;  // as well
 
         iterator() = default;
 
+        // The element there, which must exist.
         T& operator*() const {
             return static_cast<node*>(_position)->value;
         }
         T* operator->() const {
             return &**this;
         }
+        // Moves to the next element, or to the end.
         iterator& operator++() {
             _position = _position->_next;
             return *this;
@@ -71,6 +73,8 @@ public:
             ++*this;
             return before;
         }
+
+        // Whether both are the same position.
         friend bool operator==(iterator const&, iterator const&) = default;
 
     private:
@@ -83,18 +87,21 @@ public:
     // A position in a list whose elements may not be changed.
     class const_iterator {
     public:
-        using value_type = T;
-        using difference_type = std::ptrdiff_t;
+        using value_type = T;                    // as the standard asks of iterators
+        using difference_type = std::ptrdiff_t;  // as well
 
+        // Where an iterator is.
         const_iterator() = default;
         const_iterator(iterator position) : _position(position) {}
 
+        // The element there, which must exist.
         T const& operator*() const {
             return *_position;
         }
         T const* operator->() const {
             return &*_position;
         }
+        // Moves to the next element, or to the end.
         const_iterator& operator++() {
             ++_position;
             return *this;
@@ -102,6 +109,8 @@ public:
         const_iterator operator++(int) {
             return _position++;
         }
+
+        // Whether both are the same position.
         friend bool operator==(const_iterator const&, const_iterator const&) = default;
 
     private:
@@ -112,6 +121,7 @@ public:
     // it.
     using prepared = std::unique_ptr<node>;
 
+    // Without elements. Allocates nothing.
     list() : detail::list_links{this, this}, _size(0) {}
 
     // Throws what copying a value or allocating throws, and leaks nothing.
@@ -125,12 +135,16 @@ public:
         clear();
     }
 
+    // The first element, or the end.
     iterator begin() {
         return iterator(_next);
     }
+    // Behind the last element.
     iterator end() {
         return iterator(this);
     }
+
+    // The same for a list whose elements may not be changed.
     const_iterator begin() const {
         return iterator(_next);
     }
@@ -138,6 +152,7 @@ public:
         return const_cast<list*>(this)->end();
     }
 
+    // How many elements it has. Does not count them.
     unsigned int size() const {
         return _size;
     }
@@ -176,6 +191,7 @@ public:
         return last;
     }
 
+    // Erases all elements.
     void clear() {
         if (_size != 0)
             erase(begin(), end());

@@ -62,8 +62,9 @@ inline void deallocate_aligned(void* memory, std::size_t alignment) {
 template <class T>
 class container_allocator {
 public:
-    using value_type = T;
+    using value_type = T;  // as containers ask for it
 
+    // Allocators for different types are equal, too.
     container_allocator() = default;
     template <class U>
     container_allocator(container_allocator<U> const&) {}
@@ -74,10 +75,12 @@ public:
             throw std::bad_array_new_length();
         return static_cast<T*>(detail::allocate_aligned(size * sizeof(T), alignof(T)));
     }
+    // Frees what `allocate` returned, on any thread.
     void deallocate(T* memory, std::size_t) {
         detail::deallocate_aligned(memory, alignof(T));
     }
 
+    // True: what one allocates any other frees.
     template <class U>
     bool operator==(container_allocator<U> const&) const {
         return true;

@@ -146,15 +146,18 @@ extern template class reentrant_mutex<timed_semaphore>;
 // The ordinary lock: it spins, has no deadlines, and is not recursive.
 class mutex : public detail::plain_mutex<semaphore> {
 public:
+    // Free. `spin` is the spin count.
     explicit mutex(unsigned int spin = detail::current_spin()) : plain_mutex(spin) {}
 };
 
 // A lock with deadlines, not recursive.
 class OVEL_EXPORT timed_mutex : public detail::plain_mutex<timed_semaphore> {
 public:
+    // Free. The spin count is ignored.
     timed_mutex();
     explicit timed_mutex(unsigned int spin);
 
+    // Acquires the mutex unless `deadline` passes first; returns whether it did.
     bool timed_acquire(time const& deadline);
 };
 
@@ -163,6 +166,7 @@ public:
 // "++_depth != 0".
 class OVEL_EXPORT recursive_mutex : public detail::reentrant_mutex<semaphore> {
 public:
+    // Free. `spin` is the spin count.
     recursive_mutex();
     explicit recursive_mutex(unsigned int spin);
 };
@@ -170,9 +174,11 @@ public:
 // As `recursive_mutex`, with deadlines and without spinning.
 class OVEL_EXPORT timed_recursive_mutex : public detail::reentrant_mutex<timed_semaphore> {
 public:
+    // Free. The spin count is ignored.
     timed_recursive_mutex();
     explicit timed_recursive_mutex(unsigned int spin);
 
+    // Acquires the mutex unless `deadline` passes first; returns whether it did.
     bool timed_acquire(time const& deadline);
 };
 

@@ -44,11 +44,13 @@ public:
     semaphore(semaphore const&) = delete;
     semaphore& operator=(semaphore const&) = delete;
 
+    // Takes a unit; blocks until one is available.
     void acquire();
 
     // Takes a unit if one is available; never blocks.
     bool try_acquire();
 
+    // Gives one unit back, which wakes a thread that waits for it. Never blocks.
     void release();
 
 private:
@@ -94,13 +96,17 @@ public:
     timed_semaphore(timed_semaphore const&) = delete;
     timed_semaphore& operator=(timed_semaphore const&) = delete;
 
+    // Takes a unit; blocks until one is available.
     void acquire();
+
+    // Takes a unit if one is available; never blocks.
     bool try_acquire();
 
     // Takes a unit, or returns false once `deadline` has passed without one. Takes
     // an available unit even if the deadline has already passed.
     bool timed_acquire(time const& deadline);
 
+    // Gives one unit back, which wakes a thread that waits for it. Never blocks.
     void release();
 
 private:

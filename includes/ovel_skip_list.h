@@ -37,10 +37,12 @@ struct skip_list_order;
 // space first, then the longest time, then the one that was queued first.
 template <>
 struct skip_list_order<triple<thread_function*, double, double>> {
+    // Whether `x` takes more space than `e`, or as much and more time.
     static bool precedes(triple<thread_function*, double, double> const& x,
                          triple<thread_function*, double, double> const& e) {
         return x.third > e.third || (x.third == e.third && x.second > e.second);
     }
+
     // 0.0 and -0.0 are equal; the addition turns both into 0.0. The bits of both values,
     // one rotated, are multiplied by 2^64 over the golden ratio, which spreads them over the
     // upper bits.
@@ -98,17 +100,19 @@ public:
     // others of its kind.
     class iterator {
     public:
-        using value_type = T;
-        using difference_type = std::ptrdiff_t;
+        using value_type = T;                    // as the standard asks of iterators
+        using difference_type = std::ptrdiff_t;  // as well
 
         iterator() = default;
 
+        // The element there, which must exist.
         T& operator*() const {
             return *_value(_position);
         }
         T* operator->() const {
             return _value(_position);
         }
+        // Moves to the next element, or to the end.
         iterator& operator++() {
             _position = _forward(_position)[0];
             return *this;
@@ -118,6 +122,8 @@ public:
             ++*this;
             return before;
         }
+
+        // Moves to the element before, which must exist.
         iterator& operator--() {
             _position = _position->_previous;
             return *this;
@@ -127,6 +133,8 @@ public:
             --*this;
             return before;
         }
+
+        // Whether both are the same position.
         friend bool operator==(iterator const&, iterator const&) = default;
 
     private:
@@ -137,6 +145,7 @@ public:
         position* _position = nullptr;
     };
 
+    // Without elements. Allocates nothing.
     skip_list() : _size(0), _head(nullptr), _end{&_end}, _seed(1) {}
     skip_list(skip_list const&) = delete;
     skip_list& operator=(skip_list const&) = delete;
@@ -146,13 +155,16 @@ public:
         allocator_support::deallocate(_head);
     }
 
+    // The first element, or the end.
     iterator begin() {
         return iterator(_head == nullptr ? &_end : _forward(_head)[0]);
     }
+    // Behind the last element.
     iterator end() {
         return iterator(&_end);
     }
 
+    // How many elements it has, and whether it has none. Does not count them.
     unsigned int size() const {
         return _size;
     }
@@ -163,12 +175,13 @@ public:
     // An element that is not yet in a list, or no longer. The handle frees it unless a
     // list has taken it.
     struct freeing {
+        // Destroys the value and frees its memory.
         void operator()(T* value) const {
             std::destroy_at(value);
             allocator_support::deallocate(value);
         }
     };
-    using detached = std::unique_ptr<T, freeing>;
+    using detached = std::unique_ptr<T, freeing>;  // owns the element
 
     // Allocates for a later insertion, outside the lock that guards the list, with links
     // for `level` levels, 1 or more. Throws std::bad_alloc.
@@ -240,6 +253,7 @@ public:
     // `fetch` needs no lock: a prefetch may name memory that has been freed.
     class outlook {
     public:
+        // Prefetches them, to be written.
         void fetch() const {
             __builtin_prefetch(_list, 1);
             __builtin_prefetch(_list_head, 1);

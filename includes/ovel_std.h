@@ -160,6 +160,7 @@ public:
 template <class Mutex>
 class lockable<Mutex&> : public detail::lock_operations<lockable<Mutex&>, Mutex> {
 public:
+    // Refers to `lock`, which must outlive it.
     explicit lockable(Mutex& lock) : _referred(lock) {}
 
     // The mutex that it refers to.

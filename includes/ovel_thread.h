@@ -45,6 +45,7 @@ private:
 // last comes first.
 template <>
 struct skip_list_order<detail::thread_element*> {
+    // Whether the stack of `inserted` is not larger.
     static bool precedes(detail::thread_element* inserted, detail::thread_element* element) {
         return inserted->thread_base_().stack_size() <= element->thread_base_().stack_size();
     }

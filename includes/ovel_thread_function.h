@@ -16,6 +16,7 @@ namespace ovel {
 // that leaves it fails the check "("unexpected exception", 0)".
 class OVEL_EXPORT thread_function {
 public:
+    // There is nothing to copy but what a derived class adds.
     thread_function();
     thread_function(thread_function const&);
     thread_function& operator=(thread_function const&);

@@ -24,9 +24,11 @@ public:
     thread_specific_ptr(thread_specific_ptr const&) = delete;
     thread_specific_ptr& operator=(thread_specific_ptr const&) = delete;
 
+    // What the calling thread has stored; null if nothing.
     T* get() const {
         return static_cast<T*>(TlsGetValue(index));
     }
+    // Stores `value` for the calling thread.
     void set(T* value) {
         assure(TlsSetValue(index, value) != 0);
     }

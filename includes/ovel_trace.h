@@ -41,10 +41,10 @@ enum kind { work, firing, wait };
 
 // One scope that has ended. Times are in nanoseconds of std::chrono::steady_clock.
 struct event {
-    char const* name;
-    std::int64_t begin;
-    std::int64_t end;
-    kind what;
+    char const* name;    // valid as long as the recorder
+    std::int64_t begin;  // when it began
+    std::int64_t end;    // when it ended
+    kind what;           // its category
 };
 
 namespace detail {
@@ -166,9 +166,11 @@ inline std::int64_t now() {
 // Any thread may use it.
 class shared_name {
 public:
+    // Takes the text over.
     explicit shared_name(std::string text)
         : _text(std::make_shared<std::string const>(std::move(text))) {}
 
+    // The text, which lasts as long as the name.
     std::string const& text() const {
         return *_text;
     }
@@ -361,6 +363,7 @@ private:
 // is not copied: keep it valid as long as the recorder. Scopes of a thread nest.
 class [[nodiscard]] scope {
 public:
+    // Begins. Without memory for it the recorder counts it as dropped.
     explicit scope(char const* name, kind what = work) : scope(recorder::_buffer(), name, what) {}
     explicit scope(shared_name const& name, kind what = work)
         : scope(recorder::_buffer(name), name.text().c_str(), what) {}

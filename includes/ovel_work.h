@@ -65,8 +65,10 @@ private:
 template <class Callable>
 class work : public thread_function {
 public:
+    // Keeps `callable`.
     explicit work(Callable callable) : _callable(std::move(callable)) {}
 
+    // Calls it.
     void operator()() override {
         _callable();
     }
@@ -83,8 +85,8 @@ class crew_of;
 
 // How submitted work is scheduled: see `thread_group`.
 struct work_options {
-    double time = 1.0;
-    double space = 0.0;
+    double time = 1.0;   // above 0; of equal spaces the longest time goes first
+    double space = 0.0;  // of the group's, from 0 to all of it
 };
 
 namespace detail {
@@ -248,6 +250,7 @@ public:
         return seat != nullptr ? static_cast<work_group*>(seat->crew().owner()) : nullptr;
     }
 
+    // How many threads it has.
     unsigned int threads() const {
         return _crew.threads();
     }

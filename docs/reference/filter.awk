@@ -1,10 +1,21 @@
 # What Doxygen reads instead of a header: comments in its own notation. The headers'
 # own rules are shorter: a comment stands for all declarations up to the next blank
-# line, and what has none is told of where its class is.
+# line. What is deleted is left out.
 
 function indent_of(line) {
     match(line, /^ */)
     return RLENGTH
+}
+
+# A header's name is no tag, except in code.
+function escaped(line,    parts, count, i, result) {
+    count = split(line, parts, "`")
+    for (i = 1; i <= count; ++i) {
+        if (i % 2 == 1)
+            gsub(/</, "\\<", parts[i])
+        result = result (i > 1 ? "`" : "") parts[i]
+    }
+    return result
 }
 
 BEGIN {
@@ -18,10 +29,12 @@ BEGIN {
     in_comment = 1
     sub(/\/\/ ?/, "/// ")
     if ($0 !~ /\/\/\/     /)
-        gsub(/</, "\\<")  # a header's name; code is indented
+        $0 = escaped($0)  # code is indented
     comment = comment $0 "\n"
     depth = indent_of($0)
     begins = 1
+    if (NR == 1)
+        print "/// @file"
     print
     next
 }
@@ -31,6 +44,11 @@ BEGIN {
     in_comment = 0
     begins = 1
     print
+    next
+}
+
+/= delete;$/ && !in_body {
+    in_comment = 0
     next
 }
 
@@ -45,8 +63,10 @@ BEGIN {
     if (begins && declares && !in_comment) {
         if (comment != "" && here == depth)
             printf "%s", comment
-        else if (classes > 0 && here == members[classes])
-            print "/// Told of with its class."
+    }
+    # Behind a member: about that member.
+    if (!in_body && !in_comment && classes > 0 && here == members[classes] && /;  +\/\/ /) {
+        sub(/\/\/ /, "///< ")
     }
     in_comment = 0
 

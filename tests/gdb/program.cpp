@@ -88,9 +88,8 @@ int main() {
     auto const words = pipeline.insert_place<std::string>("words", 4);
     auto const lengths = pipeline.insert_place<std::size_t>("a name that is long", 2);
     auto const unused = pipeline.insert_place<int>("unused", 1);
-    auto const measure =
-        pipeline.insert_transition("measure", from(words), to(lengths),
-                                   [](std::string const& word) { return word.size(); });
+    auto const measure = pipeline.insert_transition(
+        "measure", from(words), to(lengths), [](std::string const& word) { return word.size(); });
     words.send("token");
     words.send("tokens");
     measure.deactivate();
