@@ -10,6 +10,7 @@ namespace ovel {
 
 namespace detail {
 
+struct process_hooks;
 struct recycler_hook;
 
 }  // namespace detail
@@ -48,6 +49,7 @@ protected:
 
 private:
     friend struct detail::inspector;
+    friend struct detail::process_hooks;
     friend struct detail::recycler_hook;
 
     // The recycler thread's work.
@@ -67,6 +69,7 @@ private:
 
     static void _release();
     void _acquire();
+    void _forget();
 
     // Never destroyed: threads may go on using it while the process ends.
     static allocator_recycler& _global;

@@ -348,8 +348,11 @@ public:
         triple<unsigned int, double, unsigned int> const* end)
         : _net(begin, end) {}
 
-    // Stops a net that runs, without waiting for it to rest: firings under way end.
+    // Stops a net that runs, without waiting for it to rest: firings under way end. In a
+    // fork, where its threads do not exist, it only goes out of use.
     ~net() {
+        if (_net.inherited())
+            return;
         if (_running) {
             halt();
             _net.acquire();
@@ -442,6 +445,12 @@ private:
                 name = &record->name.text();
         assure(name != 0);
         return *name;
+    }
+
+    // Takes `_lock` for the length of a scope.
+    [[nodiscard]] std::lock_guard<lockable<mutex>> _hold() {
+        assure(!_net.inherited());
+        return std::lock_guard(_lock);
     }
 
     transition _insert(std::unique_ptr<detail::transition_record> inserted,
@@ -668,7 +677,7 @@ void firing::put(place<T> const& output, std::type_identity_t<T> value) {
 
 inline void transition::activate() const {
     net& owner = _record->owner;
-    std::lock_guard const hold(owner._lock);
+    auto const hold = owner._hold();
     _record->active = true;
     // Relaxed: it changes under the lock.
     if (!owner._halted.load(std::memory_order_relaxed))
@@ -676,7 +685,7 @@ inline void transition::activate() const {
 }
 
 inline void transition::deactivate() const {
-    std::lock_guard const hold(_record->owner._lock);
+    auto const hold = _record->owner._hold();
     _record->active = false;
     _record->element->deactivate();
 }
@@ -734,7 +743,7 @@ inline transition net::_insert(std::unique_ptr<detail::transition_record> insert
 class net::blocked {
 public:
     explicit blocked(net& in) : _net(in) {
-        std::lock_guard const hold(_net._lock);
+        auto const hold = _net._hold();
         if (_net._failed.load(std::memory_order_relaxed))
             std::rethrow_exception(_net._failure);
         ++_net._blocked;
@@ -754,7 +763,7 @@ private:
 
 inline void net::start() {
     {
-        std::lock_guard const hold(_lock);
+        auto const hold = _hold();
         if (_failed.load(std::memory_order_relaxed))
             wait(_unblocked, _lock, [this] { return _blocked == 0; });
         if (_halted.load(std::memory_order_relaxed))
@@ -801,12 +810,12 @@ inline std::exception_ptr net::_await_unblocked() {
 }
 
 inline void net::halt() {
-    std::lock_guard const hold(_lock);
+    auto const hold = _hold();
     _deactivate();
 }
 
 inline void net::fail(std::exception_ptr failure) {
-    std::lock_guard const hold(_lock);
+    auto const hold = _hold();
     if (_failed.load(std::memory_order_relaxed))
         return;
     _failure = std::move(failure);
@@ -825,7 +834,7 @@ inline void net::_deactivate() {
 inline void net::_rethrow() {
     std::exception_ptr failure;
     {
-        std::lock_guard const hold(_lock);
+        auto const hold = _hold();
         failure = _failure;
     }
     std::rethrow_exception(failure);

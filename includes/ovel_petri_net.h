@@ -186,6 +186,9 @@ private:
     }
     unsigned int _settle_declared(detail::atomic<unsigned int>& skip, unsigned int size);
 
+    bool inherited() const;
+    void _assure_present() const;
+
     [[maybe_unused]] cacheline _before;
     channel _channel;  // under _mutex
     [[maybe_unused]] cacheline _between;
@@ -206,6 +209,7 @@ private:
     // What `_arcs` says, as the engine reads it.
     detail::petri_side _consumers;
     detail::petri_side _producers;
+    detail::atomic<unsigned int> _runner{0};  // the net's
 };
 
 // Joins a place and a transition in one direction, with a weight: the tokens that
@@ -528,11 +532,17 @@ public:
 
     // Destroys places with their tokens, transitions and arcs. A net that is not
     // stopped fails the check "_acquired && _queue_thread_acquired &&
-    // _thread_group_acquireds == _groups", as every change of its structure does.
+    // _thread_group_acquireds == _groups", as every change of its structure does; in a
+    // fork, which its threads are not part of, it goes out of use and leaves its memory.
     ~petri_net();
 
     petri_net(petri_net const&) = delete;
     petri_net& operator=(petri_net const&) = delete;
+
+    // Whether the net ran when this process was forked: then its threads exist in the
+    // parent only, and all that is to be done with it is to destroy it. Else operations
+    // on it and on its places fail the check "!inherited()". Any thread.
+    bool inherited() const;
 
     // Building. All throw std::bad_alloc, having inserted nothing.
 
@@ -653,6 +663,7 @@ private:
     void _wake();
 
     bool _runs_caller() const;
+    void _set_runner(unsigned int process);
     template <class Join>
     bool _stop(Join join);
     template <class Join>
@@ -680,6 +691,9 @@ private:
     condition _condition;                 // blocked callers, with `_mutex`
     condition _rest;                      // the queue thread, with `_mutex`
     engine* _engine = nullptr;            // owned
+    // The process that runs the net, 0 while it is stopped. Written by the thread that
+    // starts and stops it. Relaxed: it tells forks from the process that set it.
+    detail::atomic<unsigned int> _runner{0};
 };
 
 }  // namespace ovel

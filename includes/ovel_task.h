@@ -265,10 +265,14 @@ public:
     // Checks "_threads != 0 && space >= 0". Throws std::bad_alloc. `owner` is what
     // `owner()` returns.
     OVEL_EXPORT task_crew(unsigned int threads, double space, unsigned int stack_size, void* owner);
-    // `end` has been called.
+    // `end` has been called, unless it is inherited.
     OVEL_EXPORT ~task_crew();
     task_crew(task_crew const&) = delete;
     task_crew& operator=(task_crew const&) = delete;
+
+    // Whether this process was forked while the crew ran, and has none of its threads. Then
+    // all that uses it fails the check "!inherited()", but for its destruction.
+    OVEL_EXPORT bool inherited() const;
 
     unsigned int threads() const {
         return _threads;
@@ -375,6 +379,9 @@ private:
     task_seat* _sleepers = nullptr;  // last come first
     items _queue;
     timed_condition _idle;  // `_unfinished` has come to 0
+    // The process that runs the threads, 0 once they are joined. Relaxed: it tells forks
+    // from the process that set it.
+    atomic<unsigned int> _runner;
 };
 
 inline bool task_seat::is_begged() const {

@@ -14,6 +14,7 @@ namespace ovel {
 namespace detail {
 
 struct pool_hook;
+struct process_hooks;
 
 // A thread of the pool: the run loop and the thread that runs it, for as long as
 // the element lives. It belongs to the pool while it is idle and to whoever
@@ -32,11 +33,15 @@ public:
     thread_function_base& thread_function_base_();
     thread_base& thread_base_();
 
+    // Whether this process was forked since: then there is no such thread in it.
+    bool inherited() const;
+
 private:
     friend struct inspector;
 
     thread_function_base _function;
     thread_base _thread_base;
+    unsigned int const _process;  // that has started it
 };
 
 }  // namespace detail
@@ -85,6 +90,7 @@ public:
 private:
     friend struct inspector;
     friend struct pool_hook;
+    friend struct process_hooks;
 
     thread_element* _take(unsigned int stack_size);
     thread_element* _take_first();
@@ -148,6 +154,7 @@ public:
 private:
     friend struct detail::inspector;
 
+    void _assure_joinable() const;
     bool _join(bool completed);
 
     [[maybe_unused]] cacheline _before;

@@ -118,11 +118,16 @@ public:
     thread_group(unsigned int threads, double space, unsigned int stack_size);
 
     // Discards waiting items. Threads that are not joined fail the check
-    // "_acquired == _threads".
+    // "_acquired == _threads", but in a fork, which they are not part of.
     ~thread_group();
 
     thread_group(thread_group const&) = delete;
     thread_group& operator=(thread_group const&) = delete;
+
+    // Whether the group ran when this process was forked: then its threads exist in
+    // the parent only, its memory is left to that, and all that is to be done with it is
+    // to destroy it. Else operations fail the check "!inherited()". Any thread.
+    bool inherited() const;
 
     // How many threads it has, and their stacks' size in bytes.
     unsigned int threads() const;
@@ -186,6 +191,9 @@ private:
     bool* _thread_acquired = nullptr;
     condition _condition;  // idle workers wait here
     detail::thread_group_crew _crew;
+    // The process that runs the threads, 0 while they are joined. Written by the owner;
+    // relaxed: it tells forks from the process that set it.
+    detail::atomic<unsigned int> _runner{0};
 };
 
 }  // namespace ovel

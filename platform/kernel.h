@@ -33,6 +33,13 @@ inline namespace kernel {
 
 inline constexpr std::size_t region_length = 65536;
 
+// What `at_fork` takes.
+struct fork_handlers {
+    void (*before)();
+    void (*in_parent)();
+    void (*in_child)();
+};
+
 }  // namespace kernel
 
 }  // namespace ovel
@@ -51,6 +58,7 @@ inline constexpr std::size_t region_length = 65536;
 #include <x86intrin.h>
 #include <cstdlib>
 
+#include "linux/generation.h"
 #include "linux/quick_pointer.h"
 #endif
 
@@ -97,6 +105,21 @@ BOOL ReleaseMutex(HANDLE mutex);
 // system refuses.
 std::uintptr_t _beginthreadex(void* security, unsigned int stack, unsigned int (*entry)(void*),
                               void* argument, unsigned int flags, unsigned int* identifier);
+
+// Forks.
+
+// How often the process and those before it were forked: one more in a child than in its
+// parent. Threads exist in the process that has started them only; waiting for one that
+// was left behind is `WAIT_FAILED`.
+//     unsigned int process_generation();
+
+// Has a thread that forks call `before`, then fork, and call `in_parent` or `in_child`;
+// in the child it is the only thread. Meanwhile no other thread is inside a service that
+// changes what threads share here.
+//
+// Called once, when the library is loaded; without effect where processes are not
+// forked. False when memory is exhausted.
+//     bool at_fork(fork_handlers const& handlers);
 
 // Whether the system has ended all other threads already, wherever they were, since the
 // process ends: then no lock may be waited for.
@@ -206,16 +229,19 @@ inline void* quick_pointer() {
 }
 inline void set_quick_pointer(void*) {}
 
+inline unsigned int process_generation() {
+    return 0;
+}
+inline bool at_fork(fork_handlers const&) {
+    return true;
+}
 inline bool other_threads_have_ended() {
     return false;
 }
 
 #else
 
-// All other threads go on until the process is gone.
-inline bool other_threads_have_ended() {
-    return false;
-}
+bool at_fork(fork_handlers const& handlers);
 
 using ::free;
 using ::malloc;

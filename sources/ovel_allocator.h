@@ -18,6 +18,7 @@ class allocator;
 namespace detail {
 
 struct chunk;
+struct process_hooks;
 
 // The header in front of the memory of every block. It stays in place while the
 // block is in use: `_chunk` is what tells, when the block is freed or measured,
@@ -215,6 +216,7 @@ public:
 private:
     friend class allocator_group;
     friend struct detail::inspector;
+    friend struct detail::process_hooks;
 
     using counter = detail::atomic<std::size_t>;
 

@@ -11,6 +11,7 @@
 #include "ovel_time.h"
 
 #include <algorithm>
+#include <memory>
 
 namespace ovel {
 
@@ -68,6 +69,13 @@ void allocator_recycler::_acquire() {
     _stop = true;
     if (detail::_recycler_started.exchange(false))
         detail::_recycler_thread.acquire();
+}
+
+void allocator_recycler::_forget() {
+    std::construct_at(&detail::_recycler_thread, detail::_recycler_thread.stack_size());
+    detail::_recycler_started = false;
+    detail::_recycler_flag = 0;
+    _stop = false;
 }
 
 detail::recycler_hook::~recycler_hook() {

@@ -1,5 +1,5 @@
-// Loading and unloading: the global objects of the library, in the order in
-// which they are built. Every step is here, because only within one file is the order
+// Loading and unloading: the global objects of the library, in the order in which
+// they are built. Every step is here, because only within one file is the order
 // the one that is written.
 //
 // The exit hooks run in the reverse order: the recycler's thread is joined, then every
@@ -9,6 +9,7 @@
 
 #include "ovel_library.h"
 
+#include "kernel.h"
 #include "ovel_allocator_recycler.h"
 #include "ovel_thread.h"
 #include "ovel_thread_support.h"
@@ -56,5 +57,12 @@ unsigned int volatile default_spin =
 // 6. The time server's once-flag: not yet run.
 unsigned int volatile time_server::_created = 0;
 time_server* time_server::_global = nullptr;
+
+// 7. Nothing but the handlers of forks.
+namespace {
+[[maybe_unused]] bool const handled =
+    at_fork({&detail::process_hooks::before_fork, &detail::process_hooks::in_parent,
+             &detail::process_hooks::in_child});
+}  // namespace
 
 }  // namespace ovel

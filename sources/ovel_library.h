@@ -19,6 +19,18 @@ struct recycler_hook {
     ~recycler_hook();
 };
 
+// What the library does when the process is forked.
+struct process_hooks {
+    static void before_fork();
+    static void in_parent();
+    static void in_child();
+
+private:
+    static void _lock_allocators();
+    static void _unlock_allocators();
+    static void _inherit_allocators();
+};
+
 // Ends the idle threads of the pool when it is destroyed.
 struct pool_hook {
     ~pool_hook();

@@ -21,31 +21,37 @@ unsigned int petri_place::capacity() const {
 }
 
 void petri_place::peek(any& token) {
+    _assure_present();
     detail::guard const hold(_mutex);
     _channel.peek(token);
 }
 
 void petri_place::receive(any& token) {
+    _assure_present();
     detail::guard const hold(_mutex);
     _channel.receive(token);
 }
 
 void petri_place::send(any const& token) {
+    _assure_present();
     detail::guard const hold(_mutex);
     _channel.send(token);
 }
 
 void petri_place::_put(any&& token) {
+    _assure_present();
     detail::guard const hold(_mutex);
     _channel.put(std::move(token));
 }
 
 void petri_place::receive_skip() {
+    _assure_present();
     detail::guard const hold(_mutex);
     detail::add(_receive_skip, 1u);
 }
 
 void petri_place::send_skip() {
+    _assure_present();
     detail::guard const hold(_mutex);
     detail::add(_send_skip, 1u);
 }

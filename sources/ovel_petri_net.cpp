@@ -10,6 +10,7 @@
 #include "ovel_allocator_group.h"
 #include "ovel_guard.h"
 #include "ovel_petri_engine.h"
+#include "ovel_process.h"
 #include "ovel_spin_wait.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
@@ -34,8 +35,21 @@ void petri_transition::insert_arc(list<petri_arc*>::prepared&& inserted) {
     _arcs.push_back(std::move(inserted));
 }
 
+bool petri_place::inherited() const {
+    return detail::is_inherited(_runner.load(std::memory_order_relaxed));
+}
+
+void petri_place::_assure_present() const {
+    assure(!inherited());
+}
+
+bool petri_net::inherited() const {
+    return detail::is_inherited(_runner.load(std::memory_order_relaxed));
+}
+
 // Takes the mutex.
 void petri_net::_enter() {
+    assure(!inherited());
     if (!_mutex.try_acquire())
         _enter_contended();
 }
@@ -121,9 +135,12 @@ void petri_net::runner::call() {
 void petri_net::runner::operator()() {
     petri_net& net = _net;  // another thread may write this object's cache lines meanwhile
     allocator_group* const group = allocator_group::global();
+    using detail::this_process;
+    unsigned int const process = this_process();
     for (petri_transition* firing = net._next_firing(*this, nullptr); firing != nullptr;
          firing = net._next_firing(*this, firing)) {
         firing->petri_transition::operator()();  // not virtual: saves a cache miss
+        assure(process == this_process());
         // The group sees one long work item here, and would do this at its end only.
         group->flush_allocator(true);
     }
@@ -251,7 +268,13 @@ void petri_net::_construct_groups(triple<unsigned int, double, unsigned int> con
     }
 }
 
+// In a fork the lists of places, transitions and arcs are whole, for they change while
+// the net is stopped only. What they hold is in use.
 petri_net::~petri_net() {
+    if (inherited()) {
+        std::construct_at(&_queue);
+        return;
+    }
     _assure_stopped();
     for (petri_place* place : _places)
         delete place;
@@ -356,6 +379,7 @@ void petri_net::activate(petri_transition* transition) {
 }
 
 void petri_net::deactivate(petri_transition* transition) {
+    assure(!inherited());
     detail::guard const hold(_mutex);
     transition->activated(false);
     if (transition->queued())
@@ -401,12 +425,14 @@ void petri_net::_wake() {
 }
 
 void petri_net::peek(petri_place* place, any& token) {
+    assure(!inherited());
     detail::guard const hold(_mutex);
     _await_token(place);
     place->peek(token);
 }
 
 bool petri_net::try_peek(petri_place* place, any& token) {
+    assure(!inherited());
     detail::guard const hold(_mutex);
     if (!place->receive_enabled(1))
         return false;
@@ -520,6 +546,7 @@ void petri_net::release() {
         _enqueue_initial_transitions();
     }
     start starting(*this);
+    _set_runner(detail::this_process());
     for (unsigned int i = 0; i != _groups; ++i) {
         _thread_groups[i]->release();
         _thread_group_acquired[i] = false;
@@ -542,6 +569,13 @@ void petri_net::_withdraw_start() {
         if (!_thread_group_acquired[i])
             _thread_groups[i]->conclude();
     _join_groups(join);
+    _set_runner(0);
+}
+
+void petri_net::_set_runner(unsigned int process) {
+    _runner.store(process, std::memory_order_relaxed);
+    for (petri_place* place : _places)
+        place->_runner.store(process, std::memory_order_relaxed);
 }
 
 // Whether the calling thread is one of the net's that fire.
@@ -576,6 +610,8 @@ bool petri_net::_stop(Join join) {
         return false;
     if (!_queue_thread_acquired)
         _queue_thread_acquired = join(_queue_thread);
+    if (_queue_thread_acquired)
+        _set_runner(0);
     return _queue_thread_acquired;
 }
 

@@ -16,12 +16,14 @@
 #include "ovel_assure.h"
 #include "ovel_guard.h"
 #include "ovel_once.h"
+#include "ovel_process.h"
 #include "ovel_spin_wait.h"
 #include "ovel_task.h"
 #include "ovel_thread_support.h"
 #include "ovel_work_queue.h"
 
 #include <algorithm>
+#include <memory>
 #include <new>
 #include <utility>
 
@@ -86,7 +88,8 @@ task_crew::task_crew(unsigned int threads, double space, unsigned int stack_size
       _owner(owner),
       _spin(current_spin()),
       _mutex(_spin),
-      _space(space) {
+      _space(space),
+      _runner(this_process()) {
     assure(_threads != 0 && space >= 0);
     call_once(create_slot, slot_created);
     try {
@@ -99,8 +102,16 @@ task_crew::task_crew(unsigned int threads, double space, unsigned int stack_size
         _workers[i].release();
 }
 
+// In a fork the queue may be half changed, and the threads' objects are in use.
 task_crew::~task_crew() {
-    _destroy();
+    if (inherited())
+        std::construct_at(&_queue);
+    else
+        _destroy();
+}
+
+bool task_crew::inherited() const {
+    return is_inherited(_runner.load(std::memory_order_relaxed));
 }
 
 void task_crew::_build(unsigned int stack_size) {
@@ -119,6 +130,7 @@ void task_crew::_destroy() {
 
 bool task_crew::queue(thread_function& item, double time_, double space_) {
     double const _space = _budget;  // work that fits the group waits until it fits
+    assure(!inherited());
     assure(time_ > 0 && space_ >= 0 && space_ <= _space);
     auto element = items::prepare({&item, time_, space_}, _level.load(std::memory_order_relaxed));
     task_seat* woken = nullptr;
@@ -139,6 +151,7 @@ bool task_crew::queue(thread_function& item, double time_, double space_) {
 }
 
 void task_crew::stop() {
+    assure(!inherited());
     guard const hold(_mutex);
     _stopped = true;
 }
@@ -150,6 +163,7 @@ bool task_crew::runs_caller() {
 
 template <class Wait>
 bool task_crew::_wait(bool then_stops, Wait const& wait) {
+    assure(!inherited());
     guard const hold(_mutex);
     while (_unfinished != 0)
         if (!wait())
@@ -183,6 +197,7 @@ void task_crew::end() {
         woken->_wake.release();
     for (unsigned int i = 0; i != _threads; ++i)
         _workers[i].acquire();
+    _runner.store(0, std::memory_order_relaxed);
 }
 
 task_seat* task_crew::current_seat() {
@@ -203,6 +218,7 @@ task_seat* task_crew::find_seat() {
 }
 
 task_seat& task_crew::enter(task_seat*& previous) {
+    assure(!inherited());
     previous = current_seat();
     task_seat* seat = find_seat();
     if (seat == nullptr) {
@@ -246,6 +262,7 @@ task_seat& task_crew::_add_seat(bool worker, unsigned long owner) {
 // The loop of a worker. Children go before queued items: what has begun is to end.
 void task_crew::_work(task_seat& seat) {
     allocator_group* const group = allocator_group::global();
+    unsigned int const process = this_process();
     items::detached item;  // runs, or has just ended
     bool active = true;    // the thread's allocator
     for (;;) {
@@ -274,6 +291,7 @@ void task_crew::_work(task_seat& seat) {
                 _sleep(seat);
             continue;
         }
+        assure(process == this_process());
         group->flush_allocator(true);
     }
     if (!active)

@@ -1,5 +1,6 @@
 // Scopes and seats: putting children in, stealing them, and waiting for them.
 
+#include "ovel_assure.h"
 #include "ovel_guard.h"
 #include "ovel_task.h"
 #include "ovel_thread_support.h"
@@ -175,6 +176,7 @@ void scope_base::_fork_from(task_seat* seat, task& child) {
 
 void scope_base::_wait(unsigned int stolen) {
     task_crew& crew = _seat._crew;
+    assure(!crew.inherited());
     _pending.fetch_add(2 * static_cast<int>(stolen));
     while (_pending.load(std::memory_order_acquire) >= 2) {
         task* found = crew._steal_below(_seat, *this);

@@ -10,8 +10,10 @@ thread::thread() : thread(thread_base::default_stack_size) {}
 
 thread::thread(unsigned int stack_size) : _stack_size(stack_size) {}
 
+// A run that was left behind by a fork is nobody's to join.
 thread::~thread() {
-    assure(_acquired);
+    if (_element == nullptr || !_element->inherited())
+        assure(_acquired);
 }
 
 void thread::schedule(thread_function& function) {
@@ -27,19 +29,24 @@ void thread::release() {
     _acquired = false;
 }
 
-void thread::acquire() {
+void thread::_assure_joinable() const {
     assure(!_acquired);
+    assure(!_element->inherited());
+}
+
+void thread::acquire() {
+    _assure_joinable();
     _element->thread_function_base_().acquire();
     _join(true);
 }
 
 bool thread::try_acquire() {
-    assure(!_acquired);
+    _assure_joinable();
     return _join(_element->thread_function_base_().try_acquire());
 }
 
 bool thread::timed_acquire(time const& deadline) {
-    assure(!_acquired);
+    _assure_joinable();
     return _join(_element->thread_function_base_().timed_acquire(deadline));
 }
 

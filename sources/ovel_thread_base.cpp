@@ -7,6 +7,7 @@
 #include "ovel_assure.h"
 #include "ovel_guard.h"
 #include "ovel_library.h"
+#include "ovel_process.h"
 #include "ovel_semaphore.h"
 #include "ovel_thread.h"
 #include "ovel_thread_support.h"
@@ -129,6 +130,7 @@ bool thread_function_base::timed_acquire(time const& deadline) {
 // others free meanwhile do not wait for a thread that may idle for long.
 void thread_function_base::operator()() {
     allocator_group* const group = allocator_group::global();
+    unsigned int const process = this_process();
     group->deactivate_allocator(false);
     for (;;) {
         _start.acquire();
@@ -140,13 +142,15 @@ void thread_function_base::operator()() {
         } catch (...) {
             assure(("unexpected exception", 0));
         }
+        assure(process == this_process());
         group->deactivate_allocator(false);
         _finish.release();
     }
     group->activate_allocator();
 }
 
-thread_element::thread_element(unsigned int stack_size) : _thread_base(stack_size) {
+thread_element::thread_element(unsigned int stack_size)
+    : _thread_base(stack_size), _process(this_process()) {
     _thread_base.schedule(_function);
     _thread_base.release();
 }
@@ -162,6 +166,10 @@ thread_function_base& thread_element::thread_function_base_() {
 
 thread_base& thread_element::thread_base_() {
     return _thread_base;
+}
+
+bool thread_element::inherited() const {
+    return is_inherited(_process);
 }
 
 thread_element_group::thread_element_group() : _lock(1, current_spin()) {}

@@ -14,10 +14,12 @@
 #include "ovel_assure.h"
 #include "ovel_counter.h"
 #include "ovel_guard.h"
+#include "ovel_process.h"
 #include "ovel_spin_wait.h"
 #include "ovel_thread_support.h"
 #include "ovel_work_queue.h"
 
+#include <memory>
 #include <new>
 
 namespace ovel {
@@ -180,6 +182,7 @@ void thread_group_function_base::operator()() {
     _identifier.store(thread_support::thread_identifier(), std::memory_order_relaxed);
     allocator_group* const group = allocator_group::global();
     group->deactivate_allocator(true);
+    unsigned int const process = this_process();
     bool active = false;  // the thread's allocator
     _acquire();
     while (!_has_ended()) {
@@ -201,6 +204,7 @@ void thread_group_function_base::operator()() {
             } catch (...) {
                 assure(("unexpected exception", 0));
             }
+            assure(process == this_process());
             // What deactivating and activating again would do, while there is work.
             group->flush_allocator(true);
             active = true;
@@ -253,9 +257,18 @@ thread_group::thread_group(unsigned int threads, double space, unsigned int stac
     assure(_threads != 0 && space >= 0);
 }
 
+// In a fork the queue may be half changed, and the threads' objects are in use.
 thread_group::~thread_group() {
+    if (inherited()) {
+        std::construct_at(&_queue);
+        return;
+    }
     assure(_acquired == _threads);
     _destruct();
+}
+
+bool thread_group::inherited() const {
+    return detail::is_inherited(_runner.load(std::memory_order_relaxed));
 }
 
 unsigned int thread_group::threads() const {
@@ -268,6 +281,7 @@ unsigned int thread_group::stack_size() const {
 
 void thread_group::schedule(thread_function& function, double time, double space) {
     detail::assure_schedulable(time, space, _crew.budget);
+    assure(!inherited());
     auto element =
         queue::prepare({&function, time, space}, _crew.level.load(std::memory_order_relaxed));
     bool wakes;
@@ -287,6 +301,7 @@ void thread_group::schedule(thread_function& function, double time, double space
 }
 
 void thread_group::conclude() {
+    assure(!inherited());
     {
         detail::patient_guard const hold(_mutex, _crew.spin);
         assure(!_concluded);
@@ -297,6 +312,7 @@ void thread_group::conclude() {
 }
 
 void thread_group::clear() {
+    assure(!inherited());
     detail::guard const hold(_mutex);
     assure(!_concluded);
     _queue.clear();
@@ -312,6 +328,7 @@ void thread_group::release() {
             throw;
         }
     }
+    _runner.store(detail::this_process(), std::memory_order_relaxed);
     for (unsigned int i = 0; i != _threads; ++i) {
         _thread[i]->schedule(*_function[i]);
         _thread[i]->release();
@@ -389,6 +406,7 @@ bool thread_group::_join(Join join) {
         _thread_acquired[i] = true;
         ++_acquired;
     }
+    _runner.store(0, std::memory_order_relaxed);
     detail::guard const hold(_mutex);
     _concluded = false;
     return true;

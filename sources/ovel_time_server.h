@@ -10,6 +10,12 @@
 
 namespace ovel {
 
+namespace detail {
+
+struct process_hooks;
+
+}  // namespace detail
+
 // Counters of different processors need not agree, so readings that are to be
 // compared come from this thread alone, which stays on one processor. It runs from
 // the first reading to the end of the process.
@@ -27,6 +33,7 @@ public:
 
 private:
     friend struct detail::inspector;
+    friend struct detail::process_hooks;
 
     time_server();
     static void _create();

@@ -155,14 +155,65 @@ TEST(thread_test, a_wait_keeps_its_deadline_while_thread_local_objects_are_destr
     join(thread);
 }
 
-TEST(thread_test, a_forked_process_has_an_identity_of_its_own) {
-    GetCurrentThreadId();  // which is kept
+// What the library would do when it is loaded.
+bool const forks_are_handled = at_fork({[] {}, [] {},
+                                        [] {
+                                        }});
+
+// Forks and returns whether `work` succeeds in the child.
+template <class Work>
+bool in_fork(Work const& work) {
     pid_t const child = fork();
     if (child == 0)
-        _exit(GetCurrentThreadId() == static_cast<unsigned long>(gettid()) ? 0 : 1);
+        _exit(work() ? 0 : 1);
     int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    return waitpid(child, &status, 0) == child && status == 0;
+}
+
+TEST(fork_test, a_child_has_an_identity_of_its_own_and_none_of_the_threads) {
+    ASSERT_TRUE(forks_are_handled);
+    GetCurrentThreadId();  // which is kept
+    static HANDLE const proceed = make_semaphore(0);
+    auto const wait = [](void*) {
+        take(proceed, INFINITE);
+        return 0u;
+    };
+    HANDLE const running = start(wait, nullptr);
+    HANDLE const owned = CreateMutexA(nullptr, 0, "owned by the thread that forks");
+    ASSERT_TRUE(take(owned));
+    EXPECT_TRUE(in_fork([=] {
+        return GetCurrentThreadId() == static_cast<unsigned long>(gettid()) &&
+               process_generation() == 1 && WaitForSingleObject(running, INFINITE) == WAIT_FAILED &&
+               WaitForSingleObject(running, 0) == WAIT_FAILED && CloseHandle(running) != 0 &&
+               ReleaseMutex(owned) != 0 && CloseHandle(owned) != 0;
+    }));
+    EXPECT_EQ(process_generation(), 0u);
+    ReleaseSemaphore(proceed, 1, nullptr);
+    join(running);
+    CloseHandle(owned);
+}
+
+// The locks of the services may be held at any moment, and a named mutex as well.
+TEST(fork_test, a_child_uses_what_other_threads_were_using) {
+    std::atomic<bool> done = false;
+    auto const use = [] {
+        DWORD const index = TlsAlloc();
+        HANDLE const mutex = CreateMutexA(nullptr, 0, "in use");
+        bool const good = take(mutex, INFINITE) && TlsSetValue(index, mutex) != 0;
+        void* const region = malloc_region(136);
+        DWORD_PTR const mask = process_mask();
+        bool const allowed = SetThreadAffinityMask(GetCurrentThread(), mask) != 0;
+        free_region(region);
+        return good && allowed && ReleaseMutex(mutex) != 0 && CloseHandle(mutex) != 0 &&
+               TlsFree(index) != 0;
+    };
+    auto const users = crew(3, [&](int) {
+        while (!done)
+            EXPECT_TRUE(use());
+    });
+    for (int forked = 0; forked != 100; ++forked)
+        EXPECT_TRUE(in_fork(use));
+    done = true;
 }
 
 // Both the near and the far slots, seen from the thread that had set a value under

@@ -115,20 +115,21 @@ struct ovel::detail::inspector {
     LAYOUT(thread_base, (268, 280), (0, 0), _before, _stack_size, _thread, _function, _after);
     LAYOUT(time_server, (1596, 1624, 1600), (132, 136), _thread, _lock, _request, _reply, _reading);
     LAYOUT(thread_function_base, (796, 816), (132, 136), _start, _function, _terminate, _finish);
-    LAYOUT(thread_element, (1064, 1096), (0, 0), _function, _thread_base);
+    LAYOUT(thread_element, (1068, 1104), (0, 0), _function, _thread_base, _process);
     LAYOUT(skip_list<int*>, (16, 32), (0, 0), _size, _head, _end, _seed);
     LAYOUT(list<int*>, (12, 24), (0, 0), _next, _previous, _size);
     LAYOUT(thread_element_group, (412, 432), (0, 0), _lock, _elements);
-    LAYOUT(thread_group, (1804, 1856, 1808), (0, 0), _mutex, _threads, _stack_size, _acquired,
-           _space, _concluded, _queue, _function, _thread, _thread_acquired, _condition, _crew);
+    LAYOUT(thread_group, (1808, 1864, 1816), (0, 0), _mutex, _threads, _stack_size, _acquired,
+           _space, _concluded, _queue, _function, _thread, _thread_acquired, _condition, _crew,
+           _runner);
     LAYOUT(thread_group_function_base, (160, 192), (152, 176), _crew, _identifier);
     LAYOUT(ovel::thread, (272, 280), (0, 0), _before, _stack_size, _acquired, _function, _element,
            _after);
     LAYOUT(any, (4, 8), (0, 0), _content);
     LAYOUT(channel, (24, 40), (0, 0), _capacity, _size, _begin, _end, _back, _front);
-    LAYOUT(petri_place, (752, 808), (0, 0), _before, _channel, _between, _size, _receive_size,
+    LAYOUT(petri_place, (756, 816), (0, 0), _before, _channel, _between, _size, _receive_size,
            _send_size, _receive_skip, _send_skip, _arcs, _mutex, _receivers, _senders, _capacity,
-           _consumers, _producers);
+           _consumers, _producers, _runner);
     // `offsetof` finds no references: what lies behind one is a line of its own.
     LAYOUT(petri_arc, (20, 40), (0, 0), _input, _place, _transition);
     LAYOUT(petri_arc, (20, 40), (16, 32), _size);
@@ -139,10 +140,10 @@ struct ovel::detail::inspector {
     LAYOUT(petri_transition, (464, 512, 472), (264, 272), _reentrant, _time, _space, _group, _net,
            _activated, _firing, _random, _arcs, _iterator, _after, _accesses, _rank);
     LAYOUT(petri_queue_function, (392, 400), (132, 136), _before, _net, _after);
-    LAYOUT(petri_net, (3796, 3904), (0, 0), _mutex, _groups, _firings, _acquired, _random,
+    LAYOUT(petri_net, (3800, 3912), (0, 0), _mutex, _groups, _firings, _acquired, _random,
            _queue_thread_acquired, _thread_group_acquireds, _thread_group_acquired, _queue_function,
            _queue_thread, _thread_groups, _places, _transitions, _arcs, _queue, _condition, _rest,
-           _engine);
+           _engine, _runner);
 
     static_assert(sizeof(list<int*>::iterator) == sizeof(void*));
     static_assert(sizeof(skip_list<int*>::iterator) == sizeof(void*));

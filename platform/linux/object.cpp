@@ -2,6 +2,7 @@
 
 #include "linux/object.h"
 
+#include "linux/fork.h"
 #include "linux/pthread_guard.h"
 #include "linux/thread.h"
 #include "linux/units.h"
@@ -45,13 +46,14 @@ struct kernel_mutex : kernel_object {
     unsigned int depth = 0;  // how often the owner has yet to release; owner only
 
     char* const name;
-    unsigned int handles = 0;      // under table_lock
-    kernel_mutex* next = nullptr;  // under table_lock
+    // In a fork the name stands for another mutex: the owner of this one may not be there.
+    unsigned int const process = process_generation();
+    unsigned int handles = 0;      // under named_mutexes_lock
+    kernel_mutex* next = nullptr;  // under named_mutexes_lock
 };
 
 // The named mutexes of the process. The lock is held at most for a search.
-pthread_mutex_t table_lock = PTHREAD_MUTEX_INITIALIZER;
-kernel_mutex* table;  // under table_lock
+kernel_mutex* table;  // under named_mutexes_lock
 
 bool kernel_mutex::wait(DWORD milliseconds) {
     unsigned long const self = GetCurrentThreadId();
@@ -88,7 +90,7 @@ kernel_mutex* make_mutex(char const* name) {
 
 void close(kernel_mutex& mutex) {
     {
-        detail::pthread_guard const hold(table_lock);
+        detail::pthread_guard const hold(detail::named_mutexes_lock);
         if (--mutex.handles != 0)
             return;
         kernel_mutex** link = &table;
@@ -101,6 +103,15 @@ void close(kernel_mutex& mutex) {
 }
 
 }  // namespace
+
+pthread_mutex_t detail::named_mutexes_lock = PTHREAD_MUTEX_INITIALIZER;
+
+void detail::inherit_named_mutexes(unsigned long former, unsigned long now) {
+    for (kernel_mutex* each = table; each; each = each->next) {
+        if (each->owner.load(std::memory_order_relaxed) == former)
+            each->owner.store(now, std::memory_order_relaxed);
+    }
+}
 
 HANDLE kernel::CreateSemaphoreA(void*, LONG count, LONG maximum, char const*) {
     if (count < 0 || maximum < 1 || count > maximum)
@@ -116,9 +127,10 @@ BOOL kernel::ReleaseSemaphore(HANDLE semaphore, LONG count, LONG*) {
 HANDLE kernel::CreateMutexA(void*, BOOL, char const* name) {
     if (!name)
         return nullptr;
-    detail::pthread_guard const hold(table_lock);
+    detail::pthread_guard const hold(detail::named_mutexes_lock);
     kernel_mutex* mutex = table;
-    while (mutex && std::strcmp(mutex->name, name) != 0)
+    while (mutex &&
+           !(mutex->process == process_generation() && std::strcmp(mutex->name, name) == 0))
         mutex = mutex->next;
     if (!mutex) {
         mutex = make_mutex(name);

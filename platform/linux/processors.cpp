@@ -9,6 +9,7 @@
 #include "linux/processors.h"
 
 #include "kernel.h"
+#include "linux/fork.h"
 #include "linux/object.h"
 #include "linux/pthread_guard.h"
 #include "ovel_atomic.h"
@@ -35,10 +36,9 @@ unsigned int system_mask;
 unsigned int machine_processors;  // 32 at most
 processor_bits bits;
 
-// What it has now. The lock is held for every change of a thread's processors. So a
+// What it has now. `processors_lock` is held for every change of a thread's processors. So a
 // thread that starts either has the new ones, or the thread that sets them finds it.
-pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-processor_set process_set;  // under the lock
+processor_set process_set;  // under processors_lock
 // Written under the lock; read without it. Relaxed: it publishes nothing but itself.
 constinit detail::atomic<unsigned int> process_mask{0};
 
@@ -111,6 +111,8 @@ constinit detail::kernel_object current_process{detail::object_kind::current_pro
 
 }  // namespace
 
+pthread_mutex_t detail::processors_lock = PTHREAD_MUTEX_INITIALIZER;
+
 void detail::processor_bits::assign(processor_set const& allowed) {
     _size = 0;
     for (int processor = 0; processor < 32; ++processor)
@@ -143,7 +145,7 @@ processor_set detail::processor_bits::set_of(unsigned int mask) const {
 
 void detail::use_processors_of_process() {
     need_processors();
-    pthread_guard const hold(lock);
+    pthread_guard const hold(detail::processors_lock);
     process_set.apply(0);  // refused: the thread keeps its creator's
 }
 
@@ -184,7 +186,7 @@ BOOL kernel::SetProcessAffinityMask(HANDLE process, DWORD_PTR mask) {
         return 0;
     bool restricted;
     {
-        detail::pthread_guard const hold(lock);
+        detail::pthread_guard const hold(detail::processors_lock);
         restricted = restrict_process(threads, mask == initial_mask
                                                    ? initial_set
                                                    : bits.set_of(static_cast<unsigned int>(mask)));
@@ -195,7 +197,7 @@ BOOL kernel::SetProcessAffinityMask(HANDLE process, DWORD_PTR mask) {
 
 DWORD_PTR kernel::SetThreadAffinityMask(HANDLE thread, DWORD_PTR mask) {
     need_processors();
-    detail::pthread_guard const hold(lock);
+    detail::pthread_guard const hold(detail::processors_lock);
     unsigned int const all = process_mask.load(std::memory_order_relaxed);
     if (thread != &current_thread || mask == 0 || (mask & ~DWORD_PTR(all)) != 0)
         return 0;

@@ -2,6 +2,7 @@
 // heap, and regions.
 
 #include "kernel.h"
+#include "linux/fork.h"
 #include "linux/pthread_guard.h"
 
 #include <malloc.h>
@@ -40,8 +41,7 @@ constexpr std::size_t most_before = 2 * sizeof(cacheline);
 static_assert(sizeof(mapping) <= sizeof(cacheline));
 static_assert(most_before + mapping::regions * mapping::step <= mapping::length);
 
-pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-mapping* with_free = nullptr;  // under the lock, like all mappings
+mapping* with_free = nullptr;  // under regions_lock, like all mappings
 
 void link(mapping& one) {
     one.next = with_free;
@@ -75,6 +75,8 @@ mapping* map() {
 
 }  // namespace
 
+pthread_mutex_t detail::regions_lock = PTHREAD_MUTEX_INITIALIZER;
+
 char* kernel::_ui64toa(std::uint64_t value, char* text, int radix) {
     auto const base = static_cast<std::uint64_t>(radix);
     char* end = text + 1;
@@ -97,7 +99,7 @@ std::size_t kernel::_msize(void* memory) {
 }
 
 void* kernel::malloc_region(std::size_t busy) {
-    detail::pthread_guard const hold(lock);
+    detail::pthread_guard const hold(detail::regions_lock);
     mapping* const home = with_free != nullptr ? with_free : map();
     if (home == nullptr)
         return nullptr;
@@ -113,7 +115,7 @@ void* kernel::malloc_region(std::size_t busy) {
 }
 
 void kernel::free_region(void* region) {
-    detail::pthread_guard const hold(lock);
+    detail::pthread_guard const hold(detail::regions_lock);
     if (__lsan_unregister_root_region != nullptr)
         __lsan_unregister_root_region(region, region_length);
     auto const address = reinterpret_cast<std::size_t>(region);

@@ -111,6 +111,8 @@ bool detail::kernel_thread::_try_join() {
 // for the caller, and leaves the C library. A join waits for that too: it gives the stack
 // back, and tells race and leak checkers that the thread is gone.
 DWORD detail::kernel_thread::wait(DWORD milliseconds) {
+    if (process != process_generation())
+        return WAIT_FAILED;
     if (milliseconds == 0) {
         bool const returned = ended.load(std::memory_order_acquire) != 0;
         return returned && _try_join() ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
@@ -136,7 +138,8 @@ DWORD detail::kernel_thread::wait(DWORD milliseconds) {
 }
 
 void detail::kernel_thread::close() {
-    if (!joined)  // no lock: no thread waits any more
+    // No lock: no thread waits any more.
+    if (!joined && process == process_generation())
         pthread_detach(thread);
     leave();
 }
@@ -173,9 +176,6 @@ std::uintptr_t kernel::_beginthreadex(void*, unsigned int stack, unsigned int (*
 constinit thread_local unsigned int kernel::current_thread_id = 0;
 
 unsigned int kernel::find_current_thread_id() {
-    // The only thread of a forked child is another one than that which forked.
-    static pthread_once_t once = PTHREAD_ONCE_INIT;
-    pthread_once(&once, [] { pthread_atfork(nullptr, nullptr, [] { current_thread_id = 0; }); });
     return current_thread_id = static_cast<unsigned int>(gettid());
 }
 

@@ -20,8 +20,8 @@ struct kernel_thread : kernel_object {
         : kernel_object{own_kind}, entry(entry_), argument(argument_) {}
 
     // Waits for the thread's end and joins it. Any number of threads may call it. The
-    // results of `WaitForSingleObject`; `WAIT_FAILED` when the system refuses to join,
-    // as it does a thread that would join itself.
+    // results of `WaitForSingleObject`; `WAIT_FAILED` in a fork, and when the system
+    // refuses to join, as it does a thread that would join itself.
     DWORD wait(DWORD milliseconds);
 
     // Gives the handle up.
@@ -30,6 +30,8 @@ struct kernel_thread : kernel_object {
     // Gives a hold up.
     void leave();
 
+    // The thread exists in the process that has started it, and in no fork of that.
+    unsigned int const process = process_generation();
     unsigned int (*const entry)(void*);
     void* const argument;
     atomic<std::uint32_t> identifier = 0;  // of the thread, once it runs

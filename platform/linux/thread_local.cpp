@@ -7,6 +7,7 @@
 // used up is retired, not wrapped: an old entry never becomes valid again.
 
 #include "kernel.h"
+#include "linux/fork.h"
 #include "linux/pthread_guard.h"
 #include "ovel_atomic.h"
 
@@ -17,6 +18,8 @@
 namespace ovel {
 
 constinit thread_local void* detail::quick_pointer_word = nullptr;
+
+pthread_mutex_t detail::slots_lock = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
@@ -29,13 +32,12 @@ constexpr DWORD slots = near_slots + far_slots;
 static_assert(slots <= slot_mask);  // TLS_OUT_OF_INDEXES names no slot
 
 struct slot {
-    // 0 when it is free. Written under the lock; read without it, to tell a stale
+    // 0 when it is free. Written under slots_lock; read without it, to tell a stale
     // index from the current one. Relaxed: passing the index to the reader orders this.
     detail::atomic<DWORD> index;
-    DWORD generation;  // under the lock
+    DWORD generation;  // under slots_lock
 };
 
-pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 constinit slot table[slots] = {};
 
 // A thread's values, and the indexes under which they were set. Initial-exec, so that
@@ -86,7 +88,7 @@ slot* slot_in_use(DWORD index) {
 }  // namespace
 
 DWORD kernel::TlsAlloc() {
-    detail::pthread_guard const hold(lock);
+    detail::pthread_guard const hold(detail::slots_lock);
     for (DWORD number = 0; number < slots; ++number) {
         slot& free_slot = table[number];
         if (free_slot.index.load(std::memory_order_relaxed) != 0 ||
@@ -100,7 +102,7 @@ DWORD kernel::TlsAlloc() {
 }
 
 BOOL kernel::TlsFree(DWORD index) {
-    detail::pthread_guard const hold(lock);
+    detail::pthread_guard const hold(detail::slots_lock);
     slot* const used = slot_in_use(index);
     if (!used)
         return 0;

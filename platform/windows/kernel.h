@@ -17,6 +17,14 @@ inline void* quick_pointer() {
 }
 inline void set_quick_pointer(void*) {}
 
+// Processes are not forked.
+inline unsigned int process_generation() {
+    return 0;
+}
+inline bool at_fork(fork_handlers const&) {
+    return true;
+}
+
 bool other_threads_have_ended();
 
 // Regions are blocks of the runtime heap like any other.

@@ -1,0 +1,55 @@
+// Forks. The child has a copy of the memory and one thread: what another thread held or
+// had half done stays so for ever. The library's handlers therefore take its locks, and
+// the layer its own inside them, so that nobody is in the middle of anything then.
+
+#include "linux/fork.h"
+
+#include "kernel.h"
+
+#include <iterator>
+
+namespace ovel {
+
+constinit unsigned int detail::process_generation_word = 0;
+
+namespace {
+
+fork_handlers library;
+pthread_mutex_t* const locks[] = {&detail::named_mutexes_lock, &detail::slots_lock,
+                                  &detail::processors_lock, &detail::regions_lock};
+
+void unlock() {
+    for (auto each = std::rbegin(locks); each != std::rend(locks); ++each)
+        pthread_mutex_unlock(*each);
+}
+
+void before_fork() {
+    library.before();
+    for (pthread_mutex_t* const each : locks)
+        pthread_mutex_lock(each);
+}
+
+void after_fork_in_parent() {
+    unlock();
+    library.in_parent();
+}
+
+// The locks belong to the thread that has taken them, which is this one.
+void after_fork_in_child() {
+    unsigned long const former = current_thread_id;
+    current_thread_id = 0;
+    ++detail::process_generation_word;
+    if (former != 0)  // else it owns nothing
+        detail::inherit_named_mutexes(former, GetCurrentThreadId());
+    unlock();
+    library.in_child();
+}
+
+}  // namespace
+
+bool kernel::at_fork(fork_handlers const& handlers) {
+    library = handlers;
+    return pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child) == 0;
+}
+
+}  // namespace ovel

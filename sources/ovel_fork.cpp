@@ -1,0 +1,92 @@
+// Forks of the process. The thread that forks takes the library's locks before, so that
+// nothing they guard is half changed in the child, where that thread is the only one. What
+// threads work on without a lock, the rings of their allocators, may be half changed still.
+//
+// Lock order: the pool's, by which forks exclude each other; all allocators' but the global
+// one's; the global one's; the kernel services' own. A thread that holds an allocator's lock
+// waits for the global one's at most, which is not held while another one is waited for.
+
+#include "kernel.h"
+#include "ovel_allocator.h"
+#include "ovel_allocator_group.h"
+#include "ovel_allocator_recycler.h"
+#include "ovel_library.h"
+#include "ovel_semaphore.h"
+#include "ovel_thread.h"
+#include "ovel_thread_support.h"
+#include "ovel_time_server.h"
+
+#include <memory>
+
+namespace ovel::detail {
+
+namespace {
+
+// Threads that waited for it are no more.
+void free_in_child(semaphore& lock, unsigned int spin) {
+    std::destroy_at(&lock);
+    std::construct_at(&lock, 1, spin);
+}
+
+}  // namespace
+
+// Allocators are registered, at the front of their list, while others are locked.
+void process_hooks::_lock_allocators() {
+    semaphore& registry = allocator_group::global()->global_allocator()->_lock;
+    allocator* locked = nullptr;  // with all behind it
+    for (registry.acquire(); allocator::_allocators != locked; registry.acquire()) {
+        allocator* const first = allocator::_allocators;
+        registry.release();
+        for (allocator* each = first; each != locked; each = each->_next)
+            if (each != allocator::_global_allocator)
+                each->_lock.acquire();
+        locked = first;
+    }
+}
+
+void process_hooks::_unlock_allocators() {
+    for (allocator* each = allocator::_allocators; each != nullptr; each = each->_next)
+        if (each != allocator::_global_allocator)
+            each->_lock.release();
+    allocator::_global_allocator->_lock.release();
+}
+
+// An allocator that was deactivated is whole, and serves whom it is given to next. One that
+// served another thread is left as it is: it takes in what is freed of it, and nobody works
+// on its rings. Where there are forks the quick pointer tells what serves this thread.
+void process_hooks::_inherit_allocators() {
+    allocator* const own = static_cast<allocator*>(quick_pointer());
+    allocator::_released_allocators = nullptr;
+    for (allocator* each = allocator::_allocators; each != nullptr; each = each->_next) {
+        free_in_child(each->_lock, current_spin());
+        if (each->_activated || each == own)
+            continue;
+        if (each == allocator::_default_allocator)
+            continue;
+        each->_next_released = allocator::_released_allocators;
+        allocator::_released_allocators = each;
+    }
+}
+
+void process_hooks::before_fork() {
+    thread_element_group::global()->_lock.acquire();
+    _lock_allocators();
+}
+
+void process_hooks::in_parent() {
+    _unlock_allocators();
+    thread_element_group::global()->_lock.release();
+}
+
+// The pool has no thread left, and its lock polls as little as the one built at load. The
+// recycler and the clock start anew when they are next used.
+void process_hooks::in_child() {
+    _inherit_allocators();
+    thread_element_group& pool = *thread_element_group::global();
+    free_in_child(pool._lock, 0);
+    std::construct_at(&pool._elements);
+    allocator_recycler::global()->_forget();
+    time_server::_created = 0;
+}
+
+}  // namespace ovel::detail
