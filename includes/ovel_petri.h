@@ -54,11 +54,11 @@ class place;
 // its weight was given. For `from` and `to`, which it leads the compiler to.
 template <class T, bool Weighted>
 struct place_arc {
-    using value = T;
-    static constexpr bool weighted = Weighted;
+    using value = T;                            // what the place holds
+    static constexpr bool weighted = Weighted;  // whether the weight was given
 
-    place<T> end;
-    unsigned int weight;
+    place<T> end;         // the place
+    unsigned int weight;  // tokens that a firing takes or puts
 };
 
 namespace detail {
@@ -204,12 +204,17 @@ public:
         return place_arc<T, true>{*this, weight};
     }
 
+    // Its name, which lasts as long as the net.
     std::string const& name() const {
         return _record->name.text();
     }
+
+    // How many tokens it has room for.
     unsigned int capacity() const {
         return _record->element->capacity();
     }
+
+    // The place in `net::base`.
     petri_place* base() const {
         return _record->element;
     }
@@ -235,9 +240,12 @@ public:
     void activate() const;
     void deactivate() const;
 
+    // Its name, which lasts as long as the net.
     std::string const& name() const {
         return _record->name.text();
     }
+
+    // The transition in `net::base`.
     petri_transition* base() const {
         return _record->element;
     }
@@ -307,10 +315,10 @@ private:
 // How a transition is fired: see `petri_net::insert_transition`. Only a `reentrant`
 // body may run on several threads at once.
 struct transition_options {
-    bool reentrant = false;
-    double time = 1.0;
-    double space = 0.0;
-    unsigned int group = 0;
+    bool reentrant = false;  // whether firings may run at once
+    double time = 1.0;       // above 0; of equal spaces the longest time goes first
+    double space = 0.0;      // of its group's, from 0 to all of it
+    unsigned int group = 0;  // the index of the group that fires it
 };
 
 // The places that a transition takes tokens from, or puts them into: a `place` for
@@ -515,9 +523,59 @@ template <class T>
 requires(std::tuple_size<T>::value !=
          0) inline constexpr std::size_t tuple_size<T> = std::tuple_size<T>::value;
 
-// What a message to whoever wrote a body depends on.
-template <class>
-inline constexpr bool never = false;
+// What keeps a body from fitting the arcs of its transition.
+enum class misfit { none, parameters, weights, scope_result, any_result, no_result, result, tuple };
+
+// Whether a place of `to` takes what a body returned for it, a value or an optional one.
+template <class Result, class Arc>
+consteval bool takes() {
+    if constexpr (std::is_convertible_v<Result, typename Arc::value>)
+        return true;
+    else if constexpr (is_optional<std::remove_cvref_t<Result>>)
+        return std::is_convertible_v<decltype(*std::declval<Result>()), typename Arc::value>;
+    else
+        return false;
+}
+
+template <class Results, class Arcs, std::size_t... indices>
+consteval bool take_all(std::index_sequence<indices...>) {
+    return (takes<decltype(std::get<indices>(std::declval<Results>())),
+                  std::tuple_element_t<indices, Arcs>>() &&
+            ...);
+}
+
+template <class Result, class... To>
+consteval misfit result_misfit() {
+    if constexpr (sizeof...(To) == 0) {
+        return std::is_void_v<Result> ? misfit::none : misfit::any_result;
+    } else if constexpr (std::is_void_v<Result>) {
+        return misfit::no_result;
+    } else if constexpr (sizeof...(To) == 1) {
+        return (takes<Result, To>() && ...) ? misfit::none : misfit::result;
+    } else if constexpr (tuple_size<std::remove_cvref_t<Result>> == sizeof...(To)) {
+        return take_all<Result, std::tuple<To...>>(std::make_index_sequence<sizeof...(To)>())
+                   ? misfit::none
+                   : misfit::result;
+    } else {
+        return misfit::tuple;
+    }
+}
+
+template <class Body, class... From, class... To>
+consteval misfit misfit_of(std::type_identity<inputs<From...>>,
+                           std::type_identity<outputs<To...>>) {
+    if constexpr (std::is_invocable_v<Body&, typename From::value...>) {
+        if constexpr ((From::weighted || ...) || (To::weighted || ...))
+            return misfit::weights;
+        else
+            return result_misfit<std::invoke_result_t<Body&, typename From::value...>, To...>();
+    } else if constexpr (std::is_invocable_v<Body&, firing&>) {
+        return std::is_void_v<std::invoke_result_t<Body&, firing&>> ? misfit::none
+                                                                    : misfit::scope_result;
+    } else {
+        return misfit::parameters;
+    }
+}
 
 // A transition with a body of type `Body`.
 template <class Body, class Inputs, class Outputs>
@@ -544,18 +602,10 @@ private:
     }
 
     void _run(firing& scope) override {
-        if constexpr (std::is_invocable_v<Body&, typename From::value...>) {
-            static_assert((!From::weighted && ...) && (!To::weighted && ...),
-                          "a body with weighted arcs takes a firing&");
+        if constexpr (std::is_invocable_v<Body&, typename From::value...>)
             _run_typed(scope);
-        } else if constexpr (std::is_invocable_v<Body&, firing&>) {
-            static_assert(std::is_void_v<std::invoke_result_t<Body&, firing&>>,
-                          "a body that takes a firing& returns nothing");
+        else
             _body(scope);
-        } else {
-            static_assert(never<Body>,
-                          "a body takes one token of each place in from(), or a firing&");
-        }
     }
 
     void _run_typed(firing& scope) {
@@ -565,21 +615,13 @@ private:
                 return std::tuple<typename From::value...>{scope.take(each.end)...};
             },
             _from.arcs);
-        using result = decltype(std::apply(_body, std::move(taken)));
-        if constexpr (sizeof...(To) == 0) {
-            static_assert(std::is_void_v<result>, "a body without to() returns nothing");
+        if constexpr (sizeof...(To) == 0)
             std::apply(_body, std::move(taken));
-        } else if constexpr (std::is_void_v<result>) {
-            static_assert(never<Body>, "a body returns what the places in to() take");
-        } else if constexpr (sizeof...(To) == 1) {
+        else if constexpr (sizeof...(To) == 1)
             _put(scope, std::get<0>(_to.arcs), std::apply(_body, std::move(taken)));
-        } else if constexpr (tuple_size<std::remove_cvref_t<result>> == sizeof...(To)) {
+        else
             _put_all(scope, std::apply(_body, std::move(taken)),
                      std::make_index_sequence<sizeof...(To)>());
-        } else {
-            static_assert(never<Body>,
-                          "a body returns a std::tuple with a value for each place in to()");
-        }
     }
 
     template <class Results, std::size_t... indices>
@@ -592,14 +634,10 @@ private:
     // Puts what the body returned for one place.
     template <class Arc, class Result>
     static void _put(firing& scope, Arc const& to, Result&& result) {
-        if constexpr (std::is_convertible_v<Result&&, typename Arc::value>) {
+        if constexpr (std::is_convertible_v<Result&&, typename Arc::value>)
             scope.put(to.end, std::forward<Result>(result));
-        } else if constexpr (is_optional<std::remove_cvref_t<Result>>) {
-            if (result.has_value())
-                scope.put(to.end, *std::forward<Result>(result));
-        } else {
-            static_assert(never<Result>, "a body returns what the places in to() take");
-        }
+        else if (result.has_value())
+            scope.put(to.end, *std::forward<Result>(result));
     }
 
     Body _body;
@@ -715,9 +753,28 @@ template <class... From, class... To, class Body>
 transition net::insert_transition(std::string name, detail::inputs<From...> from,
                                   detail::outputs<To...> to, Body body,
                                   transition_options options) {
-    using record = detail::body_record<Body, detail::inputs<From...>, detail::outputs<To...>>;
-    return _insert(std::make_unique<record>(*this, std::move(name), from, to, std::move(body)),
-                   options);
+    using detail::misfit;
+    using inputs = detail::inputs<From...>;
+    using outputs = detail::outputs<To...>;
+    // Here and not where the body is called, since compilers then show the caller's line.
+    constexpr misfit fault =
+        detail::misfit_of<Body>(std::type_identity<inputs>(), std::type_identity<outputs>());
+    static_assert(fault != misfit::parameters,
+                  "a body takes one token of each place in from(), or a firing&");
+    static_assert(fault != misfit::weights, "a body with weighted arcs takes a firing&");
+    static_assert(fault != misfit::scope_result, "a body that takes a firing& returns nothing");
+    static_assert(fault != misfit::any_result, "a body without to() returns nothing");
+    static_assert(fault != misfit::no_result && fault != misfit::result,
+                  "a body returns what the places in to() take");
+    static_assert(fault != misfit::tuple,
+                  "a body returns a std::tuple with a value for each place in to()");
+    // What does not fit is not compiled further: its one message is above.
+    if constexpr (fault == misfit::none)
+        return _insert(std::make_unique<detail::body_record<Body, inputs, outputs>>(
+                           *this, std::move(name), from, to, std::move(body)),
+                       options);
+    else
+        return transition(nullptr);
 }
 
 inline transition net::_insert(std::unique_ptr<detail::transition_record> inserted,
@@ -742,6 +799,7 @@ inline transition net::_insert(std::unique_ptr<detail::transition_record> insert
 // failed with: a thread that is counted is woken when the net fails from then on.
 class net::blocked {
 public:
+    // Throws what the net has failed with.
     explicit blocked(net& in) : _net(in) {
         auto const hold = _net._hold();
         if (_net._failed.load(std::memory_order_relaxed))

@@ -217,6 +217,7 @@ private:
 // pointer to the place, the place reference, names the arc within its transition.
 class OVEL_EXPORT petri_arc {
 public:
+    // For nets: see `petri_net::insert_input_arc`.
     petri_arc(bool input, petri_place* place, petri_transition* transition,
               petri_place*& place_reference, unsigned int size);
 
@@ -224,6 +225,7 @@ public:
     bool input() const;
     bool output() const;
 
+    // What it joins, and the variable that names it to firing code.
     petri_place* place() const;
     petri_transition* transition() const;
     petri_place*& place_reference() const;
@@ -256,6 +258,7 @@ inline bool detail::petri_access::enabled() const {
 // take.
 class OVEL_EXPORT petri_connector {
 public:
+    // For transitions: see `petri_transition::input`.
     petri_connector(bool input, petri_transition* transition, petri_place*& place_reference,
                     unsigned int size, unsigned int capacity);
 
@@ -308,6 +311,7 @@ private:
 // exception", 0)".
 class OVEL_EXPORT petri_function : public thread_function {
 public:
+    // A copy names the same transition, until one is inserted with it.
     petri_function();
     petri_function(petri_function const&);
     petri_function& operator=(petri_function const&);
@@ -332,11 +336,13 @@ private:
 // `insert_transition` returned are given arcs, activated and deactivated.
 class OVEL_EXPORT petri_transition : public thread_function {
 public:
+    // For nets, and copies in their containers: see `petri_net::insert_transition`.
     petri_transition(petri_function& function, bool reentrant, double time, double space,
                      unsigned int group, petri_net* net);
     petri_transition(petri_transition const&);
     ~petri_transition() override;
 
+    // What it fires.
     petri_function& function() const;
 
     // Whether several firings may run at once.
@@ -351,6 +357,7 @@ public:
     // The index of the group that runs its firings.
     unsigned int group() const;
 
+    // The net that it is part of.
     petri_net* net() const;
 
     // The transition's end of an arc that `place_reference` is to name. The
@@ -469,6 +476,7 @@ inline petri_place* petri_connector::place() const {
 // largest random number.
 template <>
 struct skip_list_order<petri_transition*> {
+    // Whether `inserted` is dispatched before `queued`.
     static bool precedes(petri_transition* inserted, petri_transition* queued) {
         if (inserted->_space != queued->_space)
             return inserted->_space > queued->_space;
@@ -482,6 +490,7 @@ struct skip_list_order<petri_transition*> {
 // until the net is to stop and has come to rest, and ends the groups.
 class OVEL_EXPORT petri_queue_function : public thread_function {
 public:
+    // For nets.
     explicit petri_queue_function(petri_net* net);
     petri_queue_function(petri_queue_function const&);
     petri_queue_function& operator=(petri_queue_function const&);

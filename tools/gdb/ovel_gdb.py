@@ -347,10 +347,16 @@ class ThreadGroup(Printer):
 
 class WorkGroup(Printer):
     def describe(self):
-        group = ThreadGroup(self.value["_group"]).describe()
-        unfinished = int(self.value["_unfinished"])
-        state = f"{counted(unfinished, 'work item')} unfinished, {group}"
-        return f"stopped, {state}" if self.value["_stopped"] else state
+        crew = self.value["_crew"]
+        units_and_waiting(crew["_mutex"]["_semaphore"])
+        state = "stopped, " if crew["_stopped"] else ""
+        state += counted(int(crew["_unfinished"]), "work item") + " unfinished"
+        waiting = int(crew["_queue"]["_size"])
+        state += f", {waiting} of them waiting" if waiting else ""
+        threads = counted(int(crew["_threads"]), "thread")
+        asleep = plain(crew["_asleep"])
+        state += f", {threads}" + (f", {asleep} asleep" if asleep else "")
+        return f"{state}, {float(crew['_space']):g} of {float(crew['_budget']):g} space free"
 
 
 printers = gdb.printing.RegexpCollectionPrettyPrinter("ovel")
