@@ -62,6 +62,12 @@ private:
     template <class Semaphore>
     friend class detail::reentrant_mutex;
 
+    friend class allocator;
+
+    // The kernel's half of one, null when memory is exhausted, and the whole around it.
+    static HANDLE _create();
+    semaphore(int value, unsigned int spin, HANDLE created);
+
     // `acquire` for a semaphore that never has more than one unit. Tries to take it
     // without reading `_value` first: the read would wait for the locked instruction
     // before it to complete, and the locked instruction after it for the read.

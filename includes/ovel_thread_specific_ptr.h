@@ -33,6 +33,11 @@ public:
         assure(TlsSetValue(index, value) != 0);
     }
 
+    // The same, but false, with nothing changed, in place of a failed check.
+    bool try_set(T* value) {
+        return TlsSetValue(index, value) != 0;
+    }
+
 private:
     friend struct detail::inspector;
 

@@ -148,6 +148,21 @@ void Sleep(DWORD milliseconds);
 //     void* TlsGetValue(DWORD index);
 //     BOOL TlsSetValue(DWORD index, void* value);
 
+// Fiber-local slots, which tell when a thread ends: `callback(value)` is then called on
+// that thread for a value that is not null. It sets the slot to null itself, which not every
+// system does. On Linux that is after the destructors of the thread's `thread_local` objects
+// and amid those of its pthread keys, on Windows it may be before all of them. A value set
+// from then on may be forgotten without a call. No call is made on the thread that ends the
+// process by `exit`, or while the library is unloaded. The index is `FLS_OUT_OF_INDEXES` when
+// no slot is left: its value is null, and cannot be set. Setting null to a slot that is not
+// null always succeeds, else it returns 0 without memory.
+
+inline constexpr DWORD FLS_OUT_OF_INDEXES = 0xffffffffu;
+
+DWORD FlsAlloc(void (*callback)(void*));
+void* FlsGetValue(DWORD index);
+BOOL FlsSetValue(DWORD index, void* value);
+
 // One more pointer of each thread, which is read without a call. A hint: it is null in a
 // thread that has not set it, and always on a platform that has nothing faster than a
 // slot.

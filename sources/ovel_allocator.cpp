@@ -36,6 +36,7 @@ void prefetch_along(detail::block& one, detail::block* next) {
 
 constinit allocator* allocator::_global_allocator = nullptr;
 constinit allocator* allocator::_default_allocator = nullptr;
+constinit detail::atomic<bool> allocator::_default_is_lent{false};
 constinit allocator* allocator::_allocators = nullptr;
 constinit allocator* allocator::_released_allocators = nullptr;
 
@@ -71,8 +72,8 @@ void detail::chunk::format(allocator* owner, std::size_t length, std::size_t blo
     poison(this, length);
 }
 
-allocator::allocator(allocator* parent)
-    : _lock(1, detail::current_spin()),
+allocator::allocator(allocator* parent, HANDLE lock)
+    : _lock(1, detail::current_spin(), lock),
       _parent(parent),
       _next(nullptr),
       _next_released(nullptr),
@@ -97,9 +98,23 @@ allocator::allocator(allocator* parent)
     _allocators = this;
 }
 
-allocator::allocator(bool global) : allocator(global ? nullptr : _global_allocator) {}
+allocator::allocator(bool global)
+    : allocator(global ? nullptr : _global_allocator, semaphore::_create()) {}
 
-allocator::allocator() : allocator(allocator_group::global()->global_allocator()) {}
+allocator::allocator()
+    : allocator(allocator_group::global()->global_allocator(), semaphore::_create()) {}
+
+allocator* allocator::build_to_lend() {
+    HANDLE const lock = semaphore::_create();
+    if (lock == nullptr)
+        throw std::bad_alloc();
+    try {
+        return new allocator(_global_allocator, lock);
+    } catch (...) {
+        assure(CloseHandle(lock) != 0);
+        throw;
+    }
+}
 
 void* allocator::operator new(std::size_t size) {
     void* const memory = malloc(size);
@@ -374,6 +389,21 @@ void allocator::deactivate(bool keep) {
     detail::guard<semaphore> const hold(_lock);
     assure(_activated);
     _activated = false;
+}
+
+// The owner alone changes the flag, and so reads it without the lock.
+void allocator::leave() {
+    if (!_activated)
+        activate();
+    deactivate(false);
+}
+
+void allocator::take_back(detail::block& freed) {
+    _receive(&freed, &freed, freed._chunk->_constant_size);
+}
+
+void detail::expect_activated(bool _activated) {
+    assure(_activated);
 }
 
 }  // namespace ovel

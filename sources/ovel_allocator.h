@@ -132,9 +132,10 @@ struct remote {
 
 // A pool of small blocks, owned by one thread at a time. Three kinds of object:
 // the global allocator serves nobody and keeps empty chunks for all; the default
-// allocator serves every thread without one of its own; thread allocators are
-// reused when their thread has released them. None is ever destroyed, and
-// neither they nor their chunks are taken from the library's own memory.
+// allocator is lent to one of the threads without their own; thread allocators are
+// acquired by threads or lent to them, and reused when these have given them back.
+// None is ever destroyed, and neither they nor their chunks are taken from the
+// library's own memory.
 //
 // Rings. A chunk is in exactly one ring of its `_allocator`:
 //
@@ -171,6 +172,10 @@ public:
     allocator();
     allocator(allocator const&) = delete;
     allocator& operator=(allocator const&) = delete;
+
+    // A thread's, but memory that its lock cannot have throws std::bad_alloc as well:
+    // what is lent, unasked for, must not end the process. The group is there.
+    static allocator* build_to_lend();
 
     // The runtime heap; allocation throws std::bad_alloc.
     static void* operator new(std::size_t size);
@@ -209,9 +214,15 @@ public:
     void activate();
     void deactivate(bool keep);
 
+    // The owner leaves for good, activated or not. Owner only.
+    void leave();
+
     // Puts back what has arrived and, unless `keep`, hands over what waits. Owner
     // only.
     void flush(bool keep);
+
+    // Takes a block of this allocator back from a thread that no allocator serves.
+    void take_back(detail::block& freed);
 
 private:
     friend class allocator_group;
@@ -220,7 +231,7 @@ private:
 
     using counter = detail::atomic<std::size_t>;
 
-    explicit allocator(allocator* parent);
+    allocator(allocator* parent, HANDLE lock);
     ~allocator() = default;  // for no one to call
 
     static std::size_t _read(counter const& word);
@@ -252,6 +263,7 @@ private:
     // before anyone can see it; the lists are under the global allocator's `_lock`.
     static allocator* _global_allocator;
     static allocator* _default_allocator;
+    static detail::atomic<bool> _default_is_lent;
     static allocator* _allocators;           // all, through `_next`; only grows
     static allocator* _released_allocators;  // through `_next_released`
 
@@ -287,14 +299,37 @@ private:
 
 namespace detail {
 
-// The slot's value, or the default allocator, left for `own_allocator` to find.
-allocator& find_own_allocator();
+// The allocator that serves the calling thread, which is lent one if none does yet; the group
+// is built if there is none. Null where none can be lent: to a thread past its end, or without
+// memory for it.
+allocator* find_current_allocator();
 
-// The calling thread's allocator. Builds the group if there is none.
-inline allocator& own_allocator() {
+// The same where the quick pointer tells.
+inline allocator* current_allocator() {
     void* const quick = quick_pointer();
-    return quick != nullptr ? *static_cast<allocator*>(quick) : find_own_allocator();
+    return quick != nullptr ? static_cast<allocator*>(quick) : find_current_allocator();
 }
+
+// An allocator for one operation of a thread that none can be lent to.
+class borrowed_allocator {
+public:
+    // Throws std::bad_alloc.
+    borrowed_allocator();
+    ~borrowed_allocator();
+    borrowed_allocator(borrowed_allocator const&) = delete;
+    borrowed_allocator& operator=(borrowed_allocator const&) = delete;
+
+    allocator* operator->() const {
+        return _borrowed;
+    }
+
+private:
+    allocator* const _borrowed;
+};
+
+// Fails the check "_activated" of allocators unless `_activated`: for a thread that has
+// no allocator to deactivate.
+void expect_activated(bool _activated);
 
 }  // namespace detail
 

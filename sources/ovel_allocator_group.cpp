@@ -1,4 +1,16 @@
 // The building of the allocator group, and the coming and going of threads.
+//
+// Slots of each thread tell what serves it. `_specific` is what the program sees and sets.
+// `current` is the allocator in use, which the quick pointer repeats where there is one.
+// `lent` is that allocator once more while the library has lent it, and null while it is the
+// thread's own; so `current` is `lent` wherever that is not null. An allocator is activated
+// when it is lent or acquired, and deactivated when it is given back. In between it is
+// neither among the released ones nor, if it is the default one, to be had: what serves a
+// thread serves no other.
+//
+// A thread that ends gives back what it was lent, once; from then on nothing is lent to it.
+// What it still allocates it borrows an allocator for, as does a thread for which the system
+// has no memory to remember what it was lent. What it frees needs none.
 
 #include "ovel_allocator_group.h"
 
@@ -8,6 +20,7 @@
 #include "ovel_guard.h"
 #include "ovel_once.h"
 
+#include <memory>
 #include <new>
 
 namespace ovel {
@@ -19,6 +32,28 @@ namespace {
 [[gnu::used]] allocator_group* (*const exported_global)() = &allocator_group::global;
 [[gnu::used]] allocator* (allocator_group::*const exported_specific)() const =
     &allocator_group::specific_allocator;
+
+// Besides `_specific`.
+struct thread_slots {
+    thread_specific_ptr<allocator> current;
+    // Without such a slot nothing is lent, and all is borrowed.
+    DWORD const lent = FlsAlloc(detail::give_back_at_end);
+    thread_specific_ptr<allocator_group> ended;  // once the callback of `lent` has run
+
+    allocator* get_lent() const {
+        return static_cast<allocator*>(FlsGetValue(lent));
+    }
+};
+
+// Built with the group, before anyone can see that, and like it never destroyed.
+union lasting_slots {
+    constexpr lasting_slots() : none() {}
+    ~lasting_slots() {}
+    char none;
+    thread_slots value;
+};
+constinit lasting_slots lasting;
+constinit thread_slots& slots = lasting.value;
 
 }  // namespace
 
@@ -50,6 +85,8 @@ void allocator_group::_build() {
     try {
         allocator::_global_allocator = new allocator(true);
         allocator::_default_allocator = new allocator(false);
+        allocator::_default_allocator->deactivate(false);  // it serves nobody yet
+        std::construct_at(&lasting.value);
         // Release, and last: whoever sees the group sees all of the above.
         _global.store(new allocator_group, std::memory_order_release);
     } catch (...) {
@@ -57,16 +94,26 @@ void allocator_group::_build() {
     }
 }
 
-// Also for whoever reads the quick pointer: null sends them to the slot.
 void allocator_group::specific_allocator(allocator* own) {
     _specific.set(own);
-    set_quick_pointer(own);
+    if (allocator* const lent = slots.get_lent()) {
+        FlsSetValue(slots.lent, nullptr);
+        _give_back(lent);
+    }
+    // A thread that has kept what this function told it sets the default allocator.
+    _serve(own != _default ? own : nullptr);
 }
 
-allocator& detail::find_own_allocator() {
-    allocator* const own = allocator_group::global()->specific_allocator();
-    set_quick_pointer(own);
-    return *own;
+// The allocator in use, for all who look for it.
+void allocator_group::_serve(allocator* current) {
+    slots.current.set(current);
+    set_quick_pointer(current);
+}
+
+allocator* detail::find_current_allocator() {
+    allocator_group& group = *allocator_group::global();
+    allocator* const current = slots.current.get();
+    return current != nullptr ? current : group._lend();
 }
 
 allocator* allocator_group::global_allocator() const {
@@ -79,36 +126,73 @@ allocator* allocator_group::default_allocator() const {
     return allocator::_default_allocator;
 }
 
+// What was lent becomes the thread's own, as if given back and acquired again.
 void allocator_group::acquire_allocator() {
-    specific_allocator(_acquire_allocator());
+    allocator* own = slots.get_lent();
+    if (own == nullptr || own == _default) {
+        own = _acquire_allocator();
+    } else {
+        FlsSetValue(slots.lent, nullptr);
+        own->leave();
+        own->activate();
+    }
+    specific_allocator(own);
 }
 
 void allocator_group::release_allocator() {
-    _release_allocator(specific_allocator());
+    allocator* const own = _specific.get();
+    allocator* const lent = slots.get_lent();
+    bool const has_own = own != nullptr && own != _default;
+    detail::expect_activated(has_own ? slots.current.get() == own && lent == nullptr
+                                     : lent != nullptr);
+    _serve(nullptr);
+    if (lent != nullptr) {
+        FlsSetValue(slots.lent, nullptr);
+        _give_back(lent);
+    } else {
+        _release_allocator(own);
+    }
+}
+
+// The allocator that the calling thread may switch off and on; null past its end.
+allocator* allocator_group::_switchable() {
+    allocator* const current = detail::current_allocator();
+    if (current == nullptr && slots.ended.get() == nullptr)
+        throw std::bad_alloc();
+    return current;
 }
 
 void allocator_group::activate_allocator() {
-    specific_allocator()->activate();
+    if (allocator* const current = _switchable())
+        current->activate();
 }
 
 void allocator_group::deactivate_allocator(bool keep) {
-    specific_allocator()->deactivate(keep);
+    if (allocator* const current = _switchable())
+        current->deactivate(keep);
 }
 
+// A thread without an allocator has nothing to put back or to hand over.
 void allocator_group::flush_allocator(bool keep) {
-    detail::own_allocator().flush(keep);
+    if (allocator* const current = slots.current.get())
+        current->flush(keep);
 }
 
 allocator* allocator_group::_acquire_allocator() {
+    allocator* const reused = _take_released();
+    return reused != nullptr ? reused : new allocator;
+}
+
+// Null if there is none.
+allocator* allocator_group::_take_released() {
     allocator* reused;
     {
         detail::guard<semaphore> const hold(allocator::_global_allocator->_lock);
         reused = allocator::_released_allocators;
-        if (reused != nullptr)
-            allocator::_released_allocators = reused->_next_released;
+        if (reused == nullptr)
+            return nullptr;
+        allocator::_released_allocators = reused->_next_released;
     }
-    if (reused == nullptr)
-        return new allocator;
     reused->activate();
     return reused;
 }
@@ -117,9 +201,68 @@ allocator* allocator_group::_acquire_allocator() {
 // those are freed, the freeing threads put them back.
 void allocator_group::_release_allocator(allocator* own) {
     own->deactivate(false);
+    _push_released(own);
+}
+
+void allocator_group::_push_released(allocator* released) {
     detail::guard<semaphore> const hold(allocator::_global_allocator->_lock);
-    own->_next_released = allocator::_released_allocators;
-    allocator::_released_allocators = own;
+    released->_next_released = allocator::_released_allocators;
+    allocator::_released_allocators = released;
+}
+
+// An allocator to lend: the default one if it is to be had. The exchange acquires what the
+// store in `_give_back` releases.
+allocator* allocator_group::_take() {
+    if (!allocator::_default_is_lent.exchange(true, std::memory_order_acquire)) {
+        _default->activate();
+        return _default;
+    }
+    allocator* const reused = _take_released();
+    return reused != nullptr ? reused : allocator::build_to_lend();
+}
+
+void allocator_group::_give_back(allocator* taken) {
+    taken->leave();
+    if (taken == _default)
+        allocator::_default_is_lent.store(false, std::memory_order_release);
+    else
+        _push_released(taken);
+}
+
+// Null when nothing can be lent.
+allocator* allocator_group::_lend() {
+    if (slots.ended.get() != nullptr)
+        return nullptr;
+    allocator* lent;
+    try {
+        lent = _take();
+    } catch (std::bad_alloc const&) {
+        return nullptr;
+    }
+    if (slots.current.try_set(lent)) {
+        if (FlsSetValue(slots.lent, lent) != 0) {
+            set_quick_pointer(lent);
+            return lent;
+        }
+        slots.current.set(nullptr);
+    }
+    _give_back(lent);
+    return nullptr;
+}
+
+// Runs on a thread that ends with an allocator that it was lent.
+void OVEL_THREAD_ENTRY detail::give_back_at_end(void* lent) {
+    allocator_group& group = *allocator_group::global();
+    slots.ended.try_set(&group);
+    FlsSetValue(slots.lent, nullptr);
+    group._serve(nullptr);
+    group._give_back(static_cast<allocator*>(lent));
+}
+
+detail::borrowed_allocator::borrowed_allocator() : _borrowed(allocator_group::global()->_take()) {}
+
+detail::borrowed_allocator::~borrowed_allocator() {
+    allocator_group::global()->_give_back(_borrowed);
 }
 
 }  // namespace ovel

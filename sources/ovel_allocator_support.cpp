@@ -113,8 +113,12 @@ void* allocator_support::allocate_nothrow(std::size_t bytes) {
 void* allocator_support::_allocate(std::size_t bytes) {
     if (bytes > std::numeric_limits<std::size_t>::max() - overhead)
         throw std::bad_alloc();
-    if (bytes <= largest_request)
-        return memory_of(detail::own_allocator().allocate(class_for(bytes)));
+    if (bytes <= largest_request) {
+        allocator* const current = detail::current_allocator();
+        std::size_t const k = class_for(bytes);
+        return memory_of(current != nullptr ? current->allocate(k)
+                                            : detail::borrowed_allocator()->allocate(k));
+    }
     std::size_t const rounding = detail::granule - 1;
     return _allocate_large((bytes + sizeof(detail::block) + rounding) & ~rounding);
 }
@@ -149,12 +153,14 @@ void allocator_support::_deallocate(void* memory) {
     if (home == nullptr)
         return _deallocate_large(region_of(header));
     detail::poison(memory, home->_constant_size - sizeof(detail::block));
-    allocator& own = detail::own_allocator();
-    allocator& owner = *home->_allocator;
-    if (&own == &owner)
-        own.deallocate(*header, *home);
+    allocator* const current = detail::current_allocator();
+    allocator* const owner = home->_allocator;
+    if (current == nullptr)
+        owner->take_back(*header);
+    else if (current == owner)
+        current->deallocate(*header, *home);
     else
-        own.deallocate_remote(*header, owner);
+        current->deallocate_remote(*header, *owner);
 }
 
 void allocator_support::_deallocate_large(void* region) {

@@ -21,8 +21,14 @@ constexpr LONG maximum = std::numeric_limits<LONG>::max();
 
 }  // namespace
 
-semaphore::semaphore(int value, unsigned int spin)
-    : _value(value), _spin(spin), _semaphore(CreateSemaphoreA(nullptr, 0, maximum, nullptr)) {
+HANDLE semaphore::_create() {
+    return CreateSemaphoreA(nullptr, 0, maximum, nullptr);
+}
+
+semaphore::semaphore(int value, unsigned int spin) : semaphore(value, spin, _create()) {}
+
+semaphore::semaphore(int value, unsigned int spin, HANDLE created)
+    : _value(value), _spin(spin), _semaphore(created) {
     assure(_value >= 0);
     assure(_semaphore != 0);
 }

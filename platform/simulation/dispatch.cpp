@@ -139,6 +139,7 @@ void dispatch(bool goes_on, bool yields) {
 void thread_main() {
     thread& ending = self();
     run_entry(ending.state);
+    call_fiber_local();
     point(operation::end, ending.state.number, nullptr);
     end_thread(ending.state.object);
     now->alive &= ~bit(now->self);
@@ -207,8 +208,8 @@ bool running() {
 
 thread_state& current() {
     // Stands for the caller outside a run, who may use both processors.
-    static constinit thread_state outside = {0,       0,       0, 0, machine{}.process_mask,
-                                             nullptr, nullptr, {}};
+    static constinit thread_state outside = {0,       0,       0,  0, machine{}.process_mask,
+                                             nullptr, nullptr, {}, {}};
     return running() ? self().state : outside;
 }
 

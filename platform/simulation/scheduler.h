@@ -44,6 +44,7 @@ using threads_mask = std::uint64_t;
 inline constexpr std::uint64_t never = ~std::uint64_t{0};
 inline constexpr unsigned int slot_count = 64;
 inline constexpr unsigned int tls_count = 64;
+inline constexpr unsigned int fls_count = 8;
 
 // A thread-local value, and the index under which it was set.
 struct tls_entry {
@@ -61,6 +62,7 @@ struct thread_state {
     unsigned int (*entry)(void*);
     void* argument;
     tls_entry tls[tls_count];
+    void* fls[fls_count];
 };
 
 // Whether a run is under way. If not, the library is being loaded or unloaded: a
@@ -113,6 +115,8 @@ void restore_slots();
 void describe_object(unsigned int object, char* text, std::size_t size);
 // The end of the thread with this object.
 void end_thread(unsigned int object);
+// Calls what the calling thread has for its end.
+void call_fiber_local();
 
 // The processors, and the clock's rate; 0 MHz: not in the registry.
 struct machine {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 namespace ovel {
 
@@ -17,10 +18,11 @@ namespace {
 
 // The slots of the process: a generation, odd while the slot is handed out, which makes an
 // index differ from those of earlier holders.
-struct tls_slots {
+struct local_slots {
     unsigned int generations[tls_count];
+    void (*callbacks[fls_count])(void*);  // null: not handed out
 };
-tls_slots slots, kept_slots;
+local_slots slots, kept_slots;
 
 DWORD index_of(unsigned int slot) {
     return slots.generations[slot] * tls_count + slot;
@@ -44,6 +46,15 @@ void keep_slots() {
 
 void restore_slots() {
     kernel::slots = kernel::kept_slots;
+}
+
+// In rounds, as a callback may set a slot again; only so often, as with other systems.
+void call_fiber_local() {
+    thread_state& self = current();
+    for (unsigned int round = 0; round != 3; ++round)
+        for (unsigned int slot = 0; slot != fls_count; ++slot)
+            if (self.fls[slot] != nullptr)
+                kernel::slots.callbacks[slot](self.fls[slot]);
 }
 
 }  // namespace ovel::simulation
@@ -78,6 +89,26 @@ BOOL TlsSetValue(DWORD index, void* value) {
     if (!in_use(index))
         return 0;
     current().tls[index % tls_count] = {index, value};
+    return 1;
+}
+
+DWORD FlsAlloc(void (*callback)(void*)) {
+    for (unsigned int slot = 0; slot != fls_count; ++slot)
+        if (slots.callbacks[slot] == nullptr) {
+            slots.callbacks[slot] = callback;
+            return slot;
+        }
+    return FLS_OUT_OF_INDEXES;
+}
+
+void* FlsGetValue(DWORD index) {
+    return index < fls_count ? current().fls[index] : nullptr;
+}
+
+BOOL FlsSetValue(DWORD index, void* value) {
+    if (index >= fls_count || (value != nullptr && count_memory_request()))
+        return 0;
+    current().fls[index] = value;
     return 1;
 }
 

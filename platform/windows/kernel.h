@@ -27,6 +27,10 @@ inline bool at_fork(fork_handlers const&) {
 
 bool other_threads_have_ended();
 
+// The system's, but for one slot only, and its callback is not called when the process ends
+// or the DLL is unloaded: see library.cpp.
+DWORD FlsAlloc(void(WINAPI* callback)(void*));
+
 // Regions are blocks of the runtime heap like any other.
 inline void* malloc_region(std::size_t) {
     return ::malloc(region_length);

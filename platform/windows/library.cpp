@@ -1,29 +1,61 @@
-// The entry point of the DLL.
+// The entry point of the DLL, and its slot that tells when a thread ends.
 
 #include "../kernel.h"  // not the one beside this
+#include "ovel_atomic.h"
 
 // The compiler's runtime would run constructors of thread-local variables from here. The
 // library has none. With that support linked in, it would have static thread-local
 // storage, and the system would keep notifying it of threads.
 extern "C" PIMAGE_TLS_CALLBACK const __dyn_tls_init_callback = nullptr;
 
+namespace ovel {
+
 namespace {
 
 bool process_ends = false;
 
+DWORD slot = FLS_OUT_OF_INDEXES;
+void(WINAPI* thread_ends)(void*);
+BOOLEAN(NTAPI* process_is_ending)();
+// Relaxed: the thread that writes it makes the calls that are to read it true.
+constinit detail::atomic<bool> unloading{false};
+
+// The system also calls it when the slot is given up, for the values of all threads, and on
+// the thread that ends the process, before it calls `DllMain`. By then it has ended all other
+// threads, and some of them may have held a lock of the library.
+void WINAPI call(void* value) {
+    if (!unloading.load(std::memory_order_relaxed) && !process_is_ending())
+        thread_ends(value);
+}
+
 }  // namespace
 
-bool ovel::kernel::other_threads_have_ended() {
+bool kernel::other_threads_have_ended() {
     return process_ends;
 }
 
+DWORD kernel::FlsAlloc(void(WINAPI* callback)(void*)) {
+    thread_ends = callback;
+    process_is_ending = reinterpret_cast<BOOLEAN(NTAPI*)()>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleA("ntdll.dll"), "RtlDllShutdownInProgress")));
+    return slot = ::FlsAlloc(call);
+}
+
+}  // namespace ovel
+
 // The runtime calls it after it has built the global objects, and again before it
-// destroys them. The library is not notified of a thread's end: a thread gives back what
-// it holds by calls. `ending` is not null when it is the process that ends: the system
-// has ended all other threads then.
+// destroys them. `ending` is not null when it is the process that ends: the system has
+// ended all other threads then. When the library is unloaded it gives up its slot, since
+// the system must not call `call` any more.
 extern "C" BOOL WINAPI DllMain(HINSTANCE library, DWORD reason, void* ending) {
-    process_ends = reason == DLL_PROCESS_DETACH && ending != nullptr;
     if (reason == DLL_PROCESS_ATTACH)
         DisableThreadLibraryCalls(library);
+    if (reason == DLL_PROCESS_DETACH) {
+        ovel::process_ends = ending != nullptr;
+        if (!ovel::process_ends) {
+            ovel::unloading.store(true, std::memory_order_relaxed);
+            FlsFree(ovel::slot);
+        }
+    }
     return TRUE;
 }

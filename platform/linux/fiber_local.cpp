@@ -1,0 +1,24 @@
+// Fiber-local slots are keys of the C library, whose destructors are the callbacks: it calls
+// them with the value already null.
+
+#include "kernel.h"
+
+#include <pthread.h>
+
+namespace ovel {
+
+DWORD kernel::FlsAlloc(void (*callback)(void*)) {
+    pthread_key_t key;
+    return pthread_key_create(&key, callback) == 0 ? key : FLS_OUT_OF_INDEXES;
+}
+
+void* kernel::FlsGetValue(DWORD index) {
+    // The one service that the C library offers no check of the key for.
+    return index != FLS_OUT_OF_INDEXES ? pthread_getspecific(index) : nullptr;
+}
+
+BOOL kernel::FlsSetValue(DWORD index, void* value) {
+    return pthread_setspecific(index, value) == 0;
+}
+
+}  // namespace ovel

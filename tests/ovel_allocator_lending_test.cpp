@@ -1,0 +1,275 @@
+// Threads that do nothing to prepare for the library's memory. Which allocator serves a
+// thread shows in the chunk of a block that it allocates.
+
+#include "ovel_allocator.h"
+#include "ovel_allocator_group.h"
+#include "ovel_allocator_support.h"
+#include "ovel_malloc.h"
+#include "ovel_petri.h"
+#include "ovel_test.h"
+#include "ovel_work.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <future>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+struct ovel::detail::inspector {
+    static bool activated(allocator const* subject) {
+        return subject->_activated;
+    }
+    static std::size_t in_use(allocator const* subject) {
+        return subject->_size;
+    }
+};
+
+namespace {
+
+using namespace ovel;
+using detail::inspector;
+
+allocator_group& group = *allocator_group::global();
+
+// That a small block is of.
+allocator* owner_of(void* memory) {
+    return static_cast<detail::block*>(memory)[-1]._chunk->_allocator;
+}
+
+// The allocator that serves the calling thread.
+allocator* serving() {
+    void* const memory = allocator_support::allocate(100);
+    allocator* const owner = owner_of(memory);
+    allocator_support::deallocate(memory);
+    return owner;
+}
+
+// What `work` returns on a thread that has not used the library's memory before.
+template <class Work>
+auto fresh(Work const& work) {
+    return std::async(std::launch::async, work).get();
+}
+
+TEST(lending_test, threads_of_any_kind_share_a_net) {
+    constexpr int sent = 3000;
+    net shared(1);
+    auto const numbers = shared.insert_place<std::vector<int>>("numbers", 8);
+    shared.start();
+    long sum = 0;
+    {
+        auto const producers = crew(2, [&](int member) {
+            for (int i = 0; i < sent; ++i)
+                numbers.send(std::vector<int>(20, member + 1));
+        });
+        for (int i = 0; i < 2 * sent; ++i)
+            sum += numbers.receive().back();
+    }
+    EXPECT_EQ(sum, 3 * sent);
+    shared.join();
+}
+
+TEST(lending_test, threads_of_any_kind_have_work_groups_of_their_own) {
+    std::atomic<int> sum = 0;
+    crew(4, [&](int) {
+        for (int round = 0; round < 10; ++round) {
+            work_group own(2);
+            std::vector<std::future<int>> results;
+            for (int i = 0; i < 50; ++i)
+                results.push_back(own.submit([i] { return i; }));
+            for (std::future<int>& each : results)
+                sum += each.get();
+        }
+    }).clear();
+    EXPECT_EQ(sum, 4 * 10 * 49 * 25);
+}
+
+// Threads that are alive at once and replace each other's blocks. Each block holds its
+// own address: one handed out twice does not, when it is freed.
+TEST(lending_test, threads_alive_at_once_are_served_by_different_allocators) {
+    constexpr int members = 4;
+    std::atomic<void**> places[64] = {};
+    allocator* mine[members];
+    std::atomic<int> missing = members;
+    std::atomic<int> damaged = 0;
+    auto const replace = [&](std::atomic<void**>& place, void** with) {
+        void** const found = place.exchange(with);
+        if (found != nullptr && std::exchange(*found, nullptr) != found)
+            ++damaged;
+        ovel_free(found);
+    };
+    crew(members, [&](int member) {
+        for (int i = 0; i < 20'000; ++i) {
+            auto const made = static_cast<void**>(ovel_malloc(16 + (i * 7 + member) % 900));
+            *made = made;
+            replace(places[(i * 11 + member) % 64], made);
+        }
+        mine[member] = serving();
+        --missing;
+        until([&] { return missing == 0; });
+    }).clear();
+    for (std::atomic<void**>& each : places)
+        replace(each, nullptr);
+    EXPECT_EQ(damaged, 0);
+    EXPECT_EQ(std::set(mine, mine + members).size(), std::size_t{members});
+}
+
+// One that is left behind, or given back twice, shows in the threads that come later.
+TEST(lending_test, threads_leave_no_more_allocators_than_were_alive_at_once) {
+    serving();
+    std::set<allocator*> seen;
+    for (int i = 0; i < 10'000; ++i)
+        std::thread([&] { seen.insert(serving()); }).join();
+    EXPECT_EQ(seen.size(), 1u);
+}
+
+TEST(lending_test, a_thread_that_only_frees_takes_no_memory) {
+    std::vector<void*> memory;
+    for (int i = 0; i < 1000; ++i)
+        memory.push_back(allocator_support::allocate(100));
+    fresh(serving);
+    group.flush_allocator(false);
+    std::size_t const capacity = allocator_support::allocated_capacity();
+    std::size_t const size = allocator_support::allocated_size();
+    std::thread([&] {
+        for (void* each : memory)
+            allocator_support::deallocate(each);
+    }).join();
+    EXPECT_EQ(allocator_support::allocated_capacity(), capacity);
+    // What it freed was handed over when it ended.
+    group.flush_allocator(false);
+    EXPECT_EQ(allocator_support::allocated_size(), size - 1000 * 128);
+}
+
+// Uses memory when it is destroyed, or called as the destructor of a pthread key. A block of
+// another thread waits in the thread's allocator then, or goes straight home.
+struct late {
+    void* others;
+    ~late() {
+        ovel_free(others);
+        for (int i = 0; i < 100; ++i)
+            ovel_free(ovel_malloc(40 * i));
+    }
+};
+
+template <bool first>
+void at_end(void* kept) {
+    delete static_cast<late*>(kept);
+}
+
+// One key is older than that which gives the thread's allocator back, and one is younger,
+// whose destructor then finds the thread without.
+TEST(lending_test, destructors_of_a_thread_use_memory_and_leave_nothing) {
+    static pthread_key_t keys[2];
+    ASSERT_EQ(pthread_key_create(&keys[0], at_end<true>), 0);
+    ASSERT_EQ(pthread_key_create(&keys[1], at_end<false>), 0);
+    auto const use = [](void* others, bool uses_before) {
+        static thread_local late kept{others};
+        static_cast<void>(&kept);
+        pthread_setspecific(keys[0], new late{ovel_malloc(100)});
+        pthread_setspecific(keys[1], new late{nullptr});
+        if (uses_before)
+            serving();
+    };
+    allocator* const lent = fresh(serving);
+    group.flush_allocator(false);
+    std::size_t const size = allocator_support::allocated_size();
+    for (bool const uses_before : {true, false}) {
+        for (int i = 0; i < 20; ++i) {
+            std::thread(use, ovel_malloc(100), uses_before).join();
+            EXPECT_EQ(fresh(serving), lent);
+        }
+    }
+    group.flush_allocator(false);
+    EXPECT_EQ(allocator_support::allocated_size(), size);
+    fresh([&] {
+        EXPECT_EQ(serving(), lent);
+        EXPECT_NE(fresh(serving), lent);
+        return true;
+    });
+    for (pthread_key_t const key : keys)
+        pthread_key_delete(key);
+}
+
+TEST(lending_test, the_default_allocator_serves_one_thread_and_then_the_next) {
+    allocator* const first = group.default_allocator();
+    EXPECT_EQ(serving(), first);
+    EXPECT_NE(fresh(serving), first);
+    {
+        thread_allocator const own;
+        EXPECT_FALSE(inspector::activated(first));
+        fresh([&] {
+            EXPECT_EQ(serving(), first);
+            EXPECT_EQ(group.specific_allocator(), first);
+            group.acquire_allocator();  // which gives the default one up, but not away
+            EXPECT_NE(group.specific_allocator(), first);
+            EXPECT_EQ(serving(), group.specific_allocator());
+            EXPECT_EQ(fresh(serving), first);
+            group.release_allocator();
+            return true;
+        });
+        EXPECT_EQ(fresh(serving), first);
+        EXPECT_NE(serving(), first);
+    }
+    EXPECT_EQ(serving(), first);
+    // Set by name it serves no second thread.
+    fresh([&] {
+        group.specific_allocator(group.default_allocator());
+        EXPECT_EQ(group.specific_allocator(), first);
+        EXPECT_NE(serving(), first);
+        return true;
+    });
+}
+
+TEST(lending_test, what_a_thread_was_lent_becomes_its_own_and_is_given_back_once) {
+    serving();  // so that no other thread gets the default allocator
+    fresh([&] {
+        allocator* const lent = serving();
+        group.acquire_allocator();
+        EXPECT_EQ(group.specific_allocator(), lent);
+        EXPECT_EQ(serving(), lent);
+        group.release_allocator();
+        EXPECT_EQ(group.specific_allocator(), lent);
+        EXPECT_FALSE(inspector::activated(lent));
+        EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
+        EXPECT_EQ(fresh(serving), lent);
+        // Lent again, it is not the thread's to release a second time.
+        EXPECT_EQ(serving(), lent);
+        EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
+        group.specific_allocator(nullptr);
+        EXPECT_FALSE(inspector::activated(lent));
+        EXPECT_EQ(serving(), lent);
+        group.release_allocator();  // of what it was lent
+        EXPECT_EQ(fresh(serving), lent);
+        EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
+        return true;
+    });
+}
+
+TEST(lending_test, an_allocator_that_is_lent_can_be_switched_off_and_flushed) {
+    void* const memory = allocator_support::allocate(100);
+    allocator* const own = owner_of(memory);
+    group.flush_allocator(false);
+    std::size_t const size = inspector::in_use(own);
+    allocator* lent;
+    std::thread([&] {
+        lent = serving();
+        ovel_free(memory);
+        group.deactivate_allocator(true);
+        EXPECT_FALSE(inspector::activated(lent));
+        group.activate_allocator();
+        group.flush_allocator(false);
+        group.deactivate_allocator(true);
+    }).join();  // as it is: it is given back all the same
+    group.flush_allocator(false);
+    EXPECT_EQ(inspector::in_use(own), size - 128);
+    EXPECT_EQ(fresh(serving), lent);
+    EXPECT_CHECK(fresh([&] { return group.activate_allocator(), true; }), "!_activated",
+                 "sources/ovel_allocator.cpp");
+}
+
+}  // namespace
