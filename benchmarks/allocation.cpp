@@ -1,6 +1,6 @@
 // The group allocation: small blocks, by one thread and between two, and the memory
 // that a million of them takes. The program calls the process's `malloc`, which
-// ./benchmark replaces by that of each peer in turn, or our functions.
+// ./benchmark replaces with that of each peer in turn, or our functions.
 #include "ovel_allocator_group.h"
 #include "ovel_allocator_recycler.h"
 #include "ovel_benchmark.h"
@@ -49,7 +49,7 @@ struct ours {
     }
 };
 
-// ... and whichever is the process's.
+// ... and the process's `malloc`.
 struct systems {
     struct owner {};
     static void* allocate(std::size_t bytes) {
@@ -58,7 +58,7 @@ struct systems {
     static void deallocate(void* memory) {
         std::free(memory);
     }
-    // What each offers to give memory back to the system.
+    // Each allocator's way to return memory to the system.
     static void recycle() {
         if (auto const collect = function<void(bool)>("mi_collect")) {
             collect(true);
@@ -83,7 +83,8 @@ private:
     }
 };
 
-// Every block is written by who makes it and read by who frees it, as a program would.
+// The thread that allocates a block writes it, and the thread that frees it reads it, as in
+// a program.
 template <class Allocator>
 void* make(std::size_t bytes) {
     void* const memory = Allocator::allocate(bytes);
@@ -117,8 +118,8 @@ void pair(benchmark::State& state) {
     }
 }
 
-// A thousand blocks in use at a time. The orders are many, so that no processor learns
-// them. The figure is the time of one block, made and freed.
+// A thousand blocks in use at a time. There are many orders, so that no processor learns
+// them. The figure is the time of one allocate/free pair.
 template <class Allocator>
 void random_order(benchmark::State& state) {
     constexpr std::size_t count = 1000;
@@ -148,7 +149,7 @@ void random_order(benchmark::State& state) {
 
 // Two threads have a thousand blocks each and replace them one by one; after `passes`
 // times through they exchange all of them. So one in `passes` is freed by the thread
-// that did not make it. The figure is the blocks that both replace in a second.
+// that did not allocate it. The figure is the blocks that both replace in a second.
 template <class Allocator>
 void steady_exchange(benchmark::State& state, int passes) {
     constexpr std::size_t count = 1000;
@@ -184,8 +185,8 @@ void steady_exchange(benchmark::State& state, int passes) {
                             static_cast<std::int64_t>(count));
 }
 
-// Hands a million of anything from one thread to another through a ring, and returns
-// the seconds.
+// Passes a million objects from one thread to another through a ring, and returns the
+// seconds.
 template <class Owner, class Make, class UseUp>
 double hand_over(std::size_t total, Make const& make_one, UseUp const& use_one_up) {
     constexpr std::size_t places = 1024;
@@ -223,7 +224,7 @@ void cross_thread(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(handed));
 }
 
-// What the ring bears.
+// The rate of the ring alone.
 void empty_handed(benchmark::State& state) {
     struct nothing {};
     for (auto _ : state)
@@ -247,7 +248,8 @@ struct footprint {
     double left;  // with all of them freed, and recycled
 };
 
-// In a process of its own: no other row's memory is used again, nor the other way round.
+// In a process of its own, so that it reuses no other row's memory and no other row reuses
+// its.
 template <class Allocator>
 footprint measure_million_blocks() {
     constexpr std::size_t count = 1'000'000;

@@ -1,8 +1,8 @@
-// The group locks: what it costs to take a lock and to give it back, alone and
-// against others.
+// The group locks: the cost of acquiring and releasing a lock, without and with
+// contention.
 //
-// All contestants put a thread to sleep that waits for long: what only spins is no
-// lock to choose when there may be more threads than processors.
+// All contestants put a thread to sleep that waits for long. A lock that only spins is
+// useless when there may be more threads than processors.
 #include "ovel_benchmark.h"
 #include "ovel_benchmark_semaphores.h"
 #include "ovel_mutex.h"
@@ -34,7 +34,7 @@ using ovel_benchmark::posix_semaphore;
 using ovel_benchmark::standard_semaphore;
 using ovel_benchmark::timed_semaphore;
 
-// Locks with `acquire` and `release`, whatever their own names for that are.
+// Locks with `acquire` and `release`, whatever their own names are.
 
 template <class Mutex>
 struct standard {
@@ -101,15 +101,15 @@ struct nsync_mutex {
 };
 #endif
 
-// A lock in lines of its own, and on the heap: what its address is derived from
-// must not help the compiler.
+// A lock in cache lines of its own, and on the heap, so that the compiler knows nothing
+// about its address.
 template <class Lock>
 struct alignas(128) lonely {
     Lock lock;
 };
 
-// Within the section and outside memory is what any other code may have made of it, so
-// that nothing of the lock stays in registers.
+// Inside and outside the critical section, any other code may have changed memory. So
+// nothing of the lock stays in registers.
 template <class Lock>
 void take_over_and_over(Lock& lock, benchmark::State& state) {
     benchmark::DoNotOptimize(&lock);
@@ -130,7 +130,7 @@ void pair(std::string const& row, std::string const& name) {
     });
 }
 
-// Beside a thread that sleeps: where a process has one only, glibc's mutexes take no
+// Beside a sleeping thread: in a process with only one thread, glibc's mutexes use no
 // locked instruction.
 template <class Lock>
 void pair_beside_a_thread(std::string const& row, std::string const& name) {
@@ -175,7 +175,7 @@ struct outcome {
     double least;  // the sections of the thread with the fewest, as a share of an equal part
 };
 
-// Threads that add to one number under the lock, over and over for a while.
+// Threads that add to one number under the lock, again and again for some time.
 template <class Lock>
 outcome contend(contest const& how) {
     struct alignas(128) member {

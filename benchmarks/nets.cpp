@@ -1,4 +1,4 @@
-// The group nets: tokens that work is done on, on two processors.
+// The group nets: tokens that are worked on, on two processors.
 #include "ovel_any.h"
 #include "ovel_benchmark.h"
 #include "ovel_petri_net.h"
@@ -30,14 +30,15 @@ double since(clock_type::time_point start) {
     return std::chrono::duration<double>(clock_type::now() - start).count();
 }
 
-// Computes; a turn takes the same time whoever else runs.
+// Computes. A turn takes the same time whatever other threads run.
 void compute(unsigned int turns) {
     std::uint32_t value = turns;
     for (unsigned int turn = 0; turn != turns; ++turn)
         benchmark::DoNotOptimize(value = value * 1664525 + 1013904223);
 }
 
-// The turns that take a microsecond when nobody else runs: the most of some tries.
+// The number of turns that take a microsecond when no other thread runs: the largest of
+// several tries.
 unsigned int turns_in_a_microsecond() {
     static unsigned int const turns = [] {
         constexpr unsigned int tried = 20'000;
@@ -53,8 +54,8 @@ unsigned int turns_in_a_microsecond() {
 }
 
 // What every contestant of a row of chains does. `in_flight` tokens go through the
-// stages, each of which does its work on one token at a time; what comes out of the last
-// enters the first again until it has done so `laps` times.
+// stages, each of which works on one token at a time. A token that leaves the last stage
+// enters the first again, until it has done so `laps` times.
 struct chain {
     unsigned int stages;
     unsigned int microseconds;  // of work on a token at a stage
@@ -68,7 +69,7 @@ struct chain {
     }
 };
 
-// Ours: a place before each transition, one after the last and the first being one.
+// Ours: a place before each transition; the place after the last is the first.
 struct stage : ovel::petri_function {
     void operator()() override {
         ovel::any token;
@@ -231,7 +232,7 @@ double run_limited_flow(chain const& what) {
 }
 #endif
 
-// Tokens a second, or how much of two processors the work on them takes.
+// Tokens a second, or the share of two processors that the work on them takes.
 enum class figure { rate, share };
 
 void chain_contestant(std::string const& row, std::string const& name, chain const& what,
@@ -443,7 +444,7 @@ void philosophers_row(unsigned int guests) {
     add("thread each", dine_with_threads);
 }
 
-// What one firing costs in a net that is large otherwise.
+// The cost of one firing in an otherwise large net.
 
 constexpr int firings = 20'000;
 

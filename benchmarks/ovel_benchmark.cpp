@@ -11,7 +11,7 @@ namespace ovel_benchmark {
 
 namespace {
 
-// A word alone in its line, and in the one that is fetched along with it.
+// A word alone in its cache line and in the adjacent one, which is fetched along with it.
 struct alignas(128) lonely_word {
     std::atomic<std::uint64_t> value = 0;
 };
@@ -31,7 +31,7 @@ std::vector<int> const& processors() {
     return all;
 }
 
-// In the widest registers that the processor has: narrower ones are slower than a cache.
+// In the processor's widest registers: narrower ones are slower than a cache.
 [[gnu::target_clones("avx512f", "avx2", "default")]] std::uint64_t sum_of(
     std::uint64_t const* words, std::size_t count) {
     std::uint64_t sum = 0;
@@ -40,8 +40,8 @@ std::vector<int> const& processors() {
     return sum;
 }
 
-// Asks with an odd number in `question`, which a thread on the other processor answers
-// with the next in `answer`, over and over.
+// Again and again, writes an odd number to `question`, which a thread on the other
+// processor answers with the next number in `answer`.
 void converse(benchmark::State& state, std::atomic<std::uint64_t>& question,
               std::atomic<std::uint64_t>& answer) {
     constexpr std::uint64_t over = ~std::uint64_t(0);

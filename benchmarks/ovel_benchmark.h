@@ -1,5 +1,5 @@
-// What the groups of benchmarks share: how a row is written, threads that start
-// together, and the floors that no contestant gets below.
+// What the groups of benchmarks share: the registration of rows, threads that start
+// together, and the floors that no contestant can beat.
 //
 // A group is one file, which defines `register_rows`; the frame's `main` calls it:
 //
@@ -15,9 +15,9 @@
 //         contestant("uncontended_pair", "floor", two_locked_additions);
 //     }
 //
-// The contestants of a row are registered one after the other, and so run. Ours are
-// called "ovel", or "ovel" and a blank and what sets this one apart; a bound that the
-// processor or memory sets is called "floor". A row's figure is
+// The contestants of a row run in the order of their registration. Ours are called
+// "ovel", or "ovel" with a blank and what distinguishes this one. A bound that the
+// processor or the memory sets is called "floor". A row's figure is
 //
 //     a rate, more is better        with state.SetItemsProcessed, SetBytesProcessed
 //     a share of 1, more is better  with state.counters["share"]
@@ -50,7 +50,7 @@ benchmark::internal::Benchmark* contestant(std::string const& row, std::string c
         ->UseRealTime();
 }
 
-// The same for a `run` that measures by itself, and tells with
+// The same for a `run` that measures itself, and reports with
 // `state.SetIterationTime(seconds)` in each iteration.
 template <class Run>
 benchmark::internal::Benchmark* timed_contestant(std::string const& row, std::string const& name,
@@ -59,15 +59,15 @@ benchmark::internal::Benchmark* timed_contestant(std::string const& row, std::st
         ->UseManualTime();
 }
 
-// Who this process measures where that depends on the libraries it was started with:
-// the environment's OVEL_BENCHMARK_CONTESTANT, or "ovel".
+// The contestant that this process measures, if that depends on the libraries it was
+// started with: the environment's OVEL_BENCHMARK_CONTESTANT, or "ovel".
 std::string process_contestant();
 
 // Whether a thread is bound to one processor, or runs wherever the system puts it.
 enum class placement { pinned, anywhere };
 
-// Binds the calling thread to the `member`-th processor of the process, counted round
-// and round, until the end of the scope.
+// Binds the calling thread to the `member`-th processor of the process, modulo their
+// number, until the end of the scope.
 class pin {
 public:
     explicit pin(int member);
@@ -79,8 +79,8 @@ private:
     std::vector<unsigned char> _before;  // the mask to go back to
 };
 
-// Runs `work(0)` to `work(members - 1)` on a thread each, let go together once all
-// stand ready. The seconds from the start of the first to the end of the last.
+// Runs `work(0)` to `work(members - 1)` on a thread each, which start together once all
+// are ready. Returns the seconds from the start of the first to the end of the last.
 template <class Work>
 double run_together(int members, placement where, Work const& work) {
     using clock = std::chrono::steady_clock;
@@ -118,20 +118,20 @@ double run_together(int members, placement where, Work const& work) {
 
 // Floors, as contestants.
 
-// A cache line to a core that polls it and back: the least that a question to another
-// thread and its answer take. An iteration is a round trip.
+// A cache line to a core that polls it and back: the least that a round trip between two
+// threads takes. An iteration is a round trip.
 void line_round_trip(benchmark::State& state);
 
-// The same with a line for the question and one for the answer, as two semaphores have
-// them: each is fetched by who writes it and by who reads it.
+// The same with one line for each direction, as with two semaphores: the thread that
+// writes a line and the thread that reads it both fetch it.
 void two_lines_round_trip(benchmark::State& state);
 
-// Two locked additions to a word that the core has, as any pair of taking and giving
-// back needs them. An iteration is both.
+// Two locked additions to a word in the core's cache, as any acquire and release needs
+// them. An iteration is both.
 void two_locked_additions(benchmark::State& state);
 
-// Reads `size` bytes of memory over and over, with nothing done to them but what it
-// takes to have read them. A rate in bytes.
+// Reads `size` bytes of memory again and again and does nothing with them beyond what
+// keeps the compiler from dropping the reads. A rate in bytes.
 void read_memory(benchmark::State& state, std::size_t size);
 
 }  // namespace ovel_benchmark

@@ -1,5 +1,5 @@
-// Semaphores as the groups of benchmarks meet them: `units` at the start, `acquire` and
-// `release` whatever their own names for that are, and a default constructor.
+// Semaphores with one interface for the benchmarks: `units` at the start, `acquire` and
+// `release` whatever their own names are, and a default constructor.
 #ifndef OVEL_BENCHMARK_SEMAPHORES_H
 #define OVEL_BENCHMARK_SEMAPHORES_H
 

@@ -1,4 +1,4 @@
-// The group threads: what it costs to have work done by another thread.
+// The group threads: the cost of running work on another thread.
 #include "ovel_benchmark.h"
 #include "ovel_thread.h"
 #include "ovel_thread_base.h"
@@ -35,7 +35,7 @@ double seconds_since(steady_clock::time_point start) {
     return std::chrono::duration<double>(steady_clock::now() - start).count();
 }
 
-// One piece of work: a busy wait of `length`, after which it may schedule itself again.
+// One work item: a busy wait of `length`, after which it may schedule itself again.
 class piece : public ovel::thread_function {
 public:
     void operator()() override {
@@ -54,9 +54,9 @@ public:
     std::function<void()> reschedule;
 };
 
-// The pools that are measured. `schedule` may be called by any thread, also by a piece
-// that runs; a greater priority goes first where the pool has an order. `finish` returns
-// when all that was scheduled has run, and nothing is scheduled meanwhile.
+// The pools that are measured. Any thread may call `schedule`, also a running item. A
+// greater priority goes first if the pool has an order. `finish` returns when everything
+// that was scheduled has run; nothing is scheduled meanwhile.
 
 class ovel_pool {
 public:
@@ -75,7 +75,7 @@ private:
     ovel::thread_group _group;
 };
 
-// What waits in a pool with priorities; of equal ones the first come goes first.
+// An item in a pool with priorities. Of equal ones the first scheduled goes first.
 struct entry {
     piece* work;  // null: a worker that takes it ends
     unsigned int priority;
@@ -133,7 +133,7 @@ private:
 
 #if defined(OVEL_PEER_TBB)
 
-// Its thread that waits works as well, and is one of the `threads`.
+// The waiting thread works as well, and counts among the `threads`.
 class task_group_pool {
 public:
     explicit task_group_pool(unsigned int threads)
@@ -243,7 +243,7 @@ private:
 
 #endif
 
-// A row of pieces of work, of which every pool runs 100 000.
+// A row of work items. Every pool runs 100 000.
 struct load {
     std::chrono::nanoseconds length;
     unsigned int priorities;
@@ -252,7 +252,7 @@ struct load {
 };
 
 constexpr int pieces = 100'000;
-constexpr int chains = 50;  // pieces that wait or run at a time, where work schedules
+constexpr int chains = 50;  // items that wait or run at a time, if work schedules work
 
 // Scatters the priorities.
 unsigned int priority_of(unsigned int number, load const& what) {
@@ -331,7 +331,7 @@ void register_pieces(std::string const& name, load what) {
 #endif
 }
 
-// Single runs: a thread that is given a function, runs it, and is waited for.
+// Single runs: a thread gets a function and runs it, and the caller waits for it.
 
 // Notes when it began.
 class begin_note : public ovel::thread_function {
@@ -464,7 +464,7 @@ void register_runs(std::string const& row, std::size_t count, bool begin) {
     ovel_benchmark::contestant(row, "floor", ovel_benchmark::line_round_trip);
 }
 
-// A thread that the pool has none for: no idle one has as large a stack.
+// A thread that the pool cannot lend: no idle one has as large a stack.
 void first_run(benchmark::State& state) {
     static unsigned int stack_size = 65536;
     begin_note work;

@@ -1,4 +1,4 @@
-// The group waking: how soon a thread that waits goes on after it was told to.
+// The group waking: how soon a waiting thread continues after its wake-up.
 #include "ovel_barrier.h"
 #include "ovel_benchmark.h"
 #include "ovel_benchmark_semaphores.h"
@@ -185,7 +185,7 @@ private:
     int const _descriptor = eventfd(0, EFD_SEMAPHORE);
 };
 
-// A semaphore made of a condition, as one would wait for a message.
+// A semaphore made from a condition, as programs do to wait for a message.
 template <class Condition>
 class semaphore_of {
 public:
@@ -233,7 +233,7 @@ void with_each_semaphore(Use const& use) {
     use.template operator()<event_descriptor>("eventfd");
 }
 
-// A question to another thread, and its answer.
+// A round trip: a question to another thread, and its answer.
 template <class Semaphore>
 struct dialogue {
     struct alignas(128) direction {
@@ -297,8 +297,8 @@ void round_trip_after_a_pause(std::string const& row, std::string const& name) {
     });
 }
 
-// Four dialogues at once, wherever the system puts their eight threads. The figure is
-// the round trips of all in a second.
+// Four pairs at once, wherever the system puts their eight threads. The figure is the
+// round trips of all in a second.
 template <class Semaphore>
 void round_trips_at_once(std::string const& row, std::string const& name) {
     ovel_benchmark::timed_contestant(row, name, [](benchmark::State& state) {
@@ -323,9 +323,9 @@ void round_trips_at_once(std::string const& row, std::string const& name) {
     });
 }
 
-// From before the change that `sleepers` threads wait for, all asleep, until the last
-// of them has gone on. With `again`, those that have wait for the next change at once
-// and so meet the others, who still want the mutex; otherwise they keep out of the way.
+// The time from before the change for which `sleepers` threads wait, all asleep, until the
+// last of them has continued. With `again`, threads that have continued wait for the next
+// change at once and so contend with the others for the mutex. Otherwise they do not.
 template <class Condition>
 void wake(std::string const& row, std::string const& name, int sleepers, bool again) {
     ovel_benchmark::timed_contestant(row, name, [=](benchmark::State& state) {
@@ -360,7 +360,7 @@ void wake(std::string const& row, std::string const& name, int sleepers, bool ag
         auto const change = [&](bool ends) {
             bool ready = false;
             while (!ready) {
-                // Time for them to count themselves, to spin, and to fall asleep.
+                // Time for the threads to be counted, to spin, and to fall asleep.
                 std::this_thread::sleep_for(std::chrono::microseconds(100 + 100 * sleepers));
                 condition.wait_until([&] {
                     ready = waiting == sleepers;
@@ -444,7 +444,7 @@ private:
     pthread_barrier_t _barrier;
 };
 
-// The barrier that one writes with a condition, for peers that have none to use again.
+// The usual barrier made from a condition, for peers without a reusable one.
 template <class Condition>
 class barrier_of {
 public:
@@ -490,8 +490,8 @@ void phases(std::string const& row, std::string const& name, int threads, placem
     });
 }
 
-// What a phase of four threads comes to when each wakes the next: three times the way
-// of a token from one to the next of four threads that sleep for it.
+// The bound of a phase of four threads when each wakes the next: three times the way of a
+// token from one to the next of four threads that sleep for it.
 void three_wakings(benchmark::State& state) {
     constexpr int threads = 4;
     constexpr int rounds = 500;

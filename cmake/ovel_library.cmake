@@ -11,7 +11,7 @@ function(ovel_build target)
     ovel_publish(${target} PUBLIC)
     target_link_libraries(${target} PRIVATE Threads::Threads)
     if(NOT WIN32)
-        # No semantic interposition: nobody puts others in the place of the library's
+        # No semantic interposition: no program replaces the library's
         # functions, so it calls and inlines them directly.
         target_compile_options(${target} PRIVATE -fno-semantic-interposition)
     endif()

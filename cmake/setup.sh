@@ -38,7 +38,7 @@ require() {
     for package in "${missing[@]}"; do
         [[ $package != *:* ]] || as_root dpkg --add-architecture "${package#*:}"
     done
-    # An index that can't be had matters only if a package needs it.
+    # A missing index matters only if a package needs it.
     apt update || echo "== Some package lists could not be read"
     apt install --no-install-recommends ${release:+-t "$release"} "${missing[@]}"
 }

@@ -112,7 +112,7 @@ void run_and_tell(options const& chosen) {
     for (std::string const* const name : {&chosen.svg, &chosen.report})
         if (!name->empty())
             require_graphviz(*name);
-    // Only now, for whoever gets a fault is told nothing else.
+    // Only now, because a failure prints nothing but its own line.
     std::cerr << warnings.str();
 
     std::optional<ovel::trace::recorder> recorded;

@@ -1,5 +1,5 @@
-// What a net's structure says before it has run: place invariants, and the
-// capacities that they imply.
+// What a net's structure tells before it runs: place invariants, and the capacities that
+// they imply.
 #ifndef OVEL_NET_CHECK_H
 #define OVEL_NET_CHECK_H
 
@@ -14,7 +14,7 @@
 namespace ovel_net {
 
 // Positive weights of places. The weighted sum of their tokens is the same in every
-// marking that the net can reach, but for firings that are under way.
+// marking that the net can reach, apart from running firings.
 struct invariant {
     struct term {
         std::size_t place;  // index in `net::places`

@@ -17,7 +17,7 @@ where it did.
 
   --seconds S     stop a net that still runs after S seconds (default 10); so does an
                   interrupt (Ctrl-C)
-  --firings N     stop it after exactly N firings, if it runs as long
+  --firings N     stop it after exactly N firings, unless it rests before
   --threads N     fire on N threads, up to 1024 (default: one for each processor)
   --capacity N    room for N tokens in each place (default 1024); a place has at
                   least twice its initial tokens plus twice its largest weight
@@ -27,33 +27,33 @@ where it did.
                   for Graphviz
   --svg FILE      the same as a picture; needs Graphviz's dot
   --trace FILE    write the firings of each thread for a trace viewer such as
-                  Perfetto; of a long run the first million of each
+                  Perfetto; at most the first million of each
   --report FILE   write a page for a browser: the net with its marking, firings of
-                  threads and tokens of places over time, of a long run as far
-                  as --trace; needs Graphviz's dot
-  --explain       say for each transition which tokens or slots it lacks in the end
-  --check         run nothing: print which sums of tokens stay the same whatever
-                  fires, the most tokens that places hold by that, and warn where
-                  their capacity is less than they need
+                  threads and tokens of places over time, at most as many as
+                  --trace; needs Graphviz's dot
+  --explain       say for each transition which tokens or slots it lacks at the end
+  --check         do not run the net: print the place invariants (sums of tokens that
+                  no firing changes) and the bounds that they imply, and warn
+                  about capacities below them
   --json          print the result as one JSON object
   --help          print this
 
-Exit status: 0 when the net was run, however it ended; 2 when a file is wrong or
-cannot be read or written; 64 for bad options; 70 when the result contradicts
-the net; 71 when memory ran out.
+Exit status: 0 when the net was run, however it ended, or checked; 2 when a file is
+wrong or cannot be read or written; 64 for bad options; 70 when the result
+contradicts the net; 71 when out of memory.
 )";
 
 namespace {
 
-// One option: its name, what value it wants (none where null), and how to set
-// it, false when the value won't do.
+// One option: its name, the value that it takes (null: none), and a function that sets
+// it, which returns false for a wrong value.
 struct rule {
     std::string_view name;
     char const* wants;
     bool (*set)(options& chosen, std::string const& value);
 };
 
-// The whole of `text` as a number in the range; a not-a-number is in none.
+// The whole of `text` as a number in the range. NaN is in no range.
 template <class Number>
 bool parse(std::string const& text, Number& number, Number least,
            Number greatest = std::numeric_limits<Number>::max()) {

@@ -18,13 +18,13 @@ failure unwritable(std::string const& name, std::error_code const& error) {
     return bad_file(name, 1, "cannot be written: " + error.message());
 }
 
-// By the call of the standard library before.
+// After a call of the standard library that failed.
 failure unwritable(std::string const& name) {
     return unwritable(name, {errno, std::generic_category()});
 }
 
-// Whether `name` stands for something that is added to and never replaced. The
-// standard streams are that even where they lead to files.
+// Whether the program appends to `name` and never replaces it. That includes the standard
+// streams, even if they lead to files.
 bool is_device(std::string const& name) {
     if (name.starts_with("/dev/"))
         return true;

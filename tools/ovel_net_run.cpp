@@ -1,10 +1,10 @@
-// Each token bears a serial number, its identity. A firing passes tokens on, from
-// its input places to its output places in the order of its arcs; where it puts
-// more than it takes it makes new ones, and where it takes more they end. In the
-// end the marking must follow from the firings, and no identity may be there twice.
+// Each token carries a serial number, its identity. A firing passes tokens from its input
+// places to its output places in the order of its arcs. If it puts more than it takes, it
+// makes new ones; if it takes more, the surplus ends. At the end the marking must follow
+// from the firings, and no identity may occur twice.
 //
-// Firings run on the net's threads, several of one transition at a time. What they
-// share is atomic; the net's own lock and its stop order all the rest.
+// Firings run on the net's threads, several of one transition at a time. What they share is
+// atomic. The net's own lock and its stop order everything else.
 #include "ovel_net_run.h"
 #include "ovel_net_failure.h"
 #include "ovel_petri_net.h"
@@ -220,10 +220,10 @@ void machine::_mark() {
             _net.send(_places[i], _next.fetch_add(1, std::memory_order_relaxed));
 }
 
-// Starts the net and stops it when it rests, its time is up or the observer wants no
-// more; the limit on firings needs nobody here. Returns how long the net ran.
+// Starts the net and stops it when it rests, when its time is up or when the observer ends
+// it. The limit on firings works by itself. Returns how long the net ran.
 double machine::_fire(observer const& observe) {
-    constexpr double look = 0.1;  // seconds from one look at the net to the next
+    constexpr double look = 0.1;  // seconds between two looks at the net
     ovel::trace::name_thread("main");
     ovel::time const start = ovel::time::now();
     ovel::trace::scope const here("run until the net rests", ovel::trace::wait);
