@@ -61,8 +61,10 @@ void process_hooks::_inherit_allocators() {
         free_in_child(each->_lock, current_spin());
         if (each->_activated || each == own)
             continue;
-        if (each == allocator::_default_allocator)
+        if (each == allocator::_default_allocator) {
+            allocator::_default_is_lent = false;
             continue;
+        }
         each->_next_released = allocator::_released_allocators;
         allocator::_released_allocators = each;
     }

@@ -102,7 +102,6 @@ inline void use(int kind) {
 }
 
 inline void use_until_over(int kind) {
-    ovel::thread_allocator const own;
     while (!over)
         use(kind);
 }

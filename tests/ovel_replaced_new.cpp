@@ -1,0 +1,5 @@
+// Linked to a program whose every allocation is to come from the library.
+
+#include "ovel_memory.h"
+
+OVEL_REPLACE_NEW_AND_DELETE;
