@@ -18,7 +18,8 @@ namespace ovel {
 // Any thread may call it, also from a function that runs under another flag, but
 // not from one under the same flag. An exception that leaves `function` fails
 // the check "("unexpected exception", 0)". A kernel call that fails, when out of
-// memory, ends the process through `assure` as well.
+// memory, ends the process through `assure` as well. In a fork, a function that another
+// thread had begun runs anew.
 OVEL_EXPORT void call_once(void (*function)(), unsigned int volatile& flag);
 
 }  // namespace ovel
