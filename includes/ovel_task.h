@@ -47,7 +47,7 @@ public:
         state expected = kept;
         if (!is_kept() || !_state.compare_exchange_strong(expected, busy))
             return nullptr;
-        std::exception_ptr const taken = std::exchange(_caught, nullptr);
+        std::exception_ptr taken = std::exchange(_caught, nullptr);
         _state.store(none, std::memory_order_release);
         return taken;
     }

@@ -218,9 +218,9 @@ TEST(petri_test, a_failed_net_keeps_its_tokens_and_its_first_failure_even_if_non
 TEST(petri_test, a_token_that_cannot_be_moved_in_leaves_its_place_as_it_was) {
     struct heavy {
         explicit heavy(bool& stuck) : stuck(stuck) {}
-        heavy(heavy&& other) : stuck(other.stuck) {
+        heavy(heavy&& other) noexcept(false) : stuck(other.stuck) {
             if (stuck)
-                throw std::runtime_error("heavy");
+                static_cast<void>(std::string().at(1));
         }
         bool& stuck;
     };
@@ -230,7 +230,7 @@ TEST(petri_test, a_token_that_cannot_be_moved_in_leaves_its_place_as_it_was) {
     tested.insert_transition("take", from(only), [&](heavy) { ++firings; });
     bool stuck = true;
     heavy token(stuck);
-    EXPECT_THROW(static_cast<void>(only.try_send(std::move(token))), std::runtime_error);
+    EXPECT_THROW(static_cast<void>(only.try_send(std::move(token))), std::out_of_range);
     run(tested);
     EXPECT_EQ(firings, 0);
     stuck = false;
