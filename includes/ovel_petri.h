@@ -22,142 +22,28 @@
 #include "ovel_any.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
-#include "ovel_condition.h"
 #include "ovel_mutex.h"
+#include "ovel_petri_body.h"
+#include "ovel_petri_failure.h"
 #include "ovel_petri_net.h"
+#include "ovel_petri_record.h"
 #include "ovel_std.h"
 #include "ovel_thread_base.h"
 #include "ovel_time.h"
 #include "ovel_trace.h"
 #include "ovel_triple.h"
 
-#include <array>
 #include <cstddef>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace ovel {
-
-class firing;
-class net;
-template <class T>
-class place;
-
-// An arc to be, between the place `end` and a transition; `Weighted` tells whether
-// its weight was given. For `from` and `to`, which it leads the compiler to.
-template <class T, bool Weighted>
-struct place_arc {
-    using value = T;                            // what the place holds
-    static constexpr bool weighted = Weighted;  // whether the weight was given
-
-    place<T> end;         // the place
-    unsigned int weight;  // tokens that a firing takes or puts
-};
-
-namespace detail {
-
-template <class T>
-place_arc<T, false> arc_of(place<T> const& end) {
-    return {end, 1};
-}
-template <class T>
-place_arc<T, true> arc_of(place_arc<T, true> const& end) {
-    return end;
-}
-
-// A place of a net, with its name.
-struct place_record {
-    net* const owner;
-    trace::shared_name const name;
-    petri_place* const element;
-};
-
-// An arc of a transition; `reference` is the variable that names it to the net.
-struct arc_record {
-    place_record* place;
-    bool input;
-    unsigned int weight;
-    petri_place* reference;
-};
-
-// Lets an `any` hold a value that cannot be copied: a copy takes the value.
-template <class T>
-struct moved {
-    explicit moved(T&& source) : value(std::move(source)) {}
-    moved(moved const& other) : value(std::move(other.value)) {}
-    moved& operator=(moved const&) = delete;
-    ~moved() = default;
-
-    T mutable value;
-};
-
-// What a place for `T` holds.
-template <class T>
-using token = std::conditional_t<std::is_copy_constructible_v<T>, T, moved<T>>;
-
-// The value in a token, which must be there: check "operand.type() == typeid(T)".
-template <class T>
-T& value_of(any& held) {
-    if constexpr (std::is_copy_constructible_v<T>)
-        return any_cast<T&>(held);
-    else
-        return any_cast<moved<T>&>(held).value;
-}
-
-// Make tokens of a value for a net, which calls them under its lock.
-template <class T>
-void copy_into(any& made, void* from) {
-    made = any(std::in_place_type<T>, *static_cast<T const*>(from));
-}
-template <class T>
-void move_into(any& made, void* from) {
-    made = any(std::in_place_type<token<T>>, std::move(*static_cast<T*>(from)));
-}
-
-template <class... Arcs>
-struct inputs {
-    std::tuple<Arcs...> arcs;
-};
-template <class... Arcs>
-struct outputs {
-    std::tuple<Arcs...> arcs;
-};
-
-// A transition of a net: its name, arcs and body.
-class transition_record : public petri_function {
-public:
-    transition_record(net& of, std::string&& called) : owner(of), name(std::move(called)) {}
-    transition_record(transition_record const&) = delete;
-    transition_record& operator=(transition_record const&) = delete;
-
-    net& owner;
-    trace::shared_name const name;
-    std::vector<arc_record> arcs;  // complete before the net learns of them
-    petri_transition* element = nullptr;
-    bool active = true;  // as its user wants it; under the net's `_lock`
-
-protected:
-    template <class T, bool Weighted>
-    void _insert_arc(bool input, place_arc<T, Weighted> const& inserted) {
-        arcs.push_back({inserted.end._record, input, inserted.weight, nullptr});
-    }
-
-    // Runs the body, unless the net is to fire no more. `left` has an element for
-    // each arc.
-    void _fire(unsigned int* left);
-
-private:
-    virtual void _run(firing& scope) = 0;
-};
-
-}  // namespace detail
 
 // A place of a net, for tokens of type `T`. Copies refer to the same place, as long
 // as its net lives.
@@ -365,7 +251,7 @@ public:
             halt();
             _net.acquire();
         }
-        _await_unblocked();
+        _failure.await_unblocked();
     }
 
     net(net const&) = delete;
@@ -443,8 +329,6 @@ private:
 
     friend struct detail::inspector;
 
-    class blocked;
-
     template <class Records, class Element>
     static std::string const& _name(Records const& records, Element const* element) {
         std::string const* name = nullptr;
@@ -466,20 +350,15 @@ private:
     void _receive(detail::place_record& from, any& token);
     void _send(detail::place_record& to, petri_net::maker make, void* value);
     bool _try_send(detail::place_record& to, petri_net::maker make, void* value);
-    [[noreturn]] void _rethrow();
     void _deactivate();
-    std::exception_ptr _await_unblocked();
     void _end();
 
-    // Lock order: `_lock`, then what the net locks.
+    // Guards `_failure`, `_halted`, which is read without it as well, and whether each
+    // transition is active. Lock order: `_lock`, then what the net locks.
     lockable<mutex> _lock;
-    std::exception_ptr _failure;          // the last one; under _lock
-    detail::atomic<bool> _failed{false};  // changes under _lock
-    detail::atomic<bool> _halted{false};  // changes under _lock
-    bool _running = false;                // owner only
-    // Threads that are about to block in the net's places, or do; under _lock.
-    unsigned int _blocked = 0;
-    condition _unblocked;  // `_blocked` has come to 0; with _lock
+    detail::net_failure _failure{_lock};
+    detail::atomic<bool> _halted{false};
+    bool _running = false;  // owner only
     std::vector<std::unique_ptr<detail::place_record>> _places;
     std::vector<std::unique_ptr<detail::transition_record>> _transitions;
     petri_net _net;  // the last: its elements refer to the records
@@ -508,144 +387,6 @@ bool stop(petri_net& stopped, Point const& point) {
     stopped.acquire();
     return false;
 }
-
-namespace detail {
-
-template <class T>
-inline constexpr bool is_optional = false;
-template <class T>
-inline constexpr bool is_optional<std::optional<T>> = true;
-
-// 0 for what is not like a tuple.
-template <class T>
-inline constexpr std::size_t tuple_size = 0;
-template <class T>
-requires(std::tuple_size<T>::value !=
-         0) inline constexpr std::size_t tuple_size<T> = std::tuple_size<T>::value;
-
-// What keeps a body from fitting the arcs of its transition.
-enum class misfit { none, parameters, weights, scope_result, any_result, no_result, result, tuple };
-
-// Whether a place of `to` takes what a body returned for it, a value or an optional one.
-template <class Result, class Arc>
-consteval bool takes() {
-    if constexpr (std::is_convertible_v<Result, typename Arc::value>)
-        return true;
-    else if constexpr (is_optional<std::remove_cvref_t<Result>>)
-        return std::is_convertible_v<decltype(*std::declval<Result>()), typename Arc::value>;
-    else
-        return false;
-}
-
-template <class Results, class Arcs, std::size_t... indices>
-consteval bool take_all(std::index_sequence<indices...>) {
-    return (takes<decltype(std::get<indices>(std::declval<Results>())),
-                  std::tuple_element_t<indices, Arcs>>() &&
-            ...);
-}
-
-template <class Result, class... To>
-consteval misfit result_misfit() {
-    if constexpr (sizeof...(To) == 0) {
-        return std::is_void_v<Result> ? misfit::none : misfit::any_result;
-    } else if constexpr (std::is_void_v<Result>) {
-        return misfit::no_result;
-    } else if constexpr (sizeof...(To) == 1) {
-        return (takes<Result, To>() && ...) ? misfit::none : misfit::result;
-    } else if constexpr (tuple_size<std::remove_cvref_t<Result>> == sizeof...(To)) {
-        return take_all<Result, std::tuple<To...>>(std::make_index_sequence<sizeof...(To)>())
-                   ? misfit::none
-                   : misfit::result;
-    } else {
-        return misfit::tuple;
-    }
-}
-
-template <class Body, class... From, class... To>
-consteval misfit misfit_of(std::type_identity<inputs<From...>>,
-                           std::type_identity<outputs<To...>>) {
-    if constexpr (std::is_invocable_v<Body&, typename From::value...>) {
-        if constexpr ((From::weighted || ...) || (To::weighted || ...))
-            return misfit::weights;
-        else
-            return result_misfit<std::invoke_result_t<Body&, typename From::value...>, To...>();
-    } else if constexpr (std::is_invocable_v<Body&, firing&>) {
-        return std::is_void_v<std::invoke_result_t<Body&, firing&>> ? misfit::none
-                                                                    : misfit::scope_result;
-    } else {
-        return misfit::parameters;
-    }
-}
-
-// A transition with a body of type `Body`.
-template <class Body, class Inputs, class Outputs>
-class body_record;
-
-template <class Body, class... From, class... To>
-class body_record<Body, inputs<From...>, outputs<To...>> final : public transition_record {
-public:
-    body_record(net& of, std::string&& called, inputs<From...> const& from,
-                outputs<To...> const& to, Body&& body)
-        : transition_record(of, std::move(called)), _body(std::move(body)), _from(from), _to(to) {
-        // No arc may move once the net knows its variable.
-        arcs.reserve(sizeof...(From) + sizeof...(To));
-        std::apply([this](auto const&... each) { (this->_insert_arc(true, each), ...); },
-                   _from.arcs);
-        std::apply([this](auto const&... each) { (this->_insert_arc(false, each), ...); },
-                   _to.arcs);
-    }
-
-private:
-    void operator()() override {
-        std::array<unsigned int, sizeof...(From) + sizeof...(To)> left;
-        _fire(left.data());
-    }
-
-    void _run(firing& scope) override {
-        if constexpr (std::is_invocable_v<Body&, typename From::value...>)
-            _run_typed(scope);
-        else
-            _body(scope);
-    }
-
-    void _run_typed(firing& scope) {
-        // In braces, so that tokens are taken in the order of the places.
-        std::tuple<typename From::value...> taken = std::apply(
-            [&scope](auto const&... each) {
-                return std::tuple<typename From::value...>{scope.take(each.end)...};
-            },
-            _from.arcs);
-        if constexpr (sizeof...(To) == 0)
-            std::apply(_body, std::move(taken));
-        else if constexpr (sizeof...(To) == 1)
-            _put(scope, std::get<0>(_to.arcs), std::apply(_body, std::move(taken)));
-        else
-            _put_all(scope, std::apply(_body, std::move(taken)),
-                     std::make_index_sequence<sizeof...(To)>());
-    }
-
-    template <class Results, std::size_t... indices>
-    void _put_all(firing& scope, Results&& results, std::index_sequence<indices...>) {
-        (_put(scope, std::get<indices>(_to.arcs),
-              std::get<indices>(std::forward<Results>(results))),
-         ...);
-    }
-
-    // Puts what the body returned for one place.
-    template <class Arc, class Result>
-    static void _put(firing& scope, Arc const& to, Result&& result) {
-        if constexpr (std::is_convertible_v<Result&&, typename Arc::value>)
-            scope.put(to.end, std::forward<Result>(result));
-        else if (result.has_value())
-            scope.put(to.end, *std::forward<Result>(result));
-    }
-
-    Body _body;
-    inputs<From...> const _from;
-    outputs<To...> const _to;
-};
-
-}  // namespace detail
 
 template <class T>
 void place<T>::send(T value) const {
@@ -795,41 +536,17 @@ inline transition net::_insert(std::unique_ptr<detail::transition_record> insert
     return transition(&record);
 }
 
-// Counts a thread that may block, for the length of a scope. Rethrows what the net has
-// failed with: a thread that is counted is woken when the net fails from then on.
-class net::blocked {
-public:
-    // Throws what the net has failed with.
-    explicit blocked(net& in) : _net(in) {
-        auto const hold = _net._hold();
-        if (_net._failed.load(std::memory_order_relaxed))
-            std::rethrow_exception(_net._failure);
-        ++_net._blocked;
-    }
-    ~blocked() {
-        // Woken under the lock: once that is free the net may be gone.
-        std::lock_guard const hold(_net._lock);
-        if (--_net._blocked == 0)
-            _net._unblocked.release_all();
-    }
-    blocked(blocked const&) = delete;
-    blocked& operator=(blocked const&) = delete;
-
-private:
-    net& _net;
-};
-
 inline void net::start() {
     {
         auto const hold = _hold();
-        if (_failed.load(std::memory_order_relaxed))
-            wait(_unblocked, _lock, [this] { return _blocked == 0; });
+        if (_failure.has_failed())
+            _failure.wait_unblocked();
         if (_halted.load(std::memory_order_relaxed))
             for (auto const& record : _transitions)
                 if (record->active)
                     record->element->activate();
         // What fails it from here on holds for this run.
-        _failed = false;
+        _failure.clear();
         _halted = false;
     }
     _net.release();
@@ -853,18 +570,8 @@ bool net::join_until(Point const& point) {
 // The threads have been joined.
 inline void net::_end() {
     _running = false;
-    if (std::exception_ptr const failure = _await_unblocked())
+    if (std::exception_ptr const failure = _failure.await_unblocked())
         std::rethrow_exception(failure);
-}
-
-// Once the net has failed, waits until no thread is blocked in its places any more.
-// Returns what it failed with, null for a net that has not.
-inline std::exception_ptr net::_await_unblocked() {
-    std::lock_guard const hold(_lock);
-    if (!_failed.load(std::memory_order_relaxed))
-        return nullptr;
-    wait(_unblocked, _lock, [this] { return _blocked == 0; });
-    return _failure;
 }
 
 inline void net::halt() {
@@ -874,10 +581,9 @@ inline void net::halt() {
 
 inline void net::fail(std::exception_ptr failure) {
     auto const hold = _hold();
-    if (_failed.load(std::memory_order_relaxed))
+    if (_failure.has_failed())
         return;
-    _failure = std::move(failure);
-    _failed = true;
+    _failure.set(std::move(failure));
     _deactivate();
     _net._wake();
 }
@@ -889,15 +595,6 @@ inline void net::_deactivate() {
         record->element->deactivate();
 }
 
-inline void net::_rethrow() {
-    std::exception_ptr failure;
-    {
-        auto const hold = _hold();
-        failure = _failure;
-    }
-    std::rethrow_exception(failure);
-}
-
 inline bool net::_try_send(detail::place_record& to, petri_net::maker make, void* value) {
     return _net._try_put(to.element, make, value);
 }
@@ -906,18 +603,18 @@ inline void net::_send(detail::place_record& to, petri_net::maker make, void* va
     if (_try_send(to, make, value))
         return;
     trace::scope const here(to.name, trace::wait);
-    blocked const counted(*this);
-    if (!_net._put_unless(_failed, to.element, make, value))
-        _rethrow();
+    detail::net_failure::blocked const counted(_failure);
+    if (!_net._put_unless(_failure.flag(), to.element, make, value))
+        _failure.rethrow();
 }
 
 inline void net::_receive(detail::place_record& from, any& token) {
     if (_net.try_receive(from.element, token))
         return;
     trace::scope const here(from.name, trace::wait);
-    blocked const counted(*this);
-    if (!_net._receive_unless(_failed, from.element, token))
-        _rethrow();
+    detail::net_failure::blocked const counted(_failure);
+    if (!_net._receive_unless(_failure.flag(), from.element, token))
+        _failure.rethrow();
 }
 
 }  // namespace ovel

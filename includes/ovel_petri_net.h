@@ -638,7 +638,7 @@ private:
 
     class OVEL_HIDDEN change;
     class OVEL_HIDDEN engine;
-    class OVEL_HIDDEN runner;
+    class OVEL_HIDDEN firing_work;
     class slot;
     class start;
 
@@ -653,7 +653,7 @@ private:
     void _enter_contended();
     void _dispatch();
     void _leave();
-    petri_transition* _next_firing(runner& of, petri_transition* ended);
+    petri_transition* _next_firing(firing_work& of, petri_transition* ended);
 
     void _enqueue_initial_transitions();
     bool _await_token(petri_place* place, detail::atomic<bool> const* given_up = nullptr);

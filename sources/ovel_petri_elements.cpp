@@ -1,10 +1,11 @@
-// The elements of nets: what they hold and return. What checks, what fires and what
-// starts and stops is in `ovel_petri_net.cpp`.
+// The elements of nets and a net's lists of them: what they hold and return. What checks,
+// what fires and what starts and stops is in `ovel_petri_net.cpp`.
 
 #include "ovel_petri_net.h"
 
 #include "ovel_counter.h"
 #include "ovel_guard.h"
+#include "ovel_process.h"
 
 #include <algorithm>
 #include <utility>
@@ -18,6 +19,10 @@ petri_place::~petri_place() = default;
 
 unsigned int petri_place::capacity() const {
     return _channel.capacity();
+}
+
+bool petri_place::inherited() const {
+    return detail::is_inherited(_runner.load(std::memory_order_relaxed));
 }
 
 void petri_place::peek(any& token) {
@@ -201,5 +206,33 @@ petri_queue_function::petri_queue_function(petri_net* net) : _net(net) {}
 petri_queue_function::petri_queue_function(petri_queue_function const&) = default;
 petri_queue_function& petri_queue_function::operator=(petri_queue_function const&) = default;
 petri_queue_function::~petri_queue_function() = default;
+
+bool petri_net::inherited() const {
+    return detail::is_inherited(_runner.load(std::memory_order_relaxed));
+}
+
+list<petri_place*>::iterator petri_net::begin_places() {
+    return _places.begin();
+}
+
+list<petri_place*>::iterator petri_net::end_places() {
+    return _places.end();
+}
+
+list<petri_transition*>::iterator petri_net::begin_transitions() {
+    return _transitions.begin();
+}
+
+list<petri_transition*>::iterator petri_net::end_transitions() {
+    return _transitions.end();
+}
+
+list<petri_arc*>::iterator petri_net::begin_arcs() {
+    return _arcs.begin();
+}
+
+list<petri_arc*>::iterator petri_net::end_arcs() {
+    return _arcs.end();
+}
 
 }  // namespace ovel

@@ -71,9 +71,9 @@
 namespace ovel {
 
 // The work that the threads of a group are called with, and the group's crew.
-class petri_net::runner final : public thread_function {
+class petri_net::firing_work final : public thread_function {
 public:
-    runner(petri_net& net, thread_group& group, double budget)
+    firing_work(petri_net& net, thread_group& group, double budget)
         : _net(net),
           _group(group),
           _budget(budget),
@@ -97,10 +97,10 @@ private:
     // Under the net's mutex.
     detail::petri_crew _crew;
     bool _is_touched = false;
-    runner* _next_touched = nullptr;
+    firing_work* _next_touched = nullptr;
     // Of the thread that calls one, from `collect_wake_ups` to the call. No other thread
     // calls one in between, since a crew has one thread on its way at most.
-    runner* _next_called = nullptr;
+    firing_work* _next_called = nullptr;
 };
 
 // Keeps the enabled transitions true to the counts of the places, and hands firings to the
@@ -110,19 +110,19 @@ class petri_net::engine {
 public:
     // `spin` bounds the pauses of a thread that waits for the net's mutex.
     engine(petri_net& net, unsigned int spin)
-        : _spin(spin), _net(net), _runners(new std::unique_ptr<runner>[net._groups]) {}
+        : _spin(spin), _net(net), _works(new std::unique_ptr<firing_work>[net._groups]) {}
 
     // What a thread does for others once it has given the mutex up.
     struct wake_ups {
-        runner* called;  // the groups to call a thread of, linked by `_next_called`
-        bool callers;    // wake blocked callers
+        firing_work* called;  // the groups to call a thread of, linked by `_next_called`
+        bool callers;         // wake blocked callers
         bool queue_thread;
     };
 
     // Building, while the net is stopped.
 
     void insert_group(unsigned int index, thread_group& group, double budget) {
-        _runners[index] = std::make_unique<runner>(_net, group, budget);
+        _works[index] = std::make_unique<firing_work>(_net, group, budget);
     }
     // Gives all transitions their ranks if some have none yet.
     void rank(list<petri_transition*>& transitions);
@@ -176,11 +176,11 @@ public:
             return;
         while (!_enabled.empty()) {
             petri_transition* const transition = _enabled.take_first();
-            runner& runs = *_runners[transition->_group];
-            unsigned int left = transition->_reentrant ? runs._threads : 1;
+            firing_work& work = *_works[transition->_group];
+            unsigned int left = transition->_reentrant ? work._threads : 1;
             do {
                 _initiate(transition);
-                _insert(runs, transition);
+                _insert(work, transition);
             } while (--left != 0 && transition->enabled());
         }
     }
@@ -195,7 +195,7 @@ public:
     }
 
     // The firing that a thread of `of` runs next, as `petri_crew::next` has it.
-    petri_transition* next(runner& of, petri_transition* ended) {
+    petri_transition* next(firing_work& of, petri_transition* ended) {
         petri_transition* const next = of._crew.next(ended);
         _called -= next == nullptr;
         _touch(of);
@@ -212,7 +212,7 @@ public:
                 _net._acquired && is_at_rest()};
     }
     // Makes the calls that `collect_wake_ups` returned. Without the mutex.
-    static void call(runner* called) {
+    static void call(firing_work* called) {
         while (called != nullptr)
             std::exchange(called, called->_next_called)->call();
     }
@@ -292,7 +292,7 @@ private:
         }
     }
 
-    void _insert(runner& into, petri_transition* transition) {
+    void _insert(firing_work& into, petri_transition* transition) {
         // A group would refuse work that takes more than all of its space.
         if (transition->_space > into._budget)
             detail::assure_schedulable(transition->_time, transition->_space, into._budget);
@@ -301,17 +301,17 @@ private:
     }
 
     // A thread of the group may be needed.
-    void _touch(runner& touched) {
+    void _touch(firing_work& touched) {
         if (std::exchange(touched._is_touched, true))
             return;
         touched._next_touched = std::exchange(_touched, &touched);
     }
 
     // Begins the calls of threads that are needed, and links the groups that they are of.
-    runner* _begin_calls() {
-        runner* called = nullptr;
+    firing_work* _begin_calls() {
+        firing_work* called = nullptr;
         while (_touched != nullptr) {
-            runner& each = *std::exchange(_touched, _touched->_next_touched);
+            firing_work& each = *std::exchange(_touched, _touched->_next_touched);
             each._is_touched = false;
             if (each._crew.begin_call()) {
                 ++_called;
@@ -322,10 +322,10 @@ private:
     }
 
     petri_net& _net;
-    std::unique_ptr<std::unique_ptr<runner>[]> const _runners;  // one for each group
+    std::unique_ptr<std::unique_ptr<firing_work>[]> const _works;  // one for each group
     detail::enabled_transitions _enabled{_net._queue, _net._random};
-    runner* _touched = nullptr;  // the first of those that may need a thread
-    unsigned int _called = 0;    // threads called and not gone, of all crews
+    firing_work* _touched = nullptr;  // the first of those that may need a thread
+    unsigned int _called = 0;         // threads called and not gone, of all crews
     bool _is_running = false;
     bool _missed = false;                     // there was no memory to queue a transition
     bool _wakes_callers = false;              // what a blocked caller waits for has come
@@ -347,8 +347,8 @@ inline void petri_net::engine::rank(list<petri_transition*>& transitions) {
     for (unsigned int group = 0; group != _net._groups; ++group) {
         petri_transition** const last = std::find_if(
             first, end, [group](petri_transition const* each) { return each->_group != group; });
-        runner& runs = *_runners[group];
-        runs._crew = detail::petri_crew(runs._threads, runs._budget, first, last);
+        firing_work& work = *_works[group];
+        work._crew = detail::petri_crew(work._threads, work._budget, first, last);
         first = last;
     }
     _ranked = transitions.size();

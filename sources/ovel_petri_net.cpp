@@ -35,16 +35,8 @@ void petri_transition::insert_arc(list<petri_arc*>::prepared&& inserted) {
     _arcs.push_back(std::move(inserted));
 }
 
-bool petri_place::inherited() const {
-    return detail::is_inherited(_runner.load(std::memory_order_relaxed));
-}
-
 void petri_place::_assure_present() const {
     assure(!inherited());
-}
-
-bool petri_net::inherited() const {
-    return detail::is_inherited(_runner.load(std::memory_order_relaxed));
 }
 
 // Takes the mutex.
@@ -124,7 +116,7 @@ void petri_transition::operator()() {
     }
 }
 
-void petri_net::runner::call() {
+void petri_net::firing_work::call() {
     try {
         _group.schedule(*this, 1.0, 0.0);
     } catch (...) {
@@ -132,7 +124,7 @@ void petri_net::runner::call() {
     }
 }
 
-void petri_net::runner::operator()() {
+void petri_net::firing_work::operator()() {
     petri_net& net = _net;  // another thread may write this object's cache lines meanwhile
     allocator_group* const group = allocator_group::global();
     using detail::this_process;
@@ -148,7 +140,7 @@ void petri_net::runner::operator()() {
 
 // On a thread of `of`: commits the firing that it has run, if any, and returns the one
 // that it runs next; null ends its work.
-petri_transition* petri_net::_next_firing(runner& of, petri_transition* ended) {
+petri_transition* petri_net::_next_firing(firing_work& of, petri_transition* ended) {
     _enter();
     try {
         if (ended != nullptr)
@@ -346,30 +338,6 @@ petri_arc* petri_net::_insert_arc(petri_place* place, petri_connector const& con
     if (connector.transition()->queued() && !arc->enabled())
         _engine->dequeue(connector.transition());
     return arc.release();
-}
-
-list<petri_place*>::iterator petri_net::begin_places() {
-    return _places.begin();
-}
-
-list<petri_place*>::iterator petri_net::end_places() {
-    return _places.end();
-}
-
-list<petri_transition*>::iterator petri_net::begin_transitions() {
-    return _transitions.begin();
-}
-
-list<petri_transition*>::iterator petri_net::end_transitions() {
-    return _transitions.end();
-}
-
-list<petri_arc*>::iterator petri_net::begin_arcs() {
-    return _arcs.begin();
-}
-
-list<petri_arc*>::iterator petri_net::end_arcs() {
-    return _arcs.end();
 }
 
 void petri_net::activate(petri_transition* transition) {

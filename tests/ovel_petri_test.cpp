@@ -23,7 +23,7 @@ struct ovel::detail::inspector {
     // Threads that block in the net's places, or are about to.
     static unsigned int blocked(net& in) {
         std::lock_guard const hold(in._lock);
-        return in._blocked;
+        return in._failure._blocked;
     }
 };
 

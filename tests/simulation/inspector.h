@@ -104,8 +104,8 @@ struct ovel::detail::inspector {
         _check(engine._enabled, queued);
         unsigned int called = 0;
         for (unsigned int group = 0; group != net._groups; ++group) {
-            _check(engine._runners[group]->_crew, net, group);
-            called += engine._runners[group]->_crew._called;
+            _check(engine._works[group]->_crew, net, group);
+            called += engine._works[group]->_crew._called;
         }
         assure(called == engine._called && engine._touched == nullptr);
     }

@@ -25,8 +25,8 @@ namespace {
 
 using detail::inspector;
 
-// Where each token is. Whoever makes one enters it before it can be seen, and
-// whoever takes one crosses it out.
+// Where each token is. The thread that makes one enters it before any other can see it,
+// and the thread that takes it crosses it out.
 struct ledger {
     int enter(unsigned int place) {
         places.push_back(place);
@@ -341,7 +341,7 @@ void net_refusals(unsigned int variant) {
         receive(through->places[2]);
     }
     refuse_memory(0, 0);
-    // A transition that could not be queued is looked at again.
+    // Examines the transitions that could not be queued.
     for (petri_transition* each : through->transitions)
         each->activate();
     through->net.acquire();

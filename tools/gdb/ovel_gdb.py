@@ -305,7 +305,7 @@ class NamedNet(Printer):
 
     def describe(self):
         state = Net(self.value["_net"]).describe()
-        if plain(self.value["_failed"]):
+        if plain(self.value["_failure"]["_failed"]):
             return f"failed, {state}"
         return f"halted, {state}" if plain(self.value["_halted"]) else state
 

@@ -1,0 +1,115 @@
+// What a net of `ovel_petri.h` keeps of its places and transitions, and how its tokens
+// carry values. For that header only.
+#ifndef OVEL_PETRI_RECORD_H
+#define OVEL_PETRI_RECORD_H
+
+#include "ovel_any.h"
+#include "ovel_petri_net.h"
+#include "ovel_trace.h"
+
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace ovel {
+
+class firing;
+class net;
+template <class T>
+class place;
+
+// An arc to be, between the place `end` and a transition; `Weighted` tells whether
+// its weight was given. For `from` and `to`, which it leads the compiler to.
+template <class T, bool Weighted>
+struct place_arc {
+    using value = T;                            // what the place holds
+    static constexpr bool weighted = Weighted;  // whether the weight was given
+
+    place<T> end;         // the place
+    unsigned int weight;  // tokens that a firing takes or puts
+};
+
+namespace detail {
+
+// A place of a net, with its name.
+struct place_record {
+    net* const owner;
+    trace::shared_name const name;
+    petri_place* const element;
+};
+
+// An arc of a transition; `reference` is the variable that names it to the net.
+struct arc_record {
+    place_record* place;
+    bool input;
+    unsigned int weight;
+    petri_place* reference;
+};
+
+// Lets an `any` hold a value that cannot be copied: a copy takes the value.
+template <class T>
+struct moved {
+    explicit moved(T&& source) : value(std::move(source)) {}
+    moved(moved const& other) : value(std::move(other.value)) {}
+    moved& operator=(moved const&) = delete;
+    ~moved() = default;
+
+    T mutable value;
+};
+
+// What a place for `T` holds.
+template <class T>
+using token = std::conditional_t<std::is_copy_constructible_v<T>, T, moved<T>>;
+
+// The value in a token, which must be there: check "operand.type() == typeid(T)".
+template <class T>
+T& value_of(any& held) {
+    if constexpr (std::is_copy_constructible_v<T>)
+        return any_cast<T&>(held);
+    else
+        return any_cast<moved<T>&>(held).value;
+}
+
+// Make tokens of a value for a net, which calls them under its lock.
+template <class T>
+void copy_into(any& made, void* from) {
+    made = any(std::in_place_type<T>, *static_cast<T const*>(from));
+}
+template <class T>
+void move_into(any& made, void* from) {
+    made = any(std::in_place_type<token<T>>, std::move(*static_cast<T*>(from)));
+}
+
+// A transition of a net: its name, arcs and body.
+class transition_record : public petri_function {
+public:
+    transition_record(net& of, std::string&& called) : owner(of), name(std::move(called)) {}
+    transition_record(transition_record const&) = delete;
+    transition_record& operator=(transition_record const&) = delete;
+
+    net& owner;
+    trace::shared_name const name;
+    std::vector<arc_record> arcs;  // complete before the net learns of them
+    petri_transition* element = nullptr;
+    bool active = true;  // as its user wants it; under the net's `_lock`
+
+protected:
+    template <class T, bool Weighted>
+    void _insert_arc(bool input, place_arc<T, Weighted> const& inserted) {
+        arcs.push_back({inserted.end._record, input, inserted.weight, nullptr});
+    }
+
+    // Runs the body, unless the net is to fire no more. `left` has an element for
+    // each arc.
+    void _fire(unsigned int* left);
+
+private:
+    virtual void _run(firing& scope) = 0;
+};
+
+}  // namespace detail
+
+}  // namespace ovel
+
+#endif
