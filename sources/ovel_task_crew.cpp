@@ -284,6 +284,8 @@ void task_crew::_work(task_seat& seat) {
             if (task* const stolen = _steal(seat)) {
                 _feed(seat);
                 scope_base::_run(seat, *stolen, true);
+            } else {
+                thread_support::yield();  // another thread is taking it
             }
         } else {
             _starve(seat);
@@ -475,11 +477,16 @@ task_seat* task_crew::_stop_searching(task_seat& seat) {
     return has_fitting_work(_queue, _space) || _has_task() ? _find_worker() : nullptr;
 }
 
-// Without the mutex: the calling thread, which is in the list, leaves it; false if it is
-// being woken.
+// Without the mutex: the calling thread, which is in the list, leaves it for what it has
+// seen; false if it is being woken. There may be more than it has seen, and workers that
+// sleep beside it: so a worker searches again.
 bool task_crew::_leave_sleepers(task_seat& seat) {
     guard const hold(_mutex);
-    return _remove_sleeper(seat);
+    if (!_remove_sleeper(seat))
+        return false;
+    if (seat._awaited == nullptr && !_searching)
+        _searching = seat._searches = true;
+    return true;
 }
 
 // Without the mutex: wakes the thread if it sleeps.

@@ -172,7 +172,35 @@ void no_thread_sleeps_beside_children(unsigned int variant) {
     }
 }
 
-// Items of the queue, with children beside them; each item takes a unit of space.
+// Children come one by one, from a thread that runs none itself meanwhile: so no later one
+// calls the thread that was about to sleep, or found other work, when it came.
+void each_child_finds_a_thread(unsigned int variant) {
+    accounts const books(variant % 2 * 2);
+    unsigned int const thread_count = 1 + variant / 2;
+    begin();
+    {
+        work_group group(thread_count);
+        held_work held;
+        for (unsigned int round = 0; round != 3; ++round) {
+            task_scope here(group);
+            unsigned int const children = 1 + pick(thread_count + 1);
+            for (unsigned int forked = 1; forked <= children; ++forked) {
+                ++held.left;
+                here.run(std::ref(held));
+                if (forked == children || pick(2) == 0) {
+                    settle();
+                    assure(held.inside == std::min(thread_count, forked));
+                }
+            }
+            for (unsigned int each = 0; each != children; ++each)
+                held.go.release();
+            here.wait();
+            assure(held.left == 0);
+        }
+    }
+}
+
+// Items of the queue, each of which takes a unit of space where that is bounded.
 void no_thread_sleeps_beside_items(unsigned int variant) {
     accounts const books(variant % 2 * 2);
     unsigned int const thread_count = 2 + variant / 2 % 2;
@@ -227,6 +255,8 @@ registration const table[] = {
     registration({.name = "no_thread_sleeps_beside_children",
                   .run = no_thread_sleeps_beside_children,
                   .variants = 4}),
+    registration(
+        {.name = "each_child_finds_a_thread", .run = each_child_finds_a_thread, .variants = 6}),
     registration({.name = "no_thread_sleeps_beside_items",
                   .run = no_thread_sleeps_beside_items,
                   .variants = 8}),
