@@ -16,8 +16,6 @@
 
 namespace ovel {
 
-class thread_function;
-
 // The order of a `skip_list<T>`, given by a specialisation for T with
 //
 //     static bool precedes(T const& x, T const& e);
@@ -33,20 +31,20 @@ class thread_function;
 template <class T>
 struct skip_list_order;
 
-// Work items that wait in a thread group, as (function, time, space): the largest
-// space first, then the longest time, then the one that was queued first.
-template <>
-struct skip_list_order<triple<thread_function*, double, double>> {
+// Work items that wait in a group, as (work, time, space): the largest space first, then
+// the longest time, then the one that was queued first.
+template <class Work>
+struct skip_list_order<triple<Work*, double, double>> {
     // Whether `x` takes more space than `e`, or as much and more time.
-    static bool precedes(triple<thread_function*, double, double> const& x,
-                         triple<thread_function*, double, double> const& e) {
+    static bool precedes(triple<Work*, double, double> const& x,
+                         triple<Work*, double, double> const& e) {
         return x.third > e.third || (x.third == e.third && x.second > e.second);
     }
 
     // 0.0 and -0.0 are equal; the addition turns both into 0.0. The bits of both values,
     // one rotated, are multiplied by 2^64 over the golden ratio, which spreads them over the
     // upper bits.
-    static std::size_t hash(triple<thread_function*, double, double> const& x) {
+    static std::size_t hash(triple<Work*, double, double> const& x) {
         std::uint64_t const both = std::rotl(std::bit_cast<std::uint64_t>(x.third + 0.0), 29) ^
                                    std::bit_cast<std::uint64_t>(x.second + 0.0);
         return static_cast<std::size_t>((both ^ both >> 32) * 0x9e3779b97f4a7c15 >> 48);

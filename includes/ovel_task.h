@@ -4,6 +4,7 @@
 #ifndef OVEL_TASK_H
 #define OVEL_TASK_H
 
+#include "ovel_allocator_support.h"
 #include "ovel_atomic.h"
 #include "ovel_condition.h"
 #include "ovel_frame.h"
@@ -11,12 +12,12 @@
 #include "ovel_semaphore.h"
 #include "ovel_skip_list.h"
 #include "ovel_thread.h"
-#include "ovel_thread_function.h"
 #include "ovel_time.h"
 #include "ovel_triple.h"
 
 #include <cstddef>
 #include <exception>
+#include <new>
 #include <utility>
 
 namespace ovel::detail {
@@ -56,6 +57,27 @@ private:
     enum state : unsigned char { none, busy, kept };
     atomic<state> _state{none};
     std::exception_ptr _caught;  // of the thread that made the state `busy`
+};
+
+// An item of a crew's queue. It is the client's, in memory of `allocator_support`, as
+// threads hand many over to each other.
+struct queued_item {
+    // Runs the item, or with `runs` false discards it, and deletes it. Throws nothing.
+    void (*const end)(queued_item& self, bool runs);
+
+    static void* operator new(std::size_t size) {
+        return allocator_support::allocate(size);
+    }
+    static void operator delete(void* memory) {
+        allocator_support::deallocate(memory);
+    }
+    // For callables that ask for more alignment than `allocator_support` has.
+    static void* operator new(std::size_t size, std::align_val_t alignment) {
+        return ::operator new(size, alignment);
+    }
+    static void operator delete(void* memory, std::align_val_t alignment) {
+        ::operator delete(memory, alignment);
+    }
 };
 
 // A child of a scope. It is the client's, on its stack or its heap.
@@ -284,7 +306,7 @@ public:
     // Queues `item`, which then belongs to the crew: it is deleted when it has run, or
     // unrun after a stop. False after a stop, with `item` still the caller's. Throws
     // std::bad_alloc likewise. Check "time_ > 0 && space_ >= 0 && space_ <= _space".
-    OVEL_EXPORT bool queue(thread_function& item, double time, double space);
+    OVEL_EXPORT bool queue(queued_item& item, double time, double space);
 
     // Items that have not begun are discarded.
     OVEL_EXPORT void stop();
@@ -316,7 +338,7 @@ private:
     friend class task_seat;
     friend struct inspector;
 
-    using items = skip_list<triple<thread_function*, double, double>>;
+    using items = skip_list<triple<queued_item*, double, double>>;
     class worker;
 
     template <class Wait>
@@ -327,8 +349,7 @@ private:
 
     // The loop of a worker.
     void _work(task_seat& seat);
-    bool _pass(task_seat& seat, items::detached& item, bool takes);
-    static void _run(items::detached const& item);
+    bool _pass(task_seat& seat, items::detached& item, bool takes, bool& runs);
     bool _poll(task_seat& seat);
     task* _poll_for(task_seat& seat, scope_base& scope);
     void _await_stores() const;

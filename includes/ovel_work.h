@@ -93,50 +93,57 @@ namespace detail {
 
 // Work of a group without a future: what it throws is the group's.
 template <class Callable>
-class run_item final : public thread_function {
+class run_item : public queued_item {
 public:
     run_item(first_exception& error, Callable&& callable)
-        : _error(error), _callable(std::move(callable)) {}
+        : queued_item{&_end}, _error(error), _callable(std::move(callable)) {}
 
-    void operator()() override {
+private:
+    static void _end(queued_item& self, bool runs) {
+        std::unique_ptr<run_item> const own(static_cast<run_item*>(&self));
+        if (!runs)
+            return;
         try {
-            _callable();
+            own->_callable();
         } catch (...) {
-            _error.keep(std::current_exception());
+            own->_error.keep(std::current_exception());
         }
     }
 
-private:
     first_exception& _error;
     Callable _callable;
 };
 
-// Work with a future. Destroyed before it has run, it breaks its promise.
+// Work with a future. Discarded, it breaks its promise.
 template <class Callable>
-class submitted_item final : public thread_function {
+class submitted_item : public queued_item {
     using result = std::invoke_result_t<Callable&>;
 
 public:
-    explicit submitted_item(Callable&& callable) : _callable(std::move(callable)) {}
+    explicit submitted_item(Callable&& callable)
+        : queued_item{&_end}, _callable(std::move(callable)) {}
 
     std::future<result> get_future() {
         return _promise.get_future();
     }
 
-    void operator()() override {
+private:
+    static void _end(queued_item& self, bool runs) {
+        std::unique_ptr<submitted_item> const own(static_cast<submitted_item*>(&self));
+        if (!runs)
+            return;
         try {
             if constexpr (std::is_void_v<result>) {
-                _callable();
-                _promise.set_value();
+                own->_callable();
+                own->_promise.set_value();
             } else {
-                _promise.set_value(_callable());
+                own->_promise.set_value(own->_callable());
             }
         } catch (...) {
-            _promise.set_exception(std::current_exception());
+            own->_promise.set_exception(std::current_exception());
         }
     }
 
-private:
     std::promise<result> _promise;
     Callable _callable;
 };
@@ -263,7 +270,8 @@ private:
     friend class task_scope;
     friend class detail::crew_of;
 
-    void _queue(std::unique_ptr<thread_function> item, work_options const& options) {
+    template <class Item>
+    void _queue(std::unique_ptr<Item> item, work_options const& options) {
         if (_crew.queue(*item, options.time, options.space))
             static_cast<void>(item.release());
     }

@@ -19,6 +19,7 @@
 #include "ovel_process.h"
 #include "ovel_spin_wait.h"
 #include "ovel_task.h"
+#include "ovel_thread_function.h"
 #include "ovel_thread_support.h"
 #include "ovel_work_queue.h"
 
@@ -128,11 +129,10 @@ void task_crew::_destroy() {
     }
 }
 
-bool task_crew::queue(thread_function& item, double time_, double space_) {
-    double const _space = _budget;  // work that fits the group waits until it fits
+bool task_crew::queue(queued_item& item, double time, double space) {
     assure(!inherited());
-    assure(time_ > 0 && space_ >= 0 && space_ <= _space);
-    auto element = items::prepare({&item, time_, space_}, _level.load(std::memory_order_relaxed));
+    assure_schedulable(time, space, _budget);
+    auto element = items::prepare({&item, time, space}, _level.load(std::memory_order_relaxed));
     task_seat* woken = nullptr;
     {
         patient_guard const hold(_mutex, _spin);
@@ -142,7 +142,7 @@ bool task_crew::queue(thread_function& item, double time_, double space_) {
         _level.store(_queue.next_level(), std::memory_order_relaxed);
         ++_unfinished;
         _news.store(_news.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-        if (!_searching && _sleepers != nullptr && has_fitting_work(_queue, this->_space))
+        if (!_searching && _sleepers != nullptr && has_fitting_work(_queue, _space))
             woken = _find_worker();
     }
     if (woken != nullptr)
@@ -264,10 +264,11 @@ void task_crew::_work(task_seat& seat) {
     allocator_group* const group = allocator_group::global();
     unsigned int const process = this_process();
     items::detached item;  // runs, or has just ended
+    bool runs = true;      // it was not discarded
     bool active = true;    // the thread's allocator
     for (;;) {
         bool const steals = _has_task();
-        if ((item || !steals) && !_pass(seat, item, !steals))
+        if ((item || !steals) && !_pass(seat, item, !steals, runs))
             break;
         bool const works = item || steals;
         if (works != active) {
@@ -279,7 +280,7 @@ void task_crew::_work(task_seat& seat) {
         }
         if (item) {
             _feed(seat);
-            _run(item);
+            (*item).first->end(*(*item).first, runs);
         } else if (steals) {
             if (task* const stolen = _steal(seat)) {
                 _feed(seat);
@@ -301,9 +302,10 @@ void task_crew::_work(task_seat& seat) {
 }
 
 // Ends the item that has run, if any, and with `takes` takes the next one that fits, or
-// begins to search if nobody does. False when the worker is to end.
-bool task_crew::_pass(task_seat& seat, items::detached& item, bool takes) {
-    bool ends = false, idle = false, discards = false;
+// begins to search if nobody does; `runs` tells whether the item was not discarded. False
+// when the worker is to end.
+bool task_crew::_pass(task_seat& seat, items::detached& item, bool takes, bool& runs) {
+    bool ends = false, idle = false;
     task_seat* woken = nullptr;
     items::detached ended = std::move(item);
     {
@@ -323,7 +325,7 @@ bool task_crew::_pass(task_seat& seat, items::detached& item, bool takes) {
                 _space -= space;
                 ++_occupants;
             }
-            discards = _stopped;
+            runs = !_stopped;
         }
         ends = takes && !item && _concluded && _queue.empty();
         if (ends) {
@@ -342,24 +344,7 @@ bool task_crew::_pass(task_seat& seat, items::detached& item, bool takes) {
         woken->_wake.release();
     if (idle)
         _idle.release_all();
-    if (discards) {
-        delete (*item).first;
-        (*item).first = nullptr;
-    }
     return !ends;
-}
-
-// Runs an item, unless it was discarded, and deletes it.
-void task_crew::_run(items::detached const& item) {
-    thread_function* const function = (*item).first;
-    if (function == nullptr)
-        return;
-    try {
-        (*function)();
-    } catch (...) {
-        assure(("unexpected exception", 0));
-    }
-    delete function;
 }
 
 // The searching thread polls for as long as the spin count says, and returns whether

@@ -14,9 +14,6 @@
 
 namespace ovel::detail {
 
-// Work items that wait, as (function, time, space).
-using work_queue = skip_list<triple<thread_function*, double, double>>;
-
 // Checks that a group with the space `_space` can take work of `time_` and `space_` (check
 // "time_ > 0 && space_ >= 0 && space_ <= _space" of `thread_group::schedule`).
 void assure_schedulable(double time_, double space_, double _space);
@@ -58,19 +55,19 @@ private:
 };
 
 // The work item to run next if it fits into `space`, else the largest. The caller holds
-// the mutex that guards the queue, which is not empty.
-inline work_queue::iterator find_work(work_queue& waiting, double space) {
+// the mutex that guards the queue, a skip list of (work, time, space), which is not empty.
+template <class Queue>
+typename Queue::iterator find_work(Queue& waiting, double space) {
     if ((*waiting.begin()).third <= space)
         return waiting.begin();
     auto const found =
-        waiting.find_first([space](triple<thread_function*, double, double> const& each) {
-            return each.third <= space;
-        });
+        waiting.find_first([space](auto const& each) { return each.third <= space; });
     return found != waiting.end() ? found : waiting.begin();
 }
 
 // Whether some work item fits into `space`. The caller holds the queue's mutex.
-inline bool has_fitting_work(work_queue& waiting, double space) {
+template <class Queue>
+bool has_fitting_work(Queue& waiting, double space) {
     return !waiting.empty() && (*find_work(waiting, space)).third <= space;
 }
 
