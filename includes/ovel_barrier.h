@@ -17,7 +17,7 @@ namespace ovel {
 // leave in the same phase. Any thread may call any operation. A barrier of capacity 0
 // opens by `release_all` only. Not detected: destroying a barrier with threads in it.
 //
-// A constructor takes the capacity and the spin count, the number of polls before a
+// A constructor takes the capacity and the spin count, the most polls before a
 // waiting thread sleeps.
 //
 // The results: true for a phase that was completed; false for one that `release_all`

@@ -81,7 +81,7 @@ extern template class basic_condition<timed_semaphore>;
 // checked: that the caller of a wait holds the mutex, and that no thread waits at
 // destruction.
 //
-// A constructor takes the spin count, the number of polls before a waiting thread
+// A constructor takes the spin count, the most polls before a waiting thread
 // sleeps: `default_spin` unless given.
 
 // Waits without a deadline, with any mutex of the library.

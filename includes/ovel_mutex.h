@@ -140,8 +140,9 @@ extern template class reentrant_mutex<timed_semaphore>;
 // and `acquire(state&, true)` an owner gives a mutex up completely, whatever its depth,
 // and takes it back as it was; conditions do so around their wait.
 //
-// A constructor takes the spin count: how many pauses a waiting thread makes, polling
-// the mutex now and then, before it sleeps. The timed kinds never spin, whatever it is.
+// A constructor takes the spin count: how many pauses a waiting thread makes at most,
+// polling the mutex now and then, before it sleeps. After waits that spun in vain it sleeps
+// at once. The timed kinds never spin, whatever the spin count is.
 
 // The ordinary lock: it spins, has no deadlines, and is not recursive.
 class mutex : public detail::plain_mutex<semaphore> {

@@ -6,6 +6,7 @@
 #include "ovel_atomic.h"
 #include "ovel_frame.h"
 #include "ovel_kernel.h"
+#include "ovel_spin_memory.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
 
@@ -37,8 +38,9 @@ class reentrant_mutex;
 //     ready.acquire();    // consumer, before it reads the slot
 class OVEL_EXPORT semaphore {
 public:
-    // Starts with `value` units (check "_value >= 0"). `spin` is the number of
-    // polls a thread makes before it sleeps; with 0 it sleeps at once.
+    // Starts with `value` units (check "_value >= 0"). `spin` is the number of polls
+    // that a thread makes at most before it sleeps; with 0 it sleeps at once. A wait
+    // after others that polled in vain sleeps at once, too.
     semaphore(int value, unsigned int spin);
     ~semaphore();
     semaphore(semaphore const&) = delete;
@@ -74,7 +76,7 @@ private:
     void _acquire_single();
 
     void _take();
-    void _poll() const;
+    void _poll();
     void _acquire_contended();
 
     // Gives back `count` units, 1 or more, with at most one system call.
@@ -87,7 +89,10 @@ private:
     [[maybe_unused]] cacheline _between;
     unsigned int const _spin;
     HANDLE const _semaphore;  // its count: wake-ups posted and not yet taken
-    [[maybe_unused]] cacheline _after;
+    union {
+        [[maybe_unused]] cacheline _after;
+        detail::spin_memory _memory{};  // of threads that wait; the rest only keeps apart
+    };
 };
 
 // A counting semaphore that can wait until a deadline. Every operation goes to

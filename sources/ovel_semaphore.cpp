@@ -38,23 +38,30 @@ semaphore::~semaphore() {
 }
 
 // Spins until a unit is available or the spin count is used up. Takes none.
-void semaphore::_poll() const {
+void semaphore::_poll() {
     YieldProcessor();
+    if (_spin == 0 || !_memory.should_spin())
+        return;
     for (detail::spin_wait wait(_spin, detail::pace_for_unit); !wait.is_over(); wait.pause())
         // Relaxed: the value is only a hint, the decrement decides.
         if (_value.load(std::memory_order_relaxed) > 0)
-            return;
+            return _memory.has_succeeded();
+    _memory.has_failed();
 }
 
 // Spins for the only unit, backing off. A thread that sees the unit and loses it to
 // another keeps spinning, because the new owner gives it back soon.
 void semaphore::_acquire_contended() {
-    for (detail::spin_wait wait(_spin, detail::pace_for_mutex); !wait.is_over();) {
-        wait.pause();
-        // Relaxed: only a hint that the exchange may succeed.
-        int one = 1;
-        if (_value.load(std::memory_order_relaxed) > 0 && _value.compare_exchange_strong(one, 0))
-            return;
+    if (_spin != 0 && _memory.should_spin()) {
+        for (detail::spin_wait wait(_spin, detail::pace_for_mutex); !wait.is_over();) {
+            wait.pause();
+            // Relaxed: only a hint that the exchange may succeed.
+            int one = 1;
+            if (_value.load(std::memory_order_relaxed) > 0 &&
+                _value.compare_exchange_strong(one, 0))
+                return _memory.has_succeeded();
+        }
+        _memory.has_failed();
     }
     _take();
 }

@@ -103,6 +103,26 @@ void fast_paths(unsigned int) {
     assure(kernel_calls() == calls + 3);
 }
 
+// A wait that spun in vain has the next one sleep at once, a second one the next three:
+// where threads outnumber processors, spinning takes the processor from the one waited for.
+void spins_less_in_vain(unsigned int) {
+    constexpr unsigned int spin = 4;
+    constexpr unsigned int spun = 1 + spin;
+    semaphore units(0, spin);
+    begin();
+    worker waiter([&] {
+        for (unsigned int const expected : {spun, 1u, spun, 1u, 1u, 1u, spun, 1u}) {
+            unsigned int const before = pauses();
+            units.acquire();
+            assure(pauses() - before == expected);
+        }
+    });
+    for (int wait = 0; wait != 8; ++wait) {
+        settle();
+        units.release();
+    }
+}
+
 unsigned int volatile flags[2];
 detail::atomic<unsigned int>* runs;
 
@@ -198,6 +218,8 @@ void exact_time(unsigned int variant) {
 registration const table[] = {
     registration({.name = "lock_excludes", .run = exclusion, .variants = 12, .exhaustive = true}),
     registration({.name = "semaphore_keeps_out_of_the_kernel", .run = fast_paths}),
+    registration(
+        {.name = "semaphore_spins_less_after_spinning_in_vain", .run = spins_less_in_vain}),
     registration({.name = "call_once_runs_once", .run = once, .variants = 2, .exhaustive = true}),
     registration(
         {.name = "time_server_is_one_and_monotonic", .run = clock_readings, .variants = 2}),

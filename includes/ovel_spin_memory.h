@@ -1,0 +1,55 @@
+// What a synchronisation object remembers of the waits that spun on it. Clients do not use it.
+#ifndef OVEL_SPIN_MEMORY_H
+#define OVEL_SPIN_MEMORY_H
+
+#include "ovel_atomic.h"
+
+#include <algorithm>
+
+namespace ovel::detail {
+
+// Decides whether a wait should spin before it sleeps, from how recent ones ended.
+//
+// Spinning helps only while another processor runs the thread that is waited for. Where
+// threads outnumber processors it keeps that thread from running. So after a wait has spun
+// in vain the next one sleeps at once, and after each further failure twice as many do, up
+// to `most`; then one spins again to find out. A success halves the number. An object whose
+// waits are mostly short therefore goes on spinning when one is long, and one whose waits are
+// mostly long spends little on it.
+//
+// Any number of threads may use it at once. Relaxed, and read and written in separate steps:
+// a decision that is lost to another thread's costs a needless poll, or saves one.
+class spin_memory {
+public:
+    // Whether to spin now. One who does reports how it ended.
+    bool should_spin() {
+        unsigned int const state = _state.load(std::memory_order_relaxed);
+        if (state % unit == 0)
+            return true;
+        _state.store(state - 1, std::memory_order_relaxed);
+        return false;
+    }
+
+    void has_succeeded() {
+        unsigned int const state = _state.load(std::memory_order_relaxed);
+        if (state != 0)
+            _state.store(state / unit / 2 * unit, std::memory_order_relaxed);
+    }
+    void has_failed() {
+        unsigned int const state = _state.load(std::memory_order_relaxed);
+        unsigned int const skipped = std::min(state / unit * 2 + 1, most);
+        _state.store(skipped * unit + skipped, std::memory_order_relaxed);
+    }
+
+private:
+    static constexpr unsigned int most = 63;  // a vain spin of 25 us then costs 0.4 us a wait
+    static constexpr unsigned int unit = 64;
+
+    // The waits that still sleep at once, and, times `unit`, how many did after the last
+    // failure.
+    atomic<unsigned int> _state{0};
+};
+
+}  // namespace ovel::detail
+
+#endif
