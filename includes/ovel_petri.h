@@ -541,6 +541,7 @@ inline void net::start() {
         auto const hold = _hold();
         if (_failure.has_failed())
             _failure.wait_unblocked();
+        // Relaxed: it changes under the lock.
         if (_halted.load(std::memory_order_relaxed))
             for (auto const& record : _transitions)
                 if (record->active)

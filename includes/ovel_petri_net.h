@@ -201,7 +201,9 @@ private:
     detail::atomic<unsigned int> _receive_skip = 0;
     detail::atomic<unsigned int> _send_skip = 0;
     list<petri_arc*> _arcs;  // changes while the net is stopped only
-    mutex _mutex;            // taken after the net's
+    // Guards `_channel` and the writing of `_receive_skip` and `_send_skip`. Taken after the
+    // net's.
+    mutex _mutex;
     // Under the net's mutex: callers of the net that wait for a token or a slot.
     unsigned int _receivers = 0;
     unsigned int _senders = 0;
@@ -591,7 +593,7 @@ public:
     // Tokens. The blocking forms wait until the place has a token that no firing
     // has reserved, or a slot, and the net need not run for that; the `try_` forms
     // return false instead. Throw std::bad_alloc, having changed nothing but as
-    // each says. A transition that could not be queued is looked at again when one
+    // each says. A transition that could not be queued is examined again when one
     // of its inputs gains tokens or one of its outputs slots, by `activate`, and by
     // `release`.
 
@@ -678,15 +680,17 @@ private:
     template <class Join>
     bool _join_groups(Join join);
 
-    // Guards `_firings`, `_acquired`, `_random`, `_queue` and all of `_engine`; of places
-    // the counts and the numbers of callers that wait; of transitions what says so. Taken
-    // before a place's mutex. Never held while firing code runs or a group is called.
+    // Guards `_firings`, `_acquired`, `_random`, `_queue` and `_engine` but for what is said
+    // there; of a place `_size`, `_receive_size`, `_send_size`, `_receivers` and `_senders`;
+    // of a transition `_activated`, `_firing`, `_random`, `_iterator` and, from a start to
+    // the stop, `_rank`. Taken before a place's mutex. Never held while firing code runs or
+    // a group is called.
     mutex _mutex;
     unsigned int const _groups;
     unsigned int _firings = 0;  // initiated and not terminated, of all transitions
     bool _acquired = true;      // stopping or stopped
     unsigned int _random = 1;   // state of the generator
-    // The stop and how far it has come; of whoever starts and stops the net.
+    // How far a stop has come; of the thread that starts and stops the net.
     bool _queue_thread_acquired = true;
     unsigned int _thread_group_acquireds;
     bool* _thread_group_acquired = nullptr;
