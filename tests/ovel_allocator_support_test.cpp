@@ -76,7 +76,7 @@ TEST(allocator_support_test, larger_requests_are_aligned_blocks_of_the_runtime_h
     }
 }
 
-TEST(allocator_support_test, what_no_memory_can_have_is_exhausted_memory) {
+TEST(allocator_support_test, impossible_sizes_fail_as_out_of_memory) {
     std::size_t const before = allocator_support::allocated_size();
     void* const kept = ovel_realloc(nullptr, 10);
     std::memset(kept, 0x5a, 10);
@@ -97,7 +97,7 @@ TEST(allocator_support_test, what_no_memory_can_have_is_exhausted_memory) {
 }
 
 // The memory cleared is that which was filled a round before.
-TEST(plain_functions_test, memory_is_cleared_or_has_what_both_places_can_hold) {
+TEST(plain_functions_test, calloc_clears_and_realloc_keeps_the_common_bytes) {
     for (std::size_t const old : {100, 6000}) {
         for (std::size_t const bytes : {0, 5, 500, 20000}) {
             std::size_t const before = allocator_support::allocated_size();

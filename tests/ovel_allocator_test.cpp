@@ -106,7 +106,7 @@ TEST(allocator_test, a_fresh_chunk_hands_out_its_blocks_downwards_without_gaps) 
     }
 }
 
-TEST(allocator_test, the_chunk_freed_into_last_serves_and_a_second_unused_one_is_for_all) {
+TEST(allocator_test, the_chunk_freed_into_last_serves_and_a_second_unused_one_becomes_empty) {
     actor one;
     chunk const& partial = one[inspector::partial][largest];
     std::vector<void*> memory = one.allocate(request_of(largest), largest_per_chunk + 1);
@@ -175,7 +175,7 @@ TEST(remote_free_test, blocks_reach_an_activated_owner_in_batches_and_wait_for_i
     EXPECT_EQ(owner[inspector::pending_size], 0u);
 }
 
-TEST(remote_free_test, what_waits_serves_its_class_again_but_for_the_last_before_new_memory) {
+TEST(remote_free_test, waiting_blocks_except_the_last_serve_before_new_memory) {
     actor owner, user;
     std::vector<void*> memory = owner.allocate(request_of(largest), 3);
     auto const& entry = user[inspector::remotes][0];
@@ -193,7 +193,7 @@ TEST(remote_free_test, what_waits_serves_its_class_again_but_for_the_last_before
     EXPECT_EQ(entry.size, 4096u);
 }
 
-TEST(remote_free_test, a_fifth_owner_sends_the_first_four_home) {
+TEST(remote_free_test, a_fifth_owner_makes_the_first_four_chains_go_home) {
     actor owners[5], freer;
     void* memory[5];
     for (int i = 0; i != 5; ++i)

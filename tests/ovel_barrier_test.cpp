@@ -26,7 +26,7 @@ TYPED_TEST_SUITE(barrier_test, barrier_types);
 
 // Three threads step together; what one writes before a step the others read after
 // it. `written` has no other protection than the barrier.
-TYPED_TEST(barrier_test, nobody_passes_before_all_have_arrived_and_one_is_told_apart) {
+TYPED_TEST(barrier_test, no_thread_passes_before_all_have_arrived_and_exactly_one_is_last) {
     constexpr int steps = 500;
     constexpr int size = 3;
     TypeParam step(size, 30);
@@ -47,7 +47,7 @@ TYPED_TEST(barrier_test, nobody_passes_before_all_have_arrived_and_one_is_told_a
     EXPECT_EQ(lasts, steps);
 }
 
-TEST(timed_barrier_test, who_gives_up_before_the_entry_touches_nothing) {
+TEST(timed_barrier_test, a_thread_that_times_out_at_the_entry_changes_nothing) {
     timed_barrier pair(2, 0);
     guard const leaving(inspector::entry(pair));
     bool last = true;

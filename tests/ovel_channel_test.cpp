@@ -100,7 +100,7 @@ TEST_F(channel_test, peeking_copies_the_oldest_token_and_a_copy_that_fails_chang
     }
 }
 
-TEST_F(channel_test, overfilling_and_reading_what_is_not_there_end_the_process) {
+TEST_F(channel_test, sending_to_a_full_and_receiving_from_an_empty_channel_fail_checks) {
     channel tokens(1);
     any token = 1;
     EXPECT_CHECK(any_cast<unsigned int>(token), "operand.type() == typeid(T)",
@@ -113,7 +113,7 @@ TEST_F(channel_test, overfilling_and_reading_what_is_not_there_end_the_process) 
 
 #if SIZE_MAX == UINT32_MAX
 // The bytes of this buffer, counted in 32 bits, would be none at all.
-TEST_F(channel_test, a_buffer_beyond_the_address_space_is_exhausted_memory) {
+TEST_F(channel_test, a_buffer_beyond_the_address_space_fails_as_out_of_memory) {
     EXPECT_THROW(channel(0x40000000u), std::bad_alloc);
 }
 #endif

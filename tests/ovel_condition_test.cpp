@@ -57,7 +57,7 @@ TYPED_TEST(condition_test, every_release_wakes_the_thread_already_asleep) {
     crew(2, play).clear();
 }
 
-TYPED_TEST(condition_test, one_release_of_all_wakes_all_that_sleep) {
+TYPED_TEST(condition_test, release_all_wakes_every_waiter) {
     typename TypeParam::second_type lock;
     typename TypeParam::first_type changed;
     auto const sleepers = crew(3, [&](int) {
@@ -68,7 +68,7 @@ TYPED_TEST(condition_test, one_release_of_all_wakes_all_that_sleep) {
     changed.release_all();
 }
 
-TEST(condition_death_test, a_departure_of_nobody_fails_the_checks) {
+TEST(condition_death_test, leaving_without_having_waited_fails_the_checks) {
     condition changed;
     timed_condition timed;
     EXPECT_CHECK(inspector::leave(changed), "_released != 0", file);

@@ -46,7 +46,7 @@ TEST(crc32_test, known_texts_have_their_known_checksums) {
 // Byte by byte goes by the table. Every length from which lanes are left over in
 // another way, from every alignment, with each of the ways that this processor has, and
 // cut into two.
-TEST(crc32_test, many_bytes_at_once_count_as_they_do_one_by_one) {
+TEST(crc32_test, many_bytes_at_once_give_the_same_checksum_as_one_by_one) {
     struct way {
         void (*feed)(std::uint32_t&, unsigned char const*, std::size_t);
         std::size_t least;

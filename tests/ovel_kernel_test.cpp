@@ -93,7 +93,7 @@ TEST(semaphore_test, a_wait_ends_with_the_unit_or_not_before_its_time) {
     CloseHandle(semaphore);
 }
 
-TEST(thread_test, has_the_stack_it_was_promised) {
+TEST(thread_test, has_the_stack_that_was_asked_for) {
     for (unsigned int const stack : {4096u, 65536u, 524288u, 0u}) {
         std::size_t used = stack != 0 ? stack - 512 : 524288;  // without its own frames
         auto const fill = [](void* size) {
@@ -108,7 +108,7 @@ TEST(thread_test, has_the_stack_it_was_promised) {
 }
 
 // What it leaves to the C library's way out is over as well.
-TEST(thread_test, is_gone_when_its_end_has_been_taken) {
+TEST(thread_test, has_ended_when_its_end_has_been_taken) {
     static std::atomic<bool> gone = false;
     struct trace {
         ~trace() {
@@ -292,7 +292,7 @@ TEST(processor_test, bits_are_processors_unless_none_of_the_first_32_is_allowed)
 
 // A region that is freed leaves its neighbours as they are, its inner pages are gone,
 // and with all of them the pages that they shared.
-TEST(region_test, gives_its_memory_back_and_nobody_elses) {
+TEST(region_test, freeing_a_region_returns_only_its_own_memory) {
     constexpr std::size_t busy = 136;
     constexpr std::size_t used = region_length - sizeof(ovel::cacheline);
     constexpr int count = 60;  // several mappings

@@ -64,13 +64,13 @@ void take_and_give_back() {
     EXPECT_EQ(allocator_support::allocated_size(), before);
 }
 
-TEST(memory_test, every_way_in_aligns_and_gives_back) {
+TEST(memory_test, every_entry_point_aligns_and_frees) {
     memory_resource::global();  // built by its first use, and kept
     take_and_give_back<piece<16>>();
     take_and_give_back<piece<256>>();
 }
 
-TEST(memory_test, more_than_there_can_be_is_refused) {
+TEST(memory_test, impossible_sizes_are_refused) {
     std::size_t const most = std::numeric_limits<std::size_t>::max();
     container_allocator<piece<256>> source;
     EXPECT_THROW(source.allocate(most / 256), std::bad_alloc);
@@ -78,7 +78,7 @@ TEST(memory_test, more_than_there_can_be_is_refused) {
     EXPECT_EQ(::operator new(most, std::align_val_t(256), std::nothrow), nullptr);
 }
 
-TEST(memory_test, resources_are_equal_among_themselves_only) {
+TEST(memory_test, resources_equal_only_each_other) {
     memory_resource other;
     EXPECT_TRUE(*memory_resource::global() == other);
     EXPECT_FALSE(other == *std::pmr::new_delete_resource());

@@ -68,7 +68,7 @@ TYPED_TEST(mutex_test, a_depth_that_wraps_fails_the_check) {
     }
 }
 
-TEST(mutex_spin_test, a_mutex_copies_the_spin_count_of_its_making) {
+TEST(mutex_spin_test, a_mutex_copies_the_spin_count_at_construction) {
     unsigned int const spin = ovel::default_spin;
     ovel::default_spin = 77;
     mutex plain;

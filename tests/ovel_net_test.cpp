@@ -91,7 +91,7 @@ TEST_F(ovel_net_test, a_time_limit_drops_the_firings_that_have_not_begun) {
     EXPECT_EQ(column(result["places"], "final").size(), 101 - result["firings"].get<double>());
 }
 
-TEST_F(ovel_net_test, a_sequential_transition_does_one_piece_of_work_after_the_other) {
+TEST_F(ovel_net_test, a_sequential_transition_fires_once_at_a_time) {
     write_net(R"(<place id="p"><initialMarking><text>20</text></initialMarking></place>
 <transition id="t"/><arc id="a" source="p" target="t"/>)");
     json const result = run_json("net.pnml --threads 4 --sequential --work 10000");

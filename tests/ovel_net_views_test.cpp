@@ -8,7 +8,7 @@ namespace {
 
 using weights = std::map<std::string, double>;
 
-TEST_F(ovel_net_test, check_finds_what_stays_the_same_and_the_capacities_that_follow) {
+TEST_F(ovel_net_test, check_finds_place_invariants_and_the_capacities_that_follow) {
     run(own("bicycles.pnml") + " --check --json --capacity 20");
     EXPECT_EQ(status, 0);
     json const result = json::parse(out);
@@ -41,7 +41,7 @@ TEST_F(ovel_net_test, check_finds_what_stays_the_same_and_the_capacities_that_fo
 }
 
 // Each of the 2^40 ways through is an invariant.
-TEST_F(ovel_net_test, check_ends_where_there_are_too_many_invariants) {
+TEST_F(ovel_net_test, check_stops_at_too_many_invariants) {
     write_net(
         "<place id='a0'><initialMarking><text>3</text></initialMarking></place><place id='b0'/>" +
         repeated(40, R"(<transition id='t#'/><place id='a@'/><place id='b@'/>

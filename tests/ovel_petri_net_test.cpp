@@ -91,7 +91,7 @@ struct test_net : petri_net {
 constexpr char source[] = "sources/ovel_petri_net.cpp";
 constexpr char header[] = "includes/ovel_petri_net.h";
 
-TEST(petri_place_test, counts_that_cannot_be_end_the_process) {
+TEST(petri_place_test, impossible_counts_fail_checks) {
     petri_place place(1);
     EXPECT_CHECK((place.*inspector::reserve_receive)(1), "_size >= _receive_size", header);
     EXPECT_CHECK((place.*inspector::commit_receive)(1), "_receive_size >= size", header);
@@ -127,7 +127,7 @@ TEST(petri_net_test, a_plain_net_has_a_thread_for_each_processor) {
     EXPECT_EQ(inspector::group(plain, 0).stack_size(), 524288u);
 }
 
-TEST(petri_net_test, a_structure_that_cannot_work_ends_the_process) {
+TEST(petri_net_test, an_unusable_structure_fails_checks) {
     test_net net;
     code function;
     petri_place* const place = net.place(2);
@@ -278,7 +278,7 @@ TEST(petri_engine_test, a_transition_fires_on_the_threads_of_its_group) {
     net.acquire();
 }
 
-TEST(petri_engine_test, a_thread_that_never_rests_takes_back_what_others_free) {
+TEST(petri_engine_test, a_thread_that_never_rests_collects_blocks_that_others_free) {
     constexpr unsigned int number = 1000;
     constexpr std::size_t most = std::size_t{1} << 20;  // of 4 MB
     std::size_t const before = allocator_support::allocated_size();
@@ -306,7 +306,7 @@ TEST(petri_engine_test, a_thread_that_never_rests_takes_back_what_others_free) {
     net.acquire();
 }
 
-TEST(petri_engine_test, firing_code_that_throws_ends_the_process) {
+TEST(petri_engine_test, firing_code_that_throws_fails_a_check) {
     test_net net;
     code function([](code&) { throw 1; });
     net.transition(function, net.place(1, 1));

@@ -102,7 +102,7 @@ TEST(petri_test, a_token_that_could_not_be_sent_was_not_touched) {
 }
 
 // Counts that went wrong would leave tokens, or slots that nothing can be put into.
-TEST(petri_test, what_a_body_neither_takes_nor_puts_is_skipped) {
+TEST(petri_test, tokens_and_slots_that_a_body_leaves_are_skipped) {
     net tested(1);
     auto const left = tested.insert_place<int>("left", 6);
     auto const right = tested.insert_place<int>("right", 6);
@@ -120,7 +120,7 @@ TEST(petri_test, what_a_body_neither_takes_nor_puts_is_skipped) {
     EXPECT_EQ(firings, 4);
 }
 
-TEST(petri_test, more_than_the_arc_allows_fails_a_check) {
+TEST(petri_test, taking_or_putting_more_than_the_arc_allows_fails_a_check) {
     net tested(1);
     auto const only = tested.insert_place<int>("only", 2);
     tested.insert_transition("greedy", from(only), [only](firing& now) {
@@ -134,7 +134,7 @@ TEST(petri_test, more_than_the_arc_allows_fails_a_check) {
 
 // The net fails while threads are blocked in its places: on one that is empty and
 // whose slots the failing firing itself has reserved, and on one that is full.
-TEST(petri_test, a_failing_body_reaches_who_joins_and_who_is_blocked) {
+TEST(petri_test, a_failing_body_reaches_joining_and_blocked_threads) {
     net tested(2);
     auto const jobs = tested.insert_place<int>("jobs", 8);
     auto const done = tested.insert_place<int>("done", 1);
@@ -267,7 +267,7 @@ TEST(petri_test, a_net_that_never_rests_is_stopped_by_a_deadline_and_where_its_s
 }
 
 // The recorder lives longer than the names, and the memory of those is used again.
-TEST(petri_test, a_trace_has_the_firings_and_waits_of_a_net_that_is_gone) {
+TEST(petri_test, a_trace_has_the_firings_and_waits_of_a_destroyed_net) {
     ovel::trace::recorder recorded;
     {
         net tested(1);

@@ -47,7 +47,7 @@ TYPED_TEST(semaphore_test, a_unit_carries_what_was_written_before_its_release) {
 
 // The thread that takes the unit destroys the semaphore at once; a release that
 // still touches it then is seen by the address sanitizer.
-TYPED_TEST(semaphore_test, whoever_took_the_last_unit_may_destroy_the_semaphore) {
+TYPED_TEST(semaphore_test, the_thread_that_takes_the_last_unit_may_destroy_the_semaphore) {
     for (int round = 0; round < 500; ++round) {
         unsigned int const spin = round % 2 == 0 ? 0 : 1000;
         auto ready = std::make_unique<TypeParam>(0, spin);

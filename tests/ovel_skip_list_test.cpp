@@ -88,7 +88,7 @@ static_assert(std::forward_iterator<list<int>::const_iterator>);
 // The levels follow from the generator's first numbers: 16807, 282475249,
 // 1622650073, 984943658, 1144108930, 470211272, 101027544, 1457850878. They are
 // fewer than the head has links, which are 2, and from the fifth element on 4.
-TEST(skip_list_test, levels_are_drawn_as_the_seed_has_it) {
+TEST(skip_list_test, levels_follow_from_the_seed) {
     element_list sorted;
     std::vector<unsigned int> seeds, levels;
     for (int size = 1; size <= 7; ++size) {

@@ -39,7 +39,7 @@ concept has_deadlines = requires(Lock& lock) {
 static_assert(has_deadlines<lockable<ovel::timed_recursive_mutex&>>);
 static_assert(!has_deadlines<lockable<ovel::mutex>>);
 
-TEST(deadline_test, what_is_out_of_range_is_its_end) {
+TEST(deadline_test, durations_out_of_range_saturate) {
     time const last = time::seconds(std::numeric_limits<double>::infinity());
     EXPECT_EQ(deadline(std::chrono::hours::max()), last);
     EXPECT_EQ(deadline(std::chrono::steady_clock::time_point::max()), time() + last);

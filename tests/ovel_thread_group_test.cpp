@@ -46,7 +46,7 @@ thread_group& ended(thread_group& group) {
     return group;
 }
 
-TEST(thread_group_test, spaces_that_do_not_add_up_again_do_not_shrink_the_group) {
+TEST(thread_group_test, rounding_of_spaces_does_not_shrink_the_group) {
     // 1 - 0.3 - 0.1 + 0.3 + 0.1 is less than 1: without care, work that asks for
     // all of the space would wait for ever after that.
     thread_group group(3, 1.0, 65536);

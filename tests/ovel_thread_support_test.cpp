@@ -104,7 +104,7 @@ TEST(call_once_death_test, an_exception_from_the_function_is_fatal) {
 
 constexpr char pointer_file[] = "includes/ovel_thread_specific_ptr.h";
 
-TEST(thread_specific_ptr_death_test, slots_that_are_not_there_fail_the_checks) {
+TEST(thread_specific_ptr_death_test, missing_slots_fail_the_checks) {
     auto const free_twice = [] {
         thread_specific_ptr<int> pointer;
         inspector::free_slot(pointer);

@@ -89,7 +89,7 @@ TYPED_TEST(thread_test, misuse_is_named) {
     EXPECT_CHECK(start(driven, thrower).acquire(), "(\"unexpected exception\", 0)", source);
 }
 
-TEST(run_loop_test, a_terminated_loop_ends_without_the_run_that_it_has_not_begun) {
+TEST(run_loop_test, a_terminated_loop_skips_a_run_that_has_not_begun) {
     detail::thread_function_base loop;
     int runs = 0;
     work counted([&] { ++runs; });
@@ -101,7 +101,7 @@ TEST(run_loop_test, a_terminated_loop_ends_without_the_run_that_it_has_not_begun
 }
 
 // Sizes of its own, so that it does not matter what other tests left here.
-TEST(thread_pool_test, an_idle_thread_is_lent_when_its_stack_fits_and_is_not_wasted) {
+TEST(thread_pool_test, an_idle_thread_is_lent_if_its_stack_fits_without_waste) {
     thread_element_group& pool = *thread_element_group::global();
     auto const lend = [&](unsigned int stack) {
         return pool.acquire_element(stack);

@@ -31,7 +31,7 @@ struct time_test : testing::Test {
 using time_types = testing::Types<ovel::time, time_base>;
 TYPED_TEST_SUITE(time_test, time_types);
 
-TYPED_TEST(time_test, arithmetic_wraps_and_comparison_heeds_the_sign) {
+TYPED_TEST(time_test, arithmetic_wraps_and_comparison_is_signed) {
     auto const of = this->of;
     EXPECT_EQ((of(most) + of(1)).value(), least);
     EXPECT_EQ((of(least) - of(1)).value(), most);
@@ -74,7 +74,7 @@ TYPED_TEST(time_test, seconds_become_ticks_toward_zero_and_saturate) {
 
 // A rate mistaken by a factor, or turned upside down. What lies between two readings
 // of the system's clock bounds the time between the two of ours in between.
-TEST(time_now_test, a_second_is_a_second_of_the_system) {
+TEST(time_now_test, a_second_agrees_with_the_system_clock) {
     using clock = std::chrono::steady_clock;
     clock::time_point const first = clock::now();
     ovel::time const start = ovel::time::now();

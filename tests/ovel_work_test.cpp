@@ -66,7 +66,7 @@ TEST(work_group_test, results_and_exceptions_come_through_the_future) {
 
 // Work that submits work: a group that ended as soon as it looked idle would refuse
 // the next generation.
-TEST(work_group_test, a_join_waits_for_what_work_submits) {
+TEST(work_group_test, a_join_waits_for_work_that_work_submits) {
     std::atomic<int> leaves{0};
     work_group group(3);
     struct tree {
@@ -109,7 +109,7 @@ TEST(work_group_test, a_future_that_is_dropped_neither_waits_nor_discards_its_wo
     EXPECT_TRUE(ran);
 }
 
-TEST(work_group_test, a_group_that_is_stopped_breaks_the_promises_of_what_waits) {
+TEST(work_group_test, stopping_a_group_breaks_the_promises_of_waiting_work) {
     std::promise<void> begun;
     std::promise<void> go_on;
     auto alive = std::make_shared<int>();
