@@ -1,6 +1,6 @@
 // A parallel build of a small dependency graph: a transition for each target, a place for
-// each dependency. What does not depend on each other is built side by side, and the
-// result shows that everything was there when it was needed.
+// each dependency. Independent targets are built in parallel, and the result shows that
+// every dependency was built before it was needed.
 
 #include <ovel_petri.h>
 

@@ -71,7 +71,7 @@ int main(int count, char** arguments) try {
     for (auto const& entry : std::filesystem::directory_iterator(folder)) {
         if (!entry.is_regular_file())
             continue;
-        // When the pipeline is full it is time to take something out at its end.
+        // The pipeline is full: take a result out at its end.
         while (!names.try_send(entry.path().string()))
             take(results.receive());
         ++sent;

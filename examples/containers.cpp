@@ -1,5 +1,5 @@
 // The library's memory under containers. Each thread allocates from its own allocator
-// without a lock; what another thread frees finds its way back to it.
+// without a lock; blocks that another thread frees return to it.
 
 #include <ovel_allocator_support.h>
 #include <ovel_memory.h>
@@ -38,7 +38,7 @@ int main() {
         for (int const number : all)
             sum += number;
 
-        // The polymorphic containers take a resource, and hand it on to their elements.
+        // The polymorphic containers take a resource, and pass it on to their elements.
         std::pmr::map<int, std::pmr::string> names(&memory);
         for (int i = 0; i < 100; ++i)
             names.emplace(i, "a name that is too long to lie within the string itself");

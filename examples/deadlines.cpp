@@ -1,4 +1,4 @@
-// Deadlines and cancellation: how to give up waiting, and how to have others give up.
+// Deadlines and cancellation: how to give up waiting, and how to make others give up.
 
 #include <ovel_condition.h>
 #include <ovel_mutex.h>
@@ -33,7 +33,7 @@ int main() {
     bool ready = false;
     ovel::work_group group(1);
 
-    // A lock that stays taken, and a condition that comes about.
+    // A lock that stays taken, and a condition that becomes true.
     {
         std::unique_lock hold(lock);
         auto tried = group.submit([&] { return lock.try_lock_for(5ms); });
@@ -46,7 +46,7 @@ int main() {
         expect(wait_for(changed, hold, 1h, [&] { return ready; }), "who waits is told in time");
     }
 
-    // Work that never ends by itself is asked to; what waits behind it is dropped.
+    // Work that never ends by itself is asked to end. Work that waits behind it is dropped.
     std::stop_source cancel;
     auto endless = group.submit([token = cancel.get_token()] {
         int rounds = 0;
@@ -67,7 +67,7 @@ int main() {
         expect(true, "what waited was dropped");
     }
 
-    // A net that never rests; and one that somebody is blocked in.
+    // A net that never rests, and a net in which a thread is blocked.
     ovel::net net;
     auto const ball = net.insert_place<int>("ball", 2);
     auto const never = net.insert_place<int>("never", 1);

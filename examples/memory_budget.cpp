@@ -1,7 +1,7 @@
 // Work bounded by memory. A group has a budget of `space`, in a unit of your choice; each
-// piece of work says how much of it it occupies while it runs. Here the unit is a
-// megabyte: small jobs run side by side, large ones wait until enough is free, and no
-// mix of them ever exceeds the budget, however many threads there are.
+// work item states how much of it it occupies while it runs. Here the unit is a megabyte:
+// small jobs run in parallel, large ones wait until enough is free, and no mix of them ever
+// exceeds the budget, however many threads there are.
 
 #include <ovel_work.h>
 

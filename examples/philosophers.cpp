@@ -1,6 +1,6 @@
-// Philosophers who cannot deadlock. Each needs the two forks beside the plate; taking one
-// and waiting for the other is how they starve. A transition takes all of its tokens at
-// once or none, so nobody ever holds a single fork, and no order of taking is needed.
+// Philosophers who cannot deadlock. Each needs the two forks beside the plate. They would
+// deadlock if each took one and waited for the other. A transition takes all of its tokens
+// at once or none, so no philosopher ever holds a single fork, and no order is needed.
 
 #include <ovel_petri.h>
 
@@ -25,8 +25,8 @@ int main() {
     ovel::net table(philosophers);
     std::vector<ovel::place<fork_token>> forks;
     for (int i = 0; i < philosophers; ++i) {
-        // A fork is taken and put back by one transition, which sets the slot to put it
-        // back into aside before it takes it: hence room for two.
+        // One transition takes a fork and puts it back. It reserves the slot for putting
+        // it back before it takes the fork: hence room for two.
         forks.push_back(table.insert_place<fork_token>("fork " + std::to_string(i), 2));
         forks.back().send(fork_token());
     }
@@ -47,7 +47,7 @@ int main() {
                                 });
     }
     table.start();
-    table.join();  // at rest: nobody is hungry any more
+    table.join();  // at rest: no philosopher is hungry any more
 
     std::printf("%d meals, %s\n", eaten.load(), shared ? "a fork in two hands" : "no fork shared");
     return eaten == philosophers * meals && !shared ? 0 : 1;

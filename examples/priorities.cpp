@@ -1,7 +1,7 @@
-// Priorities. Of the work that waits, a free thread takes the largest space that fits,
-// then the longest `time`, then the oldest. Say the time that is left to be spent on the
-// way that begins with a piece of work, and what is critical goes first; or use it as a
-// plain priority, as here. Transitions of a net are ordered in the same way.
+// Priorities. Of the waiting work items, a free thread takes the one with the largest space
+// that fits, then the longest `time`, then the oldest. If `time` is the time left on the
+// path that begins with the item, the critical path goes first. Or use it as a plain
+// priority, as here. Transitions of a net are ordered in the same way.
 
 #include <ovel_petri.h>
 #include <ovel_thread_group.h>
@@ -11,7 +11,7 @@
 #include <string>
 
 int main() {
-    // One thread, and everything scheduled before it starts: the order is certain.
+    // One thread, and everything is scheduled before it starts. So the order is fixed.
     std::string order;
     ovel::work mail([&] { order += "mail "; });
     ovel::work alarm([&] { order += "alarm "; });
@@ -28,7 +28,7 @@ int main() {
     group.acquire();
     std::printf("the group:  %s\n", order.c_str());
 
-    // Two transitions that want the same token: the more urgent one has it.
+    // Two transitions compete for the same token, and the more urgent one gets it.
     int urgent = 0;
     int idle = 0;
     ovel::net net(1);

@@ -1,6 +1,6 @@
-// Producer and consumer with back-pressure: the capacity of a place is the whole of it.
-// A producer that is faster than the consumer blocks in `send` once the place is full,
-// so what waits in between never grows beyond what was planned for.
+// Producer and consumer with back-pressure, which is just the capacity of a place. A
+// producer that is faster than the consumer blocks in `send` once the place is full, so
+// the queue between them stays bounded.
 
 #include <ovel_petri.h>
 #include <ovel_work.h>
