@@ -1,0 +1,184 @@
+// A member of a net: its connections, and the thread that claims and commits.
+//
+// Threads. The server, one thread, talks to the store about firings. Bodies run on the
+// group's threads; what they leave goes to `_finished`, under `_lock`, and the server
+// commits it. Calls of clients, and `join`, run on their own threads and borrow a
+// connection each. No call to the store, and no body, is made under `_lock`.
+//
+// Commits that may have happened. The server keeps what it asked to be committed in
+// `_pending` until it has the answer, and asks again on the next connection: the claims
+// are gone if it was done, so it is done once. What it claimed in a transaction whose
+// answer was lost is given up, to be taken over by any member, itself included.
+#ifndef OVEL_DURABLE_MEMBER_H
+#define OVEL_DURABLE_MEMBER_H
+
+#include "ovel_durable_store.h"
+
+#include <ovel_mutex.h>
+#include <ovel_petri.h>
+#include <ovel_std.h>
+#include <ovel_thread.h>
+#include <ovel_work.h>
+
+#include <chrono>
+#include <set>
+#include <unordered_map>
+
+namespace ovel::durable::detail {
+
+using clock_type = std::chrono::steady_clock;
+using moment = clock_type::time_point;
+
+inline moment after(double seconds) {
+    return clock_type::now() +
+           std::chrono::duration_cast<clock_type::duration>(std::chrono::duration<double>(seconds));
+}
+inline double seconds_until(moment const& point) {
+    return std::chrono::duration<double>(point - clock_type::now()).count();
+}
+
+// Wakes a thread that waits on a connection: readable once it was rung.
+class bell {
+public:
+    bell();
+    ~bell();
+    bell(bell const&) = delete;
+    bell& operator=(bell const&) = delete;
+
+    void ring();
+    void silence();
+    int file() const {
+        return _file;
+    }
+
+private:
+    int const _file;
+};
+
+class member {
+public:
+    member(connector connect, std::string name, options chosen);
+    ~member();
+    member(member const&) = delete;
+    member& operator=(member const&) = delete;
+
+    // Of the net, before it is opened.
+    structure plan;
+    std::vector<std::unique_ptr<body>> codes;
+
+    void open();
+    void start(std::optional<std::vector<std::string>> const& names);
+    bool join(time const* deadline);
+    void halt();
+    void stop();
+    void fail(std::exception_ptr failure);
+    bool put(std::size_t place, std::string value, key const* named, bool wait);
+    std::optional<token> take(std::size_t place, key const* named, bool wait);
+    state look();
+
+private:
+    // A firing that has ended.
+    struct end {
+        outcome made;
+        std::int64_t transition;
+        enum { committed, returned, kept } what;
+    };
+
+    // Once the connection is lost, how it is sought.
+    class search {
+    public:
+        explicit search(member& of) : _of(of) {}
+
+        // Reports `lost`, and waits for a while; rethrows it when that was too often.
+        void again(unreachable const& lost);
+        void found();
+
+    private:
+        member& _of;
+        std::optional<moment> _end;
+        double _pause = 0;
+    };
+
+    // Clients.
+    template <class Work>
+    auto _borrow(Work const& work);
+    answer _call(std::function<answer(store&, call const&)> const& once, key const* named,
+                 bool wait);
+    void _watch(store& with, std::string const& watcher) const {
+        with.watch(_numbers.net, watcher, 2 * _chosen.poll + 1);
+    }
+    bool _wait_for_rest(moment const& end);
+    static std::string _new_key();
+    void _report(std::string const& what) const;
+    void _throw_failure();
+
+    // The server.
+    void _serve();
+    void _work();
+    bool _decide();
+    void _look();
+    void _turn();
+    void _settle(turn const& asked, turned const& made);
+    void _learn(turn const& asked, turned const& made);
+    void _return_to();
+    void _leave() noexcept;
+
+    // The group's threads.
+    void _fire(claim& own);
+    void _run_body(claim& own, outcome& made);
+    void _finish(end&& made);
+
+    connector const _connect;
+    options const _chosen;
+    unsigned int const _threads;
+    std::string const _name;
+
+    // Set by `open`.
+    numbers _numbers;
+    std::unordered_map<std::int64_t, std::size_t> _indices;  // of transitions
+
+    // Lock order: none is taken under another.
+    lockable<mutex> _lock;
+    bool _opened = false;                       // under _lock, as all up to the bells
+    std::vector<std::unique_ptr<store>> _idle;  // connections that nobody borrows
+    std::vector<std::string> _forget;           // keys whose answer has come
+    std::exception_ptr _failure;
+    bool _failure_is_ours = false;  // so the store is to be told
+    bool _halted = false;
+    std::vector<end> _finished;
+    std::size_t _unfinished = 0;  // claims that the group has
+    moment _oldest;               // when the first of `_finished` came
+    bool _waits = false;          // the server, on its bell
+    bell _bell;
+    // These stay rung: for clients once the net has failed, for `join` once it is halted.
+    bell _alarm;
+    bell _over;
+
+    // The server's own, and its starter's.
+    std::int64_t _member = 0;
+    std::vector<std::int64_t> _mine;  // transitions
+    std::vector<std::int64_t> _hot;   // of those, that may be enabled
+    std::uint64_t _budget = 0;        // claims that may still be made
+    std::size_t _quantity = 1;        // claims that it asks for
+    moment _last_claim;
+    moment _next_look;
+    moment _next_renewal;
+    unsigned int _misses = 0;  // claims in a row that others had got first
+    bool _take_over = false;
+    std::string const _watcher = _new_key();
+    bool _watching = false;
+    std::unique_ptr<store> _store;
+    std::vector<outcome> _pending;
+    std::set<std::pair<std::int64_t, std::int64_t>> _own;  // numbers and epochs of its claims
+
+    bool _running = false;  // the owner's
+    std::unique_ptr<work_group> _group;
+    work<std::function<void()>> _serving{[this] {
+        _serve();
+    }};
+    thread _server;
+};
+
+}  // namespace ovel::durable::detail
+
+#endif

@@ -1,0 +1,443 @@
+// Nets in a database of PostgreSQL, in a schema of their own.
+#include "ovel_durable_postgresql_tables.h"
+#include "ovel_durable_sql.h"
+
+#include <libpq-fe.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <bit>
+#include <chrono>
+#include <cstring>
+#include <unordered_map>
+
+namespace ovel::durable::detail {
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+using result = std::unique_ptr<PGresult, void (*)(PGresult*)>;
+
+// Fields are in the binary form of PostgreSQL: numbers with the highest byte first.
+enum type : Oid {
+    binary = 17,
+    integer_8 = 20,
+    integer_4 = 23,
+    characters = 25,
+    floating_8 = 701,
+    binaries = 1001,
+    integers_8 = 1016
+};
+
+template <class Number>
+void write(std::string& to, Number number) {
+    for (int shift = 8 * static_cast<int>(sizeof number) - 8; shift >= 0; shift -= 8)
+        to += static_cast<char>(static_cast<std::uint64_t>(number) >> shift);
+}
+
+// Reads a field, or what is left of one.
+class reader {
+public:
+    reader(char const* from, std::size_t size) : _from(from), _left(size) {}
+
+    template <class Number>
+    Number number() {
+        std::uint64_t made = 0;
+        for (char const each : bytes(sizeof(Number)))
+            made = made << 8 | static_cast<unsigned char>(each);
+        return static_cast<Number>(made);
+    }
+    std::string bytes(std::size_t size) {
+        if (size > _left)
+            throw error("the store sent what is no field");
+        std::string const made(_from, size);
+        _from += size;
+        _left -= size;
+        return made;
+    }
+
+    // An array of one dimension, by what reads an element of a size.
+    template <class Element>
+    auto array(Element const& element) {
+        std::vector<decltype(element(std::size_t{0}))> made;
+        auto const dimensions = number<std::int32_t>();
+        bytes(8);  // whether there are nulls, and the type
+        if (dimensions == 0)
+            return made;
+        auto const size = number<std::int32_t>();
+        bytes(4);  // the first index
+        for (std::int32_t i = 0; i < size; ++i)
+            made.push_back(element(static_cast<std::size_t>(number<std::int32_t>())));
+        return made;
+    }
+
+private:
+    char const* _from;
+    std::size_t _left;
+};
+
+template <class Elements, class Write>
+std::string array_of(Elements const& elements, type of, Write const& write_element) {
+    std::string made;
+    write<std::int32_t>(made, elements.empty() ? 0 : 1);
+    write<std::int32_t>(made, 0);
+    write<std::int32_t>(made, static_cast<std::int32_t>(of));
+    if (!elements.empty()) {
+        write<std::int32_t>(made, static_cast<std::int32_t>(elements.size()));
+        write<std::int32_t>(made, 1);
+    }
+    for (auto const& each : elements)
+        write_element(made, each);
+    return made;
+}
+
+// Parameters as they are sent.
+class parameters {
+public:
+    explicit parameters(row const& from) {
+        _held.reserve(from.size());
+        for (value const& each : from)
+            std::visit([this](auto const& is) { _add(is); }, each);
+        for (std::string const& each : _held) {
+            values.push_back(each.data());
+            lengths.push_back(static_cast<int>(each.size()));
+            formats.push_back(1);
+        }
+    }
+
+    std::vector<Oid> types;
+    std::vector<char const*> values;
+    std::vector<int> lengths;
+    std::vector<int> formats;
+
+private:
+    void _add(type of, std::string bytes) {
+        types.push_back(of);
+        _held.push_back(std::move(bytes));
+    }
+    void _add(std::monostate) {
+        throw error("a parameter without a value");
+    }
+    void _add(std::int64_t number) {
+        std::string bytes;
+        write(bytes, number);
+        _add(integer_8, bytes);
+    }
+    void _add(double number) {
+        std::string bytes;
+        write(bytes, std::bit_cast<std::int64_t>(number));
+        _add(floating_8, bytes);
+    }
+    void _add(std::string const& text) {
+        _add(characters, text);
+    }
+    void _add(blob const& bytes) {
+        _add(binary, bytes.bytes);
+    }
+    void _add(std::vector<std::int64_t> const& numbers) {
+        _add(integers_8, array_of(numbers, integer_8, [](std::string& to, std::int64_t number) {
+                 write<std::int32_t>(to, 8);
+                 write(to, number);
+             }));
+    }
+    void _add(std::vector<blob> const& blobs) {
+        _add(binaries, array_of(blobs, binary, [](std::string& to, blob const& each) {
+                 write<std::int32_t>(to, static_cast<std::int32_t>(each.bytes.size()));
+                 to += each.bytes;
+             }));
+    }
+
+    std::vector<std::string> _held;
+};
+
+value field(PGresult* from, int row_number, int column) {
+    if (PQgetisnull(from, row_number, column) != 0)
+        return {};
+    reader read(PQgetvalue(from, row_number, column),
+                static_cast<std::size_t>(PQgetlength(from, row_number, column)));
+    auto const size = static_cast<std::size_t>(PQgetlength(from, row_number, column));
+    switch (PQftype(from, column)) {
+        case integer_8:
+            return read.number<std::int64_t>();
+        case integer_4:
+            return std::int64_t{read.number<std::int32_t>()};
+        case floating_8:
+            return std::bit_cast<double>(read.number<std::int64_t>());
+        case binary:
+            return blob{read.bytes(size)};
+        case integers_8:
+            return read.array([&](std::size_t) { return read.number<std::int64_t>(); });
+        case binaries:
+            return read.array([&](std::size_t length) { return blob{read.bytes(length)}; });
+        default:
+            return read.bytes(size);
+    }
+}
+
+// The first line of a message, which may have more.
+std::string first_line(char const* message) {
+    std::string line(message, std::strcspn(message, "\n"));
+    return line.empty() ? "no reason given" : line;
+}
+
+class postgresql_store : public sql_store {
+public:
+    explicit postgresql_store(std::string const& url);
+
+    turned take_turn(std::int64_t net, std::int64_t member, turn const& asked) override;
+    answer put(std::int64_t net, std::int64_t place, std::string const& value,
+               call const& named) override;
+    answer take(std::int64_t net, std::int64_t place, call const& named) override;
+    void watch(std::int64_t net, std::string const& watcher, double seconds) override;
+    void tell(std::int64_t net) override {
+        _execute(
+            "SELECT pg_notify('ovel_durable_' || $1::text, '')::text WHERE EXISTS (SELECT 1 "
+            "FROM watchers WHERE net = $1 AND until > {now})",
+            {net});
+    }
+    bool wait(double seconds, int bell) override;
+
+protected:
+    rows _execute(std::string const& statement, row const& given) override;
+    void _begin(access wanted) override {
+        _run(wanted == writing ? "BEGIN ISOLATION LEVEL READ COMMITTED"
+                               : "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
+    }
+    void _commit() override {
+        _run("COMMIT");
+    }
+    void _roll_back() noexcept override {
+        PQclear(PQexec(_connection.get(), "ROLLBACK"));
+    }
+    void _make_tables() override;
+    bool _has_tables() override {
+        return !_execute(
+                    "SELECT 1 FROM pg_catalog.pg_tables WHERE schemaname = 'ovel_durable' AND "
+                    "tablename = 'version'",
+                    {})
+                    .empty();
+    }
+    void _furnish(std::int64_t place, place_entry const& made) override;
+    std::string _enabled() const override {
+        return "SELECT t.id FROM transitions t WHERE t.net = $1 AND NOT EXISTS (SELECT 1 FROM arcs "
+               "a WHERE a.transition = t.id AND a.weight > CASE a.input WHEN 1 THEN (SELECT "
+               "count(*) FROM (SELECT 1 FROM tokens k WHERE k.place = a.place LIMIT a.weight) x) "
+               "ELSE (SELECT coalesce(sum(r.free), 0) FROM rooms r WHERE r.place = a.place) END)";
+    }
+    std::string _waiting() const override {
+        return "(SELECT count(*) FROM tokens k WHERE k.place = p.id)";
+    }
+    std::string _free() const override {
+        return "CAST((SELECT coalesce(sum(free), 0) FROM rooms r WHERE r.place = p.id) AS bigint)";
+    }
+
+private:
+    void _run(char const* statement) {
+        _check(result(PQexec(_connection.get(), statement), &PQclear));
+    }
+    result _check(result made);
+    rows _execute_alone(std::string const& statement, row const& given);
+
+    std::unique_ptr<PGconn, void (*)(PGconn*)> _connection;
+    std::unordered_map<std::string, std::string> _prepared;  // the names, by the texts
+    bool _listens = false;
+};
+
+postgresql_store::postgresql_store(std::string const& url) : _connection(nullptr, &PQfinish) {
+    // What the URL says comes later and holds.
+    char const* const names[] = {"application_name", "connect_timeout", "tcp_user_timeout",
+                                 "dbname", nullptr};
+    char const* const values[] = {"ovel", "10", "30000", url.c_str(), nullptr};
+    _connection.reset(PQconnectdbParams(names, values, 1));
+    if (PQstatus(_connection.get()) != CONNECTION_OK)
+        throw unreachable("no connection to the store: " +
+                          first_line(PQerrorMessage(_connection.get())));
+    PQsetNoticeProcessor(
+        _connection.get(), [](void*, char const*) {}, nullptr);
+    // The tables change too quickly for the plans that fit them at one moment.
+    _run(
+        "SET search_path = ovel_durable, pg_catalog; SET plan_cache_mode = force_generic_plan; "
+        "SET enable_seqscan = off; SET jit = off; SET client_encoding = 'UTF8'");
+}
+
+result postgresql_store::_check(result made) {
+    ExecStatusType const status = PQresultStatus(made.get());
+    if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK)
+        return made;
+    std::string const what = first_line(PQerrorMessage(_connection.get()));
+    char const* const state = PQresultErrorField(made.get(), PG_DIAG_SQLSTATE);
+    std::string const code = state != nullptr ? state : "";
+    // The last ones: the server ends, and another transaction was in the way.
+    if (PQstatus(_connection.get()) != CONNECTION_OK || code.empty() || code.starts_with("57P") ||
+        code.starts_with("08"))
+        throw unreachable("the connection to the store is lost: " + what);
+    if (code == "40001" || code == "40P01")
+        throw unreachable("the store: " + what);
+    throw error("the store: " + what);
+}
+
+rows postgresql_store::_execute(std::string const& statement, row const& given) {
+    parameters const sent(given);
+    auto const [known, added] = _prepared.try_emplace(statement);
+    if (added) {
+        known->second = "s" + std::to_string(_prepared.size());
+        static constexpr char placeholder[] = "{now}";
+        std::string real = statement;
+        for (std::size_t at; (at = real.find(placeholder)) != real.npos;)
+            real.replace(at, sizeof placeholder - 1, "clock()");
+        try {
+            _check(result(PQprepare(_connection.get(), known->second.c_str(), real.c_str(),
+                                    static_cast<int>(sent.types.size()), sent.types.data()),
+                          &PQclear));
+        } catch (...) {
+            _prepared.erase(known);
+            throw;
+        }
+    }
+    result const made =
+        _check(result(PQexecPrepared(_connection.get(), known->second.c_str(),
+                                     static_cast<int>(sent.values.size()), sent.values.data(),
+                                     sent.lengths.data(), sent.formats.data(), 1),
+                      &PQclear));
+    rows read(static_cast<std::size_t>(PQntuples(made.get())));
+    for (std::size_t i = 0; i < read.size(); ++i)
+        for (int column = 0; column < PQnfields(made.get()); ++column)
+            read[i].push_back(field(made.get(), static_cast<int>(i), column));
+    return read;
+}
+
+void postgresql_store::_make_tables() {
+    // One member at a time makes tables, or a net. The number is ours.
+    _run("SELECT pg_catalog.pg_advisory_xact_lock(7310021996)");
+    if (!_has_tables()) {
+        _run("CREATE SCHEMA IF NOT EXISTS ovel_durable");
+        _run(postgresql_tables);
+        return;
+    }
+    std::int64_t const version = integer(_execute("SELECT number FROM version", {})[0][0]);
+    if (version != 1)
+        throw error("the store is of version " + std::to_string(version) +
+                    " of the tables, this program of version 1");
+}
+
+void postgresql_store::_furnish(std::int64_t place, place_entry const& made) {
+    _execute("SELECT make_room($1, $2)::text",
+             {place, static_cast<std::int64_t>(made.capacity - made.initial.size())});
+    for (std::string const& each : made.initial)
+        _execute("INSERT INTO tokens (place, value) VALUES ($1, $2)", {place, blob{each}});
+}
+
+turned postgresql_store::take_turn(std::int64_t net, std::int64_t member, turn const& asked) {
+    std::vector<std::int64_t> numbers, epochs, put_claims, put_places, spare_claims, spare_places,
+        spare_slots, back_numbers, back_epochs;
+    std::vector<blob> put_values;
+    for (outcome const& each : asked.ended) {
+        numbers.push_back(each.number);
+        epochs.push_back(each.epoch);
+        for (auto const& [place, bytes] : each.put) {
+            put_claims.push_back(each.number);
+            put_places.push_back(place);
+            put_values.push_back({bytes});
+        }
+        for (auto const& [place, slots] : each.spare) {
+            spare_claims.push_back(each.number);
+            spare_places.push_back(place);
+            spare_slots.push_back(slots);
+        }
+    }
+    for (auto const& [number, epoch] : asked.returned) {
+        back_numbers.push_back(number);
+        back_epochs.push_back(epoch);
+    }
+    turned made;
+    for (row& each :
+         _execute("SELECT * FROM take_turn($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, "
+                  "$13, $14, $15)",
+                  {net, member, numbers, epochs, put_claims, put_places, put_values, spare_claims,
+                   spare_places, spare_slots, back_numbers, back_epochs, asked.wanted, asked.most,
+                   std::int64_t{asked.take_over}})) {
+        if (integer(each[0]) == 0) {
+            made.committed.push_back(integer(each[1]));
+        } else if (integer(each[0]) == 1) {
+            made.returned.push_back(integer(each[1]));
+        } else {
+            claim& own =
+                made.claims.emplace_back(claim{integer(each[1]),
+                                               integer(each[2]),
+                                               integer(each[3]),
+                                               std::get<std::vector<std::int64_t>>(each[4]),
+                                               {}});
+            for (blob& bytes : std::get<std::vector<blob>>(each[5]))
+                own.values.push_back(std::move(bytes.bytes));
+        }
+    }
+    return made;
+}
+
+// Keys that are to be forgotten are our own, and have no blanks.
+std::string joined(std::vector<std::string> const& keys) {
+    std::string all;
+    for (std::string const& each : keys)
+        all += (all.empty() ? "" : " ") + each;
+    return all;
+}
+
+answer result_of(std::int64_t number) {
+    return {number == 0 ? answer::done : number == 1 ? answer::impossible : answer::busy};
+}
+
+answer postgresql_store::put(std::int64_t net, std::int64_t place, std::string const& bytes,
+                             call const& named) {
+    return result_of(integer(_execute("SELECT put_token($1, $2, $3, $4, $5, $6)",
+                                      {net, place, blob{bytes}, named.key, std::int64_t{named.own},
+                                       joined(named.forget)})[0][0]));
+}
+
+answer postgresql_store::take(std::int64_t net, std::int64_t place, call const& named) {
+    row const made =
+        _execute("SELECT * FROM take_token($1, $2, $3, $4, $5)",
+                 {net, place, named.key, std::int64_t{named.own}, joined(named.forget)})[0];
+    answer taken = result_of(integer(made[0]));
+    if (taken.result == answer::done)
+        taken.taken = taken_by(named.key, made[1], made[2]);
+    return taken;
+}
+
+void postgresql_store::watch(std::int64_t net, std::string const& watcher, double seconds) {
+    if (!_listens)
+        _run(("LISTEN ovel_durable_" + std::to_string(net)).c_str());
+    _listens = true;
+    sql_store::watch(net, watcher, seconds);
+}
+
+bool postgresql_store::wait(double seconds, int bell) {
+    auto const end = clock_type::now() + std::chrono::duration<double>(seconds);
+    for (;;) {
+        if (PQconsumeInput(_connection.get()) == 0)
+            throw unreachable("the connection to the store is lost: " +
+                              first_line(PQerrorMessage(_connection.get())));
+        bool told = false;
+        while (PGnotify* const note = PQnotifies(_connection.get())) {
+            PQfreemem(note);
+            told = true;
+        }
+        if (told)
+            return true;
+        auto const left =
+            std::chrono::duration<double, std::milli>(end - clock_type::now()).count();
+        if (left <= 0)
+            return false;
+        pollfd heard[] = {{PQsocket(_connection.get()), POLLIN, 0}, {bell, POLLIN, 0}};
+        poll(heard, 2, static_cast<int>(std::min(left, 1e6)) + 1);
+        if ((heard[1].revents & POLLIN) != 0)
+            return false;
+    }
+}
+
+}  // namespace
+
+std::unique_ptr<store> connect_postgresql(std::string const& url) {
+    return std::make_unique<postgresql_store>(url);
+}
+
+}  // namespace ovel::durable::detail

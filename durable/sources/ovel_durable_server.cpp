@@ -1,0 +1,358 @@
+// The server of a member: what it claims, commits and gives back, and when.
+#include "ovel_durable_member.h"
+
+#include <algorithm>
+#include <deque>
+#include <map>
+
+namespace ovel::durable::detail {
+
+namespace {
+
+constexpr double linger = 0.002;    // s that a firing waits for others to be committed with
+constexpr double refresh = 0.05;    // s after which a busy member looks for more to do
+constexpr double too_short = 0.02;  // s that what was claimed lasted: so claim more at once
+constexpr double too_long = 0.1;    // or less, for the others
+constexpr unsigned int most_misses = 6;
+
+std::string text_of(std::exception_ptr const& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (std::exception const& thrown) {
+        return thrown.what();
+    } catch (...) {
+        return "an exception of an unknown type";
+    }
+}
+
+}  // namespace
+
+void member::_serve() {
+    search sought(*this);
+    for (bool over = false; !over;) {
+        try {
+            if (_store == nullptr) {
+                _store = _connect();
+                _return_to();
+                sought.found();
+            }
+            _work();
+            over = true;
+        } catch (unreachable const& lost) {
+            _store.reset();
+            try {
+                sought.again(lost);
+            } catch (...) {
+                fail(std::current_exception());
+                over = true;
+            }
+        } catch (...) {
+            fail(std::current_exception());
+            over = true;
+        }
+    }
+    // Bodies that run still, after a failure, leave their claims to others.
+    _group->join();
+    _leave();
+    std::lock_guard const hold(_lock);
+    _finished.clear();
+    _pending.clear();
+    _own.clear();
+    _unfinished = 0;
+}
+
+// On a new connection: claims whose transaction was not answered are given up.
+void member::_return_to() {
+    _store->renew(_numbers.net, _member, _name, _chosen.lease);
+    _watching = false;
+    std::set<std::pair<std::int64_t, std::int64_t>> there;
+    for (claim const& each : _store->claims_of(_member)) {
+        there.emplace(each.number, each.epoch);
+        if (_own.count({each.number, each.epoch}) == 0)
+            _store->disown(_member, each.number);
+    }
+    std::erase_if(_pending, [&](outcome const& each) {
+        bool const gone = there.count({each.number, each.epoch}) == 0;
+        if (gone)
+            _own.erase({each.number, each.epoch});
+        return gone;
+    });
+    _next_look = clock_type::now();
+}
+
+void member::_work() {
+    while (_decide()) {
+        if (seconds_until(_next_renewal) <= 0) {
+            _store->renew(_numbers.net, _member, _name, _chosen.lease);
+            _next_renewal = after(_chosen.lease / 4);
+        }
+        _turn();
+        _look();
+    }
+}
+
+// Waits until there is something to do; false when all is done.
+bool member::_decide() {
+    std::unique_lock hold(_lock);
+    for (;;) {
+        if (_budget == 0 && _unfinished == 0 && _finished.empty() && _pending.empty())
+            _halted = true;
+        if (_halted && _unfinished == 0 && _finished.empty() && _pending.empty())
+            return false;
+        if (_failure_is_ours) {
+            _failure_is_ours = false;
+            std::string const why = text_of(_failure);
+            hold.unlock();
+            _store->fail(_numbers.net, why);
+            _store->tell(_numbers.net);
+            hold.lock();
+        }
+        moment next = _next_renewal;
+        bool const idle = !_halted && _unfinished < _threads;
+        if (!_pending.empty() || (idle && _budget != 0 && (!_hot.empty() || _take_over)))
+            return true;
+        if (!_finished.empty()) {
+            if (_halted || _unfinished == 0 || _finished.size() >= _chosen.batch)
+                return true;
+            next =
+                std::min(next, _oldest + std::chrono::microseconds(static_cast<int>(1e6 * linger)));
+        }
+        if (idle)
+            next = std::min(next, _next_look);
+        if (seconds_until(next) <= 0)
+            return true;
+        _waits = true;
+        hold.unlock();
+        if (_store->wait(seconds_until(next), _bell.file()))
+            _next_look = clock_type::now();
+        hold.lock();
+        _waits = false;
+        _bell.silence();
+    }
+}
+
+// One transaction, if there is a reason for it.
+void member::_turn() {
+    turn asked;
+    {
+        std::lock_guard const hold(_lock);
+        std::vector<end> later;
+        for (end& each : _finished)
+            if (each.what == end::returned)
+                asked.returned.emplace_back(each.made.number, each.made.epoch);
+            else if (each.what == end::kept)
+                _own.erase({each.made.number, each.made.epoch});
+            else if (_pending.size() < _chosen.batch)
+                _pending.push_back(std::move(each.made));
+            else
+                later.push_back(std::move(each));
+        _finished = std::move(later);
+        if (!_halted && _unfinished < _threads && _budget != 0 && (!_hot.empty() || _take_over)) {
+            double const lasted = -seconds_until(_last_claim);
+            if (lasted < too_short)
+                _quantity = std::min<std::size_t>(2 * _quantity, _chosen.batch);
+            else if (lasted > too_long)
+                _quantity = std::max<std::size_t>(_quantity / 2, std::min(_threads, _chosen.batch));
+            auto const quantity =
+                static_cast<std::size_t>(std::min<std::uint64_t>(_quantity, _budget));
+            // One after the other is the first, and each has its turn when they are many.
+            if (!_hot.empty())
+                std::rotate(_hot.begin(), _hot.begin() + 1, _hot.end());
+            asked.wanted.assign(_hot.begin(), _hot.begin() + static_cast<std::ptrdiff_t>(
+                                                                 std::min(_hot.size(), quantity)));
+            asked.most = static_cast<std::int64_t>(
+                std::max<std::size_t>(quantity / std::max<std::size_t>(asked.wanted.size(), 1), 1));
+            asked.take_over = _take_over;
+            if (_take_over)
+                asked.wanted = _mine;
+            if (asked.wanted.size() * static_cast<std::size_t>(asked.most) > _budget)
+                asked.wanted.resize(1);
+        }
+    }
+    asked.ended = _pending;
+    if (asked.ended.empty() && asked.returned.empty() && asked.wanted.empty())
+        return;
+    turned const made = _store->take_turn(_numbers.net, _member, asked);
+    _pending.clear();
+    _settle(asked, made);
+    if (!asked.wanted.empty())
+        _learn(asked, made);
+    if (!asked.ended.empty() || !asked.returned.empty())
+        _store->tell(_numbers.net);
+}
+
+// What has been committed and given back is no longer the member's; and what was not has
+// not been for some time.
+void member::_settle(turn const& asked, turned const& made) {
+    for (outcome const& each : asked.ended)
+        _own.erase({each.number, each.epoch});
+    for (auto const& each : asked.returned)
+        _own.erase(each);
+    if (std::size_t const lost = asked.ended.size() - made.committed.size(); lost != 0)
+        _report("others had taken over " + std::to_string(lost) + " of its firings, " +
+                "whose commit changed nothing");
+}
+
+// Hands out the claims, and draws from them what to ask for next.
+void member::_learn(turn const& asked, turned const& made) {
+    _last_claim = clock_type::now();
+    _take_over = false;
+    std::set<std::int64_t> yielded;
+    for (claim const& each : made.claims) {
+        yielded.insert(each.transition);
+        _own.emplace(each.number, each.epoch);
+    }
+    std::erase_if(_hot, [&](std::int64_t each) {
+        return std::find(asked.wanted.begin(), asked.wanted.end(), each) != asked.wanted.end() &&
+               yielded.count(each) == 0;
+    });
+    if (yielded.empty())
+        _misses = std::min(_misses + 1, most_misses);
+    else
+        _misses = 0;
+    // What was enabled and gave nothing is in the hands of others for a moment.
+    if (_hot.empty())
+        _next_look = _misses == 0 ? clock_type::now() : after(0.0005 * (1 << _misses));
+    _budget -= std::min<std::uint64_t>(_budget, made.claims.size());
+    {
+        std::lock_guard const hold(_lock);
+        _unfinished += made.claims.size();
+    }
+    for (claim const& each : made.claims)
+        _group->submit([this, own = each]() mutable { _fire(own); });
+}
+
+// Asks the store what is enabled, when it is time to.
+void member::_look() {
+    {
+        std::lock_guard const hold(_lock);
+        if (_halted || _unfinished >= _threads || seconds_until(_next_look) > 0)
+            return;
+    }
+    rest_state const seen = _store->rest(_numbers.net);
+    if (!seen.failure.empty()) {
+        {
+            std::lock_guard const hold(_lock);
+            if (_failure == nullptr)
+                _failure = std::make_exception_ptr(error(seen.failure));
+        }
+        _alarm.ring();
+        return halt();
+    }
+    for (std::int64_t const each : seen.enabled)
+        if (std::find(_mine.begin(), _mine.end(), each) != _mine.end() &&
+            std::find(_hot.begin(), _hot.end(), each) == _hot.end())
+            _hot.push_back(each);
+    _take_over = seen.lost_claims && !_mine.empty();
+    if (!_hot.empty() || _take_over) {
+        if (_watching)
+            _store->unwatch(_watcher);
+        _watching = false;
+        _next_look = after(refresh);
+    } else if (_watching) {
+        _watching = false;
+        _next_look = after(_chosen.poll);
+    } else {
+        _watch(*_store, _watcher);
+        _watching = true;
+        _next_look = clock_type::now();
+    }
+}
+
+void member::_leave() noexcept {
+    try {
+        if (_store == nullptr)
+            _store = _connect();
+        std::string why;
+        {
+            std::lock_guard const hold(_lock);
+            if (_failure_is_ours)
+                why = text_of(_failure);
+            _failure_is_ours = false;
+        }
+        if (!why.empty())
+            _store->fail(_numbers.net, why);
+        _store->unwatch(_watcher);
+        _store->renew(_numbers.net, _member, _name, 0);
+        _store->tell(_numbers.net);
+    } catch (std::exception const&) {
+        // Its lease runs out by itself.
+    }
+    _store.reset();
+}
+
+void member::_fire(claim& own) {
+    end made{{own.number, own.epoch, {}, {}}, own.transition, end::committed};
+    bool halted;
+    {
+        std::lock_guard const hold(_lock);
+        halted = _halted;
+    }
+    if (halted) {
+        made.what = end::returned;
+    } else {
+        try {
+            _run_body(own, made.made);
+        } catch (...) {
+            fail(std::current_exception());
+            made.what = end::kept;
+        }
+    }
+    _finish(std::move(made));
+}
+
+void member::_run_body(claim& own, outcome& made) {
+    std::size_t const index = _indices.at(own.transition);
+    std::vector<arc> const& arcs = plan.transitions[index].arcs;
+    // The tokens stand together by their places.
+    std::map<std::size_t, std::deque<token>> from;
+    std::size_t next = 0;
+    for (arc const& each : merged(arcs))
+        for (std::uint64_t i = 0; each.input && i < each.weight; ++i, ++next)
+            from[each.place].push_back({own.tokens[next], std::move(own.values[next])});
+    std::vector<std::vector<token>> taken;
+    std::size_t outputs = 0;
+    for (arc const& each : arcs) {
+        if (!each.input) {
+            ++outputs;
+            continue;
+        }
+        std::vector<token>& tokens = taken.emplace_back();
+        for (std::uint64_t i = 0; i < each.weight; ++i) {
+            tokens.push_back(std::move(from[each.place].front()));
+            from[each.place].pop_front();
+        }
+    }
+    std::vector<std::vector<std::string>> put(outputs);
+    codes[index]->run(key(_numbers.nonce + '-' + std::to_string(own.number)), taken, put);
+    std::size_t output = 0;
+    for (arc const& each : arcs) {
+        if (each.input)
+            continue;
+        std::vector<std::string>& values = put[output++];
+        assure(values.size() <= each.weight);
+        std::int64_t const place = _numbers.places[each.place];
+        if (values.size() != each.weight)
+            made.spare.emplace_back(place, static_cast<std::int64_t>(each.weight - values.size()));
+        for (std::string& value : values)
+            made.put.emplace_back(place, std::move(value));
+    }
+}
+
+// The server is woken for what it would not wait with.
+void member::_finish(end&& made) {
+    bool wake;
+    {
+        std::lock_guard const hold(_lock);
+        if (_finished.empty())
+            _oldest = clock_type::now();
+        _finished.push_back(std::move(made));
+        --_unfinished;
+        wake = _waits && (_finished.size() == 1 || _unfinished < _threads ||
+                          _finished.size() == _chosen.batch);
+    }
+    if (wake)
+        _bell.ring();
+}
+
+}  // namespace ovel::durable::detail

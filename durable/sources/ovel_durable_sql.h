@@ -1,0 +1,100 @@
+// The part of a store that is the same SQL in every database.
+#ifndef OVEL_DURABLE_SQL_H
+#define OVEL_DURABLE_SQL_H
+
+#include "ovel_durable_store.h"
+
+namespace ovel::durable::detail {
+
+struct blob {
+    std::string bytes;
+};
+
+// A parameter, or a field of a row. The last two are of PostgreSQL only.
+using value = std::variant<std::monostate, std::int64_t, double, std::string, blob,
+                           std::vector<std::int64_t>, std::vector<blob>>;
+using row = std::vector<value>;
+using rows = std::vector<row>;
+
+class sql_store : public store {
+public:
+    numbers open(structure const& net) override;
+    std::int64_t enter(std::int64_t net, std::string const& name, double lease,
+                       std::vector<std::int64_t> const& transitions) override;
+    void renew(std::int64_t net, std::int64_t member, std::string const& name,
+               double lease) override;
+    std::vector<claim> claims_of(std::int64_t member) override;
+    void disown(std::int64_t member, std::int64_t claim) override;
+    rest_state rest(std::int64_t net) override;
+    void fail(std::int64_t net, std::string const& why) override;
+    std::vector<std::string> nets() override;
+    state look(std::string const& net) override;
+    void watch(std::int64_t net, std::string const& watcher, double seconds) override;
+    void unwatch(std::string const& watcher) override;
+
+protected:
+    // How much of a transaction others may do meanwhile.
+    enum access { reading, writing };
+
+    // Runs one statement, which is prepared once. Parameters are $1, $2 and so on, and
+    // {now} stands for the database's clock, in seconds.
+    virtual rows _execute(std::string const& statement, row const& parameters) = 0;
+
+    virtual void _begin(access wanted) = 0;
+    virtual void _commit() = 0;
+    virtual void _roll_back() noexcept = 0;
+
+    // Makes the tables, if need be, in a transaction that has begun.
+    virtual void _make_tables() = 0;
+
+    // Whether there are tables.
+    virtual bool _has_tables() = 0;
+
+    // Puts the first tokens and the room of a place that has been made.
+    virtual void _furnish(std::int64_t place, place_entry const& made) = 0;
+
+    // The transitions of a net that are enabled: their numbers, for a subquery.
+    virtual std::string _enabled() const = 0;
+
+    // The tokens that wait in the place p, and its free slots, for a subquery.
+    virtual std::string _waiting() const = 0;
+    virtual std::string _free() const = 0;
+
+    // `work` in a transaction.
+    template <class Work>
+    auto _within(access wanted, Work const& work) {
+        _begin(wanted);
+        try {
+            if constexpr (std::is_void_v<decltype(work())>) {
+                work();
+                _commit();
+            } else {
+                auto made = work();
+                _commit();
+                return made;
+            }
+        } catch (...) {
+            _roll_back();
+            throw;
+        }
+    }
+
+private:
+    numbers _make(structure const& net);
+    numbers _compare(structure const& net, std::int64_t number, std::string const& nonce);
+    void _fold();
+};
+
+inline std::int64_t integer(value const& field) {
+    return std::get<std::int64_t>(field);
+}
+inline std::string const& text(value const& field) {
+    return std::get<std::string>(field);
+}
+
+// What the call with a key has taken. Throws if it took nothing.
+token taken_by(std::string const& key, value const& number, value const& bytes);
+
+}  // namespace ovel::durable::detail
+
+#endif

@@ -1,0 +1,520 @@
+// Nets in a file of SQLite, for the processes of one machine. It lets one transaction
+// write at a time, so a count of tokens and one of free slots for each place do.
+#include "ovel_durable_sql.h"
+
+#include <poll.h>
+#include <sqlite3.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <random>
+#include <thread>
+#include <unordered_map>
+
+namespace ovel::durable::detail {
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+constexpr char tables[] = R"(
+CREATE TABLE nets (id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE, nonce TEXT NOT NULL,
+    failure TEXT);
+CREATE TABLE places (id INTEGER PRIMARY KEY, net INTEGER NOT NULL, position INTEGER NOT NULL,
+    name TEXT NOT NULL, capacity INTEGER NOT NULL, codec TEXT NOT NULL);
+CREATE TABLE transitions (id INTEGER PRIMARY KEY, net INTEGER NOT NULL, position INTEGER NOT NULL,
+    name TEXT NOT NULL, fired INTEGER NOT NULL);
+CREATE TABLE arcs (transition INTEGER NOT NULL, position INTEGER NOT NULL, place INTEGER NOT NULL,
+    input INTEGER NOT NULL, weight INTEGER NOT NULL, PRIMARY KEY (transition, position))
+    WITHOUT ROWID;
+CREATE TABLE tokens (place INTEGER NOT NULL, id INTEGER NOT NULL, value BLOB NOT NULL,
+    PRIMARY KEY (place, id)) WITHOUT ROWID;
+CREATE TABLE rooms (place INTEGER PRIMARY KEY, free INTEGER NOT NULL CHECK (free >= 0),
+    waiting INTEGER NOT NULL CHECK (waiting >= 0), next INTEGER NOT NULL);
+CREATE TABLE members (id INTEGER PRIMARY KEY AUTOINCREMENT, net INTEGER NOT NULL,
+    name TEXT NOT NULL, until REAL NOT NULL);
+CREATE TABLE runs (member INTEGER NOT NULL, transition INTEGER NOT NULL, fired INTEGER NOT NULL,
+    PRIMARY KEY (member, transition)) WITHOUT ROWID;
+CREATE TABLE claims (id INTEGER PRIMARY KEY AUTOINCREMENT, net INTEGER NOT NULL,
+    transition INTEGER NOT NULL, member INTEGER NOT NULL, epoch INTEGER NOT NULL,
+    tokens BLOB NOT NULL);
+CREATE TABLE watchers (id TEXT PRIMARY KEY, net INTEGER NOT NULL, until REAL NOT NULL);
+CREATE TABLE calls (net INTEGER NOT NULL, key TEXT NOT NULL, own INTEGER NOT NULL,
+    token INTEGER, value BLOB, at REAL NOT NULL, PRIMARY KEY (net, key)) WITHOUT ROWID;
+PRAGMA user_version = 1;
+)";
+
+// The tokens of a claim as one blob: number, size and bytes of each.
+void append(std::string& packed, std::int64_t number) {
+    char bytes[sizeof number];
+    std::memcpy(bytes, &number, sizeof number);
+    packed.append(bytes, sizeof bytes);
+}
+std::int64_t number_at(std::string const& packed, std::size_t at) {
+    std::int64_t number;
+    std::memcpy(&number, packed.data() + at, sizeof number);
+    return number;
+}
+void append(std::string& packed, std::int64_t number, std::string const& bytes) {
+    append(packed, number);
+    append(packed, static_cast<std::int64_t>(bytes.size()));
+    packed += bytes;
+}
+void unpack(std::string const& packed, claim& into) {
+    for (std::size_t at = 0; at != packed.size();) {
+        into.tokens.push_back(number_at(packed, at));
+        auto const size = static_cast<std::size_t>(number_at(packed, at + 8));
+        into.values.push_back(packed.substr(at + 16, size));
+        at += 16 + size;
+    }
+}
+
+// Changes of the counts of a place, and the next number of a token there.
+struct change {
+    std::int64_t free = 0;
+    std::int64_t waiting = 0;
+};
+
+class sqlite_store : public sql_store {
+public:
+    explicit sqlite_store(std::string const& file);
+    ~sqlite_store() override {
+        for (auto const& each : _prepared)
+            sqlite3_finalize(each.second);
+        sqlite3_close(_database);
+    }
+    sqlite_store(sqlite_store const&) = delete;
+    sqlite_store& operator=(sqlite_store const&) = delete;
+
+    turned take_turn(std::int64_t net, std::int64_t member, turn const& asked) override;
+    answer put(std::int64_t net, std::int64_t place, std::string const& value,
+               call const& named) override;
+    answer take(std::int64_t net, std::int64_t place, call const& named) override;
+
+    // Every change of the file is seen, so nobody is to be told of any.
+    void watch(std::int64_t, std::string const&, double) override {
+        _seen = _version();
+    }
+    void unwatch(std::string const&) override {}
+    void tell(std::int64_t) override {}
+    bool wait(double seconds, int bell) override;
+
+protected:
+    rows _execute(std::string const& statement, row const& parameters) override;
+    void _begin(access wanted) override {
+        _run(wanted == writing ? "BEGIN IMMEDIATE" : "BEGIN");
+    }
+    void _commit() override {
+        _run("COMMIT");
+    }
+    void _roll_back() noexcept override {
+        sqlite3_exec(_database, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+    void _make_tables() override;
+    bool _has_tables() override {
+        return integer(_execute("PRAGMA user_version", {})[0][0]) != 0;
+    }
+    void _furnish(std::int64_t place, place_entry const& made) override;
+    std::string _enabled() const override {
+        return "SELECT t.id FROM transitions t WHERE t.net = $1 AND NOT EXISTS (SELECT 1 FROM arcs "
+               "a JOIN rooms r ON r.place = a.place WHERE a.transition = t.id AND a.weight > CASE "
+               "a.input WHEN 1 THEN r.waiting ELSE r.free END)";
+    }
+    std::string _waiting() const override {
+        return "(SELECT waiting FROM rooms WHERE place = p.id)";
+    }
+    std::string _free() const override {
+        return "(SELECT free FROM rooms WHERE place = p.id)";
+    }
+
+private:
+    using changes = std::map<std::int64_t, change>;
+
+    [[noreturn]] void _throw(int code);
+    void _run(char const* statements) {
+        int const code = sqlite3_exec(_database, statements, nullptr, nullptr, nullptr);
+        if (code != SQLITE_OK)
+            _throw(code);
+    }
+    std::int64_t _version() {
+        return integer(_execute("PRAGMA data_version", {})[0][0]);
+    }
+    static int _wait_for_others(void* self, int tries);
+    sqlite3_stmt* _statement(std::string const& text);
+    std::vector<arc> _arcs(std::int64_t transition);
+    std::int64_t _put(std::int64_t place, std::string const& value);
+    void _apply(changes const& made);
+    void _end(std::int64_t member, turn const& asked, turned& made);
+    void _return(turn const& asked, turned& made);
+    void _claim(std::int64_t net, std::int64_t member, std::int64_t transition, std::int64_t most,
+                turned& made);
+    void _take_over(std::int64_t net, std::int64_t member, turn const& asked, turned& made);
+
+    std::string const _file;
+    sqlite3* _database = nullptr;
+    std::unordered_map<std::string, sqlite3_stmt*> _prepared;
+    std::unordered_map<std::int64_t, std::vector<arc>> _known;  // places by number
+    std::minstd_rand _random{std::random_device()()};
+    std::int64_t _seen = 0;
+};
+
+sqlite_store::sqlite_store(std::string const& file) : _file(file) {
+    // One thread at a time uses it.
+    int const code = sqlite3_open_v2(
+        file.c_str(), &_database,
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
+        nullptr);
+    try {
+        if (code != SQLITE_OK)
+            _throw(code);
+        sqlite3_busy_handler(_database, &_wait_for_others, this);
+        // What is committed survives a loss of power.
+        _run("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;");
+    } catch (...) {
+        sqlite3_close(_database);
+        throw;
+    }
+}
+
+void sqlite_store::_throw(int code) {
+    std::string const what =
+        "the store " + _file + ": " +
+        (_database != nullptr ? sqlite3_errmsg(_database) : sqlite3_errstr(code));
+    if ((code & 0xff) == SQLITE_BUSY || (code & 0xff) == SQLITE_LOCKED)
+        throw unreachable(what);
+    throw error(what);
+}
+
+// For some 30 s, in pauses that are short at first: a transaction is.
+int sqlite_store::_wait_for_others(void* self, int tries) {
+    if (tries > 6000)
+        return 0;
+    auto& random = static_cast<sqlite_store*>(self)->_random;
+    std::this_thread::sleep_for(
+        std::chrono::microseconds(50 + random() % std::min(100 * (tries + 1), 10000)));
+    return 1;
+}
+
+sqlite3_stmt* sqlite_store::_statement(std::string const& text) {
+    sqlite3_stmt*& known = _prepared[text];
+    if (known == nullptr) {
+        static constexpr char placeholder[] = "{now}";
+        std::string real = text;
+        for (std::size_t at; (at = real.find(placeholder)) != real.npos;)
+            real.replace(at, sizeof placeholder - 1, "((julianday('now') - 2440587.5) * 86400.0)");
+        int const code = sqlite3_prepare_v3(_database, real.c_str(), -1, SQLITE_PREPARE_PERSISTENT,
+                                            &known, nullptr);
+        if (code != SQLITE_OK)
+            _throw(code);
+    }
+    return known;
+}
+
+rows sqlite_store::_execute(std::string const& text, row const& parameters) {
+    sqlite3_stmt* const statement = _statement(text);
+    for (std::size_t i = 0; i < parameters.size(); ++i) {
+        std::string const name = '$' + std::to_string(i + 1);
+        int const at = sqlite3_bind_parameter_index(statement, name.c_str());
+        auto const bind = [&](auto const& each) {
+            using type = std::remove_cvref_t<decltype(each)>;
+            if constexpr (std::is_same_v<type, std::int64_t>)
+                sqlite3_bind_int64(statement, at, each);
+            else if constexpr (std::is_same_v<type, double>)
+                sqlite3_bind_double(statement, at, each);
+            else if constexpr (std::is_same_v<type, std::string>)
+                sqlite3_bind_text64(statement, at, each.data(), each.size(), SQLITE_STATIC,
+                                    SQLITE_UTF8);
+            else if constexpr (std::is_same_v<type, blob>)
+                sqlite3_bind_blob64(statement, at, each.bytes.data(), each.bytes.size(),
+                                    SQLITE_STATIC);
+            else
+                sqlite3_bind_null(statement, at);
+        };
+        std::visit(bind, parameters[i]);
+    }
+    rows made;
+    int code;
+    while ((code = sqlite3_step(statement)) == SQLITE_ROW) {
+        row& next = made.emplace_back();
+        for (int i = 0; i < sqlite3_column_count(statement); ++i) {
+            auto const bytes = [&](void const* from) {
+                auto const size = static_cast<std::size_t>(sqlite3_column_bytes(statement, i));
+                return size == 0 ? std::string()
+                                 : std::string(static_cast<char const*>(from), size);
+            };
+            switch (sqlite3_column_type(statement, i)) {
+                case SQLITE_INTEGER:
+                    next.emplace_back(std::int64_t{sqlite3_column_int64(statement, i)});
+                    break;
+                case SQLITE_FLOAT:
+                    next.emplace_back(sqlite3_column_double(statement, i));
+                    break;
+                case SQLITE_TEXT:
+                    next.emplace_back(bytes(sqlite3_column_text(statement, i)));
+                    break;
+                case SQLITE_BLOB:
+                    next.emplace_back(blob{bytes(sqlite3_column_blob(statement, i))});
+                    break;
+                default:
+                    next.emplace_back();
+            }
+        }
+    }
+    sqlite3_reset(statement);
+    sqlite3_clear_bindings(statement);
+    if (code != SQLITE_DONE)
+        _throw(code);
+    return made;
+}
+
+void sqlite_store::_make_tables() {
+    std::int64_t const version = integer(_execute("PRAGMA user_version", {})[0][0]);
+    if (version == 0)
+        _run(tables);
+    else if (version != 1)
+        throw error("the store " + _file + " is of version " + std::to_string(version) +
+                    " of the tables, this program of version 1");
+}
+
+void sqlite_store::_furnish(std::int64_t place, place_entry const& made) {
+    auto const tokens = static_cast<std::int64_t>(made.initial.size());
+    _execute("INSERT INTO rooms (place, free, waiting, next) VALUES ($1, $2, $3, 1)",
+             {place, static_cast<std::int64_t>(made.capacity) - tokens, tokens});
+    for (std::string const& each : made.initial)
+        _put(place, each);
+}
+
+// Without the counts. Returns the token's number.
+std::int64_t sqlite_store::_put(std::int64_t place, std::string const& value) {
+    std::int64_t const number = integer(_execute(
+        "UPDATE rooms SET next = next + 1 WHERE place = $1 RETURNING next - 1", {place})[0][0]);
+    _execute("INSERT INTO tokens (place, id, value) VALUES ($1, $2, $3)",
+             {place, number, blob{value}});
+    return number;
+}
+
+void sqlite_store::_apply(changes const& made) {
+    for (auto const& [place, by] : made)
+        _execute("UPDATE rooms SET free = free + $2, waiting = waiting + $3 WHERE place = $1",
+                 {place, by.free, by.waiting});
+}
+
+// Those of a transition, with the numbers of their places. They never change.
+std::vector<arc> sqlite_store::_arcs(std::int64_t transition) {
+    auto const [known, added] = _known.try_emplace(transition);
+    if (added)
+        for (row const& each : _execute("SELECT place, input, weight FROM arcs WHERE transition = "
+                                        "$1 ORDER BY position",
+                                        {transition}))
+            known->second.push_back({static_cast<std::size_t>(integer(each[0])),
+                                     integer(each[1]) != 0,
+                                     static_cast<std::uint64_t>(integer(each[2]))});
+    return known->second;
+}
+
+turned sqlite_store::take_turn(std::int64_t net, std::int64_t member, turn const& asked) {
+    return _within(writing, [&] {
+        turned made;
+        _end(member, asked, made);
+        _return(asked, made);
+        if (asked.take_over)
+            _take_over(net, member, asked, made);
+        for (std::int64_t const each : asked.wanted)
+            _claim(net, member, each, asked.most, made);
+        return made;
+    });
+}
+
+void sqlite_store::_end(std::int64_t member, turn const& asked, turned& made) {
+    changes done;
+    std::map<std::int64_t, std::int64_t> fired;
+    for (outcome const& each : asked.ended) {
+        rows const own =
+            _execute("DELETE FROM claims WHERE id = $1 AND epoch = $2 RETURNING transition",
+                     {each.number, each.epoch});
+        if (own.empty())
+            continue;
+        made.committed.push_back(each.number);
+        std::int64_t const transition = integer(own[0][0]);
+        ++fired[transition];
+        for (arc const& from : _arcs(transition))
+            if (from.input)
+                done[static_cast<std::int64_t>(from.place)].free +=
+                    static_cast<std::int64_t>(from.weight);
+        for (auto const& [place, slots] : each.spare)
+            done[place].free += slots;
+        for (auto const& [place, value] : each.put) {
+            _put(place, value);
+            ++done[place].waiting;
+        }
+    }
+    _apply(done);
+    for (auto const& [transition, count] : fired)
+        _execute(
+            "INSERT INTO runs (member, transition, fired) VALUES ($1, $2, $3) ON CONFLICT "
+            "(member, transition) DO UPDATE SET fired = fired + excluded.fired",
+            {member, transition, count});
+}
+
+// Only what no other member has had, which may have begun it.
+void sqlite_store::_return(turn const& asked, turned& made) {
+    changes done;
+    for (auto const& [number, epoch] : asked.returned) {
+        rows const own = _execute(
+            "DELETE FROM claims WHERE id = $1 AND epoch = $2 AND epoch = 1 "
+            "RETURNING transition, tokens",
+            {number, epoch});
+        if (own.empty())
+            continue;
+        made.returned.push_back(number);
+        claim back;
+        unpack(std::get<blob>(own[0][1]).bytes, back);
+        std::size_t next = 0;
+        for (arc const& each : _arcs(integer(own[0][0]))) {
+            auto const place = static_cast<std::int64_t>(each.place);
+            auto const weight = static_cast<std::int64_t>(each.weight);
+            (each.input ? done[place].waiting : done[place].free) += weight;
+            for (std::int64_t i = 0; each.input && i < weight; ++i, ++next)
+                _execute("INSERT INTO tokens (place, id, value) VALUES ($1, $2, $3)",
+                         {place, back.tokens[next], blob{back.values[next]}});
+        }
+    }
+    _apply(done);
+}
+
+void sqlite_store::_take_over(std::int64_t net, std::int64_t member, turn const& asked,
+                              turned& made) {
+    for (row const& each :
+         _execute("SELECT c.id, c.transition FROM claims c LEFT JOIN members m ON m.id = c.member "
+                  "WHERE c.net = $1 AND c.member <> $2 AND coalesce(m.until, 0) < {now}",
+                  {net, member})) {
+        if (static_cast<std::int64_t>(made.claims.size()) >= asked.most)
+            break;
+        if (std::find(asked.wanted.begin(), asked.wanted.end(), integer(each[1])) ==
+            asked.wanted.end())
+            continue;
+        rows const taken = _execute(
+            "UPDATE claims SET member = $2, epoch = epoch + 1 WHERE id = "
+            "$1 RETURNING epoch, tokens",
+            {each[0], member});
+        claim& own = made.claims.emplace_back();
+        own.number = integer(each[0]);
+        own.epoch = integer(taken[0][0]);
+        own.transition = integer(each[1]);
+        unpack(std::get<blob>(taken[0][1]).bytes, own);
+    }
+}
+
+void sqlite_store::_claim(std::int64_t net, std::int64_t member, std::int64_t transition,
+                          std::int64_t most, turned& made) {
+    std::vector<arc> const arcs = _arcs(transition);
+    std::int64_t count = most;
+    for (arc const& each : arcs) {
+        row const room = _execute("SELECT waiting, free FROM rooms WHERE place = $1",
+                                  {static_cast<std::int64_t>(each.place)})[0];
+        count = std::min(
+            count, integer(room[each.input ? 0 : 1]) / static_cast<std::int64_t>(each.weight));
+    }
+    if (count == 0)
+        return;
+    changes done;
+    std::vector<std::string> packed(static_cast<std::size_t>(count));
+    std::vector<claim> claims(static_cast<std::size_t>(count));
+    for (arc const& each : arcs) {
+        auto const place = static_cast<std::int64_t>(each.place);
+        std::int64_t const all = count * static_cast<std::int64_t>(each.weight);
+        (each.input ? done[place].waiting : done[place].free) -= all;
+        if (!each.input)
+            continue;
+        rows taken = _execute("SELECT id, value FROM tokens WHERE place = $1 ORDER BY id LIMIT $2",
+                              {place, all});
+        for (std::size_t i = 0; i < taken.size(); ++i) {
+            std::size_t const firing = i / each.weight;
+            std::string& bytes = std::get<blob>(taken[i][1]).bytes;
+            append(packed[firing], integer(taken[i][0]), bytes);
+            claims[firing].tokens.push_back(integer(taken[i][0]));
+            claims[firing].values.push_back(std::move(bytes));
+        }
+        _execute("DELETE FROM tokens WHERE place = $1 AND id <= $2", {place, taken.back()[0]});
+    }
+    _apply(done);
+    for (std::size_t i = 0; i < claims.size(); ++i) {
+        claims[i].number =
+            integer(_execute("INSERT INTO claims (net, transition, member, epoch, tokens) VALUES "
+                             "($1, $2, $3, 1, $4) RETURNING id",
+                             {net, transition, member, blob{packed[i]}})[0][0]);
+        claims[i].epoch = 1;
+        claims[i].transition = transition;
+        made.claims.push_back(std::move(claims[i]));
+    }
+}
+
+answer sqlite_store::put(std::int64_t net, std::int64_t place, std::string const& value,
+                         call const& named) {
+    return _within(writing, [&]() -> answer {
+        for (std::string const& each : named.forget)
+            _execute("DELETE FROM calls WHERE net = $1 AND key = $2", {net, each});
+        if (!_execute("SELECT 1 FROM calls WHERE net = $1 AND key = $2", {net, named.key}).empty())
+            return {answer::done};
+        if (_execute("UPDATE rooms SET free = free - 1, waiting = waiting + 1 WHERE place = $1 AND "
+                     "free > 0 RETURNING 1",
+                     {place})
+                .empty())
+            return {answer::impossible};
+        _put(place, value);
+        _execute("INSERT INTO calls (net, key, own, at) VALUES ($1, $2, $3, {now})",
+                 {net, named.key, std::int64_t{named.own}});
+        return {answer::done};
+    });
+}
+
+answer sqlite_store::take(std::int64_t net, std::int64_t place, call const& named) {
+    return _within(writing, [&]() -> answer {
+        for (std::string const& each : named.forget)
+            _execute("DELETE FROM calls WHERE net = $1 AND key = $2", {net, each});
+        rows const earlier = _execute("SELECT token, value FROM calls WHERE net = $1 AND key = $2",
+                                      {net, named.key});
+        if (!earlier.empty())
+            return {answer::done, taken_by(named.key, earlier[0][0], earlier[0][1])};
+        rows const taken = _execute(
+            "DELETE FROM tokens WHERE place = $1 AND id = (SELECT id FROM "
+            "tokens WHERE place = $1 ORDER BY id LIMIT 1) RETURNING id, "
+            "value",
+            {place});
+        if (taken.empty())
+            return {answer::impossible};
+        _apply({{place, {1, -1}}});
+        _execute(
+            "INSERT INTO calls (net, key, own, token, value, at) VALUES ($1, $2, $3, $4, $5, "
+            "{now})",
+            {net, named.key, std::int64_t{named.own}, taken[0][0], taken[0][1]});
+        return {answer::done, taken_by(named.key, taken[0][0], taken[0][1])};
+    });
+}
+
+bool sqlite_store::wait(double seconds, int bell) {
+    auto const end = clock_type::now() + std::chrono::duration<double>(seconds);
+    for (int pause = 1;; pause = std::min(2 * pause, 50)) {
+        if (std::int64_t const version = _version(); version != _seen) {
+            _seen = version;
+            return true;
+        }
+        auto const left =
+            std::chrono::duration<double, std::milli>(end - clock_type::now()).count();
+        if (left <= 0)
+            return false;
+        pollfd heard{bell, POLLIN, 0};
+        if (poll(&heard, 1, std::min(pause, static_cast<int>(left) + 1)) > 0)
+            return false;
+    }
+}
+
+}  // namespace
+
+std::unique_ptr<store> connect_sqlite(std::string const& file) {
+    return std::make_unique<sqlite_store>(file);
+}
+
+}  // namespace ovel::durable::detail
