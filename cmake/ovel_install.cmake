@@ -93,6 +93,10 @@ if(TARGET ovel-net)
         USE_SOURCE_PERMISSIONS)
 endif()
 
+if(OVEL_DURABLE)
+    include(cmake/ovel_durable_install.cmake)
+endif()
+
 install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md LICENSE
     DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation)
 install(DIRECTORY docs examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documentation

@@ -62,8 +62,26 @@ tells where they came to rest and why. It finds what stays the same in a net
 and what keeps its transitions from firing, draws it, and shows a run on a
 page for a browser. Some nets to start from come with it.")
 
+if(OVEL_DURABLE)
+    set(CPACK_DEBIAN_DURABLE_PACKAGE_NAME libovel-durable${PROJECT_VERSION_MAJOR})
+    set(CPACK_DEBIAN_DURABLE_PACKAGE_SECTION libs)
+    file(CONFIGURE OUTPUT packaging/durable/shlibs @ONLY CONTENT
+"libovel_durable @PROJECT_VERSION_MAJOR@ libovel-durable@PROJECT_VERSION_MAJOR@ (>= @PROJECT_VERSION@)\n")
+    set(CPACK_DEBIAN_DURABLE_PACKAGE_CONTROL_EXTRA
+        ${PROJECT_BINARY_DIR}/packaging/durable/shlibs
+        ${PROJECT_SOURCE_DIR}/packaging/debian/triggers)
+    set(CPACK_DEBIAN_DURABLE_DESCRIPTION "Petri nets in a database (shared library)
+Nets whose firings are transactions of PostgreSQL or SQLite: they outlive their
+processes and span machines. ovel-net loads it for its option --store.")
+    set(CPACK_DEBIAN_DURABLE_DEVELOPMENT_PACKAGE_NAME libovel-durable-dev)
+    set(CPACK_DEBIAN_DURABLE_DEVELOPMENT_PACKAGE_SECTION libdevel)
+    set(CPACK_DEBIAN_DURABLE_DEVELOPMENT_DESCRIPTION "Petri nets in a database (development files)
+Headers, and files for CMake and pkg-config.")
+    set(durable_components durable durable_development)
+endif()
+
 # What each Debian package must have in its folder of documents.
-foreach(component IN ITEMS runtime development tools)
+foreach(component IN ITEMS runtime development tools ${durable_components})
     string(TOUPPER ${component} upper)
     if(OVEL_GZIP AND (NOT component STREQUAL "tools" OR TARGET ovel-net))
         set(documents ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
@@ -82,3 +100,10 @@ cpack_add_component(runtime GROUP runtime)
 cpack_add_component(development GROUP development DEPENDS runtime)
 cpack_add_component(documentation GROUP development)
 cpack_add_component(tools GROUP tools DEPENDS runtime)
+if(OVEL_DURABLE)
+    cpack_add_component_group(durable)
+    cpack_add_component_group(durable_development)
+    cpack_add_component(durable GROUP durable DEPENDS runtime)
+    cpack_add_component(durable_development GROUP durable_development
+        DEPENDS durable development)
+endif()

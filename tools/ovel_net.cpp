@@ -8,6 +8,7 @@
 #include "ovel_net_pnml.h"
 #include "ovel_net_report.h"
 #include "ovel_net_run.h"
+#include "ovel_net_store.h"
 #include "ovel_net_system.h"
 #include "ovel_net_text.h"
 #include "ovel_trace.h"
@@ -122,7 +123,8 @@ void run_and_tell(options const& chosen) {
     {
         progress shown;
         hear_interrupts();
-        made = run(model, chosen, std::ref(shown));
+        made = chosen.store.empty() ? run(model, chosen, std::ref(shown))
+                                    : run_in_store(model, chosen, std::ref(shown));
     }
     if (recorded && recorded->dropped() != 0)
         std::cerr << "ovel-net: " << chosen.file << ":1: warning: of this long run "
@@ -151,6 +153,8 @@ int main(int argc, char** argv) {
         ovel_net::options const chosen = ovel_net::parse_options(argc, argv);
         if (chosen.help)
             ovel_net::print(ovel_net::usage);
+        else if (chosen.file.empty())
+            ovel_net::print(ovel_net::show_store(chosen.store));
         else if (chosen.check)
             ovel_net::check_and_tell(chosen);
         else

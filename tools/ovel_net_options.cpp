@@ -11,6 +11,7 @@ namespace ovel_net {
 
 char const usage[] =
     R"(ovel-net NET.pnml [options]
+ovel-net --store URL
 
 Fires a place/transition net concurrently until it comes to rest, and reports
 where it did.
@@ -35,12 +36,16 @@ where it did.
   --check         do not run the net: print the place invariants (sums of tokens that
                   no firing changes) and the bounds that they imply, and warn
                   about capacities below them
+  --store URL     run the net in a database, together with all other processes that run
+                  it there, until all are at rest: sqlite:FILE or postgresql://...; it
+                  prints the sums over all of them. Without a net: show the nets in
+                  the database. Needs libovel_durable
   --json          print the result as one JSON object
   --help          print this
 
 Exit status: 0 when the net was run, however it ended, or checked; 2 when a file is
-wrong or cannot be read or written; 64 for bad options; 70 when the result
-contradicts the net; 71 when out of memory.
+wrong or cannot be read or written, or a store fails; 64 for bad options; 70 when
+the result contradicts the net; 71 when out of memory.
 )";
 
 namespace {
@@ -111,6 +116,10 @@ constexpr rule rules[] = {
      [](options& o, text v) {
          return parse(v, o.report);
      }},
+    {"--store", "the URL of a database",
+     [](options& o, text v) {
+         return parse(v, o.store);
+     }},
     {"--sequential", nullptr,
      [](options& o, text) {
          return set(o.sequential);
@@ -163,8 +172,15 @@ options parse_options(int argc, char const* const* argv) {
         if (!known->set(chosen, value))
             refuse(*known, '"' + value + '"');
     }
-    if (chosen.file.empty() && !chosen.help)
+    if (chosen.file.empty() && chosen.store.empty() && !chosen.help)
         throw bad_option("no net given");
+    if (!chosen.store.empty() &&
+        (chosen.sequential || chosen.check || !chosen.trace.empty() || !chosen.report.empty()))
+        throw bad_option("--store goes with none of --sequential, --check, --trace and --report");
+    if (chosen.file.empty() &&
+        (chosen.json || chosen.explain || !chosen.dot.empty() || !chosen.svg.empty()) &&
+        !chosen.help)
+        throw bad_option("no net given, whose run could be shown");
     std::string const outputs = chosen.dot + chosen.svg + chosen.trace + chosen.report;
     if (chosen.check && (chosen.explain || !outputs.empty()))
         throw bad_option("--check runs nothing, so there is no run to show or to explain");

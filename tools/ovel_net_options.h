@@ -26,6 +26,7 @@ struct options {
     std::string svg;
     std::string trace;  // where to write what was recorded to; empty: nowhere
     std::string report;
+    std::string store;  // of durable nets, in which it runs; empty: in memory
 };
 
 // Throws a `failure` when an argument is unknown, doubtful or missing.

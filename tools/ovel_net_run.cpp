@@ -170,7 +170,6 @@ private:
     double _fire(observer const& observe);
     std::vector<serial> _collect(std::vector<unsigned int>& marking);
     void _verify(result const& made, std::vector<serial> tokens) const;
-    outcome _judge(result const& made) const;
     std::uint64_t _fired() const;
 
     net const& _model;
@@ -209,7 +208,7 @@ result machine::run(observer const& observe) {
     for (ovel::petri_place const* const each : _places)
         made.capacities.push_back(each->capacity());
     _verify(made, _collect(made.marking));
-    made.end = _judge(made);
+    made.end = judge(_model, made, _limit.reached());
     return made;
 }
 
@@ -254,50 +253,13 @@ std::vector<serial> machine::_collect(std::vector<unsigned int>& marking) {
     return tokens;
 }
 
-// The marking must follow from the firings, and each token be one that was made,
-// once. Sums wrap modulo 2^64, beyond any marking.
+// Each token must be one that was made, once.
 void machine::_verify(result const& made, std::vector<serial> tokens) const {
-    std::vector<std::uint64_t> expected;
-    for (place const& each : _model.places)
-        expected.push_back(each.initial);
-    for (std::size_t i = 0; i < _model.transitions.size(); ++i) {
-        for (arc const& input : _model.transitions[i].inputs)
-            expected[input.place] -= made.firings[i] * input.weight;
-        for (arc const& output : _model.transitions[i].outputs)
-            expected[output.place] += made.firings[i] * output.weight;
-    }
-    for (std::size_t i = 0; i < expected.size(); ++i)
-        if (made.marking[i] != expected[i])
-            throw internal_error("place \"" + _model.places[i].id + "\" holds " +
-                                 std::to_string(made.marking[i]) + " tokens, its firings leave " +
-                                 std::to_string(expected[i]));
+    verify_marking(_model, made);
     std::sort(tokens.begin(), tokens.end());
     if (std::adjacent_find(tokens.begin(), tokens.end()) != tokens.end() ||
         (!tokens.empty() && tokens.back() >= _next.load(std::memory_order_relaxed)))
         throw internal_error("a token is in the net twice or was never made");
-}
-
-// What the marking says; a limit that struck just when the net came to rest didn't
-// stop it.
-outcome machine::_judge(result const& made) const {
-    outcome end = outcome::dead;
-    for (transition const& each : _model.transitions) {
-        auto const lacks = [&](arc const& input) {
-            return made.marking[input.place] < input.weight;
-        };
-        auto const refuses = [&](arc const& output) {
-            return made.refuses(output);
-        };
-        if (std::any_of(each.inputs.begin(), each.inputs.end(), lacks))
-            continue;
-        if (std::any_of(each.outputs.begin(), each.outputs.end(), refuses))
-            end = outcome::full;
-        else if (_limit.reached())
-            return outcome::stopped;
-        else
-            throw internal_error("at rest although transition \"" + each.id + "\" is enabled");
-    }
-    return end;
 }
 
 std::uint64_t machine::_fired() const {
@@ -315,6 +277,46 @@ char const* name_of(outcome end) {
 
 std::uint64_t result::total_firings() const {
     return std::accumulate(firings.begin(), firings.end(), std::uint64_t{0});
+}
+
+// Sums wrap modulo 2^64, beyond any marking.
+void verify_marking(net const& model, result const& made) {
+    std::vector<std::uint64_t> expected;
+    for (place const& each : model.places)
+        expected.push_back(each.initial);
+    for (std::size_t i = 0; i < model.transitions.size(); ++i) {
+        for (arc const& input : model.transitions[i].inputs)
+            expected[input.place] -= made.firings[i] * input.weight;
+        for (arc const& output : model.transitions[i].outputs)
+            expected[output.place] += made.firings[i] * output.weight;
+    }
+    for (std::size_t i = 0; i < expected.size(); ++i)
+        if (made.marking[i] != expected[i])
+            throw internal_error("place \"" + model.places[i].id + "\" holds " +
+                                 std::to_string(made.marking[i]) + " tokens, its firings leave " +
+                                 std::to_string(expected[i]));
+}
+
+// A limit that struck just when the net came to rest didn't stop it.
+outcome judge(net const& model, result const& made, bool limited) {
+    outcome end = outcome::dead;
+    for (transition const& each : model.transitions) {
+        auto const lacks = [&](arc const& input) {
+            return made.marking[input.place] < input.weight;
+        };
+        auto const refuses = [&](arc const& output) {
+            return made.refuses(output);
+        };
+        if (std::any_of(each.inputs.begin(), each.inputs.end(), lacks))
+            continue;
+        if (std::any_of(each.outputs.begin(), each.outputs.end(), refuses))
+            end = outcome::full;
+        else if (limited)
+            return outcome::stopped;
+        else
+            throw internal_error("at rest although transition \"" + each.id + "\" is enabled");
+    }
+    return end;
 }
 
 result run(net const& model, options const& chosen, observer const& observe) {

@@ -38,6 +38,12 @@ struct result {
     }
 };
 
+// The marking must follow from the firings; a `failure` otherwise.
+void verify_marking(net const& model, result const& made);
+
+// What the marking says. A net that no limit stopped must be at rest; a `failure` otherwise.
+outcome judge(net const& model, result const& made, bool limited);
+
 // Called from time to time during a run with the seconds so far and the firings.
 // Returns whether to go on; false is a limit too.
 using observer = std::function<bool(double, std::uint64_t)>;

@@ -28,6 +28,12 @@ std::FILE* open_nothing();
 // if it does not start.
 bool run_program(char const* program, char const* argument, std::FILE* from, std::FILE* to);
 
+// The library of durable nets; null where there is none for the system.
+extern char const* const durable_library;
+
+// A function of a library, which is loaded and stays so. Null if that can't be had.
+void* find_in_library(char const* library, char const* function);
+
 }  // namespace ovel_net
 
 #endif

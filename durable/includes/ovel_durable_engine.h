@@ -140,6 +140,9 @@ OVEL_DURABLE_EXPORT connector connect_to(std::string const& url);
 OVEL_DURABLE_EXPORT std::vector<std::string> nets_of(connector const& connect);
 OVEL_DURABLE_EXPORT state state_of(connector const& connect, std::string const& net);
 
+// Whether some value is that of several tokens that wait in the net.
+OVEL_DURABLE_EXPORT bool repeats_values(connector const& connect, std::string const& net);
+
 // As text, for people.
 OVEL_DURABLE_EXPORT std::string explanation(state const& seen);
 

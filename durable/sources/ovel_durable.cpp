@@ -42,6 +42,10 @@ state state_of(connector const& connect, std::string const& net) {
     return connect()->look(net);
 }
 
+bool repeats_values(connector const& connect, std::string const& net) {
+    return connect()->repeats(net);
+}
+
 std::string explanation(state const& seen) {
     std::string text = seen.name + ": " + counted(seen.places.size(), "place") + ", " +
                        counted(seen.transitions.size(), "transition") + ", " +

@@ -335,6 +335,14 @@ state sql_store::look(std::string const& net) {
     });
 }
 
+bool sql_store::repeats(std::string const& net) {
+    return !_execute(
+                "SELECT 1 FROM tokens k JOIN places p ON p.id = k.place JOIN nets n ON n.id = "
+                "p.net WHERE n.name = $1 GROUP BY k.value HAVING count(*) > 1 LIMIT 1",
+                {net})
+                .empty();
+}
+
 void sql_store::watch(std::int64_t net, std::string const& watcher, double seconds) {
     _execute(
         "INSERT INTO watchers (id, net, until) VALUES ($1, $2, {now} + $3) "

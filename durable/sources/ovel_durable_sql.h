@@ -29,6 +29,7 @@ public:
     void fail(std::int64_t net, std::string const& why) override;
     std::vector<std::string> nets() override;
     state look(std::string const& net) override;
+    bool repeats(std::string const& net) override;
     void watch(std::int64_t net, std::string const& watcher, double seconds) override;
     void unwatch(std::string const& watcher) override;
 

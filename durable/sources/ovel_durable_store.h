@@ -162,6 +162,9 @@ public:
     virtual std::vector<std::string> nets() = 0;
     virtual state look(std::string const& net) = 0;
 
+    // Whether two tokens that wait in the net have the same value.
+    virtual bool repeats(std::string const& net) = 0;
+
     // From now on `wait` hears of changes of the net, for so many seconds. What was
     // there before is to be looked at after this.
     virtual void watch(std::int64_t net, std::string const& watcher, double seconds) = 0;

@@ -71,6 +71,9 @@ public:
     parts::state look(std::string const& net) override {
         return _behind->look(net);
     }
+    bool repeats(std::string const& net) override {
+        return _behind->repeats(net);
+    }
     void watch(std::int64_t net, std::string const& watcher, double seconds) override {
         _behind->watch(net, watcher, seconds);
     }

@@ -122,6 +122,10 @@ std::string server::url() const {
     return "postgresql://ovel@/postgres?host=" + _folder.path();
 }
 
+std::string server::url(std::string const& host, int port) const {
+    return "postgresql://ovel@" + host + ':' + std::to_string(port) + "/postgres";
+}
+
 std::string server::run(std::string const& statement) const {
     PGconn* const connection = PQconnectdb(url().c_str());
     PGresult* const made = PQexec(connection, statement.c_str());

@@ -50,6 +50,7 @@ public:
     void kill();  // as a crash does
 
     std::string url() const;
+    std::string url(std::string const& host, int port) const;
 
     // The folder of its socket, with which libpq finds it at port 5432.
     std::string socket_folder() const {

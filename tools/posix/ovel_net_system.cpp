@@ -1,5 +1,6 @@
 #include "../ovel_net_system.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -47,6 +48,13 @@ bool run_program(char const* program, char const* argument, std::FILE* from, std
     int status = 0;
     while (waitpid(child, &status, 0) == -1 && errno == EINTR) {}
     return status == 0;
+}
+
+char const* const durable_library = "libovel_durable.so.1";
+
+void* find_in_library(char const* library, char const* function) {
+    void* const loaded = dlopen(library, RTLD_NOW | RTLD_LOCAL);
+    return loaded == nullptr ? nullptr : dlsym(loaded, function);
 }
 
 }  // namespace ovel_net

@@ -70,4 +70,10 @@ bool run_program(char const* program, char const* argument, std::FILE* from, std
     return status == 0;
 }
 
+char const* const durable_library = nullptr;
+
+void* find_in_library(char const*, char const*) {
+    return nullptr;
+}
+
 }  // namespace ovel_net

@@ -1,0 +1,154 @@
+// ovel-net --store: real nets, run by one process and by three.
+#include "../../tests/ovel_net_program.h"
+#include "ovel_durable_server.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using ovel_durable_test::server;
+
+namespace {
+
+class ovel_durable_tool_test : public ovel_net_test,
+                               public testing::WithParamInterface<char const*> {
+protected:
+    static void TearDownTestSuite() {
+        _server.reset();
+    }
+    // In its own database or file, since the name of a net is its file's.
+    void SetUp() override {
+        ovel_net_test::SetUp();
+        if (GetParam() == std::string("postgresql")) {
+            if (_server == nullptr)
+                _server = std::make_unique<server>("fsync = off\n");
+            static int number = 0;
+            std::string const name = "d" + std::to_string(++number);
+            _server->run("CREATE DATABASE " + name);
+            _url = "postgresql://ovel@/" + name + "?host=" + _server->socket_folder();
+        } else {
+            _url = "sqlite:store";
+        }
+    }
+
+    std::string store() const {
+        return " --store '" + _url + '\'';
+    }
+
+    // What the shell's words print as JSON, of several such processes at once.
+    std::vector<json> run_members(int members, std::string const& arguments) {
+        std::string const script = path("script").string();
+        write("script", std::string("#!/bin/sh\nset -e\nfor i in $(seq ") +
+                            std::to_string(members) + "); do\n'" OVEL_NET_PROGRAM "' " + arguments +
+                            store() +
+                            " --json >out$i 2>err$i & eval p$i=$!\ndone\nfor i in $(seq " +
+                            std::to_string(members) + "); do eval wait \\$p$i; done\n");
+        std::string const command =
+            "cd '" + path(".").string() + "' && sh '" + script + "' 2>>all.err";
+        EXPECT_EQ(std::system(command.c_str()), 0);
+        std::vector<json> made;
+        for (int i = 1; i <= members; ++i) {
+            std::string const name = std::to_string(i);
+            EXPECT_EQ(read(("err" + name).c_str()), "");
+            made.push_back(json::parse(read(("out" + name).c_str())));
+        }
+        return made;
+    }
+
+    static std::unique_ptr<server> _server;
+    std::string _url;
+};
+std::unique_ptr<server> ovel_durable_tool_test::_server;
+
+INSTANTIATE_TEST_SUITE_P(stores, ovel_durable_tool_test, testing::Values("sqlite", "postgresql"),
+                         [](auto const& chosen) { return std::string(chosen.param); });
+
+// The final marking of a net, by the places' identifiers.
+std::map<std::string, int> marking(json const& made) {
+    std::map<std::string, int> tokens;
+    for (json const& place : made["places"])
+        tokens[place["id"]] = place["final"];
+    return tokens;
+}
+
+std::map<std::string, int> firings(json const& made) {
+    std::map<std::string, int> fired;
+    for (json const& transition : made["transitions"])
+        fired[transition["id"]] = transition["firings"];
+    return fired;
+}
+
+// That the marking follows from the firings the program proves itself: its status is 70
+// otherwise. This net comes to rest in one marking, after the same firings however they are
+// shared out.
+TEST_P(ovel_durable_tool_test, one_file_has_one_answer) {
+    json const alone = run_json(own("bounded_buffer.pnml"));
+    for (json const& made : run_members(3, own("bounded_buffer.pnml"))) {
+        EXPECT_EQ(made["outcome"], "dead");
+        EXPECT_EQ(marking(made), marking(alone));
+        EXPECT_EQ(firings(made), firings(alone));
+    }
+    // It is at rest already.
+    for (json const& made : run_members(1, own("bounded_buffer.pnml")))
+        EXPECT_EQ(firings(made), firings(alone));
+    run(store());
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(out.find("No claim is open."), out.npos) << out;
+}
+
+TEST_P(ovel_durable_tool_test, dead_markings_are_those_that_are_known) {
+    json const alone = run_json(own("bicycles.pnml"));
+    for (int const members : {3, 1})
+        for (json const& made : run_members(members, own("bicycles.pnml"))) {
+            EXPECT_EQ(made["outcome"], "dead");
+            EXPECT_EQ(marking(made), marking(alone));
+        }
+    // Each has the one fork, or each the other.
+    for (int const members : {3, 1})
+        for (json const& made : run_members(members, own("philosophers.pnml"))) {
+            EXPECT_EQ(made["outcome"], "dead");
+            int left = 0, right = 0, others = 0;
+            for (auto const& [place, tokens] : marking(made))
+                (place.starts_with("has-left")    ? left
+                 : place.starts_with("has-right") ? right
+                                                  : others) += tokens;
+            EXPECT_EQ(std::max(left, right), 5);
+            EXPECT_EQ(std::min(left, right) + others, 0);
+        }
+}
+
+// A net that does not rest: each process fires as often as it may, and all the sums agree.
+TEST_P(ovel_durable_tool_test, a_limit_holds_for_each_process) {
+    for (json const& made : run_members(1, own("readers_writers.pnml") + " --firings 100")) {
+        EXPECT_EQ(made["outcome"], "stopped");
+        EXPECT_EQ(made["firings"], 100);
+    }
+    for (json const& made : run_members(3, own("readers_writers.pnml") + " --firings 50"))
+        EXPECT_GE(made["firings"], 150);
+    for (json const& made : run_members(1, own("readers_writers.pnml") + " --firings 1"))
+        EXPECT_EQ(made["firings"], 251);
+}
+
+TEST_P(ovel_durable_tool_test, what_cannot_be_run_in_a_store_is_refused) {
+    run(own("bicycles.pnml") + store() + " --check");
+    expect_refused(64,
+                   "--store goes with none of --sequential, --check, --trace and --report (see "
+                   "--help)");
+    run("--store mysql:x");
+    expect_refused(2, "a store is sqlite:FILE or postgresql://..., not \"mysql:x\"");
+    run(store() + " --json");
+    expect_refused(64, "no net given, whose run could be shown (see --help)");
+    run(own("bicycles.pnml") + store() + " --json");
+    ASSERT_EQ(status, 0) << err;
+    run(own("bicycles.pnml") + store() + " --capacity 2000");
+    EXPECT_EQ(status, 2);
+    EXPECT_NE(err.find("in the store is another one: place "), err.npos) << err;
+}
+
+}  // namespace

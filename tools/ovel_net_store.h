@@ -1,0 +1,22 @@
+// Runs a net in a database, as one of the processes that do.
+#ifndef OVEL_NET_STORE_H
+#define OVEL_NET_STORE_H
+
+#include "ovel_net_model.h"
+#include "ovel_net_options.h"
+#include "ovel_net_run.h"
+
+#include <string>
+
+namespace ovel_net {
+
+// As `run`, in `chosen.store`; the result has the sums over all processes. Throws a
+// `failure` also where the store fails, or the library for it is not there.
+result run_in_store(net const& model, options const& chosen, observer const& observe);
+
+// What the nets in a store are doing, as text.
+std::string show_store(std::string const& store);
+
+}  // namespace ovel_net
+
+#endif
