@@ -20,7 +20,14 @@ function escaped(line,    parts, count, i, result) {
 
 BEGIN {
     classes = 0
+    first = 1
     begins = 1  # whether this line can begin a declaration
+}
+
+# The licence, which goes before what the header says of itself.
+NR == first && /SPDX-License-Identifier/ {
+    ++first
+    next
 }
 
 /^ *\/\// && !in_body {
@@ -33,7 +40,7 @@ BEGIN {
     comment = comment $0 "\n"
     depth = indent_of($0)
     begins = 1
-    if (NR == 1)
+    if (NR == first)
         print "/// @file"
     print
     next
