@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The group allocation: small blocks, by one thread and between two, and the memory
 // that a million of them takes. The program calls the process's `malloc`, which
 // ./benchmark replaces with that of each peer in turn, or our functions.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The group checksum: CRC-32 of blocks from some words to more than any cache holds.
 #include "ovel_benchmark.h"
 #include "ovel_crc32.h"

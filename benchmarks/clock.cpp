@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The group clock: what a reading costs.
 #include "ovel_benchmark.h"
 #include "ovel_time.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The group durable: tokens of a net in a database, beside a worker written by hand for its
 // one table.
 //

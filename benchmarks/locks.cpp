@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The group locks: the cost of acquiring and releasing a lock, without and with
 // contention.
 //

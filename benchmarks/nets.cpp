@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The group nets: tokens that are worked on, on two processors.
 #include "ovel_any.h"
 #include "ovel_benchmark.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the groups of benchmarks share: the registration of rows, threads that start
 // together, and the floors that no contestant can beat.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Semaphores with one interface for the benchmarks: `units` at the start, `acquire` and
 // `release` whatever their own names are, and a default constructor.
 #ifndef OVEL_BENCHMARK_SEMAPHORES_H

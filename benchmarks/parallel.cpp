@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The group parallel: divide and conquer, loops, and work that does not pay for a thread.
 #include "ovel_benchmark.h"
 #include "ovel_parallel.h"

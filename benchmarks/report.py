@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
 """Makes a table and a plot of a group's raw samples.
 
     report.py FOLDER COMMAND

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The group threads: the cost of running work on another thread.
 #include "ovel_benchmark.h"
 #include "ovel_thread.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The group waking: how soon a waiting thread continues after its wake-up.
 #include "ovel_barrier.h"
 #include "ovel_benchmark.h"

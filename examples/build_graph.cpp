@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A parallel build of a small dependency graph: a transition for each target, a place for
 // each dependency. Independent targets are built in parallel, and the result shows that
 // every dependency was built before it was needed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A pipeline over files: one transition reads, another computes checksums on all
 // processors, and the places between them bound how much is in memory. Prints the CRC-32,
 // the size and the name of each file of a folder; `gzip -lv` of a compressed file shows

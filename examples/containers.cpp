@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's memory under containers. Each thread allocates from its own allocator
 // without a lock; blocks that another thread frees return to it.
 

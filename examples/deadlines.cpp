@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Deadlines and cancellation: how to give up waiting, and how to make others give up.
 
 #include <ovel_condition.h>

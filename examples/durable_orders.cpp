@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Orders that are charged, packed and shipped by three processes, one of which dies and
 // comes back: each order is shipped once.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Draws the Mandelbrot set, in characters or, to a file, in grey:
 //
 //     fractal                    # 78 columns of text

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Work bounded by memory. A group has a budget of `space`, in a unit of your choice; each
 // work item states how much of it it occupies while it runs. Here the unit is a megabyte:
 // small jobs run in parallel, large ones wait until enough is free, and no mix of them ever

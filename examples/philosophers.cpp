@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Philosophers who cannot deadlock. Each needs the two forks beside the plate. They would
 // deadlock if each took one and waited for the other. A transition takes all of its tokens
 // at once or none, so no philosopher ever holds a single fork, and no order is needed.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads that the program starts by itself, through the plain interface: one allocator
 // for each, for as long as the thread uses the library's memory, and what the threads
 // have left idle goes back to the system in the end.

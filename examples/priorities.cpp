@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Priorities. Of the waiting work items, a free thread takes the one with the largest space
 // that fits, then the longest `time`, then the oldest. If `time` is the time left on the
 // path that begins with the item, the critical path goes first. Or use it as a plain

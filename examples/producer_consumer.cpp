@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Producer and consumer with back-pressure, which is just the capacity of a place. A
 // producer that is faster than the consumer blocks in `send` once the place is full, so
 // the queue between them stays bounded.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The whole library.
 #ifndef OVEL_H
 #define OVEL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which allocator serves which thread.
 #ifndef OVEL_ALLOCATOR_GROUP_H
 #define OVEL_ALLOCATOR_GROUP_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Giving idle memory back to the runtime heap, on request or once a period.
 #ifndef OVEL_ALLOCATOR_RECYCLER_H
 #define OVEL_ALLOCATOR_RECYCLER_H

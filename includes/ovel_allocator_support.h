@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's memory: the one door to it for the library and for programs.
 #ifndef OVEL_ALLOCATOR_SUPPORT_H
 #define OVEL_ALLOCATOR_SUPPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A value of any type: the token of a Petri net.
 #ifndef OVEL_ANY_H
 #define OVEL_ANY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The check behind every invariant, every detected misuse and every kernel call
 // that must not fail.
 #ifndef OVEL_ASSURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The atomic words of the library. Every field that two threads may touch
 // without a common lock is one of these, so that an implementation of the kernel
 // services that explores interleavings sees every such access.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Barriers: threads wait for each other until a fixed number has arrived.
 #ifndef OVEL_BARRIER_H
 #define OVEL_BARRIER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A bounded first-in-first-out queue of tokens: the contents of a Petri net's place.
 #ifndef OVEL_CHANNEL_H
 #define OVEL_CHANNEL_H

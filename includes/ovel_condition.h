@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Waiting, with a mutex held, until another thread announces a change.
 #ifndef OVEL_CONDITION_H
 #define OVEL_CONDITION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The CRC-32 checksum, computed piece by piece.
 #ifndef OVEL_CRC32_H
 #define OVEL_CRC32_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every public header starts from: the export macro and the spacer that
 // keeps busy fields apart.
 #ifndef OVEL_FRAME_H

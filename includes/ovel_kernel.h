@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The few kernel services that inline members of the public headers call. The
 // library's sources use more of them: platform/kernel.h, which is also where
 // each is described in full.

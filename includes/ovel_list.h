@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A doubly linked list in the order of insertion.
 #ifndef OVEL_LIST_H
 #define OVEL_LIST_H

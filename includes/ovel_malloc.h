@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's memory in the shape of the C runtime's functions, for C and C++.
 //
 // The same memory as that of `allocator_support`, which may free it and the other

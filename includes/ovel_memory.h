@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's memory under containers, memory resources, and a whole program.
 //
 //     std::vector<int, container_allocator<int>> numbers;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mutual exclusion: plain and recursive, spinning and timed.
 #ifndef OVEL_MUTEX_H
 #define OVEL_MUTEX_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Initialisation that runs exactly once, however many threads race to it.
 #ifndef OVEL_ONCE_H
 #define OVEL_ONCE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Divide and conquer on the threads of a `work_group`: scopes of children that are waited
 // for together, functions that run side by side, loops and reductions.
 //

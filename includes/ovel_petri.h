@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Petri nets in modern C++: typed places, and transitions from lambdas.
 //
 //     net pipeline;

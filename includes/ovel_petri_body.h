@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a net of `ovel_petri.h` runs the bodies of its transitions. For that header only.
 //
 // `firing` is complete where a body runs, and not here: what uses it is a template.

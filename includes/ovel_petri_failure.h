@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a net of `ovel_petri.h` has failed with. For that header only.
 #ifndef OVEL_PETRI_FAILURE_H
 #define OVEL_PETRI_FAILURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Petri nets whose transitions fire concurrently.
 //
 //     struct doubler : petri_function {

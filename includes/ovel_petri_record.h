@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a net of `ovel_petri.h` keeps of its places and transitions, and how its tokens
 // carry values. For that header only.
 #ifndef OVEL_PETRI_RECORD_H

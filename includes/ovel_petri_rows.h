@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the engine of a Petri net reads of its structure. For `ovel_petri_net.h` only.
 //
 // The lists of arcs that a net is built with say the same, but each of their nodes and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counting semaphores, the primitive that every lock of the library is built on.
 #ifndef OVEL_SEMAPHORE_H
 #define OVEL_SEMAPHORE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A list that keeps itself sorted, with express lanes to insert and find fast.
 #ifndef OVEL_SKIP_LIST_H
 #define OVEL_SKIP_LIST_H

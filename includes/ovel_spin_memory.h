@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a synchronisation object remembers of the waits that spun on it. Clients do not use it.
 #ifndef OVEL_SPIN_MEMORY_H
 #define OVEL_SPIN_MEMORY_H

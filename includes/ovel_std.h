@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's locks, conditions and deadlines in the terms of the standard library.
 //
 //     lockable<timed_mutex> lock;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What `ovel_work.h` and `ovel_parallel.h` are made of: a crew of threads that run
 // queued work items and steal the children of scopes from each other. Programs use
 // those two headers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pooled threads: threads that are borrowed for a run and given back.
 #ifndef OVEL_THREAD_H
 #define OVEL_THREAD_H

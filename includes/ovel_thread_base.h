@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads of their own: created for a run and ended with it.
 #ifndef OVEL_THREAD_BASE_H
 #define OVEL_THREAD_BASE_H

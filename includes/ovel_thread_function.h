@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Work: what a thread of the library runs.
 #ifndef OVEL_THREAD_FUNCTION_H
 #define OVEL_THREAD_FUNCTION_H

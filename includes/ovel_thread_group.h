@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thread groups: a fixed set of threads that run queued work within a budget of
 // space.
 #ifndef OVEL_THREAD_GROUP_H

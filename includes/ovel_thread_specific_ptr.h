@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A pointer with a value of its own in each thread.
 #ifndef OVEL_THREAD_SPECIFIC_PTR_H
 #define OVEL_THREAD_SPECIFIC_PTR_H

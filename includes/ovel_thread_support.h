@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads and processors as the system has them, and the process-wide spin count.
 #ifndef OVEL_THREAD_SUPPORT_H
 #define OVEL_THREAD_SUPPORT_H

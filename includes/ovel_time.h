@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The clock: counts of time-stamp-counter ticks, and points in time made of them.
 #ifndef OVEL_TIME_H
 #define OVEL_TIME_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records what a program's threads do and when, for a trace viewer such as Perfetto
 // or Chrome's. Not part of `ovel.h`.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Three values that travel together.
 #ifndef OVEL_TRIPLE_H
 #define OVEL_TRIPLE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Work from any callable, its results as futures, and an allocator for any thread.
 //
 //     work_group group(4);

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel services: everything that the library asks of an operating system
 // or of the processor. The sources call these names and nothing else, so this
 // page lists all that a new platform has to provide.

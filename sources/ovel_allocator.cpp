@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small blocks: the rings of an allocator, the exchange of chunks with the global
 // allocator, and the way home of blocks that another thread frees. Who may touch
 // what, and the order of the locks, stands with the class.

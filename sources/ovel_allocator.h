@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The allocator of one thread: small blocks cut from chunks, one size class a
 // chunk. Internal: programs reach it through `allocator_support`.
 #ifndef OVEL_ALLOCATOR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The building of the allocator group, and the coming and going of threads.
 //
 // Slots of each thread tell what serves it. `_specific` is what the program sees and sets.

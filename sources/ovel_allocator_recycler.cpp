@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The recycler and its thread.
 
 #include "ovel_allocator_recycler.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The door to memory: small blocks of the calling thread's allocator, large ones
 // of the runtime heap.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The end of a process whose invariant is broken.
 
 #include "ovel_assure.h"

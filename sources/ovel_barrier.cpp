@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Barriers whose threads leave one by one, each handing on the baton.
 //
 // A phase gathers, with the entry open, until it is opened. Then it leaves, with the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conditions over three semaphores and two counters.
 //
 // A batch begins with a release that finds nobody released, and ends when the last

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counters that one thread at a time writes, and others read without a lock.
 #ifndef OVEL_COUNTER_H
 #define OVEL_COUNTER_H

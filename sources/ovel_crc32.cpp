@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CRC-32: by carry-less multiplication where the processor has it; otherwise, and for a
 // few bytes, by table.
 #include "ovel_crc32.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CRC-32 by carry-less multiplication, 16, 32 or 64 bytes at a time.
 //
 // The bits of a message are the coefficients of a polynomial over GF(2); the first bit

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Forks of the process. The thread that forks takes the library's locks before, so that
 // nothing they guard is half changed in the child, where that thread is the only one. What
 // threads work on without a lock, the rings of their allocators, may be half changed still.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Holds a lock for the length of a scope, whichever way the scope is left.
 #ifndef OVEL_GUARD_H
 #define OVEL_GUARD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Loading and unloading: the global objects of the library, in the order in which
 // they are built. Every step is here, because only within one file is the order
 // the one that is written.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Objects of the process that are built when the library is loaded and are no
 // members of a class of their own.
 #ifndef OVEL_LIBRARY_H

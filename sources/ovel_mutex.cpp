@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mutexes over semaphores of count 1.
 //
 // A recursive mutex's `_owner` is 0 exactly when its `_depth` is. Both are 0 exactly

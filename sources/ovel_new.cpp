@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's own allocation operators: every object that its sources create
 // with `new` comes from `allocator_support`. All replaceable forms are here, so
 // that none is taken from the program or the runtime. The compiler declares them

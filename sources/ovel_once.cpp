@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Once-only initialisation with a named kernel mutex. It needs no object of the library,
 // so it can build the first of them.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The threads of a group as a net sees them.
 #ifndef OVEL_PETRI_CREW_H
 #define OVEL_PETRI_CREW_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The elements of nets and a net's lists of them: what they hold and return. What checks,
 // what fires and what starts and stops is in `ovel_petri_net.cpp`.
 

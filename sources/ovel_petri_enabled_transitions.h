@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The enabled transitions of a net that wait to be dispatched.
 #ifndef OVEL_PETRI_ENABLED_TRANSITIONS_H
 #define OVEL_PETRI_ENABLED_TRANSITIONS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Petri nets: their construction, their mutex, the token interface, start and stop. The
 // engine that fires them is in `ovel_petri_engine.h`.
 //

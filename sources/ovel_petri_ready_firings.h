@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The firings of a group that no thread runs yet.
 #ifndef OVEL_PETRI_READY_FIRINGS_H
 #define OVEL_PETRI_READY_FIRINGS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Marks memory that no program may touch, in builds for AddressSanitizer: of a chunk
 // everything but the memory of blocks in use. In all other builds it does nothing.
 //

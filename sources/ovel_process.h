@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which process runs something that has threads. They do not exist in a fork of it.
 #ifndef OVEL_PROCESS_H
 #define OVEL_PROCESS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counting semaphores on top of the kernel's.
 
 #include "ovel_semaphore.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How threads spin before they sleep. Every polling loop of the library is made of this.
 #ifndef OVEL_SPIN_WAIT_H
 #define OVEL_SPIN_WAIT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The threads of a crew: queued work items, sleeping and waking.
 //
 // One thread at a time is the searching one: a worker that polls, or that was woken and

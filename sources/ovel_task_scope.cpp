@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scopes and seats: putting children in, stealing them, and waiting for them.
 
 #include "ovel_assure.h"

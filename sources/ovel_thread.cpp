@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Pooled threads.
 
 #include "ovel_thread.h"

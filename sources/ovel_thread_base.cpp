@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads of their own, the run loop of pooled threads, and the pool.
 
 #include "ovel_thread_base.h"

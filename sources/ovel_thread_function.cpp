@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Work objects, and the services about the threads that run them.
 
 #include "ovel_thread_function.h"

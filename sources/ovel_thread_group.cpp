@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thread groups and their workers.
 //
 // A worker holds `_mutex` while it looks for work, and gives it up while it runs work or

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The counter, the length of a tick, and the conversions between seconds, ticks and
 // milliseconds. `time::now` is in ovel_time_server.cpp, with the thread that keeps the
 // clock.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The time server.
 
 #include "ovel_time_server.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one thread whose processor's counter is the clock of the process.
 #ifndef OVEL_TIME_SERVER_H
 #define OVEL_TIME_SERVER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What all schedulers of queued work share: the choice of the next work item, and
 // how to take a mutex that many threads pass through.
 #ifndef OVEL_WORK_QUEUE_H

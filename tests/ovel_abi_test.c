@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* A C program that uses the four plain functions as it would those of its own
    runtime library. Exit status 0, or the number of the step that went wrong. */
 #include "ovel_malloc.h"

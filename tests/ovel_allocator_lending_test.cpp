@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads that do nothing to prepare for the library's memory. Which allocator serves a
 // thread shows in the chunk of a block that it allocates.
 

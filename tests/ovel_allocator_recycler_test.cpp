@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The recycler: what it gives back on request. Its thread has scenarios on the
 // simulated kernel.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_allocator_support.h"
 
 #include "ovel_allocator.h"

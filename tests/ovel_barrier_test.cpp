@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_barrier.h"
 
 #include "ovel_guard.h"

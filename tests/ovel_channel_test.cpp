@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_channel.h"
 #include "ovel_any.h"
 #include "ovel_test.h"

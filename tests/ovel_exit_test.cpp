@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The end of the process while its threads use the library.
 
 #include "ovel_traffic.h"

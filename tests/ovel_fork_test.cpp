@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Processes that a threaded process forks.
 
 #include "ovel_mutex.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel services on this platform: what the library's sources rely on. They
 // are not visible in the library, so this test is compiled together with them.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the fields of the classes lie: clients that were compiled against an earlier
 // header rely on it, and the busy fields on being a cache line apart.
 #include "ovel_allocator.h"

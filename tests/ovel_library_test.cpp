@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_allocator_recycler.h"
 #include "ovel_assure.h"
 #include "ovel_kernel.h"

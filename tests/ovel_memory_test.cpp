@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // This program replaces its allocation operators by those of ovel_memory.h, with
 // which all of GoogleTest then runs as well.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Opens a report of ovel-net in headless Chromium and uses its controls.
 
     ovel_net_page_test.py PROGRAM NET CHROMEDRIVER CHROMIUM

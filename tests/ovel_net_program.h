@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs ovel-net as its users do: in a directory of its own, by way of a shell.
 #ifndef OVEL_NET_PROGRAM_H
 #define OVEL_NET_PROGRAM_H

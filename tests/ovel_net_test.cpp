@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs ovel-net as its users do, on the project's nets and on nets written here.
 #include "ovel_net_program.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What ovel-net shows beside its report of a run, on the project's nets.
 #include "ovel_net_program.h"
 

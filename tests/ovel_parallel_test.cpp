@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scopes, invocations and loops: what is not left to their scenarios on the simulated kernel.
 
 #include "ovel_parallel.h"

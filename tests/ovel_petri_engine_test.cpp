@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The parts of the engine, each beside a model of standard containers that takes the same
 // thousands of random steps.
 #include "ovel_petri_crew.h"

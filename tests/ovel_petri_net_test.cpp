@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Petri nets: what is not left to their scenarios on the simulated kernel, which
 // see to the tokens, the clients and the stop under every interleaving.
 

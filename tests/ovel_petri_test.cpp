@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_petri.h"
 
 #include "ovel_std.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_skip_list.h"
 #include "ovel_list.h"
 #include "ovel_test.h"

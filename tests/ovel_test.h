@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What several suites share: threads, waiting for a state, and the message of a
 // failed check.
 #ifndef OVEL_TEST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thread groups: what is not left to their scenarios on the simulated kernel.
 
 #include "ovel_thread_group.h"

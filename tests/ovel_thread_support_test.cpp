@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_thread_support.h"
 
 #include "ovel_kernel.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads of their own, the pool, and pooled threads.
 
 #include "ovel_thread.h"

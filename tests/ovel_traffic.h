@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads that use all of the library at once, for tests of what happens beside them.
 #ifndef OVEL_TRAFFIC_H
 #define OVEL_TRAFFIC_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ovel-net: loads a Petri net from a PNML file, fires it concurrently and reports
 // where it came to rest.
 #include "ovel_net_check.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Invariants by elimination. It begins with a row for each place: its weight 1, and
 // the effect that each transition has on it. One transition after the other is
 // eliminated: rows on which it has no effect stay, and each row that it adds to is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a net's structure tells before it runs: place invariants, and the capacities that
 // they imply.
 #ifndef OVEL_NET_CHECK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a run that can't be done ends: one line on the error stream and a status.
 #ifndef OVEL_NET_FAILURE_H
 #define OVEL_NET_FAILURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A place/transition net as its file describes it, independent of how it is run.
 #ifndef OVEL_NET_MODEL_H
 #define OVEL_NET_MODEL_H

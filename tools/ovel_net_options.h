@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line.
 #ifndef OVEL_NET_OPTIONS_H
 #define OVEL_NET_OPTIONS_H

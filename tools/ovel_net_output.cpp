@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_net_output.h"
 #include "ovel_net_failure.h"
 #include "ovel_net_system.h"

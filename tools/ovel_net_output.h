@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files that the program writes: whole or not at all.
 #ifndef OVEL_NET_OUTPUT_H
 #define OVEL_NET_OUTPUT_H

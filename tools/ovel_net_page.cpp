@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The page carries what was recorded as numbers, and its script draws them. Runs may
 // have millions of firings, and a page of some megabytes is as much as a browser
 // likes: of many firings it gets sums over slices of the time, and of the tokens of

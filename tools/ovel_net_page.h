@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A run as a page for a browser.
 #ifndef OVEL_NET_PAGE_H
 #define OVEL_NET_PAGE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The reader walks the document twice: first over the nodes on all pages, which
 // may refer forward to each other, then over the arcs. Lines are counted only
 // for a message, from the offset that the XML parser keeps with each element.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads a net from PNML, the XML interchange format of Petri nets.
 #ifndef OVEL_NET_PNML_H
 #define OVEL_NET_PNML_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a run is told in: a report to read, JSON for programs, a drawing.
 #ifndef OVEL_NET_REPORT_H
 #define OVEL_NET_REPORT_H

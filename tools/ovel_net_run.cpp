@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Each token carries a serial number, its identity. A firing passes tokens from its input
 // places to its output places in the order of its arcs. If it puts more than it takes, it
 // makes new ones; if it takes more, the surplus ends. At the end the marking must follow

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a net on the library's Petri nets.
 #ifndef OVEL_NET_RUN_H
 #define OVEL_NET_RUN_H

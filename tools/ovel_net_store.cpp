@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_net_store.h"
 #include "ovel_durable_tool.h"
 #include "ovel_net_failure.h"

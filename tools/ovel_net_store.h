@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a net in a database, as one of the processes that do.
 #ifndef OVEL_NET_STORE_H
 #define OVEL_NET_STORE_H

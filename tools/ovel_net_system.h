@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the program asks of the system beyond the standard library.
 #ifndef OVEL_NET_SYSTEM_H
 #define OVEL_NET_SYSTEM_H

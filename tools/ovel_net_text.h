@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Numbers and names as every output of the program writes them.
 #ifndef OVEL_NET_TEXT_H
 #define OVEL_NET_TEXT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Petri nets that outlive their processes and span machines: each firing is a transaction
 // of a database. The marking is exactly-once: whatever is killed, and when, no token is
 // lost, duplicated or half moved. A body runs at least once: a firing whose member dies

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What durable nets of every kind of value stand on: a member of a net whose tokens
 // are byte strings. Programs use `ovel_durable.h`, which is typed.
 #ifndef OVEL_DURABLE_ENGINE_H

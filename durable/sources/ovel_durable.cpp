@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The way into a store by its URL, and what is told of the nets in it.
 #include "ovel_durable_store.h"
 

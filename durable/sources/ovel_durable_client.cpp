@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a net is to the program that holds it: calls of clients, and the life of a member.
 #include "ovel_durable_member.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A member of a net: its connections, and the thread that claims and commits.
 //
 // Threads. The server, one thread, talks to the store about firings. Bodies run on the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Nets in a database of PostgreSQL, in a schema of their own.
 #include "ovel_durable_postgresql_tables.h"
 #include "ovel_durable_sql.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tables in PostgreSQL, and the functions that make a transaction one round trip.
 //
 // Nothing here waits for a lock that another member holds for longer than a statement,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The server of a member: what it claims, commits and gives back, and when.
 #include "ovel_durable_member.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The part of a store that is the same SQL in every database.
 #ifndef OVEL_DURABLE_SQL_H
 #define OVEL_DURABLE_SQL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Nets in a file of SQLite, for the processes of one machine. It lets one transaction
 // write at a time, so a count of tokens and one of free slots for each place do.
 #include "ovel_durable_sql.h"

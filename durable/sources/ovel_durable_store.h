@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A connection to the database that holds a net, and what is asked of it. Each
 // operation is one transaction, or one query, of the database.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_durable_tool.h"
 #include "ovel_durable_engine.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What ovel-net asks of this library, which it loads at run time: both are of one version.
 #ifndef OVEL_DURABLE_TOOL_H
 #define OVEL_DURABLE_TOOL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What survives the death of members, of the server, and of connections.
 #include "ovel_durable_ledger.h"
 #include "ovel_durable_server.h"

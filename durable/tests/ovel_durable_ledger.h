@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A net with joins, cycles, optional results and little room, whose tokens can be counted:
 // each of the numbers it starts with is split into two halves, one goes through three drafts
 // with a clerk at hand, and any two halves are joined. In the end each half is there once,

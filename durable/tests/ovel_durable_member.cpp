@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A member for the tests to kill and to stop.
 //
 //     ovel_durable_member URL NET ledger POINT COUNT

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A store that another stands behind, and that its process dies in.
 #ifndef OVEL_DURABLE_MORTAL_STORE_H
 #define OVEL_DURABLE_MORTAL_STORE_H

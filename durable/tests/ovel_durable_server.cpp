@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "ovel_durable_server.h"
 
 #include <libpq-fe.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stores for tests: files of SQLite, and a server of PostgreSQL that the test starts, in a
 // folder and on a socket of its own, and stops.
 #ifndef OVEL_DURABLE_SERVER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Durable nets within one process, on either store.
 #include "ovel_durable.h"
 #include "ovel_durable_server.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ovel-net --store: real nets, run by one process and by three.
 #include "../../tests/ovel_net_program.h"
 #include "ovel_durable_server.h"

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Recipe for Conan 2, to be run where the sources are:
 
 conan create packaging/conan

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sleeping, and the rate of the time-stamp counter.
 
 #include "kernel.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fiber-local slots are keys of the C library, whose destructors are the callbacks: it calls
 // them with the value already null.
 

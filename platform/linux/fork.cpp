@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Forks. The child has a copy of the memory and one thread: what another thread held or
 // had half done stays so for ever. The library's handlers therefore take its locks, and
 // the layer its own inside them, so that nobody is in the middle of anything then.

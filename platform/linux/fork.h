@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the layer does when the process is forked.
 #ifndef OVEL_PLATFORM_LINUX_FORK_H
 #define OVEL_PLATFORM_LINUX_FORK_H

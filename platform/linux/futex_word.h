@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sleeping on a word, with deadlines on the monotonic clock, and waking the sleepers.
 #ifndef OVEL_PLATFORM_LINUX_FUTEX_WORD_H
 #define OVEL_PLATFORM_LINUX_FUTEX_WORD_H

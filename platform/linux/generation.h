@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How often the process was forked.
 #ifndef OVEL_LINUX_GENERATION_H
 #define OVEL_LINUX_GENERATION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Semaphores, named mutexes, and the services that take a handle of any kind.
 
 #include "linux/object.h"

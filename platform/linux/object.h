@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a handle points to.
 //
 // An object begins with its kind, so that a service can tell a handle of another

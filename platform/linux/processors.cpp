@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The layer keeps its own mask of the process, because the system has one only for each
 // thread. The first service that needs it reads it from the process's first thread, during
 // the load of the library. Later changes are those made here.

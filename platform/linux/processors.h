@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The processors of the process, and the masks that show them.
 #ifndef OVEL_PLATFORM_LINUX_PROCESSORS_H
 #define OVEL_PLATFORM_LINUX_PROCESSORS_H

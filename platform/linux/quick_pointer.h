@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The pointer of each thread that is read without a call.
 #ifndef OVEL_LINUX_QUICK_POINTER_H
 #define OVEL_LINUX_QUICK_POINTER_H

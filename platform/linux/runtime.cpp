@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Services of the C runtime on Windows: integers as text, the size of a block of the
 // heap, and regions.
 

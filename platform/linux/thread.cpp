@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads: their start, their end and their identity.
 
 #include "linux/thread.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The object behind a thread's handle.
 #ifndef OVEL_PLATFORM_LINUX_THREAD_H
 #define OVEL_PLATFORM_LINUX_THREAD_H

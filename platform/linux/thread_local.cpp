@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thread-local slots.
 //
 // An index is the slot's number below and its generation above: how often the slot

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every change is a compare-and-exchange, so there is one order of them. Taking a
 // unit acquires and posting one releases; changes in between are read-modify-write
 // operations, which continue a release sequence. Becoming a sleeper needs no order of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The core of semaphores and mutexes: a number of units, and the threads that sleep for
 // them.
 #ifndef OVEL_PLATFORM_LINUX_UNITS_H

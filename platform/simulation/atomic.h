@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's atomic words under the simulated kernel: the interface of std::atomic as
 // far as the library uses it, with a scheduling point before every access.
 //

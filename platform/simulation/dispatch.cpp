@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scheduler of the simulated kernel.
 //
 // A run. Every thread of the program is a fiber. One of them runs, on the one thread of

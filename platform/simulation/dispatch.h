@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets one thread after another make a step.
 #ifndef OVEL_SIMULATION_DISPATCH_H
 #define OVEL_SIMULATION_DISPATCH_H

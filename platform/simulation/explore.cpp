@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs the scenarios of a program under as many schedules as the time allows, or one
 // schedule again.
 

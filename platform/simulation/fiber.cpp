@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fibers for x86-64: a switch saves the registers that a called function must
 // preserve, and no system call is made. The unwinder never leaves a fiber: its
 // entry function catches everything, and above it lies a null return address.

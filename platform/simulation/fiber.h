@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stacks, and the switch from one to another.
 #ifndef OVEL_SIMULATION_FIBER_H
 #define OVEL_SIMULATION_FIBER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Random numbers for schedules.
 #ifndef OVEL_SIMULATION_GENERATOR_H
 #define OVEL_SIMULATION_GENERATOR_H

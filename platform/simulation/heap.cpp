@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An arena at a fixed address from which blocks are cut in order, so that a schedule
 // finds the same addresses in every run. A block lies between two guards. Fresh and freed
 // memory is filled with patterns. A map outside the arena, where the program cannot damage

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The runtime heap of the simulated process.
 #ifndef OVEL_SIMULATION_HEAP_H
 #define OVEL_SIMULATION_HEAP_H

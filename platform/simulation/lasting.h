@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Objects that exist before any constructor has run and after every destructor has: the
 // library's global objects are older than those of the program that contains the
 // simulated kernel, and their exit hooks run later.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated kernel's objects and the services on them.
 //
 // A semaphore's unit goes to the first thread that takes it: a post makes every sleeper

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calls that the compiler's instrumentation for the thread sanitizer makes before
 // plain accesses of memory. The library is compiled with the instrumentation and linked
 // without the sanitizer, so the calls come here.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plain accesses. Locks must keep what the library accesses without an atomic word to
 // one thread at a time. A missing lock would not show if no other thread could run
 // between two such accesses. So the library is compiled to announce them (plain.cpp),

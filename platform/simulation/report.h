@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a failed run tells: its last steps, and what each thread is doing.
 #ifndef OVEL_SIMULATION_REPORT_H
 #define OVEL_SIMULATION_REPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs. A run is a function of the program and its schedule. It begins with the
 // library's variables and the heap as the library's load left them (snapshot.h, heap.h)
 // and with a fresh world. Stacks and heap lie at fixed addresses, the clock is the number

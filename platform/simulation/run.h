@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a run is made and how it ends.
 #ifndef OVEL_SIMULATION_RUN_H
 #define OVEL_SIMULATION_RUN_H

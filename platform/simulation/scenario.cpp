@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a scenario calls while it runs, and what it has arranged for the services.
 
 #include "dispatch.h"

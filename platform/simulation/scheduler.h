@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the simulated kernel services need of the scheduler.
 #ifndef OVEL_SIMULATION_SCHEDULER_H
 #define OVEL_SIMULATION_SCHEDULER_H

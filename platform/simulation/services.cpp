@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated kernel services that are not about kernel objects.
 
 #include "heap.h"

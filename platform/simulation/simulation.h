@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated kernel as a test uses it. The test runs programs of threads, called
 // scenarios, under schedules that it names. Every run of one schedule is the same.
 #ifndef OVEL_SIMULATION_SIMULATION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library is a shared object of its own, so its variables are the writable segments
 // of that object. All symbols are bound at load (-z now): a later relocation would be
 // undone here.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The state of the library's global objects as its load left it.
 #ifndef OVEL_SIMULATION_SNAPSHOT_H
 #define OVEL_SIMULATION_SNAPSHOT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How a run chooses which thread makes the next step.
 #ifndef OVEL_SIMULATION_STRATEGIES_H
 #define OVEL_SIMULATION_STRATEGIES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walks through the schedules of a program, as a tree of choices that is searched depth
 // first, and how a schedule is written down.
 

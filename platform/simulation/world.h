@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The state of one run. Each run constructs its own, so nothing of an earlier one is
 // left in it.
 #ifndef OVEL_SIMULATION_WORLD_H

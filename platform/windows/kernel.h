@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The kernel services on 32-bit Windows: those of the system and of its C runtime.
 #ifndef OVEL_PLATFORM_WINDOWS_KERNEL_H
 #define OVEL_PLATFORM_WINDOWS_KERNEL_H

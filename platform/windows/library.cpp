@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The entry point of the DLL, and its slot that tells when a thread ends.
 
 #include "../kernel.h"  // not the one beside this

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Objects for the printers to print, in states that they stay in. Stops at `look`.
 #include "ovel.h"
 #include "ovel_petri.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program with operators of its own: those of a static library are not among them, and
 // what the library allocates for itself does not come to them.
 #include <ovel.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A correct program that uses every facility from several threads: neither
 // ThreadSanitizer nor AddressSanitizer has anything to report. To show that they see it
 // at all, it makes the mistake that its argument names: `race`, `freed` or `header`.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bodies that do not fit their transitions, each with the message that says so: it must
 // stand with the line that inserts the transition.
 #include <ovel_petri.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a scenario's process owes at its end.
 #ifndef OVEL_TESTS_SIMULATION_ACCOUNTS_H
 #define OVEL_TESTS_SIMULATION_ACCOUNTS_H

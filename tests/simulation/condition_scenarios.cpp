@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conditions and barriers, with releases and deadlines racing.
 
 #include "accounts.h"

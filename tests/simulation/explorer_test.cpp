@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated kernel itself: it finds faults planted in small programs, tells
 // what it found, and does the same again when asked to.
 

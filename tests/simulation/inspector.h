@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What scenarios look at inside the library's objects, for all of them: they are
 // one program.
 #ifndef OVEL_TESTS_SIMULATION_INSPECTOR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Locks: nobody is inside together, no wake-up is lost.
 
 #include "accounts.h"

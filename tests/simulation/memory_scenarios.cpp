@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The allocator: every block comes home, chunks are neither lost nor made twice.
 
 #include "accounts.h"

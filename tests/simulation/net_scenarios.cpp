@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Petri nets: tokens are neither lost nor made twice, reservations are exact, and
 // a net comes to rest only when nothing in it can go on.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scopes and the threads of a work group: every child runs once, a waiter runs nothing but
 // descendants, and nobody sleeps beside work that it could do.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Nets with typed places: a failure reaches every thread that is blocked and costs no token
 // but what the failing body took, and a token that could not be sent is still its sender's.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads, the pool and thread groups: work runs once, space is never exceeded,
 // and nothing is left waiting that could run.
 

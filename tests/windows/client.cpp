@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Loads the library as programs do that are not linked to it, and leaves it in the
 // way that its argument says: "return" from main, "exit", or "free", which unloads
 // the library before any of its threads was started. Tells, in their order, what

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Loading and unloading the DLL.
 
 #include "ovel_kernel.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a loaded library calls of others can be led elsewhere: it reaches each
 // function by way of a pointer in its table of imports.
 #ifndef OVEL_WINDOWS_IMPORTS_H

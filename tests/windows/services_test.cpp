@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The system's own services: what the library makes of them, and each check of one
 // of their results made to fail. Where no misuse leads to that, a call of the
 // library is led to a function here that has the real service refuse it. Checks

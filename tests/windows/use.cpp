@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Uses the library and leaves its threads, for a program that is not linked to it.
 
 #include "use.h"

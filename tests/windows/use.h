@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the client that loads the library learns from the code that uses it.
 #ifndef OVEL_WINDOWS_USE_H
 #define OVEL_WINDOWS_USE_H

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Printers for gdb, which loads them with an installed library. Elsewhere:
 `source ovel_gdb.py`.
 

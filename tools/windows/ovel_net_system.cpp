@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "../ovel_net_system.h"
 
 #include <fcntl.h>
