@@ -80,7 +80,10 @@ if(TARGET ovel-net)
     if(type STREQUAL "SHARED_LIBRARY" AND NOT WIN32)
         file(RELATIVE_PATH library_from_tool
             ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-        set_target_properties(ovel-net PROPERTIES INSTALL_RPATH $ORIGIN/${library_from_tool})
+        # The path of the build would go into what the linker signs.
+        set_target_properties(ovel-net PROPERTIES
+            BUILD_RPATH_USE_ORIGIN ON
+            INSTALL_RPATH $ORIGIN/${library_from_tool})
     endif()
     install(TARGETS ovel-net COMPONENT tools)
     if(OVEL_GZIP)
