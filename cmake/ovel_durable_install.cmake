@@ -1,7 +1,9 @@
 # What is installed of durable nets, in two components of their own: durable (the library)
 # and durable_development.
 if(type STREQUAL "SHARED_LIBRARY")
-    set_target_properties(ovel_durable PROPERTIES INSTALL_RPATH $ORIGIN)
+    set_target_properties(ovel_durable PROPERTIES
+        BUILD_RPATH_USE_ORIGIN ON  # as for ovel-net
+        INSTALL_RPATH $ORIGIN)
 endif()
 install(TARGETS ovel_durable EXPORT ovel_durable_targets
     LIBRARY COMPONENT durable NAMELINK_COMPONENT durable_development)
