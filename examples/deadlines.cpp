@@ -79,10 +79,7 @@ int main() {
     expect(!stop(net, 10ms), "the net was still at play after 10 ms");
     expect(ball.try_receive().value_or(0) > 0, "the ball is still there");
 
-    auto blocked = std::async(std::launch::async, [never] {
-        ovel::thread_allocator const own;
-        return never.receive();
-    });
+    auto blocked = std::async(std::launch::async, [never] { return never.receive(); });
     net.fail(std::make_exception_ptr(std::runtime_error("cancelled")));
     try {
         blocked.get();

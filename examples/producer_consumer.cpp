@@ -29,7 +29,6 @@ int main() {
     net.start();
     {
         std::jthread const producer([&] {
-            ovel::thread_allocator const own;  // a thread that the library did not start
             for (int order = 1; order <= orders; ++order) {
                 shelf.send(order);  // blocks while the shelf is full
                 ahead = std::max(ahead, ++produced - consumed);

@@ -11,12 +11,11 @@
 namespace ovel {
 
 // Memory in the shape of the C runtime's, but scalable: requests of up to 4096
-// bytes less a header of two pointers are served by the calling thread's own
+// bytes less a header of two pointers are served by the calling thread's
 // allocator, without a lock; larger ones go to the runtime heap.
 //
-// Any thread may call every member, and free what another allocated. Threads
-// without an allocator of their own share one, and must not allocate or free at
-// the same time: see `allocator_group`, which gives each thread its own. Calls
+// Any thread may call every member at any time, and free what another allocated:
+// `allocator_group` lends an allocator to each thread that has none. Calls
 // wait only for internal locks that are held briefly, and for the runtime heap. The
 // first call in the process builds the allocators: memory exhausted then fails the
 // check "("unexpected exception", 0)" also where null is promised.

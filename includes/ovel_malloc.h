@@ -2,9 +2,8 @@
 // The library's memory in the shape of the C runtime's functions, for C and C++.
 //
 // The same memory as that of `allocator_support`, which may free it and the other
-// way round, with the same alignment and the same rules: any thread may free what
-// another allocated, and threads without an allocator of their own must not
-// allocate or free at the same time. Calls wait for internal locks only. Memory
+// way round, with the same alignment and the same rules: any thread may call every
+// function, and free what another allocated. Calls wait for internal locks only. Memory
 // that did not come from here must not be passed, and goes undetected.
 #ifndef OVEL_MALLOC_H
 #define OVEL_MALLOC_H

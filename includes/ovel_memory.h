@@ -4,10 +4,9 @@
 //     std::vector<int, container_allocator<int>> numbers;
 //     std::pmr::list<int> queue(memory_resource::global());
 //
-// The rules of `allocator_support` hold: any thread may free what another allocated,
-// and a thread that the library did not start needs an allocator of its own, say by
-// the scope `thread_allocator` of `ovel_work.h`. It stands beside the library and
-// `ovel.h` does not include it, since it draws <memory_resource> in.
+// The rules of `allocator_support` hold: any thread may allocate, and free what another
+// allocated. It stands beside the library and `ovel.h` does not include it, since it draws
+// <memory_resource> in.
 #ifndef OVEL_MEMORY_H
 #define OVEL_MEMORY_H
 
@@ -223,9 +222,7 @@ inline void program_delete(void* memory, std::align_val_t alignment = std::align
 }  // namespace ovel
 
 // Written once in a program, outside all namespaces, replaces its `new` and `delete`:
-// their memory is the library's, and each thread gets an allocator of its own with its
-// first use of either and gives it back when it ends. A thread that uses the library
-// before that begins with a `thread_allocator`.
+// their memory is the library's, on every thread.
 //
 // On Windows the program links the standard library statically, or a part of its memory
 // would be of that library's own operators.

@@ -16,8 +16,8 @@
 // other thread takes, the caller runs itself. No thread is started, and no memory taken
 // that grows with the work: when 960 children wait on a thread, it runs the next at once.
 //
-// Any thread may call all this, with or without an allocator of its own; a thread that does
-// not belong to the group takes part for as long as its outermost scope or call lasts.
+// Any thread may call all this; one that does not belong to the group takes part for as
+// long as its outermost scope or call lasts.
 // Without a group the calling thread's `work_group::current()` is meant; if there is none,
 // the caller does all the work.
 //

@@ -29,14 +29,10 @@
 namespace ovel {
 
 // Gives the calling thread an allocator of its own for as long as the scope lasts,
-// unless it has one. For a thread that the library did not start: the first thing in
-// its function, so that the library's memory is used inside the scope only. To be
-// destroyed by the thread that built it. Throws std::bad_alloc.
-//
-//     std::jthread worker([&] {
-//         thread_allocator const own;
-//         ...
-//     });
+// unless it has one. No thread needs this: one without is lent an allocator until it
+// ends. The scope gives it back earlier, which suits a thread that uses the library's
+// memory once and then lives on. To be destroyed by the thread that built it. Throws
+// std::bad_alloc.
 class thread_allocator {
 public:
     thread_allocator() {

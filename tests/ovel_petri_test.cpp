@@ -154,7 +154,6 @@ TEST(petri_test, a_failing_body_reaches_joining_and_blocked_threads) {
     std::atomic<int> failures{0};
     {
         auto const callers = crew(4, [&](int member) {
-            ovel::thread_allocator const own;
             try {
                 if (member < 2)
                     done.receive();
@@ -196,10 +195,8 @@ TEST(petri_test, a_failed_net_keeps_its_tokens_and_its_first_failure_even_if_non
     full.send(fragile(1));
     full.send(fragile(2));
     {
-        auto const sender = crew(1, [&](int) {
-            ovel::thread_allocator const own;
-            EXPECT_THROW(full.send(fragile(3)), std::runtime_error);
-        });
+        auto const sender =
+            crew(1, [&](int) { EXPECT_THROW(full.send(fragile(3)), std::runtime_error); });
         until([&] { return ovel::detail::inspector::blocked(tested) == 1; });
         tested.start();
         for (int const job : {4, 5, 6})
