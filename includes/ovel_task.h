@@ -385,8 +385,8 @@ private:
     // Changed when an item is queued, for the thread that polls. Relaxed: it looks again
     // under the mutex.
     atomic<unsigned int> _news{0};
-    // How many levels the queue will next link an item on, for whoever prepares one
-    // without the mutex. Relaxed: the insertion allocates anew where more are needed.
+    // How many levels the queue will next link an item on, so that a caller can
+    // prepare one without the mutex. Relaxed: the insertion allocates anew where more are needed.
     atomic<unsigned int> _level{1};
     // Threads in the list of sleepers. Written under the mutex.
     atomic<unsigned int> _asleep{0};

@@ -4,12 +4,12 @@
 // One thread at a time is the searching one: a worker that polls, or that was woken and
 // has not found work yet. When it finds some it has the next worker woken if there is
 // more, so nobody else need be. While no worker searches and one sleeps, every seat is
-// `_wanted`: whoever puts a child in calls. A thread that is about to sleep makes the
+// `_wanted`: the next push into it calls. A thread that is about to sleep makes the
 // seats so, and then looks once more. So a child put in is either seen by that look, or
 // its owner calls.
 //
 // A waiter sleeps with the scope that it waits for. It is woken for a child that descends
-// from that, whoever searches, and when the last of its children ends.
+// from that, even while a worker searches, and when the last of its children ends.
 //
 // Lock order: `_mutex` and a seat's `_lock` are never held together.
 
@@ -233,7 +233,7 @@ task_seat& task_crew::enter(task_seat*& previous) {
         }
         if (seat == nullptr)
             seat = &_add_seat(false, me);
-        seat->_wanted.store(true);  // the first child is for whoever sleeps
+        seat->_wanted.store(true);  // a thread may sleep already
     }
     if (seat != previous)
         set_current_seat(seat);
@@ -444,7 +444,7 @@ task_seat* task_crew::_find_worker() {
     return nullptr;
 }
 
-// Has whoever puts a child in call.
+// Has the next push into each deque call.
 void task_crew::_arm() {
     for (task_seat* each = _seats.load(std::memory_order_acquire); each != nullptr;
          each = each->_next)
@@ -499,7 +499,7 @@ void task_crew::_call(task_seat& caller) {
             _remove_sleeper(*woken);
         else if (!_searching)
             woken = _find_worker();
-        // Whoever was woken searches on; others that could help are called by the next.
+        // A worker that was woken calls others itself. After a waiter, the next push does.
         caller._wanted.store(woken != nullptr && !_searching && _sleepers != nullptr);
     }
     if (woken != nullptr)
