@@ -2,9 +2,13 @@
 #include "ovel_allocator.h"
 
 #include "ovel_allocator_group.h"
+#include "ovel_allocator_invariants.h"
 #include "ovel_allocator_support.h"
 #include "ovel_test.h"
 
+#include <iterator>
+#include <random>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -16,6 +20,22 @@ struct ovel::detail::inspector {
     static constexpr auto size = &allocator::_size;
     static constexpr auto capacity = &allocator::_capacity;
     static constexpr auto pending_size = &allocator::_pending_size;
+
+    static allocator_fields fields(allocator& of) {
+        return {&of,
+                of._parent == nullptr,
+                of._full,
+                of._partial,
+                of._serving,
+                &of._empty,
+                of._remote,
+                std::size(of._remote),
+                of._pending,
+                of._size,
+                of._capacity,
+                of._minimum_capacity,
+                of._pending_size};
+    }
 };
 
 namespace {
@@ -58,6 +78,9 @@ public:
     // A field of the allocator.
     auto& operator[](auto field) const {
         return _own->*field;
+    }
+    allocator& own() const {
+        return *_own;
     }
     allocator_group& use() const {
         _group.specific_allocator(_own);
@@ -228,6 +251,61 @@ TEST(remote_free_test, a_deactivated_owner_gets_its_blocks_put_back_at_once) {
     freer.use().flush_allocator(false);
     EXPECT_EQ(owner[inspector::size], 0u);
     EXPECT_EQ(owner[inspector::pending_size], 0u);
+}
+
+// Seven actors take blocks, free those of each other, flush, sleep and wake in random
+// order. After every step the invariants of all allocators hold, and the blocks in use are
+// the live ones and those on their way home.
+TEST(allocator_test, a_random_walk_keeps_every_invariant) {
+    constexpr std::size_t actors = 7;  // more than an allocator has entries for other owners
+    constexpr std::size_t requests[] = {100, 500, 1000, 2000, 4080};
+    for (unsigned int seed = 1; seed != 9; ++seed) {
+        std::mt19937 random(seed);
+        auto const draw = [&](std::size_t below) {
+            return static_cast<std::size_t>(random() % below);
+        };
+        actor all[actors];
+        bool sleeps[actors] = {};
+        std::vector<void*> live;
+        std::size_t live_bytes = 0;
+        allocator& global = *allocator_group::global()->global_allocator();
+        for (unsigned int step = 0; step != 600; ++step) {
+            SCOPED_TRACE(testing::Message() << "seed " << seed << ", step " << step);
+            std::size_t const who = draw(actors);
+            allocator_group& group = all[who].use();
+            std::size_t const what = draw(100);
+            if (sleeps[who] || what == 0) {
+                if (std::exchange(sleeps[who], !sleeps[who]))
+                    group.activate_allocator();
+                else
+                    group.deactivate_allocator(draw(2) == 0);
+            } else if (what < 4) {
+                group.flush_allocator(what % 2 == 0);
+            } else if (what < (step / 100 % 2 == 0 ? 75u : 25u)) {
+                // Blocks of one class in a row, so that chunks fill up.
+                std::size_t const request = requests[draw(std::size(requests))];
+                for (std::size_t count = 1 + draw(30); count != 0; --count) {
+                    live.push_back(all[who].allocate(request));
+                    live_bytes += allocator_support::size(live.back()) + sizeof(block);
+                }
+            } else {
+                for (std::size_t count = draw(40); count != 0 && !live.empty(); --count) {
+                    std::swap(live[draw(live.size())], live.back());
+                    live_bytes -= allocator_support::size(live.back()) + sizeof(block);
+                    all[who].deallocate(live, 1);
+                }
+            }
+            allocator_totals sums;
+            for (actor const& each : all)
+                ASSERT_STREQ(broken_invariant(inspector::fields(each.own()), sums), nullptr);
+            ASSERT_EQ(sums.in_use, live_bytes + sums.on_way);
+            ASSERT_STREQ(broken_invariant(inspector::fields(global), sums), nullptr);
+        }
+        for (std::size_t who = 0; who != actors; ++who)
+            if (sleeps[who])
+                all[who].use().activate_allocator();
+        all[0].deallocate(live, live.size());
+    }
 }
 
 }  // namespace

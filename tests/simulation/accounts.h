@@ -62,7 +62,7 @@ public:
         allocator_group::global();
         if (timed)
             time::now();
-        detail::inspector::memory const all = detail::inspector::check_allocators();
+        detail::allocator_totals const all = detail::inspector::check_allocators();
         _bytes = all.in_use;
         _handles = open_handles() - all.allocators;
     }
@@ -73,7 +73,7 @@ public:
         detail::inspector::empty_pool();
         detail::inspector::reset_pool();
         allocator_group::global()->flush_allocator(false);
-        detail::inspector::memory const all = detail::inspector::check_allocators();
+        detail::allocator_totals const all = detail::inspector::check_allocators();
         assure(all.in_use == _bytes + all.on_way);
         assure(heap_blocks() == all.chunks + all.allocators + 1);
         assure(open_handles() == _handles + all.allocators);

@@ -4,6 +4,7 @@
 #ifndef OVEL_TESTS_SIMULATION_INSPECTOR_H
 #define OVEL_TESTS_SIMULATION_INSPECTOR_H
 
+#include "../ovel_allocator_invariants.h"
 #include "ovel_allocator.h"
 #include "ovel_allocator_group.h"
 #include "ovel_allocator_recycler.h"
@@ -15,9 +16,11 @@
 #include "ovel_petri_net.h"
 #include "ovel_thread.h"
 #include "ovel_thread_group.h"
+#include "simulation/simulation.h"
 
 #include <cmath>
 #include <cstddef>
+#include <iterator>
 #include <map>
 #include <memory>
 
@@ -38,20 +41,21 @@ struct ovel::detail::inspector {
                !gate._wait.try_acquire();
     }
 
-    struct memory {
-        std::size_t allocators = 0;
-        std::size_t chunks = 0;
-        std::size_t in_use = 0;   // bytes of blocks, headers included, ...
-        std::size_t on_way = 0;   // ... and of those that are freed and not yet home
-        std::size_t reserve = 0;  // capacity of the global allocator
-    };
-
     // Everything that must hold of all allocators while none is in use.
-    static memory check_allocators() {
-        memory all;
+    static allocator_totals check_allocators() {
+        allocator_totals all;
         for (allocator* each = allocator::_allocators; each != nullptr; each = each->_next)
             _check(*each, all);
         return all;
+    }
+
+    // The same of the calling thread's allocator, between two of the thread's operations.
+    // `_lock` keeps others from handing chains over meanwhile.
+    static void check_current_allocator() {
+        allocator& current = *current_allocator();
+        allocator_totals all;
+        guard const hold(current._lock);
+        _check(current, all);
     }
 
     static void stop_recycler() {
@@ -178,73 +182,25 @@ private:
         assure(crew._coming || crew._called == crew._threads || !ready.fits(crew._space));
     }
 
-    static void _check(allocator& each, memory& all) {
-        std::size_t size = 0, capacity = 0;
-        // Returns how many chunks of the ring hold no block in use.
-        auto const check_ring = [&](chunk& ring, std::size_t block_size, bool full) {
-            unsigned int spare = 0;
-            for (chunk* one = ring._next; one != &ring; one = one->_next) {
-                // The global allocator's chunks keep the layout they had.
-                assure(one->_allocator == &each);
-                assure(one->_next->_previous == one);
-                assure(block_size == 0 || one->_block_size == block_size);
-                std::size_t free_bytes = 0;
-                for (block* unused = one->_free; unused != nullptr; unused = unused->_next) {
-                    assure(unused->_chunk == one);
-                    free_bytes += one->_block_size;
-                }
-                assure(one->_size + free_bytes == one->_capacity && full == (free_bytes == 0));
-                spare += one->_size == 0;
-                ++all.chunks;
-                size += one->_size;
-                capacity += one->_capacity;
-            }
-            return spare;
-        };
-        for (std::size_t k = 0; k != classes; ++k) {
-            check_ring(each._full[k], block_sizes[k], true);
-            assure(check_ring(each._partial[k], block_sizes[k], false) <= 1);
-            // What serves the class is in its ring, or the ring itself if that is empty.
-            chunk const* serving = &each._partial[k];
-            do
-                serving = serving->_next;
-            while (serving != each._serving[k] && serving != &each._partial[k]);
-            assure(serving == each._serving[k]);
-            assure(serving != &each._partial[k] || !serving->has_chunk());
-        }
-        std::size_t const before = size;
-        check_ring(each._empty, 0, false);
-        assure(size == before);
-        assure(each._size == size);
-        assure(each._capacity == capacity);
-        assure(each._minimum_capacity <= capacity);
+    static allocator_fields _fields(allocator& each) {
+        return {&each,
+                each._parent == nullptr,
+                each._full,
+                each._partial,
+                each._serving,
+                &each._empty,
+                each._remote,
+                std::size(each._remote),
+                each._pending,
+                each._size,
+                each._capacity,
+                each._minimum_capacity,
+                each._pending_size};
+    }
 
-        std::size_t pending = 0;
-        for (block* one = each._pending; one != nullptr; one = one->_next) {
-            assure(one->_chunk->_allocator == &each);
-            pending += one->_chunk->_block_size;
-        }
-        assure(each._pending_size == pending);
-        std::size_t waiting = 0;
-        for (remote const& entry : each._remote) {
-            std::size_t bytes = 0;
-            block* last = nullptr;
-            for (block* one = entry.head; one != nullptr; one = one->_next) {
-                assure(one->_chunk->_allocator == entry.owner);
-                bytes += one->_chunk->_block_size;
-                last = one;
-            }
-            assure(entry.size == bytes && entry.tail == last);
-            assure((entry.owner == nullptr) == (last == nullptr));
-            waiting += bytes;
-        }
-        if (each._parent == nullptr) {
-            assure(size == 0);
-            all.reserve = capacity;
-        }
-        ++all.allocators;
-        all.in_use += size;
-        all.on_way += pending + waiting;
+    static void _check(allocator& each, allocator_totals& all) {
+        if (char const* const broken = broken_invariant(_fields(each), all))
+            simulation::fail("allocator: %s", broken);
     }
 };
 

@@ -89,6 +89,7 @@ void exchanges(unsigned int variant) {
                 YieldProcessor();
                 group->activate_allocator();
             }
+            inspector::check_current_allocator();
         }
     };
     unsigned int const thread_count = 2 + pick(2);
