@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What holds of an allocator between any two of its owner's operations.
 #ifndef OVEL_TESTS_ALLOCATOR_INVARIANTS_H
 #define OVEL_TESTS_ALLOCATOR_INVARIANTS_H

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a scenario's process owes at its end.
+// What must hold at the end of a scenario.
 #ifndef OVEL_TESTS_SIMULATION_ACCOUNTS_H
 #define OVEL_TESTS_SIMULATION_ACCOUNTS_H
 
@@ -67,8 +67,8 @@ public:
         _handles = open_handles() - all.allocators;
     }
 
-    // Once the pool's threads have ended nothing is in use any more but for blocks on
-    // their way, and the runtime heap holds what the allocators keep and nothing else.
+    // Once the pool's threads have ended, only blocks on their way home are in use, and the
+    // runtime heap holds only what the allocators keep.
     ~accounts() {
         detail::inspector::empty_pool();
         detail::inspector::reset_pool();

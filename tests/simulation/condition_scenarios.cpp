@@ -24,9 +24,9 @@ namespace {
 
 using detail::inspector;
 
-// Who may come back from a wait, told under the mutex. A release of all names every
-// thread that waits; a release of one allows one of those that wait then.
-// Sets of threads are masks.
+// Which threads may return from a wait, recorded under the mutex. A release of all names
+// every waiting thread; a release of one allows one of the threads that wait then. Sets of
+// threads are masks.
 struct permits {
     void wait(unsigned int thread) {
         forget(thread);
@@ -40,7 +40,7 @@ struct permits {
         allowed |= waits;
         ++ones;
     }
-    // `thread` came back from its wait because it was released.
+    // `thread` returned from its wait because it was released.
     void leave(unsigned int thread) {
         bool const by_name = (named >> thread & 1) != 0;
         assure(by_name || ((allowed >> thread & 1) != 0 && ones != 0));
@@ -60,9 +60,9 @@ struct permits {
     unsigned int waits = 0, named = 0, allowed = 0, ones = 0;
 };
 
-// Threads go to sleep, and each arrival is followed by one release, of one thread or
-// of all, with the mutex held or after it. So everybody wakes, and whoever wakes
-// was asleep when it was released.
+// Threads go to sleep, and each arrival is followed by one release, of one thread or of
+// all, with the mutex held or after it. So every thread wakes, and each was asleep when it
+// was released.
 template <class Condition, class Mutex>
 void wake_all_sleepers(unsigned int spin) {
     constexpr bool timed = std::is_same_v<Condition, timed_condition>;
@@ -171,7 +171,7 @@ void come_and_go(unsigned int spin) {
             });
         for (unsigned int early = pick(3); early != 0; --early)
             gate.release_all();
-        // Whoever is left at the end cannot be enough to go by themselves.
+        // The threads left at the end are too few to complete a phase.
         while (left != thread_count * rounds) {
             Sleep(1000);
             gate.release_all();
@@ -185,10 +185,10 @@ void openings(unsigned int variant) {
     variant < 3 ? come_and_go<barrier>(variant) : come_and_go<timed_barrier>(0);
 }
 
-// Pinned is what found a thread that slept for ever although its deadline had passed.
-// Three were released; the first, timed out, stopped being counted, and was left
-// before it took the unit posted for it. The others left, and with them the batch was
-// over, so a newcomer passed the gate and took that unit.
+// The pinned schedule once found a thread that slept forever although its deadline had
+// passed. Three threads were released. The first had timed out; it left the count and was
+// preempted before it took the unit posted for it. The others left, which ended the batch.
+// So a newcomer passed the gate and took that unit.
 registration const table[] = {
     registration({.name = "condition_wakes_whom_it_released",
                   .run = waits<condition>,

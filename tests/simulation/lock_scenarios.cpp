@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Locks: nobody is inside together, no wake-up is lost.
+// Locks: no two threads are inside together, and no wake-up is lost.
 
 #include "accounts.h"
 #include "ovel_assure.h"
@@ -23,7 +23,7 @@ constexpr bool is_timed = requires(Lock& lock, time const& deadline) {
     lock.timed_acquire(deadline);
 };
 
-// Takes the lock in one of the ways it offers; false when that way gave up.
+// Takes the lock by one of its operations; false when that gave up.
 template <class Lock>
 bool take(Lock& lock, unsigned int way, time const& deadline) {
     if (way == 1)
@@ -35,8 +35,8 @@ bool take(Lock& lock, unsigned int way, time const& deadline) {
     return true;
 }
 
-// Threads take one lock and look whether they are alone; whoever gave up has
-// changed nothing, so in the end it is free.
+// Threads take one lock and check that they are alone. A thread that gave up has changed
+// nothing, so at the end the lock is free.
 template <class Lock, int... units>
 void exclude_each_other(unsigned int spin) {
     open_books(is_timed<Lock>, spin);
@@ -127,7 +127,7 @@ void spins_less_in_vain(unsigned int) {
 unsigned int volatile flags[2];
 detail::atomic<unsigned int>* runs;
 
-// Two flags, one function inside the other: each runs once, and whoever comes back
+// Two flags, one function inside the other: each runs once, and a thread that returns
 // finds both done.
 void inner() {
     ++runs[1];
@@ -158,8 +158,8 @@ void once(unsigned int variant) {
     assure(open_handles() == handles);
 }
 
-// The first reading starts one server, whoever comes first; readings never go
-// back, not even from one thread to another.
+// The first reading, of whichever thread, starts one server. Readings never go back, not
+// even from one thread to another.
 void clock_readings(unsigned int variant) {
     set_processors(4, variant == 0 ? 15 : 12);
     set_default_spin(2);

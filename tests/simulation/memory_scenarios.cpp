@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The allocator: every block comes home, chunks are neither lost nor made twice.
+// The allocator: every block comes home, and no chunk is lost or duplicated.
 
 #include "accounts.h"
 #include "inspector.h"
@@ -27,8 +27,8 @@ namespace {
 
 using detail::inspector;
 
-// Memory that knows its address and size, so that a block handed out twice or
-// written by somebody else is found out when it is given back.
+// Memory that knows its address and size, so that freeing it detects a block that was
+// handed out twice or written by another owner.
 struct marked {
     marked* self;
     std::size_t size;
@@ -64,10 +64,10 @@ void give_back(std::vector<marked*> const& blocks) {
         give_back(one);
 }
 
-// Threads hand blocks to each other through a few places and free whatever they
-// find there, with their allocators switched off and on in between. Or they replace
-// the same blocks over and over, so that those of others which wait to go home are
-// at hand when their own have run out.
+// Threads pass blocks to each other through a few places and free the ones they find
+// there, with their allocators switched off and on in between. Or they replace the same
+// blocks again and again, so that blocks of others wait to go home when a thread has run
+// out of its own.
 void exchanges(unsigned int variant) {
     accounts const books(variant % 2);
     bool const replaces = variant / 2 == 1;
@@ -177,10 +177,9 @@ void recycler(unsigned int variant) {
     assure(reserve() <= first + 2 * 61440 && reserve() >= (1 << 20) - 5 * 61440);
 }
 
-// Left to itself, it returns once a period three tenths of what was idle all
-// through that, by whole chunks, down to the limit; the first time it only begins
-// to measure. A period is a second at least, and bounded. A second start changes
-// nothing.
+// Once a period, the recycler returns three tenths of the memory that was idle throughout,
+// in whole chunks, down to the limit. In the first period it only begins to measure. A
+// period is at least a second, and bounded. A second start changes nothing.
 void recycler_periods(unsigned int variant) {
     accounts const books(0, true);
     fill_reserve();
@@ -208,8 +207,8 @@ void recycler_periods(unsigned int variant) {
     assure(nanoseconds() - start <= 101'000'000);
 }
 
-// With memory refused at one point, or from one point on, what is asked for is
-// not there or comes, and nothing else changes.
+// With memory refused once, or from some request on, each allocation fails or succeeds,
+// and nothing else changes.
 void refusals(unsigned int variant) {
     accounts const books(0);
     detail::atomic<marked*> place = nullptr;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Petri nets: tokens are neither lost nor made twice, reservations are exact, and
-// a net comes to rest only when nothing in it can go on.
+// Petri nets: no token is lost or duplicated, reservations are exact, and a net comes to
+// rest only when no transition can fire.
 
 #include "accounts.h"
 #include "inspector.h"
@@ -26,8 +26,8 @@ namespace {
 
 using detail::inspector;
 
-// Where each token is. The thread that makes one enters it before any other can see it,
-// and the thread that takes it crosses it out.
+// Where each token is. A thread that makes one enters it before others can see it, and a
+// thread that takes one removes it.
 struct ledger {
     int enter(unsigned int place) {
         places.push_back(place);
@@ -258,9 +258,9 @@ void blocked_clients(unsigned int variant) {
     inspector::expect_at_rest(through.net, [](petri_transition*) { return false; });
 }
 
-// Two transitions whose firings need each other, and a third that takes a thread and
-// some of the space meanwhile: what fits waits only while all threads are busy. Its
-// last token comes while the net stops, and is fired before the stop, or stays.
+// Two transitions whose firings need each other, and a third that takes a thread and some
+// of the space meanwhile: a firing that fits waits only while all threads are busy. The
+// third one's last token comes while the net stops; it is fired before the stop or stays.
 void firings_that_meet(unsigned int variant) {
     accounts const books(variant % 2);
     bool const with_space = variant / 2 == 1;
@@ -300,8 +300,8 @@ void firings_that_meet(unsigned int variant) {
         net, [&](petri_transition* each) { return each == functions[2].transition(); });
 }
 
-// With memory refused while a line of places works, calls throw and can be tried
-// again, or the process ends with a message; no token goes astray or comes twice.
+// With memory refused while a line of places works, calls throw and can be repeated, or
+// the process ends with a message. No token is lost or duplicated.
 void net_refusals(unsigned int variant) {
     accounts const books(0);
     expect_failure("(\"unexpected exception\", 0)");
@@ -365,9 +365,9 @@ struct taker : petri_function {
     petri_place* from[2] = {};
 };
 
-// A token enables more transitions than are kept beside the queue, and there may be no
-// memory to queue the last, while one that waits for the net's first dispatch takes from
-// all but the last what else they need: the last fires when another token comes.
+// A token enables more transitions than fit beside the queue, and there may be no memory
+// to queue the last. Meanwhile a transition that waits for the net's first dispatch takes
+// the other tokens that all but the last need. The last fires when another token comes.
 void refusals_at_the_start(unsigned int) {
     accounts const books(0);
     expect_failure("(\"unexpected exception\", 0)");

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Threads, the pool and thread groups: work runs once, space is never exceeded,
-// and nothing is left waiting that could run.
+// Threads, the pool and thread groups: work runs once, space is never exceeded, and no
+// work waits that could run.
 
 #include "accounts.h"
 #include "inspector.h"
@@ -139,9 +139,9 @@ struct item : thread_function {
 };
 
 // Work is scheduled before the start or after it, by another thread and by work; all
-// of it runs, and the group can be started again. When nothing moves any more, either
-// every thread works or what waits does not fit: a wake-up lost between them would
-// leave both a thread and work for it.
+// of it runs, and the group can be started again. When nothing moves any more, either every
+// thread works or the waiting items do not fit: a lost wake-up would leave both an idle
+// thread and work for it.
 void group_runs_everything(unsigned int variant) {
     bool const timed = variant / 2 % 2 == 1;
     accounts const books(variant % 2, timed);
@@ -194,8 +194,8 @@ void group_runs_everything(unsigned int variant) {
     }
 }
 
-// A kernel that has no object left to give: wherever that strikes, the check that
-// tells so ends the process, and nothing else fails before.
+// A kernel without another object: wherever that happens, the check that reports it ends
+// the process, and nothing else fails before.
 void refused_objects(unsigned int variant) {
     set_default_spin(2);
     expect_failure("_semaphore != 0");
