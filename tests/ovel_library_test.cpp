@@ -47,8 +47,10 @@ TEST(assure_death_test, a_failed_check_prints_one_line_and_aborts) {
     // clang-format on
     EXPECT_DEATH(fail(), "\\(\\(1, 2\\) == INFINITE, tests/ovel_library_test\\.cpp, " +
                              std::to_string(line) + "\\)\n$");
-    EXPECT_CHECK(assure(("unexpected exception", 0)), "(\"unexpected exception\", 0)",
-                 "tests/ovel_library_test.cpp");
+    auto const fail_always = [] {
+        assure(("unexpected exception", 0));
+    };
+    EXPECT_CHECK(fail_always(), "(\"unexpected exception\", 0)", "tests/ovel_library_test.cpp");
 }
 
 // Built after the spin count, or in a file of its own, the pool has 1024 as well.

@@ -78,6 +78,16 @@ inline std::string failed_check(std::string_view expression, std::string_view fi
 }
 
 #define EXPECT_CHECK(statement, expression, file) \
-    EXPECT_DEATH(statement, failed_check(expression, file))
+    EXPECT_DEATH(static_cast<void>(statement), failed_check(expression, file))
+
+// Death tests run their statement in a process of its own from the start, not in a fork of
+// one whose other threads are gone.
+struct threadsafe_death_tests : testing::Environment {
+    void SetUp() override {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+    }
+};
+inline testing::Environment* const death_tests =
+    testing::AddGlobalTestEnvironment(new threadsafe_death_tests);
 
 #endif
