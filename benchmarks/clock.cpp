@@ -1,12 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
-// The group clock: what a reading costs.
+// The group clock: what a reading costs, and a wait that ends at its deadline.
 #include "ovel_benchmark.h"
+#include "ovel_condition.h"
+#include "ovel_mutex.h"
+#include "ovel_std.h"
 #include "ovel_time.h"
 
 #include <time.h>
 #include <x86intrin.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <string>
 
 namespace {
 
@@ -38,6 +44,31 @@ void read_by_two(std::string const& row, std::string const& name, Read const& re
     });
 }
 
+// The processor time of the process so far, in seconds.
+double processor_time() {
+    timespec now;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+// A wait of 1.49 ms that ends at its deadline, made by `timeout(lock)`, where another
+// owner holds the lock. The figure is the processor time that each takes, of all threads.
+template <class Lock, class Timeout>
+void time_out(std::string const& row, std::string const& name, Timeout const& timeout) {
+    ovel_benchmark::contestant(row, name, [timeout](benchmark::State& state) {
+        Lock lock;
+        lock.lock();
+        constexpr auto span = std::chrono::microseconds(1490);
+        static_cast<void>(timeout(lock, span));  // starts what it needs
+        double const start = processor_time();
+        for (auto _ : state)
+            if (timeout(lock, span))
+                state.SkipWithError("a wait that nobody ends came to an end");
+        state.counters["seconds"] =
+            (processor_time() - start) / static_cast<double>(state.iterations());
+    });
+}
+
 std::int64_t system_clock() {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
@@ -65,4 +96,30 @@ void ovel_benchmark::register_rows() {
     read_by_two("one_clock_two_threads", "ovel", [] { return ovel::time::now().value(); });
     read_by_two("one_clock_two_threads", "clock_gettime", system_clock);
     read_by_two("one_clock_two_threads", "std::steady_clock", steady_clock);
+
+    using ovel_mutex = ovel::lockable<ovel::timed_mutex>;
+    auto const try_lock = [](auto& lock, auto span) {
+        return lock.try_lock_for(span);
+    };
+    time_out<ovel_mutex>("timeout_of_a_mutex", "ovel", try_lock);
+    time_out<ovel_mutex>("timeout_of_a_mutex", "ovel, in ticks", [](auto& lock, auto span) {
+        return lock.timed_acquire(ovel::deadline(span));
+    });
+    time_out<std::timed_mutex>("timeout_of_a_mutex", "std::timed_mutex", try_lock);
+
+    auto const never = [] {
+        return false;
+    };
+    time_out<ovel_mutex>("timeout_of_a_condition", "ovel", [never](auto& lock, auto span) {
+        ovel::timed_condition changed;
+        return wait_for(changed, lock, span, never);
+    });
+    time_out<std::mutex>("timeout_of_a_condition", "std::condition_variable",
+                         [never](auto& lock, auto span) {
+                             std::condition_variable changed;
+                             std::unique_lock hold(lock, std::adopt_lock);
+                             bool const came = changed.wait_for(hold, span, never);
+                             hold.release();
+                             return came;
+                         });
 }

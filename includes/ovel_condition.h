@@ -133,18 +133,29 @@ public:
     // returns false. The caller holds `lock` again either way. The deadline is not
     // looked at while the thread waits for an earlier batch to leave.
     template <class Mutex>
-    bool timed_acquire(Mutex& lock, time const& deadline) {
-        typename Mutex::state held;
-        _acquire_gate();
-        lock.release(held, true);
-        bool const released = _wait.timed_acquire(deadline);
-        _release_gate(released);
-        lock.acquire(held, true);
-        return released;
+    [[nodiscard]] bool timed_acquire(Mutex& lock, time const& deadline) {
+        return _timed_acquire(lock, deadline);
+    }
+
+    // The same after at least so many milliseconds, 2147483647 at most. Reads no clock.
+    template <class Mutex>
+    [[nodiscard]] bool timed_acquire(Mutex& lock, unsigned int milliseconds) {
+        return _timed_acquire(lock, milliseconds);
     }
 
 private:
     friend struct detail::inspector;
+
+    template <class Mutex, class Limit>
+    bool _timed_acquire(Mutex& lock, Limit const& limit) {
+        typename Mutex::state held;
+        _acquire_gate();
+        lock.release(held, true);
+        bool const released = _wait.timed_acquire(limit);
+        _release_gate(released);
+        lock.acquire(held, true);
+        return released;
+    }
 
     // Leaves after a wake-up, or after a deadline that passed without one.
     void _release_gate(bool released);

@@ -30,7 +30,7 @@ public:
     void acquire() {
         _semaphore._acquire_single();
     }
-    bool try_acquire() {
+    [[nodiscard]] bool try_acquire() {
         return _semaphore.try_acquire();
     }
     void release() {
@@ -82,7 +82,7 @@ public:
         _enter();
     }
 
-    [[gnu::always_inline]] bool try_acquire() {
+    [[nodiscard, gnu::always_inline]] bool try_acquire() {
         unsigned long const me = GetCurrentThreadId();
         if (_owner.load(std::memory_order_relaxed) != me) {
             if (!_semaphore.try_acquire())
@@ -160,7 +160,11 @@ public:
     explicit timed_mutex(unsigned int spin);
 
     // Acquires the mutex unless `deadline` passes first; returns whether it did.
-    bool timed_acquire(time const& deadline);
+    [[nodiscard]] bool timed_acquire(time const& deadline);
+
+    // The same with a limit in milliseconds: waits at least so long, and 2147483647 at most.
+    // Reads no clock.
+    [[nodiscard]] bool timed_acquire(unsigned int milliseconds);
 };
 
 // A recursive lock that spins. It is free once its owner has released it as often as
@@ -181,7 +185,15 @@ public:
     explicit timed_recursive_mutex(unsigned int spin);
 
     // Acquires the mutex unless `deadline` passes first; returns whether it did.
-    bool timed_acquire(time const& deadline);
+    [[nodiscard]] bool timed_acquire(time const& deadline);
+
+    // The same with a limit in milliseconds: waits at least so long, and 2147483647 at most.
+    // Reads no clock.
+    [[nodiscard]] bool timed_acquire(unsigned int milliseconds);
+
+private:
+    template <class Limit>
+    bool _timed_acquire(Limit const& limit);
 };
 
 }  // namespace ovel

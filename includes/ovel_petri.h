@@ -365,6 +365,18 @@ private:
     petri_net _net;  // the last: its elements refer to the records
 };
 
+namespace detail {
+
+// Joins a net that comes to rest before `point`, whatever `deadline` accepts.
+template <class Point>
+bool join_until(petri_net& stopped, Point const& point) {
+    return attempt_until(point, [&stopped](unsigned int milliseconds) {
+        return stopped.timed_acquire(from_now(milliseconds / 1000.0L));
+    });
+}
+
+}  // namespace detail
+
 // Stops a net that may never rest: waits for that until `point`, whatever `deadline`
 // accepts, then lets no further firing begin and waits for those under way. Returns
 // whether the net came to rest by itself. Rethrows what it failed with; it is stopped
@@ -380,8 +392,7 @@ bool stop(net& stopped, Point const& point) {
 }
 template <class Point>
 bool stop(petri_net& stopped, Point const& point) {
-    if (detail::attempt_until(deadline(point),
-                              [&](time const& end) { return stopped.timed_acquire(end); }))
+    if (detail::join_until(stopped, point))
         return true;
     for (auto i = stopped.begin_transitions(); i != stopped.end_transitions(); ++i)
         stopped.deactivate(*i);
@@ -562,8 +573,7 @@ inline void net::join() {
 
 template <class Point>
 bool net::join_until(Point const& point) {
-    if (!detail::attempt_until(deadline(point),
-                               [this](time const& end) { return _net.timed_acquire(end); }))
+    if (!detail::join_until(_net, point))
         return false;
     _end();
     return true;

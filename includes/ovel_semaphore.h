@@ -51,7 +51,7 @@ public:
     void acquire();
 
     // Takes a unit if one is available; never blocks.
-    bool try_acquire();
+    [[nodiscard]] bool try_acquire();
 
     // Gives one unit back, which wakes a thread that waits for it. Never blocks.
     void release();
@@ -112,11 +112,14 @@ public:
     void acquire();
 
     // Takes a unit if one is available; never blocks.
-    bool try_acquire();
+    [[nodiscard]] bool try_acquire();
 
     // Takes a unit, or returns false once `deadline` has passed without one. Takes
     // an available unit even if the deadline has already passed.
-    bool timed_acquire(time const& deadline);
+    [[nodiscard]] bool timed_acquire(time const& deadline);
+
+    // The same after at least so many milliseconds, 2147483647 at most. Reads no clock.
+    [[nodiscard]] bool timed_acquire(unsigned int milliseconds);
 
     // Gives one unit back, which wakes a thread that waits for it. Never blocks.
     void release();

@@ -25,69 +25,111 @@
 
 #include <chrono>
 #include <cmath>
-#include <limits>
 #include <mutex>
+#include <ratio>
 
 namespace ovel {
 
 namespace detail {
-
-// `seconds` in ticks, rounded up; saturates.
-inline time ticks_above(long double seconds) {
-    auto const unit = static_cast<long double>(time_support::time_unit());
-    // Halfway between two counts, so that dividing by the unit again, in fewer
-    // digits, cannot end below the count that is meant.
-    long double const middle = std::ceil(seconds / unit) + 0.5L;
-    return time::seconds(static_cast<double>(middle * unit));
-}
-
-// The end of the range that a sum with a positive `span` would leave otherwise.
-inline time from_now(time const& span) {
-    time const now = time::now();
-    time const end = time::seconds(std::numeric_limits<double>::infinity());
-    return span < end - now ? now + span : end;
-}
 
 template <class Rep, class Period>
 long double seconds_of(std::chrono::duration<Rep, Period> const& span) {
     return std::chrono::duration<long double>(span).count();
 }
 
-// Repeats `attempt`, which is given `deadline`, until it succeeds, true, or the
-// deadline has passed, false. A wait of the library ends at the nearest millisecond,
-// which may be the one before, and after 2147483647 of them.
-template <class Attempt>
-bool attempt_until(time const& deadline, Attempt const& attempt) {
+// Milliseconds, rounded up, for one wait; 0 for what has passed and for a NaN.
+inline unsigned int whole_milliseconds(long double seconds) {
+    if (!(seconds > 0))
+        return 0;
+    if (seconds >= longest_wait / 1000)
+        return longest_wait;
+    return static_cast<unsigned int>(std::ceil(seconds * 1000));
+}
+
+// How long it is from now to a point on a clock, for one wait: 0 once that has passed.
+template <class Clock, class Duration>
+unsigned int milliseconds_until(std::chrono::time_point<Clock, Duration> const& point) {
+    auto const now = Clock::now();
+    // In floating point, since the difference of two points need not fit theirs. Only
+    // where they are close, and do fit, is its rounding not good enough.
+    long double const left =
+        seconds_of(point.time_since_epoch()) - seconds_of(now.time_since_epoch());
+    if (left > 1 || !(left > -1))
+        return whole_milliseconds(left);
+    if (point <= now)
+        return 0;
+    return static_cast<unsigned int>(
+        std::chrono::ceil<std::chrono::duration<unsigned int, std::milli>>(point - now).count());
+}
+inline unsigned int milliseconds_until(time const& point) {
+    time const now = time::now();
+    return point <= now ? 0 : whole_milliseconds((point - now).seconds());
+}
+
+// The point in time that `end`, whatever `deadline` accepts, means: the end of a span on
+// the steady clock, and a point itself.
+template <class Rep, class Period>
+std::chrono::steady_clock::time_point point_of(std::chrono::duration<Rep, Period> const& end) {
+    using clock = std::chrono::steady_clock;
+    clock::time_point const now = clock::now();
+    long double const span = seconds_of(end);
+    if (!(span > 0))
+        return now;
+    // A second less than that, since the comparison rounds.
+    if (span >= seconds_of(clock::time_point::max() - now) - 1)
+        return clock::time_point::max();
+    return now + std::chrono::ceil<clock::duration>(end);
+}
+template <class Point>
+Point const& point_of(Point const& end) {
+    return end;
+}
+
+// Repeats `attempt`, which is given the milliseconds to wait, until it succeeds, true, or
+// `end` has passed, false. One attempt lasts until then, but where that is longer than a
+// wait can be, or the clock of `end` runs slower than the kernel's. What has passed is
+// tried once.
+template <class End, class Attempt>
+bool attempt_until(End const& end, Attempt const& attempt) {
+    auto const& point = point_of(end);
+    unsigned int left = milliseconds_until(point);
     do {
-        if (attempt(deadline))
+        if (attempt(left))
             return true;
-    } while (time::now() < deadline);
+        if (left == 0)
+            return false;
+        left = milliseconds_until(point);
+    } while (left != 0);
     return false;
+}
+
+// A point that many seconds from now for the timed operations of the library, and in their
+// range. They end at the nearest millisecond: half of one more lets none of them end early.
+inline time from_now(long double seconds) {
+    if (seconds > 0)
+        seconds += 0.0005L;
+    return time::then(static_cast<double>(seconds));
 }
 
 }  // namespace detail
 
 // A deadline for every timed operation of the library: a duration counts from now,
 // a point in time from its own clock's present, whose later adjustments do not
-// count. Rounded up to whole ticks; what is out of range is the end of it. What has
-// passed is a deadline that has passed. Any thread may call them; they block as
-// `time::now` does.
+// count. It is half a millisecond after that: a timed operation that is given it at once
+// never ends before. The longest spans are for ever; what has passed is a deadline that
+// has passed. Any thread may call them; they block as `time::now` does.
 //
 //     if (!gate.timed_acquire(deadline(5ms)))
 //         give_up();
 template <class Rep, class Period>
 time deadline(std::chrono::duration<Rep, Period> const& span) {
-    return detail::from_now(detail::ticks_above(detail::seconds_of(span)));
+    return detail::from_now(detail::seconds_of(span));
 }
 template <class Clock, class Duration>
 time deadline(std::chrono::time_point<Clock, Duration> const& point) {
     // In floating point, since the difference of two points need not fit theirs.
-    // The rounding of both is less than what is added.
     long double const end = detail::seconds_of(point.time_since_epoch());
-    long double const now = detail::seconds_of(Clock::now().time_since_epoch());
-    long double const rounding =
-        (std::fabs(end) + std::fabs(now)) * std::numeric_limits<long double>::epsilon();
-    return detail::from_now(detail::ticks_above(end - now + rounding));
+    return detail::from_now(end - detail::seconds_of(Clock::now().time_since_epoch()));
 }
 inline time deadline(time const& point) {
     return point;
@@ -96,8 +138,8 @@ inline time deadline(time const& point) {
 namespace detail {
 
 template <class Mutex>
-concept has_deadline = requires(Mutex& lock, time const& end) {
-    lock.timed_acquire(end);
+concept has_deadline = requires(Mutex& lock) {
+    lock.timed_acquire(0u);
 };
 
 // The standard's verbs for the mutex that `Self`, which derives from this, refers to.
@@ -107,25 +149,25 @@ public:
     void lock() {
         _lock().acquire();
     }
-    bool try_lock() {
+    [[nodiscard]] bool try_lock() {
         return _lock().try_acquire();
     }
     void unlock() {
         _lock().release();
     }
 
-    // Give up, false, once `span` or `point`, whatever `deadline` accepts, has
-    // passed, and never earlier; but take a free mutex even then. The timed mutexes
-    // have them.
+    // Give up, false, once `span` has passed on std::chrono::steady_clock, or `point` on
+    // its own clock, and never earlier; but take a free mutex even then. Both accept
+    // whatever `deadline` does. The timed mutexes have them.
     template <class Span, has_deadline Timed = Mutex>
-    bool try_lock_for(Span const& span) {
-        return try_lock_until(deadline(span));
+    [[nodiscard]] bool try_lock_for(Span const& span) {
+        return try_lock_until(span);
     }
     template <class Point, has_deadline Timed = Mutex>
-    bool try_lock_until(Point const& point) {
+    [[nodiscard]] bool try_lock_until(Point const& point) {
         Timed& lock = _lock();
-        return attempt_until(deadline(point),
-                             [&lock](time const& end) { return lock.timed_acquire(end); });
+        return attempt_until(
+            point, [&lock](unsigned int milliseconds) { return lock.timed_acquire(milliseconds); });
     }
 
 private:
@@ -205,20 +247,26 @@ void wait(Condition& changed, Lock& lock, Predicate holds) {
         changed.acquire(detail::mutex_of(lock));
 }
 
-// The same with a deadline; return whether `holds()`. Never give up before the
-// deadline, whatever `deadline` accepts, has passed.
+// The same with a deadline, whatever `deadline` accepts; return whether `holds()`. Never
+// give up before a span has passed on std::chrono::steady_clock, or a point on its own
+// clock.
 template <class Lock, class Point, class Predicate>
-bool wait_until(timed_condition& changed, Lock& lock, Point const& point, Predicate holds) {
-    time const end = deadline(point);
-    while (!holds())
-        if (!changed.timed_acquire(detail::mutex_of(lock), end) && time::now() >= end)
+[[nodiscard]] bool wait_until(timed_condition& changed, Lock& lock, Point const& point,
+                              Predicate holds) {
+    auto const& end = detail::point_of(point);
+    while (!holds()) {
+        bool const waited = detail::attempt_until(end, [&](unsigned int milliseconds) {
+            return changed.timed_acquire(detail::mutex_of(lock), milliseconds);
+        });
+        if (!waited)
             return holds();
+    }
     return true;
 }
 template <class Lock, class Rep, class Period, class Predicate>
-bool wait_for(timed_condition& changed, Lock& lock, std::chrono::duration<Rep, Period> const& span,
-              Predicate holds) {
-    return wait_until(changed, lock, deadline(span), holds);
+[[nodiscard]] bool wait_for(timed_condition& changed, Lock& lock,
+                            std::chrono::duration<Rep, Period> const& span, Predicate holds) {
+    return wait_until(changed, lock, span, holds);
 }
 
 }  // namespace ovel

@@ -27,8 +27,11 @@ public:
 
 namespace detail {
 
-// Seconds in ticks, truncated toward zero; saturates at the ends of the range,
-// and a not-a-number is 0 ticks.
+// The most milliseconds of one wait.
+inline constexpr unsigned int longest_wait = 2147483647;
+
+// Seconds in ticks, truncated toward zero. What is out of range is half of the range,
+// so that a point that far from now is in range; a NaN is 0 ticks.
 OVEL_EXPORT std::int64_t ticks_of(double seconds);
 
 // What `time` and `time_base` have in common: a signed 64-bit count of ticks
@@ -66,8 +69,8 @@ public:
         return time_support::time_unit() * static_cast<double>(_count);
     }
 
-    // `seconds` as a number of ticks, truncated toward zero; saturates, and a
-    // not-a-number is 0.
+    // `seconds` as a number of ticks, truncated toward zero. What is out of range, as
+    // infinity is, becomes half of the range, centuries; a NaN is 0.
     static Time seconds(double seconds) {
         return Time(ticks_of(seconds));
     }
@@ -77,8 +80,8 @@ public:
         return _count;
     }
 
-    // The point in time `seconds` from now. The offset is computed before the
-    // clock is read.
+    // The point in time `seconds` from now. Infinity is never. The offset is computed
+    // before the clock is read.
     static Time then(double seconds) {
         Time const offset = Time::seconds(seconds);
         return Time::now() + offset;
@@ -106,6 +109,11 @@ private:
 // A point in time, or a span, on the one clock of the process: all readings come
 // from the counter of one processor and never go backwards from one thread to
 // another. Every deadline of the library is a `time`.
+//
+// A timed wait ends at the millisecond nearest to its deadline, to within 0.1 % of its
+// span, or later, and after 2147483647 milliseconds at the latest: the rate of the counter
+// is known in whole megahertz. Those of `ovel_std.h` never end before their deadline on the
+// caller's clock.
 //
 //     time const deadline = time::then(0.5);  // half a second from now
 class OVEL_EXPORT time : public detail::ticks<time> {

@@ -52,6 +52,10 @@ bool timed_mutex::timed_acquire(time const& deadline) {
     return _semaphore.timed_acquire(deadline);
 }
 
+bool timed_mutex::timed_acquire(unsigned int milliseconds) {
+    return _semaphore.timed_acquire(milliseconds);
+}
+
 recursive_mutex::recursive_mutex() : recursive_mutex(detail::current_spin()) {}
 
 recursive_mutex::recursive_mutex(unsigned int spin) : reentrant_mutex(spin) {}
@@ -60,15 +64,24 @@ timed_recursive_mutex::timed_recursive_mutex() : timed_recursive_mutex(detail::c
 
 timed_recursive_mutex::timed_recursive_mutex(unsigned int spin) : reentrant_mutex(spin) {}
 
-bool timed_recursive_mutex::timed_acquire(time const& deadline) {
+template <class Limit>
+bool timed_recursive_mutex::_timed_acquire(Limit const& limit) {
     unsigned long const me = GetCurrentThreadId();
     if (_owner.load(std::memory_order_relaxed) != me) {
-        if (!_semaphore.timed_acquire(deadline))
+        if (!_semaphore.timed_acquire(limit))
             return false;
         _owner.store(me, std::memory_order_relaxed);
     }
     _enter();
     return true;
+}
+
+bool timed_recursive_mutex::timed_acquire(time const& deadline) {
+    return _timed_acquire(deadline);
+}
+
+bool timed_recursive_mutex::timed_acquire(unsigned int milliseconds) {
+    return _timed_acquire(milliseconds);
 }
 
 }  // namespace ovel

@@ -96,6 +96,10 @@ bool timed_semaphore::timed_acquire(time const& deadline) {
     return _acquire_within(detail::milliseconds_between(time::now(), deadline));
 }
 
+bool timed_semaphore::timed_acquire(unsigned int milliseconds) {
+    return _acquire_within(std::min<DWORD>(milliseconds, detail::longest_wait));
+}
+
 bool timed_semaphore::_acquire_within(DWORD milliseconds) {
     DWORD const result = WaitForSingleObject(_semaphore, milliseconds);
     if (result == WAIT_TIMEOUT)

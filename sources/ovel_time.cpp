@@ -34,16 +34,16 @@ void find_unit() {
     unit = 1.0 / frequency;
 }
 
-// `value` as an integer of a narrower range, which it is brought into first;
-// a not-a-number becomes 0.
+// `value` as an integer of a narrower range. What is out of that becomes `most` or
+// -`most`; a NaN becomes 0.
 template <class Integer>
-Integer saturate(double value) {
+Integer narrow(double value, Integer most) {
     // The largest integer need not be a double; the power of two above it is.
     constexpr double limit = -2.0 * (std::numeric_limits<Integer>::min() / 2);
     if (value >= limit)
-        return std::numeric_limits<Integer>::max();
+        return most;
     if (value < -limit)
-        return std::numeric_limits<Integer>::min();
+        return -most;
     return value == value ? static_cast<Integer>(value) : 0;
 }
 
@@ -64,7 +64,8 @@ time_base time_base::now() {
 }
 
 std::int64_t detail::ticks_of(double seconds) {
-    return saturate<std::int64_t>(seconds / time_support::time_unit());
+    constexpr std::int64_t half = std::numeric_limits<std::int64_t>::max() / 2 + 1;
+    return narrow(seconds / time_support::time_unit(), half);
 }
 
 unsigned int detail::milliseconds_between(time const& now, time const& deadline) {
@@ -72,7 +73,8 @@ unsigned int detail::milliseconds_between(time const& now, time const& deadline)
     if (deadline <= now)
         return 0;
     double const left = (deadline - now).seconds();
-    return static_cast<unsigned int>(saturate<int>(std::nearbyint(left * 1000.0)));
+    return static_cast<unsigned int>(
+        narrow(std::nearbyint(left * 1000.0), static_cast<int>(longest_wait)));
 }
 
 }  // namespace ovel

@@ -7,10 +7,10 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
-#include <limits>
+#include <cmath>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 
 namespace {
 
@@ -40,28 +40,44 @@ concept has_deadlines = requires(Lock& lock) {
 static_assert(has_deadlines<lockable<ovel::timed_recursive_mutex&>>);
 static_assert(!has_deadlines<lockable<ovel::mutex>>);
 
-TEST(deadline_test, durations_out_of_range_saturate) {
-    time const last = time::seconds(std::numeric_limits<double>::infinity());
-    EXPECT_EQ(deadline(std::chrono::hours::max()), last);
-    EXPECT_EQ(deadline(std::chrono::steady_clock::time_point::max()), time() + last);
-    EXPECT_EQ(
-        deadline(std::chrono::time_point<std::chrono::system_clock, std::chrono::hours>::max()),
-        last);
+template <class Duration>
+using system_point = std::chrono::time_point<std::chrono::system_clock, Duration>;
+
+TEST(deadline_test, the_longest_durations_last_for_ever_and_the_shortest_have_passed) {
+    time const centuries = time::then(1e9);
+    EXPECT_GT(deadline(std::chrono::hours::max()), centuries);
+    EXPECT_GT(deadline(std::chrono::duration<double>(INFINITY)), centuries);
+    EXPECT_GT(deadline(std::chrono::steady_clock::time_point::max()), centuries);
+    EXPECT_GT(deadline(system_point<std::chrono::hours>::max()), centuries);
     EXPECT_LT(deadline(std::chrono::hours::min()), time::now());
     EXPECT_LT(deadline(std::chrono::system_clock::time_point::min()), time::now());
     EXPECT_EQ(deadline(time::seconds(3)), time::seconds(3));
 }
 
-// The least that is more than nothing is one tick.
-TEST(deadline_test, spans_are_rounded_up_to_ticks) {
-    double const unit = ovel::time_support::time_unit();
-    auto const ticks = [unit](double count) {
-        return ovel::detail::ticks_above(static_cast<long double>(count) * unit).value();
+// For a wait that a thread ends before its time: a deadline that had passed would not wait.
+TEST(deadline_test, a_wait_for_ever_lasts_until_it_is_ended) {
+    ovel::timed_condition changed;
+    lockable<ovel::timed_mutex> lock;
+    int turn = 0;
+    auto const waits = [&](auto end) {
+        std::unique_lock hold(lock);
+        auto const threads = crew(1, [&](int) {
+            std::lock_guard const other(lock);
+            ++turn;
+            changed.release_all();
+        });
+        bool const came = wait_until(changed, hold, end, [&] { return turn == 1; });
+        turn = 0;
+        hold.unlock();
+        return came;
     };
-    EXPECT_EQ(ticks(0), 0);
-    EXPECT_EQ(ticks(1e-9), 1);
-    EXPECT_EQ(ticks(1.5), 2);
-    EXPECT_EQ(ticks(1e9 + 0.25), 1'000'000'001);
+    EXPECT_TRUE(waits(std::chrono::hours::max()));
+    EXPECT_TRUE(waits(std::chrono::duration<double>(INFINITY)));
+    EXPECT_TRUE(waits(std::chrono::steady_clock::time_point::max()));
+    EXPECT_TRUE(waits(system_point<std::chrono::hours>::max()));
+    EXPECT_TRUE(waits(time::then(INFINITY)));
+    EXPECT_FALSE(lock.try_lock_for(0s) &&
+                 lock.try_lock_until(system_point<std::chrono::hours>::min()));
 }
 
 // The turn goes round between waits through each kind of lock that a wait accepts.
@@ -90,30 +106,43 @@ TEST(wait_test, a_predicate_decides_whatever_the_lock_is) {
     });
 }
 
-// A wait of the library ends at the nearest millisecond: a third of one is over
-// before it begins. The system's clocks may run a little faster than ours.
+// Each on the clock that its caller reads, and with no tolerance.
 TEST(wait_test, nothing_gives_up_before_its_deadline) {
+    using steady = std::chrono::steady_clock;
+    using system = std::chrono::system_clock;
     lockable<ovel::timed_mutex> lock;
+    lockable<ovel::timed_recursive_mutex> other;
+    ovel::timed_semaphore none(0, 0);
     ovel::timed_condition changed;
     std::unique_lock hold(lock);
-    std::function<bool(std::chrono::microseconds)> const attempts[] = {
-        [&](auto span) { return lock.try_lock_for(span); },
-        [&](auto span) { return lock.try_lock_until(std::chrono::system_clock::now() + span); },
-        [&](auto span) { return wait_for(changed, hold, span, [] { return false; }); },
+    auto const never = [] {
+        return false;
     };
-    for (auto const& attempt : attempts)
-        for (auto const span : {300us, 1300us, 2450us}) {
-            auto const begin = std::chrono::steady_clock::now();
-            EXPECT_FALSE(attempt(span));
-            EXPECT_GE(std::chrono::steady_clock::now() - begin, span * 0.99);
-        }
+    auto const keeps = [&](auto now, auto span, auto const& attempt) {
+        auto const point = now() + span;
+        EXPECT_FALSE(attempt(point));
+        EXPECT_GE(now(), point);
+    };
+    std::jthread([&] { other.lock(); }).join();
+    for (auto const span : {1us, 300us, 499us, 1300us, 1490us, 2450us, 20'700us}) {
+        keeps(steady::now, span, [&](auto) { return lock.try_lock_for(span); });
+        keeps(steady::now, span, [&](auto point) { return other.try_lock_until(point); });
+        keeps(system::now, span, [&](auto point) { return lock.try_lock_until(point); });
+        keeps(steady::now, span, [&](auto) { return wait_for(changed, hold, span, never); });
+        keeps(system::now, span, [&](auto end) { return wait_until(changed, hold, end, never); });
+        keeps(steady::now, span, [&](auto) { return none.timed_acquire(deadline(span)); });
+        keeps(steady::now, span, [&](auto end) { return none.timed_acquire(deadline(end)); });
+        auto const ticks = time::seconds(std::chrono::duration<double>(span).count());
+        keeps(time::now, ticks, [&](auto end) { return lock.try_lock_until(end); });
+    }
     EXPECT_FALSE(lock.try_lock_for(-1h) || lock.try_lock_until(time()));
 
     // What comes true without anybody being told counts when the deadline passes.
     int looks = 0;
     EXPECT_TRUE(wait_until(changed, hold, std::chrono::system_clock::now() + 1ms,
                            [&] { return ++looks == 2; }));
-    EXPECT_THROW(wait_for(changed, hold, 1h, []() -> bool { throw std::runtime_error(""); }),
+    EXPECT_THROW(static_cast<void>(
+                     wait_for(changed, hold, 1h, []() -> bool { throw std::runtime_error(""); })),
                  std::runtime_error);
     EXPECT_FALSE(lock.try_lock());
 }

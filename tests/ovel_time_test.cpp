@@ -51,8 +51,9 @@ TYPED_TEST(time_test, arithmetic_wraps_and_comparison_is_signed) {
     }
 }
 
-TYPED_TEST(time_test, seconds_become_ticks_toward_zero_and_saturate) {
+TYPED_TEST(time_test, seconds_become_ticks_toward_zero_and_saturate_at_half_of_the_range) {
     double const unit = time_support::time_unit();
+    constexpr std::int64_t half = most / 2 + 1;
     struct {
         double seconds;
         std::int64_t ticks;
@@ -61,16 +62,25 @@ TYPED_TEST(time_test, seconds_become_ticks_toward_zero_and_saturate) {
         {-0.9 * unit, 0},
         {1.6 * unit, 1},
         {-1.6 * unit, -1},
-        {1e300, most},
-        {-1e300, least},
-        {this->of(most).seconds(), most},  // a double rounds the count up
+        {1e300, half},
+        {-INFINITY, -half},
+        {this->of(most).seconds(), half},  // a double rounds the count up
+        {this->of(3 * (half / 2)).seconds(), 3 * (half / 2)},
         {NAN, 0},
     };
     for (auto const& each : cases)
         EXPECT_EQ(TypeParam::seconds(each.seconds).value(), each.ticks) << each.seconds;
-    EXPECT_LT(TypeParam::seconds(0.75 * this->of(most).seconds()).value(), most);
     EXPECT_NEAR(TypeParam::seconds(1.0).seconds(), 1.0, unit);
     EXPECT_NEAR(TypeParam::seconds(-0.5).seconds(), -0.5, unit);
+}
+
+// Centuries ahead of a clock that starts with the machine; a sum that wrapped would lie in
+// the past.
+TYPED_TEST(time_test, the_longest_spans_end_in_the_future) {
+    for (double const span : {1e10, 1e300, double(INFINITY)}) {
+        EXPECT_GT(TypeParam::then(span) - TypeParam::now(), TypeParam::seconds(1e9)) << span;
+        EXPECT_LT(TypeParam::then(-span), TypeParam::now()) << span;
+    }
 }
 
 // A rate mistaken by a factor, or turned upside down. What lies between two readings
