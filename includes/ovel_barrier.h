@@ -79,8 +79,8 @@ public:
     // Arrives, and blocks until the phase leaves or `deadline` has passed; true
     // when the phase was completed by then. `last` is left as it is when the
     // deadline passes before the thread has come in.
-    bool timed_acquire(time const& deadline);
-    bool timed_acquire(bool& last, time const& deadline);
+    [[nodiscard]] bool timed_acquire(time const& deadline);
+    [[nodiscard]] bool timed_acquire(bool& last, time const& deadline);
 
     // Lets the threads go that have arrived. Blocks while an earlier phase leaves.
     void release_all();

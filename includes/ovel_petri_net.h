@@ -600,17 +600,17 @@ public:
 
     // Copies the oldest token; after an exception `token` is empty.
     void peek(petri_place* place, any& token);
-    bool try_peek(petri_place* place, any& token);
+    [[nodiscard]] bool try_peek(petri_place* place, any& token);
 
     // Takes the oldest token. After an exception, which comes from queueing a
     // transition that is enabled now, the token is taken all the same.
     void receive(petri_place* place, any& token);
-    bool try_receive(petri_place* place, any& token);
+    [[nodiscard]] bool try_receive(petri_place* place, any& token);
 
     // Puts a copy of `token`. After an exception from copying it nothing is put;
     // after one from queueing a transition the token is.
     void send(petri_place* place, any const& token);
-    bool try_send(petri_place* place, any const& token);
+    [[nodiscard]] bool try_send(petri_place* place, any const& token);
 
     // Starts the net. One that is not stopped fails the check of the destructor, a
     // transition without arcs the check "(*i)->input_size() != 0 ||
@@ -625,10 +625,10 @@ public:
 
     // Begins the stop, and completes it if the net is at rest and its threads have
     // ended; returns whether it has.
-    bool try_acquire();
+    [[nodiscard]] bool try_acquire();
 
     // The same, waiting until `deadline`.
-    bool timed_acquire(time const& deadline);
+    [[nodiscard]] bool timed_acquire(time const& deadline);
 
 private:
     friend class net;

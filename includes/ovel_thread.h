@@ -143,11 +143,11 @@ public:
     void acquire();
 
     // Joins the run if it has ended, and returns whether it had.
-    bool try_acquire();
+    [[nodiscard]] bool try_acquire();
 
     // Joins the run once it has ended, unless `deadline` passes before; returns
     // whether it did.
-    bool timed_acquire(time const& deadline);
+    [[nodiscard]] bool timed_acquire(time const& deadline);
 
     // In bytes.
     unsigned int stack_size() const;

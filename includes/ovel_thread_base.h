@@ -52,11 +52,11 @@ public:
 
     // Joins the run if it has ended, and returns whether it had. No run fails the
     // check "_thread != 0", here and below.
-    bool try_acquire();
+    [[nodiscard]] bool try_acquire();
 
     // Joins the run once it has ended, unless `deadline` passes before; returns
     // whether it did.
-    bool timed_acquire(time const& deadline);
+    [[nodiscard]] bool timed_acquire(time const& deadline);
 
     // In bytes.
     unsigned int stack_size() const;
@@ -101,8 +101,8 @@ public:
 
     // Wait for one run to complete.
     void acquire();
-    bool try_acquire();
-    bool timed_acquire(time const& deadline);
+    [[nodiscard]] bool try_acquire();
+    [[nodiscard]] bool timed_acquire(time const& deadline);
 
     // The loop, on the pooled thread.
     void operator()() override;

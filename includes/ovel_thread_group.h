@@ -162,10 +162,10 @@ public:
 
     // Joins the threads that have ended, and returns whether all have been joined.
     // After false, any of the three goes on where this one stopped.
-    bool try_acquire();
+    [[nodiscard]] bool try_acquire();
 
     // The same, waiting for each thread until `deadline`.
-    bool timed_acquire(time const& deadline);
+    [[nodiscard]] bool timed_acquire(time const& deadline);
 
 private:
     friend class petri_net;

@@ -218,7 +218,7 @@ public:
 
     // The same, unless `point`, whatever `deadline` accepts, passes before: then false.
     template <class Point>
-    bool wait_until(Point const& point) {
+    [[nodiscard]] bool wait_until(Point const& point) {
         assure(!_runs_caller());
         if (!_crew.timed_wait(deadline(point), false))
             return false;
@@ -236,7 +236,7 @@ public:
     // The same, unless `point`, whatever `deadline` accepts, passes before: then
     // returns false, and the group goes on.
     template <class Point>
-    bool join_until(Point const& point) {
+    [[nodiscard]] bool join_until(Point const& point) {
         assure(!_runs_caller());
         if (!_crew.timed_wait(deadline(point), true))
             return false;
