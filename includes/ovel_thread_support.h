@@ -72,6 +72,16 @@ inline unsigned int current_spin() {
 // 0 when it has passed, and 2147483647 at most.
 unsigned int milliseconds_between(time const& now, time const& deadline);
 
+// How often `thread_affinity` has restricted a thread.
+extern atomic<unsigned int> restrictions;
+
+// Lets the calling thread use all processors of the process again.
+void use_all_processors();
+
+// Keeps the calling thread on `processor`, a mask, if the process may use that, otherwise
+// on the lowest that it may use. Returns which.
+unsigned int stay_on(unsigned int processor);
+
 }  // namespace detail
 
 }  // namespace ovel

@@ -138,12 +138,16 @@ void thread_function_base::operator()() {
         if (_terminate.load(std::memory_order_relaxed))
             break;
         group->activate_allocator();
+        unsigned int const before = restrictions.load(std::memory_order_relaxed);
         try {
             (*_function)();
         } catch (...) {
             assure(("unexpected exception", 0));
         }
         assure(process == this_process());
+        // A system call only if this run, or another meanwhile, restricted a thread.
+        if (restrictions.load(std::memory_order_relaxed) != before)
+            use_all_processors();
         group->deactivate_allocator(false);
         _finish.release();
     }

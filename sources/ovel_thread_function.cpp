@@ -6,6 +6,7 @@
 #include "kernel.h"
 #include "ovel_assure.h"
 #include "ovel_thread_support.h"
+#include "ovel_time_server.h"
 
 #include <bit>
 
@@ -25,7 +26,33 @@ masks affinity_masks() {
     return {static_cast<unsigned int>(pm & sm), static_cast<unsigned int>(sm)};
 }
 
+// Restricts the calling thread to what `choose` takes of the process's processors, which
+// may change meanwhile. Returns it.
+template <class Choose>
+unsigned int restrict_thread(Choose const& choose) {
+    for (;;) {
+        unsigned int const process = affinity_masks().process;
+        unsigned int const chosen = choose(process);
+        if (SetThreadAffinityMask(GetCurrentThread(), chosen) != 0)
+            return chosen;
+        assure(affinity_masks().process != process);
+    }
+}
+
 }  // namespace
+
+// Relaxed: a thread that restricts itself sees what it has counted.
+constinit detail::atomic<unsigned int> detail::restrictions{0};
+
+void detail::use_all_processors() {
+    restrict_thread([](unsigned int process) { return process; });
+}
+
+unsigned int detail::stay_on(unsigned int processor) {
+    return restrict_thread([processor](unsigned int process) {
+        return (process & processor) != 0 ? processor : process & -process;
+    });
+}
 
 thread_function::thread_function() = default;
 thread_function::thread_function(thread_function const&) = default;
@@ -69,6 +96,7 @@ unsigned int thread_support::process_affinity() {
 void thread_support::process_affinity(unsigned int affinity) {
     affinity &= affinity_masks().system;
     assure(SetProcessAffinityMask(GetCurrentProcess(), affinity) != 0);
+    time_server::follow_processors();
 }
 
 unsigned int thread_support::thread_affinity() {
@@ -82,6 +110,7 @@ unsigned int thread_support::thread_affinity() {
 
 void thread_support::thread_affinity(unsigned int affinity) {
     affinity &= affinity_masks().system;
+    detail::restrictions.fetch_add(1, std::memory_order_relaxed);
     assure(SetThreadAffinityMask(GetCurrentThread(), affinity) != 0);
 }
 

@@ -39,13 +39,25 @@ time time::now() {
     return time(time_server::global().reading());
 }
 
+constinit detail::atomic<unsigned int> time_server::_changes{0};
+
+void time_server::follow_processors() {
+    ++_changes;
+}
+
 void time_server::operator()() {
-    // The lowest processor of the process: processor 0, but where the process
-    // may not use it.
-    unsigned int const processors = thread_support::process_affinity();
-    thread_support::thread_affinity(processors & -processors);
+    // The system lets a thread use all processors that the process gets anew.
+    unsigned int changes = _changes;
+    // At first the lowest processor of the process: processor 0, if it may use that.
+    unsigned int processor = detail::stay_on(1);
     for (;;) {
         _request.acquire();
+        // Acquire: the change that is counted is to be seen.
+        unsigned int const latest = _changes.load(std::memory_order_acquire);
+        if (changes != latest) {
+            changes = latest;
+            processor = detail::stay_on(processor);
+        }
         _reading = time_support::time_now();
         _reply.release();
     }

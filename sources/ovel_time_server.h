@@ -3,6 +3,7 @@
 #ifndef OVEL_TIME_SERVER_H
 #define OVEL_TIME_SERVER_H
 
+#include "ovel_atomic.h"
 #include "ovel_semaphore.h"
 #include "ovel_thread_base.h"
 #include "ovel_thread_function.h"
@@ -32,6 +33,10 @@ public:
     // The server's loop.
     void operator()() override;
 
+    // The processors of the process have changed. The server stays on its own if that is
+    // among them, and otherwise moves to the lowest, before it reads the counter again.
+    static void follow_processors();
+
 private:
     friend struct detail::inspector;
     friend struct detail::process_hooks;
@@ -39,8 +44,9 @@ private:
     time_server();
     static void _create();
 
-    static time_server* _global;            // set under _created
-    static unsigned int volatile _created;  // once-flag
+    static time_server* _global;                   // set under _created
+    static unsigned int volatile _created;         // once-flag
+    static detail::atomic<unsigned int> _changes;  // of the process's processors
 
     thread_base _thread;
     semaphore _lock;            // one client at a time

@@ -5,6 +5,7 @@
 
 #include "ovel_allocator_support.h"
 #include "ovel_test.h"
+#include "ovel_thread_support.h"
 #include "ovel_work.h"
 
 #include <gtest/gtest.h>
@@ -126,6 +127,23 @@ TEST(thread_pool_test, an_idle_thread_is_lent_if_its_stack_fits_without_waste) {
     EXPECT_EQ(lend(0), plain);
     give_back();
     pool.release_element(small);
+}
+
+// With one processor there is no mask that would stay.
+TEST(thread_pool_test, a_thread_that_returns_drops_the_processors_that_its_work_set) {
+    unsigned int const all = thread_support::process_affinity();
+    unsigned long restricted = 0;
+    work restricts([&] {
+        thread_support::thread_affinity(all & -all);
+        restricted = thread_support::thread_identifier();
+    });
+    ovel::thread driven(48u << 20);  // no other test's
+    start(driven, restricts).acquire();
+    work looks([&] {
+        EXPECT_EQ(thread_support::thread_identifier(), restricted);
+        EXPECT_EQ(thread_support::thread_affinity(), all);
+    });
+    start(driven, looks).acquire();
 }
 
 }  // namespace

@@ -68,6 +68,26 @@ void set_processors(unsigned int count, DWORD_PTR process_mask) {
     current().affinity = process_mask;
 }
 
+void restrict_threads(DWORD_PTR process_mask) {
+    // As the system does: a mask that was the whole process's grows with it.
+    auto const restrict = [process_mask](thread_state& each) {
+        if ((each.affinity & ~process_mask) != 0 ||
+            (current_machine().process_mask & ~each.affinity) == 0)
+            each.affinity = process_mask;
+    };
+    if (!running()) {
+        restrict(current());
+        return;
+    }
+    for (unsigned int slot = 0; slot != slot_count; ++slot)
+        if ((now->alive >> slot & 1) != 0)
+            restrict(now->threads[slot].state);
+}
+
+DWORD_PTR counter_mask() {
+    return now->computer.counter_mask;
+}
+
 void set_clock_rate(unsigned int megahertz) {
     now->computer.megahertz = megahertz;
 }

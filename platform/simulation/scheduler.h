@@ -99,6 +99,10 @@ void make_unready(threads_mask threads);
 // The clock's reading `milliseconds` from now, and later if waits end late.
 std::uint64_t deadline_after(DWORD milliseconds);
 
+// Restricts all threads to a new mask of the process, those that are within it already to
+// what they have.
+void restrict_threads(DWORD_PTR process_mask);
+
 // A new thread, ready to begin. False when there are too many.
 bool start_thread(thread_state const& state);
 
@@ -124,6 +128,7 @@ struct machine {
     unsigned int processors = 2;
     DWORD_PTR process_mask = 3;
     unsigned int megahertz = 0;
+    DWORD_PTR counter_mask = 0;  // of the thread that read the counter last
 };
 machine& current_machine();
 

@@ -165,8 +165,8 @@ BOOL SetProcessAffinityMask(HANDLE process, DWORD_PTR mask) {
     point(operation::affinity, nullptr, __builtin_return_address(0));
     if (process != GetCurrentProcess() || mask == 0 || (mask & ~system_mask()) != 0)
         return 0;
+    restrict_threads(mask);
     current_machine().process_mask = mask;
-    current().affinity = mask;
     return 1;
 }
 
@@ -237,6 +237,7 @@ std::size_t _msize(void* memory) {
 
 std::uint64_t __rdtsc() {
     point(operation::read_clock, nullptr, __builtin_return_address(0));
+    current_machine().counter_mask = current().affinity;
     unsigned int const megahertz = current_machine().megahertz;
     return nanoseconds() * (megahertz == 0 ? 2000 : megahertz) / 1000;
 }

@@ -137,6 +137,9 @@ void expect_failure(char const* expression);
 void set_processors(unsigned int count, DWORD_PTR process_mask);
 void set_clock_rate(unsigned int megahertz);
 
+// The processors of the thread that read the time-stamp counter last.
+DWORD_PTR counter_mask();
+
 // Nanoseconds that have passed on the simulated machine.
 std::uint64_t nanoseconds();
 

@@ -184,6 +184,30 @@ void clock_readings(unsigned int variant) {
     balance();
 }
 
+// The clock is read on one processor as long as the process may use that, then on the
+// lowest; also when another thread reads it while the processors change.
+void processor_of_the_clock(unsigned int variant) {
+    struct {
+        unsigned int process;
+        DWORD_PTR clock;
+    } const changes[] = {{8, 8}, {10, 8}, {2, 2}, {3, 2}, {15, 2}, {12, 4}};
+    set_processors(4, 12);
+    set_default_spin(0);
+    time::now();
+    assure(counter_mask() == 4);
+    balance();
+    begin();
+    worker other([variant] {
+        if (variant == 1)
+            time::now();
+    });
+    for (auto const& [process, clock] : changes) {
+        thread_support::process_affinity(process);
+        time::now();
+        assure(counter_mask() == clock);
+    }
+}
+
 // Ten seconds are ten seconds, whatever the clock's rate; the longest wait is that
 // of 2147483647 milliseconds.
 void exact_time(unsigned int variant) {
@@ -224,6 +248,8 @@ registration const table[] = {
     registration({.name = "call_once_runs_once", .run = once, .variants = 2, .exhaustive = true}),
     registration(
         {.name = "time_server_is_one_and_monotonic", .run = clock_readings, .variants = 2}),
+    registration(
+        {.name = "clock_stays_on_its_processor", .run = processor_of_the_clock, .variants = 2}),
     registration({.name = "time_is_exact", .run = exact_time, .variants = 4})};
 
 }  // namespace
