@@ -111,8 +111,9 @@ private:
 // idle one fits. `schedule` names the work, `release` starts it, and a successful
 // `acquire`, `try_acquire` or `timed_acquire` joins it, after which the object can
 // start another run, of the same work unless `schedule` names other. One thread
-// at a time drives the object. A thread that returns to the pool may use all processors of the
-// process again, whatever its work has set.
+// at a time drives the object. Debuggers and monitors show the pool's threads as
+// "ovel-pool". A thread that returns to the pool may use all processors of the process
+// again, whatever its work has set.
 //
 //     thread helper;
 //     helper.schedule(work);

@@ -17,7 +17,8 @@ namespace ovel {
 // `acquire`, `try_acquire` or `timed_acquire` joins it, after which the object can
 // start another run, of the same work unless `schedule` names other. One thread
 // at a time drives the object; it need not outlive the run it started, but an
-// unjoined run can then not be joined any more.
+// unjoined run can then not be joined any more. Debuggers and monitors show its threads
+// as "ovel-thread".
 //
 //     thread_base own;
 //     own.schedule(work);

@@ -136,6 +136,10 @@ unsigned long GetCurrentProcessId();
 HANDLE GetCurrentThread();
 HANDLE GetCurrentProcess();
 
+// The name of the calling thread for debuggers and monitors, at most 15 ASCII
+// characters. Does nothing where the system keeps no names.
+//     void set_thread_name(char const* name);
+
 // Sleeps for at least `milliseconds`. With 0 it only lets another ready thread run
 // first.
 void Sleep(DWORD milliseconds);
@@ -244,6 +248,7 @@ inline void* quick_pointer() {
     return nullptr;
 }
 inline void set_quick_pointer(void*) {}
+inline void set_thread_name(char const*) {}
 
 inline unsigned int process_generation() {
     return 0;
@@ -257,6 +262,7 @@ inline bool other_threads_have_ended() {
 
 #else
 
+void set_thread_name(char const* name);
 bool at_fork(fork_handlers const& handlers);
 
 using ::free;

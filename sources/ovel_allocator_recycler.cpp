@@ -91,6 +91,7 @@ allocator_recycler::recycler_function::~recycler_function() = default;
 
 // A period that passes while the thread is kept from running is skipped.
 void allocator_recycler::recycler_function::operator()() {
+    set_thread_name("ovel-recycler");
     time const period = time::seconds(_period);
     time deadline = time::now() + period;
     while (!*_stop) {

@@ -54,6 +54,7 @@ unsigned int OVEL_THREAD_ENTRY thread_base::_call(void* argument) {
     auto& record = *static_cast<start_record*>(argument);
     thread_function& function = *record.base._function;
     record.started.release();  // the record is gone from here on, and the base may be
+    set_thread_name("ovel-thread");
 
     try {
         allocator_group* const group = allocator_group::global();
@@ -130,6 +131,7 @@ bool thread_function_base::timed_acquire(time const& deadline) {
 // The thread's allocator is active exactly while it runs work, so that blocks that
 // others free meanwhile do not wait for a thread that may idle for long.
 void thread_function_base::operator()() {
+    set_thread_name("ovel-pool");
     allocator_group* const group = allocator_group::global();
     unsigned int const process = this_process();
     group->deactivate_allocator(false);

@@ -3,6 +3,7 @@
 
 #include "ovel_time_server.h"
 
+#include "kernel.h"
 #include "ovel_guard.h"
 #include "ovel_once.h"
 #include "ovel_thread_support.h"
@@ -46,6 +47,7 @@ void time_server::follow_processors() {
 }
 
 void time_server::operator()() {
+    set_thread_name("ovel-clock");
     // The system lets a thread use all processors that the process gets anew.
     unsigned int changes = _changes;
     // At first the lowest processor of the process: processor 0, if it may use that.

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -144,6 +145,16 @@ TEST(thread_pool_test, a_thread_that_returns_drops_the_processors_that_its_work_
         EXPECT_EQ(thread_support::thread_affinity(), all);
     });
     start(driven, looks).acquire();
+}
+
+TYPED_TEST(thread_test, monitors_know_its_threads_by_name) {
+    if (!std::ifstream("/proc/thread-self/comm"))
+        GTEST_SKIP() << "the system does not show the names of threads as files";
+    std::string name;
+    work looks([&] { std::getline(std::ifstream("/proc/thread-self/comm"), name); });
+    TypeParam driven;
+    start(driven, looks).acquire();
+    EXPECT_EQ(name, (std::is_same_v<TypeParam, ovel::thread>) ? "ovel-pool" : "ovel-thread");
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <cstddef>
 
 #include <link.h>
+#include <sys/prctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -178,6 +179,10 @@ constinit thread_local unsigned int kernel::current_thread_id = 0;
 
 unsigned int kernel::find_current_thread_id() {
     return current_thread_id = static_cast<unsigned int>(gettid());
+}
+
+void kernel::set_thread_name(char const* name) {
+    prctl(PR_SET_NAME, name);
 }
 
 unsigned long kernel::GetCurrentProcessId() {

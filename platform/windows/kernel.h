@@ -26,6 +26,7 @@ inline bool at_fork(fork_handlers const&) {
     return true;
 }
 
+void set_thread_name(char const* name);
 bool other_threads_have_ended();
 
 // The system's, but for one slot only, and its callback is not called when the process ends
