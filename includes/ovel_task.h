@@ -312,9 +312,10 @@ public:
     // Items that have not begun are discarded.
     OVEL_EXPORT void stop();
 
-    // Wait until no item is left; with `then_stops` nothing is queued from then on.
+    // Wait until no item is left; with `then_stops` nothing is queued from then on. The
+    // timed one returns false after that many milliseconds, or an earlier wake-up.
     OVEL_EXPORT void wait(bool then_stops);
-    OVEL_EXPORT bool timed_wait(time const& deadline, bool then_stops);
+    [[nodiscard]] OVEL_EXPORT bool timed_wait(unsigned int milliseconds, bool then_stops);
 
     // Whether the calling thread is one of the crew's.
     OVEL_EXPORT bool runs_caller();

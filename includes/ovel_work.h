@@ -220,7 +220,7 @@ public:
     template <class Point>
     [[nodiscard]] bool wait_until(Point const& point) {
         assure(!_runs_caller());
-        if (!_crew.timed_wait(deadline(point), false))
+        if (!_timed_wait(point, false))
             return false;
         _rethrow();
         return true;
@@ -238,7 +238,7 @@ public:
     template <class Point>
     [[nodiscard]] bool join_until(Point const& point) {
         assure(!_runs_caller());
-        if (!_crew.timed_wait(deadline(point), true))
+        if (!_timed_wait(point, true))
             return false;
         _end();
         return true;
@@ -280,6 +280,13 @@ private:
 
     bool _runs_caller() {
         return _crew.runs_caller();
+    }
+
+    template <class Point>
+    bool _timed_wait(Point const& point, bool then_stops) {
+        return detail::attempt_until(point, [&](unsigned int milliseconds) {
+            return _crew.timed_wait(milliseconds, then_stops);
+        });
     }
 
     void _end() {

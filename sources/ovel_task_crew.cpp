@@ -180,9 +180,11 @@ void task_crew::wait(bool then_stops) {
     });
 }
 
-bool task_crew::timed_wait(time const& deadline, bool then_stops) {
-    return _wait(then_stops, [this, &deadline] {
-        return _idle.timed_acquire(_mutex, deadline) || _unfinished == 0 || time::now() < deadline;
+// Once: the caller knows how much time is left after a wake-up.
+bool task_crew::timed_wait(unsigned int milliseconds, bool then_stops) {
+    return _wait(then_stops, [this, milliseconds] {
+        static_cast<void>(_idle.timed_acquire(_mutex, milliseconds));
+        return _unfinished == 0;
     });
 }
 
