@@ -196,9 +196,12 @@ class recorder {
 public:
     // Keeps the first `most` scopes of each thread, and counts the others.
     explicit recorder(std::size_t most = 1'000'000) : _most(most) {
-        assure(_active == 0);
-        // Release: publishes this recorder to `_buffer`.
-        _active.store(this, std::memory_order_release);
+        recorder* other = nullptr;
+        // One step: of two recorders that begin at once only one goes on. Release:
+        // publishes this recorder to `_buffer`. Relaxed: a failed check reads nothing else.
+        if (!_active.compare_exchange_strong(other, this, std::memory_order_release,
+                                             std::memory_order_relaxed))
+            _assure_alone(other);
     }
     ~recorder() {
         stop();
@@ -276,6 +279,11 @@ public:
 private:
     friend class scope;
     friend void name_thread(char const* name);
+
+    // `_active` as it was found.
+    static void _assure_alone(recorder const* _active) {
+        assure(_active == 0);
+    }
 
     // The calling thread's buffer in the active recorder. Null if there is none or no
     // memory. Acquire: the recorder is used as its constructor left it.
