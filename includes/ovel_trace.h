@@ -138,19 +138,47 @@ inline std::string microseconds(std::int64_t nanoseconds) {
     return std::to_string(nanoseconds / 1000) + '.' + part.substr(1);
 }
 
-// A name as a JSON string.
+// How many bytes the character of UTF-8 has that `text` begins with; 0 if it begins with
+// none, be it cut off, longer than it needs to be, half of a pair or out of range.
+inline std::size_t character_length(std::string_view text) {
+    auto const byte = [text](std::size_t i) {
+        return static_cast<unsigned char>(text[i]);
+    };
+    unsigned char const first = byte(0);
+    if (first < 0x80)
+        return 1;
+    if (first < 0xc2 || first > 0xf4)
+        return 0;
+    std::size_t const length = first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    if (text.size() < length)
+        return 0;
+    for (std::size_t i = 1; i != length; ++i)
+        if ((byte(i) & 0xc0) != 0x80)
+            return 0;
+    unsigned char const second = byte(1);
+    bool const excluded = (first == 0xe0 && second < 0xa0) || (first == 0xed && second > 0x9f) ||
+                          (first == 0xf0 && second < 0x90) || (first == 0xf4 && second > 0x8f);
+    return excluded ? 0 : length;
+}
+
+// A name as a JSON string. What is not UTF-8 becomes the replacement character.
 inline std::string quoted(std::string_view name) {
     std::string text = "\"";
-    for (char const c : name) {
-        if (c == '"' || c == '\\')
-            text += '\\';
-        if (static_cast<unsigned char>(c) >= ' ') {
-            text += c;
-        } else {
+    while (!name.empty()) {
+        char const c = name.front();
+        std::size_t const length = character_length(name);
+        if (length == 0) {
+            text += "\\ufffd";
+        } else if (static_cast<unsigned char>(c) < ' ') {
             char code[8];
             std::snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned int>(c));
             text += code;
+        } else {
+            if (c == '"' || c == '\\')
+                text += '\\';
+            text += name.substr(0, length);
         }
+        name.remove_prefix(length == 0 ? 1 : length);
     }
     return text + '"';
 }

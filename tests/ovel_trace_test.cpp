@@ -86,6 +86,29 @@ TEST(trace_test, a_recorder_keeps_the_first_scopes_that_began_while_it_recorded)
     }
 }
 
+// A viewer refuses a file with a byte that is none of UTF-8. Beside whole characters of each
+// length: bytes that begin none, and characters cut off, too long, half of a pair, too high.
+TEST(trace_test, names_that_are_not_text_are_shown_as_far_as_they_are) {
+    std::string const replaced = "\xef\xbf\xbd";
+    struct {
+        std::string name;
+        std::string shown;
+    } const cases[] = {
+        {"a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80", "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80"},
+        {"x\xff\x80y", "x" + replaced + replaced + "y"},
+        {"\xe2\x82", replaced + replaced},
+        {"\xc0\xaf", replaced + replaced},
+        {"\xed\xa0\x80", replaced + replaced + replaced},
+        {"\xf4\x90\x80\x80", replaced + replaced + replaced + replaced},
+    };
+    for (auto const& each : cases) {
+        trace::recorder recorded;
+        { trace::scope const here(each.name.c_str()); }
+        json const all = written(recorded);
+        EXPECT_EQ(all["traceEvents"][1]["name"], each.shown) << each.name;
+    }
+}
+
 TEST(trace_death_test, only_one_records_at_a_time) {
     trace::recorder const first;
     EXPECT_CHECK(trace::recorder(), "_active == 0", "includes/ovel_trace.h");
