@@ -119,7 +119,9 @@ public:
     thread_group(unsigned int threads, double space, unsigned int stack_size);
 
     // Discards waiting items. Threads that are not joined fail the check
-    // "_acquired == _threads", but in a fork, which they are not part of.
+    // "_acquired == _threads", but in a fork, which they are not part of. All calls of
+    // `schedule`, `conclude` and `clear` must have returned: they may still be waking a
+    // thread after the group has been joined.
     ~thread_group();
 
     thread_group(thread_group const&) = delete;

@@ -169,9 +169,9 @@ public:
                         unsigned int stack_size = thread_base::default_stack_size)
         : _crew(threads, space, stack_size, this) {}
 
-    // Stops the group unless it has ended. No thread has a scope open on it. In a fork, where
-    // its threads do not exist, it only goes out of use; all else fails the check
-    // "!inherited()" there.
+    // Stops the group unless it has ended. No thread has a scope open on it, and all calls of
+    // its operations have returned. In a fork, where its threads do not exist, it only goes
+    // out of use; all else fails the check "!inherited()" there.
     ~work_group() {
         if (_crew.inherited())
             return;
