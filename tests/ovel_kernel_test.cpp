@@ -8,14 +8,18 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include <alloca.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -321,6 +325,26 @@ TEST(region_test, freeing_a_region_returns_only_its_own_memory) {
         for (char const* each : regions)
             EXPECT_FALSE(present(each) || present(each + used));
     }
+}
+
+// Where the address space has room for one mapping of regions only, one more is found.
+TEST(region_test, a_region_takes_no_more_room_than_there_is) {
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    rlimit former;
+    ASSERT_EQ(getrlimit(RLIMIT_AS, &former), 0);
+    std::vector<void*> regions;
+    regions.reserve(20);
+    rlimit const scarce = {pages * 4096 + (3u << 19), former.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_AS, &scarce), 0);
+    // The mapping that other tests have left may serve some.
+    for (int i = 0; i != 20; ++i)
+        regions.push_back(malloc_region(0));
+    EXPECT_EQ(setrlimit(RLIMIT_AS, &former), 0);
+    EXPECT_GE(std::count_if(regions.begin(), regions.end(), [](void* each) { return each; }), 15);
+    for (void* const each : regions)
+        if (each != nullptr)
+            free_region(each);
 }
 
 TEST(text_test, integers_are_written_without_leading_zeros) {

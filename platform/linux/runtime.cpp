@@ -58,18 +58,53 @@ void unlink(mapping& one) {
         one.next->previous = one.previous;
 }
 
+// Maps memory, at `where` or nowhere if that is not null. Null when the system has none.
+char* map_memory(std::size_t length, char* where = nullptr) {
+    int const flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
+    void* const memory = mmap(where, length, PROT_READ | PROT_WRITE,
+                              flags | (where != nullptr ? MAP_FIXED_NOREPLACE : 0), -1, 0);
+    if (memory == MAP_FAILED)
+        return nullptr;
+    // A system that does not know that flag maps it elsewhere.
+    if (where == nullptr || memory == where)
+        return static_cast<char*>(memory);
+    munmap(memory, length);
+    return nullptr;
+}
+
+// How far it is from an address to the next mapping's.
+std::size_t to_boundary(char const* address) {
+    return -reinterpret_cast<std::size_t>(address) & (mapping::length - 1);
+}
+
+// Memory for a mapping; null when the system has none.
+char* map_aligned() {
+    if (char* const wide = map_memory(2 * mapping::length)) {
+        std::size_t const before = to_boundary(wide);
+        if (before != 0)
+            munmap(wide, before);
+        munmap(wide + before + mapping::length, mapping::length - before);
+        return wide + before;
+    }
+    // There may be room for just one: at the end of a gap, or elsewhere in it.
+    char* const exact = map_memory(mapping::length);
+    if (exact == nullptr)
+        return nullptr;
+    std::size_t const beyond = to_boundary(exact);
+    if (beyond == 0)
+        return exact;
+    munmap(exact, mapping::length);
+    char* const next = exact + beyond;
+    char* const aligned = map_memory(mapping::length, next - mapping::length);
+    return aligned != nullptr ? aligned : map_memory(mapping::length, next);
+}
+
 // A new mapping without regions, linked; null when the system has none.
 mapping* map() {
-    void* const wide = mmap(nullptr, 2 * mapping::length, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (wide == MAP_FAILED)
+    char* const begin = map_aligned();
+    if (begin == nullptr)
         return nullptr;
-    auto const begin = static_cast<char*>(wide);
-    std::size_t const before = -reinterpret_cast<std::size_t>(wide) & (mapping::length - 1);
-    if (before != 0)
-        munmap(begin, before);
-    munmap(begin + before + mapping::length, mapping::length - before);
-    auto const made = new (begin + before) mapping{nullptr, nullptr, 0};
+    auto const made = new (begin) mapping{nullptr, nullptr, 0};
     link(*made);
     return made;
 }
