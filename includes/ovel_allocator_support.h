@@ -10,6 +10,22 @@
 
 namespace ovel {
 
+namespace detail {
+
+// The bytes to ask `allocator_support` for, so that the memory of `bytes` bytes is aligned
+// to `alignment`, a power of two up to that of large blocks: those that make the block with
+// its header a multiple of it.
+constexpr std::size_t bytes_aligned(std::size_t bytes, std::size_t alignment) {
+    constexpr std::size_t header = 2 * sizeof(void*);
+    constexpr std::size_t largest_block = 4096;
+    // All are aligned to 8, and large ones to a cacheline.
+    if (alignment <= 8 || bytes > largest_block - header)
+        return bytes;
+    return ((bytes + header + alignment - 1) & ~(alignment - 1)) - header;
+}
+
+}  // namespace detail
+
 // Memory in the shape of the C runtime's, but scalable: requests of up to 4096
 // bytes less a header of two pointers are served by the calling thread's
 // allocator, without a lock; larger ones go to the runtime heap.
@@ -24,9 +40,9 @@ public:
     allocator_support() = delete;
 
     // At least `bytes` bytes, also for 0 an address of its own. They are aligned
-    // to 8 bytes at least, to 16 from a request of more than 16 bytes on, and to
-    // 128 when large. Throws std::bad_alloc when memory is exhausted, and for
-    // byte counts that no memory can have.
+    // to 8 bytes at least, to 16 from a request of more than 16 bytes on (of more than 8
+    // in 64-bit builds), and to 128 when large. Throws std::bad_alloc when memory is exhausted, and
+    // for byte counts that no memory can have.
     static void* allocate(std::size_t bytes);
 
     // As `allocate`, but null in place of std::bad_alloc.

@@ -13,6 +13,7 @@
 #include "ovel_allocator_group.h"
 #include "ovel_allocator_support.h"
 #include "ovel_atomic.h"
+#include "ovel_frame.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -24,33 +25,25 @@ namespace ovel {
 
 namespace detail {
 
-// The bytes to ask for so that the memory is aligned to 16: blocks of 16 bytes and
-// less are aligned to 8 only.
-inline std::size_t bytes_aligned_to_16(std::size_t bytes) {
-    return bytes > 16 ? bytes : 17;
-}
-
-// Memory of any alignment, a power of two. Up to 16 it is a block of
+// Memory of any alignment, a power of two. Up to a cacheline it is a block of
 // `allocator_support`; beyond, it lies within one, whose address is before it.
 inline void* allocate_aligned(std::size_t bytes, std::size_t alignment) {
-    if (alignment <= 8)
-        return allocator_support::allocate(bytes);
-    if (alignment <= 16)
-        return allocator_support::allocate(bytes_aligned_to_16(bytes));
-    std::size_t const room = alignment + sizeof(void*);
-    if (bytes > std::numeric_limits<std::size_t>::max() - room)
+    if (alignment <= sizeof(cacheline))
+        return allocator_support::allocate(bytes_aligned(bytes, alignment));
+    if (bytes > std::numeric_limits<std::size_t>::max() - alignment)
         throw std::bad_alloc();
-    char* const block = static_cast<char*>(allocator_support::allocate(bytes + room));
-    auto const address = reinterpret_cast<std::uintptr_t>(block) + sizeof(void*);
-    void** const memory =
-        reinterpret_cast<void**>(block + sizeof(void*) + (alignment - address % alignment));
+    // The block is aligned to a pointer: to its next multiple of the alignment, a pointer
+    // on or further, it is no more than the alignment.
+    char* const block = static_cast<char*>(allocator_support::allocate(bytes + alignment));
+    auto const past = reinterpret_cast<std::uintptr_t>(block) % alignment;
+    void** const memory = reinterpret_cast<void**>(block + (alignment - past));
     memory[-1] = block;
     return memory;
 }
 
 // Takes the same alignment.
 inline void deallocate_aligned(void* memory, std::size_t alignment) {
-    if (alignment > 16 && memory != nullptr)
+    if (alignment > sizeof(cacheline) && memory != nullptr)
         memory = static_cast<void**>(memory)[-1];
     allocator_support::deallocate(memory);
 }
@@ -87,7 +80,7 @@ public:
     }
 };
 
-// The same for the polymorphic containers. All are equal.
+// A memory resource for the polymorphic containers. All are equal.
 class memory_resource final : public std::pmr::memory_resource {
 public:
     // One for the process, never destroyed.

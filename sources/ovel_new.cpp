@@ -16,7 +16,6 @@ namespace {
 
 using ovel::allocator_support;
 using ovel::cacheline;
-using ovel::detail::block;
 using ovel::detail::granule;
 
 // Whether every block whose size, as asked for, is a multiple of `alignment`
@@ -33,15 +32,10 @@ consteval bool classes_align() {
 }
 static_assert(classes_align());
 
-// The bytes to ask for, so that the memory is aligned: those that make the block
-// with its header a multiple of the alignment.
 std::size_t padded(std::size_t bytes, std::align_val_t wanted) {
     auto const alignment = static_cast<std::size_t>(wanted);
     assure(alignment <= sizeof(cacheline));
-    // Large blocks are aligned anyhow, and small ones to the granule.
-    if (alignment <= granule || bytes > ovel::detail::largest_block)
-        return bytes;
-    return ((bytes + sizeof(block) + alignment - 1) & ~(alignment - 1)) - sizeof(block);
+    return ovel::detail::bytes_aligned(bytes, alignment);
 }
 
 }  // namespace
