@@ -48,9 +48,19 @@ public:
     // As `allocate`, but null in place of std::bad_alloc.
     static void* allocate_nothrow(std::size_t bytes);
 
+    // As `allocate_nothrow`, and all bytes are 0. Of a large block that the runtime heap has
+    // fresh from the system no page is touched for that.
+    static void* allocate_zeroed_nothrow(std::size_t bytes);
+
     // Frees what `allocate` returned; null does nothing. Anything else that did
     // not come from here must not be passed, and goes undetected.
     static void deallocate(void* memory);
+
+    // Memory of at least `bytes` bytes with what `memory`, which may be null, had, as far
+    // as that fits. Unlike `ovel_realloc` it stays where it is if it fits there and is not
+    // too large, and a large block if the runtime heap can let it grow or shrink in place,
+    // or move without being copied. Throws std::bad_alloc, and then nothing has changed.
+    static void* resize(void* memory, std::size_t bytes);
 
     // The bytes that may be used at `memory`, at least those asked for; 0 for null.
     static std::size_t size(void const* memory);
@@ -68,7 +78,9 @@ private:
     // What the public ones leave to these when there is more to do.
     static void* _allocate(std::size_t bytes);
     static void* _allocate_nothrow(std::size_t bytes);
-    static void* _allocate_large(std::size_t size);
+    static void* _allocate_large(std::size_t bytes, bool zeroed);
+    static void* _place_large(char* region);
+    static void* _resize_large(void* memory, std::size_t bytes);
     static void _deallocate(void* memory);
     static void _deallocate_large(void* region);
 

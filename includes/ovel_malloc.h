@@ -25,7 +25,8 @@ OVEL_EXPORT void* ovel_malloc(size_t bytes);
 OVEL_EXPORT void* ovel_calloc(size_t count, size_t size);
 
 // Moves the memory to a new place of at least `bytes` bytes, also when it would
-// fit where it is, and frees the old one; a null `memory` is only allocated, 0
+// fit where it is, and frees the old one; so growing in many small steps is slow, for
+// which C++ has `resize_array` of ovel_memory.h. A null `memory` is only allocated, 0
 // bytes are still an address. Null when memory is exhausted: then the old one
 // stays as it is.
 OVEL_EXPORT void* ovel_realloc(void* memory, size_t bytes);

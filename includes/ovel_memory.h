@@ -20,6 +20,7 @@
 #include <limits>
 #include <memory_resource>
 #include <new>
+#include <type_traits>
 
 namespace ovel {
 
@@ -79,6 +80,24 @@ public:
         return true;
     }
 };
+
+// An array of `size` objects with the first ones of `array`, which `resize_array` returned
+// and gives up, or is null. In place if the heap can do that, or moved without being copied:
+// a large array that grows step by step costs what is new. To be freed by
+// `allocator_support::deallocate`. Throws std::bad_alloc; then `array` is as it was.
+//
+//     for (std::string line; std::getline(in, line); text_size += line.size()) {
+//         text = resize_array(text, text_size + line.size());
+//         line.copy(text + text_size, line.size());
+//     }
+template <class T>
+T* resize_array(T* array, std::size_t size) {
+    static_assert(std::is_trivially_copyable_v<T> && alignof(T) <= 8,
+                  "the objects are moved as bytes");
+    if (size > std::numeric_limits<std::size_t>::max() / sizeof(T))
+        throw std::bad_array_new_length();
+    return static_cast<T*>(allocator_support::resize(array, size * sizeof(T)));
+}
 
 // A memory resource for the polymorphic containers. All are equal.
 class memory_resource final : public std::pmr::memory_resource {

@@ -234,6 +234,8 @@ char* _ui64toa(std::uint64_t value, char* text, int radix);
 #if defined(OVEL_SIMULATION)
 
 void* malloc(std::size_t size);
+void* calloc(std::size_t count, std::size_t size);
+void* realloc(void* memory, std::size_t size);
 void free(void* memory);
 inline void* malloc_region(std::size_t) {
     return malloc(region_length);
@@ -265,8 +267,10 @@ inline bool other_threads_have_ended() {
 void set_thread_name(char const* name);
 bool at_fork(fork_handlers const& handlers);
 
+using ::calloc;
 using ::free;
 using ::malloc;
+using ::realloc;
 
 // The bytes that the heap has reserved for `memory`, which is not a region: at least the
 // requested ones.

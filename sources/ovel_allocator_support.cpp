@@ -22,6 +22,7 @@
 
 #include <stddef.h>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -53,6 +54,19 @@ std::size_t padding_of(detail::block* header) {
 // Of a large block.
 void* region_of(detail::block* header) {
     return reinterpret_cast<char*>(header - 1) - padding_of(header);
+}
+
+// The length of the region for a large request.
+std::size_t region_length_for(std::size_t bytes) {
+    constexpr std::size_t rounding = detail::granule - 1;
+    return ((bytes + sizeof(detail::block) + rounding) & ~rounding) + surroundings;
+}
+
+// What a large block has before its record, so that its memory begins a cacheline.
+std::size_t padding_for(char const* region) {
+    std::size_t const earliest =
+        reinterpret_cast<std::size_t>(region) + sizeof(record) + sizeof(detail::block);
+    return ~(earliest - 1) & (sizeof(cacheline) - 1);
 }
 
 // The class of the blocks for `bytes`, which are at most `largest_request`.
@@ -120,8 +134,23 @@ void* allocator_support::_allocate(std::size_t bytes) {
         return memory_of(current != nullptr ? current->allocate(k)
                                             : detail::borrowed_allocator()->allocate(k));
     }
-    std::size_t const rounding = detail::granule - 1;
-    return _allocate_large((bytes + sizeof(detail::block) + rounding) & ~rounding);
+    return _allocate_large(bytes, false);
+}
+
+void* allocator_support::allocate_zeroed_nothrow(std::size_t bytes) {
+    if (bytes <= largest_request) {
+        void* const memory = allocate_nothrow(bytes);
+        if (memory != nullptr)
+            std::memset(memory, 0, bytes);
+        return memory;
+    }
+    if (bytes > std::numeric_limits<std::size_t>::max() - overhead)
+        return nullptr;
+    try {
+        return _allocate_large(bytes, true);
+    } catch (std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 void* allocator_support::_allocate_nothrow(std::size_t bytes) {
@@ -132,20 +161,62 @@ void* allocator_support::_allocate_nothrow(std::size_t bytes) {
     }
 }
 
-void* allocator_support::_allocate_large(std::size_t size) {
-    auto const region = static_cast<char*>(malloc(size + surroundings));
+// For a large request, whose size with the surroundings does not overflow.
+void* allocator_support::_allocate_large(std::size_t bytes, bool zeroed) {
+    std::size_t const length = region_length_for(bytes);
+    auto const region = static_cast<char*>(zeroed ? calloc(1, length) : malloc(length));
     if (region == nullptr)
         throw std::bad_alloc();
     _large_size.fetch_add(_msize(region), std::memory_order_relaxed);
+    return _place_large(region);
+}
 
-    std::size_t const earliest =
-        reinterpret_cast<std::size_t>(region) + sizeof(record) + sizeof(detail::block);
-    std::size_t const padding = ~(earliest - 1) & (sizeof(cacheline) - 1);
+// Lays out the region of a large block. Returns its memory.
+void* allocator_support::_place_large(char* region) {
+    std::size_t const padding = padding_for(region);
     auto const b = reinterpret_cast<detail::block*>(region + padding);
     assure((reinterpret_cast<size_t>(b + 2) & (sizeof(cacheline) - 1)) == 0);
     new (b) record{padding, 0};
     new (b + 1) detail::block{nullptr, nullptr};
     return b + 2;
+}
+
+void* allocator_support::resize(void* memory, std::size_t bytes) {
+    if (memory == nullptr)
+        return allocate(bytes);
+    bool const large = bytes > largest_request;
+    bool const was_large = header_of(memory)->_chunk == nullptr;
+    if (large && was_large)
+        return _resize_large(memory, bytes);
+    std::size_t const old = size(memory);
+    if (!large && !was_large && class_for(bytes) == class_for(old))
+        return memory;
+    void* const moved = allocate(bytes);
+    std::memcpy(moved, memory, std::min(old, bytes));
+    deallocate(memory);
+    return moved;
+}
+
+// A large block that stays one.
+void* allocator_support::_resize_large(void* memory, std::size_t bytes) {
+    if (bytes > std::numeric_limits<std::size_t>::max() - overhead)
+        throw std::bad_alloc();
+    std::size_t const old = size(memory);
+    detail::block* const header = header_of(memory);
+    void* const region = region_of(header);
+    std::size_t const before = static_cast<char*>(memory) - static_cast<char*>(region);
+    std::size_t const size_before = _msize(region);
+    auto const moved = static_cast<char*>(realloc(region, region_length_for(bytes)));
+    if (moved == nullptr)
+        throw std::bad_alloc();
+    // Modulo the range: the sum with the others is not negative.
+    _large_size.fetch_add(_msize(moved) - size_before, std::memory_order_relaxed);
+    // Where the region begins at another place of a cacheline, what it holds moves on
+    // before the header is written.
+    std::size_t const after = sizeof(record) + sizeof(detail::block) + padding_for(moved);
+    if (after != before)
+        std::memmove(moved + after, moved + before, std::min(old, bytes));
+    return _place_large(moved);
 }
 
 void allocator_support::_deallocate(void* memory) {
@@ -204,10 +275,7 @@ void* ovel_calloc(size_t count, size_t size) {
     size_t bytes;
     if (__builtin_mul_overflow(count, size, &bytes))
         return nullptr;
-    void* const memory = ovel::allocator_support::allocate_nothrow(bytes);
-    if (memory != nullptr)
-        std::memset(memory, 0, bytes);
-    return memory;
+    return ovel::allocator_support::allocate_zeroed_nothrow(bytes);
 }
 
 void* ovel_realloc(void* memory, size_t bytes) {

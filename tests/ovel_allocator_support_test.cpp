@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <limits>
 #include <new>
 
@@ -114,6 +115,25 @@ TEST(plain_functions_test, calloc_clears_and_realloc_keeps_the_common_bytes) {
             EXPECT_EQ(allocator_support::allocated_size(), before);
         }
     }
+}
+
+// The pages of the process that are in memory; 0 where the system does not tell.
+std::size_t resident_pages() {
+    std::size_t all = 0, resident = 0;
+    std::ifstream("/proc/self/statm") >> all >> resident;
+    return resident;
+}
+
+TEST(plain_functions_test, clearing_what_the_system_has_cleared_touches_no_page) {
+    std::size_t const before = resident_pages();
+    if (before == 0)
+        GTEST_SKIP() << "the system does not tell what is in memory";
+    constexpr std::size_t bytes = 512u << 20;
+    void* const memory = ovel_calloc(bytes, 1);
+    ASSERT_NE(memory, nullptr);
+    EXPECT_LT(resident_pages() - before, bytes / 4096 / 2);
+    EXPECT_TRUE(is_all(static_cast<char*>(memory) + bytes / 2, 10000, 0));
+    ovel_free(memory);
 }
 
 }  // namespace

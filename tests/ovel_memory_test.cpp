@@ -12,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -107,6 +108,27 @@ TEST(memory_test, alignment_costs_no_more_than_it_must) {
                   };
               }),
               1024u);
+}
+
+// Small ones, those that become large or small again, and large ones.
+TEST(memory_test, an_array_keeps_what_fits_whatever_its_size_becomes) {
+    std::size_t const before = allocator_support::allocated_size();
+    unsigned int* array = nullptr;
+    std::size_t filled = 0;
+    for (std::size_t const size : {1, 2, 10, 500, 2000, 5000, 300'000, 5001, 1'000'000, 30, 0, 7}) {
+        array = ovel::resize_array(array, size);
+        EXPECT_GE(allocator_support::size(array), size * sizeof *array);
+        for (std::size_t i = 0; i != std::min(filled, size); ++i)
+            ASSERT_EQ(array[i], 7 * i) << size;
+        for (filled = 0; filled != size; ++filled)
+            array[filled] = static_cast<unsigned int>(7 * filled);
+    }
+    EXPECT_THROW(ovel::resize_array(array, std::numeric_limits<std::size_t>::max() / 2),
+                 std::bad_alloc);
+    EXPECT_EQ(array[6], 42u);
+    EXPECT_EQ(ovel::resize_array(array, 7), array);
+    allocator_support::deallocate(array);
+    EXPECT_EQ(allocator_support::allocated_size(), before);
 }
 
 TEST(memory_test, impossible_sizes_are_refused) {

@@ -220,6 +220,23 @@ void* malloc(std::size_t size) {
     return count_memory_request() ? nullptr : heap::allocate(size);
 }
 
+void* calloc(std::size_t count, std::size_t size) {
+    void* const memory = malloc(count * size);
+    if (memory != nullptr)
+        std::memset(memory, 0, count * size);
+    return memory;
+}
+
+// Always moves.
+void* realloc(void* memory, std::size_t size) {
+    void* const moved = malloc(size);
+    if (moved == nullptr)
+        return nullptr;
+    std::memcpy(moved, memory, std::min(_msize(memory), size));
+    free(memory);
+    return moved;
+}
+
 void free(void* memory) {
     point(operation::deallocate, memory, __builtin_return_address(0));
     if (memory == nullptr)
