@@ -12,6 +12,7 @@ function(ovel_instrument target)
         set(sanitize -fsanitize=${OVEL_SANITIZE} -fno-sanitize-recover=all)
         target_compile_options(${target} PRIVATE ${sanitize} -fno-omit-frame-pointer)
         target_link_options(${target} PRIVATE ${sanitize})
+        target_compile_definitions(${target} PRIVATE OVEL_SANITIZED)
     endif()
 endfunction()
 

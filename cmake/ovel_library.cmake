@@ -93,6 +93,7 @@ function(ovel_add_variant target sanitizer)
     ovel_add_shared(${target})
     target_compile_options(${target} PRIVATE 
         -fsanitize=${sanitizer} -fno-omit-frame-pointer -O2 -g1)
+    target_compile_definitions(${target} PRIVATE OVEL_SANITIZED)
     set_target_properties(${target} PROPERTIES
         LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/variants/${sanitizer}
         EXCLUDE_FROM_ALL $<NOT:$<BOOL:${OVEL_INSTALL}>>)

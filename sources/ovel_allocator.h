@@ -5,6 +5,7 @@
 #define OVEL_ALLOCATOR_H
 
 #include "kernel.h"
+#include "ovel_assure.h"
 #include "ovel_atomic.h"
 #include "ovel_counter.h"
 #include "ovel_frame.h"
@@ -246,6 +247,7 @@ private:
     detail::block* _take_waiting(std::size_t k);
     detail::block* _take_ready(std::size_t k);
     detail::block* _allocate_from_new(std::size_t k);
+    static void _assure_in_use(detail::block const& freed, detail::block const* last);
     void _put_back(detail::block& freed, detail::chunk& home);
     void _give_surplus();
     detail::chunk& _remove_empty();
@@ -392,9 +394,20 @@ inline detail::block* allocator::allocate_ready(std::size_t k) {
     return _read(_pending_size) < detail::batch ? _take_ready(k) : nullptr;
 }
 
+// In builds for a sanitizer, that a block is not the last one that was freed.
+inline void allocator::_assure_in_use(detail::block const& freed, detail::block const* last) {
+#if defined(OVEL_SANITIZED)
+    assure(last != &freed);
+#else
+    static_cast<void>(freed);
+    static_cast<void>(last);
+#endif
+}
+
 // Puts a block back into its chunk, and the chunk into the ring where it belongs.
 inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
     detail::block* const rest = home._free;
+    _assure_in_use(freed, rest);
     freed._next = rest;
     home._free = &freed;
     std::size_t const block_size = home._block_size;
@@ -434,6 +447,7 @@ inline void allocator::flush(bool keep) {
 }
 
 inline void allocator::_file(detail::block& freed, detail::remote& entry) {
+    _assure_in_use(freed, entry.head);
     freed._next = entry.head;
     entry.head = &freed;
     entry.size += freed._chunk->_constant_size;

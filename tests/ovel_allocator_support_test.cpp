@@ -3,6 +3,8 @@
 
 #include "ovel_allocator.h"
 #include "ovel_malloc.h"
+#include "ovel_test.h"
+#include "ovel_work.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -10,6 +12,7 @@
 #include <fstream>
 #include <limits>
 #include <new>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -117,6 +120,8 @@ TEST(plain_functions_test, calloc_clears_and_realloc_keeps_the_common_bytes) {
     }
 }
 
+#if !defined(OVEL_SANITIZED)
+
 // The pages of the process that are in memory; 0 where the system does not tell.
 std::size_t resident_pages() {
     std::size_t all = 0, resident = 0;
@@ -124,6 +129,7 @@ std::size_t resident_pages() {
     return resident;
 }
 
+// The heaps of sanitizers touch what they clear.
 TEST(plain_functions_test, clearing_what_the_system_has_cleared_touches_no_page) {
     std::size_t const before = resident_pages();
     if (before == 0)
@@ -135,5 +141,26 @@ TEST(plain_functions_test, clearing_what_the_system_has_cleared_touches_no_page)
     EXPECT_TRUE(is_all(static_cast<char*>(memory) + bytes / 2, 10000, 0));
     ovel_free(memory);
 }
+
+#else
+
+TEST(allocator_support_test, a_block_that_is_freed_twice_in_a_row_fails_a_check) {
+    auto const free_twice = [](void* memory) {
+        ovel_free(memory);
+        ovel_free(memory);
+    };
+    constexpr char file[] = "sources/ovel_allocator.h";
+    EXPECT_CHECK(free_twice(ovel_malloc(100)), "last != &freed", file);
+    auto const free_of_another = [&] {
+        void* const memory = ovel_malloc(100);
+        std::jthread([&] {
+            ovel::thread_allocator const own;
+            free_twice(memory);
+        }).join();
+    };
+    EXPECT_CHECK(free_of_another(), "last != &freed", file);
+}
+
+#endif
 
 }  // namespace
