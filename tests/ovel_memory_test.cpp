@@ -4,11 +4,8 @@
 
 #include "ovel_memory.h"
 
-#include "ovel_allocator_group.h"
 #include "ovel_allocator_support.h"
 #include "ovel_test.h"
-#include "ovel_thread_base.h"
-#include "ovel_thread_function.h"
 
 #include <gtest/gtest.h>
 
@@ -21,7 +18,6 @@
 #include <memory>
 #include <memory_resource>
 #include <new>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -29,7 +25,6 @@ OVEL_REPLACE_NEW_AND_DELETE;
 
 namespace {
 
-using ovel::allocator_group;
 using ovel::allocator_support;
 using ovel::container_allocator;
 using ovel::memory_resource;
@@ -145,59 +140,34 @@ TEST(memory_test, resources_equal_only_each_other) {
     EXPECT_FALSE(other == *std::pmr::new_delete_resource());
 }
 
-// Owned by each thread that touches it. It uses memory after the scope that gives the
-// thread's allocator back, since it is older. It has no content: some systems' threads
-// give that up before.
+// Outlives, on some systems, what the thread has of the library.
 struct late {
     ~late() {
-        ::operator delete(::operator new(100));
+        delete new std::string(100, 'x');
+        delete new std::string(100'000, 'x');
     }
 };
 
-// Threads that live at the same time have different allocators, and those that come
-// later have them again: who did not give its own back would leave it to nobody.
-TEST(memory_test, a_thread_has_its_allocator_from_its_first_use_to_its_end) {
-    allocator_group& group = *allocator_group::global();
-    std::set<ovel::allocator*> seen;
-    for (int round = 0; round < 50; ++round) {
-        ovel::allocator* now[3];
-        std::atomic<int> missing = 3;
+// They replace each other's strings, which are of different lengths.
+TEST(memory_test, threads_of_any_kind_replace_each_others_objects) {
+    std::atomic<std::string*> places[8] = {};
+    std::atomic<int> wrong = 0;
+    auto const put = [&](int place, std::string* with) {
+        std::unique_ptr<std::string> const found(places[place].exchange(with));
+        if (found != nullptr && *found != std::string(found->size(), (*found)[0]))
+            ++wrong;
+    };
+    for (int round = 0; round < 50; ++round)
         crew(3, [&](int member) {
             static thread_local late const kept;
             static_cast<void>(&kept);
-            delete new std::string(100, 'x');
-            now[member] = group.specific_allocator();
-            --missing;
-            until([&] { return missing == 0; });
+            for (int i = 0; i < 100; ++i)
+                put((i * 5 + member) % 8,
+                    new std::string(20 + i * 7, static_cast<char>('a' + i % 26)));
         }).clear();
-        EXPECT_EQ(std::set(now, now + 3).size(), 3u);
-        seen.insert(now, now + 3);
-    }
-    EXPECT_EQ(seen.count(group.default_allocator()), 0u);
-    // A thread that is ending may not have given back when the next one begins.
-    EXPECT_LE(seen.size(), 6u);
-}
-
-// By then another thread may have the allocator that this one gave back.
-TEST(memory_test, objects_of_a_thread_of_the_library_outlive_its_allocator) {
-    static bool on_default = false;
-    struct late_word {
-        ~late_word() {
-            allocator_group const& group = *allocator_group::global();
-            on_default = group.specific_allocator() == group.default_allocator();
-        }
-    };
-    struct speak : ovel::thread_function {
-        void operator()() override {
-            static thread_local late_word const kept;
-            static_cast<void>(&kept);
-        }
-    } work;
-    ovel::thread_base own;
-    own.schedule(work);
-    own.release();
-    own.acquire();
-    EXPECT_TRUE(on_default);
+    for (int place = 0; place < 8; ++place)
+        put(place, nullptr);
+    EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

@@ -58,6 +58,20 @@ struct ovel::detail::inspector {
         _check(current, all);
     }
 
+    // While no allocator serves a thread: each was given back, once.
+    static void check_given_back() {
+        std::size_t thread_allocators = 0, released = 0;
+        for (allocator* each = allocator::_allocators; each != nullptr; each = each->_next)
+            thread_allocators += each->_parent != nullptr;
+        for (allocator* each = allocator::_released_allocators; each != nullptr;
+             each = each->_next_released) {
+            assure(!each->_activated && each != allocator::_default_allocator);
+            assure(++released < thread_allocators);
+        }
+        assure(released == thread_allocators - 1);
+        assure(!allocator::_default_allocator->_activated && !allocator::_default_is_lent);
+    }
+
     static void stop_recycler() {
         allocator_recycler::global()->_acquire();
     }

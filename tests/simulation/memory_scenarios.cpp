@@ -110,6 +110,74 @@ void exchanges(unsigned int variant) {
     assure(inspector::check_allocators().allocators <= 2 + thread_count);
 }
 
+// Null when memory is refused.
+marked* try_to_take(std::size_t size) {
+    try {
+        return take_marked(size);
+    } catch (std::bad_alloc const&) {
+        assure(refused() != 0);
+        return nullptr;
+    }
+}
+
+// Slots whose callbacks use memory at a thread's end, before and after that by which the
+// thread gives back what it was lent.
+DWORD at_end[2];
+
+template <unsigned int which>
+void use_at_end(void* place) {
+    FlsSetValue(at_end[which], nullptr);
+    give_back(static_cast<detail::atomic<marked*>*>(place)->exchange(try_to_take(100)));
+}
+
+// Threads that prepare for nothing exchange blocks and end, in any order. Now and then one
+// acquires an allocator for a while. In half of the variants memory runs out meanwhile.
+void foreigners(unsigned int variant) {
+    at_end[0] = FlsAlloc(use_at_end<0>);
+    accounts const books(variant % 2);
+    at_end[1] = FlsAlloc(use_at_end<1>);
+    constexpr std::size_t sizes[] = {24, 100, 4080};
+    detail::atomic<marked*> places[3] = {};
+    auto const exchange_one = [&] {
+        give_back(places[pick(3)].exchange(try_to_take(sizes[pick(3)])));
+    };
+    auto const body = [&] {
+        for (unsigned int round = 1 + pick(3); round != 0; --round) {
+            exchange_one();
+            if (pick(3) == 0) {
+                try {
+                    thread_allocator const own;
+                    exchange_one();
+                } catch (std::bad_alloc const&) {
+                    assure(refused() != 0);
+                }
+            }
+        }
+        for (DWORD const slot : at_end)
+            if (pick(2) == 0)
+                FlsSetValue(slot, &places[pick(3)]);
+    };
+    unsigned int const thread_count = 2 + pick(2);
+    begin();
+    if (variant / 2 == 1)
+        refuse_memory(1 + pick(10), pick(2) == 0 ? 1 : 1000);
+    {
+        std::deque<worker> all;
+        for (unsigned int each = 0; each != thread_count; ++each)
+            all.emplace_back(body);
+        if (pick(2) == 0)
+            exchange_one();
+    }
+    refuse_memory(0, 0);
+    worker(body).join();  // takes over what was given back
+    for (detail::atomic<marked*>& place : places)
+        give_back(place);
+    // Each is lent to a thread, borrowed by one, or acquired by one that was lent the default.
+    assure(inspector::check_allocators().allocators <= 2 + thread_count + 1);
+    allocator_group::global()->specific_allocator(nullptr);
+    inspector::check_given_back();
+}
+
 // Two owners sleep and keep blocks of each other's; others free theirs, so that
 // both give chunks away, and with them what they kept, at the same time.
 void sleepers(unsigned int variant) {
@@ -254,6 +322,7 @@ void refused_group(unsigned int) {
 
 registration const table[] = {
     registration({.name = "allocator_blocks_come_home", .run = exchanges, .variants = 4}),
+    registration({.name = "allocator_serves_threads_unprepared", .run = foreigners, .variants = 4}),
     registration(
         {.name = "allocator_owners_sleep_on_each_others_blocks", .run = sleepers, .variants = 2}),
     registration({.name = "recycler_keeps_its_limits", .run = recycler, .variants = 4}),
