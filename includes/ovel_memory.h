@@ -10,9 +10,7 @@
 #ifndef OVEL_MEMORY_H
 #define OVEL_MEMORY_H
 
-#include "ovel_allocator_group.h"
 #include "ovel_allocator_support.h"
-#include "ovel_atomic.h"
 #include "ovel_frame.h"
 
 #include <cstddef>
@@ -122,71 +120,9 @@ private:
 
 namespace detail {
 
-// Stands around each use of the memory by the program's operators, and sees to it
-// that the thread has an allocator of its own. The first thread of the process has
-// the default one to itself.
-class memory_use {
-public:
-    // With `registers` false the use leaves it to a later one to have the allocator
-    // given back at the end of the thread, and gives it back itself.
-    explicit memory_use(bool registers = true) {
-        allocator_group& group = *allocator_group::global();
-        if (group.specific_allocator() == group.default_allocator() && _state != first) [[unlikely]]
-            _begin(group, registers);
-    }
-    ~memory_use() {
-        if (_passing) [[unlikely]]
-            _release();
-    }
-    memory_use(memory_use const&) = delete;
-    memory_use& operator=(memory_use const&) = delete;
-
-private:
-    enum state : unsigned char { fresh, first, lasting, ended };
-
-    // Gives the allocator back when the thread ends.
-    struct scope {
-        ~scope() {
-            _state = ended;
-            _release();
-        }
-    };
-
-    void _begin(allocator_group& group, bool registers) {
-        // Relaxed: it only tells one thread from the others.
-        if (_state == fresh && !_begun.exchange(true, std::memory_order_relaxed)) {
-            _state = first;
-            return;
-        }
-        group.acquire_allocator();
-        if (_state == fresh && registers) {
-            _state = lasting;
-            // Registering what is to be destroyed may itself use the memory.
-            static thread_local scope const own;
-            static_cast<void>(&own);
-        } else {
-            // Other objects of the thread are destroyed after its scope, and one may be
-            // being registered.
-            _passing = true;
-        }
-    }
-
-    static void _release() {
-        allocator_group& group = *allocator_group::global();
-        group.release_allocator();
-        group.specific_allocator(nullptr);  // it may be another thread's by now
-    }
-
-    static inline atomic<bool> _begun{false};
-    static inline thread_local constinit state _state = fresh;
-
-    bool _passing = false;
-};
-
-inline void* program_new(std::size_t bytes, std::size_t alignment, bool registers = true) {
+inline void* program_new(std::size_t bytes, std::size_t alignment) {
     for (;;) {
         try {
-            memory_use const use(registers);
             return allocate_aligned(bytes, alignment);
         } catch (std::bad_alloc const&) {
             std::new_handler const handler = std::get_new_handler();
@@ -208,11 +144,9 @@ inline void* program_new(std::size_t bytes, std::align_val_t alignment) {
     return program_new(bytes, static_cast<std::size_t>(alignment));
 }
 
-// The standard library has its own list of what a thread has to destroy on some systems,
-// and adds to it around one of these: who registers another object meanwhile is lost.
 inline void* program_new_nothrow(std::size_t bytes, std::size_t alignment) noexcept {
     try {
-        return program_new(bytes, alignment, false);
+        return program_new(bytes, alignment);
     } catch (std::bad_alloc const&) {
         return nullptr;
     }
@@ -225,7 +159,6 @@ inline void* program_new_nothrow(std::size_t bytes, std::align_val_t alignment) 
 }
 
 inline void program_delete(void* memory, std::align_val_t alignment = std::align_val_t{1}) {
-    memory_use const use;
     deallocate_aligned(memory, static_cast<std::size_t>(alignment));
 }
 
