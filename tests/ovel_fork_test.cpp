@@ -36,8 +36,10 @@ int status_of_fork(Work const& work) {
         work();
         _exit(0);
     }
-    auto const last = std::chrono::steady_clock::now() + 60s;
     int status = -1;
+    if (child < 0)
+        return status;
+    auto const last = std::chrono::steady_clock::now() + 60s;
     while (waitpid(child, &status, WNOHANG) == 0) {
         if (std::chrono::steady_clock::now() > last) {
             kill(child, SIGKILL);
