@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "kernel.h"
+#include "../kernel.h"  // not the one beside this
 
 #include <iterator>
 
