@@ -25,13 +25,13 @@ public:
         ovel::allocator_group::global()->flush_allocator(false);
     }
 
-    long sum() const {
+    long long sum() const {
         return _sum;
     }
 
 private:
     std::vector<int*> const& _blocks;
-    long _sum = 0;
+    long long _sum = 0;
 };
 
 }  // namespace
@@ -64,7 +64,7 @@ int main() {
     ovel::allocator_recycler::global()->recycle_capacity(1.0);
     std::size_t const after = ovel::allocator_support::allocated_capacity();
 
-    std::printf("%u processors; the sum is %ld; %zu of %zu bytes went back to the system\n",
+    std::printf("%u processors; the sum is %lld; %zu of %zu bytes went back to the system\n",
                 ovel::thread_support::available_processors(), work.sum(), before - after, before);
-    return work.sum() == long(blocks) * (blocks + 1) / 2 && after < before ? 0 : 1;
+    return work.sum() == static_cast<long long>(blocks) * (blocks + 1) / 2 && after < before ? 0 : 1;
 }

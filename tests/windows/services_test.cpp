@@ -118,13 +118,13 @@ TEST(call_once_death_test, a_mutex_that_fails_is_named) {
         };
     };
     EXPECT_CHECK(led("CreateMutexA", take_name, once([] {})), "mutex != 0", once_file);
-    EXPECT_CHECK(
-        {
-            HANDLE const thread = CreateThread(nullptr, 0, abandon, nullptr, 0, nullptr);
-            WaitForSingleObject(thread, INFINITE);
-            call_once([] {}, flag);
-        },
-        "WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0", once_file);
+    auto const find_abandoned = [] {
+        HANDLE const thread = CreateThread(nullptr, 0, abandon, nullptr, 0, nullptr);
+        WaitForSingleObject(thread, INFINITE);
+        call_once([] {}, flag);
+    };
+    EXPECT_CHECK(find_abandoned(), "WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0",
+                 once_file);
     EXPECT_CHECK(led("CreateMutexA", keep_mutex, once([] { ReleaseMutex(once_mutex); })),
                  "ReleaseMutex(mutex) != 0", once_file);
     EXPECT_CHECK(led("CreateMutexA", keep_mutex, once([] { keep_open(once_mutex); })),
