@@ -66,5 +66,6 @@ int main() {
 
     std::printf("%u processors; the sum is %lld; %zu of %zu bytes went back to the system\n",
                 ovel::thread_support::available_processors(), work.sum(), before - after, before);
-    return work.sum() == static_cast<long long>(blocks) * (blocks + 1) / 2 && after < before ? 0 : 1;
+    return work.sum() == static_cast<long long>(blocks) * (blocks + 1) / 2 && after < before ? 0
+                                                                                             : 1;
 }
