@@ -37,7 +37,7 @@ private:
 }  // namespace
 
 int main() {
-    constexpr int blocks = 100000;
+    constexpr int blocks = 500000;
     ovel::allocator_group& allocators = *ovel::allocator_group::global();
 
     // A thread of the program's own says when it begins and ends to use the library's memory.
