@@ -148,10 +148,17 @@ TEST(thread_pool_test, a_thread_that_returns_drops_the_processors_that_its_work_
 }
 
 TYPED_TEST(thread_test, monitors_know_its_threads_by_name) {
-    if (!std::ifstream("/proc/thread-self/comm"))
+    auto const read_name = [] {
+        std::string name;
+        std::getline(std::ifstream("/proc/thread-self/comm"), name);
+        return name;
+    };
+    // The first thread has the program's name there, except under Wine, whose server answers.
+    std::string const own = read_name();
+    if (own.empty() || testing::internal::GetArgvs().front().find(own) == std::string::npos)
         GTEST_SKIP() << "the system does not show the names of threads as files";
     std::string name;
-    work looks([&] { std::getline(std::ifstream("/proc/thread-self/comm"), name); });
+    work looks([&] { name = read_name(); });
     TypeParam driven;
     start(driven, looks).acquire();
     EXPECT_EQ(name, (std::is_same_v<TypeParam, ovel::thread>) ? "ovel-pool" : "ovel-thread");

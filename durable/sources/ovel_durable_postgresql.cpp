@@ -281,7 +281,7 @@ rows postgresql_store::_execute(std::string const& statement, row const& given) 
     parameters const sent(given);
     auto const [known, added] = _prepared.try_emplace(statement);
     if (added) {
-        known->second = "s" + std::to_string(_prepared.size());
+        known->second.assign(1, 's').append(std::to_string(_prepared.size()));
         static constexpr char placeholder[] = "{now}";
         std::string real = statement;
         for (std::size_t at; (at = real.find(placeholder)) != real.npos;)

@@ -9,12 +9,6 @@
 #include <cstdint>
 #include <new>
 
-struct ovel::detail::inspector {
-    static HANDLE pool_lock() {
-        return thread_element_group::global()->_lock._semaphore;
-    }
-};
-
 namespace {
 
 // The exception is thrown on one side of the border and caught on the other.
@@ -45,10 +39,8 @@ void use_threads() {
 
 }  // namespace
 
-extern "C" __declspec(dllexport) holdings use(bool threads) {
+extern "C" __declspec(dllexport) void use(bool threads) {
     use_what_needs_no_thread();
     if (threads)
         use_threads();
-    return {ovel::detail::inspector::pool_lock(),
-            ovel::detail::thread_element_group::global()->size()};
 }
