@@ -28,6 +28,8 @@ function(ovel_conventions target)
     # those in debug information the same on every machine.
     target_compile_options(${target} PRIVATE
         -Wall -Wextra -Wpedantic $<$<BOOL:${OVEL_WERROR}>:-Werror>
+        # gcc 12 takes the copies of a concatenation of strings for overlapping ones.
+        $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
         -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
         -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
 endfunction()
