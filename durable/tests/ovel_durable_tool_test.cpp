@@ -48,7 +48,7 @@ protected:
         write("script", std::string("#!/bin/sh\nset -e\nfor i in $(seq ") +
                             std::to_string(members) + "); do\n'" OVEL_NET_PROGRAM "' " + arguments +
                             store() +
-                            " --json >out$i 2>err$i & eval p$i=$!\ndone\nfor i in $(seq " +
+                            " --seconds 100 --json >out$i 2>err$i & eval p$i=$!\ndone\nfor i in $(seq " +
                             std::to_string(members) + "); do eval wait \\$p$i; done\n");
         std::string const command =
             "cd '" + path(".").string() + "' && sh '" + script + "' 2>>all.err";
