@@ -45,11 +45,11 @@ protected:
     // What the shell's words print as JSON, of several such processes at once.
     std::vector<json> run_members(int members, std::string const& arguments) {
         std::string const script = path("script").string();
-        write("script", std::string("#!/bin/sh\nset -e\nfor i in $(seq ") +
-                            std::to_string(members) + "); do\n'" OVEL_NET_PROGRAM "' " + arguments +
-                            store() +
-                            " --seconds 100 --json >out$i 2>err$i & eval p$i=$!\ndone\nfor i in $(seq " +
-                            std::to_string(members) + "); do eval wait \\$p$i; done\n");
+        write("script",
+              std::string("#!/bin/sh\nset -e\nfor i in $(seq ") + std::to_string(members) +
+                  "); do\n'" OVEL_NET_PROGRAM "' " + arguments + store() +
+                  " --seconds 100 --json >out$i 2>err$i & eval p$i=$!\ndone\nfor i in $(seq " +
+                  std::to_string(members) + "); do eval wait \\$p$i; done\n");
         std::string const command =
             "cd '" + path(".").string() + "' && sh '" + script + "' 2>>all.err";
         EXPECT_EQ(std::system(command.c_str()), 0);
