@@ -14,8 +14,8 @@
 
 namespace ovel {
 
-// Owns one value of any copyable type, or none. Copies are copies of the value.
-// Not synchronised: threads that share one guard it with a lock. Memory comes from
+// Owns one value of any copyable type, or none. Copying an `any` copies its value. Not
+// synchronised: threads that share an `any` guard it with a lock. Memory comes from
 // `allocator_support`.
 //
 //     any token = std::string("paid");
@@ -23,8 +23,8 @@ namespace ovel {
 //     if (int* number = any_cast<int>(&token))
 //         use(*number);
 class any {
-    // Holds the value. The order of the three virtual functions is fixed: the library
-    // calls holders that its clients compiled.
+    // Holds the value. Do not reorder the three virtual functions: the library calls
+    // holders that clients compiled.
     struct holder {
         holder() = default;
         holder(holder const&) = delete;
@@ -33,8 +33,8 @@ class any {
         virtual std::type_info const& type() const = 0;
         virtual holder* clone() const = 0;
 
-        // The library deletes holders that its clients created, and the other way
-        // round.
+        // The library deletes holders that clients created, and clients those of the
+        // library. So both use these operators.
         static void* operator new(std::size_t size) {
             return allocator_support::allocate(size);
         }
@@ -64,27 +64,28 @@ public:
     // Empty.
     any() = default;
 
-    // Holds a copy of `value`, or its moved value. Throws what that throws and
-    // std::bad_alloc.
+    // Holds a copy of `value`, or the moved value. Throws std::bad_alloc and whatever the
+    // copy or move throws.
     template <class T>
     requires(!std::is_same_v<std::decay_t<T>, any> && std::is_copy_constructible_v<std::decay_t<T>>)
         any(T&& value)
         : _content(new value_holder<std::decay_t<T>>(std::forward<T>(value))) {}
 
-    // Holds a T constructed from `source`. If there is no memory, `source` is untouched.
-    // Throws what constructing it throws and std::bad_alloc.
+    // Holds a T constructed from `source`. If memory runs out, `source` is untouched.
+    // Throws std::bad_alloc and whatever the constructor throws.
     template <class T, class Source>
     any(std::in_place_type_t<T>, Source&& source)
         : _content(new value_holder<T>(std::forward<Source>(source))) {}
 
-    // Throws what copying the value throws and std::bad_alloc.
+    // Throws std::bad_alloc and whatever copying the value throws.
     any(any const& other) : _content(other._clone()) {}
 
-    // Takes the value, and leaves `other` empty.
+    // Takes the value of `other` and leaves it empty.
     any(any&& other) noexcept : _content(std::exchange(other._content, nullptr)) {}
 
-    // As the constructors. The old value is destroyed before the new one is copied: if
-    // copying throws, this is left empty, and `other` must not be part of the old value.
+    // Throw like the constructors. Copy assignment destroys the old value before it
+    // copies the new one: if copying throws, this `any` is left empty, and `other` must
+    // not be part of the old value.
     any& operator=(any const& other) {
         if (this != &other) {
             delete std::exchange(_content, nullptr);
@@ -101,7 +102,7 @@ public:
         delete _content;
     }
 
-    // Exchanges the values; copies nothing.
+    // Exchanges the values without copying them.
     void swap(any& other) noexcept {
         std::swap(_content, other._content);
     }
@@ -111,7 +112,7 @@ public:
         return _content == nullptr;
     }
 
-    // The type of the value; void for none.
+    // The type of the value; `void` if there is none.
     std::type_info const& type() const {
         return empty() ? typeid(void) : _content->type();
     }
@@ -130,7 +131,8 @@ private:
     holder* _content = nullptr;
 };
 
-// Points to the value if it is a T. Null otherwise, and for an empty or null operand.
+// Points to the value if it is a T. Returns null if it is not, or if the operand is empty
+// or null.
 template <class T>
 T* any_cast(any* operand) {
     if (operand == nullptr || operand->type() != typeid(T))
@@ -153,7 +155,7 @@ std::remove_reference_t<T> const& any_cast(any const& operand) {
     assure(operand.type() == typeid(T));
     return *any_cast<std::remove_reference_t<T>>(&operand);
 }
-// The result would refer into a destroyed temporary.
+// Deleted: the result would refer into a destroyed temporary.
 template <class T>
 void any_cast(any const&& operand) = delete;
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The check behind every invariant, every detected misuse and every kernel call
-// that must not fail.
+// The check behind every invariant, every detected misuse and every system call that must
+// not fail.
 #ifndef OVEL_ASSURE_H
 #define OVEL_ASSURE_H
 
@@ -8,19 +8,17 @@
 
 namespace ovel {
 
-// Writes "ovel::assure_failed(EXPRESSION, FILE, LINE)" as one line to the
-// standard error stream and aborts the process. Never returns; any thread may
-// call it.
+// Writes "ovel::assure_failed(EXPRESSION, FILE, LINE)" as one line to standard error and
+// aborts the process. Never returns. Any thread may call it.
 [[noreturn]] OVEL_EXPORT void assure_failed(char const* expression, char const* file, int line);
 
 }  // namespace ovel
 
-// Checks that `expression` holds, in every build; if not, the process ends
-// through `ovel::assure_failed` with the expression's text as it is written.
-// The text is taken here, and not in a further macro, because the names of
-// constants would be expanded on the way. A check that can never hold,
-// `assure(("reason", 0))`, discards its reason on purpose; nothing else in the
-// argument may go unused.
+// Checks `expression` in every build. If it is false, `ovel::assure_failed` ends the
+// process and prints the expression as written. This macro must stringize the expression
+// itself: a further macro would expand the names of constants first. A check that can
+// never hold, `assure(("reason", 0))`, discards its reason on purpose; nothing else in
+// the argument may go unused.
 // clang-format off
 #define assure(expression)                                           \
     do {                                                             \

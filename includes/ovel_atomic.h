@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The atomic words of the library. Every field that two threads may touch
-// without a common lock is one of these, so that an implementation of the kernel
-// services that explores interleavings sees every such access.
+// The library's atomic words. Every field that two threads may access without a common
+// lock is one of these, so that the simulated kernel, which explores interleavings, sees
+// every such access.
 #ifndef OVEL_ATOMIC_H
 #define OVEL_ATOMIC_H
 
@@ -18,8 +18,8 @@ namespace ovel::detail {
 template <class T>
 using atomic = std::atomic<T>;
 
-// Atomic access to a word whose declared type is not atomic, because clients
-// see it as `unsigned int volatile`.
+// Atomic access to a word whose declared type is not atomic, because clients see it as
+// `unsigned int volatile`.
 template <class T>
 class atomic_ref {
 public:

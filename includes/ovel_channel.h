@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A bounded first-in-first-out queue of tokens: the contents of a Petri net's place.
+// A bounded FIFO queue of tokens: the contents of a Petri net's place.
 #ifndef OVEL_CHANNEL_H
 #define OVEL_CHANNEL_H
 
@@ -15,13 +15,13 @@
 
 namespace ovel {
 
-// A ring of tokens in a buffer that is allocated once. `send` copies a token and
-// `receive` moves it out. Not synchronised, and never waits: threads that share a
-// channel guard it with a lock, and know whether it has room or a token. Sending into a
-// full channel and receiving from an empty one fail a check.
+// A ring of tokens in a buffer that is allocated once. `send` copies a token in and
+// `receive` moves one out. Not synchronised and never waits: threads that share a channel
+// guard it with a lock and keep track of its free slots and tokens. Sending into a full
+// channel or receiving from an empty one fails a check.
 class channel {
 public:
-    // Room for `capacity` tokens. Throws std::bad_alloc.
+    // Has room for `capacity` tokens. Throws std::bad_alloc.
     explicit channel(unsigned int capacity)
         : _capacity(capacity),
           _size(0),
@@ -38,7 +38,7 @@ public:
         allocator_support::deallocate(_begin);
     }
 
-    // How many tokens there is room for.
+    // The number of slots for tokens.
     unsigned int capacity() const {
         return _capacity;
     }
@@ -60,7 +60,7 @@ public:
         ++_size;
     }
 
-    // Moves the oldest token into `target`, and destroys the value that `target` had
+    // Moves the oldest token into `target` and destroys the value that `target` had
     // (check "_size != 0"). Copies nothing.
     void receive(any& target) {
         assure(_size != 0);
@@ -95,13 +95,13 @@ private:
         --_size;
     }
 
-    // The `_size` slots from `_front` on hold tokens; `_begin` follows `_end`. The other
-    // slots are raw memory, and `_back` is the first of them.
+    // The `_size` slots from `_front` on hold tokens; after the last slot comes `_begin`.
+    // The other slots are raw memory, and `_back` is the first of them.
     unsigned int const _capacity;
     unsigned int _size;
     any* const _begin;
     any* const _end;
-    any* _back;   // the slot of the next token
+    any* _back;   // the slot for the next token
     any* _front;  // the oldest token
 };
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The few kernel services that inline members of the public headers call. The
-// library's sources use more of them: platform/kernel.h, which is also where
-// each is described in full.
+// The few kernel services that inline members of the public headers call. The library's
+// sources use more of them. platform/kernel.h describes all of them in full.
 #ifndef OVEL_KERNEL_H
 #define OVEL_KERNEL_H
 
@@ -26,19 +25,19 @@
 
 namespace ovel {
 
-// An inline namespace: the services bear the system's names, and no name of
-// theirs reaches the global namespace.
+// An inline namespace: the services have the system's names but stay out of the global
+// namespace.
 inline namespace kernel {
 
-// A kernel object: a semaphore, a named mutex or a thread. Null is never one.
+// A kernel object: a semaphore, a named mutex or a thread. Never null.
 using HANDLE = void*;
 using LONG = int;
 using DWORD = unsigned int;
 using BOOL = int;
 
 inline constexpr DWORD INFINITE = 0xffffffffu;  // a timeout that never ends
-inline constexpr DWORD WAIT_OBJECT_0 = 0;       // the object was acquired
-inline constexpr DWORD WAIT_TIMEOUT = 258;      // it was not, in the time given
+inline constexpr DWORD WAIT_OBJECT_0 = 0;       // the wait acquired the object
+inline constexpr DWORD WAIT_TIMEOUT = 258;      // the wait timed out
 inline constexpr DWORD WAIT_FAILED = 0xffffffffu;
 inline constexpr DWORD TLS_OUT_OF_INDEXES = 0xffffffffu;
 
@@ -57,8 +56,8 @@ OVEL_EXPORT void YieldProcessor();
 
 #else
 
-// What `GetCurrentThreadId` reads: the calling thread's identifier, or 0 until it
-// is asked for. Initial-exec, so that reading it is a load and no call.
+// What `GetCurrentThreadId` reads: the calling thread's identifier, or 0 until the first
+// call finds it. Initial-exec, so that reading it is one load and no call.
 OVEL_EXPORT extern constinit thread_local unsigned int current_thread_id
     [[gnu::tls_model("initial-exec")]];
 OVEL_EXPORT unsigned int find_current_thread_id();
@@ -68,7 +67,7 @@ inline unsigned long GetCurrentThreadId() {
     return known != 0 ? known : find_current_thread_id();
 }
 
-// The processor's hint that the caller polls a word.
+// Tells the processor that the caller polls a word.
 inline void YieldProcessor() {
     __builtin_ia32_pause();
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A doubly linked list in the order of insertion.
+// A doubly linked list in insertion order.
 #ifndef OVEL_LIST_H
 #define OVEL_LIST_H
 
@@ -13,7 +13,7 @@ namespace ovel {
 
 namespace detail {
 
-// What links a node to its neighbours, and all that an end node consists of.
+// The links of a node. The end node consists of nothing else.
 struct list_links {
     list_links* _next;
     list_links* _previous;
@@ -21,9 +21,9 @@ struct list_links {
 
 }  // namespace detail
 
-// A list of copies of values. An iterator stays valid until its element is
-// erased. Not synchronised: threads that share a list guard it with a lock. Memory
-// comes from `allocator_support`.
+// A list that stores copies of values. An iterator stays valid until its element is
+// erased. Not synchronised: threads that share a list guard it with a lock. Memory comes
+// from `allocator_support`.
 //
 //     list<task*> tasks;
 //     tasks.push_back(&first);
@@ -34,8 +34,8 @@ class list : private detail::list_links {
     struct node : detail::list_links {
         explicit node(T const& copied) : detail::list_links(), value(copied) {}
 
-        // Both the library and its clients may contain this code. With the operators of
-        // either, one could free a node that the other allocated.
+        // The library and its clients may both contain this code. With their own
+        // operators, one could free a node that the other allocated.
         static void* operator new(std::size_t size) {
             return allocator_support::allocate(size);
         }
@@ -48,16 +48,16 @@ class list : private detail::list_links {
     static_assert(alignof(T) <= 16, "allocator_support aligns no further");
 
 public:
-    // A position. A default-constructed one belongs to no list and equals only
-    // others of its kind.
+    // A position. A default-constructed iterator belongs to no list and equals only other
+    // default-constructed ones.
     class iterator {
     public:
-        using value_type = T;                    // as the standard asks of iterators
-        using difference_type = std::ptrdiff_t;  // as well
+        using value_type = T;                    // required of iterators
+        using difference_type = std::ptrdiff_t;  // likewise
 
         iterator() = default;
 
-        // The element there, which must exist.
+        // The element at this position, which must exist.
         T& operator*() const {
             return static_cast<node*>(_position)->value;
         }
@@ -85,17 +85,17 @@ public:
         detail::list_links* _position = nullptr;
     };
 
-    // A position in a list whose elements may not be changed.
+    // A position that gives read-only access to the elements.
     class const_iterator {
     public:
-        using value_type = T;                    // as the standard asks of iterators
-        using difference_type = std::ptrdiff_t;  // as well
+        using value_type = T;                    // required of iterators
+        using difference_type = std::ptrdiff_t;  // likewise
 
-        // Where an iterator is.
+        // Belongs to no list, or points where `position` does.
         const_iterator() = default;
         const_iterator(iterator position) : _position(position) {}
 
-        // The element there, which must exist.
+        // The element at this position, which must exist.
         T const& operator*() const {
             return *_position;
         }
@@ -118,14 +118,13 @@ public:
         iterator _position;
     };
 
-    // An element that is in no list yet. The handle frees it unless a list has taken
-    // it.
+    // An element that is in no list yet. The handle frees it unless a list takes it.
     using prepared = std::unique_ptr<node>;
 
-    // Without elements. Allocates nothing.
+    // An empty list. Allocates nothing.
     list() : detail::list_links{this, this}, _size(0) {}
 
-    // Throws what copying a value or allocating throws, and leaks nothing.
+    // Throws whatever copying a value or allocating throws, and then leaks nothing.
     list(list const& other) : list() {
         for (T const& value : other)
             push_back(value);
@@ -140,12 +139,12 @@ public:
     iterator begin() {
         return iterator(_next);
     }
-    // Behind the last element.
+    // The position after the last element.
     iterator end() {
         return iterator(this);
     }
 
-    // The same for a list whose elements may not be changed.
+    // The same with read-only access.
     const_iterator begin() const {
         return iterator(_next);
     }
@@ -153,18 +152,19 @@ public:
         return const_cast<list*>(this)->end();
     }
 
-    // How many elements it has. Does not count them.
+    // The number of elements, in constant time.
     unsigned int size() const {
         return _size;
     }
 
-    // The part of an insertion that can fail. So a caller can put one value into several
-    // lists or none. Throws what copying the value or allocating throws.
+    // Performs the part of an insertion that can fail, so that a caller can add one value
+    // to several lists or to none. Throws whatever copying the value or allocating
+    // throws.
     static prepared prepare(T const& value) {
         return prepared(new node(value));
     }
 
-    // Appends an element that was prepared.
+    // Appends a prepared element.
     void push_back(prepared&& element) noexcept {
         node* const last = element.release();
         last->_next = this;
@@ -174,7 +174,7 @@ public:
         ++_size;
     }
 
-    // Appends a copy. The list is unchanged when that throws.
+    // Appends a copy. If copying or allocating throws, the list is unchanged.
     void push_back(T const& value) {
         push_back(prepare(value));
     }
@@ -201,8 +201,8 @@ public:
 private:
     friend struct detail::inspector;
 
-    // The list is its own end node: `_next` is its first element, `_previous`
-    // its last, and both are the list itself while it is empty.
+    // The list is its own end node: `_next` points to the first element and `_previous`
+    // to the last. In an empty list both point to the list itself.
     unsigned int _size;  // elements
 };
 

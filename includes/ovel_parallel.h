@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Divide and conquer on the threads of a `work_group`: scopes of children that are waited
-// for together, functions that run side by side, loops and reductions.
+// Divide and conquer on the threads of a `work_group`: scopes whose children are waited
+// for together, functions that run in parallel, loops and reductions.
 //
 //     work_group group;
 //     parallel_for(group, 0, height, [&](int begin, int end) { draw(begin, end); });
@@ -9,20 +9,20 @@
 //         [](auto begin, auto end, double start) { return std::accumulate(begin, end, start); },
 //         std::plus<>());
 //
-// A thread that waits here works meanwhile, on nothing but what it waits for: children of
-// its own scope or call, and what those have opened. So it holds up nothing else, may hold
-// locks that other work takes, and needs no more stack than the program's own nesting. It
-// sleeps when there is nothing of that to do. One thread suffices for everything: what no
-// other thread takes, the caller runs itself. No thread is started, and no memory taken
-// that grows with the work: when 960 children wait on a thread, it runs the next at once.
+// A waiting thread works meanwhile, but only on what it waits for: the children of its
+// own scope or call, and their descendants. So it delays nothing else, may hold locks
+// that other work takes, and needs no more stack than the program's own nesting. It
+// sleeps when there is no such work. One thread suffices for everything: the caller runs
+// what no other thread takes. Nothing here starts a thread or allocates memory that grows
+// with the work: when 960 children wait on a thread, it runs the next one at once.
 //
-// Any thread may call all this; one that does not belong to the group takes part for as
-// long as its outermost scope or call lasts.
-// Without a group the calling thread's `work_group::current()` is meant; if there is none,
-// the caller does all the work.
+// Any thread may call these functions. A thread that does not belong to the group joins
+// in until its outermost scope or call ends. Without a group argument, they use the
+// calling thread's `work_group::current()`; if that is null, the caller does all the
+// work.
 //
-// Of exceptions the first wins: it is rethrown to the caller when nothing of the call runs
-// any more. std::bad_alloc as well, where the group has no memory for another thread.
+// The first exception wins: the caller gets it once nothing of the call runs any more.
+// Calls also throw std::bad_alloc if the group has no memory for another thread.
 #ifndef OVEL_PARALLEL_H
 #define OVEL_PARALLEL_H
 
@@ -47,12 +47,12 @@ namespace ovel {
 
 namespace detail {
 
-// A scope of the library's own, on the stack of the call.
+// A scope that the library opens on the stack of a call.
 class call_scope : public scope_base {
 public:
     explicit call_scope(task_seat& seat) : scope_base(seat) {}
 
-    // Keeps the exception that is being handled, and discards what has not begun.
+    // Keeps the exception being handled and discards what has not begun.
     void fail() {
         error.keep(std::current_exception());
         stop();
@@ -60,7 +60,7 @@ public:
     void fork(task& child) {
         _fork(child);
     }
-    // Runs or awaits all children, and rethrows the first exception.
+    // Runs or awaits all children, then rethrows the first exception.
     void join() {
         _join();
         if (error.is_kept()) [[unlikely]]
@@ -68,7 +68,7 @@ public:
     }
 };
 
-// Makes the caller's seat in a group the current one, for as long as a call lasts.
+// Makes the caller's seat in a group the current one for the duration of a call.
 class entered_group {
 public:
     explicit entered_group(task_crew& crew) : seat(crew.enter(_previous)) {}
@@ -85,7 +85,7 @@ public:
     task_seat& seat;
 };
 
-// Gives the functions of this header a group's crew.
+// Gives the functions in this header access to a group's crew.
 class crew_of {
 public:
     static task_crew& get(work_group& group) {
@@ -93,7 +93,7 @@ public:
     }
 };
 
-// A callable that waits on the caller's stack.
+// A callable that stays on the caller's stack.
 template <class Callable>
 struct stack_task : task {
     stack_task(call_scope& scope, Callable& callable) : task{&_run, scope}, _callable(callable) {}
@@ -131,9 +131,9 @@ void fork_all(call_scope& scope, First& first, Others&... others) {
 
 }  // namespace detail
 
-// Runs the callables, which take no arguments, side by side, and returns when all have
-// ended. The calling thread runs the last one, and the others wait on its stack. When one
-// throws, those that have not begun are discarded.
+// Runs the callables, which take no arguments, in parallel and returns when all have
+// ended. The calling thread runs the last one. If one throws, those that have not begun
+// are discarded. What they wrote is visible to the caller.
 template <class... Callables>
 requires(sizeof...(Callables) != 0 &&
          (std::is_invocable_v<Callables&> && ...)) void parallel_invoke(work_group& group,
@@ -153,20 +153,20 @@ requires(sizeof...(Callables) != 0 &&
     }
 }
 
-// How a loop is divided.
+// How to divide a loop.
 struct loop_options {
-    // The elements of a part, 1 or more, of which only the last may have fewer; 0: chosen
-    // by the number of elements alone, some hundred parts.
+    // The number of elements in a part, at least 1; only the last part may have fewer. 0
+    // lets the number of elements decide, for some hundred parts.
     std::size_t grain = 0;
-    // Parts that have not begun when this is requested are left out.
+    // Skips parts that have not begun when a stop is requested.
     std::stop_token stop{};
 };
 
 namespace detail {
 
-// A range in parts, which is halved again and again: the caller keeps one half and puts the
-// other where threads may take it, as long as there are fewer halves than threads, and
-// later whenever a thread has nothing to do. `Loop` tells what is done with a part.
+// A range that is halved again and again. The caller keeps one half and offers the other
+// to other threads: at first until there are as many halves as threads, later whenever a
+// thread is idle. `Loop` defines what happens to a part.
 class divided_range {
 public:
     divided_range(std::size_t size, loop_options const& options)
@@ -177,7 +177,7 @@ public:
     std::size_t parts() const {
         return _size / _grain + (_size % _grain != 0);
     }
-    // The elements of part `part` begin and end here.
+    // The bounds of part `part`, in elements.
     std::size_t begin(std::size_t part) const {
         return part * _grain;
     }
@@ -185,7 +185,7 @@ public:
         return std::min(_size - part * _grain, _grain) + part * _grain;
     }
 
-    // Whether parts are to be left out. Relaxed: parts that begin meanwhile may.
+    // Whether to skip parts. Relaxed: parts that begin meanwhile may run.
     bool is_stopped() {
         if (_left_out.load(std::memory_order_relaxed))
             return true;
@@ -205,10 +205,12 @@ private:
     std::size_t const _size;
     std::size_t const _grain;
     std::stop_token const _stop;
+    // Relaxed: publishes nothing, and `is_complete` reads it after the join.
     atomic<bool> _left_out{false};
 };
 
-// The half of a loop that waits to be taken. A thread that takes it divides it among all.
+// The half of a loop that other threads may take. A thread that steals it divides it
+// among all threads anew.
 template <class Loop>
 struct half_task : task {
     half_task(call_scope& scope, Loop& loop, std::size_t first, std::size_t last,
@@ -239,12 +241,12 @@ private:
     unsigned int const _shares;
 };
 
-// A reduction: `body` makes a result of each part, and `join` one of two.
+// A reduction: `body` computes a result for each part, and `join` combines two results.
 template <class Index, class T, class Body, class Join>
 struct divided_loop {
     using result = T;
 
-    // `seat` is null for a thread that is alone. There is a part at least.
+    // `seat` is null for a thread outside any group. There is at least one part.
     T run(task_seat* seat, std::size_t first, std::size_t last, unsigned int shares) {
         if (range.is_stopped())
             return identity;
@@ -286,7 +288,7 @@ std::size_t count_between(Index const& first, Index const& last) {
     return first < last ? static_cast<std::size_t>(last - first) : 0;
 }
 
-// Runs `loop` on the threads of `group`, or of the current group if it is null.
+// Runs `loop` on the threads of `group`, or of the current group if `group` is null.
 template <class Loop>
 typename Loop::result run_loop(work_group* group, Loop& loop) {
     std::size_t const parts = loop.range.parts();
@@ -330,10 +332,10 @@ std::optional<T> run_reduce(work_group* group, Index first, Index last, T const&
 
 }  // namespace detail
 
-// Calls `body(begin, end)` for parts of [first, last), which together are all of it, in any
-// order and side by side. The two are integers, or iterators of random access. Returns
-// whether no part was left out because of `options.stop`. When a part throws, those that
-// have not begun are left out.
+// Calls `body(begin, end)` for parts that together cover [first, last), in any order and
+// in parallel. `first` and `last` are integers or random-access iterators. Returns true
+// if `options.stop` made it skip no part. If a part throws, those that have not begun are
+// skipped. What the parts wrote is visible to the caller.
 template <class Index, class Body>
 bool parallel_for(work_group& group, Index first, Index last, Body body,
                   loop_options const& options = {}) {
@@ -344,12 +346,12 @@ bool parallel_for(Index first, Index last, Body body, loop_options const& option
     return detail::run_for(static_cast<work_group*>(nullptr), first, last, body, options);
 }
 
-// Joins what `body(begin, end, start)` returns for parts of [first, last), each time with a
-// copy of `identity` to start from; `identity` for an empty range. `join(left, right)` joins
-// neighbours, the left one first, so it need only be associative. Which parts there are and
-// how they are joined depends on the number of elements and on the grain, not on threads: so
-// the result is the same each time, sums of floating-point numbers too. When a part throws,
-// those that have not begun are left out.
+// Combines what `body(begin, end, start)` returns for parts of [first, last). Each call
+// gets a copy of `identity` as `start`; an empty range yields `identity`. `join(left,
+// right)` combines neighbours in order, so it need only be associative. The number of
+// elements and the grain alone determine the parts and how they are joined. So the result
+// is the same every time, even for sums of floating-point numbers. If a part throws,
+// those that have not begun are skipped.
 template <class Index, class T, class Body, class Join>
 T parallel_reduce(work_group& group, Index first, Index last, T identity, Body body, Join join,
                   std::size_t grain = 0) {
@@ -362,7 +364,7 @@ T parallel_reduce(Index first, Index last, T identity, Body body, Join join,
                                {.grain = grain});
 }
 
-// The same with a stop token: nothing if parts were left out because of it.
+// The same with a stop token. Returns nothing if the token made it skip parts.
 template <class Index, class T, class Body, class Join>
 std::optional<T> parallel_reduce(work_group& group, Index first, Index last, T identity, Body body,
                                  Join join, loop_options const& options) {
@@ -375,17 +377,18 @@ std::optional<T> parallel_reduce(Index first, Index last, T identity, Body body,
                               options);
 }
 
-// Children that are waited for together. Scopes nest to any depth.
+// Children that a thread waits for together. Scopes nest to any depth.
 //
 //     task_scope here(group);
 //     for (directory const& each : directories)
 //         here.run([&] { total += size_of(each); });
 //     here.wait();
 //
-// The thread that opened a scope waits and destroys it, scopes in reverse order; it and the
-// scope's children call `run`. Children are part of the work that opened the scope: they
-// have no place in the group's queue, and take no space of their own. Misuse fails the check
-// "_is_innermost_of_caller()".
+// Only the thread that opened a scope may wait for it and destroy it, in the reverse
+// order of opening. That thread and the scope's children may call `run`. What a child
+// wrote is visible once `wait` has returned. Children are part of the work that opened
+// the scope: they do not enter the group's queue and take no space of their own. Misuse
+// fails the check "_is_innermost_of_caller()".
 class task_scope : detail::entered_group, detail::scope_base {
 public:
     // Throws std::bad_alloc.
@@ -395,13 +398,13 @@ public:
           _group(group),
           _opener(GetCurrentThreadId()) {}
 
-    // Children that have not begun when `stop` is requested are discarded, too.
+    // Also discards children that have not begun when `stop` is requested.
     task_scope(work_group& group, std::stop_token stop) : task_scope(group) {
         _outer_stop = std::move(stop);
     }
 
-    // Stops the scope and waits. An exception that no `wait` has rethrown goes to the scope
-    // around this one, or to the group.
+    // Stops the scope and waits. Passes an exception that no `wait` has rethrown to the
+    // enclosing scope, or to the group.
     ~task_scope() {
         stop();
         _join_checked();
@@ -411,14 +414,15 @@ public:
             else
                 _group._error.keep(lost);
         }
+        // Relaxed: nothing else uses the scope any more.
         delete _stop_state.load(std::memory_order_relaxed);
     }
 
-    // Has `callable`, which takes no arguments, run as a child: by another thread, by this
-    // one during `wait`, or before this returns, as it always is where the caller has a
-    // further scope open inside this one. Waits for no other work. The caller holds no lock
-    // that `callable` takes. Discarded once the scope has been stopped. Throws
-    // std::bad_alloc.
+    // Runs `callable`, which takes no arguments, as a child: on another thread, on this
+    // one during `wait`, or before `run` returns. The last is always so if the caller has
+    // a further scope open inside this one. Does not wait for other work. The caller must
+    // not hold a lock that `callable` takes. Discards `callable` once the scope has been
+    // stopped. Throws std::bad_alloc.
     template <class Callable>
     void run(Callable callable) {
         auto* const child = new heap_task<Callable>(*this, std::move(callable));
@@ -426,28 +430,30 @@ public:
         _fork_from(by_opener ? &scope_base::seat() : scope_base::seat().crew().find_seat(), *child);
     }
 
-    // Runs children and waits for those that other threads run, also for what they run
-    // meanwhile; then rethrows the first exception that a child threw. Afterwards the scope
-    // goes on.
+    // Runs children and waits for those that other threads run, and for what they submit
+    // meanwhile. Then rethrows the first exception that a child threw. The scope can be
+    // used again afterwards.
     void wait() {
         _join_checked();
         if (std::exception_ptr const caught = error.take())
             std::rethrow_exception(caught);
     }
 
-    // Has children that have not begun discarded, and those that are run from now on. Any
-    // thread that knows the scope to exist may call it. It does not reach scopes that
-    // children have opened: give those this scope's token.
+    // Discards children that have not begun, and those that are run from now on. Any
+    // thread that knows that the scope still exists may call it. It does not stop scopes
+    // that children have opened: give those this scope's token.
     void stop() {
-        // Pairs with the exchange in `stop_token`: one of the two sees the other.
+        // Sequentially consistent, like the exchange in `stop_token`: at least one of the
+        // two threads sees what the other wrote.
         scope_base::stop();
         if (stop_state* const state = _stop_state.load())
             state->source.request_stop();
     }
 
-    // A token that is requested by `stop`, and by the token that the scope was opened with.
-    // The opener and its children may call it. Throws std::bad_alloc.
+    // A token on which `stop` requests a stop, and so does the token that the scope was
+    // opened with. The opener and its children may call it. Throws std::bad_alloc.
     std::stop_token stop_token() {
+        // Acquire: pairs with the exchange of the thread that made the state.
         stop_state* state = _stop_state.load(std::memory_order_acquire);
         if (state == nullptr) {
             auto made = std::make_unique<stop_state>(_outer_stop);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A list that keeps itself sorted, with express lanes to insert and find fast.
+// A list that keeps itself sorted, with express lanes for fast insertion and search.
 #ifndef OVEL_SKIP_LIST_H
 #define OVEL_SKIP_LIST_H
 
@@ -17,34 +17,35 @@
 
 namespace ovel {
 
-// The order of a `skip_list<T>`, given by a specialisation for T with
+// The order of a `skip_list<T>`. Specialise it for T with
 //
 //     static bool precedes(T const& x, T const& e);
 //
-// which tells whether a new element x goes before the element e that is already in the
-// list. If it is false for equal elements, a new one goes behind them, else before them.
-// Where it is false the order may also have
+// which returns whether a new element x goes before the element e that is already in the
+// list. If it returns false for equal elements, a new one goes after its equals,
+// otherwise before them. In the first case the order may also have
 //
 //     static std::size_t hash(T const& x);
 //
-// which is the same for equal elements and spread over its 16 lowest bits. A long list
-// then usually finds the place behind equals without a search. Neither throws.
+// which returns the same value for equal elements and spreads its 16 lowest bits. A long
+// list then usually finds the place after equals without a search. Neither function
+// throws.
 template <class T>
 struct skip_list_order;
 
-// Work items that wait in a group, as (work, time, space): the largest space first, then
-// the longest time, then the one that was queued first.
+// Work items that wait in a group, as (work, time, space): largest space first, then
+// longest time, then first in, first out.
 template <class Work>
 struct skip_list_order<triple<Work*, double, double>> {
-    // Whether `x` takes more space than `e`, or as much and more time.
+    // Whether `x` takes more space than `e`, or the same space and more time.
     static bool precedes(triple<Work*, double, double> const& x,
                          triple<Work*, double, double> const& e) {
         return x.third > e.third || (x.third == e.third && x.second > e.second);
     }
 
-    // 0.0 and -0.0 are equal; the addition turns both into 0.0. The bits of both values,
-    // one rotated, are multiplied by 2^64 over the golden ratio, which spreads them over the
-    // upper bits.
+    // 0.0 and -0.0 are equal, so the addition turns both into 0.0. The multiplication by
+    // 2^64 over the golden ratio spreads the bits of both values, one of them rotated,
+    // over the upper bits.
     static std::size_t hash(triple<Work*, double, double> const& x) {
         std::uint64_t const both = std::rotl(std::bit_cast<std::uint64_t>(x.third + 0.0), 29) ^
                                    std::bit_cast<std::uint64_t>(x.second + 0.0);
@@ -52,42 +53,43 @@ struct skip_list_order<triple<Work*, double, double>> {
     }
 };
 
-// A list of copies of values in the order of `skip_list_order<T>`. Inserting and
-// finding take about log2(size) steps; erasing compares no values. An iterator
-// stays valid until its element is erased. Not synchronised: threads that share a
-// list guard it with a lock. Memory comes from `allocator_support`.
+// A list of copies of values, sorted by `skip_list_order<T>`. Insertion and search take
+// about log2(size) steps; erasing compares no values. An iterator stays valid until its
+// element is erased. Not synchronised: threads that share a list guard it with a lock.
+// Memory comes from `allocator_support`.
 //
-// How it is built. Level 0 links all elements in order. Level i links, in the same
-// order, the nodes whose level exceeds i: about a quarter of all for i = 1, and on each
-// further level half of those below. The level in use is that of the highest node, or 1
-// in an empty list. A link without a further node leads to the end position, and so do
-// the head's links at and above the level in use. The back links follow level 0.
+// Structure. Level 0 links all elements in order. Level i links, in the same order, the
+// nodes whose level exceeds i: about a quarter of all nodes for i = 1, and half as many
+// on each further level. The level in use is that of the highest node, or 1 in an empty
+// list. The last link of each level leads to the end position, and so do the head's links
+// at and above the level in use. The back links follow level 0.
 //
-// The head records the last node of each level, so that an element that goes behind all
-// others is linked without a search. A long list also records, in a table by hash, the
-// last node of some runs of equals on the lowest levels. For an element that is higher,
-// it searches only the levels above. An entry is always the last of its run on its level:
-// insertions into the run overwrite it, and extracting the node clears it.
+// The head records the last node of each level, so an element that goes after all others
+// needs no search. A long list also keeps a table by hash that records, for some runs of
+// equal elements, the last node on the lowest levels. A higher element then searches only
+// the levels above. An entry is always the last node of its run on its level: an
+// insertion into the run overwrites it, and extracting the node clears it.
 template <class T>
 class skip_list {
     static_assert(std::is_nothrow_copy_constructible_v<T>,
                   "elements are pointers and plain records");
     static_assert(alignof(T) <= 16, "allocator_support aligns no further");
 
-    // What an iterator points to: the back link. The end position has nothing else.
+    // What an iterator points to: the back link. The end position consists of nothing
+    // else.
     struct position {
         position* _previous;
     };
 
-    // The link part of a node. In one allocation, the value lies before it and `_level`
-    // forward links lie behind it.
+    // The link part of a node. A node is one allocation: the value, this, and then
+    // `_level` forward links.
     struct links : position {
         unsigned int _level;
     };
 
-    // The start of the head block. Behind it lie `_capacity` forward links, then for each
-    // level a pointer to the forward links of its last node, or to the head's own, and
-    // then the ends of runs: nodes or null.
+    // The start of the head block. After it come `_capacity` forward links; then, for
+    // each level, a pointer to the forward links of its last node or to the head's own;
+    // and then the ends of runs, each a node or null.
     struct head {
         unsigned int _level;  // the level in use
         unsigned int _capacity;
@@ -95,16 +97,16 @@ class skip_list {
     static_assert(sizeof(head) % alignof(position*) == 0);
 
 public:
-    // A position. A default-constructed one belongs to no list and equals only
-    // others of its kind.
+    // A position. A default-constructed iterator belongs to no list and equals only other
+    // default-constructed ones.
     class iterator {
     public:
-        using value_type = T;                    // as the standard asks of iterators
-        using difference_type = std::ptrdiff_t;  // as well
+        using value_type = T;                    // required of iterators
+        using difference_type = std::ptrdiff_t;  // likewise
 
         iterator() = default;
 
-        // The element there, which must exist.
+        // The element at this position, which must exist.
         T& operator*() const {
             return *_value(_position);
         }
@@ -122,7 +124,7 @@ public:
             return before;
         }
 
-        // Moves to the element before, which must exist.
+        // Moves to the previous element, which must exist.
         iterator& operator--() {
             _position = _position->_previous;
             return *this;
@@ -144,7 +146,7 @@ public:
         position* _position = nullptr;
     };
 
-    // Without elements. Allocates nothing.
+    // An empty list. Allocates nothing.
     skip_list() : _size(0), _head(nullptr), _end{&_end}, _seed(1) {}
     skip_list(skip_list const&) = delete;
     skip_list& operator=(skip_list const&) = delete;
@@ -158,12 +160,12 @@ public:
     iterator begin() {
         return iterator(_head == nullptr ? &_end : _forward(_head)[0]);
     }
-    // Behind the last element.
+    // The position after the last element.
     iterator end() {
         return iterator(&_end);
     }
 
-    // How many elements it has, and whether it has none. Does not count them.
+    // The number of elements, and whether there is none, in constant time.
     unsigned int size() const {
         return _size;
     }
@@ -171,8 +173,8 @@ public:
         return _size == 0;
     }
 
-    // An element that is not yet in a list, or no longer. The handle frees it unless a
-    // list has taken it.
+    // An element outside any list: prepared for insertion or extracted. The handle frees
+    // it unless a list takes it.
     struct freeing {
         // Destroys the value and frees its memory.
         void operator()(T* value) const {
@@ -182,27 +184,28 @@ public:
     };
     using detached = std::unique_ptr<T, freeing>;  // owns the element
 
-    // Allocates for a later insertion, outside the lock that guards the list, with links
-    // for `level` levels, 1 or more. Throws std::bad_alloc.
+    // Allocates an element for a later insertion, outside the lock that guards the list.
+    // It has links for `level` levels, at least 1. Throws std::bad_alloc.
     static detached prepare(T const& value, unsigned int level) {
         return detached(_value(_allocate_node(value, level)));
     }
 
-    // The level that the next insertion draws, unless the head must grow for it.
+    // The level that the next insertion will draw, unless the head must grow first.
     unsigned int next_level() const {
         unsigned int seed = _seed;
         return _head != nullptr ? _draw_level(seed) : 1;
     }
 
-    // Inserts a copy where the order puts it and returns its position. Throws
-    // std::bad_alloc, with the elements unchanged.
+    // Inserts a copy at its place in the order and returns its position. Throws
+    // std::bad_alloc and then leaves the elements unchanged.
     iterator insert(T const& value) {
         _make_room();
         unsigned int const level = _draw_level(_seed);
         return _insert(_allocate_node(value, level));
     }
 
-    // The same with a prepared element, or with a copy of it if it has too few levels.
+    // The same with a prepared element. If the element has too few levels, inserts a copy
+    // of it.
     iterator insert(detached& element) {
         _make_room();
         unsigned int const level = _draw_level(_seed);
@@ -213,14 +216,14 @@ public:
         return _insert(inserted);
     }
 
-    // Erases this element, not one that equals it. Returns the one behind it.
+    // Erases this very element, not one that equals it. Returns the next position.
     iterator erase(iterator where) {
         iterator const next(_forward(where._position)[0]);
         extract(where);
         return next;
     }
 
-    // Takes this element, not one that equals it, out of the list.
+    // Removes this very element, not one that equals it, from the list and returns it.
     detached extract(iterator where) {
         position* const extracted = where._position;
         position* const next = _forward(extracted)[0];
@@ -248,11 +251,11 @@ public:
         return detached(_value(extracted));
     }
 
-    // The addresses that extracting the second element will touch, once it is the first.
-    // `fetch` needs no lock: a prefetch may name memory that has been freed.
+    // The addresses that extracting the second element will touch once it is the first.
+    // `fetch` needs no lock, because a prefetch may name freed memory.
     class outlook {
     public:
-        // Prefetches them, to be written.
+        // Prefetches them for writing.
         void fetch() const {
             __builtin_prefetch(_list, 1);
             __builtin_prefetch(_list_head, 1);
@@ -269,13 +272,13 @@ public:
         void const* _element;
     };
 
-    // At this moment. The list must have held an element before.
+    // The addresses as of now. The list must have held an element before.
     outlook look_ahead() const {
         position* const first = _forward(_head)[0];
         return {this, _head, first != &_end ? _forward(first)[0] : first};
     }
 
-    // Erases all. The head and the state of the level generator stay.
+    // Erases all elements. Keeps the head and the state of the level generator.
     void clear() {
         if (_head == nullptr)
             return;
@@ -290,9 +293,9 @@ public:
         _end._previous = &_end;
     }
 
-    // The first element for which `test(T const&)` holds, or the end. The test must be
-    // false for the elements up to some place and true for the rest. It is called at
-    // most once for an element.
+    // The first element for which `test(T const&)` is true, or the end. The test must be
+    // false for all elements before some position and true for all after it. It is called
+    // at most once per element.
     template <class Test>
     iterator find_first(Test test) {
         if (_head == nullptr)
@@ -304,18 +307,19 @@ public:
 private:
     friend struct detail::inspector;
 
-    // Levels for 2^32 elements.
+    // Enough levels for 2^32 elements.
     static constexpr unsigned int _max_capacity = 32;
 
-    // The generator of levels: x -> 16807 x modulo 2^31 - 1, a full period of all numbers
-    // from 1 to 2^31 - 2 in one multiplication. The lower half makes a node higher.
+    // The level generator: x -> 16807 x modulo 2^31 - 1. One multiplication gives the
+    // full period, all numbers from 1 to 2^31 - 2. A number in the lower half makes the
+    // node one level higher.
     static constexpr std::uint64_t _level_factor = 16807;
     static constexpr std::uint64_t _level_modulus = 2147483647;
     static constexpr unsigned int _higher_below = (_level_modulus + 1) / 2;
 
-    // From 16 elements on, with a head for 8 levels, a search costs more than a look into
-    // the table of runs. There 64 runs are enough; from 256 elements on, with a head for
-    // 16 levels, the table may take 16 KiB.
+    // From 16 elements on, when the head has 8 levels, a search costs more than a look-up
+    // in the table of runs. 64 runs are then enough. From 256 elements on, when the head
+    // has 16 levels, the table may take 16 KiB.
     static constexpr unsigned int _capacity_with_runs = 8;
     static constexpr unsigned int _few_runs = 64;
     static constexpr unsigned int _many_runs = 1024;
@@ -324,22 +328,22 @@ private:
         skip_list_order<T>::hash(value);
     };
 
-    // How many runs a head block has room for: none while a search is short.
+    // How many runs a head block has room for: none while searches are short.
     static unsigned int _runs(unsigned int capacity) {
         if (!_has_runs || capacity < _capacity_with_runs)
             return 0;
         return capacity == _capacity_with_runs ? _few_runs : _many_runs;
     }
 
-    // A run's ends are recorded on the two lowest levels, in one table for each. Three of
-    // four elements touch only the first; an eighth is higher than both.
+    // The table records the ends of runs on the two lowest levels. Three of four elements
+    // touch only the first level; one in eight is higher than both.
     static constexpr unsigned int _run_levels = 2;
 
     static unsigned int _noted_levels(position* node) {
         return std::min(_level(node), _run_levels);
     }
 
-    // From the start of a node to its link part.
+    // The offset of the link part in a node.
     static constexpr std::size_t _links_offset =
         (sizeof(T) + alignof(links) - 1) / alignof(links) * alignof(links);
 
@@ -366,8 +370,8 @@ private:
         return reinterpret_cast<position**>(link_part + sizeof(links));
     }
 
-    // The node with these forward links, or the end position for the head's. A back link
-    // to such a predecessor holds this.
+    // The node with these forward links, or the end position if they are the head's. A
+    // back link to such a predecessor stores this.
     position* _position_of(position** forward) {
         if (forward == _forward(_head))
             return &_end;
@@ -414,8 +418,8 @@ private:
         _head = grown;
     }
 
-    // The level of the next node: 1 for three of four, 2 for one of eight, and each
-    // further level for half as many as the one before. Less than the head's capacity.
+    // Draws the level of the next node: 1 for three nodes in four, 2 for one in eight,
+    // and half as many for each further level, always less than the head's capacity.
     // Advances the generator's state `seed`.
     unsigned int _draw_level(unsigned int& seed) const {
         if (_size < 2)
@@ -434,14 +438,14 @@ private:
             _grow();
     }
 
-    // The table entry for the end of `value`'s run on the lowest level. The entry of each
-    // further level lies as many entries on as there are runs. Null without a table.
+    // The table entry for the end of `value`'s run on the lowest level; null without a
+    // table. Entries for the next level are as many entries further as there are runs.
     position** _run_of(T const& value) {
         unsigned int const runs = _runs(_head->_capacity);
         return runs != 0 ? &_run_ends(_head)[skip_list_order<T>::hash(value) % runs] : nullptr;
     }
 
-    // Links a node that has its value and its level. There is room for it.
+    // Links a node that already has its value and level, for which the head has room.
     iterator _insert(position* inserted) {
         position** predecessors[_max_capacity];
         T const& value = *_value(inserted);
@@ -451,7 +455,7 @@ private:
                 for (unsigned int i = 0; i != _noted_levels(inserted); ++i)
                     ends[i * _runs(_head->_capacity)] = inserted;
                 if (known != 0) {
-                    // The nodes of the levels above are few, so their search is short.
+                    // Few nodes reach the levels above, so searching them is short.
                     if (known < _level(inserted) && known < _head->_level)
                         _find_place(value, predecessors, known);
                     return _link(inserted, predecessors[0][0], predecessors);
@@ -461,8 +465,8 @@ private:
         return _link(inserted, _find_place(value, predecessors, 0), predecessors);
     }
 
-    // Finds the predecessors of a node that goes behind its run, on the lowest levels as
-    // far as the run's recorded ends tell. Returns on how many levels.
+    // Finds the predecessors of a node that goes after its run, on as many of the lowest
+    // levels as the recorded ends cover. Returns how many.
     unsigned int _find_run(position** ends, position* inserted, position*** predecessors) {
         unsigned int known = 0;
         while (known < _noted_levels(inserted)) {
@@ -470,8 +474,8 @@ private:
             if (end == nullptr || !_are_equal(*_value(inserted), *_value(end)))
                 break;
             if (_forward(end)[0] == &_end && _level(end) < _level(inserted))
-                return 0;  // behind all others, which needs no search anyway
-            // All nodes of the run that are linked on these levels stand before this one.
+                return 0;  // goes after all others, which needs no search anyway
+            // Every node of the run that is linked on these levels is before the new one.
             for (; known < _level(end); ++known)
                 predecessors[known] = _forward(end);
         }
@@ -482,8 +486,8 @@ private:
         return !skip_list_order<T>::precedes(x, y) && !skip_list_order<T>::precedes(y, x);
     }
 
-    // Finds the predecessors of `value` on each level in use from `lowest` on. Returns
-    // the position before which it goes on that level.
+    // Finds the predecessors of `value` on each level in use from `lowest` up. Returns
+    // the position that follows it on level `lowest`.
     position* _find_place(T const& value, position*** predecessors, unsigned int lowest) {
         auto const follows = [&value](T const& element) {
             return skip_list_order<T>::precedes(value, element);
@@ -512,13 +516,13 @@ private:
         return iterator(inserted);
     }
 
-    // Of the nodes that are linked on level `lowest`, returns the first for which `test`
-    // holds, or the end. Stores for each level in use from there on the forward links of
-    // the last node before it.
+    // Returns the first node linked on level `lowest` for which `test` is true, or the
+    // end. For each level in use from there up, stores the forward links of the last node
+    // before it.
     template <class Test>
     position* _search(Test& test, position*** predecessors, unsigned int lowest) {
-        // The node at which a higher level stopped also stops the lower ones, without
-        // another test.
+        // The node that stopped the search on a higher level also stops it on the lower
+        // ones, without another test.
         position* bound = &_end;
         position** reached = _forward(_head);
         unsigned int i = _head->_level;
@@ -532,10 +536,10 @@ private:
         return bound;
     }
 
-    // The same for a given node, at least on the levels on which it is linked. Equal
-    // elements may stand before it, so it is found by identity: on each level, the walk
-    // stops at the first node, from the given one on, that is linked there. Returns the
-    // predecessor on level 0.
+    // The same for a given node, at least on the levels that link it. Equal elements may
+    // come before it, so it is found by identity: on each level, the walk stops at the
+    // first node linked there, starting from the given one. Returns the predecessor on
+    // level 0.
     position** _find_predecessors(position* node, position*** predecessors) {
         position** reached = _forward(_head);
         if (reached[0] == node) {
@@ -563,7 +567,7 @@ private:
     unsigned int _size;
     head* _head;         // null until the first insertion
     position _end;       // its back link: the last node, or itself in an empty list
-    unsigned int _seed;  // of the level generator
+    unsigned int _seed;  // state of the level generator
 };
 
 }  // namespace ovel

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What `ovel_work.h` and `ovel_parallel.h` are made of: a crew of threads that run
-// queued work items and steal the children of scopes from each other. Programs use
-// those two headers.
+// The basis of `ovel_work.h` and `ovel_parallel.h`, the headers that programs use: a crew
+// of threads that run queued work items and steal the children of scopes from each other.
 #ifndef OVEL_TASK_H
 #define OVEL_TASK_H
 
@@ -26,8 +25,8 @@ namespace ovel::detail {
 class scope_base;
 class task_crew;
 
-// The first of the exceptions that several threads catch, until one thread takes it.
-// It is the client's: the library itself neither throws nor catches it.
+// Keeps the first of the exceptions that several threads catch, until one thread takes
+// it. The client's code does all throwing and catching; the library does none.
 class first_exception {
 public:
     void keep(std::exception_ptr caught) {
@@ -35,21 +34,22 @@ public:
         if (!_state.compare_exchange_strong(expected, busy))
             return;
         _caught = std::move(caught);
-        // Pairs with the exchange in `take`.
+        // Release: publishes `_caught` to the exchange in `take`.
         _state.store(kept, std::memory_order_release);
     }
 
-    // Relaxed: `take` acquires it.
+    // Relaxed: only a hint; `take` acquires the state.
     bool is_kept() const {
         return _state.load(std::memory_order_relaxed) == kept;
     }
 
-    // Null when there is none.
+    // Returns null if there is none.
     std::exception_ptr take() {
         state expected = kept;
         if (!is_kept() || !_state.compare_exchange_strong(expected, busy))
             return nullptr;
         std::exception_ptr taken = std::exchange(_caught, nullptr);
+        // Release: the next `keep` writes `_caught` after this thread has read it.
         _state.store(none, std::memory_order_release);
         return taken;
     }
@@ -57,13 +57,13 @@ public:
 private:
     enum state : unsigned char { none, busy, kept };
     atomic<state> _state{none};
-    std::exception_ptr _caught;  // of the thread that made the state `busy`
+    std::exception_ptr _caught;  // belongs to the thread that made the state `busy`
 };
 
-// An item of a crew's queue. It is the client's, in memory of `allocator_support`, as
-// threads hand many over to each other.
+// An item of a crew's queue. The client allocates it from `allocator_support`, because
+// threads hand many items over to each other.
 struct queued_item {
-    // Runs the item, or with `runs` false discards it, and deletes it. Throws nothing.
+    // Runs the item, or discards it if `runs` is false, and deletes it. Throws nothing.
     void (*const end)(queued_item& self, bool runs);
 
     static void* operator new(std::size_t size) {
@@ -72,7 +72,7 @@ struct queued_item {
     static void operator delete(void* memory) {
         allocator_support::deallocate(memory);
     }
-    // For callables that ask for more alignment than `allocator_support` has.
+    // For callables with a stricter alignment than `allocator_support` provides.
     static void* operator new(std::size_t size, std::align_val_t alignment) {
         return ::operator new(size, alignment);
     }
@@ -81,30 +81,32 @@ struct queued_item {
     }
 };
 
-// A child of a scope. It is the client's, on its stack or its heap.
+// A child of a scope. The client keeps it on its stack or its heap.
 struct task {
-    // Runs the child, or not if its scope has been stopped, and frees it where it is on
-    // the heap. Throws nothing: exceptions go to the scope.
+    // Runs the child unless its scope has been stopped, and frees it if it is on the
+    // heap. Throws nothing: exceptions go to the scope.
     void (*const run)(task& self, bool stolen);
     scope_base& scope;
 };
 
-// While a thread runs a child that it took from another thread, what it puts into its
-// deque from `mark` on descends from that child, and so from `scope`.
+// A frame belongs to a child that a thread runs apart from its deque: one that it stole, or
+// one for which the deque had no room. What the thread pushes from `mark` on descends from
+// that child, and so from `scope`.
 struct task_frame {
     scope_base* scope;
     unsigned int mark;
-    task_frame* outer;  // that the thread interrupted for this one
+    task_frame* outer;  // of the work that the thread interrupted for this child
 };
 
-// A thread's place in a crew, with the deque of the children that it may yet run. One
-// thread owns a seat at a time; the seats live as long as their crew.
+// A thread's place in a crew, with the deque of the children that it has yet to run. One
+// thread owns a seat at a time. The seats live as long as their crew.
 //
-// The slots below `_bottom` hold children, oldest first, or null where one was stolen.
-// Who exchanges a child for null has it. The owner puts in and takes out at the bottom,
-// without `_lock`. Thieves hold `_lock`; those of all kinds take the oldest child, a
-// waiter the oldest from the mark of a frame on whose scope descends from its own. The
-// frame cannot end meanwhile, since that takes `_lock`.
+// The slots below `_bottom` hold children, oldest first, or null where a child was
+// stolen. The thread that exchanges a child for null gets it. The owner pushes and pops
+// at the bottom, without `_lock`. Thieves hold `_lock`. A thief that may run any child
+// takes the oldest; a waiter takes the oldest above the mark of a frame whose scope
+// descends from the waiter's own. The frame cannot end meanwhile, because ending it takes
+// `_lock`.
 class task_seat {
 public:
     static constexpr unsigned int capacity = 1024;
@@ -114,42 +116,47 @@ public:
     task_crew& crew() const {
         return _crew;
     }
-    // The scope that the owner opened last, or whose child it runs. Owner only.
+    // The scope that the owner opened last, or the scope of the child that it runs. Owner
+    // only.
     scope_base* innermost() const {
         return _innermost;
     }
+    // Owner only, and so relaxed: no other thread writes it.
     unsigned int bottom() const {
         return _bottom.load(std::memory_order_relaxed);
     }
 
-    // Puts a child in, unless the deque is full. Owner only.
+    // Pushes a child unless the deque is full. Owner only.
     bool push(task& pushed) {
         unsigned int const where = bottom();
         if (where >= _limit) [[unlikely]]
             return false;
-        // Pairs with the exchange of a thief.
+        // Release, both: publish the child to the thief that reads `_bottom` and
+        // exchanges it.
         _tasks[where].store(&pushed, std::memory_order_release);
         _bottom.store(where + 1, std::memory_order_release);
-        // Relaxed: a thread that sleeps set it some time before it looked for the last
-        // time. If neither noticed the other, the owner would run the child itself.
+        // Relaxed: a thread that is about to sleep sets the flag, pauses, and then looks
+        // at the deques a last time. If it still missed this child, the owner runs the
+        // child itself.
         if (_wanted.load(std::memory_order_relaxed)) [[unlikely]]
             _call();
         return true;
     }
 
-    // Takes the newest child out, null if it was stolen. Owner only, above its mark.
+    // Pops the newest child; returns null if it was stolen. Owner only, above its mark.
     task* pop() {
         unsigned int const where = bottom() - 1;
+        // Acquire-release, as in a thief's exchange: only one of the two gets the child.
         task* const taken = _tasks[where].exchange(nullptr, std::memory_order_acq_rel);
-        // Relaxed: a thief that reads the old one finds null there.
+        // Relaxed: a thief that reads the old value finds null in the slot.
         _bottom.store(where, std::memory_order_relaxed);
         if (taken == nullptr) [[unlikely]]
             _lower_top(where);
         return taken;
     }
 
-    // Whether a thread has nothing to do, nor finds anything to take here. A hint, for
-    // the owner.
+    // Whether some thread is idle and can find nothing to take here. A hint for the
+    // owner.
     bool is_begged() const;
 
 private:
@@ -170,34 +177,34 @@ private:
     atomic<unsigned int> _bottom{0};  // written by the owner only
     unsigned int _limit = capacity - _reserve;
     scope_base* _innermost = nullptr;
-    task_seat* _victim = nullptr;  // where it looks for children first; owner only
-    bool _hungry = false;          // counted as such; owner only
+    task_seat* _victim = nullptr;  // the seat it last stole from; owner only
+    bool _hungry = false;          // counted in the crew's `_hungry`; owner only
     [[maybe_unused]] cacheline _between;
-    // A thread that sleeps could take what this one puts in. Set under the crew's mutex;
-    // cleared there when nobody can.
+    // A sleeping thread could take what this one pushes. Set under the crew's mutex, or
+    // by the owner; cleared under the mutex when no thread could.
     atomic<bool> _wanted{false};
     task_crew& _crew;
     bool const _worker;
     atomic<unsigned long> _owner{0};  // the thread that has the seat, or 0
     task_seat* _next = nullptr;       // in the crew's list; set before it is listed
-    // Of an owner that sleeps or is being woken. Under the crew's mutex.
+    // State of an owner that sleeps or is being woken. Under the crew's mutex.
     bool _asleep = false;
-    bool _searches = false;  // it is the searching thread of the crew
-    unsigned int _seen = 0;  // the crew's `_news` when it began to
+    bool _searches = false;  // it is the crew's searching thread
+    unsigned int _seen = 0;  // the crew's `_news` when it began to search
     scope_base* _awaited = nullptr;
     task_seat* _next_asleep = nullptr;
-    semaphore _wake{0, 0};  // a unit for each time that it left the list of sleepers
+    semaphore _wake{0, 0};  // a unit for each time it was taken off the list of sleepers
     mutex _lock;
-    // The oldest slot that can hold a child. Under _lock, as are the frames; relaxed
-    // reads without it are hints.
+    // The oldest slot that can hold a child. Guarded by _lock, like _frames. Relaxed: the
+    // lock orders both; reads without it are hints.
     atomic<unsigned int> _top{0};
     atomic<task_frame*> _frames{nullptr};
     [[maybe_unused]] cacheline _after;
     atomic<task*> _tasks[capacity]{};
 };
 
-// Children that are waited for together. A thread opens scopes and closes them in
-// reverse order.
+// Children that a thread waits for together. A thread closes its scopes in the reverse
+// order of opening them.
 class scope_base {
 public:
     scope_base(scope_base const&) = delete;
@@ -210,14 +217,15 @@ public:
     void stop() {
         _stopped.store(true);
     }
-    // Relaxed: a child that begins because this reads the old value began before the stop.
+    // Relaxed: a child that begins because of the old value began before the stop.
     bool is_stopped() const {
         return _stopped.load(std::memory_order_relaxed);
     }
 
     first_exception error;
 
-    // The scope that was open on this thread, or whose child it ran; null if none was.
+    // The scope that the thread had open, or whose child it ran, before this one; null if
+    // none.
     scope_base* parent() const {
         return _parent;
     }
@@ -230,13 +238,13 @@ protected:
           _mark(seat.bottom()) {
         seat._innermost = this;
     }
-    // No child is left.
+    // No children may be left.
     ~scope_base() {
         _seat._innermost = _parent;
     }
 
-    // Puts a child into the opener's deque, or runs it if that is full. The opener only,
-    // who runs no child of this scope.
+    // Pushes a child into the opener's deque, or runs it if the deque is full. Only for
+    // the opener, outside of this scope's children.
     void _fork(task& child) {
         if (!_seat.push(child)) [[unlikely]]
             _run_here(_seat, child);
@@ -245,7 +253,7 @@ protected:
     // The same for the thread of `seat`, which is the opener or runs a child.
     OVEL_EXPORT void _fork_from(task_seat* seat, task& child);
 
-    // Runs the children that nobody took and waits for the others. The opener only.
+    // Runs the children that no thread stole, and waits for the others. Opener only.
     void _join() {
         unsigned int stolen = 0;
         while (_seat.bottom() != _mark) {
@@ -254,7 +262,8 @@ protected:
             else
                 ++stolen;
         }
-        // Acquire: what children on other threads wrote is visible.
+        // Acquire: makes what children wrote on other threads visible; pairs with
+        // `_finish`.
         if (stolen != 0 || _pending.load(std::memory_order_acquire) != 0) [[unlikely]]
             _wait(stolen);
     }
@@ -273,28 +282,29 @@ private:
     task_seat& _seat;  // the opener's
     scope_base* const _parent;
     unsigned int const _depth;
-    unsigned int const _mark;  // the bottom of the opener's deque when it was opened
+    unsigned int const _mark;  // the bottom of the opener's deque when the scope was opened
     atomic<bool> _stopped{false};
-    // Twice the children that other threads took, or put in, and that have not ended;
-    // plus one while the opener may sleep. Before the opener has noticed all that were
-    // taken it may be less, also than 0.
+    // Twice the number of children that other threads took or pushed and that have not
+    // ended, plus one while the opener may be asleep. Until the opener has counted all
+    // that were stolen, the value may be too low, even negative.
     atomic<int> _pending{0};
 };
 
 // Threads that run queued work items in the order of `thread_group`, within a budget of
-// space, and help each other with the children of scopes, which go first.
+// space, and help each other with the children of scopes. Children go first.
 class task_crew {
 public:
-    // Checks "_threads != 0 && space >= 0". Throws std::bad_alloc. `owner` is what
-    // `owner()` returns.
+    // Checks "_threads != 0 && space >= 0". Throws std::bad_alloc. `owner()` returns
+    // `owner`.
     OVEL_EXPORT task_crew(unsigned int threads, double space, unsigned int stack_size, void* owner);
-    // `end` has been called, unless it is inherited.
+    // `end` must have been called, unless the crew is inherited.
     OVEL_EXPORT ~task_crew();
     task_crew(task_crew const&) = delete;
     task_crew& operator=(task_crew const&) = delete;
 
-    // Whether this process was forked while the crew ran, and has none of its threads. Then
-    // all that uses it fails the check "!inherited()", but for its destruction.
+    // Whether the process was forked while the crew ran, so that its threads do not exist
+    // here. Using an inherited crew fails the check "!inherited()"; only destroying it is
+    // allowed.
     OVEL_EXPORT bool inherited() const;
 
     unsigned int threads() const {
@@ -304,35 +314,37 @@ public:
         return _owner;
     }
 
-    // Queues `item`, which then belongs to the crew: it is deleted when it has run, or
-    // unrun after a stop. False after a stop, with `item` still the caller's. Throws
-    // std::bad_alloc likewise. Check "time_ > 0 && space_ >= 0 && space_ <= _space".
+    // Queues `item` and takes ownership: the crew deletes it after running it, or without
+    // running it after a stop. After a stop it returns false, and the caller keeps the
+    // item; the caller also keeps it if std::bad_alloc is thrown. Check "time_ > 0 &&
+    // space_ >= 0 && space_ <= _space".
     OVEL_EXPORT bool queue(queued_item& item, double time, double space);
 
-    // Items that have not begun are discarded.
+    // Discards the items that have not begun.
     OVEL_EXPORT void stop();
 
-    // Wait until no item is left; with `then_stops` nothing is queued from then on. The
-    // timed one returns false after that many milliseconds, or an earlier wake-up.
+    // Block until no item is left. With `then_stops`, nothing can be queued from then on.
+    // `timed_wait` returns false after that many milliseconds, or after an earlier
+    // wake-up.
     OVEL_EXPORT void wait(bool then_stops);
     [[nodiscard]] OVEL_EXPORT bool timed_wait(unsigned int milliseconds, bool then_stops);
 
-    // Whether the calling thread is one of the crew's.
+    // Whether the calling thread is one of the crew's threads.
     OVEL_EXPORT bool runs_caller();
 
-    // Ends the threads, once they have run what is queued. The owner, once.
+    // Ends the threads once they have run what is queued. Called once, by the owner.
     OVEL_EXPORT void end();
 
-    // The calling thread's seat in this crew, or a free one that it gets. It is the
-    // thread's current one until `leave` is called with the one returned in `previous`.
-    // Throws std::bad_alloc.
+    // Returns the calling thread's seat in this crew, or assigns a free one. It becomes
+    // the thread's current seat until `leave` is called with the seat returned in
+    // `previous`. Throws std::bad_alloc.
     OVEL_EXPORT task_seat& enter(task_seat*& previous);
     OVEL_EXPORT static void leave(task_seat& seat, task_seat* previous);
 
-    // The calling thread's seat in this crew; null if it has none.
+    // The calling thread's seat in this crew, or null.
     OVEL_EXPORT task_seat* find_seat();
 
-    // The calling thread's current seat; null if it has none.
+    // The calling thread's current seat, or null.
     OVEL_EXPORT static task_seat* current_seat();
 
 private:
@@ -349,7 +361,7 @@ private:
     void _destroy();
     task_seat& _add_seat(bool worker, unsigned long owner);
 
-    // The loop of a worker.
+    // The worker's loop.
     void _work(task_seat& seat);
     bool _pass(task_seat& seat, items::detached& item, bool takes, bool& runs);
     bool _poll(task_seat& seat);
@@ -376,37 +388,41 @@ private:
     void _call(task_seat& caller);
 
     unsigned int const _threads;
-    double const _budget;  // the space that it was built with
+    double const _budget;  // the total space
     void* const _owner;
     unsigned int const _spin;
-    worker* _workers = nullptr;          // one for each thread
-    atomic<task_seat*> _seats{nullptr};  // only grows
-    // Threads that have nothing to do. Relaxed: a hint for loops.
+    worker* _workers = nullptr;  // one per thread
+    // Only grows. Acquire loads see each seat as `_add_seat` built it.
+    atomic<task_seat*> _seats{nullptr};
+    // The number of idle threads. Relaxed: a hint for loops.
     atomic<unsigned int> _hungry{0};
-    // Changed when an item is queued, for the thread that polls. Relaxed: it looks again
+    // Changes when an item is queued, for the thread that polls. Relaxed: it looks again
     // under the mutex.
     atomic<unsigned int> _news{0};
-    // How many levels the queue will next link an item on, so that a caller can
-    // prepare one without the mutex. Relaxed: the insertion allocates anew where more are needed.
+    // The number of levels on which the queue will link the next item, so that a caller
+    // can prepare one without the mutex. Relaxed: the insertion reallocates an item with
+    // too few.
     atomic<unsigned int> _level{1};
-    // Threads in the list of sleepers. Written under the mutex.
+    // The number of threads in the list of sleepers. Written under the mutex. Relaxed:
+    // `_feed` corrects what a thread reads too early.
     atomic<unsigned int> _asleep{0};
     [[maybe_unused]] cacheline _between;
-    mutex _mutex;                    // guards what follows
-    double _space;                   // free at this moment
-    unsigned int _occupants = 0;     // items that run and take space
-    std::size_t _unfinished = 0;     // items queued and not ended
-    bool _stopped = false;           // no item begins any more
+    mutex _mutex;                    // guards _space to _queue, and the seats' sleeping state
+    double _space;                   // free now
+    unsigned int _occupants = 0;     // running items that take space
+    std::size_t _unfinished = 0;     // items queued or running
+    bool _stopped = false;           // no further item begins
     bool _concluded = false;         // the workers end once the queue is empty
-    bool _searching = false;         // a worker polls, or is on its way to work
-    task_seat* _sleepers = nullptr;  // last come first
+    bool _searching = false;         // a worker polls or is on its way to work
+    task_seat* _sleepers = nullptr;  // last in, first out
     items _queue;
-    timed_condition _idle;  // `_unfinished` has come to 0
-    // The process that runs the threads, 0 once they are joined. Relaxed: it tells forks
-    // from the process that set it.
+    timed_condition _idle;  // released when `_unfinished` reaches 0
+    // The process that runs the threads; 0 once they are joined. Relaxed: it only tells a
+    // forked process from the one that set it.
     atomic<unsigned int> _runner;
 };
 
+// Relaxed, here and below: hints.
 inline bool task_seat::is_begged() const {
     return _crew._hungry.load(std::memory_order_relaxed) != 0 && !_may_have_task();
 }

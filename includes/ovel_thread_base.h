@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Threads of their own: created for a run and ended with it.
+// Threads that are created for one run and end with it.
 #ifndef OVEL_THREAD_BASE_H
 #define OVEL_THREAD_BASE_H
 
@@ -12,13 +12,14 @@
 
 namespace ovel {
 
-// Runs one `thread_function` at a time on a thread that the system creates for
-// the run. `schedule` names the work, `release` starts it, and a successful
-// `acquire`, `try_acquire` or `timed_acquire` joins it, after which the object can
-// start another run, of the same work unless `schedule` names other. One thread
-// at a time drives the object; it need not outlive the run it started, but an
-// unjoined run can then not be joined any more. Debuggers and monitors show its threads
-// as "ovel-thread".
+// Runs one `thread_function` at a time on a thread that the system creates for the run.
+// `schedule` sets the work, `release` starts it, and a successful `acquire`,
+// `try_acquire` or `timed_acquire` joins it. After that the object can start another run,
+// of the same work unless `schedule` sets other work. What the caller wrote before
+// `release` is visible to the work, and what the work wrote is visible once the run is
+// joined. One thread at a time drives the object. The object may be destroyed before the
+// run has ended, but then nothing can join that run. Debuggers and monitors show the
+// threads as "ovel-thread".
 //
 //     thread_base own;
 //     own.schedule(work);
@@ -28,8 +29,8 @@ class OVEL_EXPORT thread_base {
 public:
     static constexpr unsigned int default_stack_size = 524288;  // bytes
 
-    // Its threads have at least `stack_size` bytes of stack; with 0 as many as
-    // the system gives by default.
+    // The threads get at least `stack_size` bytes of stack; with 0, as many as the system
+    // gives by default.
     thread_base();
     explicit thread_base(unsigned int stack_size);
 
@@ -39,24 +40,24 @@ public:
     thread_base(thread_base const&) = delete;
     thread_base& operator=(thread_base const&) = delete;
 
-    // Names the work. An unjoined run fails the check "_thread == 0".
+    // Sets the work. Fails the check "_thread == 0" while a run is not joined.
     void schedule(thread_function& function);
 
-    // Starts the run, and returns once the thread has begun. An unjoined run or
-    // no work fails the check "_thread == 0 && _function != 0", a thread that
-    // the system refuses the check "_thread != 0".
+    // Starts the run and returns once the thread has begun. Fails the check "_thread == 0
+    // && _function != 0" while a run is not joined or without work, and the check
+    // "_thread != 0" if the system refuses to create a thread.
     void release();
 
-    // Joins the run, blocking until it has ended. No run fails the check
+    // Blocks until the run has ended and joins it. Without a run it fails the check
     // "_thread != 0".
     void acquire();
 
-    // Joins the run if it has ended, and returns whether it had. No run fails the
-    // check "_thread != 0", here and below.
+    // Joins the run if it has ended, and returns whether it had. Without a run it fails
+    // the check "_thread != 0"; so does `timed_acquire`.
     [[nodiscard]] bool try_acquire();
 
-    // Joins the run once it has ended, unless `deadline` passes before; returns
-    // whether it did.
+    // Blocks until the run has ended or `deadline` has passed. Joins the run if it has
+    // ended, and returns whether it had.
     [[nodiscard]] bool timed_acquire(time const& deadline);
 
     // In bytes.
@@ -77,11 +78,11 @@ private:
 
 namespace detail {
 
-// The run loop of a pooled thread: a work object that runs other work, one on
-// each request, until it is told to end. One requesting thread at a time calls
-// `schedule`, `release` and one successful `acquire`, `try_acquire` or
-// `timed_acquire` in turn; the loop checks none of that. Only those three block.
-// The object outlives the thread that runs it.
+// The run loop of a pooled thread: a work object that runs other work, once per request,
+// until `terminate`. One thread at a time makes requests: it calls `schedule`, `release`,
+// and one successful `acquire`, `try_acquire` or `timed_acquire`, in this order. The loop
+// checks none of that. Only those three calls block. The object must outlive the thread
+// that runs it.
 class OVEL_EXPORT thread_function_base : public thread_function {
 public:
     thread_function_base();
@@ -96,11 +97,10 @@ public:
         _start.release();
     }
 
-    // Ends the loop when it next looks for a request; one that it has not begun
-    // is dropped.
+    // Ends the loop before its next run. Drops a request that the loop has not begun.
     void terminate();
 
-    // Wait for one run to complete.
+    // Takes the completion of one run. Only `try_acquire` does not wait for it.
     void acquire();
     [[nodiscard]] bool try_acquire();
     [[nodiscard]] bool timed_acquire(time const& deadline);
@@ -112,10 +112,10 @@ private:
     friend struct inspector;
 
     semaphore _start;  // a unit for each run requested, and one for the end
-    // Written before a unit of `_start` is posted, read after it was taken.
+    // Written before a unit of `_start` is posted, read after the unit is taken.
     thread_function* _function = nullptr;
-    // Relaxed: the unit of `_start` that follows it orders it; but a loop that takes
-    // an earlier one may look as well.
+    // Relaxed: the unit of `_start` posted after the store orders it. The loop may see it
+    // earlier, when it takes the unit of a request, and ends then.
     atomic<bool> _terminate{false};
     timed_semaphore _finish;  // a unit for each run completed
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Work: what a thread of the library runs.
+// Work for the library's threads.
 #ifndef OVEL_THREAD_FUNCTION_H
 #define OVEL_THREAD_FUNCTION_H
 
@@ -7,23 +7,22 @@
 
 namespace ovel {
 
-// The base of every piece of work. Derive from it, put the work into
-// `operator()`, and hand the object to a `thread_base`, a `thread` or a
-// `thread_group`; it belongs to the caller, who keeps it alive until it has run.
-// The same object may run many times, and where the caller arranges it on several
-// threads at once.
+// The base class of all work. Derive from it, put the work into `operator()`, and hand
+// the object to a `thread_base`, a `thread` or a `thread_group`. The caller owns the
+// object and keeps it alive until the work has run. The same object may run many times,
+// and on several threads at once if the caller arranges that.
 //
-// `operator()` runs on a thread that has an allocator of its own. An exception
-// that leaves it fails the check "("unexpected exception", 0)".
+// `operator()` runs on a thread that has its own allocator. An exception that leaves it
+// fails the check "("unexpected exception", 0)".
 class OVEL_EXPORT thread_function {
 public:
-    // There is nothing to copy but what a derived class adds.
+    // Copies nothing: the base class has no state.
     thread_function();
     thread_function(thread_function const&);
     thread_function& operator=(thread_function const&);
     virtual ~thread_function();
 
-    // The work; nothing, unless it is overridden.
+    // The work. Does nothing unless overridden.
     virtual void operator()();
 
 private:

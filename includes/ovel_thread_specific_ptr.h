@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A pointer with a value of its own in each thread.
+// A pointer with a separate value in each thread.
 #ifndef OVEL_THREAD_SPECIFIC_PTR_H
 #define OVEL_THREAD_SPECIFIC_PTR_H
 
@@ -8,11 +8,11 @@
 
 namespace ovel {
 
-// One slot of the system's thread-local storage. A thread that stored nothing
-// reads null. The pointees belong to the caller: nothing is deleted when a thread ends
-// or the slot is freed. `get` and `set` never block, and reach only the calling thread's
-// value. Constructing one without a free slot fails the check "index != 0xffffffff";
-// storing a value when out of memory fails the check "TlsSetValue(index, value) != 0".
+// One slot of the system's thread-local storage. A thread that has stored nothing reads
+// null. The caller owns the pointees: nothing is deleted when a thread ends or the slot
+// is freed. `get` and `set` never block and access only the calling thread's value. The
+// constructor fails the check "index != 0xffffffff" if no slot is free. `set` fails the
+// check "TlsSetValue(index, value) != 0" if memory runs out.
 template <class T>
 class thread_specific_ptr {
 public:
@@ -25,7 +25,7 @@ public:
     thread_specific_ptr(thread_specific_ptr const&) = delete;
     thread_specific_ptr& operator=(thread_specific_ptr const&) = delete;
 
-    // What the calling thread has stored; null if nothing.
+    // What the calling thread has stored, or null.
     T* get() const {
         return static_cast<T*>(TlsGetValue(index));
     }
@@ -34,7 +34,8 @@ public:
         assure(TlsSetValue(index, value) != 0);
     }
 
-    // The same, but false, with nothing changed, in place of a failed check.
+    // The same, but returns false instead of failing a check. The value is then
+    // unchanged.
     bool try_set(T* value) {
         return TlsSetValue(index, value) != 0;
     }

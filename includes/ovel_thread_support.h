@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Threads and processors as the system has them, and the process-wide spin count.
+// The calling thread, the processors, and the process-wide spin count.
 #ifndef OVEL_THREAD_SUPPORT_H
 #define OVEL_THREAD_SUPPORT_H
 
@@ -9,13 +9,12 @@
 
 namespace ovel {
 
-// Services of the system about the calling thread and the processors. Any thread
-// may call them. Affinity masks have one bit for each processor, 32 at most. A
-// mask that the system refuses, because no processor is left in it or because a
-// thread's names one outside the process's, fails the check
+// System services for the calling thread and the processors. Any thread may call them.
+// Only `yield` and `timed_yield` block. An affinity mask has one bit for each processor,
+// 32 at most. The system refuses a mask that leaves no processor, and a thread's mask
+// that contains a processor outside the process's mask. A refused mask fails the check
 // "SetProcessAffinityMask(GetCurrentProcess(), affinity) != 0" or
-// "SetThreadAffinityMask(GetCurrentThread(), affinity) != 0". None blocks but
-// `yield` and `timed_yield`.
+// "SetThreadAffinityMask(GetCurrentThread(), affinity) != 0".
 class OVEL_EXPORT thread_support {
 public:
     thread_support() = delete;
@@ -27,8 +26,8 @@ public:
     // Gives up the rest of the caller's time slice.
     static void yield();
 
-    // Sleeps once until about `deadline`, to the nearest millisecond and for
-    // 2147483647 of them at most; returns at once when it has passed.
+    // Sleeps once until about `deadline`, to the nearest millisecond and for at most
+    // 2147483647 milliseconds. Returns at once if the deadline has passed.
     static void timed_yield(time const& deadline);
 
     // The number of processors of the machine.
@@ -37,28 +36,29 @@ public:
     // The number of processors that the process may use.
     static unsigned int available_processors();
 
-    // The processors that the process may use. Setting takes those of `affinity`
-    // that the system has, for every thread of the process.
+    // The processors that the process may use. The setter applies to every thread of the
+    // process and ignores processors that the system does not have.
     static unsigned int process_affinity();
     static void process_affinity(unsigned int affinity);
 
-    // The processors that the calling thread may use. Reading opens the whole
-    // process's mask to the thread for a moment, for lack of a direct question.
+    // The processors that the calling thread may use. To read the mask, the getter opens
+    // all of the process's processors to the thread for a moment, because the system
+    // offers no direct query.
     static unsigned int thread_affinity();
     static void thread_affinity(unsigned int affinity);
 };
 
-// The spin count that a spinning object takes when it is not given one: how often
-// a waiting thread polls before it sleeps. Each object copies it when it is built;
-// a later change reaches only objects built afterwards. Zero until the library is
-// loaded, then 1024, or 0 where the process has one processor.
+// The spin count of an object that is not given one: how often a waiting thread polls
+// before it sleeps. Each object copies it at construction; a later change affects only
+// objects built afterwards. It is 0 until the library is loaded, then 1024, or 0 if the
+// process has one processor.
 extern OVEL_EXPORT unsigned int volatile default_spin;
 
-// A good spin count for this machine. It measures nothing: 1024.
+// A good spin count for this machine. It measures nothing and returns 1024.
 OVEL_EXPORT unsigned int estimate_default_spin();
 
-// Sets `default_spin`; to 0, whatever `spin` is, where the process has one
-// processor, since there nobody can release what is polled.
+// Sets `default_spin`. If the process has one processor, sets it to 0 whatever `spin` is:
+// while a thread polls there, no other thread can run to release what it polls.
 OVEL_EXPORT void set_default_spin(unsigned int spin);
 
 namespace detail {
@@ -68,18 +68,20 @@ inline unsigned int current_spin() {
     return atomic_ref<unsigned int>(default_spin).load(std::memory_order_relaxed);
 }
 
-// The time from `now` to `deadline` in milliseconds, to the nearest, ties to even;
-// 0 when it has passed, and 2147483647 at most.
+// The milliseconds from `now` to `deadline`, rounded to the nearest, ties to even; 0 if
+// the deadline has passed, 2147483647 at most.
 unsigned int milliseconds_between(time const& now, time const& deadline);
 
-// How often `thread_affinity` has restricted a thread.
+// How often `thread_affinity` has restricted a thread. Compared only, to see whether any
+// thread was restricted in between.
 extern atomic<unsigned int> restrictions;
 
 // Lets the calling thread use all processors of the process again.
 void use_all_processors();
 
-// Keeps the calling thread on `processor`, a mask, if the process may use that, otherwise
-// on the lowest that it may use. Returns which.
+// Pins the calling thread to `processor`, a mask with one bit. If the process may not use
+// that processor, pins it to the lowest that the process may use. Returns the mask in
+// effect.
 unsigned int stay_on(unsigned int processor);
 
 }  // namespace detail

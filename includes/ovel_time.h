@@ -15,27 +15,27 @@ class OVEL_EXPORT time_support {
 public:
     time_support() = delete;
 
-    // The time-stamp counter of the processor that the caller is on. One
-    // instruction; readings of different processors need not be comparable.
+    // Reads the time-stamp counter of the processor that the caller runs on, in one
+    // instruction. Readings of different processors need not be comparable.
     static std::int64_t time_now();
 
-    // Seconds per tick: 1 over the processor's rated clock rate, or over 2 GHz
-    // where that is not known. The first call in the process finds it out, and
-    // may block while another thread does; later ones read it.
+    // Seconds per tick: 1 over the processor's rated clock rate, or over 2 GHz if the
+    // rate is unknown. The first call in the process determines it, and may block while
+    // another thread does; later calls read it.
     static double time_unit();
 };
 
 namespace detail {
 
-// The most milliseconds of one wait.
+// The longest time that one system call waits, in milliseconds.
 inline constexpr unsigned int longest_wait = 2147483647;
 
-// Seconds in ticks, truncated toward zero. What is out of range is half of the range,
-// so that a point that far from now is in range; a NaN is 0 ticks.
+// Seconds in ticks, truncated toward zero. Saturates at half of the range, so that now
+// plus the longest span is still in range; NaN counts as 0.
 OVEL_EXPORT std::int64_t ticks_of(double seconds);
 
-// What `time` and `time_base` have in common: a signed 64-bit count of ticks
-// that wraps modulo 2^64. `Time` is the type itself, with its own `_now`.
+// What `time` and `time_base` share: a signed 64-bit count of ticks that wraps modulo
+// 2^64. `Time` is the derived type, which has its own `now`.
 template <class Time>
 class ticks {
 public:
@@ -64,13 +64,14 @@ public:
         return static_cast<Time&>(*this) = *this - other;
     }
 
-    // The span, or the point since the counter's start, in seconds.
+    // The span in seconds; for a point, the seconds since the counter started.
     double seconds() const {
         return time_support::time_unit() * static_cast<double>(_count);
     }
 
-    // `seconds` as a number of ticks, truncated toward zero. What is out of range, as
-    // infinity is, becomes half of the range, centuries; a NaN is 0.
+    // `seconds` as a number of ticks, truncated toward zero. Values out of range,
+    // infinity included, saturate at half of the range, which is centuries; NaN counts as
+    // 0.
     static Time seconds(double seconds) {
         return Time(ticks_of(seconds));
     }
@@ -80,8 +81,8 @@ public:
         return _count;
     }
 
-    // The point in time `seconds` from now. Infinity is never. The offset is computed
-    // before the clock is read.
+    // The point in time `seconds` from now; with infinity it never comes. Computes the
+    // offset before it reads the clock.
     static Time then(double seconds) {
         Time const offset = Time::seconds(seconds);
         return Time::now() + offset;
@@ -93,7 +94,7 @@ protected:
 private:
     friend struct inspector;
 
-    // Unsigned arithmetic wraps where signed arithmetic is undefined.
+    // Unsigned arithmetic wraps; signed overflow would be undefined.
     static std::uint64_t _bits(std::int64_t count) {
         return static_cast<std::uint64_t>(count);
     }
@@ -106,24 +107,24 @@ private:
 
 }  // namespace detail
 
-// A point in time, or a span, on the one clock of the process: all readings come
-// from the counter of one processor and never go backwards from one thread to
-// another. Every deadline of the library is a `time`.
+// A point in time, or a span, on the single clock of the process: every reading comes
+// from the counter of the same processor, so the clock never goes backwards from one
+// thread to another. Every deadline of the library is a `time`.
 //
 // A timed wait ends at the millisecond nearest to its deadline, to within 0.1 % of its
-// span, or later, and after 2147483647 milliseconds at the latest: the rate of the counter
-// is known in whole megahertz. Those of `ovel_std.h` never end before their deadline on the
-// caller's clock.
+// span, or later, and waits 2147483647 milliseconds at most. The 0.1 % remains because
+// the rate of the counter is known in whole megahertz. The timed waits of `ovel_std.h`
+// never end before their deadline on the caller's clock.
 //
 //     time const deadline = time::then(0.5);  // half a second from now
 class OVEL_EXPORT time : public detail::ticks<time> {
 public:
     time() = default;
 
-    // One reading of the process's clock, by way of the thread that keeps it.
-    // Blocks for that hand-over only. Any thread may call it; the first call in
-    // the process starts the clock's thread, and fails the check "("unexpected
-    // exception", 0)" without the memory for it.
+    // Reads the process's clock through the thread that keeps it, and blocks for that
+    // hand-over only. Any thread may call it. The first call in the process starts the
+    // clock's thread; if memory runs out, that fails the check "("unexpected exception",
+    // 0)".
     static time now();
 
 private:
@@ -132,13 +133,13 @@ private:
     explicit time(std::int64_t count) : ticks(count) {}
 };
 
-// The same value, but read on whatever processor the caller runs on: one
-// instruction and no hand-over. It does not convert to `time`, nor back.
+// The same value, but read from the counter of the processor that the caller runs on: one
+// instruction and no hand-over. It converts neither to `time` nor from it.
 class OVEL_EXPORT time_base : public detail::ticks<time_base> {
 public:
     time_base() = default;
 
-    // The counter of the processor that the caller is on.
+    // Reads the counter of the processor that the caller runs on.
     static time_base now();
 
 private:

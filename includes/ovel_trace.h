@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Records what a program's threads do and when, for a trace viewer such as Perfetto
-// or Chrome's. Not part of `ovel.h`.
+// Records what a program's threads do and when, for trace viewers such as Perfetto or
+// Chrome's. Not part of `ovel.h`.
 //
 //     trace::recorder recorded;  // from here on scopes are recorded
 //     ...
@@ -15,8 +15,9 @@
 //     ...
 //     recorded.save("trace.json");  // open it in the viewer
 //
-// The nets of `ovel_petri.h` have such scopes of their own: each firing under the name of
-// its transition, and each wait of a blocked sender or receiver under the name of the place.
+// The nets of `ovel_petri.h` open such scopes themselves: one for each firing, named
+// after its transition, and one for each wait of a blocked sender or receiver, named
+// after the place.
 #ifndef OVEL_TRACE_H
 #define OVEL_TRACE_H
 
@@ -40,7 +41,7 @@ namespace ovel::trace {
 // The kind of a scope. Viewers show it as its category.
 enum kind { work, firing, wait };
 
-// One scope that has ended. Times are in nanoseconds of std::chrono::steady_clock.
+// A scope that has ended. Times are nanoseconds of std::chrono::steady_clock.
 struct event {
     char const* name;    // valid as long as the recorder
     std::int64_t begin;  // when it began
@@ -50,8 +51,8 @@ struct event {
 
 namespace detail {
 
-// The events of one thread, in pieces that never move. Its own thread appends; any thread
-// may meanwhile read the events that `_size` counts.
+// The events of one thread, in pieces that never move. The thread itself appends;
+// meanwhile any thread may read the events that `_size` counts.
 class buffer {
 public:
     buffer(unsigned int number, std::size_t most) : _number(number), _most(most) {}
@@ -62,27 +63,28 @@ public:
     buffer(buffer const&) = delete;
     buffer& operator=(buffer const&) = delete;
 
-    // Its own thread only.
+    // Called by its own thread only.
     void add(event const& ended) {
-        // Relaxed, here and for the count of dropped events: only this thread writes them.
+        // Relaxed, here and for the count of dropped events: only this thread writes
+        // them.
         std::size_t const size = _size.load(std::memory_order_relaxed);
         if (size == _most || (size % piece::length == 0 && !_grow())) {
             _dropped.store(_dropped.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
             return;
         }
         _last->events[size % piece::length] = ended;
-        // Release: publishes the event, and the piece that it is in, to `each`.
+        // Release: publishes the event, and the piece that holds it, to `each`.
         _size.store(size + 1, std::memory_order_release);
     }
     void name(char const* name) {
-        // Release: publishes the text, for `name()`.
+        // Release: publishes the text to `name()`.
         _name.store(name, std::memory_order_release);
     }
 
-    // Any thread.
+    // Any thread may call the functions from here on.
     template <class Use>
     void each(Use& use) const {
-        // Acquire: pairs with `add`.
+        // Acquire: pairs with the release in `add`.
         std::size_t const size = _size.load(std::memory_order_acquire);
         piece const* from = size == 0 ? nullptr : _first;
         for (std::size_t i = 0; i < size; ++i) {
@@ -92,18 +94,18 @@ public:
         }
     }
     std::uint64_t dropped() const {
-        // Relaxed: a count that publishes nothing else.
+        // Relaxed: the count publishes nothing else.
         return _dropped.load(std::memory_order_relaxed);
     }
     unsigned int number() const {
         return _number;
     }
-    // Null unless it was given one. Acquire: pairs with the other `name`.
+    // The thread's name, or null. Acquire: pairs with the release in the other `name`.
     char const* name() const {
         return _name.load(std::memory_order_acquire);
     }
 
-    buffer* next = nullptr;  // of the same recorder; under its lock
+    buffer* next = nullptr;  // of the same recorder; under its _lock
 
 private:
     struct piece {
@@ -131,15 +133,15 @@ private:
     std::atomic<char const*> _name = nullptr;
 };
 
-// Nanoseconds as microseconds, from integers, because the decimal point of a double
-// depends on the locale.
+// Nanoseconds as microseconds. Uses integers because the decimal point of a printed
+// double depends on the locale.
 inline std::string microseconds(std::int64_t nanoseconds) {
     std::string const part = std::to_string(1000 + nanoseconds % 1000);
     return std::to_string(nanoseconds / 1000) + '.' + part.substr(1);
 }
 
-// How many bytes the character of UTF-8 has that `text` begins with; 0 if it begins with
-// none, be it cut off, longer than it needs to be, half of a pair or out of range.
+// The length in bytes of the UTF-8 character that `text` begins with. 0 if it is not one:
+// truncated, overlong, half of a surrogate pair, or out of range.
 inline std::size_t character_length(std::string_view text) {
     auto const byte = [text](std::size_t i) {
         return static_cast<unsigned char>(text[i]);
@@ -161,7 +163,7 @@ inline std::size_t character_length(std::string_view text) {
     return excluded ? 0 : length;
 }
 
-// A name as a JSON string. What is not UTF-8 becomes the replacement character.
+// A name as a JSON string. Replaces invalid UTF-8 by the replacement character.
 inline std::string quoted(std::string_view name) {
     std::string text = "\"";
     while (!name.empty()) {
@@ -191,15 +193,15 @@ inline std::int64_t now() {
 
 }  // namespace detail
 
-// A name of scopes that need not outlive the recorder, which keeps a share of the text.
-// Any thread may use it.
+// A name for scopes that may be destroyed before the recorder: the recorder shares
+// ownership of the text. Any thread may use it.
 class shared_name {
 public:
-    // Takes the text over.
+    // Takes ownership of the text.
     explicit shared_name(std::string text)
         : _text(std::make_shared<std::string const>(std::move(text))) {}
 
-    // The text, which lasts as long as the name.
+    // The text. Valid as long as the name.
     std::string const& text() const {
         return *_text;
     }
@@ -208,25 +210,26 @@ private:
     friend class recorder;
 
     std::shared_ptr<std::string const> const _text;
-    // The identity of the recorder that has a share. Relaxed: a stale value only makes a
-    // recorder take another share.
+    // The identity of the recorder that shares the text. Relaxed: a stale value only
+    // makes a recorder take another share.
     std::atomic<std::uint64_t> mutable _sharer = 0;
 };
 
-// Records the scopes of all threads from its construction until `stop`. Only one records
-// at a time in a process, on Windows in a module: constructing another before the first
-// has stopped fails the check "_active == 0". It keeps 32 bytes for each scope that
-// ended, 24 with 32-bit words, in pieces of 32 KiB for each thread, also of threads that
-// have ended. It must outlive the scopes that began while it recorded. So before its
-// destruction, make sure that no other thread begins one, or call `stop` and wait for
-// the scopes that may have begun.
+// Records the scopes of all threads from its construction until `stop`. Only one recorder
+// may record at a time in a process (on Windows, in a module): constructing another
+// before the first has stopped fails the check "_active == 0". It keeps 32 bytes for each
+// scope that has ended, 24 with 32-bit words, in pieces of 32 KiB for each thread,
+// including threads that have ended. It must outlive the scopes that began while it
+// recorded. So before you destroy it, make sure that no other thread begins a scope, or
+// call `stop` and wait for the scopes that may have begun.
 class recorder {
 public:
-    // Keeps the first `most` scopes of each thread, and counts the others.
+    // Keeps the first `most` scopes of each thread and counts the rest.
     explicit recorder(std::size_t most = 1'000'000) : _most(most) {
         recorder* other = nullptr;
-        // One step: of two recorders that begin at once only one goes on. Release:
-        // publishes this recorder to `_buffer`. Relaxed: a failed check reads nothing else.
+        // One step: if two recorders begin at once, only one succeeds. Release: publishes
+        // this recorder to `_buffer`. Relaxed: after a failure the check reads nothing
+        // else.
         if (!_active.compare_exchange_strong(other, this, std::memory_order_release,
                                              std::memory_order_relaxed))
             _assure_alone(other);
@@ -239,34 +242,34 @@ public:
     recorder(recorder const&) = delete;
     recorder& operator=(recorder const&) = delete;
 
-    // Scopes that begin from now on are not recorded. Does not block.
+    // Stops recording scopes that begin from now on. Does not block.
     void stop() {
         recorder* self = this;
         _active.compare_exchange_strong(self, nullptr);
     }
 
     // Calls `use(thread, event)` for each scope that has ended, one thread after another.
-    // Threads have numbers from 0, in the order of their first scopes; the scopes of a
-    // thread come in the order in which they ended. What a scope's thread wrote before its
-    // end is visible to `use`. Other threads may record meanwhile; a thread that records
-    // its first scope may wait.
+    // Threads are numbered from 0 in the order of their first scopes. The scopes of a
+    // thread come in the order in which they ended. What a scope's thread wrote before
+    // the scope ended is visible to `use`. Other threads may record meanwhile, but a
+    // thread that records its first scope may have to wait.
     template <class Use>
     void each(Use use) const {
         _each_buffer([&](detail::buffer const& from) { from.each(use); });
     }
 
-    // How many scopes were not kept.
+    // The number of scopes that were not kept.
     std::uint64_t dropped() const {
-        // Relaxed, as for each buffer: a count that publishes nothing else.
+        // Relaxed, as for each buffer: the count publishes nothing else.
         std::uint64_t sum = _lost.load(std::memory_order_relaxed);
         _each_buffer([&](detail::buffer const& from) { sum += from.dropped(); });
         return sum;
     }
 
     // Calls `sink(text)` with one piece of the trace after another, each a
-    // std::string_view. Together they are one JSON object with complete events, in
-    // microseconds from the recorder's construction, and the names of threads. Otherwise
-    // as `each`.
+    // std::string_view. Together they form one JSON object with complete events, in
+    // microseconds since the recorder's construction, and the names of threads. Otherwise
+    // like `each`.
     template <class Sink>
     void write(Sink sink) const {
         sink(std::string_view("{\"displayTimeUnit\":\"ns\",\"traceEvents\":["));
@@ -292,7 +295,7 @@ public:
         sink(std::string_view("\n]}\n"));
     }
 
-    // Writes the trace to a file. False if that failed.
+    // Writes the trace to a file. Returns false if that fails.
     [[nodiscard]] bool save(char const* file) const {
         std::FILE* const out = std::fopen(file, "wb");
         if (out == nullptr)
@@ -308,13 +311,14 @@ private:
     friend class scope;
     friend void name_thread(char const* name);
 
-    // `_active` as it was found.
+    // The parameter is named like the field so that the check's text names the field.
     static void _assure_alone(recorder const* _active) {
         assure(_active == 0);
     }
 
-    // The calling thread's buffer in the active recorder. Null if there is none or no
-    // memory. Acquire: the recorder is used as its constructor left it.
+    // The calling thread's buffer in the active recorder; null if no recorder is active
+    // or memory runs out. Acquire: makes the constructed recorder visible; pairs with the
+    // constructor.
     static detail::buffer* _buffer() {
         recorder* const active = _active.load(std::memory_order_acquire);
         if (active == nullptr)
@@ -338,8 +342,8 @@ private:
         return own;
     }
 
-    // Takes a share of the name, so that it lasts. False when out of memory. Relaxed: see
-    // `_sharer` and `dropped`; `_lock` guards the names.
+    // Takes a share of the name to keep its text alive. Returns false if memory runs out.
+    // Relaxed: see `_sharer` and `dropped`; `_lock` guards the names.
     bool _share(shared_name const& name) {
         if (name._sharer.load(std::memory_order_relaxed) == _identity)
             return true;
@@ -376,7 +380,7 @@ private:
         detail::buffer const* const first = _first;
         detail::buffer const* const last = _last;
         _lock.release();
-        // The links up to the last one do not change any more.
+        // The links up to the last buffer no longer change.
         for (detail::buffer const* each = first; each != nullptr;
              each = each == last ? nullptr : each->next)
             use(*each);
@@ -388,7 +392,7 @@ private:
     std::size_t const _most;
     std::int64_t const _start = detail::now();
     std::uint64_t const _identity = ++_identities;
-    mutable mutex _lock;               // guards the buffers' list and the names
+    mutable mutex _lock;               // guards _first, _last, each buffer's next, and _names
     detail::buffer* _first = nullptr;  // under _lock
     detail::buffer* _last = nullptr;   // under _lock
     std::vector<std::shared_ptr<std::string const>> _names;  // under _lock
@@ -396,11 +400,12 @@ private:
 };
 
 // Records the time from its construction to its destruction, on one thread, if a recorder
-// is active when it begins. Otherwise it costs one read. A name that is not a `shared_name`
-// is not copied: keep it valid as long as the recorder. Scopes of a thread nest.
+// is active when it begins. Otherwise it costs one read. A name that is not a
+// `shared_name` is not copied: keep it valid as long as the recorder. The scopes of a
+// thread nest.
 class [[nodiscard]] scope {
 public:
-    // Begins. Without memory for it the recorder counts it as dropped.
+    // Begins the scope. If memory runs out, the recorder counts it as dropped.
     explicit scope(char const* name, kind what = work) : scope(recorder::_buffer(), name, what) {}
     explicit scope(shared_name const& name, kind what = work)
         : scope(recorder::_buffer(name), name.text().c_str(), what) {}
@@ -424,7 +429,7 @@ private:
     event _event;
 };
 
-// Names the calling thread in the trace that is being recorded. `name` is not copied.
+// Names the calling thread in the active recorder's trace. Does not copy `name`.
 inline void name_thread(char const* name) {
     if (detail::buffer* const own = recorder::_buffer())
         own->name(name);

@@ -10,9 +10,9 @@ namespace ovel {
 //     triple<unsigned int, double, unsigned int> const group = {4, 2.0, 65536};
 template <class A, class B, class C>
 struct triple {
-    A first;   // named as in a std::pair
-    B second;  // as well
-    C third;   // as well
+    A first;   // named as in std::pair
+    B second;  // likewise
+    C third;   // likewise
 };
 
 }  // namespace ovel

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Work from any callable, its results as futures, and an allocator for any thread.
+// Work made from any callable, results as futures, and an allocator for any thread.
 //
 //     work_group group(4);
 //     std::future<int> const answer = group.submit([] { return 42; });
 //     answer.get();
 //     group.run([] { tidy_up(); });  // without a future
-//     group.join();                  // what was submitted has run
+//     group.join();                  // all submitted work has run
 //
-// It stands beside the library and `ovel.h` does not include it, since it draws
-// <future> in.
+// `ovel.h` does not include this header, because it includes <future>.
 #ifndef OVEL_WORK_H
 #define OVEL_WORK_H
 
@@ -28,11 +27,11 @@
 
 namespace ovel {
 
-// Gives the calling thread an allocator of its own for as long as the scope lasts,
-// unless it has one. No thread needs this: one without is lent an allocator until it
+// Gives the calling thread its own allocator until the scope ends, unless the thread has
+// one. No thread needs this: a thread without an allocator is lent one until the thread
 // ends. The scope gives it back earlier, which suits a thread that uses the library's
-// memory once and then lives on. To be destroyed by the thread that built it. Throws
-// std::bad_alloc.
+// memory once and then lives on. The thread that constructed the scope destroys it.
+// Throws std::bad_alloc.
 class thread_allocator {
 public:
     thread_allocator() {
@@ -45,7 +44,7 @@ public:
         if (_acquired) {
             allocator_group& group = *allocator_group::global();
             group.release_allocator();
-            group.specific_allocator(nullptr);  // it may be another thread's by now
+            group.specific_allocator(nullptr);  // by now it may be another thread's
         }
     }
     thread_allocator(thread_allocator const&) = delete;
@@ -55,14 +54,14 @@ private:
     bool _acquired;
 };
 
-// A `thread_function` from anything that can be called without arguments.
+// A `thread_function` made from any callable that takes no arguments.
 //
 //     work task([&] { fill(table); });
 //     helper.schedule(task);  // `helper` is a thread, or a thread_base
 template <class Callable>
 class work : public thread_function {
 public:
-    // Keeps `callable`.
+    // Stores `callable`.
     explicit work(Callable callable) : _callable(std::move(callable)) {}
 
     // Calls it.
@@ -82,13 +81,13 @@ class crew_of;
 
 // How submitted work is scheduled: see `thread_group`.
 struct work_options {
-    double time = 1.0;   // above 0; of equal spaces the longest time goes first
-    double space = 0.0;  // of the group's, from 0 to all of it
+    double time = 1.0;   // positive; among items of equal space, the longest time goes first
+    double space = 0.0;  // from 0 to all of the group's space
 };
 
 namespace detail {
 
-// Work of a group without a future: what it throws is the group's.
+// Work without a future. The group keeps what it throws.
 template <class Callable>
 class run_item : public queued_item {
 public:
@@ -111,7 +110,7 @@ private:
     Callable _callable;
 };
 
-// Work with a future. Discarded, it breaks its promise.
+// Work with a future. Breaks its promise if it is discarded.
 template <class Callable>
 class submitted_item : public queued_item {
     using result = std::invoke_result_t<Callable&>;
@@ -147,31 +146,33 @@ private:
 
 }  // namespace detail
 
-// Threads that run what is submitted to them, in the order and within the budget of
-// `thread_group`, and that share the children of scopes and the parts of loops
-// (ovel_parallel.h) among them.
+// Threads that run submitted work in the order and within the budget of `thread_group`,
+// and that share the children of scopes and the parts of loops (ovel_parallel.h).
 //
-// It has started when it is built. Any thread may submit, work of the group as well;
-// but work that waits for the future of other work keeps its thread meanwhile, and if
-// all do, for ever: work that waits opens a `task_scope`. What has begun takes
-// precedence over what is submitted: a thread that is free first takes children and
-// parts, whatever their work's order. `join` and `join_until`, in turn and up to the
-// first that ends the group, and the destructor belong to the owner.
+// The group starts when it is constructed. Any thread may submit work, including the
+// group's own work. But work that waits for the future of other work blocks its thread;
+// if all threads wait like this, they deadlock. Work that has to wait should open a
+// `task_scope` instead. A free thread finishes what has begun first: it takes children
+// and parts before it takes submitted work, whatever the order of the work they belong
+// to. What a thread wrote before it submits work is visible to that work, and what work
+// wrote is visible to a thread whose `wait` or `join` for it has returned. Only the owner
+// may call `join`, `join_until` and the destructor, one at a time, until one of them has
+// ended the group.
 //
-// A wait, a join or the destruction by the group's own work, which would wait for its own
-// end, fails the check "!_runs_caller()".
+// `wait`, `join` or destruction by the group's own work would wait for itself; it fails
+// the check "!_runs_caller()".
 class work_group {
 public:
-    // With a thread for each processor and no space, or as given. No threads or negative
+    // Has a thread for each processor and no space, unless given. No threads or negative
     // space fail the check "_threads != 0 && space >= 0". Throws std::bad_alloc.
     work_group() : work_group(thread_support::processors()) {}
     explicit work_group(unsigned int threads, double space = 0.0,
                         unsigned int stack_size = thread_base::default_stack_size)
         : _crew(threads, space, stack_size, this) {}
 
-    // Stops the group unless it has ended. No thread has a scope open on it, and all calls of
-    // its operations have returned. In a fork, where its threads do not exist, it only goes
-    // out of use; all else fails the check "!inherited()" there.
+    // Stops the group unless it has ended. No thread may have a scope open on it or be
+    // inside one of its operations. In a forked process, where its threads do not exist,
+    // the group can only be destroyed; everything else fails the check "!inherited()".
     ~work_group() {
         if (_crew.inherited())
             return;
@@ -183,15 +184,15 @@ public:
     work_group(work_group const&) = delete;
     work_group& operator=(work_group const&) = delete;
 
-    // Queues `callable`, which takes no arguments, and returns the future of what it
-    // returns or throws. A future that is dropped neither waits for the work, unlike one of
-    // std::async, nor discards it: what `callable` refers to lives until `get` has returned,
-    // what destroying it uses until `join` has. It is safe to declare that before the group,
-    // whose destructor waits for what runs. Once the group has been stopped, or has ended,
-    // `callable` is discarded. The promise of what is discarded is broken: its future throws
-    // std::future_error. Does not wait for work. A time or space out of range fails the
-    // check "time_ > 0 && space_ >= 0 && space_ <= _space". Throws std::bad_alloc, having
-    // queued nothing.
+    // Queues `callable`, which takes no arguments, and returns a future for its result or
+    // exception. Dropping the future neither waits for the work, unlike one of
+    // std::async, nor discards it. Keep what `callable` refers to alive until `get` has
+    // returned, and what its destructor uses until `join` has returned. Declaring such
+    // objects before the group is safe, because the group's destructor waits for running
+    // work. Once the group was stopped or has ended, it discards `callable`. Discarded
+    // work breaks its promise: the future throws std::future_error. Does not wait for
+    // work. A time or space out of range fails the check "time_ > 0 && space_ >= 0 &&
+    // space_ <= _space". If it throws std::bad_alloc, it has queued nothing.
     template <class Callable>
     auto submit(Callable callable, work_options options = {})
         -> std::future<std::invoke_result_t<Callable&>> {
@@ -201,22 +202,25 @@ public:
         return future;
     }
 
-    // The same without a future, which costs less. What `callable` throws, `wait` rethrows.
+    // The same without a future, which is cheaper. `wait` rethrows what `callable`
+    // throws.
     template <class Callable>
     void run(Callable callable, work_options options = {}) {
         _queue(std::make_unique<detail::run_item<Callable>>(_error, std::move(callable)), options);
     }
 
-    // Blocks until all work has ended, also what it has submitted meanwhile, and rethrows
-    // the first exception since the last wait that left work which was `run`, or a scope
-    // of the group's work that was closed without a wait. The group goes on.
+    // Blocks until all work has ended, including work submitted meanwhile. Then rethrows
+    // the first exception since the last `wait` that left work passed to `run`, or that
+    // left a scope of the group's work which was destroyed without a wait. The group
+    // continues.
     void wait() {
         assure(!_runs_caller());
         _crew.wait(false);
         _rethrow();
     }
 
-    // The same, unless `point`, whatever `deadline` accepts, passes before: then false.
+    // The same, but returns false if `point`, which is whatever `deadline` accepts,
+    // passes before.
     template <class Point>
     [[nodiscard]] bool wait_until(Point const& point) {
         assure(!_runs_caller());
@@ -226,15 +230,15 @@ public:
         return true;
     }
 
-    // Blocks as `wait` does, and ends the group. Exceptions are left for a `wait`.
+    // Blocks as `wait` does, then ends the group. Leaves exceptions for a `wait`.
     void join() {
         assure(!_runs_caller());
         _crew.wait(true);
         _end();
     }
 
-    // The same, unless `point`, whatever `deadline` accepts, passes before: then
-    // returns false, and the group goes on.
+    // The same, but if `point`, which is whatever `deadline` accepts, passes before,
+    // returns false and the group continues.
     template <class Point>
     [[nodiscard]] bool join_until(Point const& point) {
         assure(!_runs_caller());
@@ -244,9 +248,9 @@ public:
         return true;
     }
 
-    // Has work that has not begun discarded, by the threads as they come to it, and
-    // all that is submitted from now on. Does not wait for work; `join` does then. Any
-    // thread may call it, the group's work as well. Scopes are not stopped.
+    // Makes the threads discard work that has not begun, and everything submitted from
+    // now on. Does not wait; `join` does. Does not stop scopes. Any thread may call it,
+    // including the group's own work.
     void stop() {
         _crew.stop();
     }
@@ -258,7 +262,7 @@ public:
         return seat != nullptr ? static_cast<work_group*>(seat->crew().owner()) : nullptr;
     }
 
-    // How many threads it has.
+    // The number of threads.
     unsigned int threads() const {
         return _crew.threads();
     }
