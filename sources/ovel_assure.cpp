@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The end of a process whose invariant is broken.
+// Ends a process whose invariant is broken.
 
 #include "ovel_assure.h"
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Counters that one thread at a time writes, and others read without a lock.
+// Counters that one thread at a time writes and others read without a lock.
 #ifndef OVEL_COUNTER_H
 #define OVEL_COUNTER_H
 
@@ -7,9 +7,9 @@
 
 namespace ovel::detail {
 
-// Adds to `counter`, modulo its range, and returns the sum. A load and a store,
-// not a locked addition: whatever keeps other writers out orders them, and a
-// reader without it gets one value or the other.
+// Adds to `counter`, modulo its range, and returns the sum. Uses a load and a store
+// instead of a locked addition. Relaxed: the caller excludes other writers, which orders
+// the writes; a reader without the lock gets the old or the new value.
 template <class T>
 T add(atomic<T>& counter, T difference) {
     T const sum = counter.load(std::memory_order_relaxed) + difference;

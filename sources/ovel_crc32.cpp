@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// CRC-32: by carry-less multiplication where the processor has it; otherwise, and for a
-// few bytes, by table.
+// CRC-32: with carry-less multiplication if the processor has it; otherwise, and for a
+// few bytes, with a table.
 #include "ovel_crc32.h"
 
 #include "kernel.h"
@@ -15,12 +15,13 @@ namespace ovel {
 
 namespace {
 
-// The inline members are part of the binary interface as well, for callers whose
-// compiler does not inline them. Naming them here makes the compiler emit them.
+// The inline members are also part of the binary interface, for callers whose compiler
+// does not inline them. Taking their addresses makes the compiler emit them.
 [[gnu::used]] void (crc32::*const exported[])() = {&crc32::start, &crc32::stop};
 [[gnu::used]] unsigned int (crc32::*const exported_value)() const = &crc32::value;
 
-// Feeds the words from `begin` to `end`, the bytes of each from the most significant.
+// Adds the words from `begin` to `end`, the bytes of each starting with the most
+// significant.
 template <class Word, class Element>
 void encode_words(crc32& checksum, Element const* begin, Element const* end) {
     constexpr std::ptrdiff_t most = 256 / sizeof(Word);
@@ -111,7 +112,7 @@ void crc32::encode(unsigned char const* begin, unsigned char const* end) {
         }
     }
     // A local copy: the member might alias the bytes, so the compiler would store it
-    // after each.
+    // after each byte.
     unsigned int running = _register;
     for (unsigned char const* each = begin; each != end; ++each)
         running = _table[(running ^ *each) & 0xFF] ^ (running >> 8);

@@ -71,7 +71,7 @@ struct alignas(16) crc32_factors {
 inline constexpr crc32_factors crc32_over_128(128);
 inline constexpr crc32_factors crc32_over_512(512);
 inline constexpr crc32_factors crc32_over_2048(2048);
-// These move the first three of four lanes onto the last.
+// Factors that move the first three of four lanes onto the last.
 alignas(64) inline constexpr crc32_factors crc32_over_384_to_0[4] = {
     crc32_factors(384), crc32_factors(256), crc32_factors(128), crc32_factors()};
 alignas(16) inline constexpr std::uint64_t crc32_over_96[2] = {
@@ -94,7 +94,7 @@ OVEL_CRC32_NARROW [[gnu::always_inline]] inline __m128i crc32_load(void const* b
     return _mm_loadu_si128(static_cast<__m128i const*>(bytes));
 }
 
-// `lane` moved by the number of bits that `over` was made for.
+// Moves `lane` by the number of bits that `over` was made for.
 OVEL_CRC32_NARROW [[gnu::always_inline]] inline __m128i crc32_fold(__m128i lane,
                                                                    crc32_factors const& over) {
     __m128i const factors = crc32_load(&over);
@@ -102,7 +102,7 @@ OVEL_CRC32_NARROW [[gnu::always_inline]] inline __m128i crc32_fold(__m128i lane,
                          _mm_clmulepi64_si128(lane, factors, 0x11));
 }
 
-// The register after `lane`, and after the `count` bytes that follow.
+// The register after `lane` and the `count` bytes that follow it.
 OVEL_CRC32_NARROW [[gnu::always_inline]] inline std::uint32_t crc32_finish(
     __m128i lane, unsigned char const* bytes, std::size_t count) {
     for (; count >= 16; bytes += 16, count -= 16)
@@ -151,7 +151,7 @@ OVEL_CRC32_NARROW [[gnu::always_inline]] inline std::uint32_t crc32_by_lanes(
     return crc32_finish(lane, bytes, count);
 }
 
-// Feeds the register `count` bytes, 16 or more.
+// Adds `count` bytes, 16 or more, to the register.
 OVEL_CRC32_NARROW inline void crc32_narrow(std::uint32_t& running, unsigned char const* bytes,
                                            std::size_t count) {
     running = crc32_by_lanes(running, bytes, count);
@@ -161,14 +161,14 @@ OVEL_CRC32_WIDE [[gnu::always_inline]] inline __m256i crc32_load_two(void const*
     return _mm256_loadu_si256(static_cast<__m256i const*>(bytes));
 }
 
-// Both lanes moved by the number of bits that `factors` were made for.
+// Moves both lanes by the number of bits that `factors` were made for.
 OVEL_CRC32_WIDE [[gnu::always_inline]] inline __m256i crc32_fold_two(__m256i lanes,
                                                                      __m256i factors) {
     return _mm256_xor_si256(_mm256_clmulepi64_epi128(lanes, factors, 0x00),
                             _mm256_clmulepi64_epi128(lanes, factors, 0x11));
 }
 
-// As `crc32_narrow`, in pairs of lanes if there are enough bytes.
+// Like `crc32_narrow`, but in pairs of lanes if there are enough bytes.
 OVEL_CRC32_WIDE inline void crc32_wide(std::uint32_t& running, unsigned char const* bytes,
                                        std::size_t count) {
     if (count < 64) {
@@ -183,7 +183,7 @@ OVEL_CRC32_WIDE inline void crc32_wide(std::uint32_t& running, unsigned char con
         lanes = _mm256_xor_si256(crc32_fold_two(lanes, factors), crc32_load_two(bytes));
         lanes_1 = _mm256_xor_si256(crc32_fold_two(lanes_1, factors), crc32_load_two(bytes + 32));
     }
-    // The first three of the four lanes onto the last.
+    // Move the first three of the four lanes onto the last.
     lanes = crc32_fold_two(lanes, crc32_load_two(crc32_over_384_to_0));
     __m128i lane = _mm_xor_si128(_mm256_castsi256_si128(lanes), _mm256_extracti128_si256(lanes, 1));
     lane = _mm_xor_si128(lane, crc32_fold(_mm256_castsi256_si128(lanes_1), crc32_over_128));
@@ -195,28 +195,27 @@ OVEL_CRC32_WIDEST [[gnu::always_inline]] inline __m512i crc32_load_four(void con
     return _mm512_loadu_si512(bytes);
 }
 
-// Here and below with a mask of all ones: without a mask, gcc warns about its own
-// headers.
+// Uses a mask of all ones here and below: without one, gcc warns about its own headers.
 OVEL_CRC32_WIDEST [[gnu::always_inline]] inline __m512i crc32_factors_for_four(
     crc32_factors const& over) {
     return _mm512_maskz_broadcast_i32x4(0xFFFF, crc32_load(&over));
 }
 
-// Four lanes, moved by the number of bits that `factors` were made for, onto four others.
+// Moves four lanes by the number of bits that `factors` were made for, onto four others.
 OVEL_CRC32_WIDEST [[gnu::always_inline]] inline __m512i crc32_fold_four(__m512i lanes,
                                                                         __m512i factors,
                                                                         __m512i onto) {
-    constexpr int exclusive_or = 0x96;  // of three bits: the results of all eight cases
+    constexpr int exclusive_or = 0x96;  // as a table of all eight cases of three bits
     return _mm512_ternarylogic_epi64(_mm512_clmulepi64_epi128(lanes, factors, 0x00),
                                      _mm512_clmulepi64_epi128(lanes, factors, 0x11), onto,
                                      exclusive_or);
 }
 
-// From this number of bytes on `crc32_widest` is faster than `crc32_wide`.
+// From this number of bytes on, `crc32_widest` is faster than `crc32_wide`.
 inline constexpr std::size_t crc32_worth_four = 128;
 
-// The same for 64 bytes or more, in four times four lanes if there are enough bytes: as
-// many multiplications as the processor overlaps.
+// The same for 64 bytes or more, in four times four lanes if there are enough bytes: the
+// processor overlaps that many multiplications.
 OVEL_CRC32_WIDEST inline void crc32_widest(std::uint32_t& running, unsigned char const* bytes,
                                            std::size_t count) {
     __m512i const before = _mm512_zextsi128_si512(_mm_cvtsi32_si128(static_cast<int>(running)));
@@ -240,7 +239,7 @@ OVEL_CRC32_WIDEST inline void crc32_widest(std::uint32_t& running, unsigned char
     }
     for (; count >= 64; bytes += 64, count -= 64)
         lanes = crc32_fold_four(lanes, factors, crc32_load_four(bytes));
-    // The first three of the four lanes onto the last.
+    // Move the first three of the four lanes onto the last.
     __m512i const last = _mm512_maskz_mov_epi64(0xC0, lanes);
     lanes = crc32_fold_four(lanes, crc32_load_four(crc32_over_384_to_0), last);
     __m256i const two = _mm256_xor_si256(_mm512_maskz_extracti64x4_epi64(0xF, lanes, 0),

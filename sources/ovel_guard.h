@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Holds a lock for the length of a scope, whichever way the scope is left.
+// Holds a lock for the duration of a scope, however the scope is left.
 #ifndef OVEL_GUARD_H
 #define OVEL_GUARD_H
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Objects of the process that are built when the library is loaded and are no
-// members of a class of their own.
+// Objects of the process that are built when the library is loaded and belong to no
+// class.
 #ifndef OVEL_LIBRARY_H
 #define OVEL_LIBRARY_H
 
@@ -9,18 +9,17 @@
 
 namespace ovel::detail {
 
-// The thread that the recycler's work runs on, whether it was started, and the once-flag
-// of its start.
+// The recycler's thread, whether it was started, and the once-flag for starting it.
 extern thread_base _recycler_thread;
 extern atomic<bool> _recycler_started;
 extern unsigned int volatile _recycler_flag;
 
-// Stops and joins the recycler's thread, if it was started, when it is destroyed.
+// Its destructor stops and joins the recycler's thread if it was started.
 struct recycler_hook {
     ~recycler_hook();
 };
 
-// What the library does when the process is forked.
+// What the library does when the process forks.
 struct process_hooks {
     static void before_fork();
     static void in_parent();
@@ -32,7 +31,7 @@ private:
     static void _inherit_allocators();
 };
 
-// Ends the idle threads of the pool when it is destroyed.
+// Its destructor ends the idle threads of the pool.
 struct pool_hook {
     ~pool_hook();
 };

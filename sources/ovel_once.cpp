@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Once-only initialisation with a named kernel mutex. It needs no object of the library,
-// so it can build the first of them.
+// Once-only initialisation with a named kernel mutex. It uses no object of the library,
+// so it can build the first one.
 
 #include "ovel_once.h"
 
@@ -14,12 +14,12 @@ namespace ovel {
 
 namespace {
 
-// Keeps the names apart from those of other software.
+// A prefix that no other software uses in a name.
 constexpr char tag[] = "6f76656c9d3c41e07ab25f18c6e43b0d71f8a29547de1c8bb36052f9ae847d13";
 static_assert(sizeof tag == 64 + 1);
 
-// The name of the mutex of `flag` in this process: the tag, the process and the
-// flag's address, sign-extended to 64 bits if it is narrower.
+// Writes the name of the mutex for `flag` in this process: the tag, the process, and the
+// address of the flag, sign-extended to 64 bits if it is narrower.
 void name_mutex(unsigned int const volatile& flag, char* name) {
     std::memcpy(name, tag, sizeof tag);
     _ultoa(GetCurrentProcessId(), name + std::strlen(name), 16);
@@ -30,7 +30,8 @@ void name_mutex(unsigned int const volatile& flag, char* name) {
 }  // namespace
 
 void call_once(void (*function)(), unsigned int volatile& flag) {
-    // Acquire and release: a thread that reads 1 sees what the function wrote.
+    // Acquire pairs with the release below: a thread that reads 1 sees what the function
+    // wrote.
     detail::atomic_ref<unsigned int> const completed(flag);
     if (completed.load(std::memory_order_acquire) != 0)
         return;

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // The threads of a crew: queued work items, sleeping and waking.
 //
-// One thread at a time is the searching one: a worker that polls, or that was woken and
-// has not found work yet. When it finds some it has the next worker woken if there is
-// more, so nobody else need be. While no worker searches and one sleeps, every seat is
-// `_wanted`: the next push into it calls. A thread that is about to sleep makes the
-// seats so, and then looks once more. So a child put in is either seen by that look, or
-// its owner calls.
+// One worker at a time is the searching one: it polls, or was woken and has not found
+// work yet. When it finds work, it wakes the next worker if there is more. So no other
+// worker needs to poll. While no worker searches and one sleeps, every seat is `_wanted`:
+// the next push into it calls. A thread that is about to sleep sets the flags and then
+// looks once more. So either that look finds a pushed child, or the child's owner calls.
 //
 // A waiter sleeps with the scope that it waits for. It is woken for a child that descends
-// from that, even while a worker searches, and when the last of its children ends.
+// from that scope, even while a worker searches, and when the last child of the scope
+// ends.
 //
-// Lock order: `_mutex` and a seat's `_lock` are never held together.
+// Lock order: no thread holds `_mutex` and a seat's `_lock` together.
 
 #include "ovel_allocator_group.h"
 #include "ovel_assure.h"
@@ -33,7 +33,8 @@ namespace ovel::detail {
 
 namespace {
 
-// The slot of each thread's current seat, from the first crew of the process on.
+// The thread-local slot for each thread's current seat, created with the first crew of the
+// process. Release and acquire: a thread that reads the index may use the slot.
 unsigned int volatile slot_created = 0;
 constinit atomic<DWORD> seat_slot{TLS_OUT_OF_INDEXES};
 
@@ -50,7 +51,7 @@ void set_current_seat(task_seat* value) {
 
 }  // namespace
 
-// A thread of the crew and what it runs.
+// A thread of the crew and the work that it runs.
 class task_crew::worker : public thread_function {
 public:
     void start(task_crew& crew, unsigned int stack_size) {
@@ -70,7 +71,7 @@ public:
     }
 
     void operator()() override {
-        // Relaxed, as only this thread looks for its own identifier.
+        // Relaxed: only this thread looks for its own identifier.
         _seat->_owner.store(GetCurrentThreadId(), std::memory_order_relaxed);
         set_current_seat(_seat);
         _crew->_work(*_seat);
@@ -180,7 +181,7 @@ void task_crew::wait(bool then_stops) {
     });
 }
 
-// Once: the caller knows how much time is left after a wake-up.
+// Waits once: the caller computes the time that is left after a wake-up.
 bool task_crew::timed_wait(unsigned int milliseconds, bool then_stops) {
     return _wait(then_stops, [this, milliseconds] {
         static_cast<void>(_idle.timed_acquire(_mutex, milliseconds));
@@ -228,7 +229,8 @@ task_seat& task_crew::enter(task_seat*& previous) {
         unsigned long const me = GetCurrentThreadId();
         for (seat = _seats.load(std::memory_order_acquire); seat != nullptr; seat = seat->_next) {
             unsigned long nobody = 0;
-            // Pairs with the release in `leave`.
+            // Relaxed: a hint. The exchange pairs with the release in `leave`: it sees
+            // the seat as its last owner left it.
             if (!seat->_worker && seat->_owner.load(std::memory_order_relaxed) == 0 &&
                 seat->_owner.compare_exchange_strong(nobody, me))
                 break;
@@ -250,8 +252,9 @@ void task_crew::leave(task_seat& seat, task_seat* previous) {
         seat._owner.store(0, std::memory_order_release);
 }
 
-// A seat is larger than what the calling thread's allocator would serve, so a thread
-// without one may call it.
+// A seat is larger than what the calling thread's allocator serves, so a thread without
+// an allocator may call this. Relaxed: the exchange publishes the seat, and corrects
+// `first`.
 task_seat& task_crew::_add_seat(bool worker, unsigned long owner) {
     auto* const seat = new task_seat(*this, worker);
     seat->_owner.store(owner, std::memory_order_relaxed);
@@ -262,7 +265,7 @@ task_seat& task_crew::_add_seat(bool worker, unsigned long owner) {
     return *seat;
 }
 
-// The loop of a worker. Children go before queued items: what has begun is to end.
+// The worker's loop. Takes children before queued items, to finish what has begun.
 void task_crew::_work(task_seat& seat) {
     allocator_group* const group = allocator_group::global();
     unsigned int const process = this_process();
@@ -304,9 +307,9 @@ void task_crew::_work(task_seat& seat) {
         group->activate_allocator();
 }
 
-// Ends the item that has run, if any, and with `takes` takes the next one that fits, or
-// begins to search if nobody does; `runs` tells whether the item was not discarded. False
-// when the worker is to end.
+// Ends the item that has run, if any. With `takes`, takes the next one that fits, or
+// begins to search if no worker does. `runs` tells whether to run the item or discard it.
+// Returns false when the worker is to end.
 bool task_crew::_pass(task_seat& seat, items::detached& item, bool takes, bool& runs) {
     bool ends = false, idle = false;
     task_seat* woken = nullptr;
@@ -332,7 +335,7 @@ bool task_crew::_pass(task_seat& seat, items::detached& item, bool takes, bool& 
         }
         ends = takes && !item && _concluded && _queue.empty();
         if (ends) {
-            // The others end as they are woken, one by the other.
+            // Each of the others is woken to end, one by the other.
             _searching = _searching && !seat._searches;
             woken = _find_worker();
         } else if (takes && !item) {
@@ -350,8 +353,8 @@ bool task_crew::_pass(task_seat& seat, items::detached& item, bool takes, bool& 
     return !ends;
 }
 
-// The searching thread polls for as long as the spin count says, and returns whether
-// there may be work.
+// The searching thread polls until its spin count is used up. Returns whether there may
+// be work.
 bool task_crew::_poll(task_seat& seat) {
     for (spin_wait wait(_spin, pace_for_deque); !wait.is_over(); wait.pause())
         if (_news.load(std::memory_order_relaxed) != seat._seen || _has_task())
@@ -359,7 +362,8 @@ bool task_crew::_poll(task_seat& seat) {
     return false;
 }
 
-// The same for a thread that waits for `scope`; returns the descendant that it found.
+// The same for a thread that waits for `scope`. Returns the descendant that it found.
+// Acquire: makes what the children wrote visible, as in `scope_base::_join`.
 task* task_crew::_poll_for(task_seat& seat, scope_base& scope) {
     for (spin_wait wait(_spin, pace_for_deque); !wait.is_over(); wait.pause()) {
         if (scope._pending.load(std::memory_order_acquire) < 2)
@@ -370,8 +374,9 @@ task* task_crew::_poll_for(task_seat& seat, scope_base& scope) {
     return nullptr;
 }
 
-// Before the last look of a thread that made the seats `_wanted`. A thread that put a
-// child in and did not see that has its store underway: it arrives meanwhile.
+// Waits between setting the `_wanted` flags and the last look. A thread that pushed a
+// child and missed the flag has its store under way; it arrives during these pauses. 64
+// of them are longer than a store takes to become visible.
 void task_crew::_await_stores() const {
     for (spin_wait wait(std::min(_spin, 64u), pace_for_deque); !wait.is_over();)
         wait.pause();
@@ -394,8 +399,8 @@ void task_crew::_sleep(task_seat& seat) {
         seat._wake.acquire();
 }
 
-// A thread that waits for `scope` sleeps until it has ended or there is a descendant to
-// run, which it returns if it finds one itself.
+// Makes a thread that waits for `scope` sleep until the scope has ended or there is a
+// descendant to run. Returns the descendant if the thread finds one itself.
 task* task_crew::_sleep_for(task_seat& seat, scope_base& scope) {
     {
         guard const hold(_mutex);
@@ -412,7 +417,7 @@ task* task_crew::_sleep_for(task_seat& seat, scope_base& scope) {
     return found;
 }
 
-// With the mutex held, as those that follow unless they say otherwise.
+// With the mutex held, like the functions below unless they say otherwise.
 void task_crew::_fall_asleep(task_seat& seat, scope_base* awaited) {
     seat._asleep = true;
     seat._awaited = awaited;
@@ -422,7 +427,8 @@ void task_crew::_fall_asleep(task_seat& seat, scope_base* awaited) {
     _asleep.store(_asleep.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
-// Takes a thread out of the list, which then has to be woken; false if it is not in it.
+// Takes a thread off the list, so that the caller has to wake it. Returns false if it is
+// not on the list.
 bool task_crew::_remove_sleeper(task_seat& seat) {
     if (!seat._asleep)
         return false;
@@ -435,7 +441,8 @@ bool task_crew::_remove_sleeper(task_seat& seat) {
     return true;
 }
 
-// Takes a worker out of the list, null if none sleeps, who then is the searching thread.
+// Takes a sleeping worker off the list and makes it the searching thread. Returns null if
+// none sleeps.
 task_seat* task_crew::_find_worker() {
     for (task_seat* each = _sleepers; each != nullptr; each = each->_next_asleep)
         if (each->_awaited == nullptr) {
@@ -446,14 +453,14 @@ task_seat* task_crew::_find_worker() {
     return nullptr;
 }
 
-// Has the next push into each deque call.
+// Makes the next push into each deque call. Acquire: see `_seats`.
 void task_crew::_arm() {
     for (task_seat* each = _seats.load(std::memory_order_acquire); each != nullptr;
          each = each->_next)
         each->_wanted.store(true);
 }
 
-// The thread of `seat` has found work. Returns the worker to be woken for more, or null.
+// The thread of `seat` has found work. Returns a worker to wake for more, or null.
 task_seat* task_crew::_stop_searching(task_seat& seat) {
     if (seat._searches) {
         _searching = seat._searches = false;
@@ -465,9 +472,9 @@ task_seat* task_crew::_stop_searching(task_seat& seat) {
     return has_fitting_work(_queue, _space) || _has_task() ? _find_worker() : nullptr;
 }
 
-// Without the mutex: the calling thread, which is in the list, leaves it for what it has
-// seen; false if it is being woken. There may be more than it has seen, and workers that
-// sleep beside it: so a worker searches again.
+// Without the mutex: takes the calling thread off the list because it has seen work.
+// Returns false if another thread is waking it. There may be more work than it has seen,
+// and sleeping workers, so a worker searches again.
 bool task_crew::_leave_sleepers(task_seat& seat) {
     guard const hold(_mutex);
     if (!_remove_sleeper(seat))
@@ -488,7 +495,7 @@ void task_crew::_wake(task_seat& seat) {
         seat._wake.release();
 }
 
-// Without the mutex: the caller has put a child in that a sleeping thread may want.
+// Without the mutex: the caller has pushed a child that a sleeping thread may want.
 void task_crew::_call(task_seat& caller) {
     task_seat* woken = nullptr;
     {
@@ -501,15 +508,15 @@ void task_crew::_call(task_seat& caller) {
             _remove_sleeper(*woken);
         else if (!_searching)
             woken = _find_worker();
-        // A worker that was woken calls others itself. After a waiter, the next push does.
+        // A woken worker calls others itself. After waking a waiter, the next push calls.
         caller._wanted.store(woken != nullptr && !_searching && _sleepers != nullptr);
     }
     if (woken != nullptr)
         woken->_wake.release();
 }
 
-// The thread of `seat` has work, and tells others if it was the searching one. Without
-// the mutex.
+// The thread of `seat` has work. If it was the searching one, it wakes another. Without
+// the mutex. Relaxed: see `_hungry`.
 void task_crew::_feed(task_seat& seat) {
     if (seat._hungry) {
         seat._hungry = false;

@@ -1,5 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Scopes and seats: putting children in, stealing them, and waiting for them.
+// Scopes and seats: pushing children, stealing them, and waiting for them.
+//
+// Memory orders. `_top` and `_frames` change under the seat's `_lock`, which orders them;
+// relaxed reads without it only choose where to look. Acquire loads of `_bottom` pair
+// with the release in `push`: they see the pushed child and all that its opener wrote.
+// Relaxed loads of a slot only skip empty ones; the exchange that follows decides.
 
 #include "ovel_assure.h"
 #include "ovel_guard.h"
@@ -17,15 +22,15 @@ void task_seat::_call() {
     _crew._call(*this);
 }
 
-// A child at `bottom` was stolen, so the next one that is put in there would be below
-// `_top`. Waits for the thief to be done with the deque.
+// A child at `bottom` was stolen, so the next push there would be below `_top`. Waits
+// until the thief is done with the deque.
 void task_seat::_lower_top(unsigned int bottom) {
     guard const hold(_lock);
     if (_top.load(std::memory_order_relaxed) > bottom)
         _top.store(bottom, std::memory_order_relaxed);
 }
 
-// Whether there is a child to take. Without the lock, so it may be gone.
+// Whether there is a child to take. Without the lock, so the child may be gone.
 bool task_seat::_has_task() const {
     unsigned int const end = _bottom.load(std::memory_order_acquire);
     for (unsigned int i = _top.load(std::memory_order_relaxed); i < end; ++i)
@@ -34,14 +39,14 @@ bool task_seat::_has_task() const {
     return false;
 }
 
-// Takes the oldest child from slot `first` on, null if there is none. With the lock held.
+// Takes the oldest child from slot `first` on; null if there is none. With the lock held.
 task* task_seat::_take(unsigned int first) {
     unsigned int const end = _bottom.load(std::memory_order_acquire);
     for (unsigned int i = first; i < end; ++i) {
         if (_tasks[i].load(std::memory_order_relaxed) == nullptr)
             continue;
         if (task* const taken = _tasks[i].exchange(nullptr, std::memory_order_acq_rel)) {
-            // Nothing is put in at or below this slot before the owner has been here.
+            // Nothing is pushed at or below this slot until the owner has been here.
             if (first == _top.load(std::memory_order_relaxed))
                 _top.store(i + 1, std::memory_order_relaxed);
             return taken;
@@ -69,8 +74,8 @@ bool task_crew::_has_task() const {
     return false;
 }
 
-// Takes the oldest child of some thread, null if there is none or another thread is
-// taking it.
+// Takes the oldest child of some thread. Returns null if there is none, or another thread
+// is taking it.
 task* task_crew::_steal(task_seat& seat) {
     task_seat* const first = seat._victim != nullptr ? seat._victim : &seat;
     task_seat* each = first;
@@ -109,15 +114,16 @@ bool scope_base::_descends_from(scope_base const& scope) const {
     return each == &scope;
 }
 
-// Counts a child as ended that another thread took or put in. The scope may be gone then,
-// but not the seat.
+// Counts a child that another thread took or pushed as ended. The scope may be gone then,
+// but not the seat. The subtraction releases what the child wrote to the scope's opener.
 void scope_base::_finish(scope_base& scope) {
     task_seat& opener = scope._seat;
     if (scope._pending.fetch_sub(2) == 3)
         opener._crew._wake(opener);
 }
 
-// Runs a child beside what the thread of `seat` is busy with, and then what it put in.
+// Runs a child apart from what the thread of `seat` is busy with, and then what the child
+// pushed.
 void scope_base::_run(task_seat& seat, task& child, bool stolen) {
     scope_base& scope = child.scope;
     scope_base* const interrupted = std::exchange(seat._innermost, &scope);
@@ -127,11 +133,12 @@ void scope_base::_run(task_seat& seat, task& child, bool stolen) {
         frame.outer = seat._frames.load(std::memory_order_relaxed);
         seat._frames.store(&frame, std::memory_order_relaxed);
     }
-    // Other threads may want what this one puts in from now on.
+    // From now on other threads may want what this one pushes. Relaxed, both: hints.
     if (seat._crew._asleep.load(std::memory_order_relaxed) != 0)
         seat._wanted.store(true, std::memory_order_relaxed);
     unsigned int const limit = seat._limit;
-    // What it puts in is run in a loop here, and not one inside the other.
+    // Children that the child pushes run in the loop below, instead of nesting inside
+    // each other. 8 slots of the reserve are for them.
     seat._limit = std::min(task_seat::capacity, limit + 8);
     child.run(child, stolen);
     while (seat.bottom() != frame.mark)
@@ -158,7 +165,7 @@ void scope_base::_fork_from(task_seat* seat, task& child) {
         child.run(child, false);
         return;
     }
-    // Below an inner scope's children there is no room for one of this scope.
+    // Below the children of an inner scope there is no room for a child of this scope.
     if (seat->_innermost != this) {
         _run(*seat, child, false);
         return;
@@ -168,6 +175,8 @@ void scope_base::_fork_from(task_seat* seat, task& child) {
         _fork(child);
         return;
     }
+    // Relaxed: the child that runs here stays counted until this thread has counted the
+    // new one.
     _pending.fetch_add(2, std::memory_order_relaxed);
     if (!seat->push(child)) {
         _run(*seat, child, false);

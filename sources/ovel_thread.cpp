@@ -11,7 +11,7 @@ thread::thread() : thread(thread_base::default_stack_size) {}
 
 thread::thread(unsigned int stack_size) : _stack_size(stack_size) {}
 
-// A run that was left behind by a fork is nobody's to join.
+// Nobody can join a run whose thread a fork left behind.
 thread::~thread() {
     if (_element == nullptr || !_element->inherited())
         assure(_acquired);
@@ -51,7 +51,7 @@ bool thread::timed_acquire(time const& deadline) {
     return _join(_element->thread_function_base_().timed_acquire(deadline));
 }
 
-// Gives the element back if its run has completed, and returns whether it has.
+// Returns the element to the pool if its run has completed. Returns whether it has.
 bool thread::_join(bool completed) {
     _acquired = completed;
     if (completed) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Threads of their own, the run loop of pooled threads, and the pool.
+// Threads created for one run, the run loop of pooled threads, and the pool.
 
 #include "ovel_thread_base.h"
 
@@ -19,8 +19,8 @@ namespace ovel {
 
 namespace {
 
-// What the releasing thread hands to the new one. It lives on the releasing
-// thread's stack until the new thread has taken what it needs.
+// What the thread that calls `release` passes to the new one. It lives on that thread's
+// stack until the new thread has taken what it needs.
 struct start_record {
     thread_base& base;
     semaphore started;
@@ -53,7 +53,7 @@ void thread_base::release() {
 unsigned int OVEL_THREAD_ENTRY thread_base::_call(void* argument) {
     auto& record = *static_cast<start_record*>(argument);
     thread_function& function = *record.base._function;
-    record.started.release();  // the record is gone from here on, and the base may be
+    record.started.release();  // from here on the record is gone, and the base may be
     set_thread_name("ovel-thread");
 
     try {
@@ -61,7 +61,8 @@ unsigned int OVEL_THREAD_ENTRY thread_base::_call(void* argument) {
         group->acquire_allocator();
         function();
         group->release_allocator();
-        // It may be another thread's by the time that this one's own objects are destroyed.
+        // By the time this thread's own objects are destroyed, another thread may have
+        // it.
         group->specific_allocator(nullptr);
     } catch (...) {
         assure(("unexpected exception", 0));
@@ -128,8 +129,8 @@ bool thread_function_base::timed_acquire(time const& deadline) {
     return _finish.timed_acquire(deadline);
 }
 
-// The thread's allocator is active exactly while it runs work, so that blocks that
-// others free meanwhile do not wait for a thread that may idle for long.
+// The thread's allocator is active only while the thread runs work. Otherwise blocks that
+// other threads free would wait for a thread that may idle for long.
 void thread_function_base::operator()() {
     set_thread_name("ovel-pool");
     allocator_group* const group = allocator_group::global();
@@ -140,6 +141,8 @@ void thread_function_base::operator()() {
         if (_terminate.load(std::memory_order_relaxed))
             break;
         group->activate_allocator();
+        // Relaxed, here and below: a thread sees its own change, and another's is not of
+        // interest.
         unsigned int const before = restrictions.load(std::memory_order_relaxed);
         try {
             (*_function)();
@@ -147,7 +150,8 @@ void thread_function_base::operator()() {
             assure(("unexpected exception", 0));
         }
         assure(process == this_process());
-        // A system call only if this run, or another meanwhile, restricted a thread.
+        // Makes the system call only if this run, or another one meanwhile, restricted a
+        // thread.
         if (restrictions.load(std::memory_order_relaxed) != before)
             use_all_processors();
         group->deactivate_allocator(false);
@@ -185,14 +189,14 @@ thread_element_group::~thread_element_group() {
     _end_idle();
 }
 
-// Elements that are lent are not in the pool, and are left alone. Without the lock while
-// a thread is joined: its thread-local objects may use the pool.
+// Borrowed elements are not in the pool and stay. Joins without the lock, because the
+// thread's thread-local objects may use the pool.
 void thread_element_group::_end_idle() {
     while (thread_element* const idle = _take_first())
         delete idle;
 }
 
-// Null if there is none.
+// Returns null if there is none.
 thread_element* thread_element_group::_take_first() {
     guard const hold(_lock);
     if (_elements.size() == 0)
@@ -211,8 +215,7 @@ thread_element_group* thread_element_group::global() {
     return &_global;
 }
 
-// Creating an element waits for its thread to start, and so happens without the
-// lock.
+// Creates an element without the lock, because that waits until the thread has started.
 thread_element* thread_element_group::acquire_element(unsigned int stack_size) {
     if (thread_element* const idle = _take(stack_size))
         return idle;
@@ -224,7 +227,7 @@ thread_element* thread_element_group::acquire_element(unsigned int stack_size) {
     return nullptr;
 }
 
-// The smallest idle element whose stack is large enough, unless it is wastefully
+// Returns the smallest idle element whose stack is large enough, unless it is wastefully
 // large; null if there is none.
 thread_element* thread_element_group::_take(unsigned int stack_size) {
     guard const hold(_lock);
@@ -234,7 +237,7 @@ thread_element* thread_element_group::_take(unsigned int stack_size) {
     if (found == _elements.end())
         return nullptr;
     thread_element* const element = *found;
-    // A request for the system's default, 0, is met by another such thread.
+    // A request for the system's default, 0, needs a thread with the system's default.
     unsigned int const idle_size = element->thread_base_().stack_size();
     bool const fits = stack_size != 0 ? idle_size / 4 < stack_size : idle_size == 0;
     if (!fits)

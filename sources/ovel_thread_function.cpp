@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Work objects, and the services about the threads that run them.
+// Work objects, and services for the threads that run them.
 
 #include "ovel_thread_function.h"
 
@@ -26,8 +26,8 @@ masks affinity_masks() {
     return {static_cast<unsigned int>(pm & sm), static_cast<unsigned int>(sm)};
 }
 
-// Restricts the calling thread to what `choose` takes of the process's processors, which
-// may change meanwhile. Returns it.
+// Restricts the calling thread to what `choose` selects from the process's processors.
+// Tries again if those change meanwhile. Returns the mask.
 template <class Choose>
 unsigned int restrict_thread(Choose const& choose) {
     for (;;) {
@@ -41,7 +41,7 @@ unsigned int restrict_thread(Choose const& choose) {
 
 }  // namespace
 
-// Relaxed: a thread that restricts itself sees what it has counted.
+// Relaxed: a thread that restricts itself sees its own count.
 constinit detail::atomic<unsigned int> detail::restrictions{0};
 
 void detail::use_all_processors() {
@@ -100,7 +100,7 @@ void thread_support::process_affinity(unsigned int affinity) {
 }
 
 unsigned int thread_support::thread_affinity() {
-    // Setting a mask is the only way to learn the one before.
+    // Only setting a mask returns the previous one.
     auto const affinity =
         static_cast<unsigned int>(SetThreadAffinityMask(GetCurrentThread(), process_affinity()));
     assure(affinity != 0);
@@ -115,12 +115,13 @@ void thread_support::thread_affinity(unsigned int affinity) {
 }
 
 unsigned int estimate_default_spin() {
-    // Pauses of 2 to 25 us in all: about what it costs to put a thread to sleep and to wake
-    // it, so that a thread which spins in vain pays at most twice.
+    // 1024 pauses take 2 to 25 us: about what it costs to put a thread to sleep and wake
+    // it. So a thread that spins in vain pays at most twice.
     return 1024;
 }
 
 void set_default_spin(unsigned int spin) {
+    // Relaxed: each object copies the value that it finds.
     detail::atomic_ref<unsigned int>(default_spin)
         .store(thread_support::available_processors() != 1 ? spin : 0, std::memory_order_relaxed);
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The counter, the length of a tick, and the conversions between seconds, ticks and
-// milliseconds. `time::now` is in ovel_time_server.cpp, with the thread that keeps the
+// The counter, the length of a tick, and conversions between seconds, ticks and
+// milliseconds. `time::now` is in ovel_time_server.cpp, next to the thread that keeps the
 // clock.
 
 #include "ovel_time.h"
@@ -34,11 +34,11 @@ void find_unit() {
     unit = 1.0 / frequency;
 }
 
-// `value` as an integer of a narrower range. What is out of that becomes `most` or
-// -`most`; a NaN becomes 0.
+// Converts `value` to an integer. Saturates at `most` and -`most`; NaN becomes 0.
 template <class Integer>
 Integer narrow(double value, Integer most) {
-    // The largest integer need not be a double; the power of two above it is.
+    // The largest integer may not be representable as a double; the power of two above it
+    // is.
     constexpr double limit = -2.0 * (std::numeric_limits<Integer>::min() / 2);
     if (value >= limit)
         return most;
@@ -69,7 +69,8 @@ std::int64_t detail::ticks_of(double seconds) {
 }
 
 unsigned int detail::milliseconds_between(time const& now, time const& deadline) {
-    // Compared first: the distance to what lies too far back would wrap to one ahead.
+    // Compare first: if the deadline is too far in the past, the difference would wrap to
+    // a time in the future.
     if (deadline <= now)
         return 0;
     double const left = (deadline - now).seconds();

@@ -48,13 +48,15 @@ void time_server::follow_processors() {
 
 void time_server::operator()() {
     set_thread_name("ovel-clock");
-    // The system lets a thread use all processors that the process gets anew.
+    // When the process gets other processors, the system lets every thread use all of
+    // them.
     unsigned int changes = _changes;
-    // At first the lowest processor of the process: processor 0, if it may use that.
+    // Starts on the lowest processor of the process: processor 0 if the process may use
+    // it.
     unsigned int processor = detail::stay_on(1);
     for (;;) {
         _request.acquire();
-        // Acquire: the change that is counted is to be seen.
+        // Acquire: makes the counted change of the mask visible.
         unsigned int const latest = _changes.load(std::memory_order_acquire);
         if (changes != latest) {
             changes = latest;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The one thread whose processor's counter is the clock of the process.
+// The thread whose processor's counter is the clock of the process.
 #ifndef OVEL_TIME_SERVER_H
 #define OVEL_TIME_SERVER_H
 
@@ -18,23 +18,24 @@ struct process_hooks;
 
 }  // namespace detail
 
-// Counters of different processors need not agree, so readings that are to be
-// compared come from this thread alone, which stays on one processor. It runs from
-// the first reading to the end of the process.
+// The counters of different processors may disagree. So all readings that are compared
+// come from this thread, which stays on one processor. It runs from the first reading to
+// the end of the process.
 class time_server : public thread_function {
 public:
-    // Built, with its thread, on the first call in the process.
+    // The first call in the process builds the server and starts its thread.
     static time_server& global();
 
-    // One reading of the counter. Any thread may ask; they take turns, and wait
-    // for the server's answer.
+    // Returns one reading of the counter. Any thread may call it. Callers take turns and
+    // wait for the server's reply.
     std::int64_t reading();
 
     // The server's loop.
     void operator()() override;
 
-    // The processors of the process have changed. The server stays on its own if that is
-    // among them, and otherwise moves to the lowest, before it reads the counter again.
+    // Call it when the processors of the process have changed. Before its next reading,
+    // the server pins itself again: to its own processor if that is still available,
+    // otherwise to the lowest one.
     static void follow_processors();
 
 private:
@@ -46,12 +47,12 @@ private:
 
     static time_server* _global;                   // set under _created
     static unsigned int volatile _created;         // once-flag
-    static detail::atomic<unsigned int> _changes;  // of the process's processors
+    static detail::atomic<unsigned int> _changes;  // counts changes of the process's mask
 
     thread_base _thread;
-    semaphore _lock;            // one client at a time
-    semaphore _request;         // a client asks
-    semaphore _reply;           // the server has answered
+    semaphore _lock;            // guards one exchange of request and reply
+    semaphore _request;         // a unit for each reading that a client wants
+    semaphore _reply;           // a unit for each reading that the server has stored
     std::int64_t _reading = 0;  // written by the server between a request and its reply
 };
 
