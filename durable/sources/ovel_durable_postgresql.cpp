@@ -199,7 +199,7 @@ public:
     bool wait(double seconds, int bell) override;
 
 protected:
-    rows _execute(std::string const& statement, row const& given) override;
+    rows _execute_once(std::string const& statement, row const& given) override;
     void _begin(access wanted) override {
         _run(wanted == writing ? "BEGIN ISOLATION LEVEL READ COMMITTED"
                                : "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
@@ -237,7 +237,6 @@ private:
         _check(result(PQexec(_connection.get(), statement), &PQclear));
     }
     result _check(result made);
-    rows _execute_alone(std::string const& statement, row const& given);
 
     std::unique_ptr<PGconn, void (*)(PGconn*)> _connection;
     std::unordered_map<std::string, std::string> _prepared;  // the names, by the texts
@@ -268,16 +267,16 @@ result postgresql_store::_check(result made) {
     std::string const what = first_line(PQerrorMessage(_connection.get()));
     char const* const state = PQresultErrorField(made.get(), PG_DIAG_SQLSTATE);
     std::string const code = state != nullptr ? state : "";
-    // The last ones: the server ends, and another transaction was in the way.
+    // The server is ending.
     if (PQstatus(_connection.get()) != CONNECTION_OK || code.empty() || code.starts_with("57P") ||
         code.starts_with("08"))
         throw unreachable("the connection to the store is lost: " + what);
-    if (code == "40001" || code == "40P01")
-        throw unreachable("the store: " + what);
+    if (code == "40001" || code == "40P01" || code == "55P03")
+        throw busy("the store: " + what);
     throw error("the store: " + what);
 }
 
-rows postgresql_store::_execute(std::string const& statement, row const& given) {
+rows postgresql_store::_execute_once(std::string const& statement, row const& given) {
     parameters const sent(given);
     auto const [known, added] = _prepared.try_emplace(statement);
     if (added) {

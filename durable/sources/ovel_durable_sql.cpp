@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <random>
+#include <thread>
 
 namespace ovel::durable::detail {
 
@@ -91,6 +92,15 @@ token taken_by(std::string const& key, value const& number, value const& bytes) 
     if (!std::holds_alternative<std::int64_t>(number))
         throw error(quoted(key) + " is the key of a send, not of a receive");
     return {integer(number), std::get<blob>(bytes).bytes};
+}
+
+bool sql_store::back_off::pause() {
+    if (std::chrono::steady_clock::now() >= _end)
+        return false;
+    static thread_local std::minstd_rand random{std::random_device()()};
+    std::this_thread::sleep_for(
+        std::chrono::microseconds(50 + random() % std::min(100 * ++_count, 10000)));
+    return true;
 }
 
 numbers sql_store::open(structure const& net) {

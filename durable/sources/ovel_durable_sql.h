@@ -5,6 +5,9 @@
 
 #include "ovel_durable_store.h"
 
+#include <chrono>
+#include <type_traits>
+
 namespace ovel::durable::detail {
 
 struct blob {
@@ -16,6 +19,13 @@ using value = std::variant<std::monostate, std::int64_t, double, std::string, bl
                            std::vector<std::int64_t>, std::vector<blob>>;
 using row = std::vector<value>;
 using rows = std::vector<row>;
+
+// Another connection is in the way and will not be for long. The statement, or the whole
+// transaction that it was part of, did nothing and can be repeated on this connection.
+class busy : public unreachable {
+public:
+    using unreachable::unreachable;
+};
 
 class sql_store : public store {
 public:
@@ -39,9 +49,17 @@ protected:
     enum access { reading, writing };
 
     // Runs one statement, which is prepared once. Parameters are $1, $2 and so on, and
-    // {now} stands for the database's clock, in seconds.
-    virtual rows _execute(std::string const& statement, row const& parameters) = 0;
+    // {now} stands for the database's clock, in seconds. Repeats it while the database is
+    // busy, unless it is part of a transaction: then `_within` repeats all of that.
+    rows _execute(std::string const& statement, row const& parameters) {
+        auto const once = [&] {
+            return _execute_once(statement, parameters);
+        };
+        return _begun ? once() : _repeated(once);
+    }
 
+    // The following throw `busy` at once.
+    virtual rows _execute_once(std::string const& statement, row const& parameters) = 0;
     virtual void _begin(access wanted) = 0;
     virtual void _commit() = 0;
     virtual void _roll_back() noexcept = 0;
@@ -62,29 +80,55 @@ protected:
     virtual std::string _waiting() const = 0;
     virtual std::string _free() const = 0;
 
-    // `work` in a transaction.
+    // `work` in a transaction, which is rolled back and repeated while the database is busy.
     template <class Work>
     auto _within(access wanted, Work const& work) {
-        _begin(wanted);
-        try {
-            if constexpr (std::is_void_v<decltype(work())>) {
-                work();
-                _commit();
-            } else {
+        return _repeated([&] {
+            _begin(wanted);
+            _begun = true;
+            try {
                 auto made = work();
                 _commit();
+                _begun = false;
                 return made;
+            } catch (...) {
+                _begun = false;
+                _roll_back();
+                throw;
             }
-        } catch (...) {
-            _roll_back();
-            throw;
-        }
+        });
+    }
+
+    // Repeats `work` while it throws `busy`, for some 30 s.
+    template <class Work>
+    std::invoke_result_t<Work const&> _repeated(Work const& work) {
+        for (back_off pauses;;)
+            try {
+                return work();
+            } catch (busy const&) {
+                if (!pauses.pause())
+                    throw;
+            }
     }
 
 private:
+    // Pauses that are short at first, as a transaction is, and grow.
+    class back_off {
+    public:
+        // False once they have taken too long in all.
+        bool pause();
+
+    private:
+        int _count = 0;
+        std::chrono::steady_clock::time_point const _end =
+            std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    };
+
     numbers _make(structure const& net);
     numbers _compare(structure const& net, std::int64_t number, std::string const& nonce);
     void _fold();
+
+    bool _begun = false;  // a transaction
 };
 
 inline std::int64_t integer(value const& field) {

@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Nets in a file of SQLite, for the processes of one machine. It lets one transaction
 // write at a time, so a count of tokens and one of free slots for each place do.
+//
+// There is no busy handler: SQLite does not call it where waiting might deadlock, such as
+// when two connections switch a new file to the write-ahead log, or for a snapshot that is
+// out of date. Each statement or transaction that finds the file busy is repeated instead.
 #include "ovel_durable_sql.h"
 
 #include <poll.h>
@@ -10,8 +14,6 @@
 #include <chrono>
 #include <cstring>
 #include <map>
-#include <random>
-#include <thread>
 #include <unordered_map>
 
 namespace ovel::durable::detail {
@@ -81,13 +83,6 @@ struct change {
 class sqlite_store : public sql_store {
 public:
     explicit sqlite_store(std::string const& file);
-    ~sqlite_store() override {
-        for (auto const& each : _prepared)
-            sqlite3_finalize(each.second);
-        sqlite3_close(_database);
-    }
-    sqlite_store(sqlite_store const&) = delete;
-    sqlite_store& operator=(sqlite_store const&) = delete;
 
     turned take_turn(std::int64_t net, std::int64_t member, turn const& asked) override;
     answer put(std::int64_t net, std::int64_t place, std::string const& value,
@@ -103,7 +98,7 @@ public:
     bool wait(double seconds, int bell) override;
 
 protected:
-    rows _execute(std::string const& statement, row const& parameters) override;
+    rows _execute_once(std::string const& statement, row const& parameters) override;
     void _begin(access wanted) override {
         _run(wanted == writing ? "BEGIN IMMEDIATE" : "BEGIN");
     }
@@ -111,7 +106,7 @@ protected:
         _run("COMMIT");
     }
     void _roll_back() noexcept override {
-        sqlite3_exec(_database, "ROLLBACK", nullptr, nullptr, nullptr);
+        sqlite3_exec(_database.get(), "ROLLBACK", nullptr, nullptr, nullptr);
     }
     void _make_tables() override;
     bool _has_tables() override {
@@ -132,17 +127,17 @@ protected:
 
 private:
     using changes = std::map<std::int64_t, change>;
+    using statement = std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)>;
 
     [[noreturn]] void _throw(int code);
     void _run(char const* statements) {
-        int const code = sqlite3_exec(_database, statements, nullptr, nullptr, nullptr);
+        int const code = sqlite3_exec(_database.get(), statements, nullptr, nullptr, nullptr);
         if (code != SQLITE_OK)
             _throw(code);
     }
     std::int64_t _version() {
         return integer(_execute("PRAGMA data_version", {})[0][0]);
     }
-    static int _wait_for_others(void* self, int tries);
     sqlite3_stmt* _statement(std::string const& text);
     std::vector<arc> _arcs(std::int64_t transition);
     std::int64_t _put(std::int64_t place, std::string const& value);
@@ -154,66 +149,57 @@ private:
     void _take_over(std::int64_t net, std::int64_t member, turn const& asked, turned& made);
 
     std::string const _file;
-    sqlite3* _database = nullptr;
-    std::unordered_map<std::string, sqlite3_stmt*> _prepared;
+    std::unique_ptr<sqlite3, int (*)(sqlite3*)> _database{nullptr, &sqlite3_close};
+    std::unordered_map<std::string, statement> _prepared;
     std::unordered_map<std::int64_t, std::vector<arc>> _known;  // places by number
-    std::minstd_rand _random{std::random_device()()};
     std::int64_t _seen = 0;
 };
 
 sqlite_store::sqlite_store(std::string const& file) : _file(file) {
     // One thread at a time uses it.
+    sqlite3* made = nullptr;
     int const code = sqlite3_open_v2(
-        file.c_str(), &_database,
+        file.c_str(), &made,
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
         nullptr);
-    try {
-        if (code != SQLITE_OK)
-            _throw(code);
-        sqlite3_busy_handler(_database, &_wait_for_others, this);
-        // What is committed survives a loss of power.
-        _run("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;");
-    } catch (...) {
-        sqlite3_close(_database);
-        throw;
-    }
+    _database.reset(made);
+    if (code != SQLITE_OK)
+        _throw(code);
+    // What is committed survives a loss of power.
+    _execute("PRAGMA synchronous = FULL", {});
+    if (std::string const mode = text(_execute("PRAGMA journal_mode = WAL", {})[0][0]);
+        mode != "wal")
+        throw error("the store " + _file + " cannot be shared: its journal mode is " + mode);
 }
 
 void sqlite_store::_throw(int code) {
     std::string const what =
         "the store " + _file + ": " +
-        (_database != nullptr ? sqlite3_errmsg(_database) : sqlite3_errstr(code));
-    if ((code & 0xff) == SQLITE_BUSY || (code & 0xff) == SQLITE_LOCKED)
-        throw unreachable(what);
+        (_database != nullptr ? sqlite3_errmsg(_database.get()) : sqlite3_errstr(code));
+    int const kind = code & 0xff;
+    if (kind == SQLITE_BUSY || kind == SQLITE_LOCKED || kind == SQLITE_PROTOCOL)
+        throw busy(what);
     throw error(what);
 }
 
-// For some 30 s, in pauses that are short at first: a transaction is.
-int sqlite_store::_wait_for_others(void* self, int tries) {
-    if (tries > 6000)
-        return 0;
-    auto& random = static_cast<sqlite_store*>(self)->_random;
-    std::this_thread::sleep_for(
-        std::chrono::microseconds(50 + random() % std::min(100 * (tries + 1), 10000)));
-    return 1;
-}
-
 sqlite3_stmt* sqlite_store::_statement(std::string const& text) {
-    sqlite3_stmt*& known = _prepared[text];
+    statement& known = _prepared.try_emplace(text, nullptr, &sqlite3_finalize).first->second;
     if (known == nullptr) {
         static constexpr char placeholder[] = "{now}";
         std::string real = text;
         for (std::size_t at; (at = real.find(placeholder)) != real.npos;)
             real.replace(at, sizeof placeholder - 1, "((julianday('now') - 2440587.5) * 86400.0)");
-        int const code = sqlite3_prepare_v3(_database, real.c_str(), -1, SQLITE_PREPARE_PERSISTENT,
-                                            &known, nullptr);
+        sqlite3_stmt* made = nullptr;
+        int const code = sqlite3_prepare_v3(_database.get(), real.c_str(), -1,
+                                            SQLITE_PREPARE_PERSISTENT, &made, nullptr);
         if (code != SQLITE_OK)
             _throw(code);
+        known.reset(made);
     }
-    return known;
+    return known.get();
 }
 
-rows sqlite_store::_execute(std::string const& text, row const& parameters) {
+rows sqlite_store::_execute_once(std::string const& text, row const& parameters) {
     sqlite3_stmt* const statement = _statement(text);
     for (std::size_t i = 0; i < parameters.size(); ++i) {
         std::string const name = '$' + std::to_string(i + 1);

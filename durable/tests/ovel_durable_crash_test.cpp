@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -246,8 +247,8 @@ TEST_P(ovel_durable_crash_test, no_token_is_lost_or_duplicated_by_kills) {
     while (kills < wanted) {
         std::string const name = _name + " round " + std::to_string(++rounds);
         auto const start = [&] {
-            // The points in turn, so that none is left out.
-            std::string const point = points[started++ % 4];
+            // The points in turn, so that none is left out; and none once there were enough.
+            std::string const point = kills < wanted ? points[started++ % 4] : "";
             int const count = 1 + static_cast<int>(random() % (point == "body" ? 12 : 4));
             return std::make_unique<process>(
                 std::vector<std::string>{_url, name, "ledger", point, std::to_string(count)},
@@ -341,6 +342,50 @@ TEST_P(ovel_durable_crash_test, a_full_disk_is_an_error_that_loses_nothing) {
     later.net.start();
     later.net.join();
     later.verify();
+}
+
+// Transactions that the database aborts in favour of others are repeated, and nobody is told.
+TEST_P(ovel_durable_crash_test, an_aborted_transaction_is_repeated) {
+    if (GetParam() == std::string("sqlite")) {
+        // A new file that another connection is writing to: a switch to the write-ahead log is
+        // refused at once. Then one that has the log.
+        for (char const* const mode : {"delete", "wal"}) {
+            std::string const url = _url + mode;
+            sqlite3* other = nullptr;
+            ASSERT_EQ(sqlite3_open(url.c_str() + 7, &other), SQLITE_OK);
+            std::string const begin = std::string("PRAGMA journal_mode = ") + mode +
+                                      "; BEGIN IMMEDIATE; CREATE TABLE t (x)";
+            ASSERT_EQ(sqlite3_exec(other, begin.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
+            std::atomic<bool> over = false;
+            std::string told;
+            std::thread starter([&] {
+                told = error_of(
+                    [&] { ledger(durable::detail::connect_to(url), _name, quick()).net.start(); });
+                over = true;
+            });
+            auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(100);
+            while (!over && std::chrono::steady_clock::now() < end)
+                std::this_thread::yield();
+            EXPECT_EQ(sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr), SQLITE_OK);
+            starter.join();
+            EXPECT_EQ(told, "no error") << mode;
+            sqlite3_close(other);
+        }
+    } else {
+        ledger run(durable::detail::connect_to(_url), _name, quick());
+        run.net.explain();
+        _server->run(
+            "CREATE FUNCTION ovel_durable.abort() RETURNS trigger LANGUAGE plpgsql AS 'BEGIN IF "
+            "random() < 0.1 THEN RAISE EXCEPTION ''deadlock detected'' USING ERRCODE = "
+            "''deadlock_detected''; END IF; RETURN NEW; END'; CREATE TRIGGER abort BEFORE INSERT "
+            "ON "
+            "ovel_durable.tokens FOR EACH ROW EXECUTE FUNCTION ovel_durable.abort()");
+        run.net.start();
+        run.net.join();
+        _server->run("DROP TRIGGER abort ON ovel_durable.tokens");
+        run.verify();
+    }
+    EXPECT_EQ(reports(), "");
 }
 
 // Only PostgreSQL has a server and connections.
