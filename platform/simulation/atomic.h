@@ -55,6 +55,7 @@ class atomic {
 
 public:
     using value_type = T;
+    static constexpr bool is_always_lock_free = true;
 
     constexpr atomic() noexcept : _value() {}
     constexpr atomic(T value) noexcept : _value(value) {}

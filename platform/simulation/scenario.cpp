@@ -115,16 +115,24 @@ void refuse_memory(unsigned int first, unsigned int count) {
     now->memory.refuse(first, count);
 }
 
+void refuse_blocks(unsigned int first, unsigned int count) {
+    now->blocks.refuse(first, count);
+}
+
 void refuse_objects(unsigned int first, unsigned int count) {
     now->objects.refuse(first, count);
 }
 
 unsigned int refused() {
-    return now->memory.refused() + now->objects.refused();
+    return now->memory.refused() + now->blocks.refused() + now->objects.refused();
 }
 
 bool count_memory_request() {
     return running() && now->memory.count();
+}
+
+bool count_block_request() {
+    return running() && now->blocks.count();
 }
 
 bool count_object_request() {

@@ -106,9 +106,10 @@ void restrict_threads(DWORD_PTR process_mask);
 // A new thread, ready to begin. False when there are too many.
 bool start_thread(thread_state const& state);
 
-// Counts a request for memory, or for a kernel object or thread. Returns whether the
-// scenario wants it refused.
+// Counts a request for memory, for a block of an allocator, or for a kernel object or
+// thread. Returns whether the scenario wants it refused.
 bool count_memory_request();
+bool count_block_request();
 bool count_object_request();
 void count_kernel_call();
 

@@ -147,8 +147,10 @@ std::uint64_t nanoseconds();
 void end_waits_late(unsigned int milliseconds);
 
 // Refuses requests to the runtime heap, from the `first` from now (1: the next)
-// on, `count` of them; or kernel objects and threads.
+// on, `count` of them; or single blocks of the library's allocators, which
+// otherwise fail only where a new chunk is needed; or kernel objects and threads.
 void refuse_memory(unsigned int first, unsigned int count = 1);
+void refuse_blocks(unsigned int first, unsigned int count = 1);
 void refuse_objects(unsigned int first, unsigned int count = 1);
 
 // Requests refused since the run began.

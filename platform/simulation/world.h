@@ -79,7 +79,7 @@ struct world {
     bool in_access = false;  // between the two ends of an atomic access
 
     machine computer;
-    requests memory, objects;
+    requests memory, blocks, objects;
     unsigned int late_by = 0;  // milliseconds, at most
     unsigned int kernel_calls = 0;
     unsigned int handles_at_balance = 0, blocks_at_balance = 0;

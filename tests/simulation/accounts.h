@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What must hold at the end of a scenario.
+// Accounts that must balance at the end of a scenario.
 #ifndef OVEL_TESTS_SIMULATION_ACCOUNTS_H
 #define OVEL_TESTS_SIMULATION_ACCOUNTS_H
 
@@ -12,6 +12,7 @@
 #include "ovel_work.h"
 #include "simulation/simulation.h"
 
+#include <new>
 #include <type_traits>
 
 namespace ovel::simulation {
@@ -26,7 +27,7 @@ struct client : worker {
           }) {}
 };
 
-// Joins a run in one of the ways there are, again and again until it is.
+// Joins a run in one of three ways, repeated until it has ended.
 template <class Run>
 void join(Run& run, unsigned int way) {
     if (way == 1)
@@ -42,8 +43,20 @@ template <class Lock>
 constexpr bool is_reentrant =
     std::is_same_v<Lock, recursive_mutex> || std::is_same_v<Lock, timed_recursive_mutex>;
 
-// Begins the books of a scenario of locks. Starts the time server, which stays, where
-// deadlines will need it; waits may end late then.
+// The result of `call`, repeated until no request is refused. A call that throws must have
+// changed nothing.
+template <class Call>
+auto retried(Call const& call) {
+    for (;;)
+        try {
+            return call();
+        } catch (std::bad_alloc const&) {
+            assure(refused() != 0);
+        }
+}
+
+// Opens the accounts of a scenario of locks. With `timed` starts the time server first, because
+// it stays.
 inline void open_books(bool timed, unsigned int spin) {
     set_default_spin(spin);
     if (timed)
@@ -53,8 +66,8 @@ inline void open_books(bool timed, unsigned int spin) {
     balance();
 }
 
-// Made before the scenario begins, with what the library keeps for good built, and
-// outlives what the scenario makes.
+// Built before the scenario begins, together with what the library keeps for good. Outlives
+// what the scenario creates.
 class accounts {
 public:
     explicit accounts(unsigned int spin, bool timed = false) {

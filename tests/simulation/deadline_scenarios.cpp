@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Deadlines on a clock of the caller's: nothing gives up before its point has passed there,
-// and a timeout is one wait and two readings.
+// Deadlines on the caller's own clock: no wait ends before that clock reaches the deadline, and
+// a timeout takes one wait and two readings.
 
 #include "accounts.h"
 #include "ovel_assure.h"
@@ -36,8 +36,8 @@ struct caller_clock {
     static inline unsigned int readings;
 };
 
-// With variant 0 the caller's clock is the machine's. A thread may wake those that wait on
-// the condition before their time.
+// With variant 0 the caller's clock is the machine's. A thread may wake the waiters of the
+// condition early.
 void points_on_the_caller_s_clock(unsigned int variant) {
     constexpr caller_clock::rep speeds[] = {8, 7, 9};
     caller_clock::speed = speeds[variant];
@@ -48,7 +48,7 @@ void points_on_the_caller_s_clock(unsigned int variant) {
     bool const woken = pick(2) == 0;
     begin();
     held.lock();
-    // An attempt that nothing disturbs makes at most so many calls of the kernel.
+    // The most kernel calls of an attempt that nothing disturbs.
     auto const keeps = [&](std::chrono::microseconds span, unsigned int most, auto const& attempt) {
         auto const point = caller_clock::now() + span;
         caller_clock::readings = 0;
@@ -72,7 +72,7 @@ void points_on_the_caller_s_clock(unsigned int variant) {
              {300us, 1490us, 25'000'000us, 3'600'000'000us, 5'184'000'000'000us}) {
             keeps(span, 1, [&](auto point) { return held.try_lock_until(point); });
             std::lock_guard const hold(lock);
-            // The mutex is given up and taken back around the wait.
+            // The wait releases the mutex and takes it again.
             keeps(span, 3, [&](auto point) {
                 return wait_until(changed, lock, point, [] { return false; });
             });

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The simulated kernel itself: it finds faults planted in small programs, tells
-// what it found, and does the same again when asked to.
+// The simulated kernel itself: it finds faults planted in small programs, reports them, and
+// reproduces a run.
 
 #include "kernel.h"
 #include "ovel_assure.h"
@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <string>
 
-// What code compiled for the thread sanitizer calls before it writes.
+// Code compiled for ThreadSanitizer calls it before it writes.
 extern "C" void __tsan_write4(void*);
 
 namespace {
@@ -71,8 +71,8 @@ void deadlines(unsigned int) {
     assure(result != expected);
 }
 
-// A word that two threads change without a lock, and let each other go on in between:
-// accesses are points from the second thread on that comes to the word.
+// Two threads change a word without a lock, and yield in between: from the second thread's
+// access on, accesses to the word are scheduling points.
 void unlocked(unsigned int) {
     void* const word = ovel::kernel::malloc(sizeof(int));
     auto const body = [&] {
@@ -118,7 +118,7 @@ TEST(simulation, finds_planted_faults_by_every_strategy_and_runs_them_again_the_
             ASSERT_FALSE(found.passed);
             EXPECT_EQ(found.failure.find(fault.failure), 0u) << found.failure;
             EXPECT_NE(found.report.find(fault.report), std::string::npos) << found.report;
-            // Another run in between leaves no trace.
+            // Another run in between has no influence.
             run({.name = "toy", .run = lost_update}, {});
             outcome const same = run(program, when);
             EXPECT_EQ(same.failure, found.failure);

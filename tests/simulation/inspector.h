@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What scenarios look at inside the library's objects, for all of them: they are
-// one program.
+// Access to private members, for all scenarios, since these are one program.
 #ifndef OVEL_TESTS_SIMULATION_INSPECTOR_H
 #define OVEL_TESTS_SIMULATION_INSPECTOR_H
 
@@ -25,7 +24,7 @@
 #include <memory>
 
 struct ovel::detail::inspector {
-    // No batch, nobody queued, the gate open.
+    // No batch, no waiter, the gate open.
     template <class Condition>
     static bool is_at_rest(Condition& condition) {
         return condition._queued == 0 && condition._released == 0 &&
@@ -88,7 +87,7 @@ struct ovel::detail::inspector {
         std::construct_at(&elements);
     }
 
-    // Everybody being at rest, nothing waits that fits while a thread is free.
+    // With all threads at rest: no work that fits waits while a thread is idle.
     static void expect_busy(thread_group& group) {
         if (group._condition._queued == 0)
             return;
@@ -129,8 +128,8 @@ struct ovel::detail::inspector {
         assure(called == engine._called && engine._touched == nullptr);
     }
 
-    // A net whose threads have come to rest: nothing is reserved, nothing fires, and
-    // what waits in the queue, or could, is what `may_be_enabled` says.
+    // A net whose threads are at rest: nothing is reserved, nothing fires, and only transitions
+    // for which `may_be_enabled` is true are enabled.
     template <class MayBeEnabled>
     static void expect_at_rest(petri_net& net, MayBeEnabled const& may_be_enabled) {
         assure(net._firings == 0);

@@ -23,7 +23,7 @@ constexpr bool is_timed = requires(Lock& lock, time const& deadline) {
     lock.timed_acquire(deadline);
 };
 
-// Takes the lock by one of its operations; false when that gave up.
+// Takes the lock by one of its operations; false when that timed out.
 template <class Lock>
 bool take(Lock& lock, unsigned int way, time const& deadline) {
     if (way == 1)
@@ -35,7 +35,7 @@ bool take(Lock& lock, unsigned int way, time const& deadline) {
     return true;
 }
 
-// Threads take one lock and check that they are alone. A thread that gave up has changed
+// Threads take one lock and check that they are alone. A thread that timed out has changed
 // nothing, so at the end the lock is free.
 template <class Lock, int... units>
 void exclude_each_other(unsigned int spin) {
@@ -80,8 +80,8 @@ void exclusion(unsigned int variant) {
     of[variant / 2](variant % 2 * 2);
 }
 
-// What the fast paths promise: no kernel call without contention, one pause when a
-// semaphore of spin 0 is empty.
+// The fast paths make no kernel call without contention, and pause once when a semaphore of
+// spin 0 is empty.
 void fast_paths(unsigned int) {
     semaphore units(1, 0);
     unsigned int const calls = kernel_calls();
@@ -104,8 +104,8 @@ void fast_paths(unsigned int) {
     assure(kernel_calls() == calls + 3);
 }
 
-// A wait that spun in vain has the next one sleep at once, a second one the next three:
-// where threads outnumber processors, spinning takes the processor from the one waited for.
+// After a wait that spun in vain the next one sleeps at once, after a second the next three:
+// with more threads than processors, spinning keeps the thread waited for from running.
 void spins_less_in_vain(unsigned int) {
     constexpr unsigned int spin = 4;
     constexpr unsigned int spun = 1 + spin;
@@ -127,8 +127,8 @@ void spins_less_in_vain(unsigned int) {
 unsigned int volatile flags[2];
 detail::atomic<unsigned int>* runs;
 
-// Two flags, one function inside the other: each runs once, and a thread that returns
-// finds both done.
+// Two flags, one function inside the other: each runs once, and a thread that returns finds
+// both complete.
 void inner() {
     ++runs[1];
 }
@@ -158,8 +158,8 @@ void once(unsigned int variant) {
     assure(open_handles() == handles);
 }
 
-// The first reading, of whichever thread, starts one server. Readings never go back, not
-// even from one thread to another.
+// The first reading, by any thread, starts one server. Readings never go back, not even
+// between threads.
 void clock_readings(unsigned int variant) {
     set_processors(4, variant == 0 ? 15 : 12);
     set_default_spin(2);

@@ -203,11 +203,18 @@ struct mover : petri_function {
 struct line {
     explicit line(unsigned int threads) : net(threads, 0.0, 16384) {
         for (petri_place*& each : places)
-            each = net.insert_place(1 + pick(2));
+            each = retried([&] { return net.insert_place(1 + pick(2)); });
         for (unsigned int each = 0; each != 2; ++each) {
-            transitions[each] = net.insert_transition(moves[each], pick(2) == 0, 1.0, 0.0, 0);
-            net.insert_input_arc(places[each], transitions[each]->input(moves[each].from));
-            net.insert_output_arc(transitions[each]->output(moves[each].into), places[each + 1]);
+            transitions[each] = retried(
+                [&] { return net.insert_transition(moves[each], pick(2) == 0, 1.0, 0.0, 0); });
+            retried([&] {
+                return net.insert_input_arc(places[each],
+                                            transitions[each]->input(moves[each].from));
+            });
+            retried([&] {
+                return net.insert_output_arc(transitions[each]->output(moves[each].into),
+                                             places[each + 1]);
+            });
         }
     }
 
@@ -300,19 +307,23 @@ void firings_that_meet(unsigned int variant) {
         net, [&](petri_transition* each) { return each == functions[2].transition(); });
 }
 
-// With memory refused while a line of places works, calls throw and can be repeated, or
-// the process ends with a message. No token is lost or duplicated.
+// With memory, or a single block, refused while a line of places is built or works, calls
+// throw and can be repeated, or the process ends with a message. No token is lost or
+// duplicated.
 void net_refusals(unsigned int variant) {
     accounts const books(0);
     expect_failure("(\"unexpected exception\", 0)");
     begin();
     if (variant == 0)
         refuse_memory(1 + pick(16));
+    else if (variant == 2)
+        refuse_blocks(1 + pick(60), 1 + pick(2));
     std::unique_ptr<line> through;
     for (bool running = false; !running;)
         try {
             if (through == nullptr)
                 through = std::make_unique<line>(2);
+            inspector::check_net(through->net);
             through->net.release();
             running = true;
         } catch (std::bad_alloc const&) {
@@ -320,6 +331,8 @@ void net_refusals(unsigned int variant) {
         }
     if (variant == 1)
         refuse_memory(1 + pick(6), 2);
+    else if (variant == 3)
+        refuse_blocks(1 + pick(12), 1 + pick(2));
     unsigned int received[4] = {};
     auto const receive = [&](petri_place* place) {
         any token;
@@ -421,7 +434,7 @@ registration const table[] = {
                   .variants = 2}),
     registration(
         {.name = "net_fires_side_by_side_what_fits", .run = firings_that_meet, .variants = 4}),
-    registration({.name = "net_bears_refused_memory", .run = net_refusals, .variants = 2}),
+    registration({.name = "net_bears_refused_memory", .run = net_refusals, .variants = 4}),
     registration(
         {.name = "net_fires_later_what_it_could_not_queue", .run = refusals_at_the_start})};
 

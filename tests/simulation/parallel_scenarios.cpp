@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Scopes and the threads of a work group: every child runs once, a waiter runs nothing but
-// descendants, and nobody sleeps beside work that it could do.
+// Scopes and the threads of a work group: every child runs once, a waiter runs only descendants,
+// and no thread sleeps while there is work for it.
 
 #include "accounts.h"
 #include "ovel_assure.h"
@@ -102,9 +102,9 @@ void each_child_runs_once(unsigned int variant) {
     }
 }
 
-// Children and items that wait until the scenario lets them go. When nothing moves any
-// more, as many of them have begun as there are threads for them: a lost wake-up would
-// leave both a thread and work for it.
+// Children and items that wait until the scenario releases them. When all threads are at rest,
+// as many items have begun as there are threads for them: a lost wake-up would leave both an
+// idle thread and work for it.
 struct held_work {
     detail::atomic<unsigned int> inside = 0;
     detail::atomic<unsigned int> left = 0;  // that have not ended
@@ -173,8 +173,8 @@ void no_thread_sleeps_beside_children(unsigned int variant) {
     }
 }
 
-// Children come one by one, from a thread that runs none itself meanwhile: so no later one
-// calls the thread that was about to sleep, or found other work, when it came.
+// Children are forked one by one, by a thread that runs none itself meanwhile. So no later child
+// wakes a thread that missed one because it was about to sleep or found other work.
 void each_child_finds_a_thread(unsigned int variant) {
     accounts const books(variant % 2 * 2);
     unsigned int const thread_count = 1 + variant / 2;
@@ -221,8 +221,8 @@ void no_thread_sleeps_beside_items(unsigned int variant) {
     }
 }
 
-// The thread that ends the last child must not touch the scope afterwards: the next one is in
-// the same place.
+// The thread that ends the last child must not access the scope afterwards: the next scope has
+// the same address.
 void short_scopes_end(unsigned int variant) {
     accounts const books(variant * 2);
     begin();

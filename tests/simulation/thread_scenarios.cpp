@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Threads, the pool and thread groups: work runs once, space is never exceeded, and no
-// work waits that could run.
+// Threads, the pool and thread groups: work runs once, space is never exceeded, and work that
+// fits does not wait while a thread is idle.
 
 #include "accounts.h"
 #include "inspector.h"
@@ -16,6 +16,7 @@
 #include "simulation/simulation.h"
 
 #include <deque>
+#include <memory>
 
 namespace ovel::simulation {
 
@@ -23,15 +24,19 @@ namespace {
 
 using detail::inspector;
 
-// Clients borrow threads; a run has the stack it asked for and less than four times
-// as much, and idle threads are used again.
+// Clients borrow threads. A run has the stack it asked for and less than four times as much, and
+// idle threads are used again. The pool ends a thread that it has no memory to keep.
 void pool(unsigned int variant) {
     accounts const books(variant % 2, true);
-    bool const alike = variant / 2 == 0;
+    bool const alike = variant / 2 != 1;
     constexpr unsigned int sizes[] = {16384, 65536, 100000, 524288, 0};
     unsigned int const clients = 2 + pick(2);
     detail::atomic<unsigned int> runs = 0;
     begin();
+    if (variant / 2 == 2) {
+        expect_failure("(\"unexpected exception\", 0)");
+        refuse_blocks(1 + pick(8 * clients));
+    }
     {
         std::deque<client> all;
         for (unsigned int each = 0; each != clients; ++each)
@@ -54,11 +59,11 @@ void pool(unsigned int variant) {
     // The time server, this thread, and the idle ones.
     unsigned int const idle = detail::thread_element_group::global()->size();
     assure(threads() == idle + 2);
-    assure(idle >= 1 && (!alike || idle <= clients));
+    assure((idle >= 1 || refused() != 0) && (!alike || idle <= clients));
 }
 
-// The process ends, which ends idle threads, while clients borrow threads and give them
-// back. Those go on as before.
+// The process ends, which ends idle threads, while clients borrow and return threads. The
+// clients go on as before.
 void pool_at_the_end(unsigned int variant) {
     accounts const books(variant % 2, true);
     detail::atomic<unsigned int> runs = 0;
@@ -138,10 +143,9 @@ struct item : thread_function {
     item* next = nullptr;  // is scheduled by this one's run
 };
 
-// Work is scheduled before the start or after it, by another thread and by work; all
-// of it runs, and the group can be started again. When nothing moves any more, either every
-// thread works or the waiting items do not fit: a lost wake-up would leave both an idle
-// thread and work for it.
+// Work is scheduled before the start or after it, by another thread and by work; all of it runs,
+// and the group can be started again. When all threads are at rest, either every thread works or
+// the waiting items do not fit: a lost wake-up would leave an idle thread and work for it.
 void group_runs_everything(unsigned int variant) {
     bool const timed = variant / 2 % 2 == 1;
     accounts const books(variant % 2, timed);
@@ -194,8 +198,34 @@ void group_runs_everything(unsigned int variant) {
     }
 }
 
-// A kernel without another object: wherever that happens, the check that reports it ends
-// the process, and nothing else fails before.
+// With a block refused while groups are built, started and given work, each call throws
+// having changed nothing, or the process ends with a message. What was scheduled runs.
+void refused_blocks(unsigned int variant) {
+    accounts const books(variant);
+    expect_failure("(\"unexpected exception\", 0)");
+    begin();
+    refuse_blocks(1 + pick(24), 1 + pick(2));
+    detail::atomic<unsigned int> runs = 0;
+    work job([&] { ++runs; });
+    auto const group = retried([] { return std::make_unique<thread_group>(2u, 1.0, 16384u); });
+    for (unsigned int expected = 2, round = 0; round != 2; ++round, expected += 2) {
+        retried([&] { return group->schedule(job, 1.0, 1.0); });
+        retried([&] { return group->release(); });
+        retried([&] { return group->schedule(job, 2.0, 0.5); });
+        group->conclude();
+        group->acquire();
+        assure(runs == expected);
+    }
+    auto const other = retried([] { return std::make_unique<work_group>(1 + pick(2)); });
+    retried([&] { return other->run([&] { ++runs; }); });
+    auto result = retried([&] { return other->submit([&] { return ++runs; }); });
+    other->wait();
+    assure(runs == 6 && result.get() >= 5);
+    other->join();
+}
+
+// The kernel refuses an object: the check that reports it ends the process, and nothing else
+// fails before.
 void refused_objects(unsigned int variant) {
     set_default_spin(2);
     expect_failure("_semaphore != 0");
@@ -222,7 +252,7 @@ void refused_objects(unsigned int variant) {
 }
 
 registration const table[] = {
-    registration({.name = "pool_reuses_threads_that_fit", .run = pool, .variants = 4}),
+    registration({.name = "pool_reuses_threads_that_fit", .run = pool, .variants = 6}),
     registration({.name = "pool_serves_clients_at_the_end_of_the_process",
                   .run = pool_at_the_end,
                   .variants = 2}),
@@ -232,6 +262,7 @@ registration const table[] = {
     registration({.name = "group_keeps_its_space_and_runs_everything",
                   .run = group_runs_everything,
                   .variants = 6}),
+    registration({.name = "groups_bear_refused_blocks", .run = refused_blocks, .variants = 2}),
     registration(
         {.name = "kernel_objects_refused_are_reported", .run = refused_objects, .variants = 2})};
 
