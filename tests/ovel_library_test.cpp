@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ovel_allocator_recycler.h"
+#include "ovel_allocator_support.h"
 #include "ovel_assure.h"
 #include "ovel_kernel.h"
+#include "ovel_malloc.h"
 #include "ovel_test.h"
 #include "ovel_thread.h"
 #include "ovel_thread_function.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
+#include "ovel_work.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -16,8 +20,8 @@ struct ovel::detail::inspector {
     static unsigned int pool_spin() {
         return thread_element_group::global()->_lock._spin;
     }
-    // The class of the member is not exported, type information included, for
-    // which the check of what lies behind an address would ask.
+    // The sanitizer would need the type information of the member's class, which is not
+    // exported.
     __attribute__((no_sanitize("undefined"))) static double recycler_period() {
         return allocator_recycler::global()->_function._period;
     }
@@ -30,15 +34,15 @@ using ovel::detail::inspector;
 
 #if GTEST_OS_WINDOWS
 testing::ExitedWithCode const aborted(3);
-// There the system ends all other threads before it tells a library.
+// There the system ends all other threads before it notifies a library.
 constexpr char last_words[] = "^$";
 #else
 testing::KilledBySignal const aborted(SIGABRT);
 constexpr char last_words[] = "^the thread ended\n$";
 #endif
 
-// The text is the expression as it is written, with the names of constants and the
-// commas in it; the file is told from the root on, the line is that of the check.
+// The message quotes the expression as written, names of constants and commas included, the
+// file relative to the root, and the line of the check.
 TEST(assure_death_test, a_failed_check_prints_one_line_and_aborts) {
     EXPECT_EXIT(ovel::assure_failed("a %s b", "some/file.cpp", -7), aborted,
                 "^ovel::assure_failed\\(a %s b, some/file\\.cpp, -7\\)\n$");
@@ -53,7 +57,8 @@ TEST(assure_death_test, a_failed_check_prints_one_line_and_aborts) {
     EXPECT_CHECK(fail_always(), "(\"unexpected exception\", 0)", "tests/ovel_library_test.cpp");
 }
 
-// Built after the spin count, or in a file of its own, the pool has 1024 as well.
+// The pool copies the spin count. If it were built after the count, or in a file of its own,
+// it would have 1024 too.
 TEST(library_test, global_objects_are_built_in_their_order) {
     bool const one = ovel::thread_support::available_processors() == 1;
     EXPECT_EQ(ovel::default_spin, one ? 0u : 1024u);
@@ -61,8 +66,8 @@ TEST(library_test, global_objects_are_built_in_their_order) {
     EXPECT_EQ(inspector::recycler_period(), 10.0);
 }
 
-// Tells when its thread ends, which it does only if somebody ends it and joins it: of
-// a thread that is idle still when the process is gone nothing is heard.
+// Prints when its thread ends. A thread that is still idle when the process is gone prints
+// nothing.
 struct farewell : ovel::thread_function {
     struct on_thread_end {
         ~on_thread_end() {
@@ -75,7 +80,7 @@ struct farewell : ovel::thread_function {
     }
 };
 
-// A recycler that nobody stops is waited for: an hour.
+// A recycler that is not stopped would delay the exit by an hour.
 TEST(library_death_test, the_end_of_the_process_ends_idle_threads_and_the_recycler) {
     auto const use_everything = [] {
         farewell work;
@@ -89,6 +94,42 @@ TEST(library_death_test, the_end_of_the_process_ends_idle_threads_and_the_recycl
     };
     EXPECT_EXIT(use_everything(), testing::ExitedWithCode(0), last_words);
     EXPECT_EXIT(std::exit(0), testing::ExitedWithCode(0), "^$");
+}
+
+void run_pooled() {
+    work nothing([] {});
+    ovel::thread pooled;
+    pooled.schedule(nothing);
+    pooled.release();
+    pooled.acquire();
+}
+
+// In a process of its own for each object that is built at its first use. ThreadSanitizer
+// reports one that is published before it is built, and the exit code is then another one.
+TEST(library_death_test, two_threads_may_meet_at_every_first_use) {
+    constexpr void (*uses[])() = {
+        [] { allocator_support::allocated_size(); },
+        [] { ovel_free(ovel_malloc(24)); },
+        [] { thread_allocator const own; },
+        [] { allocator_recycler::global()->release(3600.0); },
+        [] { ovel::time::now(); },
+        [] { time_support::time_unit(); },
+        [] { thread_support::thread_affinity(thread_support::process_affinity()); },
+        run_pooled,
+        [] { work_group(1).run([] {}); },
+    };
+    for (auto* const& use : uses) {
+        auto const meet = [&] {
+            std::atomic<int> missing = 2;
+            crew(2, [&](int) {
+                --missing;
+                until([&] { return missing == 0; });
+                use();
+            }).clear();
+            std::exit(0);
+        };
+        EXPECT_EXIT(meet(), testing::ExitedWithCode(0), "") << "use " << &use - uses;
+    }
 }
 
 }  // namespace
