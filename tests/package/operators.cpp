@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A program with operators of its own: those of a static library are not among them, and
-// what the library allocates for itself does not come to them.
+// A program with its own allocation operators. Those of a static library do not replace them,
+// and the library does not use them.
 #include <ovel.h>
 
 #include <cstdio>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bodies that do not fit their transitions, each with the message that says so: it must
-// stand with the line that inserts the transition.
+// Bodies that do not fit their transitions, each with the message for it. The compiler must
+// report it in the line that inserts the transition.
 #include <ovel_petri.h>
 
 #include <memory>
