@@ -172,7 +172,7 @@ bool in_fork(Work const& work) {
     if (child == 0)
         _exit(work() ? 0 : 1);
     int status = -1;
-    return waitpid(child, &status, 0) == child && status == 0;
+    return TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) == child && status == 0;
 }
 
 TEST(fork_test, a_child_has_an_identity_of_its_own_and_none_of_the_threads) {
