@@ -1,6 +1,6 @@
-# Reads the dynamic symbols of LIBRARY with NM and fails on a name that does not
-# belong there, on one that is missing or lacks the version of the release MAJOR, and on
-# an allocation operator that the library would take from the program.
+# Reads the dynamic symbols of LIBRARY with NM. Fails on an unexpected name, on one that is
+# missing or lacks the version of the release MAJOR, and on an allocation operator that the
+# library would import from the program.
 cmake_minimum_required(VERSION 3.25)
 
 function(names_of result)
@@ -21,7 +21,7 @@ names_of(defined --defined-only)
 names_of(undefined --undefined-only)
 set(faults "")
 
-# The version itself stands among the names.
+# The names include the version itself.
 set(version OVEL_${MAJOR})
 list(REMOVE_ITEM defined ${version} ${version}@@${version})
 foreach(name IN LISTS defined)

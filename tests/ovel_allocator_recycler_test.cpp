@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The recycler: what it gives back on request. Its thread has scenarios on the
-// simulated kernel.
+// How much the recycler returns on request. Scenarios on the simulated kernel test its
+// thread.
 
 #include "ovel_allocator_recycler.h"
 
@@ -17,7 +17,7 @@
 using namespace ovel;
 
 struct ovel::detail::inspector {
-    // Of the reservoir.
+    // Of the global allocator.
     static std::size_t capacity() {
         return allocator_group::global()->global_allocator()->_capacity;
     }
@@ -27,7 +27,7 @@ namespace {
 
 using detail::inspector;
 
-// Brings the reservoir to `chunks` chunks at least, all of one class.
+// Gives the global allocator at least `chunks` chunks, all of one class.
 void fill(std::size_t chunks) {
     std::vector<void*> blocks;
     for (std::size_t i = 0; i != (chunks + 40) * 15; ++i)
@@ -36,7 +36,7 @@ void fill(std::size_t chunks) {
         allocator_support::deallocate(block);
 }
 
-TEST(recycler_test, a_fraction_of_the_capacity_leaves_down_to_about_a_mebibyte) {
+TEST(recycler_test, a_fraction_is_returned_down_to_about_a_mebibyte) {
     allocator_recycler& recycler = *allocator_recycler::global();
     fill(60);
     constexpr std::size_t each = 61440;  // the capacity of a chunk

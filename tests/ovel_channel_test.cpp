@@ -74,7 +74,7 @@ TEST_F(channel_test, tokens_come_out_in_the_order_sent_with_one_copy_each) {
             any token = fragile(-1);
             tokens.receive(token);
             EXPECT_EQ(number(token), received++);
-            EXPECT_EQ(fragile::alive, sent - received + 1) << "the target's old value is gone";
+            EXPECT_EQ(fragile::alive, sent - received + 1) << "the old value was destroyed";
         }
     }
     EXPECT_EQ(fragile::copies, sent);

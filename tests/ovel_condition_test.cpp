@@ -37,9 +37,8 @@ using condition_types =
                    std::pair<timed_condition, ovel::timed_recursive_mutex>>;
 TYPED_TEST_SUITE(condition_test, condition_types);
 
-// Two threads hand a turn to and fro; each wakes the other and at once waits itself.
-// `if`, not `while`: a wake-up stolen from the sleeper or out of the blue returns out
-// of turn, and a lost one hangs.
+// Two threads pass a turn back and forth; each wakes the other and then waits at once. `if`,
+// not `while`: a stolen or spurious wake-up returns out of turn, and a lost one hangs.
 TYPED_TEST(condition_test, every_release_wakes_the_thread_already_asleep) {
     constexpr int rounds = 1000;
     typename TypeParam::second_type lock;

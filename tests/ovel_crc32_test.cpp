@@ -23,8 +23,8 @@ unsigned int checksum(Data... data) {
     return running.value();
 }
 
-// Each byte's entry of the table is the polynomial applied to it: the register
-// starts at 0, and the first byte looks its entry up.
+// The register starts at 0, so the first byte yields its entry of the table, which is the
+// polynomial applied to it.
 TEST(crc32_test, each_byte_is_divided_by_the_polynomial) {
     for (unsigned int byte = 0; byte < 256; ++byte) {
         unsigned int expected = byte;
@@ -44,9 +44,9 @@ TEST(crc32_test, known_texts_have_their_known_checksums) {
     EXPECT_EQ(checksum(text, text + 9), 0xCBF43926);
 }
 
-// Byte by byte goes by the table. Every length from which lanes are left over in
-// another way, from every alignment, with each of the ways that this processor has, and
-// cut into two.
+// Single bytes use the table. Blocks of every alignment, and of every length that leaves
+// another rest for the lanes, are summed in each way that this processor has, and in two
+// parts.
 TEST(crc32_test, many_bytes_at_once_give_the_same_checksum_as_one_by_one) {
     struct way {
         void (*feed)(std::uint32_t&, unsigned char const*, std::size_t);

@@ -12,8 +12,8 @@ namespace {
 
 std::atomic<bool> exits = false;
 
-// Runs after the exit hooks of the library: what it offers works still, for this thread
-// and for all others.
+// Runs after the exit hooks of the library, which must still work for this thread and all
+// others.
 [[gnu::destructor]] void use_after_the_hooks() {
     if (!exits)
         return;
@@ -25,7 +25,7 @@ std::atomic<bool> exits = false;
 
 enum class caller { first, foreign, owned, pooled, worker, firing };
 
-// Has a thread of the kind given call `exit`, with all kinds of threads about.
+// A thread of the kind given calls `exit` while threads of all kinds use the library.
 [[noreturn]] void exit_from(caller which) {
     auto const leave = [] {
         exits = true;
@@ -70,15 +70,14 @@ enum class caller { first, foreign, owned, pooled, worker, firing };
         std::this_thread::yield();
 }
 
-// The death test's child prints what a check that fails says, and hangs if one thread
-// waits for a thread that is no more.
+// The child would print a failed check, and hang if a thread waited for one that has ended.
 TEST(exit_death_test, any_thread_may_end_the_process_while_all_others_use_the_library) {
     for (caller const which : {caller::first, caller::foreign, caller::owned, caller::pooled,
                                caller::worker, caller::firing})
         EXPECT_EXIT(exit_from(which), testing::ExitedWithCode(0), "^$") << static_cast<int>(which);
 }
 
-// The recycler's start and the hook that ends it.
+// The recycler's start races with the hook that ends it.
 TEST(exit_death_test, the_recycler_may_be_started_while_the_process_ends) {
     auto const start_and_exit = [] {
         std::thread([] {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Processes that a threaded process forks.
+// Forks of a process with threads.
 
 #include "ovel_mutex.h"
 #include "ovel_petri.h"
@@ -51,8 +51,8 @@ int status_of_fork(Work const& work) {
     return status;
 }
 
-// All that a child may do, twice: what its threads leave behind is used again. It ends by
-// `exit`, which waits for no thread of the parent.
+// Everything that a child may do, twice: the second round reuses what the first one's threads
+// left behind. The child ends with `exit`, which waits for no thread of the parent.
 void use_everything() {
     for (int round = 0; round != 2; ++round) {
         traffic::fill_pool(3);
@@ -66,7 +66,7 @@ void use_everything() {
     std::exit(0);
 }
 
-// Has a thread of the kind given fork, beside threads that use all of the library.
+// `run` runs work that forks, beside threads that use all of the library.
 void fork_beside_traffic(int forks, std::function<void(std::function<void()>)> const& run) {
     traffic::over = false;
     auto const users = crew(traffic::kinds, traffic::use_until_over);
@@ -118,8 +118,7 @@ TEST(fork_test, the_child_of_a_firing_may_use_the_library) {
     });
 }
 
-// Locks that a thread has waited for, and that nobody holds.
-TEST(fork_test, locks_are_as_they_were) {
+TEST(fork_test, free_locks_are_free_in_the_child) {
     ovel::mutex plain;
     ovel::recursive_mutex recursive;
     ovel::timed_mutex timed;
@@ -138,8 +137,7 @@ TEST(fork_test, locks_are_as_they_were) {
               0);
 }
 
-// What a group or a net is that does not run is memory like any other.
-TEST(fork_test, what_does_not_run_may_be_started_in_the_child) {
+TEST(fork_test, stopped_groups_and_nets_may_be_started_in_the_child) {
     ovel::thread_group group(2, 0.0, 32768);
     ovel::petri_net net(2, 0.0, 32768);
     int runs = 0;
@@ -160,7 +158,7 @@ TEST(fork_test, what_does_not_run_may_be_started_in_the_child) {
               0);
 }
 
-// Ends as a fork does that runs `work`.
+// Ends like a child that runs `work`.
 template <class Work>
 void end_as_in_fork(Work const& work) {
     int const status = status_of_fork(work);
@@ -169,8 +167,7 @@ void end_as_in_fork(Work const& work) {
     std::_Exit(1);
 }
 
-// In the child a thread that the parent has started is joined in vain, however it is.
-TEST(fork_death_test, a_thread_of_the_parent_is_not_joined) {
+TEST(fork_death_test, joining_a_thread_of_the_parent_fails_a_check) {
     ovel::semaphore never(0, 0);
     ovel::work held([&] { never.acquire(); });
     auto const in_fork = [&](auto&& driven, auto const& use) {
@@ -195,8 +192,8 @@ TEST(fork_death_test, a_thread_of_the_parent_is_not_joined) {
                  "!_element->inherited()", pooled);
 }
 
-// A thread whose run was over is not there either, to be given back to the pool.
-TEST(fork_death_test, a_run_that_was_over_is_not_joined_in_the_child) {
+// The pooled thread itself does not exist in the child.
+TEST(fork_death_test, joining_a_run_that_ended_in_the_parent_fails_a_check) {
     auto const in_fork = [] {
         ovel::semaphore done(0, 0);
         ovel::work work([&] { done.release(); });
@@ -209,7 +206,7 @@ TEST(fork_death_test, a_run_that_was_over_is_not_joined_in_the_child) {
     EXPECT_CHECK(in_fork(), "!_element->inherited()", "sources/ovel_thread.cpp");
 }
 
-TEST(fork_death_test, a_group_that_runs_in_the_parent_is_not_used) {
+TEST(fork_death_test, using_a_group_that_runs_in_the_parent_fails_a_check) {
     auto const in_fork = [](auto const& use) {
         ovel::thread_group group(2, 0.0, 32768);
         group.release();
@@ -231,7 +228,7 @@ TEST(fork_death_test, a_group_that_runs_in_the_parent_is_not_used) {
     EXPECT_CHECK(submit_in_fork(), "!inherited()", "sources/ovel_task_crew.cpp");
 }
 
-TEST(fork_death_test, a_net_that_runs_in_the_parent_is_not_used) {
+TEST(fork_death_test, using_a_net_that_runs_in_the_parent_fails_a_check) {
     auto const in_fork = [](auto const& use) {
         ovel::petri_net net(2, 0.0, 32768);
         ovel::petri_place* const place = net.insert_place(1);
@@ -255,9 +252,8 @@ TEST(fork_death_test, a_net_that_runs_in_the_parent_is_not_used) {
     EXPECT_CHECK(halt_in_fork(), "!_net.inherited()", "includes/ovel_petri.h");
 }
 
-// Work that returns in the child comes back to a pool, a group or a net of the parent.
-TEST(fork_death_test, work_of_the_parent_does_not_return_in_the_child) {
-    // Returns in the child, and ends the parent as that has ended.
+TEST(fork_death_test, work_of_the_parent_that_returns_in_the_child_fails_a_check) {
+    // Returns in the child. The parent ends like it.
     auto const fork_and_return = [] {
         if (pid_t const child = fork(); child != 0) {
             int status = -1;
@@ -302,8 +298,8 @@ TEST(fork_death_test, work_of_the_parent_does_not_return_in_the_child) {
     EXPECT_CHECK(in_net(), check, "sources/ovel_petri_net.cpp");
 }
 
-// Objects with threads may be destroyed, as at the end of a child that exits.
-TEST(fork_test, what_runs_in_the_parent_is_destroyed_in_the_child) {
+// As at the end of a child that exits.
+TEST(fork_test, objects_that_run_in_the_parent_may_be_destroyed_in_the_child) {
     auto group = std::make_unique<ovel::work_group>(2);
     auto net = std::make_unique<ovel::net>(2);
     net->start();

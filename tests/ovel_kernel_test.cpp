@@ -54,8 +54,8 @@ DWORD_PTR process_mask() {
     return GetProcessAffinityMask(GetCurrentProcess(), &process, &system) != 0 ? process : 0;
 }
 
-// Threads that wait in every way race for units that are posted one at a time and
-// in bunches. A unit lost leaves the last takers asleep; one made up is left over.
+// Threads that wait in every way race for units that are posted one at a time and in bunches.
+// A lost unit leaves the last takers asleep; a surplus one is left over.
 TEST(semaphore_test, every_unit_posted_is_taken_once) {
     constexpr int units = 5'000;  // for each taker
     HANDLE const semaphore = make_semaphore(0);
@@ -78,7 +78,7 @@ TEST(semaphore_test, every_unit_posted_is_taken_once) {
     CloseHandle(semaphore);
 }
 
-// A deadline that wraps lies in the past, and the wait would give up at once.
+// A deadline that wraps lies in the past, so the wait would end at once.
 TEST(semaphore_test, a_wait_ends_with_the_unit_or_not_before_its_time) {
     HANDLE const semaphore = make_semaphore(0);
     {
@@ -112,8 +112,8 @@ TEST(thread_test, has_the_stack_that_was_asked_for) {
     }
 }
 
-// What it leaves to the C library's way out is over as well.
-TEST(thread_test, has_ended_when_its_end_has_been_taken) {
+// Destructors of thread-local objects, which the C library calls, have run too.
+TEST(thread_test, has_ended_completely_when_it_is_joined) {
     static std::atomic<bool> gone = false;
     struct trace {
         ~trace() {
@@ -130,7 +130,7 @@ TEST(thread_test, has_ended_when_its_end_has_been_taken) {
     EXPECT_TRUE(gone);
 }
 
-// The destructor may wait for the very thread that looks whether this one has ended.
+// The destructor may wait for the very thread that waits for this one's end.
 TEST(thread_test, a_wait_keeps_its_deadline_while_thread_local_objects_are_destroyed) {
     static HANDLE const proceed = make_semaphore(0);
     static HANDLE const destroying = make_semaphore(0);
@@ -160,7 +160,7 @@ TEST(thread_test, a_wait_keeps_its_deadline_while_thread_local_objects_are_destr
     join(thread);
 }
 
-// What the library would do when it is loaded.
+// As the library does when it is loaded.
 bool const forks_are_handled = at_fork({[] {}, [] {},
                                         [] {
                                         }});
@@ -198,7 +198,7 @@ TEST(fork_test, a_child_has_an_identity_of_its_own_and_none_of_the_threads) {
     CloseHandle(owned);
 }
 
-// The locks of the services may be held at any moment, and a named mutex as well.
+// Other threads may hold the services' locks, or a named mutex, when the process forks.
 TEST(fork_test, a_child_uses_what_other_threads_were_using) {
     std::atomic<bool> done = false;
     auto const use = [] {
@@ -221,8 +221,8 @@ TEST(fork_test, a_child_uses_what_other_threads_were_using) {
     done = true;
 }
 
-// Both the near and the far slots, seen from the thread that had set a value under
-// the earlier index and could still have it.
+// Slots in the thread's own table and beyond it. The thread that reads had set a value under
+// the earlier index.
 TEST(slot_test, a_slot_handed_out_again_reads_null) {
     int value = 0;
     std::set<DWORD> others;
@@ -234,7 +234,7 @@ TEST(slot_test, a_slot_handed_out_again_reads_null) {
             DWORD const index = TlsAlloc();
             EXPECT_EQ(TlsGetValue(index), nullptr);
             EXPECT_NE(TlsSetValue(index, &value), 0);
-            // The index that is over neither reads nor overwrites the new value.
+            // A freed index neither reads nor overwrites the new value.
             EXPECT_EQ(TlsGetValue(former), nullptr);
             EXPECT_EQ(TlsSetValue(former, &others), 0);
             EXPECT_EQ(TlsGetValue(index), &value);
@@ -247,8 +247,8 @@ TEST(slot_test, a_slot_handed_out_again_reads_null) {
         TlsFree(index);
 }
 
-// A mask binds the thread that it is for and none that this one starts; the process's
-// binds every thread there is and will be.
+// A thread's mask binds neither other threads nor those that it starts. The process's mask
+// binds every thread, existing or future.
 TEST(processor_test, a_mask_binds_a_thread_or_all_of_the_process) {
     DWORD_PTR const all = process_mask();
     DWORD_PTR const one = all & (~all + 1);
@@ -295,8 +295,8 @@ TEST(processor_test, bits_are_processors_unless_none_of_the_first_32_is_allowed)
     EXPECT_TRUE(high.within(bits.set_of(7)));
 }
 
-// A region that is freed leaves its neighbours as they are, its inner pages are gone,
-// and with all of them the pages that they shared.
+// Freeing a region leaves its neighbours unchanged and returns its inner pages to the system.
+// Freeing all returns the pages that they share, too.
 TEST(region_test, freeing_a_region_returns_only_its_own_memory) {
     constexpr std::size_t busy = 136;
     constexpr std::size_t used = region_length - sizeof(ovel::cacheline);
@@ -327,8 +327,8 @@ TEST(region_test, freeing_a_region_returns_only_its_own_memory) {
     }
 }
 
-// Where the address space has room for one mapping of regions only, one more is found.
-TEST(region_test, a_region_takes_no_more_room_than_there_is) {
+// With address space for only one more mapping of regions.
+TEST(region_test, regions_fit_into_scarce_address_space) {
     std::size_t pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
     rlimit former;

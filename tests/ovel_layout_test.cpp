@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Where the fields of the classes lie: clients that were compiled against an earlier
-// header rely on it, and the busy fields on being a cache line apart.
+// The offsets of fields: clients compiled against an earlier header rely on them, and
+// contended fields must be a cache line apart.
 #include "ovel_allocator.h"
 #include "ovel_allocator_group.h"
 #include "ovel_allocator_recycler.h"
@@ -131,7 +131,7 @@ struct ovel::detail::inspector {
     LAYOUT(petri_place, (756, 816), (0, 0), _before, _channel, _between, _size, _receive_size,
            _send_size, _receive_skip, _send_skip, _arcs, _mutex, _receivers, _senders, _capacity,
            _consumers, _producers, _runner);
-    // `offsetof` finds no references: what lies behind one is a line of its own.
+    // `offsetof` does not accept references: the fields behind one have a line of their own.
     LAYOUT(petri_arc, (20, 40), (0, 0), _input, _place, _transition);
     LAYOUT(petri_arc, (20, 40), (16, 32), _size);
     LAYOUT(petri_connector, (20, 32), (0, 0), _input, _transition);
@@ -172,7 +172,7 @@ namespace {
 
 using ovel::detail::inspector;
 
-// The destructor has two, one of them to delete as well.
+// The destructor has two slots; one of them also deletes.
 TEST(layout_test, virtual_members_follow_the_destructor_in_their_order) {
     EXPECT_EQ(inspector::slot(&ovel::thread_function::operator()), 2);
     EXPECT_EQ(inspector::slot_of_type(), 2);

@@ -1,4 +1,4 @@
-# Fails on a check of the library whose text docs/messages.md does not tell of.
+# Fails on a check of the library that is missing in docs/messages.md.
 cmake_minimum_required(VERSION 3.25)
 
 file(READ ${SOURCES}/docs/messages.md page)
@@ -8,7 +8,7 @@ set(missing "")
 set(found 0)
 foreach(file IN LISTS files)
     file(READ ${file} text)
-    # A semicolon would part the list that the matches become.
+    # A semicolon would split a match into two list elements.
     string(REGEX MATCHALL "\n *assure\\([^;]*\\);" checks "${text}")
     list(REMOVE_ITEM checks "")
     foreach(check IN LISTS checks)

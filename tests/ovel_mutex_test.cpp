@@ -55,7 +55,7 @@ TYPED_TEST(mutex_test, one_thread_at_a_time_owns_it) {
     };
     crew(3, add).clear();
     EXPECT_EQ(count, 6000);
-    EXPECT_TRUE(elsewhere([&] { return lock.try_acquire(); }));  // its owner is gone for good
+    EXPECT_TRUE(elsewhere([&] { return lock.try_acquire(); }));  // its owner has ended
     EXPECT_FALSE(lock.try_acquire());
 }
 

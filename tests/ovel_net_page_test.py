@@ -101,7 +101,7 @@ def test(browser):
     view = "['from', 'to'].map((end) => Number(document.getElementById('lanes').dataset[end]))"
     curves = "document.getElementById('curves').dataset.places"
 
-    # It renders, with all there is of the net, and asks nothing of anybody.
+    # It renders the whole net, and loads nothing from elsewhere.
     equal(browser.value(count("#picture .node")), 16)
     equal(browser.value(count("#transitions tr")), 5)
     equal(browser.value(count("#places li")), 11)
@@ -161,7 +161,7 @@ def test_long(browser):
     """A run of which not all was kept: the page ends where the first thread's records do."""
     assert browser.value("data.recorded < data.firings")
     equal(browser.value("data.tokens.flatMap((points) => points.filter((n, i) => i % 2 && n > 8))"), [])
-    # Times that are pointed at or stand beside each other differ, however near they are.
+    # Neighbouring times differ, however close they are.
     browser.value("setSpan(data.length / 2, data.length / 2 + 1000)")
     assert browser.value("moment(span[0]) !== moment(span[0] + 2)")
 

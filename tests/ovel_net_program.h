@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs ovel-net as its users do: in a directory of its own, by way of a shell.
+// Runs ovel-net as a user does: in a directory of its own, from a shell.
 #ifndef OVEL_NET_PROGRAM_H
 #define OVEL_NET_PROGRAM_H
 
@@ -34,9 +34,9 @@ protected:
         fs::remove_all(_directory);
     }
 
-    // The shell's words after the program's name, run in a directory of their own.
+    // Runs the program with these arguments, as the shell reads them.
     void run(std::string const& arguments, std::string const& environment = "") {
-        // Another, such as that of another system, may be named in the environment.
+        // The environment may name another program, such as that for Windows.
         char const* const named = std::getenv("OVEL_NET_PROGRAM");
         std::string const program = named != nullptr ? named : OVEL_NET_PROGRAM;
         std::string const command = "cd '" + _directory.string() + "' && " + environment + " '" +
@@ -47,7 +47,7 @@ protected:
         err = content(_directory / ".err");
     }
 
-    // The run ended so, with one line that says why and nothing else.
+    // Expects that the run ended with this status and printed one line, the reason.
     void expect_refused(int expected, std::string const& says) {
         EXPECT_EQ(status, expected) << says;
         EXPECT_EQ(err, "ovel-net: " + says + '\n');
@@ -65,7 +65,7 @@ protected:
         std::ofstream(_directory / name, std::ios::binary) << text;
     }
 
-    // A net with `elements` in its lines from the third on.
+    // A net with `elements` from its third line on.
     static std::string net_of(std::string const& elements) {
         return "<pnml xmlns=\"http://www.pnml.org/version-2009/grammar/pnml\"><net id=\"n\"\n"
                "type=\"http://www.pnml.org/version-2009/grammar/ptnet\"><page id=\"page\">\n" +
@@ -75,7 +75,7 @@ protected:
         write("net.pnml", net_of(elements));
     }
 
-    // `text` that many times, with # for 0, 1, ... and @ for the number after that.
+    // Repeats `text`, with the numbers 0, 1, ... for # and the next number for @.
     static std::string repeated(int times, std::string const& text) {
         std::regex const number("#"), next("@");
         std::string all;
@@ -86,7 +86,7 @@ protected:
         return all;
     }
 
-    // What lies in the directory, but for the program's output and `net.pnml`.
+    // The files in the directory, except the program's output and `net.pnml`.
     std::vector<std::string> files() const {
         std::vector<std::string> names;
         for (fs::directory_entry const& each : fs::directory_iterator(_directory)) {

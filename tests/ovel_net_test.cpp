@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs ovel-net as its users do, on the project's nets and on nets written here.
+// Runs ovel-net as a user does, on the project's nets and on nets written here.
 #include "ovel_net_program.h"
 
 #include <cstdint>
@@ -19,7 +19,7 @@ counts column(json const& nodes, char const* name, bool all = false) {
     return numbers;
 }
 
-TEST_F(ovel_net_test, tokens_are_conserved_and_each_net_ends_as_it_must) {
+TEST_F(ovel_net_test, nets_conserve_tokens_and_come_to_their_known_ends) {
     for (std::string const options :
          {"--threads 1", "--threads 3 --sequential", "--threads 4 --work 50"}) {
         SCOPED_TRACE(options);
@@ -60,12 +60,12 @@ TEST_F(ovel_net_test, tokens_are_conserved_and_each_net_ends_as_it_must) {
     }
 }
 
-TEST_F(ovel_net_test, a_net_rests_full_when_only_room_is_missing) {
+TEST_F(ovel_net_test, a_net_ends_full_when_only_slots_are_missing) {
     json const buffer = run_json(own("bounded_buffer.pnml") + " --capacity 100");
     EXPECT_EQ(buffer["outcome"], "full");
     EXPECT_EQ(buffer["firings"], 416U);
 
-    // A transition that takes nothing fires as long as there is room.
+    // A transition without inputs fires as long as there are slots.
     write_net(R"(<place id="heap"/><transition id="source"/>
 <arc id="a" source="source" target="heap"><inscription><text>3</text></inscription></arc>)");
     run("net.pnml --capacity 10");
@@ -152,7 +152,7 @@ TEST_F(ovel_net_test, nets_are_read_across_pages_references_prefixes_and_encodin
     EXPECT_NE(drawing.find("p0 -> t0 [label=\"3\"];\n  t0 -> p1;\n"), std::string::npos) << drawing;
 }
 
-TEST_F(ovel_net_test, a_fault_in_the_net_is_one_line_that_names_its_line_and_nothing_is_written) {
+TEST_F(ovel_net_test, an_error_in_a_net_is_one_line_with_its_position_and_writes_nothing) {
     std::pair<std::string, char const*> const faults[] = {
         {net_of("<place id='a'><initialMarking>\n<text>-1</text></initialMarking></place>"),
          "4: initial marking \"-1\" is not a number from 0 to 4294967295"},
@@ -199,7 +199,7 @@ TEST_F(ovel_net_test, a_fault_in_the_net_is_one_line_that_names_its_line_and_not
     }
 }
 
-TEST_F(ovel_net_test, a_file_that_cannot_be_read_or_written_is_named_before_the_run) {
+TEST_F(ovel_net_test, a_file_that_cannot_be_read_or_written_is_reported_before_the_run) {
     std::string const net = own("readers_writers.pnml");
     std::pair<std::string, char const*> const faults[] = {
         {"none.pnml", "none.pnml:1: cannot be read: No such file or directory"},
@@ -219,7 +219,7 @@ TEST_F(ovel_net_test, a_file_that_cannot_be_read_or_written_is_named_before_the_
 }
 
 TEST_F(ovel_net_test, drawings_replace_their_files_only_when_they_are_whole) {
-    // In place of Graphviz: a program that wraps what it is to draw, or fails.
+    // Replaces Graphviz: a program that wraps its input, or fails.
     write("dot",
           "#!/bin/sh\n[ $1 = -V ] && exit\n[ $1 = -Tsvg ] && echo '<svg>' && cat\n"
           "exit `cat result`\n");

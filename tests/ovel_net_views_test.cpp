@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What ovel-net shows beside its report of a run, on the project's nets.
+// What ovel-net shows besides its report of a run, on the project's nets.
 #include "ovel_net_program.h"
 
 #include <map>
@@ -41,7 +41,7 @@ TEST_F(ovel_net_test, check_finds_place_invariants_and_the_capacities_that_follo
                        place + "\"wheels\" may need room for 30 tokens and has it for 20\n");
 }
 
-// Each of the 2^40 ways through is an invariant.
+// Each of the 2^40 paths is an invariant.
 TEST_F(ovel_net_test, check_stops_at_too_many_invariants) {
     write_net(
         "<place id='a0'><initialMarking><text>3</text></initialMarking></place><place id='b0'/>" +

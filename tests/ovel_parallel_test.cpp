@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Scopes, invocations and loops: what is not left to their scenarios on the simulated kernel.
+// Scopes, invocations and loops, as far as scenarios on the simulated kernel do not test them.
 
 #include "ovel_parallel.h"
 
@@ -46,7 +46,7 @@ TEST_P(parallel_test, callers_inside_and_outside_get_the_same_answers) {
         EXPECT_EQ(work_group::current(), &group);
         return fibonacci(18);
     });
-    // Each of these threads belongs to nobody and has no allocator.
+    // Threads that belong to no group and have no allocator.
     auto const callers = crew(3, [&](int) {
         int outside = 0;
         parallel_invoke(
@@ -93,7 +93,7 @@ TEST_P(parallel_test, waiting_under_a_lock_runs_nothing_that_takes_it) {
     EXPECT_EQ(parts, 3 * 4 * each);
 }
 
-// A child's child runs after it, not inside it, and no waiter takes up a stranger's work.
+// A child's child runs after it, not inside it, and a waiter runs only descendants.
 TEST_P(parallel_test, the_stack_is_bounded_by_the_nesting_of_scopes) {
     work_group small(GetParam(), 0.0, 65536);
     constexpr int links = 300'000;
@@ -158,7 +158,7 @@ TEST_P(parallel_test, the_first_exception_wins_and_none_is_lost) {
         for (int i = 0; i != 4; ++i)
             outer.run([&, i, held] {
                 {
-                    // Nobody waits here: the exception goes to the scope around it.
+                    // Without a wait the exception goes to the enclosing scope.
                     task_scope inner(group);
                     inner.run([&, held] {
                         ++thrown;
@@ -171,7 +171,7 @@ TEST_P(parallel_test, the_first_exception_wins_and_none_is_lost) {
                     parallel_invoke([held] { throw std::bad_alloc(); }, [held] { throw 1; });
             });
         EXPECT_ANY_THROW(outer.wait());
-        outer.wait();  // it was taken
+        outer.wait();  // the exception was reported
         outer.run([] { throw std::logic_error("again"); });
         EXPECT_THROW(outer.wait(), std::logic_error);
     }
@@ -179,7 +179,7 @@ TEST_P(parallel_test, the_first_exception_wins_and_none_is_lost) {
     EXPECT_THROW(group.wait(), std::runtime_error);
     group.wait();
     group.run([&, held] {
-        // More than wait, so that some have run, when the scope is closed without a wait.
+        // More than the deque holds, so some have run when the scope is closed without a wait.
         task_scope left(group);
         for (int i = 0; i != 1000; ++i)
             left.run([held] { throw std::bad_alloc(); });
@@ -208,7 +208,7 @@ TEST_P(parallel_test, after_a_stop_no_more_children_begin_than_there_are_threads
                     else if (by == 1)
                         outer.request_stop();
                     else
-                        group.stop();  // is not the scope's business
+                        group.stop();  // does not stop scopes
                     stopped = by != 2;
                 }
             });
@@ -238,7 +238,7 @@ TEST_P(parallel_test, loops_visit_each_element_once) {
     parallel_for(group, 5, 2, [](int, int) { ADD_FAILURE(); });
 }
 
-// `join` is associative and nothing else, and the sum of these depends on the order.
+// `join` is associative, not commutative, and the rounding of the sum depends on the order.
 TEST_P(parallel_test, reductions_join_in_order_and_repeat_to_the_last_bit) {
     auto const join = [](std::string left, std::string const& right) {
         return left += right;
@@ -319,7 +319,7 @@ TEST(task_scope_test, a_thread_may_have_scopes_of_several_groups_open) {
             EXPECT_EQ(work_group::current(), &first);
             ran += fibonacci(7);
         });
-        outer.run([&] { ++ran; });  // there is no room for it below the inner ones' children
+        outer.run([&] { ++ran; });  // runs at once: the deque is the inner scope's
         again.wait();
     }
     EXPECT_EQ(work_group::current(), &first);
@@ -327,7 +327,7 @@ TEST(task_scope_test, a_thread_may_have_scopes_of_several_groups_open) {
     EXPECT_EQ(ran, 14);
 }
 
-TEST(task_scope_test, a_wait_until_a_deadline_leaves_the_group_as_it_was) {
+TEST(task_scope_test, a_wait_that_times_out_leaves_the_group_unchanged) {
     semaphore go_on(0, 0);
     work_group group(1);
     group.run([&] { go_on.acquire(); });
@@ -337,7 +337,7 @@ TEST(task_scope_test, a_wait_until_a_deadline_leaves_the_group_as_it_was) {
     EXPECT_EQ(group.submit([] { return 3; }).get(), 3);
 }
 
-TEST(task_scope_test, misuse_is_named) {
+TEST(task_scope_test, misuse_fails_the_checks) {
     work_group group(2);
     auto const out_of_order = [&] {
         task_scope outer(group);

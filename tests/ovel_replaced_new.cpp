@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Linked to a program whose every allocation is to come from the library.
+// Linked to a program that takes all of its memory from the library.
 
 #include "ovel_memory.h"
 

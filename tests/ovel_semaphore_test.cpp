@@ -18,7 +18,7 @@ struct semaphore_test : testing::Test {};
 using semaphore_types = testing::Types<semaphore, timed_semaphore>;
 TYPED_TEST_SUITE(semaphore_test, semaphore_types);
 
-// A turn is handed to and fro through two semaphores: a lost wake-up hangs, a unit
+// Two threads pass a turn back and forth through two semaphores: a lost wake-up hangs, a unit
 // too many is an answer before the question. The turn has no other protection.
 TYPED_TEST(semaphore_test, a_unit_carries_what_was_written_before_its_release) {
     for (unsigned int const spin : {0u, 200u}) {
@@ -46,8 +46,8 @@ TYPED_TEST(semaphore_test, a_unit_carries_what_was_written_before_its_release) {
     }
 }
 
-// The thread that takes the unit destroys the semaphore at once; a release that
-// still touches it then is seen by the address sanitizer.
+// The thread that takes the unit destroys the semaphore at once. AddressSanitizer reports a
+// release that still accesses it.
 TYPED_TEST(semaphore_test, the_thread_that_takes_the_last_unit_may_destroy_the_semaphore) {
     for (int round = 0; round < 500; ++round) {
         unsigned int const spin = round % 2 == 0 ? 0 : 1000;

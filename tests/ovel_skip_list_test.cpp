@@ -48,8 +48,7 @@ struct ovel::detail::inspector {
         return sorted._seed;
     }
 
-    // Every lane visits in their order those elements, and no other, that are as
-    // high as it.
+    // Every lane visits exactly the elements that are at least as high, in their order.
     template <class T>
     static void check_links(skip_list<T>& sorted) {
         unsigned int highest = 1;
@@ -86,9 +85,9 @@ static_assert(std::bidirectional_iterator<element_list::iterator>);
 static_assert(std::forward_iterator<list<int>::iterator>);
 static_assert(std::forward_iterator<list<int>::const_iterator>);
 
-// The levels follow from the generator's first numbers: 16807, 282475249,
-// 1622650073, 984943658, 1144108930, 470211272, 101027544, 1457850878. They are
-// fewer than the head has links, which are 2, and from the fifth element on 4.
+// The levels follow from the generator's first numbers: 16807, 282475249, 1622650073,
+// 984943658, 1144108930, 470211272, 101027544, 1457850878. A level is below the number of the
+// head's links, which is 2, and 4 from the fifth element on.
 TEST(skip_list_test, levels_follow_from_the_seed) {
     element_list sorted;
     std::vector<unsigned int> seeds, levels;
@@ -134,7 +133,7 @@ void walk(unsigned int seed) {
             auto const place = std::ranges::find_if(
                 model, [&](T const& e) { return ovel::skip_list_order<T>::precedes(value, e); });
             model.insert(place, value);
-            // Some with room for more levels than they get, some with too little.
+            // Some have room for more levels than they get, some for fewer.
             auto prepared = sorted.prepare(value, 1 + random() % 3);
             EXPECT_EQ(*(step % 2 == 0 ? sorted.insert(value) : sorted.insert(prepared)), value);
         } else {
@@ -151,7 +150,7 @@ void walk(unsigned int seed) {
         sorted.erase(--sorted.end());
     inspector::check_links(sorted);
     sorted.clear();
-    // Behind none of those that are gone.
+    // An insertion must not use links to elements that are gone.
     for (int key = 0; key < 10; ++key)
         sorted.insert({key, key});
     inspector::check_links(sorted);

@@ -43,7 +43,7 @@ static_assert(!has_deadlines<lockable<ovel::mutex>>);
 template <class Duration>
 using system_point = std::chrono::time_point<std::chrono::system_clock, Duration>;
 
-TEST(deadline_test, the_longest_durations_last_for_ever_and_the_shortest_have_passed) {
+TEST(deadline_test, the_longest_durations_never_pass_and_the_shortest_have_passed) {
     time const centuries = time::then(1e9);
     EXPECT_GT(deadline(std::chrono::hours::max()), centuries);
     EXPECT_GT(deadline(std::chrono::duration<double>(INFINITY)), centuries);
@@ -54,8 +54,8 @@ TEST(deadline_test, the_longest_durations_last_for_ever_and_the_shortest_have_pa
     EXPECT_EQ(deadline(time::seconds(3)), time::seconds(3));
 }
 
-// For a wait that a thread ends before its time: a deadline that had passed would not wait.
-TEST(deadline_test, a_wait_for_ever_lasts_until_it_is_ended) {
+// Another thread ends the wait. A deadline that overflowed would end it at once.
+TEST(deadline_test, a_wait_without_end_lasts_until_it_is_ended) {
     ovel::timed_condition changed;
     lockable<ovel::timed_mutex> lock;
     int turn = 0;
@@ -80,8 +80,8 @@ TEST(deadline_test, a_wait_for_ever_lasts_until_it_is_ended) {
                  lock.try_lock_until(system_point<std::chrono::hours>::min()));
 }
 
-// The turn goes round between waits through each kind of lock that a wait accepts.
-TEST(wait_test, a_predicate_decides_whatever_the_lock_is) {
+// Three threads pass a turn around, each with another kind of lock that a wait accepts.
+TEST(wait_test, a_predicate_decides_for_every_kind_of_lock) {
     constexpr int rounds = 500;
     lockable<ovel::recursive_mutex> lock;
     ovel::condition changed;
@@ -106,7 +106,7 @@ TEST(wait_test, a_predicate_decides_whatever_the_lock_is) {
     });
 }
 
-// Each on the clock that its caller reads, and with no tolerance.
+// On the clock that the caller reads, without any tolerance.
 TEST(wait_test, nothing_gives_up_before_its_deadline) {
     using steady = std::chrono::steady_clock;
     using system = std::chrono::system_clock;
@@ -137,7 +137,7 @@ TEST(wait_test, nothing_gives_up_before_its_deadline) {
     }
     EXPECT_FALSE(lock.try_lock_for(-1h) || lock.try_lock_until(time()));
 
-    // What comes true without anybody being told counts when the deadline passes.
+    // A predicate that became true without a notification counts when the deadline passes.
     int looks = 0;
     EXPECT_TRUE(wait_until(changed, hold, std::chrono::system_clock::now() + 1ms,
                            [&] { return ++looks == 2; }));

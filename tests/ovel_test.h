@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What several suites share: threads, waiting for a state, and the message of a
-// failed check.
+// Shared by the suites: threads, waiting for a state, and the message of a failed check.
 #ifndef OVEL_TEST_H
 #define OVEL_TEST_H
 
@@ -13,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-// Returns once `holds()` does. What never comes about is found by ctest's time limit.
+// Returns once `holds()` is true. If it never is, ctest's time limit ends the test.
 template <class Predicate>
 void until(Predicate const& holds) {
     while (!holds())
@@ -29,7 +28,7 @@ template <class Work>
     return threads;
 }
 
-// The result of `work`, run by a thread of its own.
+// The result of `work`, which a new thread runs.
 template <class Work>
 bool elsewhere(Work const& work) {
     bool result = false;
@@ -65,8 +64,8 @@ struct fragile {
 #define ANY_NUMBER "[0-9]+"
 #endif
 
-// A regular expression for the whole of what a failed check prints: one line with
-// the expression as it is written, the file from the root, and a line number.
+// A regular expression for all that a failed check prints: one line with the expression as
+// written, the file relative to the root, and a line number.
 inline std::string failed_check(std::string_view expression, std::string_view file) {
     std::string text = "^ovel::assure_failed\\(";
     for (char const letter : expression) {
@@ -80,8 +79,8 @@ inline std::string failed_check(std::string_view expression, std::string_view fi
 #define EXPECT_CHECK(statement, expression, file) \
     EXPECT_DEATH(static_cast<void>(statement), failed_check(expression, file))
 
-// Death tests run their statement in a process of its own from the start, not in a fork of
-// one whose other threads are gone.
+// Death tests execute the program again for their statement. A fork would have lost the other
+// threads.
 struct threadsafe_death_tests : testing::Environment {
     void SetUp() override {
         GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Thread groups: what is not left to their scenarios on the simulated kernel.
+// Thread groups, as far as scenarios on the simulated kernel do not test them.
 
 #include "ovel_thread_group.h"
 
@@ -33,7 +33,7 @@ struct task : thread_function {
     std::function<void()> body;
 };
 
-// The group, after a step of its life.
+// The group, after a step of its life cycle.
 thread_group& started(thread_group& group) {
     group.release();
     return group;
@@ -48,8 +48,8 @@ thread_group& ended(thread_group& group) {
 }
 
 TEST(thread_group_test, rounding_of_spaces_does_not_shrink_the_group) {
-    // 1 - 0.3 - 0.1 + 0.3 + 0.1 is less than 1: without care, work that asks for
-    // all of the space would wait for ever after that.
+    // 1 - 0.3 - 0.1 + 0.3 + 0.1 is less than 1: without the reset, work that asks for all of
+    // the space would wait forever after that.
     thread_group group(3, 1.0, 65536);
     semaphore running(0, 0), first(0, 0), second(0, 0), third(0, 0);
     auto const held = [&running](semaphore& until) {
@@ -59,7 +59,7 @@ TEST(thread_group_test, rounding_of_spaces_does_not_shrink_the_group) {
         };
     };
     task large(held(first)), small(held(second)), whole([&] { third.release(); });
-    task spaceless(held(third));  // as it takes none, it does not keep any back
+    task spaceless(held(third));  // takes none, so it does not delay the reset
     group.schedule(large, 1.0, 0.3);
     group.schedule(small, 1.0, 0.1);
     group.schedule(spaceless, 1.0, 0.0);
@@ -81,7 +81,7 @@ TEST(thread_group_test, a_thousand_starts_leave_neither_threads_nor_memory_behin
     group.schedule(counted, 1.0, 1.0);
     ended(group);
     auto const idle = detail::thread_element_group::global()->size();
-    // Blocks that workers freed for this thread come home when it flushes.
+    // Puts back the blocks of this thread that workers freed.
     allocator_group::global()->flush_allocator(false);
     for (int round = 0; round != 1000; ++round) {
         group.schedule(counted, 1.0, 1.0);
@@ -92,7 +92,7 @@ TEST(thread_group_test, a_thousand_starts_leave_neither_threads_nor_memory_behin
 }
 
 // Each statement runs in a process of its own.
-TEST(thread_group_test, misuse_is_named) {
+TEST(thread_group_test, misuse_fails_the_checks) {
     char const* const file = "sources/ovel_thread_group.cpp";
     char const* const bounds = "time_ > 0 && space_ >= 0 && space_ <= _space";
     task none([] {}), thrower([] { throw 1; });

@@ -45,9 +45,9 @@ struct thread_support_test : testing::Test {
     unsigned int const spin = ovel::default_spin;
 };
 
-// A reading of the thread's mask that forgot to put it back shows as the process's in
-// the second. Masks are cut to the processors of the system, of which bit 31 is hardly
-// one; who has one processor does not spin.
+// Reading the thread's mask changes it for a moment: the second reading sees whether it was
+// restored. Masks are cut to the processors of the system, and bit 31 is hardly one. With one
+// processor nothing spins.
 TEST_F(thread_support_test, masks_are_read_as_they_were_set) {
     EXPECT_EQ(thread_support::available_processors(), unsigned(std::popcount(all)));
     EXPECT_LE(thread_support::available_processors(), thread_support::processors());

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Threads of their own, the pool, and pooled threads.
+// Dedicated threads, the pool, and pooled threads.
 
 #include "ovel_thread.h"
 
@@ -30,7 +30,7 @@ Thread& start(Thread& driven, thread_function& function) {
     return driven;
 }
 
-// Both kinds of thread keep one contract towards whoever drives them.
+// Both kinds of thread have the same contract.
 template <class Thread>
 struct thread_test : testing::Test {};
 
@@ -71,7 +71,7 @@ TYPED_TEST(thread_test, a_run_is_joined_once_it_has_ended_and_then_at_any_deadli
     EXPECT_TRUE(ended);
 }
 
-TYPED_TEST(thread_test, misuse_is_named) {
+TYPED_TEST(thread_test, misuse_fails_the_checks) {
     constexpr bool pooled = std::is_same_v<TypeParam, ovel::thread>;
     std::string const source = "sources/ovel_thread_base.cpp";
     std::string const file = pooled ? "sources/ovel_thread.cpp" : source;
@@ -103,7 +103,7 @@ TEST(run_loop_test, a_terminated_loop_skips_a_run_that_has_not_begun) {
     EXPECT_FALSE(loop.try_acquire());
 }
 
-// Sizes of its own, so that it does not matter what other tests left here.
+// Stack sizes that no other test uses: threads that those left in the pool do not matter.
 TEST(thread_pool_test, an_idle_thread_is_lent_if_its_stack_fits_without_waste) {
     thread_element_group& pool = *thread_element_group::global();
     auto const lend = [&](unsigned int stack) {
@@ -130,7 +130,7 @@ TEST(thread_pool_test, an_idle_thread_is_lent_if_its_stack_fits_without_waste) {
     pool.release_element(small);
 }
 
-// With one processor there is no mask that would stay.
+// With one processor every mask is the same, and the test shows nothing.
 TEST(thread_pool_test, a_thread_that_returns_drops_the_processors_that_its_work_set) {
     unsigned int const all = thread_support::process_affinity();
     unsigned long restricted = 0;
@@ -138,7 +138,7 @@ TEST(thread_pool_test, a_thread_that_returns_drops_the_processors_that_its_work_
         thread_support::thread_affinity(all & -all);
         restricted = thread_support::thread_identifier();
     });
-    ovel::thread driven(48u << 20);  // no other test's
+    ovel::thread driven(48u << 20);  // a size that no other test uses
     start(driven, restricts).acquire();
     work looks([&] {
         EXPECT_EQ(thread_support::thread_identifier(), restricted);
@@ -147,7 +147,7 @@ TEST(thread_pool_test, a_thread_that_returns_drops_the_processors_that_its_work_
     start(driven, looks).acquire();
 }
 
-TYPED_TEST(thread_test, monitors_know_its_threads_by_name) {
+TYPED_TEST(thread_test, system_monitors_show_its_name) {
     auto const read_name = [] {
         std::string name;
         std::getline(std::ifstream("/proc/thread-self/comm"), name);

@@ -74,8 +74,8 @@ TYPED_TEST(time_test, seconds_become_ticks_toward_zero_and_saturate_at_half_of_t
     EXPECT_NEAR(TypeParam::seconds(-0.5).seconds(), -0.5, unit);
 }
 
-// Centuries ahead of a clock that starts with the machine; a sum that wrapped would lie in
-// the past.
+// The clock starts with the machine, so these deadlines are centuries ahead. A sum that
+// wraps would lie in the past.
 TYPED_TEST(time_test, the_longest_spans_end_in_the_future) {
     for (double const span : {1e10, 1e300, double(INFINITY)}) {
         EXPECT_GT(TypeParam::then(span) - TypeParam::now(), TypeParam::seconds(1e9)) << span;
@@ -83,8 +83,8 @@ TYPED_TEST(time_test, the_longest_spans_end_in_the_future) {
     }
 }
 
-// A rate mistaken by a factor, or turned upside down. What lies between two readings
-// of the system's clock bounds the time between the two of ours in between.
+// Catches a rate that is wrong by a factor, or inverted. Readings of the system's clock, inside
+// and outside of the library's two, bound the time between those.
 TEST(time_now_test, a_second_agrees_with_the_system_clock) {
     using clock = std::chrono::steady_clock;
     clock::time_point const first = clock::now();

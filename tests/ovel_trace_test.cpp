@@ -20,7 +20,7 @@ json written(trace::recorder const& recorded) {
     return json::parse(text);
 }
 
-// While others read, threads come and record more than a piece of a buffer.
+// Each thread fills more than one piece of its buffer while another reads.
 TEST(trace_test, each_thread_keeps_its_scopes_in_order_while_others_read) {
     constexpr int scopes = 3000;
     constexpr int threads = 4;
@@ -86,9 +86,9 @@ TEST(trace_test, a_recorder_keeps_the_first_scopes_that_began_while_it_recorded)
     }
 }
 
-// A viewer refuses a file with a byte that is none of UTF-8. Beside whole characters of each
-// length: bytes that begin none, and characters cut off, too long, half of a pair, too high.
-TEST(trace_test, names_that_are_not_text_are_shown_as_far_as_they_are) {
+// A viewer rejects a file that is not UTF-8. The cases: characters of each length, bytes that
+// begin none, a truncated and an overlong character, a surrogate, and a code point too high.
+TEST(trace_test, invalid_bytes_in_names_are_replaced) {
     std::string const replaced = "\xef\xbf\xbd";
     struct {
         std::string name;

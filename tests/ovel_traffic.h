@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Threads that use all of the library at once, for tests of what happens beside them.
+// Threads that use all of the library at once, for tests of forks and of the process's end.
 #ifndef OVEL_TRAFFIC_H
 #define OVEL_TRAFFIC_H
 
@@ -21,8 +21,8 @@
 
 namespace traffic {
 
-// Blocks that threads pass to each other: one leaves its own and frees what it finds.
-// What another thread has written there must be whole.
+// Blocks that threads pass to each other: a thread puts its own and frees the one it finds,
+// whose contents must be intact.
 inline void exchange_blocks(unsigned int round) {
     struct block {
         std::size_t size;
@@ -78,7 +78,7 @@ constexpr int kinds = 6;
 inline std::array<std::atomic<unsigned int>, kinds> rounds;
 inline std::atomic<bool> over = false;
 
-// One thing of the kind given.
+// Uses one facility, by its number.
 inline void use(int kind) {
     unsigned int const round = rounds[static_cast<std::size_t>(kind)]++;
     switch (kind) {
@@ -107,7 +107,7 @@ inline void use_until_over(int kind) {
         use(kind);
 }
 
-// Returns once each kind has been used some more.
+// Returns once each facility has been used some more.
 inline void wait_for_rounds(unsigned int more) {
     for (auto& each : rounds) {
         unsigned int const enough = each + more;

@@ -65,8 +65,7 @@ TEST(work_group_test, results_and_exceptions_come_through_the_future) {
     group.join();
 }
 
-// Work that submits work: a group that ended as soon as it looked idle would refuse
-// the next generation.
+// A group that ended as soon as it looked idle would refuse what its work submits.
 TEST(work_group_test, a_join_waits_for_work_that_work_submits) {
     std::atomic<int> leaves{0};
     work_group group(3);
@@ -96,7 +95,7 @@ TEST(work_group_test, work_that_joins_its_group_fails_a_check) {
     EXPECT_CHECK(joins(), "!_runs_caller()", "includes/ovel_work.h");
 }
 
-// The caller keeps what the work refers to until that has run, since it waits for nothing.
+// The test keeps what the work refers to until `join`.
 TEST(work_group_test, a_future_that_is_dropped_neither_waits_nor_discards_its_work) {
     ovel::semaphore go_on(0, 0);
     bool ran = false;

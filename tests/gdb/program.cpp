@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Objects for the printers to print, in states that they stay in. Stops at `look`.
+// Objects for the printers, in stable states. Stops at `look`.
 #include "ovel.h"
 #include "ovel_petri.h"
 #include "ovel_work.h"
@@ -11,7 +11,7 @@
 using work = ovel::triple<ovel::thread_function*, double, double>;
 using work_queue = ovel::skip_list<work>;
 
-// Memory of an object that is not built, and of one whose bytes are anything.
+// Memory of an object that was not constructed, and of one with arbitrary bytes.
 alignas(ovel::net) unsigned char zeroed[sizeof(ovel::net)];
 alignas(ovel::net) unsigned char scribbled[sizeof(ovel::net)];
 
@@ -50,7 +50,7 @@ int main() {
     ovel::timed_recursive_mutex timed_recursive_lock;
     timed_recursive_lock.acquire();
 
-    // A waiter has been counted by the time that it gives the mutex up.
+    // A waiter is counted before it releases the mutex.
     ovel::condition changed;
     ovel::timed_condition timed_changed;
     ovel::semaphore coming(0, 0);
@@ -97,7 +97,7 @@ int main() {
     ovel::petri_place* const words_base = words.base();
     ovel::petri_transition* const measure_base = measure.base();
 
-    // One piece of work runs, and another waits behind it.
+    // One work item runs and another waits.
     ovel::semaphore begun(0, 0);
     ovel::semaphore go_on(0, 0);
     ovel::work_group group(1, 0.5);

@@ -1,5 +1,5 @@
-# What GDB prints of the objects of PROGRAM must be what the file `expected` holds. The
-# printers are loaded from below SAFE.
+# GDB must print the objects of PROGRAM as in the file `expected`. It loads the printers from
+# below SAFE.
 cmake_minimum_required(VERSION 3.25)
 
 execute_process(

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Loads the library as programs do that are not linked to it, and leaves it in the
-// way that its argument says: "return" from main, "exit", or "free", which unloads
-// the library before any of its threads was started.
+// Loads the library at run time and ends as its argument says: "return" from main, "exit", or
+// "free", which unloads the library before any of its threads was started.
 
 #include "use.h"
 

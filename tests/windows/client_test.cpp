@@ -13,7 +13,7 @@
 
 namespace {
 
-// The client's exit status and what it told.
+// The client's exit status and output.
 std::pair<int, std::string> run_client(char const* way) {
     std::string told;
     std::FILE* const pipe = _popen((std::string("ovel_windows_client ") + way).c_str(), "r");
@@ -22,8 +22,8 @@ std::pair<int, std::string> run_client(char const* way) {
     return {_pclose(pipe), told};
 }
 
-// The system ends all other threads, the library's too, before it tells the library that
-// the process ends: the exit hooks wait for none of them.
+// The system ends all other threads, the library's too, before it notifies the library of the
+// process's end. So the exit hooks must not wait for any.
 TEST(client_test, a_client_may_leave_in_any_way) {
     using result = std::pair<int, std::string>;
     EXPECT_EQ(run_client("exit"), result(0, "used\n"));
@@ -31,8 +31,8 @@ TEST(client_test, a_client_may_leave_in_any_way) {
     EXPECT_EQ(run_client("free"), result(0, "used\nfreed\n"));
 }
 
-// A flag says it in what the system's loader keeps of the module.
-TEST(client_test, the_library_is_not_told_of_threads) {
+// The system's loader keeps a flag for each module.
+TEST(client_test, thread_notifications_are_off) {
     constexpr std::uintptr_t attached = 0x80000;
     constexpr std::uintptr_t silent = 0x40000;
     using find_function = NTSTATUS NTAPI(void*, LDR_DATA_TABLE_ENTRY**);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a loaded library calls of others can be led elsewhere: it reaches each
-// function by way of a pointer in its table of imports.
+// Redirects calls of a loaded library to other libraries: they go through pointers in its table
+// of imports.
 #ifndef OVEL_WINDOWS_IMPORTS_H
 #define OVEL_WINDOWS_IMPORTS_H
 
@@ -8,8 +8,8 @@
 
 #include <cstring>
 
-// Leads all calls that `library` makes to the function `name` of another library to
-// `function`. Returns whether it makes any.
+// Redirects all calls of `library` to the function `name` of another library to `function`.
+// Returns whether there are any.
 template <class Function>
 bool lead_import(HMODULE library, char const* name, Function* function) {
     auto* const base = reinterpret_cast<unsigned char*>(library);

@@ -1,6 +1,5 @@
-# Reads the names that LIBRARY exports with OBJDUMP and fails on one that does not
-# belong there and on one that is missing. The plain functions bear their plain
-# names, as C programs ask for them.
+# Reads the names that LIBRARY exports with OBJDUMP. Fails on an unexpected and on a missing
+# one. The plain functions have undecorated names, for C programs.
 cmake_minimum_required(VERSION 3.25)
 
 execute_process(COMMAND ${OBJDUMP} -p ${LIBRARY} OUTPUT_VARIABLE text COMMAND_ERROR_IS_FATAL ANY)

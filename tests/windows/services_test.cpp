@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The system's own services: what the library makes of them, and each check of one
-// of their results made to fail. Where no misuse leads to that, a call of the
-// library is led to a function here that has the real service refuse it. Checks
-// that fail by misuse alone are in the suites of their classes.
+// The system's own services: how the library uses them, and a failure of each check of their
+// results. Where misuse cannot cause it, a call of the library is redirected to a function
+// here, which makes the real service fail. The suites of the classes test the checks that
+// misuse alone can fail.
 
 #include "imports.h"
 #include "ovel_once.h"
@@ -33,7 +33,7 @@ struct ovel::detail::inspector {
     static HANDLE handle(thread_base const& subject) {
         return subject._thread;
     }
-    // A thread that sleeps on the semaphore, as far as it knows.
+    // Makes the semaphore count a sleeping thread.
     static void count_sleeper(semaphore& subject) {
         subject._value = -1;
     }
@@ -49,16 +49,16 @@ constexpr char semaphore_header[] = "includes/ovel_semaphore.h";
 constexpr char thread_file[] = "sources/ovel_thread_base.cpp";
 constexpr char support_file[] = "sources/ovel_thread_function.cpp";
 
-// Runs `body` with the library's calls of the service `name` led to `function`.
+// Runs `body` with the library's calls of the service `name` redirected to `function`.
 template <class Function, class Body>
-void led(char const* name, Function* function, Body const& body) {
+void redirected(char const* name, Function* function, Body const& body) {
     if (!lead_import(GetModuleHandleA("ovel.dll"), name, function))
         std::abort();
     body();
 }
 
-// With the handle of its kernel object closed behind its back. The clock is started
-// before: its handles would take the place of the one closed.
+// Closes the handle of the subject's kernel object. Starts the clock first, because its
+// handles would reuse the closed one.
 template <class Subject>
 Subject& closed(Subject& subject) {
     ovel::time::now();
@@ -79,8 +79,8 @@ TEST(time_unit_test, the_clock_factor_is_the_rate_in_the_registry) {
     EXPECT_EQ(ovel::time_support::time_unit(), 1.0 / (megahertz * 1000000.0));
 }
 
-HANDLE once_mutex;      // the one that call_once last made, ...
-std::string once_name;  // ... and how it named it
+HANDLE once_mutex;      // that call_once created last
+std::string once_name;  // and its name
 
 HANDLE WINAPI keep_mutex(SECURITY_ATTRIBUTES* security, BOOL owned, char const* name) {
     once_name = name;
@@ -89,13 +89,13 @@ HANDLE WINAPI keep_mutex(SECURITY_ATTRIBUTES* security, BOOL owned, char const* 
 
 unsigned int volatile flag = 0;
 
-// The thread ends while it has the mutex.
+// The thread ends while it owns the mutex.
 DWORD WINAPI abandon(void*) {
     call_once([] { ExitThread(0); }, flag);
     return 0;
 }
 
-// An object of another kind has the name.
+// An object of another type has the name.
 HANDLE WINAPI take_name(SECURITY_ATTRIBUTES* security, BOOL owned, char const* name) {
     CreateEventA(nullptr, FALSE, FALSE, name);
     return CreateMutexA(security, owned, name);
@@ -104,20 +104,20 @@ HANDLE WINAPI take_name(SECURITY_ATTRIBUTES* security, BOOL owned, char const* n
 // Processes that run the same program have their flags at the same addresses.
 TEST(call_once_windows_test, the_mutex_is_named_by_the_process_and_the_flag) {
     static unsigned int volatile named = 0;
-    led("CreateMutexA", keep_mutex, [] { call_once([] {}, named); });
+    redirected("CreateMutexA", keep_mutex, [] { call_once([] {}, named); });
     char name[40];
     std::snprintf(name, sizeof name, "%lx%x", GetCurrentProcessId(),
                   reinterpret_cast<std::uintptr_t>(&named));
     EXPECT_TRUE(once_name.ends_with(name)) << once_name;
 }
 
-TEST(call_once_death_test, a_mutex_that_fails_is_named) {
+TEST(call_once_death_test, a_failed_mutex_fails_its_check) {
     auto const once = [](void (*function)()) {
         return [function] {
             call_once(function, flag);
         };
     };
-    EXPECT_CHECK(led("CreateMutexA", take_name, once([] {})), "mutex != 0", once_file);
+    EXPECT_CHECK(redirected("CreateMutexA", take_name, once([] {})), "mutex != 0", once_file);
     auto const find_abandoned = [] {
         HANDLE const thread = CreateThread(nullptr, 0, abandon, nullptr, 0, nullptr);
         WaitForSingleObject(thread, INFINITE);
@@ -125,9 +125,9 @@ TEST(call_once_death_test, a_mutex_that_fails_is_named) {
     };
     EXPECT_CHECK(find_abandoned(), "WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0",
                  once_file);
-    EXPECT_CHECK(led("CreateMutexA", keep_mutex, once([] { ReleaseMutex(once_mutex); })),
+    EXPECT_CHECK(redirected("CreateMutexA", keep_mutex, once([] { ReleaseMutex(once_mutex); })),
                  "ReleaseMutex(mutex) != 0", once_file);
-    EXPECT_CHECK(led("CreateMutexA", keep_mutex, once([] { keep_open(once_mutex); })),
+    EXPECT_CHECK(redirected("CreateMutexA", keep_mutex, once([] { keep_open(once_mutex); })),
                  "CloseHandle(mutex) != 0", once_file);
 }
 
@@ -141,10 +141,10 @@ struct semaphore_death_test : testing::Test {};
 using semaphore_types = testing::Types<semaphore, timed_semaphore>;
 TYPED_TEST_SUITE(semaphore_death_test, semaphore_types);
 
-TYPED_TEST(semaphore_death_test, a_semaphore_that_fails_is_named) {
+TYPED_TEST(semaphore_death_test, a_failed_semaphore_fails_its_check) {
     constexpr bool timed = std::is_same_v<TypeParam, timed_semaphore>;
     constexpr auto* file = timed ? semaphore_file : semaphore_header;
-    EXPECT_CHECK(led("CreateSemaphoreA", exceed_maximum, [] { TypeParam(0, 0); }),
+    EXPECT_CHECK(redirected("CreateSemaphoreA", exceed_maximum, [] { TypeParam(0, 0); }),
                  "_semaphore != 0", semaphore_file);
     TypeParam units(0, 0);
     EXPECT_CHECK(closed(units).acquire(),
@@ -164,7 +164,7 @@ TYPED_TEST(semaphore_death_test, a_semaphore_that_fails_is_named) {
     }
 }
 
-TEST(thread_base_death_test, a_thread_that_fails_is_named) {
+TEST(thread_base_death_test, a_failed_thread_fails_its_check) {
     ovel::thread_function work;
     thread_base thread(0), large(0x7fff0000u);  // a stack beyond the address space
     auto const started = [&](thread_base& base) -> thread_base& {
@@ -187,17 +187,19 @@ TEST(thread_base_death_test, a_thread_that_fails_is_named) {
                  thread_file);
 }
 
-// No handle of a process or of a thread.
+// Not the handle of a process or a thread.
 HANDLE WINAPI no_handle() {
     return nullptr;
 }
 
-TEST(thread_support_death_test, a_mask_that_cannot_be_read_is_named) {
+TEST(thread_support_death_test, a_mask_that_cannot_be_read_fails_its_check) {
     using ovel::thread_support;
-    EXPECT_CHECK(led("GetCurrentProcess", no_handle, [] { thread_support::process_affinity(); }),
-                 "GetProcessAffinityMask(GetCurrentProcess(), &pm, &sm) != 0", support_file);
-    EXPECT_CHECK(led("GetCurrentThread", no_handle, [] { thread_support::thread_affinity(); }),
-                 "affinity != 0", support_file);
+    EXPECT_CHECK(
+        redirected("GetCurrentProcess", no_handle, [] { thread_support::process_affinity(); }),
+        "GetProcessAffinityMask(GetCurrentProcess(), &pm, &sm) != 0", support_file);
+    EXPECT_CHECK(
+        redirected("GetCurrentThread", no_handle, [] { thread_support::thread_affinity(); }),
+        "affinity != 0", support_file);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Uses the library and leaves its threads, for a program that is not linked to it.
+// Uses the library and leaves its threads running, for a program that is not linked to it.
 
 #include "use.h"
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-// The exception is thrown on one side of the border and caught on the other.
+// One module throws the exception and another catches it.
 void use_what_needs_no_thread() {
     ovel::recursive_mutex lock;
     lock.acquire();
@@ -25,7 +25,7 @@ void use_what_needs_no_thread() {
     assure(ovel::any_cast<int>(token) == 7);
 }
 
-// The recycler's thread and the clock's stay, and the pool keeps those of the group.
+// The threads of the recycler and of the clock go on, and the pool keeps those of the group.
 void use_threads() {
     ovel::time::now();
     ovel::allocator_recycler::global()->release(3600.0);
