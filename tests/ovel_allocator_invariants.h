@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What holds of an allocator between any two of its owner's operations.
+// The invariants of an allocator between any two of its owner's operations.
 #ifndef OVEL_TESTS_ALLOCATOR_INVARIANTS_H
 #define OVEL_TESTS_ALLOCATOR_INVARIANTS_H
 
@@ -28,13 +28,13 @@ struct allocator_fields {
 struct allocator_totals {
     std::size_t allocators = 0;
     std::size_t chunks = 0;
-    std::size_t in_use = 0;   // bytes of blocks, headers included, ...
-    std::size_t on_way = 0;   // ... and of those that are freed and not yet home
+    std::size_t in_use = 0;   // bytes of blocks, headers included
+    std::size_t on_way = 0;   // and of those that other threads freed and still hold
     std::size_t reserve = 0;  // capacity of the global allocator
 };
 
-// Null, or the text of an invariant that does not hold. The functions read memory that
-// builds for AddressSanitizer poison.
+// Null, or the text of an invariant that is broken. The functions read memory that is poisoned
+// in builds for AddressSanitizer.
 #define OVEL_INVARIANT(expression) \
     if (!(expression))             \
     return #expression
@@ -70,8 +70,8 @@ struct ring_sums {
     return nullptr;
 }
 
-// What serves the class is in its ring of partial chunks, or is the ring itself if that
-// has no chunk.
+// The serving chunk of a class is in its ring of partial chunks, or is the head of the ring if
+// that has no chunk.
 [[gnu::no_sanitize_address]] inline bool serves(chunk const& ring, chunk const* serving) {
     if (serving == &ring)
         return ring._next == &ring;

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Threads that do nothing to prepare for the library's memory. Which allocator serves a
-// thread shows in the chunk of a block that it allocates.
+// Threads that use memory without any preparation. The chunk of a block shows which allocator
+// served the thread.
 
 #include "ovel_allocator.h"
 #include "ovel_allocator_group.h"
 #include "ovel_allocator_support.h"
 #include "ovel_malloc.h"
-#include "ovel_petri.h"
 #include "ovel_test.h"
 #include "ovel_work.h"
 
@@ -37,7 +36,7 @@ using detail::inspector;
 
 allocator_group& group = *allocator_group::global();
 
-// The allocator of a small block. Reads what builds for AddressSanitizer poison.
+// The allocator of a small block. Reads memory that is poisoned for AddressSanitizer.
 [[gnu::no_sanitize_address]] allocator* owner_of(void* memory) {
     return static_cast<detail::block*>(memory)[-1]._chunk->_allocator;
 }
@@ -56,41 +55,8 @@ auto fresh(Work const& work) {
     return std::async(std::launch::async, work).get();
 }
 
-TEST(lending_test, threads_of_any_kind_share_a_net) {
-    constexpr int sent = 3000;
-    net shared(1);
-    auto const numbers = shared.insert_place<std::vector<int>>("numbers", 8);
-    shared.start();
-    long sum = 0;
-    {
-        auto const producers = crew(2, [&](int member) {
-            for (int i = 0; i < sent; ++i)
-                numbers.send(std::vector<int>(20, member + 1));
-        });
-        for (int i = 0; i < 2 * sent; ++i)
-            sum += numbers.receive().back();
-    }
-    EXPECT_EQ(sum, 3 * sent);
-    shared.join();
-}
-
-TEST(lending_test, threads_of_any_kind_have_work_groups_of_their_own) {
-    std::atomic<int> sum = 0;
-    crew(4, [&](int) {
-        for (int round = 0; round < 10; ++round) {
-            work_group own(2);
-            std::vector<std::future<int>> results;
-            for (int i = 0; i < 50; ++i)
-                results.push_back(own.submit([i] { return i; }));
-            for (std::future<int>& each : results)
-                sum += each.get();
-        }
-    }).clear();
-    EXPECT_EQ(sum, 4 * 10 * 49 * 25);
-}
-
-// Threads that are alive at once and replace each other's blocks. Each block holds its
-// own address: one handed out twice does not, when it is freed.
+// Threads that are alive at once replace each other's blocks. Each block holds its own address,
+// which a second owner would have overwritten by the time it is freed.
 TEST(lending_test, threads_alive_at_once_are_served_by_different_allocators) {
     constexpr int members = 4;
     std::atomic<void**> places[64] = {};
@@ -119,7 +85,7 @@ TEST(lending_test, threads_alive_at_once_are_served_by_different_allocators) {
     EXPECT_EQ(std::set(mine, mine + members).size(), std::size_t{members});
 }
 
-// One that is left behind, or given back twice, shows in the threads that come later.
+// Later threads get another allocator if one leaks or is given back twice.
 TEST(lending_test, threads_leave_no_more_allocators_than_were_alive_at_once) {
     serving();
     std::set<allocator*> seen;
@@ -141,7 +107,7 @@ TEST(lending_test, a_thread_that_only_frees_takes_no_memory) {
             allocator_support::deallocate(each);
     }).join();
     EXPECT_EQ(allocator_support::allocated_capacity(), capacity);
-    // What it freed was handed over when it ended.
+    // The thread handed over what it freed when it ended.
     group.flush_allocator(false);
     EXPECT_EQ(allocator_support::allocated_size(), size - 1000 * 128);
 }
@@ -162,8 +128,8 @@ void at_end(void* kept) {
     delete static_cast<late*>(kept);
 }
 
-// One key is older than that which gives the thread's allocator back, and one is younger,
-// whose destructor then finds the thread without.
+// One key is older than the library's, which gives the thread's allocator back; the other is
+// younger, so its destructor finds the thread without an allocator.
 TEST(lending_test, destructors_of_a_thread_use_memory_and_leave_nothing) {
     static pthread_key_t keys[2];
     ASSERT_EQ(pthread_key_create(&keys[0], at_end<true>), 0);
@@ -206,7 +172,7 @@ TEST(lending_test, the_default_allocator_serves_one_thread_and_then_the_next) {
         fresh([&] {
             EXPECT_EQ(serving(), first);
             EXPECT_EQ(group.specific_allocator(), first);
-            group.acquire_allocator();  // which gives the default one up, but not away
+            group.acquire_allocator();  // the default one is free again
             EXPECT_NE(group.specific_allocator(), first);
             EXPECT_EQ(serving(), group.specific_allocator());
             EXPECT_EQ(fresh(serving), first);
@@ -217,7 +183,7 @@ TEST(lending_test, the_default_allocator_serves_one_thread_and_then_the_next) {
         EXPECT_NE(serving(), first);
     }
     EXPECT_EQ(serving(), first);
-    // Set by name it serves no second thread.
+    // A thread that selects it explicitly does not get it while another has it.
     fresh([&] {
         group.specific_allocator(group.default_allocator());
         EXPECT_EQ(group.specific_allocator(), first);
@@ -238,7 +204,7 @@ TEST(lending_test, what_a_thread_was_lent_becomes_its_own_and_is_given_back_once
         EXPECT_FALSE(inspector::activated(lent));
         EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
         EXPECT_EQ(fresh(serving), lent);
-        // Lent again, it is not the thread's to release a second time.
+        // It is lent to the thread again, which does not own it and must not release it twice.
         EXPECT_EQ(serving(), lent);
         EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
         group.specific_allocator(nullptr);
@@ -265,7 +231,7 @@ TEST(lending_test, an_allocator_that_is_lent_can_be_switched_off_and_flushed) {
         group.activate_allocator();
         group.flush_allocator(false);
         group.deactivate_allocator(true);
-    }).join();  // as it is: it is given back all the same
+    }).join();  // it is given back although it is deactivated
     group.flush_allocator(false);
     EXPECT_EQ(inspector::in_use(own), size - 128);
     EXPECT_EQ(fresh(serving), lent);

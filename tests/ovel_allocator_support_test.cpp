@@ -85,8 +85,7 @@ TEST(allocator_support_test, impossible_sizes_fail_as_out_of_memory) {
     std::size_t const before = allocator_support::allocated_size();
     void* const kept = ovel_realloc(nullptr, 10);
     std::memset(kept, 0x5a, 10);
-    // Whether it is the sum with the headers that overflows, or the heap that
-    // refuses.
+    // Either the sum with the headers overflows or the heap refuses.
     for (std::size_t const bytes : {too_much, too_much - 15, too_much - 150, too_much - 400}) {
         EXPECT_THROW(allocator_support::allocate(bytes), std::bad_alloc);
         EXPECT_EQ(allocator_support::allocate_nothrow(bytes), nullptr);
@@ -101,7 +100,7 @@ TEST(allocator_support_test, impossible_sizes_fail_as_out_of_memory) {
     EXPECT_EQ(allocator_support::allocated_size(), before);
 }
 
-// The memory cleared is that which was filled a round before.
+// `calloc` clears the memory that the round before has filled.
 TEST(plain_functions_test, calloc_clears_and_realloc_keeps_the_common_bytes) {
     for (std::size_t const old : {100, 6000}) {
         for (std::size_t const bytes : {0, 5, 500, 20000}) {
@@ -122,7 +121,7 @@ TEST(plain_functions_test, calloc_clears_and_realloc_keeps_the_common_bytes) {
 
 #if !defined(OVEL_SANITIZED)
 
-// The pages of the process that are in memory; 0 where the system does not tell.
+// The resident pages of the process; 0 if the system does not report them.
 std::size_t resident_pages() {
     std::size_t all = 0, resident = 0;
     std::ifstream("/proc/self/statm") >> all >> resident;
@@ -133,7 +132,7 @@ std::size_t resident_pages() {
 TEST(plain_functions_test, clearing_what_the_system_has_cleared_touches_no_page) {
     std::size_t const before = resident_pages();
     if (before == 0)
-        GTEST_SKIP() << "the system does not tell what is in memory";
+        GTEST_SKIP() << "the system does not report resident pages";
     constexpr std::size_t bytes = 512u << 20;
     void* const memory = ovel_calloc(bytes, 1);
     ASSERT_NE(memory, nullptr);

@@ -52,7 +52,7 @@ std::size_t request_of(std::size_t k) {
     return block_sizes[k] - sizeof(block);
 }
 
-// Reads what builds for AddressSanitizer poison.
+// Reads memory that is poisoned for AddressSanitizer.
 [[gnu::no_sanitize_address]] std::size_t chunks(chunk const& ring) {
     std::size_t count = 0;
     for (chunk const* each = ring._next; each != &ring; each = each->_next)
@@ -60,9 +60,9 @@ std::size_t request_of(std::size_t k) {
     return count;
 }
 
-// An allocator of its own, without chunks: each operation makes it the calling
-// thread's, so that one thread plays several, in an order of its own. It is not
-// given back, for the next actor would find its chunks.
+// A new allocator without chunks. Each operation makes it the calling thread's, so one thread
+// can play several threads in a fixed order. It is not given back, or the next actor would get
+// its chunks.
 class actor {
 public:
     actor() {
@@ -158,9 +158,8 @@ TEST(allocator_test, surplus_leaves_chunk_by_chunk_and_is_taken_before_new_memor
         EXPECT_EQ(one[inspector::capacity], 17 * largest_capacity);
         EXPECT_EQ(chunks(available), before + (held - 17));
     }
-    // The free that empties a chunk decides by what is then in use: 23 chunks
-    // give the first one when 63 blocks are left. What the giver has freed of
-    // others goes home with it.
+    // The free that empties a chunk decides by the bytes then in use: an allocator of 23 chunks
+    // gives up the first one when 63 blocks are left. It hands over other owners' blocks with it.
     actor one, other;
     std::vector<void*> memory = one.allocate(request_of(largest), 23 * largest_per_chunk);
     one.deallocate(other.allocate(40));
@@ -217,7 +216,7 @@ TEST(remote_free_test, waiting_blocks_except_the_last_serve_before_new_memory) {
     EXPECT_EQ(entry.size, 4096u);
 }
 
-TEST(remote_free_test, a_fifth_owner_makes_the_first_four_chains_go_home) {
+TEST(remote_free_test, freeing_a_block_of_a_fifth_owner_hands_over_the_first_four_chains) {
     actor owners[5], freer;
     void* memory[5];
     for (int i = 0; i != 5; ++i)
@@ -230,7 +229,7 @@ TEST(remote_free_test, a_fifth_owner_makes_the_first_four_chains_go_home) {
         EXPECT_NE(owners[i][inspector::pending_size], 0u);
     EXPECT_EQ(owners[4][inspector::pending_size], 0u);
 
-    // Only the collection is left of a flush that keeps.
+    // A flush that keeps chains only collects.
     owners[4].deallocate(freer.allocate(40));
     owners[4].use().flush_allocator(false);
     freer.use().flush_allocator(true);
@@ -253,9 +252,9 @@ TEST(remote_free_test, a_deactivated_owner_gets_its_blocks_put_back_at_once) {
     EXPECT_EQ(owner[inspector::pending_size], 0u);
 }
 
-// Seven actors take blocks, free those of each other, flush, sleep and wake in random
-// order. After every step the invariants of all allocators hold, and the blocks in use are
-// the live ones and those on their way home.
+// Seven actors allocate blocks, free each other's, flush, deactivate and activate in random
+// order. After every step the invariants of all allocators hold, and the blocks in use are the
+// live ones and those not handed over yet.
 TEST(allocator_test, a_random_walk_keeps_every_invariant) {
     constexpr std::size_t actors = 7;  // more than an allocator has entries for other owners
     constexpr std::size_t requests[] = {100, 500, 1000, 2000, 4080};

@@ -46,6 +46,7 @@ TYPED_TEST(barrier_test, no_thread_passes_before_all_have_arrived_and_exactly_on
     };
     crew(size, walk).clear();
     EXPECT_EQ(lasts, steps);
+    EXPECT_EQ(step.capacity(), unsigned{size});
 }
 
 TEST(timed_barrier_test, a_thread_that_times_out_at_the_entry_changes_nothing) {

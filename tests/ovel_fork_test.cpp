@@ -66,18 +66,41 @@ void use_everything() {
     std::exit(0);
 }
 
-// `run` runs work that forks, beside threads that use all of the library.
-void fork_beside_traffic(int forks, std::function<void(std::function<void()>)> const& run) {
+// Each kind of thread forks, beside threads that use all of the library.
+TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
+    auto const work = [] {
+        EXPECT_EQ(status_of_fork(use_everything), 0);
+    };
+    auto const on_pooled_thread = [&] {
+        ovel::work job(work);
+        ovel::thread pooled;
+        pooled.schedule(job);
+        pooled.release();
+        pooled.acquire();
+    };
+    auto const in_work_group = [&] {
+        ovel::work_group group(2);
+        group.submit(work).get();
+        group.join();
+    };
+    auto const in_net = [&] {
+        ovel::net net(2);
+        auto const place = net.insert_place<int>("place", 1);
+        net.insert_transition("fork", ovel::from(place), [&](int) { work(); });
+        net.start();
+        place.send(1);
+        net.join();
+    };
     traffic::over = false;
     auto const users = crew(traffic::kinds, traffic::use_until_over);
     traffic::fill_pool(30);
-    for (int forked = 0; forked != forks; ++forked)
-        run([] { EXPECT_EQ(status_of_fork(use_everything), 0); });
+    for (int forked = 0; forked != 20; ++forked) {
+        work();
+        on_pooled_thread();
+        in_work_group();
+        in_net();
+    }
     traffic::over = true;
-}
-
-TEST(fork_test, the_child_of_a_foreign_thread_may_use_the_library) {
-    fork_beside_traffic(40, [](auto const& work) { work(); });
 }
 
 TEST(fork_test, the_child_of_a_child_may_use_the_library) {
@@ -87,35 +110,6 @@ TEST(fork_test, the_child_of_a_child_may_use_the_library) {
                   traffic::run_group();
               }),
               0);
-}
-
-TEST(fork_test, the_child_of_a_pooled_thread_may_use_the_library) {
-    fork_beside_traffic(20, [](auto const& work) {
-        ovel::work job(work);
-        ovel::thread pooled;
-        pooled.schedule(job);
-        pooled.release();
-        pooled.acquire();
-    });
-}
-
-TEST(fork_test, the_child_of_a_worker_may_use_the_library) {
-    fork_beside_traffic(20, [](auto const& work) {
-        ovel::work_group group(2);
-        group.submit(work).get();
-        group.join();
-    });
-}
-
-TEST(fork_test, the_child_of_a_firing_may_use_the_library) {
-    fork_beside_traffic(20, [](auto const& work) {
-        ovel::net net(2);
-        auto const place = net.insert_place<int>("place", 1);
-        net.insert_transition("fork", ovel::from(place), [&](int) { work(); });
-        net.start();
-        place.send(1);
-        net.join();
-    });
 }
 
 TEST(fork_test, free_locks_are_free_in_the_child) {
@@ -167,89 +161,79 @@ void end_as_in_fork(Work const& work) {
     std::_Exit(1);
 }
 
-TEST(fork_death_test, joining_a_thread_of_the_parent_fails_a_check) {
-    ovel::semaphore never(0, 0);
-    ovel::work held([&] { never.acquire(); });
-    auto const in_fork = [&](auto&& driven, auto const& use) {
-        driven.schedule(held);
-        driven.release();
-        end_as_in_fork([&] { use(driven); });
+// One of everything that has threads, running, and a pooled thread whose run has ended.
+struct running {
+    running() {
+        for (ovel::thread* const each : {&lent, &done}) {
+            each->schedule(each == &lent ? held : quick);
+            each->release();
+        }
+        own.schedule(held);
+        own.release();
+        ended.acquire();
+        group.release();
+        place = net.insert_place(1);
+        net.release();
+        typed.start();
+    }
+
+    ovel::semaphore never{0, 0}, ended{0, 0};
+    ovel::work<std::function<void()>> held{[&] {
+        never.acquire();
+    }};
+    ovel::work<std::function<void()>> quick{[&] {
+        ended.release();
+    }};
+    ovel::thread_base own;
+    ovel::thread lent, done;
+    ovel::thread_group group{2, 0.0, 32768};
+    ovel::work_group crew{2};
+    ovel::petri_net net{2, 0.0, 32768};
+    ovel::petri_place* place;
+    ovel::net typed{1};
+    ovel::any token{1};
+};
+
+TEST(fork_death_test, using_what_runs_in_the_parent_fails_a_check) {
+    auto const in_fork = [](auto const& use) {
+        auto* const parent = new running;
+        end_as_in_fork([&] { use(*parent); });
     };
     std::string const base = "sources/ovel_thread_base.cpp";
-    EXPECT_CHECK(in_fork(ovel::thread_base(), [](auto& own) { own.acquire(); }),
+    EXPECT_CHECK(in_fork([](running& of) { of.own.acquire(); }),
                  "WaitForSingleObject(_thread, INFINITE) == WAIT_OBJECT_0", base);
-    EXPECT_CHECK(
-        in_fork(ovel::thread_base(), [](auto& own) { static_cast<void>(own.try_acquire()); }),
-        "r == WAIT_OBJECT_0", base);
-    EXPECT_CHECK(
-        in_fork(ovel::thread_base(),
-                [](auto& own) { static_cast<void>(own.timed_acquire(ovel::time::then(9.0))); }),
-        "r == WAIT_OBJECT_0", base);
+    std::string const ended = "r == WAIT_OBJECT_0";
+    EXPECT_CHECK(in_fork([](running& of) { static_cast<void>(of.own.try_acquire()); }), ended,
+                 base);
+    auto const wait = [](running& of) {
+        static_cast<void>(of.own.timed_acquire(ovel::time::then(9.0)));
+    };
+    EXPECT_CHECK(in_fork(wait), ended, base);
     std::string const pooled = "sources/ovel_thread.cpp";
-    EXPECT_CHECK(in_fork(ovel::thread(), [](auto& lent) { lent.acquire(); }),
-                 "!_element->inherited()", pooled);
-    EXPECT_CHECK(in_fork(ovel::thread(), [](auto& lent) { static_cast<void>(lent.try_acquire()); }),
-                 "!_element->inherited()", pooled);
-}
-
-// The pooled thread itself does not exist in the child.
-TEST(fork_death_test, joining_a_run_that_ended_in_the_parent_fails_a_check) {
-    auto const in_fork = [] {
-        ovel::semaphore done(0, 0);
-        ovel::work work([&] { done.release(); });
-        ovel::thread lent;
-        lent.schedule(work);
-        lent.release();
-        done.acquire();
-        end_as_in_fork([&] { lent.acquire(); });
-    };
-    EXPECT_CHECK(in_fork(), "!_element->inherited()", "sources/ovel_thread.cpp");
-}
-
-TEST(fork_death_test, using_a_group_that_runs_in_the_parent_fails_a_check) {
-    auto const in_fork = [](auto const& use) {
-        ovel::thread_group group(2, 0.0, 32768);
-        group.release();
-        end_as_in_fork([&] { use(group); });
-    };
-    ovel::thread_function nothing;
-    std::string const file = "sources/ovel_thread_group.cpp";
-    EXPECT_CHECK(in_fork([&](auto& group) { group.schedule(nothing, 1.0, 0.0); }), "!inherited()",
-                 file);
-    EXPECT_CHECK(in_fork([](auto& group) { group.conclude(); }), "!inherited()", file);
-    EXPECT_CHECK(in_fork([](auto& group) { group.clear(); }), "!inherited()", file);
-    EXPECT_CHECK(in_fork([](auto& group) { group.release(); }), "_acquired == _threads", file);
-    EXPECT_CHECK(in_fork([](auto& group) { group.acquire(); }), "!_element->inherited()",
-                 "sources/ovel_thread.cpp");
-    auto const submit_in_fork = [] {
-        ovel::work_group group(2);
-        end_as_in_fork([&] { group.submit([] {}); });
-    };
-    EXPECT_CHECK(submit_in_fork(), "!inherited()", "sources/ovel_task_crew.cpp");
-}
-
-TEST(fork_death_test, using_a_net_that_runs_in_the_parent_fails_a_check) {
-    auto const in_fork = [](auto const& use) {
-        ovel::petri_net net(2, 0.0, 32768);
-        ovel::petri_place* const place = net.insert_place(1);
-        net.release();
-        end_as_in_fork([&] { use(net, place); });
-    };
-    std::string const file = "sources/ovel_petri_net.cpp";
-    ovel::any token(1);
-    EXPECT_CHECK(in_fork([&](auto& net, auto* place) { net.send(place, token); }), "!inherited()",
-                 file);
+    std::string const gone = "!_element->inherited()";
+    EXPECT_CHECK(in_fork([](running& of) { of.lent.acquire(); }), gone, pooled);
+    EXPECT_CHECK(in_fork([](running& of) { static_cast<void>(of.lent.try_acquire()); }), gone,
+                 pooled);
+    EXPECT_CHECK(in_fork([](running& of) { of.done.acquire(); }), gone, pooled);
+    EXPECT_CHECK(in_fork([](running& of) { of.group.acquire(); }), gone, pooled);
+    std::string const group = "sources/ovel_thread_group.cpp";
+    std::string const inherited = "!inherited()";
+    EXPECT_CHECK(in_fork([](running& of) { of.group.schedule(of.quick, 1.0, 0.0); }), inherited,
+                 group);
+    EXPECT_CHECK(in_fork([](running& of) { of.group.conclude(); }), inherited, group);
+    EXPECT_CHECK(in_fork([](running& of) { of.group.clear(); }), inherited, group);
+    EXPECT_CHECK(in_fork([](running& of) { of.group.release(); }), "_acquired == _threads", group);
+    EXPECT_CHECK(in_fork([](running& of) { of.crew.submit([] {}); }), inherited,
+                 "sources/ovel_task_crew.cpp");
+    std::string const net = "sources/ovel_petri_net.cpp";
+    EXPECT_CHECK(in_fork([](running& of) { of.net.send(of.place, of.token); }), inherited, net);
     EXPECT_CHECK(
-        in_fork([&](auto& net, auto* place) { static_cast<void>(net.try_peek(place, token)); }),
-        "!inherited()", file);
-    EXPECT_CHECK(in_fork([](auto& net, auto*) { net.acquire(); }), "!inherited()", file);
-    EXPECT_CHECK(in_fork([&](auto&, auto* place) { place->send(token); }), "!inherited()", file);
-    auto const halt_in_fork = [] {
-        ovel::net net(1);
-        net.start();
-        end_as_in_fork([&] { net.halt(); });
-    };
-    EXPECT_CHECK(halt_in_fork(), "!_net.inherited()", "includes/ovel_petri.h");
+        in_fork([](running& of) { static_cast<void>(of.net.try_peek(of.place, of.token)); }),
+        inherited, net);
+    EXPECT_CHECK(in_fork([](running& of) { of.net.acquire(); }), inherited, net);
+    EXPECT_CHECK(in_fork([](running& of) { of.place->send(of.token); }), inherited, net);
+    EXPECT_CHECK(in_fork([](running& of) { of.typed.halt(); }), "!_net.inherited()",
+                 "includes/ovel_petri.h");
 }
 
 TEST(fork_death_test, work_of_the_parent_that_returns_in_the_child_fails_a_check) {

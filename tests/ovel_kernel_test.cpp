@@ -313,10 +313,19 @@ TEST(region_test, freeing_a_region_returns_only_its_own_memory) {
             EXPECT_EQ(reinterpret_cast<std::size_t>(regions[each] + busy) % 128, 0u);
             std::memset(regions[each], each, used);
         }
+        std::set<void*> freed;
         for (int each = first; each < count; each += 2) {
             free_region(regions[each]);
             EXPECT_FALSE(present(regions[each] + 4096) || present(regions[each] + 60000));
+            freed.insert(regions[each]);
         }
+        // Every mapping with a free region is found again.
+        for (int each = first; each < count; each += 2) {
+            regions[each] = static_cast<char*>(malloc_region(busy));
+            EXPECT_EQ(freed.erase(regions[each]), 1u);
+        }
+        for (int each = first; each < count; each += 2)
+            free_region(regions[each]);
         for (int each = 1 - first; each < count; each += 2) {
             EXPECT_EQ(regions[each][0], each);
             EXPECT_EQ(std::memcmp(regions[each], regions[each] + 1, used - 1), 0);

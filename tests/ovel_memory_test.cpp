@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// This program replaces its allocation operators by those of ovel_memory.h, with
-// which all of GoogleTest then runs as well.
+// This program replaces its allocation operators by those of ovel_memory.h, so GoogleTest uses
+// them too.
 
 #include "ovel_memory.h"
 
@@ -29,7 +29,7 @@ using ovel::allocator_support;
 using ovel::container_allocator;
 using ovel::memory_resource;
 
-// Takes no reference, of which a compiler takes the alignment for granted.
+// Takes a pointer: the compiler would assume that a reference is aligned.
 bool aligned(void const* memory, std::size_t alignment) {
     return reinterpret_cast<std::uintptr_t>(memory) % alignment == 0;
 }
@@ -126,7 +126,7 @@ TEST(memory_test, an_array_keeps_what_fits_whatever_its_size_becomes) {
     EXPECT_EQ(allocator_support::allocated_size(), before);
 }
 
-TEST(memory_test, impossible_sizes_are_refused) {
+TEST(memory_test, impossible_sizes_fail_as_out_of_memory) {
     std::size_t const most = std::numeric_limits<std::size_t>::max();
     container_allocator<piece<256>> source;
     EXPECT_THROW(source.allocate(most / 256), std::bad_alloc);
@@ -140,7 +140,7 @@ TEST(memory_test, resources_equal_only_each_other) {
     EXPECT_FALSE(other == *std::pmr::new_delete_resource());
 }
 
-// Outlives, on some systems, what the thread has of the library.
+// On some systems destroyed after the library's thread-local state.
 struct late {
     ~late() {
         delete new std::string(100, 'x');
@@ -148,7 +148,7 @@ struct late {
     }
 };
 
-// They replace each other's strings, which are of different lengths.
+// The threads replace each other's strings, which differ in length.
 TEST(memory_test, threads_of_any_kind_replace_each_others_objects) {
     std::atomic<std::string*> places[8] = {};
     std::atomic<int> wrong = 0;

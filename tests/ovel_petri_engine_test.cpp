@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The parts of the engine, each beside a model of standard containers that takes the same
-// thousands of random steps.
+// The parts of the engine. Each takes thousands of random steps together with a model of standard
+// containers.
 #include "ovel_petri_crew.h"
 #include "ovel_petri_enabled_transitions.h"
 #include "ovel_petri_ready_firings.h"
@@ -50,7 +50,7 @@ private:
 // One rank, a word's worth of them, one more, and more than three and four levels have bits.
 TEST(ready_firings_test, the_first_come_of_the_first_rank_that_fits_is_taken) {
     constexpr unsigned int steps = 20000;
-    // Only passed through, so any addresses do.
+    // Only passed through, so any addresses will do.
     std::vector<long> const addresses(steps);
     for (unsigned int const ranks : {1u, 64u, 65u, 300u, 4097u, 262145u}) {
         SCOPED_TRACE(ranks);
@@ -87,8 +87,8 @@ TEST(ready_firings_test, the_first_come_of_the_first_rank_that_fits_is_taken) {
     }
 }
 
-// The greatest space, time and random number first; with few, which stand in the array, and
-// with many.
+// The greatest space, time and random number first; with few transitions, which fit into the
+// array, and with many.
 TEST(enabled_transitions_test, the_first_one_is_taken_and_any_one_is_erased) {
     skip_list<petri_transition*> list;
     unsigned int state = 1;
@@ -128,8 +128,8 @@ TEST(enabled_transitions_test, the_first_one_is_taken_and_any_one_is_erased) {
     }
 }
 
-// Tenths of the budget, which do not add up to it in binary: what is left is right up to
-// rounding, and all of it is there while no firing takes any.
+// Tenths of the budget do not add up to it in binary: the free space is right up to rounding,
+// and exact while no firing takes any.
 struct crew_model {
     static constexpr unsigned int threads = 3;
     static constexpr double budget = 1.0;
@@ -150,7 +150,7 @@ struct crew_model {
         return 0.1 * tenths[index] <= 0.1 * left + (left == 10 ? 0.0 : unsure);
     }
 
-    // A thread takes what the crew tells it.
+    // A thread takes what the crew gives it.
     void take(petri_transition const* taken) {
         auto const index =
             static_cast<unsigned int>(std::ranges::find(sorted, taken) - sorted.begin());

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Petri nets: what is not left to their scenarios on the simulated kernel, which
-// see to the tokens, the clients and the stop under every interleaving.
+// Petri nets, as far as scenarios on the simulated kernel do not test them. Those test tokens,
+// clients and the stop under every interleaving.
 
 #include "ovel_petri_net.h"
 
@@ -45,8 +45,7 @@ using detail::inspector;
 
 constexpr unsigned int stack = 65536;
 
-// Firing code that a test writes down where it needs it, with variables for the
-// places.
+// Firing code from a callable, with variables for the places.
 struct code : petri_function {
     explicit code(std::function<void(code&)> does = {}) : _does(std::move(does)) {}
 
@@ -221,9 +220,9 @@ TEST(petri_engine_test, a_dispatch_takes_as_many_firings_as_the_group_has_thread
     }
 }
 
-// More at once than are kept beside the queue, and of more spaces and times than a word
-// has bits; each pair of those has two, whose numbers decide. The last get no token.
-TEST(petri_engine_test, what_one_firing_enables_fires_in_order) {
+// More transitions than the array holds, with more pairs of space and time than a word has bits.
+// Each pair has two transitions, whose random numbers decide. The last ones get no token.
+TEST(petri_engine_test, transitions_that_one_firing_enables_fire_in_order) {
     constexpr unsigned int transitions = 164;
     constexpr unsigned int tokens = 140;
     test_net net;
@@ -255,8 +254,8 @@ TEST(petri_engine_test, what_one_firing_enables_fires_in_order) {
     EXPECT_EQ(fired, expected);
 }
 
-// Each of the two groups has one thread, and each firing waits for one of the other: on
-// one group both would wait for ever.
+// Each group has one thread, and each firing waits for one of the other group: on one group both
+// would wait forever.
 TEST(petri_engine_test, a_transition_fires_on_the_threads_of_its_group) {
     triple<unsigned int, double, unsigned int> const two[] = {{1, 0.0, stack}, {1, 2.0, 2 * stack}};
     petri_net net(std::begin(two), std::end(two));
@@ -331,7 +330,7 @@ TEST(petri_lifecycle_test, starting_and_stopping_a_thousand_times_leaves_nothing
         }
     }
     EXPECT_EQ(detail::thread_element_group::global()->size(), threads);
-    // What the pool and the queues remember their elements in may vary a little.
+    // The memory of the pool and of the queues may vary a little.
     EXPECT_LT(allocator_support::allocated_size(), bytes + 1000);
 }
 

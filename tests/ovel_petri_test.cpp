@@ -73,7 +73,7 @@ TEST(petri_test, parameters_and_results_are_the_tokens_of_the_places_in_order) {
     EXPECT_EQ(drain(adults), (std::vector{18, 19}));
 }
 
-TEST(petri_test, what_a_body_returns_by_reference_is_copied) {
+TEST(petri_test, a_result_that_a_body_returns_by_reference_is_copied) {
     net tested(1);
     auto const words = tested.insert_place<std::string>("words", 2);
     auto const numbers = tested.insert_place<int>("numbers", 2);
@@ -102,8 +102,8 @@ TEST(petri_test, a_token_that_could_not_be_sent_was_not_touched) {
     EXPECT_EQ(full.receive().number, 7);
 }
 
-// Counts that went wrong would leave tokens, or slots that nothing can be put into.
-TEST(petri_test, tokens_and_slots_that_a_body_leaves_are_skipped) {
+// Wrong counts would leave tokens behind, or slots that stay reserved.
+TEST(petri_test, tokens_and_slots_that_a_body_does_not_use_are_skipped) {
     net tested(1);
     auto const left = tested.insert_place<int>("left", 6);
     auto const right = tested.insert_place<int>("right", 6);
@@ -133,8 +133,8 @@ TEST(petri_test, taking_or_putting_more_than_the_arc_allows_fails_a_check) {
     EXPECT_CHECK(run(tested), "left != 0", "includes/ovel_petri.h");
 }
 
-// The net fails while threads are blocked in its places: on one that is empty and
-// whose slots the failing firing itself has reserved, and on one that is full.
+// The net fails while threads are blocked in its places: in an empty one, whose slots the failing
+// firing has reserved, and in a full one.
 TEST(petri_test, a_failing_body_reaches_joining_and_blocked_threads) {
     net tested(2);
     auto const jobs = tested.insert_place<int>("jobs", 8);
@@ -171,7 +171,7 @@ TEST(petri_test, a_failing_body_reaches_joining_and_blocked_threads) {
     EXPECT_THROW(tested.join(), std::runtime_error);
     EXPECT_THROW(done.receive(), std::runtime_error);
 
-    // It goes on from where it was, and nothing is left of the failure.
+    // It continues, and the failure is forgotten.
     tested.start();
     EXPECT_EQ(done.receive(), 4);
     EXPECT_EQ(done.receive(), 5);
@@ -180,9 +180,9 @@ TEST(petri_test, a_failing_body_reaches_joining_and_blocked_threads) {
     EXPECT_EQ(drain(kept), std::vector{0});
 }
 
-// No token can be copied from the failure on. All but the one that the body has taken are
-// where they were, those that a blocked sender would have followed and those that the
-// failing transition did not take included.
+// After the failure no token can be copied. Every token but the one that the body took stays in
+// its place, including those ahead of a blocked sender and those that the failing transition did
+// not take.
 TEST(petri_test, a_failed_net_keeps_its_tokens_and_its_first_failure_even_if_none_can_be_copied) {
     net tested(2);
     auto const jobs = tested.insert_place<fragile>("jobs", 4);
@@ -213,7 +213,7 @@ TEST(petri_test, a_failed_net_keeps_its_tokens_and_its_first_failure_even_if_non
 }
 
 // The token's own move throws, after the net has counted it.
-TEST(petri_test, a_token_that_cannot_be_moved_in_leaves_its_place_as_it_was) {
+TEST(petri_test, a_token_whose_move_throws_leaves_its_place_unchanged) {
     struct heavy {
         explicit heavy(bool& stuck) : stuck(stuck) {}
         heavy(heavy&& other) noexcept(false) : stuck(other.stuck) {
@@ -258,13 +258,13 @@ TEST(petri_test, a_net_that_never_rests_is_stopped_by_a_deadline_and_where_its_s
     turn.send(0);
     plain.release();
     EXPECT_FALSE(stop(plain, 1ms));
-    plain.release();  // with the transition as it was left
+    plain.release();  // the transition is still deactivated
     EXPECT_TRUE(stop(plain, 1h));
     turning.activate();
     tested.start();
 }
 
-// The recorder lives longer than the names, and the memory of those is used again.
+// The recorder outlives the names, whose memory is reused.
 TEST(petri_test, a_trace_has_the_firings_and_waits_of_a_destroyed_net) {
     ovel::trace::recorder recorded;
     {

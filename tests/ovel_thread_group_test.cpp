@@ -76,6 +76,8 @@ TEST(thread_group_test, rounding_of_spaces_does_not_shrink_the_group) {
 
 TEST(thread_group_test, a_thousand_starts_leave_neither_threads_nor_memory_behind) {
     thread_group group(3, 1.0, 65536);
+    EXPECT_EQ(group.threads(), 3u);
+    EXPECT_EQ(group.stack_size(), 65536u);
     std::atomic<int> ran = 0;
     task counted([&ran] { ++ran; });
     group.schedule(counted, 1.0, 1.0);

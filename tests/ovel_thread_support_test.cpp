@@ -103,6 +103,15 @@ TEST(call_once_death_test, an_exception_from_the_function_is_fatal) {
                  "(\"unexpected exception\", 0)", "sources/ovel_once.cpp");
 }
 
+TEST_F(thread_support_test, identifiers_differ_between_threads_only) {
+    auto const own = [] {
+        return thread_support::thread_identifier();
+    };
+    unsigned long const mine = own();
+    EXPECT_TRUE(thread_support::thread_identifier_equal(mine, own()));
+    EXPECT_FALSE(elsewhere([&] { return thread_support::thread_identifier_equal(mine, own()); }));
+}
+
 constexpr char pointer_file[] = "includes/ovel_thread_specific_ptr.h";
 
 TEST(thread_specific_ptr_death_test, missing_slots_fail_the_checks) {
