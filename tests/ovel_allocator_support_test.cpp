@@ -86,9 +86,10 @@ TEST(allocator_support_test, impossible_sizes_fail_as_out_of_memory) {
     void* const kept = ovel_realloc(nullptr, 10);
     std::memset(kept, 0x5a, 10);
     // Either the sum with the headers overflows or the heap refuses.
-    for (std::size_t const bytes : {too_much, too_much - 15, too_much - 150, too_much - 400}) {
+    for (std::size_t less = 0; less != 400; ++less)
+        EXPECT_EQ(allocator_support::allocate_nothrow(too_much - less), nullptr) << less;
+    for (std::size_t const bytes : {too_much, too_much - 400}) {
         EXPECT_THROW(allocator_support::allocate(bytes), std::bad_alloc);
-        EXPECT_EQ(allocator_support::allocate_nothrow(bytes), nullptr);
         EXPECT_EQ(ovel_malloc(bytes), nullptr);
         EXPECT_EQ(ovel_realloc(nullptr, bytes), nullptr);
         EXPECT_EQ(ovel_realloc(kept, bytes), nullptr);

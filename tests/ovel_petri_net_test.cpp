@@ -313,25 +313,4 @@ TEST(petri_engine_test, firing_code_that_throws_fails_a_check) {
     EXPECT_CHECK(net.run(), "(\"unexpected exception\", 0)", source);
 }
 
-TEST(petri_lifecycle_test, starting_and_stopping_a_thousand_times_leaves_nothing_behind) {
-    unsigned int threads = 0;
-    std::size_t bytes = 0;
-    for (int round = 0; round <= 1000; ++round) {
-        {
-            test_net net(2);
-            code function([](code& self) { self.take(); });
-            net.transition(function, net.place(2, 2), 1.0, 0.0, true);
-            net.run();
-            net.run();
-        }
-        if (round == 0) {
-            threads = detail::thread_element_group::global()->size();
-            bytes = allocator_support::allocated_size();
-        }
-    }
-    EXPECT_EQ(detail::thread_element_group::global()->size(), threads);
-    // The memory of the pool and of the queues may vary a little.
-    EXPECT_LT(allocator_support::allocated_size(), bytes + 1000);
-}
-
 }  // namespace

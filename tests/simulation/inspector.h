@@ -95,7 +95,20 @@ struct ovel::detail::inspector {
             assure((*each).third > group._space);
     }
 
-    // Everything that holds of a net at any time at which its mutex is free.
+    // The invariants of a group whenever its mutex is free.
+    static void check_group(thread_group& group) {
+        guard const hold(group._mutex);
+        auto const& crew = group._crew;
+        assure(group._space >= 0 && group._space <= crew.budget);
+        assure(crew.occupants != 0 || group._space == crew.budget);
+        assure(crew.idle <= group._threads);
+        bool fits = false;
+        for (auto each = group._queue.begin(); each != group._queue.end(); ++each)
+            fits = fits || (*each).third <= group._space;
+        assure(!fits || crew.idle == 0 || crew.looking);
+    }
+
+    // The invariants of a net whenever its mutex is free.
     static void check_net(petri_net& net) {
         guard const hold(net._mutex);
         petri_net::engine& engine = *net._engine;

@@ -4,7 +4,6 @@
 
 #include "accounts.h"
 #include "inspector.h"
-#include "ovel_allocator_support.h"
 #include "ovel_any.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
@@ -400,29 +399,15 @@ void refusals_at_the_start(unsigned int) {
     net.send(scarce, 0);
     begin();
     net.release();
-    // Of the blocks that a send may need a few are left.
-    std::vector<void*> hoard;
-    refuse_memory(1, 1000);
-    for (unsigned int const size : {16, 32, 48}) {
-        try {
-            for (;;)
-                hoard.push_back(allocator_support::allocate(size));
-        } catch (std::bad_alloc const&) {
-            for (unsigned int left = pick(3); left != 0; --left) {
-                allocator_support::deallocate(hoard.back());
-                hoard.pop_back();
-            }
-        }
-    }
+    refuse_blocks(1 + pick(8), 1000);
     try {
         net.send(shared, 1);
     } catch (std::bad_alloc const&) {
         assure(refused() != 0);
     }
-    refuse_memory(0, 0);
+    refuse_blocks(0, 0);
     net.send(shared, 2);
     net.acquire();
-    std::ranges::for_each(hoard, allocator_support::deallocate);
     inspector::expect_at_rest(net, [](petri_transition*) { return false; });
 }
 

@@ -1,20 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// Nets with typed places: a failure reaches every thread that is blocked and costs no token
-// but what the failing body took, and a token that could not be sent is still its sender's.
+// Nets with typed places: a failure reaches every blocked thread and loses only the tokens that
+// the failing body took, and a token that could not be sent still belongs to its sender.
 
 #include "accounts.h"
-#include "ovel_allocator_support.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
 #include "ovel_petri.h"
 #include "ovel_semaphore.h"
 #include "simulation/simulation.h"
 
-#include <algorithm>
 #include <memory>
 #include <new>
 #include <utility>
-#include <vector>
 
 namespace ovel::simulation {
 
@@ -94,8 +91,7 @@ void failures(unsigned int variant) {
     assure(sent == received + left + 1);
 }
 
-// Memory for queueing is scarce when a token comes that enables more transitions than are
-// kept beside the queue.
+// Memory is scarce when a token arrives that enables more transitions than the array holds.
 void refused_tokens(unsigned int) {
     accounts const books(0);
     expect_failure("(\"unexpected exception\", 0)");
@@ -107,20 +103,7 @@ void refused_tokens(unsigned int) {
         tested.insert_transition("take", from(shared), [&](token held) { taken += *held; });
     begin();
     tested.start();
-    // Of the blocks that a send may need a few are left.
-    std::vector<void*> hoard;
-    refuse_memory(1, 1000);
-    for (unsigned int const size : {16, 32, 48}) {
-        try {
-            for (;;)
-                hoard.push_back(allocator_support::allocate(size));
-        } catch (std::bad_alloc const&) {
-            for (unsigned int left = pick(4); left != 0; --left) {
-                allocator_support::deallocate(hoard.back());
-                hoard.pop_back();
-            }
-        }
-    }
+    refuse_blocks(1 + pick(8), 1000);
     auto mine = std::make_unique<int>(1);
     bool sent = false;
     try {
@@ -130,16 +113,44 @@ void refused_tokens(unsigned int) {
         assure(refused() != 0 && mine != nullptr && *mine == 1);
         assure(!shared.try_receive().has_value());
     }
-    refuse_memory(0, 0);
+    refuse_blocks(0, 0);
     if (!sent)
         assure(shared.try_send(std::move(mine)));
     tested.join();
-    std::ranges::for_each(hoard, allocator_support::deallocate);
     assure(taken == 1 && !shared.try_receive().has_value());
+}
+
+// With a block refused while a net is built, started or run, a call throws and can be repeated,
+// the net fails with the exception, or the process ends with a message. Nothing leaks.
+void refused_blocks(unsigned int variant) {
+    accounts const books(variant);
+    expect_failure("(\"unexpected exception\", 0)");
+    begin();
+    refuse_blocks(1 + pick(70), 1 + pick(2));
+    auto const tested = retried([] { return std::make_unique<net>(1 + pick(2), 0.0, stack_size); });
+    auto const in = retried([&] { return tested->insert_place<std::unique_ptr<int>>("in", 2); });
+    auto const out = retried([&] { return tested->insert_place<int>("out", 1); });
+    retried([&] {
+        return tested->insert_transition("pass", from(in), to(out),
+                                         [](std::unique_ptr<int> token) { return *token + 1; });
+    });
+    retried([&] { return tested->start(); });
+    try {
+        int sum = 0;
+        for (int const token : {1, 2, 3}) {
+            in.send(std::make_unique<int>(token));
+            sum += out.receive();
+        }
+        tested->join();
+        assure(sum == 9);
+    } catch (std::bad_alloc const&) {
+        assure(refused() != 0);
+    }
 }
 
 registration const table[] = {
     registration({.name = "net_failure_reaches_the_blocked", .run = failures, .variants = 2}),
+    registration({.name = "typed_net_bears_refused_blocks", .run = refused_blocks, .variants = 2}),
     registration({.name = "net_token_not_sent_is_kept", .run = refused_tokens})};
 
 }  // namespace

@@ -124,9 +124,11 @@ struct item : thread_function {
     // Schedules itself.
     void add() {
         all->group.schedule(*this, length, space);
+        inspector::check_group(all->group);
         all->added.release();
     }
     void operator()() override {
+        inspector::check_group(all->group);
         assure(all->space.fetch_add(space) + space <= budget);
         allocator_support::deallocate(allocator_support::allocate(24));
         if (next != nullptr)
