@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The group parallel: divide and conquer, loops, and work that does not pay for a thread.
 #include "ovel_benchmark.h"
+#include "ovel_memory.h"
 #include "ovel_parallel.h"
 #include "ovel_thread_group.h"
 #include "ovel_work.h"
@@ -10,9 +11,11 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <numeric>
 #include <string>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -340,6 +343,20 @@ void submit_items() {
     group.join();
 }
 
+// What the promises alone take: libstdc++ makes a system call for each value that is set.
+void set_promises() {
+    auto const set = [] {
+        for (int i = 0; i != items / 2; ++i) {
+            std::promise<void> promise(std::allocator_arg, ovel::container_allocator<char>());
+            static_cast<void>(promise.get_future());
+            promise.set_value();
+        }
+    };
+    std::thread other(set);
+    set();
+    other.join();
+}
+
 void schedule_items() {
     ovel::thread_group group(processors, 0.0, 65536);
     ovel::thread_function nothing;
@@ -421,6 +438,7 @@ void ovel_benchmark::register_rows() {
     queue_row("run", "ovel thread_group", schedule_items);
     queue_row("submit", "ovel", submit_items);
     queue_row("submit", "ovel thread_group", schedule_items);
+    queue_row("submit", "promises", set_promises);
 #if defined(OVEL_PEER_TBB)
     auto const tbb_items = [] {
         tbb_way way;

@@ -13,12 +13,14 @@
 
 #include "ovel_allocator_group.h"
 #include "ovel_assure.h"
+#include "ovel_memory.h"
 #include "ovel_std.h"
 #include "ovel_task.h"
 #include "ovel_thread_base.h"
 #include "ovel_thread_function.h"
 #include "ovel_thread_support.h"
 
+#include <cstddef>
 #include <exception>
 #include <future>
 #include <memory>
@@ -140,7 +142,8 @@ private:
         }
     }
 
-    std::promise<result> _promise;
+    // Its state lives in the library's memory, which costs less than the program's `new`.
+    std::promise<result> _promise{std::allocator_arg, container_allocator<std::byte>()};
     Callable _callable;
 };
 
