@@ -22,11 +22,11 @@ namespace {
 constexpr LONG file_not_found = 2;
 constexpr LONG more_data = 234;
 
-// The one key of the registry, and its address the open handle.
+// The only key of the registry. The open handle is its address.
 char const key_name[] = "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0";
 
-// The counter's rate in hertz as the processor reports it, from its crystal and the ratio
-// to it, or as the hypervisor does; 0 when neither does.
+// The counter's rate in hertz as the processor reports it, from its crystal and their
+// ratio, or as the hypervisor reports it; 0 if neither does.
 double rate_from_processor() {
     unsigned int a, b, c, d;
     if (__get_cpuid_count(0x15, 0, &a, &b, &c, &d) && a != 0 && b != 0 && c != 0)
@@ -43,7 +43,7 @@ double rate_from_processor() {
     return a * 1000.0;
 }
 
-// The same as the kernel reports it, if it does.
+// The rate as the kernel reports it; 0 if it does not.
 double rate_from_kernel() {
     double kilohertz = 0;
     if (std::FILE* const file = std::fopen("/sys/devices/system/cpu/cpu0/tsc_freq_khz", "re")) {
@@ -54,15 +54,15 @@ double rate_from_kernel() {
     return kilohertz * 1000.0;
 }
 
-// One moment on both clocks.
+// The same moment on both clocks.
 struct moment {
     std::uint64_t ticks;
     double nanoseconds;
 };
 
 moment read_clocks() {
-    // Of several tries, the one with the smallest difference between its readings of the
-    // counter: an interrupt there would separate the clocks.
+    // Takes the try with the smallest difference between its two readings of the counter:
+    // an interrupt between them would separate the clocks.
     moment best = {};
     std::uint64_t least = UINT64_MAX;
     for (int tries = 0; tries < 10; ++tries) {
@@ -79,7 +79,7 @@ moment read_clocks() {
     return best;
 }
 
-// The rate over some milliseconds.
+// The rate, measured over `milliseconds`.
 double measure_rate(DWORD milliseconds) {
     moment const start = read_clocks();
     Sleep(milliseconds);
@@ -88,8 +88,9 @@ double measure_rate(DWORD milliseconds) {
            1e9;
 }
 
-// A reported rate is exact but may be wrong. A measurement is right but may be disturbed;
-// the median of several is not, unless most of them are.
+// A reported rate is exact but may be wrong: it counts if a measurement agrees within 0.1
+// %. A measurement is right but may be disturbed. The median of five is not, unless most
+// of them are.
 double counter_rate() {
     double told = rate_from_processor();
     if (told == 0)

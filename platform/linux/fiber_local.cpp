@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fiber-local slots are keys of the C library, whose destructors are the callbacks: it calls
-// them with the value already null.
+// Fiber-local slots are pthread keys with the callbacks as destructors: the C library
+// calls those with the value already null.
 
 #include "kernel.h"
 
@@ -14,7 +14,7 @@ DWORD kernel::FlsAlloc(void (*callback)(void*)) {
 }
 
 void* kernel::FlsGetValue(DWORD index) {
-    // The one service that the C library offers no check of the key for.
+    // The only service whose key the C library does not check.
     return index != FLS_OUT_OF_INDEXES ? pthread_getspecific(index) : nullptr;
 }
 

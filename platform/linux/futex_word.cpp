@@ -32,15 +32,15 @@ bool deadline::passed() const {
 
 bool futex_wait(void const* word, std::uint32_t value, deadline const& until) {
     // The system call takes two machine words, whatever the width of this program's
-    // time_t. 32 bits are enough: they count the seconds since the machine's start, and a
+    // time_t. 32 bits are enough: they count the seconds since the machine started, and a
     // timeout adds at most 50 days.
     struct {
         long seconds;
         long nanoseconds;
     } const when = {static_cast<long>(until.when().tv_sec),
                     static_cast<long>(until.when().tv_nsec)};
-    // The form with a bit set, because its timeout is a point in time: a wait that is
-    // interrupted and restarted does not get longer.
+    // The bitset form takes its timeout as a point in time, so a wait that is interrupted
+    // and restarted does not get longer.
     long const result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value,
                                 until.never() ? nullptr : &when, nullptr, FUTEX_BITSET_MATCH_ANY);
     return result == 0 || errno != ETIMEDOUT;

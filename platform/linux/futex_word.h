@@ -31,10 +31,11 @@ private:
 };
 
 // Sleeps while the 32 bits at `word` are `value`. Returns when woken, when the word
-// differs, or spuriously: the caller looks again. False exactly when `until` has passed.
+// differs, or spuriously, so the caller must look again. Returns false exactly if `until`
+// has passed.
 bool futex_wait(void const* word, std::uint32_t value, deadline const& until);
 
-// Wakes at most `threads` sleepers. Does not read `word`, which may have been freed.
+// Wakes at most `threads` sleepers. Does not read `word`, which may already be freed.
 void futex_wake(void const* word, int threads);
 
 }  // namespace ovel::detail

@@ -7,7 +7,7 @@ namespace ovel {
 
 namespace detail {
 
-// Written by the only thread of a child, before `fork` returns in it.
+// Written by the only thread of a child before `fork` returns in it.
 extern constinit unsigned int process_generation_word;
 
 }  // namespace detail
@@ -18,7 +18,7 @@ inline unsigned int process_generation() {
     return detail::process_generation_word;
 }
 
-// All other threads go on until the process is gone.
+// All other threads run until the process is gone.
 inline bool other_threads_have_ended() {
     return false;
 }

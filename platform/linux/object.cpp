@@ -31,7 +31,7 @@ struct kernel_semaphore : kernel_object {
     detail::units available;
 };
 
-// One object for each name that has a handle; all handles of a name are its address.
+// One object per name that has handles. Each handle of the name is its address.
 struct kernel_mutex : kernel_object {
     static constexpr object_kind own_kind = object_kind::mutex;
 
@@ -41,19 +41,20 @@ struct kernel_mutex : kernel_object {
     bool release();
 
     detail::units available{1};
-    // 0 when there is none. Relaxed: a thread only needs to recognise itself here, and it
-    // reads what it has written itself.
+    // 0 if the mutex has no owner. Relaxed: a thread only needs to recognise itself, and
+    // it reads its own writes.
     detail::atomic<unsigned long> owner = 0;
     unsigned int depth = 0;  // how often the owner has yet to release; owner only
 
     char* const name;
-    // In a fork the name stands for another mutex: the owner of this one may not be there.
+    // In a fork the name means a new mutex, because the owner of this one may not exist
+    // there.
     unsigned int const process = process_generation();
     unsigned int handles = 0;      // under named_mutexes_lock
     kernel_mutex* next = nullptr;  // under named_mutexes_lock
 };
 
-// The named mutexes of the process. The lock is held at most for a search.
+// The named mutexes of the process. A thread holds the lock at most for one search.
 kernel_mutex* table;  // under named_mutexes_lock
 
 bool kernel_mutex::wait(DWORD milliseconds) {

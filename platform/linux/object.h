@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a handle points to.
 //
-// An object begins with its kind, so that a service can tell a handle of another
-// kind and answer with its failure value. Objects come from the runtime heap and
-// have trivial destructors: `free` ends them.
+// An object begins with its kind, so that a service recognises a handle of another kind
+// and returns its failure value. Objects come from the runtime heap and have trivial
+// destructors: `free` ends them.
 #ifndef OVEL_PLATFORM_LINUX_OBJECT_H
 #define OVEL_PLATFORM_LINUX_OBJECT_H
 
@@ -21,14 +21,14 @@ struct kernel_object {
     object_kind const kind;
 };
 
-// The object of `handle`; null when that is null or of another kind.
+// The object of `handle`; null if `handle` is null or of another kind.
 template <class Object>
 Object* object_of(HANDLE handle) {
     auto* const object = static_cast<kernel_object*>(handle);
     return object && object->kind == Object::own_kind ? static_cast<Object*>(object) : nullptr;
 }
 
-// An object on the runtime heap; null when out of memory.
+// Creates an object on the runtime heap; returns null if memory runs out.
 template <class Object, class... Arguments>
 Object* make_object(Arguments&&... arguments) {
     static_assert(std::is_trivially_destructible_v<Object>);

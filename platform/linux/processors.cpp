@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The layer keeps its own mask of the process, because the system has one only for each
-// thread. The first service that needs it reads it from the process's first thread, during
-// the load of the library. Later changes are those made here.
+// The layer keeps its own mask of the process, because the system keeps masks only per
+// thread. The first service that needs it reads it from the process's first thread, while
+// the library is loaded. Later changes go through this file.
 //
-// A mask shows 32 processors, and the process may have more. So a mask that names all
-// shown processors stands for all, shown or not: a program that restricts nothing loses
-// nothing.
+// A mask shows 32 processors, but the process may have more. So a mask with all shown
+// processors stands for all processors, shown or not: a program that restricts nothing
+// loses nothing.
 
 #include "linux/processors.h"
 
@@ -37,10 +37,11 @@ unsigned int system_mask;
 unsigned int machine_processors;  // 32 at most
 processor_bits bits;
 
-// What it has now. `processors_lock` is held for every change of a thread's processors. So a
-// thread that starts either has the new ones, or the thread that sets them finds it.
+// What the process has now. A thread holds `processors_lock` while it changes the
+// processors of any thread. So a starting thread either gets the new set, or the thread
+// that sets it finds the starting one.
 processor_set process_set;  // under processors_lock
-// Written under the lock; read without it. Relaxed: it publishes nothing but itself.
+// Written under the lock, read without it. Relaxed: it publishes nothing else.
 constinit detail::atomic<unsigned int> process_mask{0};
 
 void read_processors() {
@@ -62,11 +63,11 @@ void need_processors() {
     pthread_once(&once, read_processors);
 }
 
-// Calls `visit` with the number of every thread of the process.
+// Calls `visit` with the system's number of every thread of the process.
 template <class Visit>
 void for_each_thread(DIR* threads, Visit const& visit) {
     rewinddir(threads);
-    // The form with wide numbers: the other one fails in 32 bits on some systems.
+    // The 64-bit form: in 32-bit programs the other one fails on some systems.
     while (dirent64 const* const entry = readdir64(threads)) {
         int const thread = std::atoi(entry->d_name);
         if (thread > 0)
@@ -74,7 +75,7 @@ void for_each_thread(DIR* threads, Visit const& visit) {
     }
 }
 
-// Restricts every thread to `set`. Under the lock.
+// Restricts every thread to `set`. With the lock held.
 //
 // A thread that was restricted further stays so if the new set allows it.
 void apply_to_all(DIR* threads, processor_set const& set) {
@@ -83,7 +84,7 @@ void apply_to_all(DIR* threads, processor_set const& set) {
         if (!own.read(thread) || !own.within(set) || process_set.within(own))
             set.apply(thread);
     });
-    // A thread that another thread created meanwhile, outside this layer, has the
+    // A thread that another thread creates meanwhile, outside this layer, has the
     // processors that its creator had then.
     for (bool again = true; again;) {
         again = false;
@@ -96,7 +97,7 @@ void apply_to_all(DIR* threads, processor_set const& set) {
 }
 
 // Makes `wanted`, or the part that the system grants, the processors of the process.
-// False, with nothing changed, when that is none. Under the lock.
+// Returns false and changes nothing if the system grants none. With the lock held.
 bool restrict_process(DIR* threads, processor_set const& wanted) {
     processor_set granted;
     if (!wanted.apply(0) || !granted.read(0))
@@ -147,7 +148,7 @@ processor_set detail::processor_bits::set_of(unsigned int mask) const {
 void detail::use_processors_of_process() {
     need_processors();
     pthread_guard const hold(detail::processors_lock);
-    process_set.apply(0);  // refused: the thread keeps its creator's
+    process_set.apply(0);  // if the system refuses, the thread keeps its creator's
 }
 
 bool detail::one_processor() {
@@ -209,8 +210,8 @@ DWORD_PTR kernel::SetThreadAffinityMask(HANDLE thread, DWORD_PTR mask) {
         (mask == all ? process_set : bits.set_of(static_cast<unsigned int>(mask))).apply(0);
     if (!restricted)
         return 0;
-    // The program itself has moved the thread out of the process's mask: there is no mask
-    // to return.
+    // The program itself has moved the thread out of the process's mask, so there is no
+    // previous mask to return.
     unsigned int const had = bits.mask_of(former) & all;
     return had != 0 ? had : all;
 }

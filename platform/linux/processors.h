@@ -9,7 +9,7 @@
 
 namespace ovel::detail {
 
-// A set of processors of any number that the system supports.
+// A set of processors, with any number that the system supports.
 class processor_set {
 public:
     static constexpr int limit = 8192;
@@ -27,14 +27,14 @@ public:
         return CPU_EQUAL_S(sizeof _parts, common._parts, _parts) != 0;
     }
 
-    // Reads the processors that a thread may use; 0 means the caller. False, with an
-    // undefined set, when there is no such thread.
+    // Reads the processors that a thread may use; 0 means the caller. If there is no such
+    // thread, returns false and leaves the set undefined.
     bool read(pid_t thread) {
         return sched_getaffinity(thread, sizeof _parts, _parts) == 0;
     }
 
-    // Restricts a thread to the set, or to the part that the system grants. False when
-    // that is none, or when there is no such thread.
+    // Restricts a thread to the set, or to the part that the system grants. Returns false
+    // if it grants none or if there is no such thread.
     bool apply(pid_t thread) const {
         return sched_setaffinity(thread, sizeof _parts, _parts) == 0;
     }
@@ -43,11 +43,12 @@ private:
     cpu_set_t _parts[limit / CPU_SETSIZE] = {};
 };
 
-// The processors that the 32 bits of a mask stand for.
+// The processors that the bits of a mask stand for.
 class processor_bits {
 public:
-    // Bit i is processor i if one of the first 32 is `allowed`. Otherwise it is the i-th
-    // allowed one, and only as many bits exist.
+    // If one of the first 32 processors is in `allowed`, bit i stands for processor i.
+    // Otherwise it stands for the i-th allowed processor, and there are only as many
+    // bits.
     void assign(processor_set const& allowed);
 
     // The bits of the processors of `set`.
@@ -67,8 +68,8 @@ private:
     bool _direct = false;
 };
 
-// Gives the calling thread, which is about to start and has its creator's processors, all
-// processors of the process.
+// Gives the calling thread all processors of the process. Called by a starting thread,
+// which has its creator's processors.
 void use_processors_of_process();
 
 // Whether the process has only one processor, so that polling is useless.

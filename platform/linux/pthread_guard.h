@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Holds one of the layer's own locks for the length of a scope.
+// Holds one of the layer's own locks for the duration of a scope.
 #ifndef OVEL_PLATFORM_LINUX_PTHREAD_GUARD_H
 #define OVEL_PLATFORM_LINUX_PTHREAD_GUARD_H
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The pointer of each thread that is read without a call.
+// A pointer in each thread that is read without a call.
 #ifndef OVEL_LINUX_QUICK_POINTER_H
 #define OVEL_LINUX_QUICK_POINTER_H
 
@@ -7,7 +7,8 @@ namespace ovel {
 
 namespace detail {
 
-// Initial-exec: its offset in a thread is fixed once the library has been loaded.
+// Initial-exec: its offset from the thread pointer is fixed once the library has been
+// loaded.
 [[gnu::tls_model("initial-exec")]] extern constinit thread_local void* quick_pointer_word;
 
 }  // namespace detail

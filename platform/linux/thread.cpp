@@ -36,24 +36,24 @@ int add_thread_local_storage(dl_phdr_info* module, std::size_t, void* sum) {
     return 0;
 }
 
-// How much of a stack the C library and the checks of a sanitizer build use before the
-// thread's own frames.
+// How much of a stack the C library, and in sanitizer builds the sanitizer, use before
+// the thread's own frames.
 std::size_t stack_overhead(std::size_t stack) {
-    // The thread-local storage of the modules lies on the stack. The least size that the
-    // C library accepts covers what it puts there itself, and leaves room for the frame
-    // of a signal handler.
+    // The stack holds the thread-local storage of the modules. The least size that the C
+    // library accepts covers what it puts there itself and leaves room for the frame of a
+    // signal handler.
     std::size_t overhead = static_cast<std::size_t>(sysconf(_SC_THREAD_STACK_MIN));
     dl_iterate_phdr(add_thread_local_storage, &overhead);
 #if defined(OVEL_SANITIZED)
-    overhead += 262144 + 3 * stack;  // red zones, and unshared stack slots
+    overhead += 262144 + 3 * stack;  // red zones, and stack slots that variables do not share
 #else
     static_cast<void>(stack);
 #endif
     return overhead;
 }
 
-// Sets the stack's size so that the thread's own frames have `stack` bytes; 0 leaves
-// the default. False when there is no such stack.
+// Sets the size so that the thread's own frames have `stack` bytes; 0 keeps the default.
+// Returns false if there is no such size.
 bool set_stack(pthread_attr_t& attributes, std::size_t stack) {
     if (stack == 0)
         return true;
@@ -66,14 +66,14 @@ bool set_stack(pthread_attr_t& attributes, std::size_t stack) {
 
 void* run(void* argument) {
     auto& thread = *static_cast<detail::kernel_thread*>(argument);
-    // Relaxed: it publishes nothing but itself.
+    // Relaxed: it publishes nothing else.
     thread.identifier.store(static_cast<std::uint32_t>(GetCurrentThreadId()),
                             std::memory_order_relaxed);
     detail::futex_wake(&thread.identifier, 1);
     detail::use_processors_of_process();
     thread.entry(thread.argument);
     // Release: a thread that reads 1 sees what the work wrote. This thread's own hold
-    // keeps the word alive until the wake-up is sent.
+    // keeps the word alive until it has sent the wake-up.
     thread.ended.store(1, std::memory_order_release);
     detail::futex_wake(&thread.ended, INT32_MAX);
     thread.leave();
@@ -82,7 +82,8 @@ void* run(void* argument) {
 
 }  // namespace
 
-// Waits until `entry` has returned. False when `until` has passed before.
+// Waits until `entry` has returned. Returns false if `until` passes first. Acquire: pairs
+// with the release in `run`.
 bool detail::kernel_thread::_wait_for_return(deadline const& until) {
     bool in_time = true;
     while (ended.load(std::memory_order_acquire) == 0) {
@@ -99,7 +100,8 @@ DWORD detail::kernel_thread::_join() {
     return joined ? WAIT_OBJECT_0 : WAIT_FAILED;
 }
 
-// Joins the thread if it is gone. False when it is not, or another thread is joining it.
+// Joins the thread if it is gone. Returns false if it is not, or if another thread is
+// joining it.
 bool detail::kernel_thread::_try_join() {
     if (pthread_mutex_trylock(&join_lock) != 0)
         return false;
@@ -110,12 +112,13 @@ bool detail::kernel_thread::_try_join() {
 }
 
 // After `entry` the thread destroys its thread-local objects, which may take long or wait
-// for the caller, and leaves the C library. A join waits for that too: it gives the stack
-// back, and tells race and leak checkers that the thread is gone.
+// for the caller, and then leaves the C library. A join waits for that too: it frees the
+// stack, and tells race and leak checkers that the thread is gone.
 DWORD detail::kernel_thread::wait(DWORD milliseconds) {
     if (process != process_generation())
         return WAIT_FAILED;
     if (milliseconds == 0) {
+        // Acquire: as in `_wait_for_return`.
         bool const returned = ended.load(std::memory_order_acquire) != 0;
         return returned && _try_join() ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
     }
@@ -124,9 +127,9 @@ DWORD detail::kernel_thread::wait(DWORD milliseconds) {
         return WAIT_TIMEOUT;
     if (until.never())
         return _join();
-    // The C library's join with a deadline on the monotonic clock is younger than the
-    // race checkers in use, which would not see it. So look again and again: soon at
-    // first, since most threads are gone within microseconds.
+    // Polls, because the race checkers in use do not know the C library's newer join with
+    // a deadline on the monotonic clock. Polls soon at first, since most threads are gone
+    // within microseconds.
     long pause = 20000;  // nanoseconds
     constexpr long longest_pause = 1000000;
     while (!_try_join()) {
@@ -140,14 +143,14 @@ DWORD detail::kernel_thread::wait(DWORD milliseconds) {
 }
 
 void detail::kernel_thread::close() {
-    // No lock: no thread waits any more.
+    // Needs no lock: no thread waits any more.
     if (!joined && process == process_generation())
         pthread_detach(thread);
     leave();
 }
 
 void detail::kernel_thread::leave() {
-    // Acquire and release: the last to leave frees what the other has used.
+    // Acquire-release: the last to leave frees what the other has used.
     if (holds.fetch_sub(1, std::memory_order_acq_rel) == 1)
         free(this);
 }
@@ -167,7 +170,8 @@ std::uintptr_t kernel::_beginthreadex(void*, unsigned int stack, unsigned int (*
         return 0;
     }
     if (identifier) {
-        // Only the thread itself can ask for its identifier.
+        // Only the thread itself can ask for its identifier. Relaxed: it publishes
+        // nothing else.
         detail::deadline const never(INFINITE);
         while ((*identifier = thread->identifier.load(std::memory_order_relaxed)) == 0)
             detail::futex_wait(&thread->identifier, 0, never);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The object behind a thread's handle.
+// The object that a thread's handle points to.
 #ifndef OVEL_PLATFORM_LINUX_THREAD_H
 #define OVEL_PLATFORM_LINUX_THREAD_H
 
@@ -13,25 +13,25 @@
 
 namespace ovel::detail {
 
-// Held by its handle and by its thread, and freed by whichever leaves last.
+// Its handle and its thread each hold it; the last to leave frees it.
 struct kernel_thread : kernel_object {
     static constexpr object_kind own_kind = object_kind::thread;
 
     kernel_thread(unsigned int (*entry_)(void*), void* argument_)
         : kernel_object{own_kind}, entry(entry_), argument(argument_) {}
 
-    // Waits for the thread's end and joins it. Any number of threads may call it. The
-    // results of `WaitForSingleObject`; `WAIT_FAILED` in a fork, and when the system
-    // refuses to join, as it does a thread that would join itself.
+    // Waits for the thread's end and joins it. Any number of threads may call it. Returns
+    // the results of `WaitForSingleObject`; `WAIT_FAILED` in a forked process, and if the
+    // system refuses to join, for example a thread that would join itself.
     DWORD wait(DWORD milliseconds);
 
-    // Gives the handle up.
+    // Drops the handle's hold.
     void close();
 
-    // Gives a hold up.
+    // Drops one hold.
     void leave();
 
-    // The thread exists in the process that has started it, and in no fork of that.
+    // The process that started the thread. The thread does not exist in its forks.
     unsigned int const process = process_generation();
     unsigned int (*const entry)(void*);
     void* const argument;
@@ -39,9 +39,9 @@ struct kernel_thread : kernel_object {
     atomic<std::uint32_t> ended = 0;       // 1 once `entry` has returned
     atomic<unsigned int> holds = 2;
 
-    pthread_t thread = {};  // by its creator, before the handle is known
-    pthread_mutex_t join_lock = PTHREAD_MUTEX_INITIALIZER;
-    bool joined = false;  // under join_lock
+    pthread_t thread = {};  // written by its creator before the handle is known
+    pthread_mutex_t join_lock = PTHREAD_MUTEX_INITIALIZER;  // guards joined
+    bool joined = false;                                    // under join_lock
 
 private:
     bool _wait_for_return(deadline const& until);

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Thread-local slots.
 //
-// An index is the slot's number below and its generation above: how often the slot
-// has been handed out. Every entry of a thread carries the index under which it was
-// set and counts for that index only, so a slot freed and handed out again reads
-// null in every thread, and freeing it visits no thread. A slot whose generations are
-// used up is retired, not wrapped: an old entry never becomes valid again.
+// An index consists of the slot's number in the low bits and its generation above: how
+// often the slot has been allocated. Each entry of a thread stores the index under which
+// it was set and is valid for that index only. So a slot that was freed and allocated
+// again reads null in every thread, and freeing a slot visits no thread. A slot that has
+// used up its generations is retired instead of wrapping: an old entry never becomes
+// valid again.
 
 #include "kernel.h"
 #include "linux/fork.h"
@@ -27,23 +28,24 @@ namespace {
 constexpr DWORD slot_bits = 11;
 constexpr DWORD slot_mask = (1u << slot_bits) - 1;
 constexpr DWORD last_generation = TLS_OUT_OF_INDEXES >> slot_bits;
-constexpr DWORD near_slots = 64;   // in every thread's own table
-constexpr DWORD far_slots = 1024;  // in a block, for threads that set one of them
+constexpr DWORD near_slots = 64;   // in every thread's own table; as many as on Windows
+constexpr DWORD far_slots = 1024;  // in a block, for threads that set one of them; likewise
 constexpr DWORD slots = near_slots + far_slots;
 static_assert(slots <= slot_mask);  // TLS_OUT_OF_INDEXES names no slot
 
 struct slot {
-    // 0 when it is free. Written under slots_lock; read without it, to tell a stale
-    // index from the current one. Relaxed: passing the index to the reader orders this.
+    // 0 if the slot is free. Written under slots_lock; read without it to tell a stale
+    // index from the current one. Relaxed: the program passes the index to the reader,
+    // which orders this.
     detail::atomic<DWORD> index;
     DWORD generation;  // under slots_lock
 };
 
 constinit slot table[slots] = {};
 
-// A thread's values, and the indexes under which they were set. Initial-exec, so that
-// reading one is a few loads and no call. Such storage is scarce in a thread, hence the
-// two arrays without padding and the block for the far slots.
+// A thread's values, and the indexes under which they were set. Initial-exec, so that a
+// read is a few loads and no call. A thread has little such storage. Hence two arrays
+// without padding, and a separate block for the far slots.
 template <DWORD size>
 struct entries {
     void* values[size];
@@ -52,8 +54,8 @@ struct entries {
 [[gnu::tls_model("initial-exec")]] constinit thread_local entries<near_slots> near_entries = {};
 [[gnu::tls_model("initial-exec")]] constinit thread_local entries<far_slots>* far_entries = nullptr;
 
-// Its destructor frees a thread's block. If another destructor sets a far slot
-// afterwards, there is a new block, and the system calls the destructor again.
+// The key's destructor frees a thread's block. If another destructor sets a far slot
+// afterwards, that allocates a new block and the system calls the destructor again.
 pthread_key_t far_key;
 bool has_far_key;  // both written once
 
@@ -78,7 +80,7 @@ bool make_far_entries() {
     return true;
 }
 
-// The slot that `index` is in use for; null when it is not.
+// The slot that `index` identifies; null if the index is not in use.
 slot* slot_in_use(DWORD index) {
     DWORD const number = index & slot_mask;
     bool const used = index != 0 && number < slots &&
@@ -122,7 +124,7 @@ void* kernel::TlsGetValue(DWORD index) {
 }
 
 BOOL kernel::TlsSetValue(DWORD index, void* value) {
-    // A stale index must not overwrite the current holder's value.
+    // A stale index must not overwrite the value of the slot's current holder.
     if (!slot_in_use(index))
         return 0;
     DWORD const number = index & slot_mask;

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every change is a compare-and-exchange, so there is one order of them. Taking a
-// unit acquires and posting one releases; changes in between are read-modify-write
-// operations, which continue a release sequence. Becoming a sleeper needs no order of
-// its own: the kernel compares the units again, under its lock, before it puts a thread
-// to sleep, and a later post sees the sleeper in the word.
+// Memory orders. Every change is a compare-and-exchange, so all changes have one order.
+// Taking a unit acquires and posting one releases. The changes in between are
+// read-modify-write operations, which continue a release sequence. Becoming a sleeper
+// needs no order of its own: the kernel compares the units again, under its lock, before
+// it puts a thread to sleep, and a later post sees the sleeper in the word.
 
 #include "linux/units.h"
 
@@ -14,10 +14,10 @@
 
 namespace ovel::detail {
 
-// Takes a unit if there is one, and changes the caller's place along with it. True
-// when there was one.
+// Takes a unit if there is one, and counts the caller in or out as a sleeper in the same
+// step. Returns whether there was a unit.
 bool units::_step(place found, place missed) {
-    // Relaxed: the exchange corrects a stale value.
+    // Relaxed, both: the exchange corrects a stale value.
     word now = _word.load(std::memory_order_relaxed);
     for (;;) {
         bool const has = now.available != 0;
@@ -31,16 +31,16 @@ bool units::_step(place found, place missed) {
     }
 }
 
-// Whether another thread may post while the caller polls. None can with one processor, or
-// when the posting thread shares the waiting thread's processor.
+// Whether another thread may post while the caller polls. None can if the process has one
+// processor, or if the posting thread shares the waiting thread's processor.
 bool units::_may_poll() const {
     return !one_processor() && !_shares_processor.load(std::memory_order_relaxed);
 }
 
-// Polls for about as long as going to sleep and being woken would take.
+// Polls for about as long as falling asleep and waking up would take.
 bool units::_poll() {
-    // 1 to 4 us at the usual rates of time-stamp counters. A counter that is behind, on
-    // another processor, ends the poll too.
+    // 1 to 4 us at the usual rates of time-stamp counters. If the thread moves to a
+    // processor whose counter is behind, the poll also ends.
     constexpr std::uint64_t ticks = 5000;
     std::uint64_t const start = __rdtsc();
     do {
@@ -60,18 +60,19 @@ bool units::take(DWORD milliseconds) {
     if ((_may_poll() && _poll()) || _step(place::keep, place::enter))
         return true;
     while (futex_wait(&_word, 0, until)) {
-        // Before the unit is taken, while this thread keeps the object alive.
+        // Stored before the unit is taken, while this thread keeps the object alive.
         _shares_processor.store(_waker_processor.load(std::memory_order_relaxed) == sched_getcpu(),
                                 std::memory_order_relaxed);
         if (_step(place::leave, place::keep))
             return true;
     }
-    // A unit that was posted while the time ran out is taken.
+    // Takes a unit that was posted while the time ran out.
     return _step(place::leave, place::leave);
 }
 
 bool units::post(LONG count, LONG maximum) {
     auto const more = static_cast<std::uint32_t>(count);
+    // Relaxed, both: the exchange corrects a stale value.
     word now = _word.load(std::memory_order_relaxed);
     do {
         if (more > static_cast<std::uint32_t>(maximum) - now.available)
@@ -80,7 +81,7 @@ bool units::post(LONG count, LONG maximum) {
             _waker_processor.store(sched_getcpu(), std::memory_order_relaxed);
     } while (!_word.compare_exchange_weak(now, word{now.available + more, now.asleep},
                                           std::memory_order_release, std::memory_order_relaxed));
-    // The units are visible, and this object may be destroyed at any moment. Its address
+    // The units are visible, so the object may be destroyed at any moment. Its address
     // still identifies the queue of its sleepers. If another object has taken its place,
     // the sleepers there find nothing and sleep again.
     if (now.asleep != 0)

@@ -12,26 +12,27 @@
 
 namespace ovel::detail {
 
-// Units, and threads asleep for one, in a single word, so that both change in one step.
-// The value it replaced tells a posting thread whether to wake another. It need not read
-// the object afterwards, when that may have been destroyed. A thread counts as asleep from
-// the step in which it finds no unit until the step in which it takes one or gives up. A
-// wake-up changes no count; it only makes the sleeper look again.
+// The units, and the number of threads asleep for one, in a single word, so that both
+// change in one step. The value that a post replaces tells it whether to wake a thread.
+// So it need not read the object afterwards, which may already be destroyed. A thread
+// counts as asleep from the step in which it finds no unit until the step in which it
+// takes one or gives up. A wake-up changes no count; it only makes the sleeper look
+// again.
 class units {
 public:
     explicit units(LONG count) : _word(word{static_cast<std::uint32_t>(count), 0}) {}
 
-    // Takes a unit, waiting for one for at most `milliseconds`. False when the time has
-    // passed without one.
+    // Takes a unit, waiting at most `milliseconds` for one. Returns false if the time
+    // passes without one.
     bool take(DWORD milliseconds);
 
-    // Makes `count` more units, and wakes as many sleepers. False, with nothing
-    // changed, if there were more than `maximum` then.
+    // Adds `count` units and wakes as many sleepers. Returns false and changes nothing if
+    // there would be more than `maximum`.
     bool post(LONG count, LONG maximum);
 
 private:
-    // Aligned so that one instruction accesses it all; 32-bit targets align integers of 8
-    // bytes less.
+    // Aligned so that one instruction accesses all of it; 32-bit targets align 8-byte
+    // integers less strictly.
     struct alignas(8) word {
         std::uint32_t available;  // the futex
         std::uint32_t asleep;
@@ -39,8 +40,8 @@ private:
     static_assert(offsetof(word, available) == 0 && sizeof(word) == 8);
     static_assert(atomic<word>::is_always_lock_free);
 
-    // How a step changes the caller's place among the sleepers, when it finds a unit and
-    // when it finds none.
+    // How a step changes the number of sleepers, depending on whether it finds a unit:
+    // the caller stays what it is, becomes a sleeper, or stops being one.
     enum class place : std::uint32_t { keep = 0, enter = 1, leave = 0xffffffff };
 
     bool _step(place found, place missed);
@@ -49,7 +50,7 @@ private:
 
     atomic<word> _word;
     // The processor from which the last sleeper was woken, and whether that was its own.
-    // Relaxed, because they are hints; the next sleeper corrects a wrong one.
+    // Relaxed: hints. The next sleeper corrects a wrong one.
     atomic<int> _waker_processor = -1;
     atomic<bool> _shares_processor = false;
 };

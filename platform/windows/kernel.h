@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The kernel services on 32-bit Windows: those of the system and of its C runtime.
+// The kernel services on 32-bit Windows, which the system and its C runtime provide.
 #ifndef OVEL_PLATFORM_WINDOWS_KERNEL_H
 #define OVEL_PLATFORM_WINDOWS_KERNEL_H
 
@@ -12,13 +12,13 @@ namespace ovel {
 
 inline namespace kernel {
 
-// The library has no thread-local storage there: see library.cpp.
+// The library has no thread-local storage on this system: see library.cpp.
 inline void* quick_pointer() {
     return nullptr;
 }
 inline void set_quick_pointer(void*) {}
 
-// Processes are not forked.
+// This system does not fork processes.
 inline unsigned int process_generation() {
     return 0;
 }
@@ -29,11 +29,11 @@ inline bool at_fork(fork_handlers const&) {
 void set_thread_name(char const* name);
 bool other_threads_have_ended();
 
-// The system's, but for one slot only, and its callback is not called when the process ends
-// or the DLL is unloaded: see library.cpp.
+// Like the system's, but for one slot only. It does not call the callback when the
+// process ends or the DLL is unloaded: see library.cpp.
 DWORD FlsAlloc(void(WINAPI* callback)(void*));
 
-// Regions are blocks of the runtime heap like any other.
+// Regions are ordinary blocks of the runtime heap.
 inline void* malloc_region(std::size_t) {
     return ::malloc(region_length);
 }

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "../kernel.h"  // not the one beside this
+#include "../kernel.h"  // not the one next to this file
 
 #include <iterator>
 
-// Found by name, since older systems have no such function.
+// Looked up by name, because older systems lack the function.
 void ovel::kernel::set_thread_name(char const* name) {
     using set_description = HRESULT(WINAPI*)(HANDLE, wchar_t const*);
     HMODULE const system = GetModuleHandleA("kernel32.dll");
