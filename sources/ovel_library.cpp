@@ -41,12 +41,12 @@ detail::atomic<bool> detail::_recycler_started{false};
 unsigned int volatile detail::_recycler_flag = 0;
 
 // 3. The pool of threads. `default_spin` is still 0, and so is the spin count of its
-//   lock.
+// lock.
 detail::thread_element_group& detail::thread_element_group::_global =
     *new (&pool_storage) detail::thread_element_group;
 
 // 4. Only hooks: at unload they end the recycler's thread and then the pool's idle
-//   threads.
+// threads.
 namespace {
 detail::pool_hook pool_hook;
 detail::recycler_hook recycler_hook;

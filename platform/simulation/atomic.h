@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library's atomic words under the simulated kernel: the interface of std::atomic as
-// far as the library uses it, with a scheduling point before every access.
+// The library's atomic words under the simulated kernel: the part of std::atomic's
+// interface that the library uses, with a scheduling point before every access.
 //
 // All threads of a simulated program run on one thread of the system, so the words
 // themselves are plain: an access is indivisible because no other thread runs until the
-// next scheduling point. Every access is therefore sequentially consistent, whatever its
-// order. What weaker orders allow is for the race checker to find.
+// next scheduling point. So every access is sequentially consistent, whatever its order.
+// Finding what weaker orders allow is left to the race checker.
 #ifndef OVEL_SIMULATION_ATOMIC_H
 #define OVEL_SIMULATION_ATOMIC_H
 
@@ -21,15 +21,15 @@ namespace ovel::simulation {
 
 enum class access : unsigned char { load, store, exchange, add, compare_exchange, bits };
 
-// Lets the scheduler choose which thread goes on, and returns when this thread is to make
+// Lets the scheduler choose which thread continues. Returns when this thread is to make
 // its access.
 OVEL_EXPORT void before_access(access kind, void const volatile* word);
 
-// Ends the access. Records what it found and left, for the steps that a report
-// shows.
+// Ends the access. Records the value it found and the one it left, for the report's
+// steps.
 OVEL_EXPORT void after_access(std::uint64_t found, std::uint64_t left);
 
-// Draws whether a weak compare-and-exchange is to fail although the values agree.
+// Draws whether a weak compare-and-exchange fails although the values are equal.
 OVEL_EXPORT bool draw_spurious_failure();
 
 template <class T>
@@ -41,8 +41,8 @@ template <class T>
 
 }  // namespace ovel::simulation
 
-// Inlined whatever the optimisation, so that a report names the function that made
-// the access.
+// Inlined at every optimisation level, so that a report names the function that made the
+// access.
 #define OVEL_SIMULATION_INLINE [[gnu::always_inline]]
 
 namespace ovel::detail {
@@ -159,7 +159,7 @@ public:
     }
 
 private:
-    // Sums that wrap, as those of atomic words do.
+    // Sums wrap, like those of atomic words.
     static T _sum(T left, difference right) {
         if constexpr (std::is_integral_v<T>)
             return static_cast<T>(static_cast<std::make_unsigned_t<T>>(left) +

@@ -1,27 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
 // The scheduler of the simulated kernel.
 //
-// A run. Every thread of the program is a fiber. One of them runs, on the one thread of
+// A run. Every thread of the program is a fiber. One of them runs, on the only thread of
 // the system, until it reaches a scheduling point: a kernel service that other threads
-// can notice, an access to an atomic word, a pause hint. There the scheduler chooses
-// which thread goes on (strategies.h). Code between two points is indivisible. So the
-// points are all that an order of steps can differ in, provided that fields shared
-// without a lock are atomic, which the race checks see to (races.cpp, and the thread
-// sanitizer). The point comes before the step: a thread that is not chosen still has its
-// step to make. Services that concern the calling thread alone are no points: it makes no
-// difference where they fall among other threads' steps.
+// can notice, an access to an atomic word, or a pause hint. There the scheduler chooses
+// which thread continues (strategies.h). Code between two points is indivisible. So
+// orders of steps can differ only at the points, provided that fields shared without a
+// lock are atomic. The race checks (races.cpp, and the thread sanitizer) make sure of
+// that. The point comes before the step: a thread that is not chosen still has to make
+// its step. Services that concern only the calling thread are not points, because their
+// order relative to other threads' steps makes no difference.
 //
-// Threads are ready or wait. The kernel's objects make their waiters ready
-// (objects.cpp). A wait with a deadline becomes ready when the clock passes it.
+// Threads are ready or wait. The kernel's objects make their waiters ready (objects.cpp).
+// A wait with a deadline becomes ready when the clock passes the deadline.
 //
-// The clock advances by `tick` a step. When no thread is ready it jumps to the earliest
-// deadline. When some thread is, that jump is one more alternative of the choice, as if
-// an ordinary thread were the clock: all other threads are then merely slow. So a deadline
-// races with everything before it, however far ahead it is. When no thread is ready and
-// none has a deadline, that is a deadlock, which is how a lost wake-up shows.
+// The clock advances by `tick` per step. When no thread is ready, it jumps to the
+// earliest deadline. When some thread is ready, that jump is one more alternative, as if
+// the clock were an ordinary thread: all other threads then simply are slow. So a
+// deadline races with everything before it, however far ahead it is. If no thread is
+// ready and none has a deadline, that is a deadlock, which is how a lost wake-up shows.
 //
-// Outside a run, while the library is loaded and unloaded, services take effect at
-// once and nothing is scheduled.
+// Outside a run, while the library is loaded and unloaded, services take effect at once
+// and nothing is scheduled.
 
 #include "dispatch.h"
 
@@ -38,11 +38,11 @@ constinit world* now = nullptr;
 
 namespace {
 
-constexpr std::uint64_t tick = 20;  // nanoseconds a step
+constexpr std::uint64_t tick = 20;  // nanoseconds per step
 
-// FNV-1a over the numbers of the threads that make the steps.
+// FNV-1a over the numbers of the threads that made the steps.
 constexpr std::uint64_t hash_factor = 0x100000001b3;
-constexpr unsigned int clock_number = 0xc10c;  // stands for the clock among them
+constexpr unsigned int clock_number = 0xc10c;  // represents the clock among them
 
 void hash_step(unsigned int thread) {
     now->interleaving = (now->interleaving ^ thread) * hash_factor;
@@ -65,7 +65,7 @@ void find_next_deadline() {
     }
 }
 
-// Makes the threads ready whose deadline has passed.
+// Makes threads ready whose deadline has passed.
 void expire() {
     for (threads_mask rest = now->timed & ~now->late; rest != 0; rest &= rest - 1) {
         unsigned int const slot = lowest(rest);
@@ -79,7 +79,7 @@ void expire() {
 
 void count_step() {
     now->clock += tick;
-    // Where plain accesses are points, the same program takes more steps.
+    // If plain accesses are points, the same program takes more steps.
     unsigned int const limit = now->program.steps * (now->plain_points ? 16 : 1);
     if (++now->steps > limit)
         fail_run("livelock: more than " + std::to_string(limit) + " steps");
@@ -93,8 +93,8 @@ void jump_to_next_deadline() {
     expire();
 }
 
-// No thread is ready: the clock jumps, or the first thread, which waits for that,
-// goes on.
+// No thread is ready. The clock jumps, or the first thread, which waits for this,
+// continues.
 void end_standstill() {
     if (now->next_deadline != never) {
         jump_to_next_deadline();
@@ -112,8 +112,8 @@ unsigned int choose(unsigned int caller, bool goes_on, bool yields) {
     return now->state == phase::exploring ? now->choices.choose(from) : first_choice(from);
 }
 
-// Chooses which thread goes on and lets it. Returns when the calling thread is chosen.
-// `goes_on`: the caller is ready itself.
+// Chooses which thread continues and switches to it. Returns when the calling thread is
+// chosen. `goes_on`: the caller itself is ready.
 void dispatch(bool goes_on, bool yields) {
     unsigned int const caller = now->self;
     if (now->clock >= now->next_deadline)
@@ -124,7 +124,7 @@ void dispatch(bool goes_on, bool yields) {
         unsigned int const chosen = choose(caller, goes_on, yields);
         if (chosen == the_clock) {
             jump_to_next_deadline();
-            // Threads that the jump has made ready may go on at no further cost.
+            // Threads that the jump made ready may continue at no further cost.
             goes_on = false;
             continue;
         }
@@ -161,7 +161,7 @@ void reach(action const& next, void* caller, bool yields) {
     thread& reaching = self();
     reaching.doing = next;
     if (now->creator != nobody) {
-        // A new thread has come to its first point.
+        // A new thread has reached its first point.
         unsigned int const slot = std::exchange(now->self, std::exchange(now->creator, nobody));
         switch_to(now->threads[slot].self, now->threads[now->self].self);
         hash_step(reaching.state.number);
@@ -208,7 +208,7 @@ bool running() {
 }
 
 thread_state& current() {
-    // Stands for the caller outside a run, who may use both processors.
+    // Represents the caller outside a run, who may use both processors.
     static constinit thread_state outside = {0,       0,       0,  0, machine{}.process_mask,
                                              nullptr, nullptr, {}, {}};
     return running() ? self().state : outside;
@@ -273,8 +273,8 @@ bool start_thread(thread_state const& state) {
     if (slot == nobody)
         return false;
     add_thread(slot, state, thread_main);
-    // What it does before its first point concerns no other thread. To choose when it
-    // does that would only multiply the schedules.
+    // What the new thread does before its first point concerns no other thread. Choosing
+    // when it does that would only multiply the schedules.
     now->creator = std::exchange(now->self, slot);
     switch_to(now->threads[now->creator].self, now->threads[slot].self);
     return true;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs the scenarios of a program under as many schedules as the time allows, or one
-// schedule again.
+// Runs the scenarios of a program under as many schedules as time allows, or one schedule
+// again.
 
 #include "simulation.h"
 
@@ -33,7 +33,7 @@ constexpr char usage[] =
 using options = std::map<std::string_view, std::string>;
 using timer = std::chrono::steady_clock;
 
-// The schedules of one scenario, run a slice of time at a time.
+// The schedules of one scenario, run in time slices.
 class exploration {
 public:
     explicit exploration(scenario const& program) : _program(program) {
@@ -41,17 +41,17 @@ public:
             _walks.emplace_back(program, variant);
     }
 
-    // Whether no schedule failed; the first that did has been shown.
+    // Returns false after showing the first schedule that failed.
     bool advance(timer::time_point end) {
         if (_schedules == 0)
             for (schedule const& each : _program.pinned)
                 if (!_try(each, run(_program, each, 0)))
                     return false;
-        // Walks get one slice of two until they are through.
+        // Walks get every other slice until they are complete.
         return !_walked() && ++_slices % 2 != 0 ? _walk_on(end) : _draw(end);
     }
 
-    // Where there is little to choose, the time is better spent elsewhere.
+    // A scenario with few choices left; the time is better spent elsewhere.
     bool done() const {
         return _walked() && _drawn();
     }
@@ -65,7 +65,7 @@ public:
 private:
     bool _try(schedule const& when, outcome const& result) {
         if (!result.passed) {
-            // Once more, to see its steps.
+            // Runs it again to record its steps.
             outcome const again = run(_program, when);
             std::cout << "\nFAILED " << _program.name << ": " << result.failure << '\n';
             if (again.failure != result.failure)
@@ -87,7 +87,7 @@ private:
         return _schedules > _news + 5000 && _schedules > 2 * _news;
     }
 
-    // All variants in turn.
+    // Runs all variants in turn.
     bool _walk_on(timer::time_point end) {
         while (!_walked() && timer::now() < end)
             for (walk& each : _walks)
@@ -117,7 +117,7 @@ private:
     std::vector<walk> _walks;
     unsigned int _slices = 0;
     std::uint64_t _schedules = 0;
-    std::uint64_t _news = 0;  // the schedule that was the last to show anything new
+    std::uint64_t _news = 0;  // the last schedule with a new interleaving
     std::unordered_set<std::uint64_t> _interleavings;
 };
 
@@ -131,7 +131,7 @@ int explore(std::string_view prefix, double seconds) {
                std::chrono::duration_cast<timer::duration>(std::chrono::duration<double>(time));
     };
     auto const end = after(timer::now(), seconds);
-    // Short slices in turn, so that a fault shows early whichever scenario finds it.
+    // Short slices in turn, so that a fault shows early, whichever scenario finds it.
     for (bool some = true; some && timer::now() < end;) {
         some = false;
         for (exploration& each : all) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Fibers for x86-64: a switch saves the registers that a called function must
-// preserve, and no system call is made. The unwinder never leaves a fiber: its
-// entry function catches everything, and above it lies a null return address.
+// Fibers for x86-64. A switch saves the registers that a called function must preserve,
+// and makes no system call. The unwinder never leaves a fiber: its entry function catches
+// everything, and above it lies a null return address.
 
 #include "fiber.h"
 
@@ -45,7 +45,7 @@ namespace ovel::simulation {
 
 namespace {
 
-// The layout that the language's runtime fixes for `__cxa_get_globals`.
+// The layout that the C++ ABI fixes for `__cxa_get_globals`.
 struct exception_state {
     void* caught;
     unsigned int uncaught;
@@ -73,8 +73,8 @@ void map_stacks() {
 
 void prepare(fiber& created, unsigned int stack_index, void (*entry)()) {
     auto const top = reinterpret_cast<void**>(stack(stack_index) + stack_bytes);
-    // From the top: a null return address for the entry function, which thereby
-    // finds the stack as after a call, its address, and six registers.
+    // From the top: a null return address for the entry function, so that it finds the
+    // stack as after a call; its address; and six registers.
     top[-1] = nullptr;
     std::memcpy(&top[-2], &entry, sizeof entry);
     std::memset(&top[-8], 0, 6 * sizeof(void*));

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stacks, and the switch from one to another.
+// Stacks, and switching between them.
 #ifndef OVEL_SIMULATION_FIBER_H
 #define OVEL_SIMULATION_FIBER_H
 
@@ -9,8 +9,8 @@
 namespace ovel::simulation {
 
 // A thread of the simulation, without its stack: where it was suspended, and the
-// exceptions it is handling. The language's runtime keeps these only for the one thread
-// of the system that all fibers share.
+// exceptions that it is handling. The C++ runtime keeps those per system thread, and all
+// fibers share one.
 struct fiber {
     void* stack_pointer = nullptr;
     void* caught_exceptions = nullptr;
@@ -25,22 +25,22 @@ inline constexpr unsigned int stack_count = 64;
 inline constexpr std::uintptr_t stacks_at = 0x2000'0000'0000;
 inline constexpr std::size_t stack_guard_bytes = 4096;
 
-// The lowest address of stack `index`, below which lies a guard.
+// The lowest address of stack `index`. A guard lies below it.
 inline char* stack(unsigned int index) {
     return reinterpret_cast<char*>(stacks_at + index * (stack_bytes + stack_guard_bytes) +
                                    stack_guard_bytes);
 }
 
-// Before the first fiber is prepared.
+// Call it before preparing the first fiber.
 void map_stacks();
 
-// Makes `created` start with `entry`, which never returns, on a stack.
+// Makes `created` start with `entry`, which never returns, on the given stack.
 void prepare(fiber& created, unsigned int stack_index, void (*entry)());
 
 void switch_to(fiber& from, fiber& to);
 
-// Where the fiber called from, innermost first, as far as frame pointers lead
-// within its stack.
+// The return addresses of the suspended fiber's calls, innermost first, as far as frame
+// pointers lead within its stack.
 unsigned int calls_of(fiber const& suspended, unsigned int stack_index, void** calls,
                       unsigned int most);
 

@@ -7,8 +7,8 @@
 
 namespace ovel::simulation {
 
-// Splitmix: 64 bits of state, any seed is as good as another, and the numbers are the
-// same on every machine.
+// Splitmix: 64 bits of state, all seeds are equally good, and the numbers are the same on
+// every machine.
 struct generator {
     std::uint64_t state;
 

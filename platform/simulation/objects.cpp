@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The simulated kernel's objects and the services on them.
 //
-// A semaphore's unit goes to the first thread that takes it: a post makes every sleeper
-// ready, the scheduler chooses one of them or a newcomer, and the threads that find no
-// unit sleep again. That covers every order of waking, and stealing, that the contract
-// allows. A sleeper whose time has passed is ready too, and takes a unit if there is one
+// A semaphore's unit goes to the first thread that takes it. A post makes every sleeper
+// ready, the scheduler chooses one of them or a newcomer, and threads that find no unit
+// sleep again. That covers every order of waking, and of stealing, that the contract
+// allows. A sleeper whose time has passed is also ready, and takes a unit if there is one
 // when it is chosen.
 //
-// A violation of the contract fails the run at once: an unknown or closed handle, or a
-// close while a thread waits.
+// A violation of the contract fails the run at once: using an unknown or closed handle,
+// or closing a handle while a thread waits.
 
 #include "kernel.h"
 #include "lasting.h"
@@ -30,14 +30,14 @@ struct object {
     bool ended;          // thread
     LONG count;          // semaphore: units; mutex: how often its owner holds it
     LONG maximum;        // semaphore
-    unsigned int owner;  // mutex: number of the thread, 0 when free
+    unsigned int owner;  // mutex: number of the thread, 0 if free
     unsigned int handles;
     threads_mask waiters;
     char name[96];  // mutex
 };
 
-// A handle's value is its position, from 1, times 4. Neither positions nor objects
-// are used twice in a run, so that a stale handle is found out.
+// A handle's value is its position, from 1, times 4. Neither positions nor objects are
+// reused in a run, so a stale handle is detected.
 struct handle {
     unsigned int object;
     bool open;
@@ -199,7 +199,7 @@ DWORD WaitForSingleObject(HANDLE value, DWORD milliseconds) {
     point(operation::wait, number, caller);
     handle_of(value);
     count_kernel_call();
-    // Objects may move while the thread sleeps.
+    // The table may grow and move its objects while the thread sleeps.
     auto const each = [number]() -> object& {
         return now.objects[number];
     };

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The calls that the compiler's instrumentation for the thread sanitizer makes before
-// plain accesses of memory. The library is compiled with the instrumentation and linked
-// without the sanitizer, so the calls come here.
+// The calls that the compiler's thread-sanitizer instrumentation makes before plain
+// memory accesses. The library is compiled with the instrumentation but linked without
+// the sanitizer, so the calls come here.
 
 #include "scheduler.h"
 
@@ -51,7 +51,7 @@ void __tsan_write_range(void* memory, std::size_t size) {
     access_plainly(memory, size, true);
 }
 
-// An object's table of virtual functions, as constructors and destructors set it.
+// An object's virtual table pointer, which constructors and destructors set.
 void __tsan_vptr_update(void** pointer, void*) {
     access_plainly(pointer, sizeof *pointer, true);
 }

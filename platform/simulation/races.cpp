@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Plain accesses. Locks must keep what the library accesses without an atomic word to
-// one thread at a time. A missing lock would not show if no other thread could run
-// between two such accesses. So the library is compiled to announce them (plain.cpp),
-// and in one drawn schedule of eight they are scheduling points as well, from the
-// second thread on that accesses a word.
-// Two threads that are both about to access the same memory, one of them to write,
-// have no lock between them. That race ends the run, whatever the accesses would do.
+// Plain accesses. A lock must order the accesses that the library makes without an atomic
+// word. A missing lock would not show if no other thread could run between two such
+// accesses. So the library is compiled to report them (plain.cpp). In one in eight drawn
+// schedules they are scheduling points too, from the second thread on that accesses a
+// word. Two threads that are both about to access the same memory, one of them to write,
+// have no lock between them. That is a race and ends the run, whatever the accesses would
+// do.
 
 #include "dispatch.h"
 #include "heap.h"
@@ -39,7 +39,7 @@ void access_plainly(void const* memory, std::size_t size, bool writes) {
         return;
     auto const address = reinterpret_cast<std::uintptr_t>(memory);
     auto const own = reinterpret_cast<std::uintptr_t>(stack(now->self));
-    // Memory on a thread's own stack is hardly ever shared.
+    // Threads hardly ever share memory on a stack.
     if (address - own < stack_bytes)
         return;
     if (heap::is_stray(memory))

@@ -39,13 +39,13 @@ std::string target(action const& made) {
     return text;
 }
 
-// Values are shown as the signed words of 32 bits that most of them are.
+// Values are shown as signed 32-bit words, which most of them are.
 long long shown(std::uint64_t value) {
     return static_cast<std::int32_t>(value);
 }
 
-// Functions of the simulation say nothing about the program, except the entry of a
-// thread.
+// Functions of the simulation say nothing about the program, except a thread's entry
+// function.
 bool concerns_program(std::string const& function) {
     return function.find("ovel::simulation::") == std::string::npos ||
            function.find("worker") != std::string::npos;
@@ -175,7 +175,7 @@ std::string threads_text(world const& run, void* failed_frame) {
             append(text, ", until %llu ns", static_cast<unsigned long long>(each.deadline));
         text += "\n";
         fiber where = each.self;
-        if (slot == run.self)  // as if it had been suspended where it failed
+        if (slot == run.self)  // as if suspended at the point of failure
             where.stack_pointer = static_cast<void**>(failed_frame) - 5;
         append_calls(text, where, slot);
     }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a failed run tells: its last steps, and what each thread is doing.
+// The report of a failed run: its last steps, and what each thread is doing.
 #ifndef OVEL_SIMULATION_REPORT_H
 #define OVEL_SIMULATION_REPORT_H
 
@@ -16,22 +16,22 @@ struct world;
 // What a thread does, and to what.
 struct action {
     operation what;
-    bool on_object;         // whether that concerns a kernel object
+    bool on_object;         // whether it concerns a kernel object
     std::uintptr_t object;  // its number, or an address
 };
 
-// The last steps of a run, as many as are asked for.
+// The last steps of a run, up to the requested number.
 class step_log {
 public:
     explicit step_log(unsigned int size) : _ring(size) {}
 
-    // One step, by thread `thread`, called from `caller` if known.
+    // Adds one step of thread `thread`. `caller` is the caller's address, if known.
     void add(unsigned int number, std::uint64_t at, unsigned int thread, action const& made,
              void* caller);
-    // What the last step found and left.
+    // Records the value that the last step found and the one it left.
     void note(std::uint64_t found, std::uint64_t left);
 
-    // One line a step; empty when nothing is recorded.
+    // One line per step; empty if no steps are recorded.
     std::string text() const;
 
 private:
@@ -49,15 +49,15 @@ private:
     std::size_t _recorded = 0;
 };
 
-// What every thread of the run does or waits for, and where. `failed_frame` is the
-// frame pointer of the running thread where the run failed.
+// What every thread of the run is doing or waiting for, and where. `failed_frame` is the
+// frame pointer of the running thread at the point of failure.
 std::string threads_text(world const& run, void* failed_frame);
 
-// The name, without parameters, of the function that contains the call which returns
-// to `call`.
+// The name, without parameters, of the function that contains the call returning to
+// `call`.
 std::string function_at(void const* call);
 
-// An address as heap, stack or variable.
+// Describes an address as heap, stack or variable.
 std::string place(std::uintptr_t address);
 
 void append(std::string& text, char const* format, ...) __attribute__((format(printf, 2, 3)));

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs. A run is a function of the program and its schedule. It begins with the
-// library's variables and the heap as the library's load left them (snapshot.h, heap.h)
-// and with a fresh world. Stacks and heap lie at fixed addresses, the clock is the number
-// of steps and the sleeps skipped, and choices come from a generator that the schedule's
-// seed starts. Nothing is carried from one run to the next.
+// Runs. A run is a function of the program and its schedule. It begins with the library's
+// variables and the heap as they were right after the library was loaded (snapshot.h,
+// heap.h), and with a fresh world. Stacks and heap lie at fixed addresses. The clock
+// follows from the number of steps and the skipped sleeps. Choices come from a generator
+// seeded by the schedule. Nothing is carried over from one run to the next.
 //
-// A run ends when the first thread returns and all others have come to rest, or at once
-// when it fails. Control then leaves the fibers, which are abandoned, for `run`.
+// A run ends when the first thread returns and all others are at rest, or at once if it
+// fails. Control then leaves the fibers, which are abandoned, for `run`.
 
 #include "run.h"
 
@@ -25,7 +25,8 @@ namespace ovel::simulation {
 
 namespace {
 
-// Seconds of the system in which a run ends unless a thread loops without a step.
+// Real time, in seconds, within which every run ends unless a thread loops without a
+// step.
 constexpr unsigned int patience = 20;
 constexpr std::uint64_t clock_at_start = 1'000'000'000;
 constexpr std::uint64_t hash_start = 0xcbf29ce484222325;
@@ -51,7 +52,7 @@ constexpr std::uint64_t hash_start = 0xcbf29ce484222325;
     leave();
 }
 
-// A fault of the processor, an abort, or a run that makes no step for very long.
+// A processor fault, an abort, or a run that makes no step for very long.
 void on_signal(int number, siginfo_t* about, void* context) {
     auto const& registers = static_cast<ucontext_t*>(context)->uc_mcontext.gregs;
     auto const raised_at = reinterpret_cast<char*>(registers[REG_RIP]);
@@ -76,8 +77,8 @@ void catch_signals() {
         sigaction(number, &action, nullptr);
 }
 
-// Makes the library, the heap and the kernel's objects as the load left them, which
-// the first call keeps.
+// Restores the library, the heap and the kernel's objects to their state right after
+// loading, which the first call saves.
 void return_to_load_state() {
     static bool kept = false;
     if (kept) {
@@ -172,7 +173,7 @@ outcome run(scenario const& program, schedule const& when, unsigned int steps_sh
 
 namespace ovel {
 
-// In place of the library's own, which would end the process.
+// Replaces the library's own, which would end the process.
 void assure_failed(char const* expression, char const* file, int line) {
     using namespace simulation;
     if (running() && refused() != 0)

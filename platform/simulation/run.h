@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a run is made and how it ends.
+// How a run starts and ends.
 #ifndef OVEL_SIMULATION_RUN_H
 #define OVEL_SIMULATION_RUN_H
 
@@ -10,7 +10,7 @@
 
 namespace ovel::simulation {
 
-// As `run`; with strategy::choices `points` become those of the run.
+// Like `run`. With strategy::choices, sets `points` to those of the run.
 outcome run_and_trace(scenario const& program, schedule const& when, unsigned int steps_shown,
                       std::vector<choice_point>& points);
 

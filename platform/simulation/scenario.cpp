@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a scenario calls while it runs, and what it has arranged for the services.
+// What a scenario calls while it runs, and what it arranges for the services.
 
 #include "dispatch.h"
 #include "heap.h"
@@ -69,7 +69,8 @@ void set_processors(unsigned int count, DWORD_PTR process_mask) {
 }
 
 void restrict_threads(DWORD_PTR process_mask) {
-    // As the system does: a mask that was the whole process's grows with it.
+    // Like the system: a mask that covered the whole process grows with the process's
+    // mask.
     auto const restrict = [process_mask](thread_state& each) {
         if ((each.affinity & ~process_mask) != 0 ||
             (current_machine().process_mask & ~each.affinity) == 0)
@@ -92,7 +93,7 @@ void set_clock_rate(unsigned int megahertz) {
     now->computer.megahertz = megahertz;
 }
 
-// The clock. While the library is loaded it stands still.
+// The clock. It stands still while the library is loaded.
 
 std::uint64_t nanoseconds() {
     return running() ? now->clock : 0;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The simulated kernel services that are not about kernel objects.
+// The simulated kernel services that do not concern kernel objects.
 
 #include "heap.h"
 #include "kernel.h"
@@ -17,11 +17,11 @@ using namespace simulation;
 
 namespace {
 
-// The slots of the process: a generation, odd while the slot is handed out, which makes an
-// index differ from those of earlier holders.
+// The slots of the process. A slot's generation is odd while it is allocated, and makes
+// its index differ from those of earlier holders.
 struct local_slots {
     unsigned int generations[tls_count];
-    void (*callbacks[fls_count])(void*);  // null: not handed out
+    void (*callbacks[fls_count])(void*);  // null: not allocated
 };
 local_slots slots, kept_slots;
 
@@ -49,7 +49,8 @@ void restore_slots() {
     kernel::slots = kernel::kept_slots;
 }
 
-// In rounds, as a callback may set a slot again; only so often, as with other systems.
+// Calls in rounds, because a callback may set a slot again; only a few, like other
+// systems.
 void call_fiber_local() {
     thread_state& self = current();
     for (unsigned int round = 0; round != 3; ++round)
@@ -80,7 +81,7 @@ BOOL TlsFree(DWORD index) {
     return 1;
 }
 
-// No scheduling point: only the calling thread sees it.
+// Not a scheduling point: only the calling thread sees the value.
 void* TlsGetValue(DWORD index) {
     tls_entry const& entry = current().tls[index % tls_count];
     return entry.index == index && in_use(index) ? entry.value : nullptr;
@@ -227,7 +228,7 @@ void* calloc(std::size_t count, std::size_t size) {
     return memory;
 }
 
-// Always moves.
+// Always moves the block.
 void* realloc(void* memory, std::size_t size) {
     void* const moved = malloc(size);
     if (moved == nullptr)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library is a shared object of its own, so its variables are the writable segments
-// of that object. All symbols are bound at load (-z now): a later relocation would be
-// undone here.
+// The library is a separate shared object, so its variables are the writable segments of
+// that object. All symbols are bound at load (-z now), because restoring would undo a
+// later relocation.
 
 #include "snapshot.h"
 
@@ -28,7 +28,7 @@ std::vector<range>& ranges() {
 int visit(dl_phdr_info* info, std::size_t, void*) {
     if (std::strstr(info->dlpi_name, "libovel_simulated") == nullptr)
         return 0;
-    std::uintptr_t constants_end = 0;  // what the loader has made read-only
+    std::uintptr_t constants_end = 0;  // end of what the loader has made read-only
     for (int each = 0; each != info->dlpi_phnum; ++each)
         if (info->dlpi_phdr[each].p_type == PT_GNU_RELRO)
             constants_end =

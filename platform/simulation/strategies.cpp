@@ -10,7 +10,7 @@ namespace ovel::simulation {
 
 namespace {
 
-// The ready thread that comes after `slot` in turn; `slot` itself last.
+// The ready thread after `slot` in turn; `slot` itself comes last.
 unsigned int next_in_turn(threads_mask threads, unsigned int slot) {
     threads_mask const after =
         slot + 1 == slot_count ? 0 : threads & (~threads_mask{0} << (slot + 1));
@@ -34,8 +34,8 @@ chooser::chooser(schedule const& when, unsigned int preemptions, generator& seed
     : _when(when), _preemptions_allowed(preemptions), _choice{seeds.next()} {
     constexpr unsigned int odds[] = {0, 256, 32, 8};
     _clock_odds = odds[seeds.below(std::size(odds))];
-    // Where the changes fall must not depend on how long earlier runs were, so the
-    // length of the run is guessed: from 32 to 4096 steps.
+    // The steps with changes must not depend on the length of earlier runs. So the length
+    // of the run is a guess, 32 to 4096 steps.
     unsigned int const length = 32u << seeds.below(8);
     _changes = seeds.below(most_changes + 1);
     for (unsigned int each = 0; each != _changes; ++each)
@@ -46,7 +46,7 @@ chooser::chooser(schedule const& when, unsigned int preemptions, generator& seed
         _clock_priority = 0;
 }
 
-// Above all threads that have fallen.
+// Above all threads that have dropped.
 std::uint64_t chooser::_draw_priority() {
     return _choice.next() >> 16 | std::uint64_t{1} << 32;
 }
@@ -94,7 +94,7 @@ unsigned int chooser::_choose_listed(alternatives const& from) {
     unsigned int const first = first_choice(from);
     bool const others_free = !from.goes_on;
     bool const can_preempt = _preemptions != _preemptions_allowed;
-    // The first, the others in turn, the clock.
+    // The first choice, the other threads in turn, the clock.
     unsigned int options[slot_count + 1];
     unsigned int count = 1;
     options[0] = first;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a run chooses which thread makes the next step.
+// How a run chooses the thread that makes the next step.
 #ifndef OVEL_SIMULATION_STRATEGIES_H
 #define OVEL_SIMULATION_STRATEGIES_H
 
@@ -11,7 +11,7 @@
 
 namespace ovel::simulation {
 
-// The alternative, beside the slots of threads, that the clock jumps.
+// The alternative that the clock jumps. The others are the slots of threads.
 inline constexpr unsigned int the_clock = slot_count;
 
 constexpr threads_mask bit(unsigned int slot) {
@@ -22,58 +22,58 @@ inline unsigned int lowest(threads_mask threads) {
     return static_cast<unsigned int>(std::countr_zero(threads));
 }
 
-// What there is to choose from.
+// The alternatives at a point.
 struct alternatives {
     threads_mask ready;  // not empty
-    unsigned int self;   // slot of the thread that has come to the point
+    unsigned int self;   // the thread at the point
     bool goes_on;        // that thread is ready itself
-    bool yields;         // and gives way to others
-    bool clock;          // a thread waits with a deadline, to which the clock may jump
+    bool yields;         // and yields to others
+    bool clock;          // some thread waits with a deadline, to which the clock may jump
     unsigned int steps;  // of the run so far
 };
 
-// The caller while it can and does not give way, else the next ready thread in turn.
+// The caller if it can continue and does not yield, otherwise the next ready thread in
+// turn.
 unsigned int first_choice(alternatives const& from);
 
-// One point of strategy::choices that had several alternatives.
+// A point of strategy::choices that had several alternatives.
 struct choice_point {
     unsigned char count;
     unsigned char taken;
 };
 
-// The choices of one run. Slots of threads, or `the_clock`.
+// The choices of one run: slots of threads, or `the_clock`.
 //
-//   random      every ready thread is as likely as another.
-//   sticky      a thread goes on with a probability of 7/8, so that long stretches
-//               of one thread meet single steps of another.
-//   priorities  threads, and the clock, get random priorities and the highest
-//               ready one runs; at few random steps the running thread falls below
-//               all others. A fault that needs d steps in a certain order is met with
-//               a probability of about 1 / (threads * steps ^ (d - 1)), whatever
-//               other steps lie between them.
-//   choices     the first alternative everywhere except at the listed points. `walk`
-//               enumerates the lists.
+//     random      every ready thread is equally likely.
+//     sticky      a thread continues with a probability of 7/8, so that long stretches of
+//                 one thread meet single steps of another.
+//     priorities  threads, and the clock, get random priorities, and the highest ready one
+//                 runs. At a few random steps the running thread drops below all others. A
+//                 fault that needs d steps in a certain order shows with a probability of
+//                 about 1 / (threads * steps ^ (d - 1)), whatever other steps lie between.
+//     choices     the first alternative everywhere except at the listed points. `walk`
+//                 enumerates the lists.
 //
-// How readily the clock jumps is drawn once a run, from never to often. A thread that
-// gives way (a pause hint, `Sleep(0)`) falls below the others with priorities; with
-// choices the next thread's turn costs no preemption. Otherwise a spinning thread
+// Each run draws how readily the clock jumps, from never to often. With priorities, a
+// thread that yields (a pause hint, `Sleep(0)`) drops below the others. With choices,
+// giving the next thread its turn then costs no preemption. Otherwise a spinning thread
 // would keep the one it waits for from running.
 class chooser {
 public:
-    // `seeds` draws what holds for the whole run. Walks may preempt a thread that
-    // could go on at most `preemptions` times.
+    // `seeds` draws what holds for the whole run. A walk may preempt a thread that could
+    // continue at most `preemptions` times.
     chooser(schedule const& when, unsigned int preemptions, generator& seeds);
 
-    // Gives a new thread its priority.
+    // Draws the priority of a new thread.
     void add_thread(unsigned int slot);
 
     unsigned int choose(alternatives const& from);
 
-    // Whether the next weak compare-and-exchange fails without cause: one of 32, but
-    // not in walks.
+    // Whether the next weak compare-and-exchange fails spuriously: one in 32, but none in
+    // walks.
     bool draw_spurious_failure();
 
-    // strategy::choices: the points so far.
+    // The points so far, with strategy::choices.
     std::vector<choice_point> const& points() const {
         return _points;
     }
@@ -88,11 +88,11 @@ private:
     unsigned int const _preemptions_allowed;
     generator _choice;
 
-    // Random and sticky: the clock jumps at one of so many choices; 0: at none.
+    // Random and sticky: the clock jumps at one in this many choices; 0 means never.
     unsigned int _clock_odds;
 
-    // Priorities. Drawn ones are at least `_lowest_priority`; threads that fall are
-    // numbered downwards from it.
+    // Priorities. Drawn ones are at least `_lowest_priority`. A thread that drops gets
+    // the next number below.
     static constexpr unsigned int most_changes = 5;
     unsigned int _change_at[most_changes];  // steps, ascending
     unsigned int _changes, _changed = 0;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Walks through the schedules of a program, as a tree of choices that is searched depth
-// first, and how a schedule is written down.
+// Walks through the schedules of a program, a depth-first search in a tree of choices,
+// and the notation of a schedule.
 
 #include "report.h"
 #include "run.h"
@@ -20,8 +20,8 @@ outcome walk::next(unsigned int steps_shown) {
             _last.deviations.push_back({at, _path[at]});
     std::vector<choice_point> points;
     outcome result = run_and_trace(_program, _last, steps_shown, points);
-    // The last point with an alternative not yet taken. After it, every point takes its
-    // first alternative again.
+    // Finds the last point with an alternative not yet taken. After it, every point takes
+    // its first alternative again.
     while (!points.empty() && points.back().taken + 1 == points.back().count)
         points.pop_back();
     _path.clear();
