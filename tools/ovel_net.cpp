@@ -31,21 +31,22 @@ namespace ovel_net {
 
 namespace {
 
-std::atomic<bool> interrupted = false;  // relaxed, for it publishes nothing else
+std::atomic<bool> interrupted = false;  // relaxed: it publishes nothing else
 
-// The first interrupt stops the net; the next one ends the program, as ever.
+// The first interrupt stops the net; the next one ends the program as usual.
 extern "C" void note_interrupt(int signal) {
     interrupted.store(true, std::memory_order_relaxed);
     std::signal(signal, SIG_DFL);
 }
 
-// Where interrupts are ignored, as in the background of a script, they stay so.
+// If interrupts are ignored, as for a script's background jobs, they stay ignored.
 void hear_interrupts() {
     if (std::signal(SIGINT, note_interrupt) == SIG_IGN)
         std::signal(SIGINT, SIG_IGN);
 }
 
-// Tells a user at a terminal how a long run is going, in one line that goes again.
+// Shows a user at a terminal how a long run is going, in one line that it erases at the
+// end.
 class progress {
 public:
     ~progress() {
@@ -53,7 +54,7 @@ public:
             std::fputs("\r\x1b[K", stderr);
     }
 
-    // Whether the user has not interrupted it.
+    // Returns false once the user has interrupted the run.
     bool operator()(double seconds, std::uint64_t firings) {
         if (_terminal && seconds >= 1) {
             std::fprintf(stderr, "\r\x1b[K%.1f s, %llu firings", seconds,
@@ -84,7 +85,7 @@ void check_and_tell(options const& chosen) {
                       : check_report(model, made, chosen.capacity));
 }
 
-// The files of a run: all are written before the first takes its place.
+// The output files of a run. All are complete before the first one gets its name.
 class output_files {
 public:
     template <class Write>
@@ -114,7 +115,7 @@ void run_and_tell(options const& chosen) {
     for (std::string const* const name : {&chosen.svg, &chosen.report})
         if (!name->empty())
             require_graphviz(*name);
-    // Only now, because a failure prints nothing but its own line.
+    // Printed only now, because a failure prints nothing but its own line.
     std::cerr << warnings.str();
 
     std::optional<ovel::trace::recorder> recorded;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Invariants by elimination. It begins with a row for each place: its weight 1, and
-// the effect that each transition has on it. One transition after the other is
-// eliminated: rows on which it has no effect stay, and each row that it adds to is
-// combined with each that it takes from, with the smallest multiples that cancel.
-// What is left has no effect from any transition: invariants, and every invariant
-// is a sum of such. A row whose places include all those of another says nothing
-// new and goes at once, or there would be too many soon.
+// Finds invariants by elimination. It starts with one row per place: the weight 1 for
+// that place, and the effect of each transition on it. It then eliminates one transition
+// after another. Rows on which the transition has no effect stay. Each row that it adds
+// to is combined with each row that it takes from, with the smallest multiples that
+// cancel. The remaining rows have no effect from any transition: they are invariants, and
+// every invariant is a sum of such rows. A row whose places include all places of another
+// row adds no information. It is dropped at once; otherwise there would soon be too many.
 #include "ovel_net_check.h"
 #include "ovel_net_text.h"
 
@@ -21,7 +21,7 @@ namespace ovel_net {
 
 namespace {
 
-// Rows at a time. Their number may double with each transition of a large net.
+// The number of rows at a time. A transition of a large net may double it.
 constexpr std::size_t most_rows = 3000;
 
 struct entry {
@@ -34,7 +34,7 @@ using sparse = std::vector<entry>;  // in the order of the indices
 struct row_of_net {
     sparse effects;                       // by transition
     sparse weights;                       // by place; positive
-    std::vector<std::uint64_t> includes;  // a bit for each place that has a weight
+    std::vector<std::uint64_t> includes;  // one bit per place with a weight
 };
 
 std::int64_t value_at(sparse const& values, std::size_t index) {
@@ -143,7 +143,8 @@ std::vector<row_of_net> elimination::run() {
     return _rows;
 }
 
-// The one whose elimination leaves the fewest rows; the number of all if none is left.
+// Returns the transition whose elimination leaves the fewest rows, or the number of
+// transitions if none is left.
 std::size_t elimination::_next_transition() const {
     std::vector<std::int64_t> adding(_transitions);
     std::vector<std::int64_t> taking(_transitions);
@@ -175,7 +176,7 @@ void elimination::_eliminate(std::size_t transition) {
     std::vector<row_of_net> const& more = adding.size() < taking.size() ? taking : adding;
     std::vector<row_of_net> const& fewer = adding.size() < taking.size() ? adding : taking;
 
-    // Where there are too many pairs, each row is in one all the same.
+    // If there are too many pairs, every row is still part of one.
     std::size_t const room = most_rows - std::min(most_rows, _rows.size());
     std::size_t left = std::max(room, more.size());
     _complete = _complete && more.size() * fewer.size() <= left;
@@ -204,7 +205,7 @@ void elimination::_add_sum(row_of_net const& one, row_of_net const& other, std::
     _rows.push_back(std::move(sum));
 }
 
-// None of the first `old` rows includes another of them: only the later ones are
+// None of the first `old` rows includes another one of them, so only the later rows are
 // compared with all.
 void elimination::_keep_minimal(std::size_t old) {
     std::vector<row_of_net> added(
@@ -221,14 +222,15 @@ void elimination::_keep_minimal(std::size_t old) {
     }
 }
 
-// Tells whether an invariant is a combination of others, in the numbers modulo a
-// prime: what is none there is none at all. (The other way round it could fail to
-// choose one that belongs to a basis, if the prime divided a determinant.)
+// Tells whether an invariant is a combination of others, calculating modulo a prime. An
+// invariant that is independent modulo the prime is independent. (The converse can fail:
+// a member of a basis is not chosen if the prime divides a determinant.)
 class basis {
 public:
     explicit basis(std::size_t places) : _pivots(places) {}
 
-    // Whether the invariant is none, and so belongs to the basis from now on.
+    // Returns whether the invariant is independent of those in the basis, and then adds
+    // it.
     bool insert(sparse const& weights) {
         std::vector<std::uint64_t> rest(_pivots.size());
         for (entry const& each : weights)
@@ -263,7 +265,7 @@ private:
         return power;
     }
 
-    // By the place of the first weight, which is 1.
+    // Indexed by the place of the first weight, which is 1.
     std::vector<std::vector<std::uint64_t>> _pivots;
 };
 
@@ -280,7 +282,8 @@ std::optional<std::uint64_t> initial_sum(net const& model, sparse const& weights
     return sum;
 }
 
-// The most tokens that a transition takes from each place that it also puts some into.
+// For each place, the most tokens that a transition takes from it while also putting some
+// into it.
 std::vector<unsigned int> taken_and_put(net const& model) {
     std::vector<unsigned int> most(model.places.size());
     for (transition const& each : model.transitions)
@@ -291,7 +294,7 @@ std::vector<unsigned int> taken_and_put(net const& model) {
     return most;
 }
 
-// What stands between two members of a list.
+// Separates two members of a list.
 char const* separator(bool first) {
     return first ? "\n" : ",\n";
 }
@@ -323,7 +326,7 @@ analysis analyse(net const& model) {
     made.found = all.size();
     made.complete = made.complete && rows.complete();
 
-    // The bound of each place and the first invariant that says so.
+    // The bound of each place, and the first invariant that gives it.
     std::vector<std::optional<std::pair<std::uint64_t, std::size_t>>> bounds(model.places.size());
     for (std::size_t i = 0; i < all.size(); ++i)
         for (invariant::term const& each : all[i].terms) {

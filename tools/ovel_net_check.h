@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a net's structure tells before it runs: place invariants, and the capacities that
-// they imply.
+// What the structure of a net says before it runs: place invariants, and the bounds and
+// capacities that follow from them.
 #ifndef OVEL_NET_CHECK_H
 #define OVEL_NET_CHECK_H
 
@@ -25,33 +25,34 @@ struct invariant {
     std::uint64_t sum;
 };
 
-// What holds for one place, whatever fires.
+// The limits of one place, whatever fires.
 struct place_limits {
     std::uint64_t bound;  // it never holds more tokens
 
-    // With this capacity the net never rests only because room is missing here. It
-    // is above the bound where a transition also takes tokens from the place that
-    // it puts some into: their slots are free only when the firing ends.
+    // With this capacity the net never comes to rest only because this place is full. It
+    // exceeds the bound if a transition both takes tokens from the place and puts some
+    // into it: the slots of the taken tokens are free only when the firing ends.
     std::uint64_t capacity;
 };
 
 struct analysis {
-    // A basis of the invariants found, with all those that bound some place most.
+    // A basis of the invariants found, and every invariant that gives the lowest bound of
+    // some place.
     std::vector<invariant> invariants;
     std::size_t found = 0;                            // invariants that contain no smaller one
     bool complete = true;                             // whether these are all there are
     std::vector<std::optional<place_limits>> limits;  // in the order of the places
 };
 
-// Exact. What does not fit 64 bits is left out, and of too many invariants most
-// are; then the result is not complete, and bounds may be higher than need be.
+// Exact. Leaves out what does not fit into 64 bits, and most of the invariants if there
+// are too many. The result is then not complete, and bounds may be higher than necessary.
 analysis analyse(net const& model);
 
-// A page of text, and one JSON object. `capacity` is that of the command line.
+// A page of text, and one JSON object. `capacity` is the one from the command line.
 std::string check_report(net const& model, analysis const& made, unsigned int capacity);
 std::string check_json(net const& model, analysis const& made, unsigned int capacity);
 
-// A line for each place that would be run with less than its capacity.
+// Writes a line for each place that would run with less than its capacity.
 void warn_of_capacities(std::string const& file, net const& model, analysis const& made,
                         unsigned int capacity, std::ostream& warnings);
 

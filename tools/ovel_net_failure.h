@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a run that can't be done ends: one line on the error stream and a status.
+// The end of a run that fails: one line on the error stream, and a status.
 #ifndef OVEL_NET_FAILURE_H
 #define OVEL_NET_FAILURE_H
 
@@ -7,15 +7,15 @@
 
 namespace ovel_net {
 
-// Thrown wherever the program gives up; `main` prints `text` after "ovel-net: "
+// The program throws this wherever it gives up. `main` prints `text` after "ovel-net: "
 // and exits with `status`.
 struct failure {
     int status;
     std::string text;
 };
 
-// `what` is wrong in `line` of `file`, an input or an output; line 1 also stands
-// for the file as a whole.
+// `what` is wrong in line `line` of `file`, an input or an output. Line 1 also represents
+// the whole file.
 inline failure bad_file(std::string const& file, unsigned int line, std::string const& what) {
     return {2, file + ':' + std::to_string(line) + ": " + what};
 }
@@ -24,7 +24,7 @@ inline failure bad_option(std::string const& what) {
     return {64, what + " (see --help)"};
 }
 
-// A result that contradicts the net: a fault of this program or of the library.
+// A result that contradicts the net: a bug in this program or in the library.
 inline failure internal_error(std::string const& what) {
     return {70, "internal error: " + what};
 }

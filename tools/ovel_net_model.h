@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A place/transition net as its file describes it, independent of how it is run.
+// A place/transition net as its file describes it, independent of how it runs.
 #ifndef OVEL_NET_MODEL_H
 #define OVEL_NET_MODEL_H
 
@@ -13,11 +13,11 @@ struct place {
     std::string id;
     std::string name;             // the id when the file gives no name
     unsigned int initial = 0;     // tokens of the initial marking
-    unsigned int least_room = 0;  // the smallest capacity the place can be run with
+    unsigned int least_room = 0;  // the smallest capacity with which the place can run
 };
 
-// One end of a transition. All arcs that join the same pair in the same
-// direction are one, with their weights added up.
+// One end of a transition. The model merges all arcs between the same pair in the same
+// direction into one, and adds their weights.
 struct arc {
     std::size_t place;  // index in `net::places`
     unsigned int weight;
@@ -30,7 +30,7 @@ struct transition {
     std::vector<arc> outputs;
 };
 
-// Places and transitions stand in the file's order; every transition has an arc.
+// Places and transitions are in the file's order. Every transition has an arc.
 struct net {
     std::string name;
     std::vector<place> places;

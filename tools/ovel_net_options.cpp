@@ -52,14 +52,14 @@ the result contradicts the net; 71 when out of memory.
 namespace {
 
 // One option: its name, the value that it takes (null: none), and a function that sets
-// it, which returns false for a wrong value.
+// it, which returns false for an invalid value.
 struct rule {
     std::string_view name;
     char const* wants;
     bool (*set)(options& chosen, std::string const& value);
 };
 
-// The whole of `text` as a number in the range. NaN is in no range.
+// Parses all of `text` as a number in the range. NaN is in no range.
 template <class Number>
 bool parse(std::string const& text, Number& number, Number least,
            Number greatest = std::numeric_limits<Number>::max()) {
@@ -168,7 +168,7 @@ options parse_options(int argc, char const* const* argv) {
         bool const separate = known->wants != nullptr && equals == argument.npos;
         if (separate && ++i == argc)
             refuse(*known, "none");
-        // What a flag gets here it ignores.
+        // A flag ignores this value.
         std::string const value = separate ? argv[i] : argument.substr(equals + 1);
         if (!known->set(chosen, value))
             refuse(*known, '"' + value + '"');

@@ -8,7 +8,7 @@
 
 namespace ovel_net {
 
-// More firings than any run lives to see.
+// More firings than any run can make.
 constexpr std::uint64_t endless = std::uint64_t{1} << 62;
 
 struct options {
@@ -22,18 +22,18 @@ struct options {
     bool check = false;  // the net's structure, without a run
     bool explain = false;
     bool json = false;
-    bool help = false;  // nothing else is asked for; `file` may be empty
-    std::string dot;    // where to draw to; empty: no drawing
+    bool help = false;  // print help and nothing else; `file` may be empty
+    std::string dot;    // file for the drawing; empty: no drawing
     std::string svg;
-    std::string trace;  // where to write what was recorded to; empty: nowhere
+    std::string trace;  // file for the recorded trace; empty: none
     std::string report;
-    std::string store;  // of durable nets, in which it runs; empty: in memory
+    std::string store;  // the store of a durable net; empty: the net runs in memory
 };
 
-// Throws a `failure` when an argument is unknown, doubtful or missing.
+// Throws a `failure` if an argument is unknown, ambiguous or missing.
 options parse_options(int argc, char const* const* argv);
 
-// What --help prints.
+// The text that --help prints.
 extern char const usage[];
 
 }  // namespace ovel_net

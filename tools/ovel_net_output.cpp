@@ -19,13 +19,13 @@ failure unwritable(std::string const& name, std::error_code const& error) {
     return bad_file(name, 1, "cannot be written: " + error.message());
 }
 
-// After a call of the standard library that failed.
+// Call it after a failed call of the standard library.
 failure unwritable(std::string const& name) {
     return unwritable(name, {errno, std::generic_category()});
 }
 
 // Whether the program appends to `name` and never replaces it. That includes the standard
-// streams, even if they lead to files.
+// streams, even if they go to files.
 bool is_device(std::string const& name) {
     if (name.starts_with("/dev/"))
         return true;
@@ -34,8 +34,8 @@ bool is_device(std::string const& name) {
     return fs::exists(status) && !fs::is_regular_file(status) && !fs::is_directory(status);
 }
 
-// Runs dot from one file to another; `name` is what is being drawn. What dot has to
-// say is no line of this program's.
+// Runs dot from one file to another. `name` is what it draws. The program does not show
+// dot's own messages.
 void run_dot(std::string const& name, char const* argument, std::FILE* from, std::FILE* to) {
     try {
         if (!run_program("dot", argument, from, to))
@@ -65,7 +65,7 @@ output_file::output_file(std::string const& name)
 }
 
 output_file::~output_file() {
-    _file.reset();  // not every system removes a file that is open
+    _file.reset();  // some systems do not remove an open file
     if (!_temporary.empty())
         std::remove(_temporary.c_str());
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Files that the program writes: whole or not at all.
+// Output files, which the program writes completely or not at all.
 #ifndef OVEL_NET_OUTPUT_H
 #define OVEL_NET_OUTPUT_H
 
@@ -10,10 +10,10 @@
 
 namespace ovel_net {
 
-// A file being written. Until `commit` it has another name, beside its own, and
-// what is not committed is removed; so the name never stands for half a file. A
-// name of something other than a file, such as a terminal, is added to directly.
-// Everything that goes wrong is thrown as a `failure`.
+// A file being written. Until `commit` it has a temporary name next to its own, and it is
+// removed if it is never committed. So the name never refers to a partial file. If the
+// name is not a regular file, for example a terminal, writes go to it directly. Throws a
+// `failure` on every error.
 class output_file {
 public:
     explicit output_file(std::string const& name);
@@ -23,24 +23,24 @@ public:
 
     void write(std::string_view text);
 
-    // After the last `write`: now it is whole.
+    // Call it after the last `write`. The file is then complete.
     void close();
 
-    // After `close`: now it has its name.
+    // Call it after `close`. The file then has its name.
     void commit();
 
 private:
     std::string const _name;  // as the user wrote it
-    std::string _target;      // where it leads, through links
-    std::string _temporary;   // empty: written to directly, or committed
+    std::string _target;      // what it resolves to through links
+    std::string _temporary;   // empty: written directly, or committed
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> _file;
 };
 
-// The picture of `drawing`, by Graphviz, as an SVG document that is to go into the
-// file `name`.
+// Renders `drawing` with Graphviz as an SVG document for the file `name`.
 std::string svg(std::string const& name, std::string const& drawing);
 
-// Throw when a later drawing would: before a run, rather than after it.
+// Throws if drawing later would fail, so that the error comes before a run instead of
+// after it.
 void require_writable(std::string const& name);
 void require_graphviz(std::string const& name);
 

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The page carries what was recorded as numbers, and its script draws them. Runs may
-// have millions of firings, and a page of some megabytes is as much as a browser
-// likes: of many firings it gets sums over slices of the time, and of the tokens of
-// a place no more points than a screen shows.
+// The page carries the recording as numbers, and its script draws them. Runs may have
+// millions of firings, but a browser copes with only a few megabytes. So many firings are
+// summed up over time slices, and the tokens of a place get only as many points as a
+// screen can show.
 //
-// The order in which firings ended is one in which they could have happened one
-// after the other, for what a firing takes was put by one that ended before it
-// began. So the markings in between follow from it, up to the first firing that was
-// not recorded: there the page's time ends.
+// Firings could have happened one after another in the order in which they ended, because
+// a firing that ended before another began had put the tokens that the other took. So the
+// intermediate markings follow from this order, up to the first firing that was not
+// recorded. The page's time ends there.
 #include "ovel_net_page.h"
 #include "ovel_net_report.h"
 #include "ovel_net_text.h"
@@ -29,7 +29,7 @@ using nanoseconds = std::int64_t;
 
 constexpr std::size_t most_single_firings = 50'000;
 constexpr nanoseconds slices = 4096;
-constexpr std::size_t most_points = 200'000;  // of all places
+constexpr std::size_t most_points = 200'000;  // for all places together
 
 struct fired {
     nanoseconds begin;
@@ -39,11 +39,11 @@ struct fired {
 };
 
 struct recording {
-    nanoseconds length = 0;  // of the run, as far as all firings were recorded
+    nanoseconds length = 0;  // of the run, up to the first unrecorded firing
     std::vector<fired> firings;
 };
 
-// With times from the start of the run.
+// Times are relative to the start of the run.
 recording read(net const& model, ovel::trace::recorder const& recorded) {
     std::unordered_map<char const*, std::size_t> transitions;
     for (std::size_t i = 0; i < model.transitions.size(); ++i)
@@ -66,7 +66,7 @@ recording read(net const& model, ovel::trace::recorder const& recorded) {
             all.length = each.end - each.begin;
         }
     });
-    // Threads that lost events are those with as many as a thread may have.
+    // Threads that lost events are those that have the maximum number.
     std::size_t most = 0;
     for (auto const& [thread, here] : threads)
         most = std::max(most, here.events);
@@ -100,7 +100,7 @@ private:
     std::string _text;
 };
 
-// One thread's firings: each as begin, length and transition.
+// The firings of one thread, each with its begin, length and transition.
 std::string single_firings(std::vector<fired> const& firings) {
     list spans;
     for (fired const& each : firings)
@@ -108,8 +108,9 @@ std::string single_firings(std::vector<fired> const& firings) {
     return spans.text();
 }
 
-// One thread's firings in slices of the time: the slice, the thousandth parts of it
-// that were busy, how many firings ended there, and the transition that took most.
+// The firings of one thread in time slices. Each has the slice's number, how many
+// thousandths of it were busy, how many firings ended in it, and the transition that took
+// most of it.
 std::string sliced_firings(std::vector<fired> const& firings, nanoseconds slice) {
     struct sum {
         nanoseconds busy = 0;
@@ -148,8 +149,8 @@ std::string lanes(recording const& all, nanoseconds slice) {
     return text.text();
 }
 
-// How the tokens of one place change, with as many points as make the same picture:
-// the least, the most and the last of each step in time.
+// How the tokens of one place change, with just enough points for the same picture: the
+// lowest, the highest and the last value of each step in time.
 class series {
 public:
     series(std::uint64_t tokens, nanoseconds step) : _step(step), _tokens(tokens) {
@@ -203,7 +204,7 @@ private:
     list _points;
 };
 
-// For each place its points as times and tokens; null where nothing changes.
+// The points of each place, as times and tokens; null if its tokens never change.
 std::string tokens(net const& model, recording& all) {
     std::size_t const points = std::clamp<std::size_t>(
         most_points / std::max<std::size_t>(model.places.size(), 1), 100, 2000);
@@ -232,7 +233,7 @@ std::string tokens(net const& model, recording& all) {
     return text.text();
 }
 
-// What the script works on.
+// The script's input.
 std::string data(net const& model, result const& made, ovel::trace::recorder const& recorded) {
     recording all = read(model, recorded);
     nanoseconds const slice = all.length / slices + 1;
@@ -274,7 +275,7 @@ std::string data(net const& model, result const& made, ovel::trace::recorder con
     return text + '}';
 }
 
-// `text` with each `from` replaced.
+// `text` with every `from` replaced by `to`.
 std::string replaced(std::string_view text, std::string_view from, std::string_view to) {
     std::string made;
     for (std::size_t at = 0; (at = text.find(from)) != text.npos;
@@ -287,7 +288,7 @@ std::string replaced(std::string_view text, std::string_view from, std::string_v
 
 std::string page(net const& model, result const& made, ovel::trace::recorder const& recorded,
                  std::string const& picture) {
-    // A name must not look like the end of the script, or like a tag.
+    // A name must not look like a tag, such as the end of the script.
     std::string const values = replaced(data(model, made, recorded), "<", "\\u003c");
     std::string const title = replaced(replaced(model.name, "&", "&amp;"), "<", "&lt;");
     std::size_t const svg = picture.find("<svg");

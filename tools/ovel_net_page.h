@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A run as a page for a browser.
+// A run as an HTML page.
 #ifndef OVEL_NET_PAGE_H
 #define OVEL_NET_PAGE_H
 
@@ -11,13 +11,13 @@
 
 namespace ovel_net {
 
-// One document that needs nothing else: the net as it is drawn in `picture`, an SVG
-// document, and what was recorded of the run.
+// A self-contained document: the net as drawn in `picture`, an SVG document, and the
+// recording of the run.
 std::string page(net const& model, result const& made, ovel::trace::recorder const& recorded,
                  std::string const& picture);
 
-// Its parts as they stand in page/. In the first, @title@, @style@, @picture@,
-// @data@ and @script@ stand for the rest.
+// The parts, as in page/. In the first, @title@, @style@, @picture@, @data@ and @script@
+// are placeholders.
 extern char const page_html[];
 extern char const page_css[];
 extern char const page_js[];

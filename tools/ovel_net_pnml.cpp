@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The reader walks the document twice: first over the nodes on all pages, which
-// may refer forward to each other, then over the arcs. Lines are counted only
-// for a message, from the offset that the XML parser keeps with each element.
+// The reader walks through the document twice: first through the nodes on all pages,
+// which may contain forward references, then through the arcs. It counts lines only for a
+// message, from the offset that the XML parser stores for each element.
 #include "ovel_net_pnml.h"
 #include "ovel_net_failure.h"
 
@@ -39,7 +39,7 @@ bool is_reference(xml_node node) {
     return kind_of(node) == "referencePlace" || kind_of(node) == "referenceTransition";
 }
 
-// "place" or "transition" for nodes of the net and references to them, else empty.
+// "place" or "transition" for nodes of the net and references to them, otherwise empty.
 std::string_view stands_for(xml_node node) {
     std::string_view const kind = kind_of(node);
     return kind == "place" || kind == "referencePlace"             ? "place"
@@ -51,9 +51,9 @@ xml_node child(xml_node parent, std::string_view kind) {
     return parent.find_child([&](xml_node node) { return kind_of(node) == kind; });
 }
 
-// How many bytes the UTF-8 character takes that `text` begins with; 0 if it begins with
-// none, or with a control character that XML excludes. Surrogates and overlong forms
-// pass the lead byte's test only with the narrowed second byte.
+// The length in bytes of the UTF-8 character that `text` begins with. 0 if it begins with
+// none, or with a control character that XML excludes. The narrowed second byte excludes
+// surrogates and overlong forms, which pass the lead byte's test.
 std::size_t character_length(std::string_view text) {
     auto const byte = [&](std::size_t i) {
         return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
@@ -72,7 +72,7 @@ std::size_t character_length(std::string_view text) {
     return length;
 }
 
-// Where `text` stops being characters; its size when all is well.
+// The position of the first invalid character; the size of `text` if there is none.
 std::size_t valid_length(std::string_view text) {
     std::size_t at = 0;
     while (at < text.size()) {
@@ -84,9 +84,9 @@ std::size_t valid_length(std::string_view text) {
     return at;
 }
 
-// The text's words joined by single spaces. Control characters and what is no
-// character, which a file can smuggle in as references, separate words like white
-// space, so that a name never breaks a line of output or steers a terminal.
+// The words of the text, separated by single spaces. Control characters and invalid
+// characters, which character references can contain, separate words like white space. So
+// a name never breaks a line of output or controls a terminal.
 std::string words(std::string_view text) {
     std::string joined;
     bool gap = false;
@@ -109,8 +109,8 @@ std::string quoted(std::string const& text) {
     return '"' + text + '"';
 }
 
-// The content of a label's <text>: `<name><text>idle</text></name>`. Comments and
-// CDATA sections part it.
+// The content of a label's <text>: `<name><text>idle</text></name>`. Comments and CDATA
+// sections may split it.
 std::string label(xml_node label) {
     std::string whole;
     for (xml_node const part : child(label, "text").children())
@@ -122,7 +122,7 @@ std::string attribute(xml_node node, char const* name) {
     return words(node.attribute(name).value());
 }
 
-// As messages call the element: `arc "a1"`.
+// The element as messages name it: `arc "a1"`.
 std::string title(xml_node node) {
     return std::string(kind_of(node)) + ' ' + quoted(attribute(node, "id"));
 }
@@ -153,7 +153,7 @@ public:
     net read();
 
 private:
-    // What an id names; places and transitions by their index in the net.
+    // What an id refers to. Places and transitions are given by their index in the net.
     struct entry {
         xml_node node;
         std::size_t index = 0;
@@ -177,7 +177,7 @@ private:
 
     std::string const& _file;
     std::ostream& _warnings;
-    std::string _text;  // UTF-8, what `_document` counts its offsets in
+    std::string _text;  // UTF-8; the offsets in `_document` refer to it
     pugi::xml_document _document;
     net _net;
     std::unordered_map<std::string, entry> _ids;
@@ -192,7 +192,7 @@ net reader::read() {
     _enter(root);
     _net.name = name_or_id(root);
 
-    // In document order, over pages nested to any depth.
+    // In document order, through pages nested to any depth.
     xml_node node = root.first_child();
     while (node) {
         _take_node(node);
@@ -227,8 +227,8 @@ std::string reader::_content() const {
     return content;
 }
 
-// The document's first net. The parser itself is lenient about what surrounds
-// the document's one element; fragments are let through to be refused here.
+// The document's first net. The parser tolerates content around the document's root
+// element, so fragments get this far and are rejected here.
 xml_node reader::_parse() {
     constexpr unsigned int flags = pugi::parse_default | pugi::parse_fragment;
     _text = _content();
@@ -302,7 +302,7 @@ void reader::_take_arc(xml_node node) {
     std::string_view const from = kind_of(source.node);
     if (from == kind_of(target.node))
         _fail(node, title(node) + " joins two " + std::string(from) + 's');
-    // As several tools write what takes and puts other than the net's arcs do.
+    // Several tools write these types for arcs with other meanings than the net's.
     for (std::string const& type :
          {attribute(node, "type"), attribute(child(node, "type"), "value"),
           label(child(node, "arctype"))})
@@ -327,7 +327,7 @@ void reader::_take_arc(xml_node node) {
         known->weight += static_cast<unsigned int>(weight);
 }
 
-// Makes the node known by its id, which is unique in the whole document.
+// Registers the node under its id, which must be unique in the whole document.
 reader::entry& reader::_enter(xml_node node) {
     std::string const id = attribute(node, "id");
     if (id.empty())
@@ -339,7 +339,7 @@ reader::entry& reader::_enter(xml_node node) {
     return at->second;
 }
 
-// The node that the attribute names, be it a reference node itself.
+// The node that the attribute refers to, which may be a reference node.
 reader::entry const& reader::_find(xml_node from, char const* reference) const {
     std::string const id = attribute(from, reference);
     if (id.empty())
@@ -354,8 +354,8 @@ reader::entry const& reader::_find(xml_node from, char const* reference) const {
     return found->second;
 }
 
-// The place or transition that the attribute names, through any chain of
-// reference nodes. A chain with more links than there are ids runs in a circle.
+// The place or transition that the attribute refers to, through any chain of reference
+// nodes. A chain with more links than there are ids is a cycle.
 reader::entry const& reader::_resolve(xml_node from, char const* reference) const {
     entry const* found = &_find(from, reference);
     std::string_view const wanted = stands_for(from);
@@ -382,8 +382,9 @@ unsigned int reader::_number(xml_node label_node, char const* what, unsigned int
     return number;
 }
 
-// A firing reserves its output slots while its input tokens still count, so a place
-// that it takes from and puts into needs room for both; here it has twice that.
+// A firing reserves its output slots while its input tokens still occupy theirs. So a
+// place that it takes from and puts into needs room for both. Here it
+// gets twice that.
 void reader::_size_places() {
     std::vector<std::uint64_t> weights(_net.places.size(), 0);
     for (transition const& each : _net.transitions)

@@ -10,9 +10,9 @@
 
 namespace ovel_net {
 
-// Reads the first net of `file`, which must be a place/transition net. What is
-// left out on the way is named in `warnings`, a line each; anything wrong is
-// thrown as a `failure` that names the line.
+// Reads the first net of `file`, which must be a place/transition net. Adds a line to
+// `warnings` for each thing that it ignores. Throws a `failure` with the line number on
+// every error.
 net read_pnml(std::string const& file, std::ostream& warnings);
 
 }  // namespace ovel_net

@@ -14,7 +14,7 @@ namespace {
 
 // Why a transition is not enabled: what one of its arcs lacks.
 struct lack {
-    bool tokens;  // or else slots
+    bool tokens;  // otherwise slots
     arc const& end;
     unsigned int there;  // tokens, or free slots
 
@@ -60,7 +60,7 @@ std::string json_lacks(net const& model, std::vector<lack> const& lacks) {
     return text + ']';
 }
 
-// The text of a label. Graphviz takes an ampersand for the start of an entity.
+// Escapes text for a label. Graphviz would read an ampersand as the start of an entity.
 std::string label(std::string_view text) {
     std::string safe;
     for (char const c : escaped(text)) {
@@ -167,12 +167,11 @@ std::string json(net const& model, result const& made, bool explain) {
     return text;
 }
 
-// Places are circles with their tokens, yellow where there are any and red where
-// they are full; transitions are boxes with their firings, grey where there are
-// none.
+// Places are circles with their tokens, yellow if they have any and red if they are full.
+// Transitions are boxes with their firings, grey if they have none.
 std::string drawing(net const& model, result const& made) {
-    // Layers show the flow but take minutes to find in a large net; nslimit bounds
-    // the search in others.
+    // A layered drawing shows the flow, but takes minutes for a large net. nslimit bounds
+    // the search for smaller ones.
     constexpr std::size_t most_in_layers = 400;
     char const* const layout =
         model.arcs() <= most_in_layers ? "nslimit=2" : "layout=sfdp; overlap=prism";

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a run is told in: a report to read, JSON for programs, a drawing.
+// The results of a run: a report to read, JSON for programs, a drawing.
 #ifndef OVEL_NET_REPORT_H
 #define OVEL_NET_REPORT_H
 
@@ -14,12 +14,12 @@ namespace ovel_net {
 // Which places have no room for a firing that would put tokens there.
 std::vector<bool> full_places(net const& model, result const& made);
 
-// A page of text. With `explain` it says what each transition waits for.
+// A page of text. With `explain` it says what each transition is waiting for.
 std::string report(net const& model, result const& made, bool explain);
 
-// One JSON object, with what proves that no token was lost: the initial marking,
-// the firings of each transition, the final marking. With `explain` also the tokens
-// and slots that each transition lacks.
+// One JSON object. It proves that no token was lost: the initial marking, the firings of
+// each transition, the final marking. With `explain` it also has the tokens and slots
+// that each transition lacks.
 std::string json(net const& model, result const& made, bool explain);
 
 // The net with its final marking and firing counts, in Graphviz's language.

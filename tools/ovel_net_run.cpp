@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Each token carries a serial number, its identity. A firing passes tokens from its input
 // places to its output places in the order of its arcs. If it puts more than it takes, it
-// makes new ones; if it takes more, the surplus ends. At the end the marking must follow
-// from the firings, and no identity may occur twice.
+// creates new ones; if it takes more, the surplus ends. At the end the marking must
+// follow from the firings, and no identity may occur twice.
 //
-// Firings run on the net's threads, several of one transition at a time. What they share is
-// atomic. The net's own lock and its stop order everything else.
+// Firings run on the net's threads, several firings of one transition at a time. They
+// share only atomic variables. The net's own lock, and stopping the net, order everything
+// else.
 #include "ovel_net_run.h"
 #include "ovel_net_failure.h"
 #include "ovel_petri_net.h"
@@ -25,14 +26,14 @@ using serial = std::uint64_t;
 
 constexpr unsigned int stack_size = 524288;
 
-// Where a run ends that doesn't come to rest. Firings ask to be admitted; those
-// dispatched before the limit was reached and not admitted any more leave their
-// tokens where they are, so that the limit is met exactly.
+// The limit on firings, for runs that do not come to rest. Firings ask to be admitted.
+// Those that were dispatched before the limit was reached but are not admitted leave
+// their tokens where they are. So a run meets the limit exactly.
 class limit {
 public:
     explicit limit(std::uint64_t firings) : _left(static_cast<std::int64_t>(firings)) {}
 
-    // Relaxed, for the counter publishes nothing but itself.
+    // Relaxed: the counter publishes nothing else.
     bool admit() {
         std::int64_t const left = _left.fetch_sub(1, std::memory_order_relaxed);
         if (left == 1)
@@ -40,7 +41,7 @@ public:
         return left > 0;
     }
 
-    // The limit is reached now. Any thread may call it while the net runs.
+    // Sets the limit to what has been reached. Any thread may call it while the net runs.
     void close() {
         _closed.store(true, std::memory_order_relaxed);
         _left.store(0, std::memory_order_relaxed);
@@ -54,7 +55,7 @@ public:
         return _closed.load(std::memory_order_relaxed);
     }
 
-    // While the net is stopped.
+    // Call it while the net is stopped.
     void apply_to(ovel::petri_transition* transition) {
         _transitions.push_back(transition);
     }
@@ -65,7 +66,7 @@ private:
             each->deactivate();
     }
 
-    std::atomic<std::int64_t> _left;  // firings that may still begin; 0 or less: none
+    std::atomic<std::int64_t> _left;  // firings that may still begin; none if 0 or less
     std::atomic<bool> _closed = false;
     std::vector<ovel::petri_transition*> _transitions;
 };
@@ -82,7 +83,7 @@ public:
             _outputs.push_back({nullptr, each.weight});
     }
 
-    // Makes the arcs; `places` are the net's, in the model's order.
+    // Makes the arcs. `places` are the net's, in the model's order.
     void connect(ovel::petri_net& net, ovel_net::transition const& model,
                  std::vector<ovel::petri_place*> const& places) {
         for (std::size_t i = 0; i < _inputs.size(); ++i)
@@ -109,11 +110,11 @@ public:
 
 private:
     struct end {
-        ovel::petri_place* place;  // set by the net, which knows the arc by its address
+        ovel::petri_place* place;  // set by the net, which stores the arc's address
         unsigned int weight;
     };
 
-    // Until the time of the run is up, be the work done or not.
+    // Computes for the requested time, but not beyond the end of the run.
     void _compute() const {
         ovel::trace::scope const here("compute");
         ovel::time_base const end = ovel::time_base::now() + _work;
@@ -152,7 +153,7 @@ private:
     }
 
     char const* const _name;   // the model's
-    std::vector<end> _inputs;  // never resized once there are arcs
+    std::vector<end> _inputs;  // not resized once arcs exist
     std::vector<end> _outputs;
     ovel::time_base const _work;
     limit& _limit;
@@ -213,15 +214,15 @@ result machine::run(observer const& observe) {
     return made;
 }
 
-// The initial marking, while the net is stopped.
+// Puts the initial marking while the net is stopped.
 void machine::_mark() {
     for (std::size_t i = 0; i < _places.size(); ++i)
         for (unsigned int sent = 0; sent < _model.places[i].initial; ++sent)
             _net.send(_places[i], _next.fetch_add(1, std::memory_order_relaxed));
 }
 
-// Starts the net and stops it when it rests, when its time is up or when the observer ends
-// it. The limit on firings works by itself. Returns how long the net ran.
+// Starts the net. Stops it when it comes to rest, when its time is up, or when the
+// observer ends it; the limit on firings works by itself. Returns how long the net ran.
 double machine::_fire(observer const& observe) {
     constexpr double look = 0.1;  // seconds between two looks at the net
     ovel::trace::name_thread("main");
@@ -241,7 +242,7 @@ double machine::_fire(observer const& observe) {
     return elapsed();
 }
 
-// Takes all tokens out and counts them, a place after the other.
+// Takes out all tokens and counts them, place by place.
 std::vector<serial> machine::_collect(std::vector<unsigned int>& marking) {
     std::vector<serial> tokens;
     ovel::any token;
@@ -254,7 +255,7 @@ std::vector<serial> machine::_collect(std::vector<unsigned int>& marking) {
     return tokens;
 }
 
-// Each token must be one that was made, once.
+// Each token must have been created, and exists only once.
 void machine::_verify(result const& made, std::vector<serial> tokens) const {
     verify_marking(_model, made);
     std::sort(tokens.begin(), tokens.end());
@@ -298,7 +299,7 @@ void verify_marking(net const& model, result const& made) {
                                  std::to_string(expected[i]));
 }
 
-// A limit that struck just when the net came to rest didn't stop it.
+// A limit reached just as the net came to rest did not stop it.
 outcome judge(net const& model, result const& made, bool limited) {
     outcome end = outcome::dead;
     for (transition const& each : model.transitions) {

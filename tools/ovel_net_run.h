@@ -19,7 +19,7 @@ enum class outcome {
     stopped  // a limit ended the run while some transition was enabled
 };
 
-// As "dead".
+// The name of an outcome, for example "dead".
 char const* name_of(outcome end);
 
 // How a run ended. Each vector is in the order of the net's places or transitions.
@@ -33,26 +33,26 @@ struct result {
 
     std::uint64_t total_firings() const;
 
-    // Whether the arc's transition finds no room in the place at its end.
+    // Whether the place at the arc's end has no room for the arc's transition.
     bool refuses(arc const& output) const {
         return capacities[output.place] - marking[output.place] < output.weight;
     }
 };
 
-// The marking must follow from the firings; a `failure` otherwise.
+// Throws a `failure` unless the marking follows from the firings.
 void verify_marking(net const& model, result const& made);
 
-// What the marking says. A net that no limit stopped must be at rest; a `failure` otherwise.
+// Derives the outcome from the marking. Throws a `failure` if a net that no limit stopped
+// is not at rest.
 outcome judge(net const& model, result const& made, bool limited);
 
-// Called from time to time during a run with the seconds so far and the firings.
-// Returns whether to go on; false is a limit too.
+// Called now and then during a run with the elapsed seconds and the firings. Returns
+// whether to continue; false counts as a limit.
 using observer = std::function<bool(double, std::uint64_t)>;
 
-// Runs `model` until it comes to rest or a limit of `chosen` stops it. Blocks
-// until then. Throws a `failure` when the tokens left don't add up. Each firing is a
-// scope that a recorder records; its name is that of the transition in `model`, by
-// address.
+// Runs `model` until it comes to rest or a limit of `chosen` stops it, and blocks until
+// then. Throws a `failure` if the remaining tokens do not add up. Each firing is a scope
+// for a recorder; its name is the transition's name in `model`, with the same address.
 result run(net const& model, options const& chosen, observer const& observe);
 
 }  // namespace ovel_net

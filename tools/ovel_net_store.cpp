@@ -36,7 +36,7 @@ void add(std::vector<tool::arc>& arcs, std::vector<arc> const& from, bool input)
         arcs.push_back({each.place, input, each.weight});
 }
 
-// What the store says, with the places and transitions of the model.
+// The plan for the store, with the model's places and transitions.
 tool::plan plan_of(net const& model, options const& chosen) {
     tool::plan made{};
     made.store = chosen.store;

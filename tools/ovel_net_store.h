@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs a net in a database, as one of the processes that do.
+// Runs a net in a database, as one of several processes.
 #ifndef OVEL_NET_STORE_H
 #define OVEL_NET_STORE_H
 
@@ -11,8 +11,8 @@
 
 namespace ovel_net {
 
-// As `run`, in `chosen.store`; the result has the sums over all processes. Throws a
-// `failure` also where the store fails, or the library for it is not there.
+// Like `run`, in `chosen.store`. The result adds up all processes. Also throws a
+// `failure` if the store fails or its library is missing.
 result run_in_store(net const& model, options const& chosen, observer const& observe);
 
 // What the nets in a store are doing, as text.

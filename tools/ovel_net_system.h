@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the program asks of the system beyond the standard library.
+// What the program needs from the system beyond the standard library.
 #ifndef OVEL_NET_SYSTEM_H
 #define OVEL_NET_SYSTEM_H
 
@@ -8,31 +8,31 @@
 
 namespace ovel_net {
 
-// Whether a user watches the error stream.
+// Whether the error stream goes to a terminal.
 bool error_stream_is_terminal();
 
-// Unlike that of any other process alive.
+// Differs from that of every other running process.
 unsigned long process_identifier();
 
-// Creates a file for writing, never through what is already there. Null, with the
-// reason in `errno`, if that can't be.
+// Creates a file for writing, never through an existing one. On failure returns null and
+// sets `errno`.
 std::FILE* create_file(std::string const& name);
 
-// An empty file without a name, to be written and read. Null as above.
+// An empty, unnamed file for writing and reading. Null as above.
 std::FILE* scratch_file();
 
-// What reads as empty, and takes everything. Null as above.
+// A null device: reads as empty and accepts everything. Null as above.
 std::FILE* open_nothing();
 
-// Runs a program with one argument from one file to another, and what it says on
-// its error stream is lost. Whether its exit status was 0. Throws std::system_error
-// if it does not start.
+// Runs a program with one argument, input and output files, and discards its error
+// stream. Returns whether its exit status was 0. Throws std::system_error if it does not
+// start.
 bool run_program(char const* program, char const* argument, std::FILE* from, std::FILE* to);
 
-// The library of durable nets; null where there is none for the system.
+// The library of durable nets; null if the system has none.
 extern char const* const durable_library;
 
-// A function of a library, which is loaded and stays so. Null if that can't be had.
+// Loads a library, for good, and returns a function of it; null if either is missing.
 void* find_in_library(char const* library, char const* function);
 
 }  // namespace ovel_net

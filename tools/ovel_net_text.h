@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Numbers and names as every output of the program writes them.
+// How all outputs of the program write numbers and names.
 #ifndef OVEL_NET_TEXT_H
 #define OVEL_NET_TEXT_H
 
@@ -19,13 +19,13 @@ std::string counted(std::uint64_t number, std::string const& what);
 
 std::string decimals(double number, int places);
 
-// `text` after as many blanks as `width` asks for.
+// `text`, padded on the left to `width`.
 std::string right_aligned(std::string const& text, std::size_t width);
 
 // `text` with a backslash before each quotation mark and backslash.
 std::string escaped(std::string_view text);
 
-// A JSON string. The reader lets no control character through.
+// A JSON string. The reader has already replaced control characters.
 std::string json_string(std::string_view text);
 
 // The member "net" of each JSON object that the program prints.
@@ -34,7 +34,7 @@ std::string json_net(net const& model);
 // The first line of each report.
 std::string title(net const& model);
 
-// The name of a place or transition, with the id where that is another.
+// The name of a place or transition, followed by its id if that differs.
 template <class Node>
 std::string full_name(Node const& node) {
     return node.name + (node.name == node.id ? "" : " (" + node.id + ')');

@@ -154,8 +154,8 @@ class Printer:
         except (gdb.MemoryError, ValueError):
             return f"{type_.name}: {NOT_BUILT}"
         except gdb.error as problem:
-            # Of a class with virtual functions gcc describes the fields only where
-            # the first of these is defined, which is in the library.
+            # For a class with virtual functions, gcc describes the fields only where the
+            # first of those is defined, which is in the library.
             hint = "" if type_.fields() else ", compile with -femit-class-debug-always"
             return f"{type_.name}: {problem}{hint}"
 
@@ -219,7 +219,7 @@ class List(Container):
             raise ValueError
 
     def elements(self, size):
-        # A node is the two links and behind them the value.
+        # A node consists of the two links and then the value.
         value_type = self.value.type.strip_typedefs().template_argument(0)
         links = self.links()
         for _ in range(size):
@@ -237,8 +237,8 @@ class SkipList(Container):
             self.value["_head"].dereference().fetch_lazy()
 
     def elements(self, size):
-        # Links that lead forward lie behind a head of two integers, and behind the
-        # back link and the level of a node, whose value lies before these.
+        # Forward links come after a head of two integers, or after the back link and the
+        # level of a node. The node's value comes before these.
         value_type = self.value.type.strip_typedefs().template_argument(0)
         pointer = gdb.lookup_type("char").pointer()
         step = pointer.sizeof

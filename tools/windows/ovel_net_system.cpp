@@ -14,13 +14,13 @@ namespace ovel_net {
 
 namespace {
 
-// The lines end as they are written: files are the same from every system.
+// Binary mode: files have the same line ends on every system.
 std::FILE* create(char const* name, int flags, char const* mode) {
     int const file = _open(name, flags | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE);
     return file == -1 ? nullptr : _fdopen(file, mode);
 }
 
-// For a program that is started.
+// Makes a file's handle inheritable by a started program.
 HANDLE inheritable(std::FILE* file) {
     auto* const handle = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file)));
     SetHandleInformation(handle, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
