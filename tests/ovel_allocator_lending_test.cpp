@@ -128,6 +128,16 @@ void at_end(void* kept) {
     delete static_cast<late*>(kept);
 }
 
+// What a thread's `at_destructors` deletes; one thread at a time. MinGW may free the memory of
+// thread_local variables before it destroys them, so it is not kept in one.
+late* kept = nullptr;
+
+struct at_destructors {
+    ~at_destructors() {
+        delete std::exchange(kept, nullptr);
+    }
+};
+
 // One key is older than the library's, which gives the thread's allocator back; the other is
 // younger, so its destructor finds the thread without an allocator.
 TEST(lending_test, destructors_of_a_thread_use_memory_and_leave_nothing) {
@@ -135,13 +145,15 @@ TEST(lending_test, destructors_of_a_thread_use_memory_and_leave_nothing) {
     ASSERT_EQ(pthread_key_create(&keys[0], at_end<true>), 0);
     ASSERT_EQ(pthread_key_create(&keys[1], at_end<false>), 0);
     auto const use = [](void* others, bool uses_before) {
-        static thread_local late kept{others};
-        static_cast<void>(&kept);
+        static thread_local at_destructors ends;
+        static_cast<void>(&ends);
+        kept = new late{others};
         pthread_setspecific(keys[0], new late{ovel_malloc(100)});
         pthread_setspecific(keys[1], new late{nullptr});
         if (uses_before)
             serving();
     };
+    serving();  // takes the default allocator, if this is the first to use memory
     allocator* const lent = fresh(serving);
     group.flush_allocator(false);
     std::size_t const size = allocator_support::allocated_size();
