@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The group allocation: small blocks, by one thread and between two, and the memory
-// that a million of them takes. The program calls the process's `malloc`, which
-// ./benchmark replaces with that of each peer in turn, or our functions.
+// The group allocation: small blocks, in one thread and between two, and the memory that
+// a million of them takes. The program calls either our functions or the process's
+// `malloc`, which ./benchmark replaces with each peer's in turn.
 #include "ovel_allocator_group.h"
 #include "ovel_allocator_recycler.h"
 #include "ovel_benchmark.h"
@@ -24,7 +24,7 @@ namespace {
 
 using ovel_benchmark::placement;
 
-constexpr std::size_t small = 64;  // bytes of a block where all are of one size
+constexpr std::size_t small = 64;  // bytes of a block if all have one size
 
 // The allocators to measure: the library's, where each thread has its own, ...
 struct ours {
@@ -59,7 +59,7 @@ struct systems {
     static void deallocate(void* memory) {
         std::free(memory);
     }
-    // Each allocator's way to return memory to the system.
+    // Returns memory to the system in the way of each allocator.
     static void recycle() {
         if (auto const collect = function<void(bool)>("mi_collect")) {
             collect(true);
@@ -67,11 +67,11 @@ struct systems {
                        function<int(char const*, void*, std::size_t*, void*, std::size_t)>(
                            "mallctl")) {
             control("thread.tcache.flush", nullptr, nullptr, nullptr, 0);
-            control("arena.4096.purge", nullptr, nullptr, nullptr, 0);  // 4096: of all
+            control("arena.4096.purge", nullptr, nullptr, nullptr, 0);  // 4096: all arenas
         } else if (auto const release = function<void()>("MallocExtension_ReleaseFreeMemory")) {
             release();
         } else if (auto const command = function<int(int, void*)>("scalable_allocation_command")) {
-            command(0, nullptr);  // 0: of all threads
+            command(0, nullptr);  // 0: all threads
         } else {
             malloc_trim(0);
         }
@@ -84,8 +84,8 @@ private:
     }
 };
 
-// The thread that allocates a block writes it, and the thread that frees it reads it, as in
-// a program.
+// As in a program, the thread that allocates a block writes it, and the thread that frees
+// it reads it.
 template <class Allocator>
 void* make(std::size_t bytes) {
     void* const memory = Allocator::allocate(bytes);
@@ -119,8 +119,8 @@ void pair(benchmark::State& state) {
     }
 }
 
-// A thousand blocks in use at a time. There are many orders, so that no processor learns
-// them. The figure is the time of one allocate/free pair.
+// A thousand blocks are in use at a time. There are so many orders that no processor
+// learns them. The figure is the time of one allocate/free pair.
 template <class Allocator>
 void random_order(benchmark::State& state) {
     constexpr std::size_t count = 1000;
@@ -148,9 +148,9 @@ void random_order(benchmark::State& state) {
         Counter(count, Counter::kIsIterationInvariantRate | Counter::kInvert);
 }
 
-// Two threads have a thousand blocks each and replace them one by one; after `passes`
-// times through they exchange all of them. So one in `passes` is freed by the thread
-// that did not allocate it. The figure is the blocks that both replace in a second.
+// Two threads have a thousand blocks each and replace them one by one. After `passes`
+// passes they exchange all of them. So one in `passes` blocks is freed by the thread that
+// did not allocate it. The figure is the blocks that both replace per second.
 template <class Allocator>
 void steady_exchange(benchmark::State& state, int passes) {
     constexpr std::size_t count = 1000;
@@ -186,7 +186,7 @@ void steady_exchange(benchmark::State& state, int passes) {
                             static_cast<std::int64_t>(count));
 }
 
-// Passes a million objects from one thread to another through a ring, and returns the
+// Passes a million objects from one thread to another through a ring. Returns the
 // seconds.
 template <class Owner, class Make, class UseUp>
 double hand_over(std::size_t total, Make const& make_one, UseUp const& use_one_up) {
@@ -198,7 +198,7 @@ double hand_over(std::size_t total, Make const& make_one, UseUp const& use_one_u
     std::vector<void*> ring(places);
     return ovel_benchmark::run_together(2, placement::pinned, [&](int me) {
         [[maybe_unused]] Owner const own;
-        std::size_t limit = 0;  // what the other's position is known to allow
+        std::size_t limit = 0;  // the other's position, as far as this thread knows it
         for (std::size_t next = 0; next != total; ++next) {
             if (me == 0) {
                 while (next - limit == places)
@@ -234,7 +234,7 @@ void empty_handed(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(handed));
 }
 
-// Bytes of the process that are in memory.
+// The process's resident memory in bytes.
 double resident() {
     std::ifstream file("/proc/self/smaps_rollup");
     std::string word;
@@ -249,8 +249,7 @@ struct footprint {
     double left;  // with all of them freed, and recycled
 };
 
-// In a process of its own, so that it reuses no other row's memory and no other row reuses
-// its.
+// Runs in a separate process, so that no row reuses memory of another row.
 template <class Allocator>
 footprint measure_million_blocks() {
     constexpr std::size_t count = 1'000'000;
@@ -323,7 +322,7 @@ void ovel_benchmark::register_rows() {
         register_contestant<systems>(name);
         return;
     }
-    // For good: the thread that ends the process keeps its own.
+    // Permanently: the thread that ends the process keeps its own.
     ovel::allocator_group::global()->acquire_allocator();
     register_contestant<ours>(name);
     timed_contestant("cross_thread", "floor", empty_handed);

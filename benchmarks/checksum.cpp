@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The group checksum: CRC-32 of blocks from some words to more than any cache holds.
+// The group checksum: CRC-32 of blocks from a few words to more than any cache holds.
 #include "ovel_benchmark.h"
 #include "ovel_crc32.h"
 
@@ -18,7 +18,7 @@
 
 namespace {
 
-// Contestants are functions of the bytes; the figure is the rate.
+// Contestants are functions of the bytes. The figure is the rate.
 template <class Checksum>
 void contestant(std::string const& row, std::string const& name, std::size_t size,
                 Checksum const& checksum) {

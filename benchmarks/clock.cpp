@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The group clock: what a reading costs, and a wait that ends at its deadline.
+// The group clock: the cost of a reading, and of a wait that ends at its deadline.
 #include "ovel_benchmark.h"
 #include "ovel_condition.h"
 #include "ovel_mutex.h"
@@ -18,7 +18,7 @@ namespace {
 
 using ovel_benchmark::placement;
 
-// One thread that reads over and over.
+// One thread that reads repeatedly.
 template <class Read>
 void read_alone(std::string const& row, std::string const& name, Read const& read) {
     ovel_benchmark::contestant(row, name, [read](benchmark::State& state) {
@@ -28,7 +28,7 @@ void read_alone(std::string const& row, std::string const& name, Read const& rea
     });
 }
 
-// Two threads that do; the figure is the readings of both in a second.
+// Two threads that read; the figure is the readings of both per second.
 template <class Read>
 void read_by_two(std::string const& row, std::string const& name, Read const& read) {
     ovel_benchmark::timed_contestant(row, name, [read](benchmark::State& state) {
@@ -51,15 +51,16 @@ double processor_time() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// A wait of 1.49 ms that ends at its deadline, made by `timeout(lock)`, where another
-// owner holds the lock. The figure is the processor time that each takes, of all threads.
+// A wait of 1.49 ms that ends at its deadline, made by `timeout(lock)` while another
+// owner holds the lock. The figure is the processor time that each wait takes, over all
+// threads.
 template <class Lock, class Timeout>
 void time_out(std::string const& row, std::string const& name, Timeout const& timeout) {
     ovel_benchmark::contestant(row, name, [timeout](benchmark::State& state) {
         Lock lock;
         lock.lock();
         constexpr auto span = std::chrono::microseconds(1490);
-        static_cast<void>(timeout(lock, span));  // starts what it needs
+        static_cast<void>(timeout(lock, span));  // starts everything that it needs
         double const start = processor_time();
         for (auto _ : state)
             if (timeout(lock, span))

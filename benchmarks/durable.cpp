@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The group durable: tokens of a net in a database, beside a worker written by hand for its
-// one table.
+// The group durable: tokens of a net in a database, next to a worker written by hand for
+// its single table.
 //
-// A member's transaction commits what it has fired and claims the next batch. So does the
-// worker: it deletes the rows it has worked on, inserts what came of them, and marks the next
-// rows as its own, in one transaction. The worker has no capacities, no takeover and no
-// structure; it is the bound.
+// A member's transaction commits what it has fired and claims the next batch. The worker
+// does the same: in one transaction it deletes the rows that it has worked on, inserts
+// the results, and marks the next rows as its own. The worker has no capacities, no
+// takeover and no structure; it is the bound.
 #include "ovel_benchmark.h"
 #include "ovel_durable.h"
 #include "ovel_durable_server.h"
@@ -36,7 +36,7 @@ struct run {
 };
 
 server& database() {
-    // On the loopback address, as from another machine; as durable as by default.
+    // On the loopback address, as from another machine, with the default durability.
     static server one("listen_addresses = '127.0.0.1'\nport = 54329\n");
     return one;
 }
@@ -50,7 +50,8 @@ std::string new_name() {
     return "net_" + std::to_string(++number);
 }
 
-// Fires all tokens from one place to another. The seconds that takes, from the first claim.
+// Fires all tokens from one place to another. Returns the seconds from the first claim
+// on.
 double fire(std::string const& url, run const& what) {
     std::string const name = new_name();
     ovel::durable::options chosen;
@@ -65,7 +66,7 @@ double fire(std::string const& url, run const& what) {
         auto const after = net.insert_place<std::string>("after", tokens.size());
         net.insert_transition("pass", from(before), to(after),
                               [](std::string token) { return token; });
-        net.explain();  // makes the net
+        net.explain();  // creates the net
     }
     return ovel_benchmark::run_together(static_cast<int>(what.members),
                                         ovel_benchmark::placement::anywhere, [&](int member) {
@@ -75,7 +76,7 @@ double fire(std::string const& url, run const& what) {
                                         });
 }
 
-// A connection to the server that runs statements prepared by their text.
+// A connection to the server, which runs prepared statements identified by their text.
 class link {
 public:
     link() : _connection(PQconnectdb(server_url().c_str())) {}
@@ -163,7 +164,7 @@ public:
     command(command const&) = delete;
     command& operator=(command const&) = delete;
 
-    // `row` is called for each.
+    // Calls `row` for each row.
     template <class Row>
     void run(std::vector<std::string> const& parameters, Row const& row) {
         for (std::size_t i = 0; i < parameters.size(); ++i)

@@ -3,7 +3,7 @@
 // contention.
 //
 // All contestants put a thread to sleep that waits for long. A lock that only spins is
-// useless when there may be more threads than processors.
+// useless if there may be more threads than processors.
 #include "ovel_benchmark.h"
 #include "ovel_benchmark_semaphores.h"
 #include "ovel_mutex.h"
@@ -102,15 +102,15 @@ struct nsync_mutex {
 };
 #endif
 
-// A lock in cache lines of its own, and on the heap, so that the compiler knows nothing
+// A lock on its own cache lines, and on the heap, so that the compiler knows nothing
 // about its address.
 template <class Lock>
 struct alignas(128) lonely {
     Lock lock;
 };
 
-// Inside and outside the critical section, any other code may have changed memory. So
-// nothing of the lock stays in registers.
+// Inside and outside the critical section, other code may have changed any memory. So no
+// part of the lock stays in registers.
 template <class Lock>
 void take_over_and_over(Lock& lock, benchmark::State& state) {
     benchmark::DoNotOptimize(&lock);
@@ -131,8 +131,8 @@ void pair(std::string const& row, std::string const& name) {
     });
 }
 
-// Beside a sleeping thread: in a process with only one thread, glibc's mutexes use no
-// locked instruction.
+// With a second, sleeping thread: in a process with only one thread, glibc's mutexes use
+// no locked instruction.
 template <class Lock>
 void pair_beside_a_thread(std::string const& row, std::string const& name) {
     ovel_benchmark::contestant(row, name, [](benchmark::State& state) {
@@ -145,7 +145,7 @@ void pair_beside_a_thread(std::string const& row, std::string const& name) {
     });
 }
 
-// The pair inside another one.
+// The pair nested in another one.
 template <class Lock>
 void reenter(std::string const& row, std::string const& name) {
     ovel_benchmark::contestant(row, name, [](benchmark::State& state) {
@@ -176,7 +176,7 @@ struct outcome {
     double least;  // the sections of the thread with the fewest, as a share of an equal part
 };
 
-// Threads that add to one number under the lock, again and again for some time.
+// Threads that repeatedly add to one number under the lock for some time.
 template <class Lock>
 outcome contend(contest const& how) {
     struct alignas(128) member {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The group nets: tokens that are worked on, on two processors.
+// The group nets: work on tokens, on two processors.
 #include "ovel_any.h"
 #include "ovel_benchmark.h"
 #include "ovel_petri_net.h"
@@ -31,7 +31,7 @@ double since(clock_type::time_point start) {
     return std::chrono::duration<double>(clock_type::now() - start).count();
 }
 
-// Computes. A turn takes the same time whatever other threads run.
+// Computes. A turn takes the same time, whatever other threads run.
 void compute(unsigned int turns) {
     std::uint32_t value = turns;
     for (unsigned int turn = 0; turn != turns; ++turn)
@@ -54,9 +54,9 @@ unsigned int turns_in_a_microsecond() {
     return turns;
 }
 
-// What every contestant of a row of chains does. `in_flight` tokens go through the
+// The work of every contestant in a row of chains. `in_flight` tokens go through the
 // stages, each of which works on one token at a time. A token that leaves the last stage
-// enters the first again, until it has done so `laps` times.
+// enters the first again, `laps` times.
 struct chain {
     unsigned int stages;
     unsigned int microseconds;  // of work on a token at a stage
@@ -70,7 +70,7 @@ struct chain {
     }
 };
 
-// Ours: a place before each transition; the place after the last is the first.
+// Ours: a place before each transition; the place after the last transition is the first.
 struct stage : ovel::petri_function {
     void operator()() override {
         ovel::any token;
@@ -200,7 +200,7 @@ double run_flow(chain const& what) {
     return since(start);
 }
 
-// The same with a source and a limit instead of a way back.
+// The same with a source and a limit instead of a cycle.
 double run_limited_flow(chain const& what) {
     tbb::flow::graph graph;
     int left = static_cast<int>(what.tokens());
@@ -233,7 +233,7 @@ double run_limited_flow(chain const& what) {
 }
 #endif
 
-// Tokens a second, or the share of two processors that the work on them takes.
+// Tokens per second, or the share of two processors that goes into the work on them.
 enum class figure { rate, share };
 
 void chain_contestant(std::string const& row, std::string const& name, chain const& what,
@@ -261,7 +261,7 @@ void chain_row(std::string const& row, chain const& what, figure shown = figure:
     chain_contestant(row, "thread per stage", what, shown, run_threads);
 }
 
-// One token that a thread of the program puts in and waits for.
+// One token that a thread of the program sends and waits for.
 
 void ask_net(benchmark::State& state) {
     stage through;
@@ -323,8 +323,8 @@ void ask_flow_and_help(benchmark::State& state) {
 }
 #endif
 
-// Philosophers round a table. Each takes both its forks at once, or waits until it
-// can, and puts them back, as often as it is hungry. The figure is meals a second.
+// Philosophers at a table. Each takes both forks at once, or waits until it can, and puts
+// them back, as often as it is hungry. The figure is meals per second.
 
 struct philosopher : ovel::petri_function {
     void operator()() override {
@@ -449,7 +449,7 @@ void philosophers_row(unsigned int guests) {
 
 constexpr int firings = 20'000;
 
-// Takes what is in its place, token by token.
+// Takes the tokens of its place, one by one.
 struct drain : ovel::petri_function {
     void operator()() override {
         ovel::any token;
@@ -466,7 +466,7 @@ ovel::petri_place* insert_drain(ovel::petri_net& net, drain& function, unsigned 
     return place;
 }
 
-// Fires until `tokens` are gone from each of the places, and shows the seconds that a
+// Fires until `tokens` are gone from each of the places, and reports the seconds that a
 // firing took.
 void run_drains(benchmark::State& state, ovel::petri_net& net, std::deque<drain> const& drains,
                 unsigned int tokens) {
@@ -486,7 +486,7 @@ void run_drains(benchmark::State& state, ovel::petri_net& net, std::deque<drain>
                                 static_cast<double>(drains.size());
 }
 
-// One transition fires; beside it are `places` that no arc leads to.
+// One transition fires next to `places` that no arc leads to.
 void fire_beside_places(benchmark::State& state, unsigned int places) {
     std::deque<drain> drains(1);
     ovel::petri_net net(processors, 0.0, stack_size);
@@ -496,7 +496,7 @@ void fire_beside_places(benchmark::State& state, unsigned int places) {
     run_drains(state, net, drains, firings);
 }
 
-// One transition fires; beside it are `arcs` to and from transitions that cannot.
+// One transition fires next to `arcs` to and from transitions that cannot fire.
 void fire_beside_arcs(benchmark::State& state, unsigned int arcs) {
     std::deque<drain> drains(1);
     std::deque<stage> idle(arcs / 2);

@@ -12,12 +12,13 @@ namespace ovel_benchmark {
 
 namespace {
 
-// A word alone in its cache line and in the adjacent one, which is fetched along with it.
+// A word alone in its cache line and in the adjacent one, which the processor fetches
+// with it.
 struct alignas(128) lonely_word {
     std::atomic<std::uint64_t> value = 0;
 };
 
-// The processors that the process may use. Taken once, before any thread is bound.
+// The processors that the process may use. Read once, before any thread is pinned.
 std::vector<int> const& processors() {
     static std::vector<int> const all = [] {
         cpu_set_t set;
@@ -32,7 +33,7 @@ std::vector<int> const& processors() {
     return all;
 }
 
-// In the processor's widest registers: narrower ones are slower than a cache.
+// Uses the processor's widest registers, because narrower ones are slower than a cache.
 [[gnu::target_clones("avx512f", "avx2", "default")]] std::uint64_t sum_of(
     std::uint64_t const* words, std::size_t count) {
     std::uint64_t sum = 0;
@@ -41,8 +42,8 @@ std::vector<int> const& processors() {
     return sum;
 }
 
-// Again and again, writes an odd number to `question`, which a thread on the other
-// processor answers with the next number in `answer`.
+// Repeatedly writes an odd number to `question`, which a thread on the other processor
+// answers with the next number in `answer`.
 void converse(benchmark::State& state, std::atomic<std::uint64_t>& question,
               std::atomic<std::uint64_t>& answer) {
     constexpr std::uint64_t over = ~std::uint64_t(0);
@@ -120,7 +121,7 @@ void read_memory(benchmark::State& state, std::size_t size) {
 }  // namespace ovel_benchmark
 
 int main(int argc, char** argv) {
-    ovel_benchmark::pin(0);  // has the processors counted
+    ovel_benchmark::pin(0);  // makes it count the processors
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the groups of benchmarks share: the registration of rows, threads that start
-// together, and the floors that no contestant can beat.
+// What the groups of benchmarks share: registering rows, threads that start together, and
+// floors that no contestant can beat.
 //
-// A group is one file, which defines `register_rows`; the frame's `main` calls it:
+// A group is one file, which defines `register_rows`; the `main` of ovel_benchmark.cpp
+// calls it:
 //
 //     void ovel_benchmark::register_rows() {
 //         contestant("uncontended_pair", "ovel", [](benchmark::State& state) {
@@ -51,8 +52,8 @@ benchmark::internal::Benchmark* contestant(std::string const& row, std::string c
         ->UseRealTime();
 }
 
-// The same for a `run` that measures itself, and reports with
-// `state.SetIterationTime(seconds)` in each iteration.
+// The same for a `run` that measures itself: it calls `state.SetIterationTime(seconds)`
+// in each iteration.
 template <class Run>
 benchmark::internal::Benchmark* timed_contestant(std::string const& row, std::string const& name,
                                                  Run&& run) {
@@ -60,14 +61,14 @@ benchmark::internal::Benchmark* timed_contestant(std::string const& row, std::st
         ->UseManualTime();
 }
 
-// The contestant that this process measures, if that depends on the libraries it was
-// started with: the environment's OVEL_BENCHMARK_CONTESTANT, or "ovel".
+// The contestant that this process measures, if that depends on the libraries loaded at
+// start: OVEL_BENCHMARK_CONTESTANT from the environment, or "ovel".
 std::string process_contestant();
 
-// Whether a thread is bound to one processor, or runs wherever the system puts it.
+// Whether a thread is pinned to one processor, or runs wherever the system schedules it.
 enum class placement { pinned, anywhere };
 
-// Binds the calling thread to the `member`-th processor of the process, modulo their
+// Pins the calling thread to the `member`-th processor of the process, modulo their
 // number, until the end of the scope.
 class pin {
 public:
@@ -77,10 +78,10 @@ public:
     pin& operator=(pin const&) = delete;
 
 private:
-    std::vector<unsigned char> _before;  // the mask to go back to
+    std::vector<unsigned char> _before;  // the mask to restore
 };
 
-// Runs `work(0)` to `work(members - 1)` on a thread each, which start together once all
+// Runs `work(0)` to `work(members - 1)` on one thread each. They start together once all
 // are ready. Returns the seconds from the start of the first to the end of the last.
 template <class Work>
 double run_together(int members, placement where, Work const& work) {
@@ -119,20 +120,20 @@ double run_together(int members, placement where, Work const& work) {
 
 // Floors, as contestants.
 
-// A cache line to a core that polls it and back: the least that a round trip between two
-// threads takes. An iteration is a round trip.
+// A cache line to a core that polls it, and back: the minimum for a round trip between
+// two threads. An iteration is a round trip.
 void line_round_trip(benchmark::State& state);
 
-// The same with one line for each direction, as with two semaphores: the thread that
-// writes a line and the thread that reads it both fetch it.
+// The same with one line per direction, as with two semaphores: the thread that writes a
+// line and the thread that reads it both fetch it.
 void two_lines_round_trip(benchmark::State& state);
 
-// Two locked additions to a word in the core's cache, as any acquire and release needs
-// them. An iteration is both.
+// Two locked additions to a word in the core's cache, the minimum for any acquire and
+// release. An iteration is both.
 void two_locked_additions(benchmark::State& state);
 
-// Reads `size` bytes of memory again and again and does nothing with them beyond what
-// keeps the compiler from dropping the reads. A rate in bytes.
+// Reads `size` bytes of memory repeatedly, and does only enough with them that the
+// compiler keeps the reads. A rate in bytes.
 void read_memory(benchmark::State& state, std::size_t size);
 
 }  // namespace ovel_benchmark

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Semaphores with one interface for the benchmarks: `units` at the start, `acquire` and
-// `release` whatever their own names are, and a default constructor.
+// `release`, and a default constructor.
 #ifndef OVEL_BENCHMARK_SEMAPHORES_H
 #define OVEL_BENCHMARK_SEMAPHORES_H
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The group parallel: divide and conquer, loops, and work that does not pay for a thread.
+// The group parallel: divide and conquer, loops, and work too small for a thread.
 #include "ovel_benchmark.h"
 #include "ovel_memory.h"
 #include "ovel_parallel.h"
@@ -35,8 +35,8 @@ using ovel_benchmark::contestant;
 
 constexpr unsigned int processors = 2;
 
-// The contestants. Each runs two functions side by side, children of a scope, and loops;
-// `enter` runs a function where that works best. All have `processors` threads that work.
+// The contestants. Each runs two functions in parallel, children of a scope, and loops;
+// `enter` runs a function where that works best. All have `processors` working threads.
 
 class ovel_way {
 public:
@@ -50,7 +50,7 @@ public:
     static void both(First const& first, Second const& second) {
         ovel::parallel_invoke(first, second);
     }
-    // Calls `child(i)` for i below `count`, side by side.
+    // Calls `child(i)` for i below `count` in parallel.
     template <class Child>
     static void children(unsigned int count, Child const& child) {
         ovel::task_scope here(*ovel::work_group::current());
@@ -283,7 +283,8 @@ void diffuse(std::vector<float>& from, std::vector<float>& to, std::size_t size,
     }
 }
 
-// Iterations of a length, in rounds of a chain of multiplications that takes 1.2 ns each.
+// Iterations of a given length, in rounds of a chain of multiplications that takes 1.2 ns
+// each.
 void spend(std::uint64_t rounds) {
     std::uint64_t state = rounds;
     for (std::uint64_t i = 0; i != rounds; ++i)
@@ -292,7 +293,7 @@ void spend(std::uint64_t rounds) {
 
 // Rows.
 
-// `work` is called for each contestant with its way as a type, inside its `enter`.
+// Calls `work` for each contestant, with the contestant as a type, inside its `enter`.
 template <class Way, class Work, class... Arguments>
 void row_of(std::string const& row, std::string const& name, Work const& work,
             Arguments... arguments) {
@@ -343,7 +344,8 @@ void submit_items() {
     group.join();
 }
 
-// What the promises alone take: libstdc++ makes a system call for each value that is set.
+// The cost of the promises alone: libstdc++ makes a system call for each value that is
+// set.
 void set_promises() {
     auto const set = [] {
         for (int i = 0; i != items / 2; ++i) {
@@ -367,7 +369,7 @@ void schedule_items() {
     group.acquire();
 }
 
-// Each child puts two further ones into the same scope, down to depth 0.
+// Each child runs two further ones in the same scope, down to depth 0.
 template <class Scope>
 void grow(Scope& here, unsigned int depth) {
     if (depth != 0)

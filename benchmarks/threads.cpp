@@ -55,9 +55,9 @@ public:
     std::function<void()> reschedule;
 };
 
-// The pools that are measured. Any thread may call `schedule`, also a running item. A
-// greater priority goes first if the pool has an order. `finish` returns when everything
-// that was scheduled has run; nothing is scheduled meanwhile.
+// The measured pools. Any thread may call `schedule`, including a running item. If the
+// pool has an order, greater priority goes first. `finish` returns when everything
+// scheduled has run; nothing is scheduled meanwhile.
 
 class ovel_pool {
 public:
@@ -76,7 +76,7 @@ private:
     ovel::thread_group _group;
 };
 
-// An item in a pool with priorities. Of equal ones the first scheduled goes first.
+// An item in a pool with priorities. Among equals, the first scheduled goes first.
 struct entry {
     piece* work;  // null: a worker that takes it ends
     unsigned int priority;
@@ -134,7 +134,7 @@ private:
 
 #if defined(OVEL_PEER_TBB)
 
-// The waiting thread works as well, and counts among the `threads`.
+// The waiting thread works too, and counts among the `threads`.
 class task_group_pool {
 public:
     explicit task_group_pool(unsigned int threads)
@@ -332,9 +332,9 @@ void register_pieces(std::string const& name, load what) {
 #endif
 }
 
-// Single runs: a thread gets a function and runs it, and the caller waits for it.
+// Single runs: a thread gets a function and runs it while the caller waits.
 
-// Notes when it began.
+// Records when it began.
 class begin_note : public ovel::thread_function {
 public:
     void operator()() override {
@@ -423,9 +423,9 @@ private:
 
 #endif
 
-// `count` of them at a time, each started and then each joined; the figure is one's
-// share of the time from the first start to the last join or, with `begin`, the time
-// from a start to the first instruction.
+// Starts `count` of them and then joins each. The figure is the time per run from the
+// first start to the last join or, with `begin`, the time from a start to the first
+// instruction.
 template <class Run>
 void run_empty(std::string const& row, std::string const& name, std::size_t count, bool begin) {
     ovel_benchmark::timed_contestant(row, name, [count, begin](benchmark::State& state) {
@@ -447,7 +447,7 @@ void run_empty(std::string const& row, std::string const& name, std::size_t coun
                 sum += work[i].begun - starts[i];
             return std::chrono::duration<double>(sum).count();
         };
-        once();  // a first run creates what the later ones use again
+        once();  // a first run creates what later ones reuse
         for (auto _ : state)
             state.SetIterationTime(once() / static_cast<double>(count));
     });
@@ -465,7 +465,7 @@ void register_runs(std::string const& row, std::size_t count, bool begin) {
     ovel_benchmark::contestant(row, "floor", ovel_benchmark::line_round_trip);
 }
 
-// A thread that the pool cannot lend: no idle one has as large a stack.
+// A thread that the pool does not have: no idle one has a stack as large.
 void first_run(benchmark::State& state) {
     static unsigned int stack_size = 65536;
     begin_note work;

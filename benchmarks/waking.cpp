@@ -38,9 +38,9 @@ double seconds_between(clock_type::time_point from, clock_type::time_point to) {
     return std::chrono::duration<double>(to - from).count();
 }
 
-// Conditions with their mutexes: `wait_until(ready)` returns once `ready()` is true,
-// which only `change(make)` may bring about; that calls `make()` under the mutex and
-// then wakes one waiter, or all.
+// Conditions with their mutexes. `wait_until(ready)` returns once `ready()` is true. Only
+// `change(make)` may make it true: it calls `make()` under the mutex and then wakes one
+// waiter, or all.
 
 template <class Mutex, class Condition, unsigned int spin = 1024>
 class ovel_condition {
@@ -164,7 +164,7 @@ private:
 };
 #endif
 
-// A semaphore of the system, as an open file.
+// A semaphore of the system that is an open file.
 class event_descriptor {
 public:
     event_descriptor() = default;
@@ -261,7 +261,7 @@ struct dialogue {
     }
 };
 
-// One after the other, the two threads on processors 0 and `answers_on`.
+// The two threads take turns on processors 0 and `answers_on`.
 template <class Semaphore>
 void round_trip(std::string const& row, std::string const& name, int answers_on) {
     ovel_benchmark::contestant(row, name, [answers_on](benchmark::State& state) {
@@ -277,7 +277,7 @@ void round_trip(std::string const& row, std::string const& name, int answers_on)
     });
 }
 
-// The thread that answers has had nothing to do for 200 us.
+// The answering thread has had nothing to do for 200 us.
 template <class Semaphore>
 void round_trip_after_a_pause(std::string const& row, std::string const& name) {
     ovel_benchmark::timed_contestant(row, name, [](benchmark::State& state) {
@@ -298,8 +298,8 @@ void round_trip_after_a_pause(std::string const& row, std::string const& name) {
     });
 }
 
-// Four pairs at once, wherever the system puts their eight threads. The figure is the
-// round trips of all in a second.
+// Four pairs at once, with their eight threads wherever the system puts them. The figure
+// is the round trips of all pairs per second.
 template <class Semaphore>
 void round_trips_at_once(std::string const& row, std::string const& name) {
     ovel_benchmark::timed_contestant(row, name, [](benchmark::State& state) {
@@ -324,9 +324,9 @@ void round_trips_at_once(std::string const& row, std::string const& name) {
     });
 }
 
-// The time from before the change for which `sleepers` threads wait, all asleep, until the
+// The time from before the change that `sleepers` threads wait for, all asleep, until the
 // last of them has continued. With `again`, threads that have continued wait for the next
-// change at once and so contend with the others for the mutex. Otherwise they do not.
+// change at once, and so compete with the others for the mutex.
 template <class Condition>
 void wake(std::string const& row, std::string const& name, int sleepers, bool again) {
     ovel_benchmark::timed_contestant(row, name, [=](benchmark::State& state) {
@@ -387,7 +387,7 @@ void wake(std::string const& row, std::string const& name, int sleepers, bool ag
                 may_wait.release();
         }
         change(true);
-    })->Iterations(100);  // what passes between two of them is not counted
+    })->Iterations(100);  // the time between two of them does not count
 }
 
 // Barriers, with `arrive` for a thread to meet the others.
@@ -491,8 +491,8 @@ void phases(std::string const& row, std::string const& name, int threads, placem
     });
 }
 
-// The bound of a phase of four threads when each wakes the next: three times the way of a
-// token from one to the next of four threads that sleep for it.
+// The bound for a phase of four threads in which each wakes the next: three times the
+// time that a token takes from one thread to the next among four that sleep for it.
 void three_wakings(benchmark::State& state) {
     constexpr int threads = 4;
     constexpr int rounds = 500;

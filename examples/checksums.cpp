@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // A pipeline over files: one transition reads, another computes checksums on all
-// processors, and the places between them bound how much is in memory. Prints the CRC-32,
-// the size and the name of each file of a folder; `gzip -lv` of a compressed file shows
-// the same CRC-32.
+// processors, and the places between them limit the memory in use. Prints the CRC-32, the
+// size and the name of each file in a folder; `gzip -lv` of a compressed file shows the
+// same CRC-32.
 //
 //     checksums FOLDER
 

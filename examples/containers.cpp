@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library's memory under containers. Each thread allocates from its own allocator
+// Containers on the library's memory. Each thread allocates from its own allocator
 // without a lock; blocks that another thread frees return to it.
 
 #include <ovel_allocator_support.h>
@@ -39,7 +39,7 @@ int main() {
         for (int const number : all)
             sum += number;
 
-        // The polymorphic containers take a resource, and pass it on to their elements.
+        // The polymorphic containers take a resource and pass it on to their elements.
         std::pmr::map<int, std::pmr::string> names(&memory);
         for (int i = 0; i < 100; ++i)
             names.emplace(i, "a name that is too long to lie within the string itself");

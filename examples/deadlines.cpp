@@ -47,7 +47,8 @@ int main() {
         expect(wait_for(changed, hold, 1h, [&] { return ready; }), "who waits is told in time");
     }
 
-    // Work that never ends by itself is asked to end. Work that waits behind it is dropped.
+    // Work that never ends by itself is asked to stop. Work that waits behind it is
+    // dropped.
     std::stop_source cancel;
     auto endless = group.submit([token = cancel.get_token()] {
         int rounds = 0;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Orders that are charged, packed and shipped by three processes, one of which dies and
-// comes back: each order is shipped once.
+// Three processes charge, pack and ship orders. One of them dies and comes back, and
+// still each order is shipped once.
 //
-// The net is in a file of SQLite; with another URL the processes may be on several machines.
-// A program builds the net, and names the transitions that it runs. The packer kills itself
-// in the middle of its third order, as a power cut would; the one that takes its place
-// repeats that order, with the key that it had before.
+// The net is in an SQLite file; with another URL the processes could run on several
+// machines. Each program builds the net and names the transitions that it runs. The
+// packer kills itself in the middle of its third order, as in a power failure. Its
+// replacement repeats that order with the same key.
 #include "ovel_durable.h"
 
 #include <spawn.h>
@@ -55,7 +55,7 @@ public:
           paid(net.insert_place<order>("paid", 2)),
           packed(net.insert_place<order>("packed", 2)),
           shipped(net.insert_place<order>("shipped", 100)) {
-        // A payment service that is given the key charges the customer once, whatever
+        // A payment service that gets the key charges the customer only once, whatever
         // happens between its answer and the commit.
         net.insert_transition(
             "charge", from(placed), to(paid), [](ovel::durable::key const& firing, order next) {
@@ -78,7 +78,7 @@ private:
     static ovel::durable::options settings() {
         ovel::durable::options chosen;
         chosen.threads = 1;
-        chosen.lease = 1;  // s until others take over what a dead process had claimed
+        chosen.lease = 1;  // seconds until others take over what a dead process had claimed
         chosen.poll = 0.2;
         return chosen;
     }
@@ -108,7 +108,7 @@ void work(char** arguments) {
 
 bool sell(char const* program, std::string const& store) {
     shop own(store, false);
-    // An order's number as the key: sending it again, even after a crash of this process,
+    // An order's number is the key: sending it again, even after a crash of this process,
     // would change nothing.
     for (int i = 1; i <= orders; ++i)
         own.placed.send({i, i % 2 == 0 ? "tea" : "coffee"},

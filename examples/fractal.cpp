@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// Draws the Mandelbrot set, in characters or, to a file, in grey:
+// Draws the Mandelbrot set as text, or in grey to a file:
 //
 //     fractal                    # 78 columns of text
 //     fractal picture.pgm 2000   # 2000 points wide
 //
-// A loop over the lines computes the points. Those in the middle take longest, so the loop
-// has to be divided as threads become free. A scope then blurs the picture in tiles, each a
-// child, and a reduction finds the brightest line. The test compares all of it with what one
-// thread computes.
+// A loop over the lines computes the points. Those in the middle take longest, so the
+// loop has to be divided whenever threads become free. Then a scope blurs the picture in
+// tiles, each a child, and a reduction finds the brightest line. The test compares all of
+// it with the result of one thread.
 
 #include <ovel_parallel.h>
 
@@ -33,7 +33,7 @@ struct picture {
 
     int width;
     int height;
-    std::vector<float> light;  // of each point, 0 to 1
+    std::vector<float> light;  // of each point, from 0 to 1
 };
 
 // How soon the point leaves the circle of radius 2; 0 for the set itself.

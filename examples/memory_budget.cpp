@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Work bounded by memory. A group has a budget of `space`, in a unit of your choice; each
-// work item states how much of it it occupies while it runs. Here the unit is a megabyte:
-// small jobs run in parallel, large ones wait until enough is free, and no mix of them ever
-// exceeds the budget, however many threads there are.
+// Work bounded by memory. A group has a budget of `space`, in a unit of your choice, and
+// each work item states how much of it the item occupies while it runs. Here the unit is
+// a megabyte. Small jobs run in parallel, large ones wait until enough is free, and no
+// mix of them ever exceeds the budget, however many threads there are.
 
 #include <ovel_work.h>
 
@@ -22,7 +22,7 @@ int main() {
             int const now = used += megabytes;
             int seen = most;
             while (seen < now && !most.compare_exchange_weak(seen, now)) {}
-            // A kilobyte stands for each megabyte, to be quick about it.
+            // Uses a kilobyte for each megabyte, to be fast.
             std::vector<char> const buffer(static_cast<std::size_t>(megabytes) << 10, 'x');
             used -= megabytes;
             return static_cast<int>(buffer.size() >> 10);

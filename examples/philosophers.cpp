@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// Philosophers who cannot deadlock. Each needs the two forks beside the plate. They would
-// deadlock if each took one and waited for the other. A transition takes all of its tokens
-// at once or none, so no philosopher ever holds a single fork, and no order is needed.
+// Philosophers who cannot deadlock. Each needs the two forks beside the plate. If each
+// took one and waited for the other, they would deadlock. A transition takes all of its
+// tokens at once or none, so no philosopher ever holds a single fork, and no order of the
+// forks is needed.
 
 #include <ovel_petri.h>
 
@@ -26,8 +27,8 @@ int main() {
     ovel::net table(philosophers);
     std::vector<ovel::place<fork_token>> forks;
     for (int i = 0; i < philosophers; ++i) {
-        // One transition takes a fork and puts it back. It reserves the slot for putting
-        // it back before it takes the fork: hence room for two.
+        // A transition takes a fork and puts it back. It reserves the slot for putting it
+        // back before it takes the fork, so the place needs room for two.
         forks.push_back(table.insert_place<fork_token>("fork " + std::to_string(i), 2));
         forks.back().send(fork_token());
     }

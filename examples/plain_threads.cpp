@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Threads that the program starts by itself, through the plain interface: one allocator
-// for each, for as long as the thread uses the library's memory, and what the threads
-// have left idle goes back to the system in the end.
+// Threads that the program starts itself, through the plain interface. Each has an
+// allocator while it uses the library's memory, and at the end the idle memory goes back
+// to the system.
 
 #include <ovel.h>
 
@@ -11,7 +11,7 @@
 
 namespace {
 
-// Sums up numbers from blocks that another thread has allocated, and frees them.
+// Sums up numbers from blocks that another thread allocated, and frees the blocks.
 class summing : public ovel::thread_function {
 public:
     explicit summing(std::vector<int*> const& blocks) : _blocks(blocks) {}
@@ -21,7 +21,8 @@ public:
             _sum += *block;
             ovel::allocator_support::deallocate(block);
         }
-        // The blocks are another thread's: hand them over now, not some day.
+        // The blocks belong to another thread: hand them over now instead of some time
+        // later.
         ovel::allocator_group::global()->flush_allocator(false);
     }
 
@@ -40,7 +41,7 @@ int main() {
     constexpr int blocks = 500000;
     ovel::allocator_group& allocators = *ovel::allocator_group::global();
 
-    // A thread of the program's own says when it begins and ends to use the library's memory.
+    // The program's own threads say when they start and stop using the library's memory.
     std::vector<int*> allocated;
     std::thread allocating([&] {
         allocators.acquire_allocator();
@@ -53,7 +54,7 @@ int main() {
     });
     allocating.join();
 
-    // The library's threads have an allocator each, and run a thread_function.
+    // Each of the library's threads has an allocator and runs a thread_function.
     summing work(allocated);
     ovel::thread_base helper;
     helper.schedule(work);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Producer and consumer with back-pressure, which is just the capacity of a place. A
-// producer that is faster than the consumer blocks in `send` once the place is full, so
-// the queue between them stays bounded.
+// Producer and consumer with back-pressure, which is simply the capacity of a place. If
+// the producer is faster than the consumer, it blocks in `send` once the place is full.
+// So the queue between them stays bounded.
 
 #include <ovel_petri.h>
 #include <ovel_work.h>
@@ -37,7 +37,7 @@ int main() {
     }
     net.join();
 
-    // Tokens that the consumer holds are on no shelf and not yet counted.
+    // The consumer holds tokens that are no longer on the shelf and not yet counted.
     bool const bounded = ahead <= room + 1;
     std::printf("%d orders, sum %lld, the producer was %s ahead\n", consumed.load(), sum,
                 bounded ? "never far" : "too far");

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Divide and conquer. The nodes of a tree are visited by all threads of a group: each node
-// opens a scope, its children run in that, and it waits for them, working meanwhile. A
-// loop over a table does the same with parts of a fixed length.
+// Divide and conquer. All threads of a group visit the nodes of a tree: each node opens a
+// scope, runs its children in it, and waits for them, working meanwhile. A loop over a
+// table does the same with parts of a fixed length.
 
 #include <ovel_parallel.h>
 
