@@ -1,11 +1,11 @@
-# How every target of the project is compiled. Nothing is set globally, so that
-# a project that adds this one as a subdirectory keeps its own flags.
+# How to compile every target of the project. Sets nothing globally, so a project
+# that adds this one as a subdirectory keeps its own flags.
 
-# What all code that runs in one process must agree on, GoogleTest's included.
+# Flags that all code in one process must share, including GoogleTest's.
 function(ovel_instrument target)
     if(CMAKE_SIZEOF_VOID_P EQUAL 4)
-        # The x87 registers would carry a double with more digits than memory
-        # does, and a comparison of two equal sums could tell them apart.
+        # An x87 register holds a double with more digits than memory does, so a
+        # comparison of two equal sums could tell them apart.
         target_compile_options(${target} PRIVATE -msse2 -mfpmath=sse)
     endif()
     if(OVEL_SANITIZE)
@@ -16,7 +16,7 @@ function(ovel_instrument target)
     endif()
 endfunction()
 
-# What the project's own code is held to.
+# Requirements for the project's own code.
 function(ovel_conventions target)
     ovel_instrument(${target})
     set_target_properties(${target} PROPERTIES
@@ -24,11 +24,11 @@ function(ovel_conventions target)
         CXX_STANDARD_REQUIRED ON
         CXX_EXTENSIONS OFF
         CXX_VISIBILITY_PRESET hidden)
-    # The prefix maps make the paths that failed checks print relative to the root, and
+    # The prefix maps make the paths in failed checks relative to the root, and
     # those in debug information the same on every machine.
     target_compile_options(${target} PRIVATE
         -Wall -Wextra -Wpedantic $<$<BOOL:${OVEL_WERROR}>:-Werror>
-        # gcc 12 takes the copies of a concatenation of strings for overlapping ones.
+        # gcc 12 wrongly reports overlapping copies when strings are concatenated.
         $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
         -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
         -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)

@@ -1,5 +1,5 @@
-# CPack packs a tarball in the order of the folders on this machine's disk, with this
-# user's name: packs it again by name, as root's.
+# CPack packs a tarball in the order of this machine's folders and with this user's
+# name. This packs it again, sorted by name and owned by root.
 foreach(package IN LISTS CPACK_PACKAGE_FILES)
     if(package MATCHES "[.]tar[.]gz$")
         set(folder ${package}.unpacked)

@@ -1,5 +1,5 @@
-# What is installed, in four components: runtime (the library), development (headers,
-# what finds them, and the variants for sanitizers), tools and documentation.
+# What to install, in four components: runtime (the library), development (headers,
+# files that help find them, and the sanitizer variants), tools and documentation.
 include(CMakePackageConfigHelpers)
 
 set(package ${CMAKE_INSTALL_LIBDIR}/cmake/ovel)
@@ -27,7 +27,7 @@ write_basic_package_version_file(ovelConfigVersion.cmake COMPATIBILITY SameMajor
 install(FILES ${PROJECT_BINARY_DIR}/ovelConfig.cmake ${PROJECT_BINARY_DIR}/ovelConfigVersion.cmake
     DESTINATION ${package} COMPONENT development)
 
-# Paths relative to where the file lies: an installed tree can be moved.
+# Paths are relative to the file's location, so an installed tree can be moved.
 set(pkgconfig ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH pkgconfig_prefix
     ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
@@ -40,9 +40,9 @@ foreach(variant IN LISTS ovel_variants)
         COMPONENT development)
 endforeach()
 
-# gdb loads the printers that lie beside the library, if the user has declared that
-# folder safe. Under /usr it has a folder of its own for them, which is safe by itself;
-# one beside the library would keep it from looking there.
+# gdb loads the printers next to the library if the user has declared that folder
+# safe. Under /usr it has a separate folder for them, which is always safe; a file
+# next to the library would keep gdb from looking there.
 if(type STREQUAL "SHARED_LIBRARY" AND NOT WIN32)
     set(libraries ${CMAKE_INSTALL_LIBDIR})
     foreach(variant IN LISTS ovel_variants)
@@ -65,7 +65,7 @@ endif()
 find_program(OVEL_GZIP gzip)
 mark_as_advanced(OVEL_GZIP)
 
-# Installs `source` in `folder` as `name`.gz: no name or time of its own is in it.
+# Installs `source` in `folder` as `name`.gz, without a name or time inside.
 function(ovel_install_compressed source folder name component)
     set(compressed ${PROJECT_BINARY_DIR}/${component}/${name}.gz)
     add_custom_command(OUTPUT ${compressed} VERBATIM
@@ -80,7 +80,7 @@ if(TARGET ovel-net)
     if(type STREQUAL "SHARED_LIBRARY" AND NOT WIN32)
         file(RELATIVE_PATH library_from_tool
             ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
-        # The path of the build would go into what the linker signs.
+        # The linker would include the build path in what it signs.
         set_target_properties(ovel-net PROPERTIES
             BUILD_RPATH_USE_ORIGIN ON
             INSTALL_RPATH $ORIGIN/${library_from_tool})

@@ -1,7 +1,7 @@
-# The targets of the library itself: the shared one, or with BUILD_SHARED_LIBS=OFF the
-# static one, and the shared one's variants for programs built with a sanitizer.
+# The targets of the library itself: the shared one, or with BUILD_SHARED_LIBS=OFF
+# the static one, and the shared one's variants for programs built with a sanitizer.
 
-# What all of them, and the objects of the static one, are built from and with.
+# The sources and flags that all of them, and the objects of the static one, share.
 function(ovel_build target)
     ovel_conventions(${target})
     target_sources(${target} PRIVATE ${ovel_sources} ${ovel_kernel_sources})
@@ -11,8 +11,8 @@ function(ovel_build target)
     ovel_publish(${target} PUBLIC)
     target_link_libraries(${target} PRIVATE Threads::Threads)
     if(NOT WIN32)
-        # No semantic interposition: no program replaces the library's
-        # functions, so it calls and inlines them directly.
+        # No semantic interposition: no program replaces the library's functions, so
+        # the library calls and inlines them directly.
         target_compile_options(${target} PRIVATE -fno-semantic-interposition)
     endif()
     if(OVEL_POISON)
@@ -21,7 +21,7 @@ function(ovel_build target)
     endif()
 endfunction()
 
-# What programs that use `target` need.
+# What programs that link `target` need.
 function(ovel_publish target scope)
     target_compile_features(${target} ${scope} cxx_std_20)
     target_include_directories(${target} ${scope}
@@ -29,7 +29,7 @@ function(ovel_publish target scope)
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/ovel>)
 endfunction()
 
-# A shared library, called ovel whatever its target.
+# A shared library called ovel, whatever the name of its target.
 function(ovel_add_shared target)
     add_library(${target} SHARED)
     ovel_build(${target})
@@ -40,11 +40,12 @@ function(ovel_add_shared target)
         SOVERSION ${PROJECT_VERSION_MAJOR}
         DEFINE_SYMBOL OVEL_BUILDING)
     if(WIN32)
-        # ovel.dll, and not by the compiler's custom libovel.dll.
+        # Names it ovel.dll instead of the compiler's usual libovel.dll.
         set_target_properties(${target} PROPERTIES PREFIX "")
     else()
-        # Symbolic functions, for the reason above. nodelete: the time server's thread
-        # runs until the process ends, so the code it runs must stay mapped that long.
+        # Symbolic functions, for the reason above. nodelete: the time server's
+        # thread runs until the process ends, so its code must stay mapped that
+        # long.
         target_link_options(${target} PRIVATE
             LINKER:--version-script=${PROJECT_SOURCE_DIR}/sources/ovel.map
             LINKER:-Bsymbolic-functions
@@ -54,7 +55,7 @@ function(ovel_add_shared target)
     endif()
 endfunction()
 
-# The static library is one object, in which the operators new and delete are as local
+# The static library is one object in which the operators new and delete are local,
 # as the version script makes them in the shared one.
 function(ovel_add_static target)
     if(WIN32)
@@ -68,7 +69,8 @@ function(ovel_add_static target)
     if(CMAKE_SIZEOF_VOID_P EQUAL 4)
         set(bits -m elf_i386)
     endif()
-    # Without groups: a local name in one would be discarded in favour of another's.
+    # Without groups: a group's local name could be discarded in favour of
+    # another's.
     add_custom_command(OUTPUT ${object} VERBATIM COMMAND_EXPAND_LISTS
         COMMAND ${CMAKE_LINKER} ${bits} -r --force-group-allocation -o ${object}
             $<TARGET_OBJECTS:${target}_objects>
@@ -83,8 +85,9 @@ function(ovel_add_static target)
     target_link_libraries(${target} INTERFACE Threads::Threads)
 endfunction()
 
-# The library instrumented for `sanitizer`, with the same name in a folder of its own.
-# The sanitizer's runtime is not linked: a program brings that of its own compiler.
+# The library instrumented for `sanitizer`, with the same name in a separate folder.
+# It does not link the sanitizer's runtime: a program brings that of its own
+# compiler.
 function(ovel_add_variant target sanitizer)
     set(OVEL_POISON OFF)
     if(sanitizer STREQUAL "address")

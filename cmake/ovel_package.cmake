@@ -1,11 +1,11 @@
-# Debian packages by component, with their debug symbols in packages of their own and the
-# documentation with what is documented, and one tarball of everything. Each has its
-# SHA-256 sum in a file beside it.
+# Debian packages by component, with separate packages for debug symbols and the
+# documentation in the package that it describes, and one tarball of everything.
+# Each has a file with its SHA-256 sum next to it.
 set(OVEL_MAINTAINER "ovel developers <ovel@example.org>" CACHE STRING
     "Maintainer of the packages, as the distributor is known to the users")
 
-# Everything in the packages is dated as the release is in the changelog, so that they are
-# the same each time that they are built.
+# Everything in the packages has the date of the release in the changelog, so every
+# build gives the same packages.
 file(STRINGS CHANGELOG.md released REGEX "^## \\[${PROJECT_VERSION}\\] - ")
 string(REGEX REPLACE "^.* - " "" released "${released}")
 execute_process(COMMAND date --utc --date ${released} +%s
@@ -80,7 +80,7 @@ Headers, and files for CMake and pkg-config.")
     set(durable_components durable durable_development)
 endif()
 
-# What each Debian package must have in its folder of documents.
+# The files that each Debian package must have in its documentation folder.
 foreach(component IN ITEMS runtime development tools ${durable_components})
     string(TOUPPER ${component} upper)
     if(OVEL_GZIP AND (NOT component STREQUAL "tools" OR TARGET ovel-net))

@@ -1,8 +1,8 @@
-# The programs in the documents are built and run: a page is as right as the code.
+# Builds and runs the programs in the documents, so that the pages stay correct.
 
-# Each ```cpp block of `page` with a `main` becomes a program and a test of it, named
-# after the page and the block's number. A ```text block that comes next, before
-# another block, is what the program prints.
+# Each ```cpp block of `page` with a `main` becomes a program and a test of it,
+# named after the page and the block's number. If a ```text block comes next, before
+# another block, it is the program's expected output.
 function(ovel_add_snippets page)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${page})
     cmake_path(GET page STEM stem)

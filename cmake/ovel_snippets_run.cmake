@@ -1,4 +1,4 @@
-# Runs PROGRAM, which must succeed and print what the file EXPECTED holds.
+# Runs PROGRAM, which must succeed and print the contents of the file EXPECTED.
 cmake_minimum_required(VERSION 3.25)
 
 execute_process(COMMAND ${PROGRAM} OUTPUT_VARIABLE output RESULT_VARIABLE status)

@@ -1,4 +1,5 @@
-# Sourced by ./run and ./test: installs the Debian packages that are missing.
+# ./run and ./test source this file: it installs the Debian packages that are
+# missing.
 
 as_root() {
     if [[ $EUID -eq 0 ]]; then
@@ -13,7 +14,7 @@ apt() {
         -o DPkg::Lock::Timeout=300 "$@" </dev/null
 }
 
-# Those of the packages named that are not installed.
+# Prints which of the named packages are not installed.
 missing_of() {
     local package
     for package in "$@"; do
@@ -22,10 +23,10 @@ missing_of() {
     done
 }
 
-# Installs what is missing of the packages named. A package of another
-# architecture is written NAME:ARCHITECTURE. With a release in `release` they are
-# taken from that, and so are those that they need: where another release's are
-# newer, apt finds no set for two architectures otherwise.
+# Installs the named packages that are missing. NAME:ARCHITECTURE names a package of
+# another architecture. If `release` is set, they and their dependencies come from
+# that release. Otherwise, where another release has newer versions, apt finds no
+# set for two architectures.
 require() {
     if ! command -v apt-get >/dev/null; then
         echo "== No apt-get here; expected to be installed: $*"
@@ -43,9 +44,9 @@ require() {
     apt install --no-install-recommends ${release:+-t "$release"} "${missing[@]}"
 }
 
-# Unpacks the sources of a Debian package, without Debian's changes, to the folder
-# named, from where the machine gets its packages. Neither its list of sources nor
-# its package lists are touched.
+# Unpacks the sources of a Debian package, without Debian's changes, into the named
+# folder, from where the machine gets its packages. Does not change the machine's
+# list of sources or its package lists.
 unpack_source() {
     local package=$1 folder=$2 state file
     [[ ! -e $folder ]] || return 0

@@ -1,5 +1,5 @@
-# Windows x86, 32 bits, built by Debian's cross compiler in the flavour that has
-# the standard threads. Its programs run under Wine.
+# Windows x86, 32 bits, with Debian's cross compiler in the variant that has the
+# standard threads. Its programs run under Wine.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86)
 set(CMAKE_C_COMPILER i686-w64-mingw32-gcc-posix)

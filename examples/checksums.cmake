@@ -1,5 +1,6 @@
-# Runs PROGRAM over FOLDER and compares each checksum with the one in a file that gzip
-# made, whose last eight bytes are the CRC-32 and the size, the lowest byte first.
+# Runs PROGRAM over FOLDER and compares each checksum with the one in a file made by
+# gzip. The last eight bytes of that file are the CRC-32 and the size, lowest byte
+# first.
 cmake_minimum_required(VERSION 3.25)
 
 execute_process(COMMAND ${PROGRAM} ${FOLDER} OUTPUT_VARIABLE output COMMAND_ERROR_IS_FATAL ANY)

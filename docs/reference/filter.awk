@@ -1,13 +1,13 @@
-# What Doxygen reads instead of a header: comments in its own notation. The headers'
-# own rules are shorter: a comment stands for all declarations up to the next blank
-# line. What is deleted is left out.
+# Converts a header for Doxygen: comments become Doxygen's notation. In the headers, a
+# comment applies to all declarations up to the next blank line. Leaves out deleted
+# functions.
 
 function indent_of(line) {
     match(line, /^ */)
     return RLENGTH
 }
 
-# A header's name is no tag, except in code.
+# Escapes `<` outside code, so that a header's name is not taken for a tag.
 function escaped(line,    parts, count, i, result) {
     count = split(line, parts, "`")
     for (i = 1; i <= count; ++i) {
@@ -24,7 +24,7 @@ BEGIN {
     begins = 1  # whether this line can begin a declaration
 }
 
-# The licence, which goes before what the header says of itself.
+# Skips the licence, which precedes the header's own comment.
 NR == first && /SPDX-License-Identifier/ {
     ++first
     next
@@ -71,13 +71,13 @@ NR == first && /SPDX-License-Identifier/ {
         if (comment != "" && here == depth)
             printf "%s", comment
     }
-    # Behind a member: about that member.
+    # A comment after a member describes that member.
     if (!in_body && !in_comment && classes > 0 && here == members[classes] && /;  +\/\/ /) {
         sub(/\/\/ /, "///< ")
     }
     in_comment = 0
 
-    # A body goes on until its brace at the declaration's own indentation.
+    # A body ends at the brace with the declaration's own indentation.
     if (in_body)
         in_body = here > body || text !~ /^ *\}/
     else if (text ~ /\{$/ && text !~ /(namespace|class|struct|enum|extern) [^(]*\{$/) {
