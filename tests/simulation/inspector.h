@@ -13,8 +13,10 @@
 #include "ovel_guard.h"
 #include "ovel_petri_engine.h"
 #include "ovel_petri_net.h"
+#include "ovel_task.h"
 #include "ovel_thread.h"
 #include "ovel_thread_group.h"
+#include "ovel_work_queue.h"
 #include "simulation/simulation.h"
 
 #include <cmath>
@@ -106,6 +108,25 @@ struct ovel::detail::inspector {
         for (auto each = group._queue.begin(); each != group._queue.end(); ++each)
             fits = fits || (*each).third <= group._space;
         assure(!fits || crew.idle == 0 || crew.looking);
+    }
+
+    // The same of the crew of a work group.
+    static void check_crew(task_crew& crew) {
+        guard const hold(crew._mutex);
+        unsigned int searching = 0;
+        for (task_seat* each = crew._seats.load(); each != nullptr; each = each->_next)
+            searching += each->_searches;
+        assure(searching == (crew._searching ? 1u : 0u));
+        unsigned int asleep = 0;
+        bool idle = false;
+        for (task_seat* each = crew._sleepers; each != nullptr; each = each->_next_asleep) {
+            assure(each->_asleep);
+            ++asleep;
+            idle = idle || each->_awaited == nullptr;
+        }
+        assure(asleep == crew._asleep);
+        assure(crew._occupants != 0 || crew._space == crew._budget);
+        assure(!idle || crew._searching || !has_fitting_work(crew._queue, crew._space));
     }
 
     // The invariants of a net whenever its mutex is free.

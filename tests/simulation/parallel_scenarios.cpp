@@ -47,6 +47,7 @@ struct forest {
         assure(context.get() == &scope);
         context.set(before);
         ++runs;
+        detail::inspector::check_crew(detail::task_crew::current_seat()->crew());
     }
 
     void grow(unsigned int depth) {
