@@ -279,6 +279,37 @@ TEST(processor_test, a_mask_binds_a_thread_or_all_of_the_process) {
     EXPECT_EQ(SetThreadAffinityMask(GetCurrentThread(), all), all);
 }
 
+// A thread that sets its own mask, and one that starts, while the process is restricted.
+TEST(processor_test, no_thread_escapes_a_new_mask_of_the_process) {
+    DWORD_PTR const all = process_mask();
+    DWORD_PTR const one = all & (~all + 1);
+    static std::atomic<bool> restricted;
+    static std::atomic<int> escaped = 0;
+    auto const check = [](void* allowed) {
+        until([] { return restricted.load(); });
+        processor_set own;
+        escaped += !own.read(0) || !own.within(*static_cast<processor_set*>(allowed));
+        return 0u;
+    };
+    for (int round = 0; round != 50; ++round) {
+        processor_set first;
+        restricted = false;
+        auto threads = crew(2, [&](int member) {
+            if (member == 0)
+                return join(start(check, &first));
+            while (!restricted)
+                SetThreadAffinityMask(GetCurrentThread(), all);
+            check(&first);
+        });
+        EXPECT_NE(SetProcessAffinityMask(GetCurrentProcess(), one), 0);
+        EXPECT_TRUE(first.read(0));
+        restricted = true;
+        threads.clear();
+        EXPECT_NE(SetProcessAffinityMask(GetCurrentProcess(), all), 0);
+    }
+    EXPECT_EQ(escaped, 0);
+}
+
 TEST(processor_test, bits_are_processors_unless_none_of_the_first_32_is_allowed) {
     ovel::detail::processor_bits bits;
     processor_set some, high;
