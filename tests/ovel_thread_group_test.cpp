@@ -74,7 +74,6 @@ TEST(thread_group_test, rounding_of_spaces_does_not_shrink_the_group) {
     group.acquire();
 }
 
-// Each statement runs in a process of its own.
 TEST(thread_group_test, misuse_fails_the_checks) {
     char const* const file = "sources/ovel_thread_group.cpp";
     char const* const bounds = "time_ > 0 && space_ >= 0 && space_ <= _space";

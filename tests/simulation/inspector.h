@@ -82,7 +82,7 @@ struct ovel::detail::inspector {
         thread_element_group::_global._end_idle();
     }
 
-    // Gives back what the pool's list, now empty, keeps for the next threads.
+    // Frees the memory that the pool's list, now empty, keeps for the next threads.
     static void reset_pool() {
         auto& elements = thread_element_group::_global._elements;
         std::destroy_at(&elements);
@@ -140,7 +140,7 @@ struct ovel::detail::inspector {
             queued += each->queued();
             assure(each->_reentrant || each->_firing <= 1);
             assure(!each->queued() || each->enabled());
-            // Nothing is lost: what is enabled is queued, or examined when it ends.
+            // An enabled transition is queued, or examined when its firing ends.
             assure(!each->enabled() || each->queued() || each->_firing != 0 ||
                    !engine._is_running || engine._missed);
         }

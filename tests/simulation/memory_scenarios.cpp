@@ -27,8 +27,8 @@ namespace {
 
 using detail::inspector;
 
-// Memory that knows its address and size, so that freeing it detects a block that was
-// handed out twice or written by another owner.
+// A block that stores its address and size, so that freeing it detects a block that was handed
+// out twice or written by another owner.
 struct marked {
     marked* self;
     std::size_t size;
@@ -64,10 +64,9 @@ void give_back(std::vector<marked*> const& blocks) {
         give_back(one);
 }
 
-// Threads pass blocks to each other through a few places and free the ones they find
-// there, with their allocators switched off and on in between. Or they replace the same
-// blocks again and again, so that blocks of others wait to go home when a thread has run
-// out of its own.
+// Threads pass blocks to each other through a few places and free those that they find there.
+// In between they deactivate and activate their allocators. Or they replace the same blocks
+// repeatedly, so that a thread holds other owners' blocks when it has none left.
 void exchanges(unsigned int variant) {
     accounts const books(variant % 2);
     bool const replaces = variant / 2 == 1;
@@ -103,8 +102,7 @@ void exchanges(unsigned int variant) {
                     body();  // as another thread might, later
             });
     }
-    // The first thread frees what is left, and its allocator is the
-    // default one.
+    // The first thread frees the rest; it has the default allocator.
     for (detail::atomic<marked*>& place : places)
         give_back(place);
     assure(inspector::check_allocators().allocators <= 2 + thread_count);
@@ -120,8 +118,8 @@ marked* try_to_take(std::size_t size) {
     }
 }
 
-// Slots whose callbacks use memory at a thread's end, before and after that by which the
-// thread gives back what it was lent.
+// Slots whose callbacks use memory at a thread's end, before and after the callback that gives
+// its allocator back.
 DWORD at_end[2];
 
 template <unsigned int which>
@@ -130,8 +128,8 @@ void use_at_end(void* place) {
     give_back(static_cast<detail::atomic<marked*>*>(place)->exchange(try_to_take(100)));
 }
 
-// Threads that prepare for nothing exchange blocks and end, in any order. Now and then one
-// acquires an allocator for a while. In half of the variants memory runs out meanwhile.
+// Threads without any preparation exchange blocks and end, in any order. Some acquire an
+// allocator for a while. In half of the variants memory runs out meanwhile.
 void foreigners(unsigned int variant) {
     at_end[0] = FlsAlloc(use_at_end<0>);
     accounts const books(variant % 2);
@@ -178,8 +176,8 @@ void foreigners(unsigned int variant) {
     inspector::check_given_back();
 }
 
-// Two owners sleep and keep blocks of each other's; others free theirs, so that
-// both give chunks away, and with them what they kept, at the same time.
+// Two owners sleep while they hold blocks of each other. Others free the owners' blocks, so both
+// give up chunks, and hand over what they hold, at the same time.
 void sleepers(unsigned int variant) {
     accounts const books(variant);
     std::vector<marked*> blocks[2];
@@ -221,8 +219,8 @@ std::size_t reserve() {
     return inspector::check_allocators().reserve;
 }
 
-// The recycler's thread returns idle memory while others take and give chunks,
-// keeps about a mebibyte, and ends when it is told to, whenever that is.
+// The recycler's thread returns idle memory while others take and give chunks, keeps about a
+// mebibyte, and ends whenever it is asked to.
 void recycler(unsigned int variant) {
     accounts const books(variant % 2, true);
     if (variant / 2 == 1)

@@ -57,7 +57,7 @@ struct firing : petri_function {
                 pass(each);
         *used -= space;
         --inside;
-        // Nets that run in circles would never come to rest.
+        // Nets with cycles would never come to rest.
         if (fuel.fetch_sub(1) <= 1)
             transition()->deactivate();
     }
