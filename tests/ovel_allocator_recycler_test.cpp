@@ -52,6 +52,12 @@ TEST(recycler_test, a_fraction_is_returned_down_to_about_a_mebibyte) {
         recycler.recycle_capacity(none);
     EXPECT_EQ(inspector::capacity(), capacity);
 
+    // Of the least capacity since the last call, which set it to the current one.
+    recycler.recycle_minimum_capacity(0.0);
+    capacity -= each;
+    recycler.recycle_minimum_capacity(double(each) / double(capacity + each));
+    EXPECT_EQ(inspector::capacity(), capacity);
+
     recycler.recycle_capacity(7.0);
     EXPECT_LT(inspector::capacity(), 1048579u);
     EXPECT_GE(inspector::capacity() + each, 1048579u);

@@ -102,6 +102,7 @@ TEST(crc32_test, words_are_fed_most_significant_byte_first) {
     EXPECT_EQ(checksum(numbers, numbers + 2), both);
     EXPECT_EQ(checksum(words, words + 2), both);
     EXPECT_EQ(checksum(-2), checksum(bytes + 4, bytes + 8));
+    EXPECT_EQ(checksum(0xFFFFFFFE), checksum(-2));
 
     std::uintptr_t address = 0;
     std::vector<unsigned char> digits;

@@ -238,7 +238,8 @@ TEST(slot_test, a_slot_handed_out_again_reads_null) {
             EXPECT_EQ(TlsGetValue(former), nullptr);
             EXPECT_EQ(TlsSetValue(former, &others), 0);
             EXPECT_EQ(TlsGetValue(index), &value);
-            EXPECT_TRUE(elsewhere([=] { return TlsGetValue(index) == nullptr; }));
+            EXPECT_TRUE(elsewhere(
+                [=] { return TlsGetValue(index) == nullptr && TlsSetValue(index, nullptr) != 0; }));
             EXPECT_NE(TlsFree(index), 0);
             former = index;
         }
@@ -385,6 +386,28 @@ TEST(region_test, regions_fit_into_scarce_address_space) {
     for (void* const each : regions)
         if (each != nullptr)
             free_region(each);
+}
+
+TEST(registry_test, only_the_rate_of_the_processor_is_found) {
+    constexpr LONG file_not_found = 2;
+    constexpr LONG more_data = 234;
+    HKEY key;
+    char const path[] = "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0";
+    DWORD megahertz = 0;
+    DWORD size = sizeof megahertz;
+    auto const query = [&](HKEY from, char const* name) {
+        return RegQueryValueExA(from, name, nullptr, nullptr,
+                                reinterpret_cast<unsigned char*>(&megahertz), &size);
+    };
+    EXPECT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, "HARDWARE", 0, 0, &key), file_not_found);
+    ASSERT_EQ(RegOpenKeyExA(HKEY_LOCAL_MACHINE, path, 0, 0, &key), ERROR_SUCCESS);
+    EXPECT_EQ(query(key, "MHz"), file_not_found);
+    EXPECT_EQ(query(key, "~MHz"), ERROR_SUCCESS);
+    EXPECT_GT(megahertz, 100u);
+    size = 3;
+    EXPECT_EQ(query(key, "~MHz"), more_data);
+    EXPECT_EQ(RegCloseKey(key), ERROR_SUCCESS);
+    EXPECT_EQ(RegCloseKey(HKEY_LOCAL_MACHINE), file_not_found);
 }
 
 TEST(text_test, integers_are_written_without_leading_zeros) {

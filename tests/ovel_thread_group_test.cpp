@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 
 using namespace ovel;
@@ -72,6 +73,43 @@ TEST(thread_group_test, rounding_of_spaces_does_not_shrink_the_group) {
     group.schedule(whole, 1.0, 1.0);
     group.conclude();
     group.acquire();
+}
+
+// The loop of a worker without a crew, on fields of the caller's: an item that does not fit waits
+// until another one ends.
+TEST(worker_loop_test, it_runs_what_fits_and_ends_with_the_queue) {
+    mutex lock;
+    condition changed;
+    double space = 1.0;
+    bool concluded = false;
+    detail::thread_group_function_base::queue waiting;
+    detail::thread_group_function_base first(lock, changed, space, concluded, waiting);
+    detail::thread_group_function_base second(first);
+    std::atomic<int> ran = 0, used = 0;
+    task item([&] {
+        EXPECT_EQ(used.fetch_add(1), 0);
+        until(
+            [start = ovel::time::now()] { return (ovel::time::now() - start).seconds() > 0.001; });
+        --used;
+        ++ran;
+    });
+    thread_base threads[2];
+    threads[0].schedule(first);
+    threads[1].schedule(second);
+    for (thread_base& each : threads)
+        each.release();
+    for (int i = 0; i != 20; ++i) {
+        lock.acquire();
+        waiting.insert({&item, 1.0, 0.6});
+        concluded = i == 19;
+        lock.release();
+        changed.release_all();
+    }
+    for (thread_base& each : threads)
+        each.acquire();
+    EXPECT_EQ(ran, 20);
+    EXPECT_EQ(space, 1.0);
+    EXPECT_FALSE(first.runs_caller());
 }
 
 TEST(thread_group_test, misuse_fails_the_checks) {

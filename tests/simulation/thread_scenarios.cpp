@@ -218,6 +218,7 @@ void refused_blocks(unsigned int variant) {
         group->acquire();
         assure(runs == expected);
     }
+    refuse_blocks(1 + pick(24), 1 + pick(2));
     auto const other = retried([] { return std::make_unique<work_group>(1 + pick(2)); });
     retried([&] { return other->run([&] { ++runs; }); });
     auto result = retried([&] { return other->submit([&] { return ++runs; }); });
