@@ -77,18 +77,4 @@ TEST(exit_death_test, any_thread_may_end_the_process_while_all_others_use_the_li
         EXPECT_EXIT(exit_from(which), testing::ExitedWithCode(0), "^$") << static_cast<int>(which);
 }
 
-// The recycler's start races with the hook that ends it.
-TEST(exit_death_test, the_recycler_may_be_started_while_the_process_ends) {
-    auto const start_and_exit = [] {
-        std::thread([] {
-            ovel::allocator_recycler::global()->release(1.0);
-            for (;;)
-                std::this_thread::yield();
-        }).detach();
-        std::exit(0);
-    };
-    for (int round = 0; round != 10; ++round)
-        EXPECT_EXIT(start_and_exit(), testing::ExitedWithCode(0), "^$");
-}
-
 }  // namespace

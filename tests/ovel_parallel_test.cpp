@@ -3,7 +3,6 @@
 
 #include "ovel_parallel.h"
 
-#include "ovel_mutex.h"
 #include "ovel_semaphore.h"
 #include "ovel_std.h"
 #include "ovel_test.h"
@@ -13,7 +12,6 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <numeric>
 #include <stdexcept>
@@ -55,42 +53,6 @@ TEST_P(parallel_test, callers_inside_and_outside_get_the_same_answers) {
         EXPECT_EQ(work_group::current(), nullptr);
     });
     EXPECT_EQ(const_cast<std::future<int>&>(inside).get(), 2584);
-}
-
-// A waiter that ran anything but descendants would take the mutex a second time.
-TEST_P(parallel_test, waiting_under_a_lock_runs_nothing_that_takes_it) {
-    lockable<mutex> lock;
-    int rounds = 0;  // under lock
-    int parts = 0;   // under lock, by the parts' own mutex
-    lockable<mutex> inner;
-    auto const round = [&] {
-        std::lock_guard const hold(lock);
-        parallel_for(0, 4,
-                     [&](int begin, int end) {
-                         std::lock_guard const hold_inner(inner);
-                         parts += end - begin;
-                     },
-                     {.grain = 1});
-        ++rounds;
-    };
-    constexpr int each = 3000;
-    for (int i = 0; i != each; ++i)
-        group.run(round);
-    {
-        task_scope here(group);
-        for (int i = 0; i != each; ++i)
-            here.run(round);
-        here.wait();
-    }
-    group.run([&] {
-        task_scope here(group);
-        for (int i = 0; i != each; ++i)
-            here.run(round);
-        here.wait();
-    });
-    group.wait();
-    EXPECT_EQ(rounds, 3 * each);
-    EXPECT_EQ(parts, 3 * 4 * each);
 }
 
 // A child's child runs after it, not inside it, and a waiter runs only descendants.
