@@ -295,13 +295,15 @@ TEST(processor_test, no_thread_escapes_a_new_mask_of_the_process) {
     for (int round = 0; round != 50; ++round) {
         processor_set first;
         restricted = false;
-        auto threads = crew(2, [&](int member) {
+        std::atomic<int> sets = 0;
+        auto threads = crew(4, [&](int member) {
             if (member == 0)
                 return join(start(check, &first));
-            while (!restricted)
+            for (; !restricted; ++sets)
                 SetThreadAffinityMask(GetCurrentThread(), all);
             check(&first);
         });
+        until([&] { return sets > 100; });
         EXPECT_NE(SetProcessAffinityMask(GetCurrentProcess(), one), 0);
         EXPECT_TRUE(first.read(0));
         restricted = true;
