@@ -180,7 +180,7 @@ def plot(group, rows, file):
         bars = axis.barh([each.name for each in contestants], medians, color=colours,
                          xerr=spread, error_kw={"linewidth": 0.8, "capsize": 2})
         axis.bar_label(bars, [digits(median) for median in medians], padding=4, fontsize=7)
-        # Where the least would not be seen beside the most.
+        # If the smallest bar would be invisible next to the largest.
         logarithmic = min(medians) > 0 and max(medians) > 30 * min(medians)
         if logarithmic:
             axis.set_xscale("log")
