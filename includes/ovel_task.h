@@ -109,6 +109,8 @@ struct task_frame {
 // `_lock`.
 class task_seat {
 public:
+    // Bounds the memory of a seat: 8 KiB of slots with 64-bit words. A thread with so many
+    // waiting children runs further ones at once.
     static constexpr unsigned int capacity = 1024;
 
     task_seat(task_crew& crew, bool worker);
@@ -164,6 +166,8 @@ private:
     friend class task_crew;
     friend struct inspector;
 
+    // Slots for the children of children that run because the deque is full: 8 slots each
+    // for 8 nested runs.
     static constexpr unsigned int _reserve = 64;
 
     OVEL_EXPORT void _call();

@@ -28,6 +28,8 @@ char const key_name[] = "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0";
 // The counter's rate in hertz as the processor reports it, from its crystal and their
 // ratio, or as the hypervisor reports it; 0 if neither does.
 double rate_from_processor() {
+    // CPUID leaf 0x15: the crystal's rate is c, the counter's ratio to it b / a. Hypervisors
+    // report kilohertz in a leaf of their own range.
     unsigned int a, b, c, d;
     if (__get_cpuid_count(0x15, 0, &a, &b, &c, &d) && a != 0 && b != 0 && c != 0)
         return static_cast<double>(c) * b / a;

@@ -17,6 +17,7 @@ struct fiber {
     unsigned int uncaught_exceptions = 0;
 };
 
+// Enough for the library's frames without optimisation; one stack for each slot.
 inline constexpr std::size_t stack_bytes = std::size_t{256} << 10;
 inline constexpr unsigned int stack_count = 64;
 

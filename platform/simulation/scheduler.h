@@ -44,8 +44,8 @@ using threads_mask = std::uint64_t;
 
 inline constexpr std::uint64_t never = ~std::uint64_t{0};
 inline constexpr unsigned int slot_count = 64;
-inline constexpr unsigned int tls_count = 64;
-inline constexpr unsigned int fls_count = 8;
+inline constexpr unsigned int tls_count = 64;  // more than the library and a scenario use
+inline constexpr unsigned int fls_count = 8;   // likewise
 
 // A thread-local value and the index under which it was set.
 struct tls_entry {
