@@ -198,7 +198,7 @@ private:
     scope_base* _awaited = nullptr;
     task_seat* _next_asleep = nullptr;
     semaphore _wake{0, 0};  // a unit for each time it was taken off the list of sleepers
-    mutex _lock;
+    mutex _lock;            // guards _top and _frames, and orders thieves
     // The oldest slot that can hold a child. Guarded by _lock, like _frames. Relaxed: the
     // lock orders both; reads without it are hints.
     atomic<unsigned int> _top{0};
