@@ -399,7 +399,7 @@ void refusals_at_the_start(unsigned int) {
     net.send(scarce, 0);
     begin();
     net.release();
-    refuse_blocks(1 + pick(8), 1000);
+    refuse_blocks(1 + pick(8), 1 + pick(3));
     try {
         net.send(shared, 1);
     } catch (std::bad_alloc const&) {
