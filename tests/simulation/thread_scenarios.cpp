@@ -8,6 +8,7 @@
 #include "ovel_allocator_support.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
+#include "ovel_parallel.h"
 #include "ovel_semaphore.h"
 #include "ovel_thread.h"
 #include "ovel_thread_group.h"
@@ -222,8 +223,14 @@ void refused_blocks(unsigned int variant) {
     auto const other = retried([] { return std::make_unique<work_group>(1 + pick(2)); });
     retried([&] { return other->run([&] { ++runs; }); });
     auto result = retried([&] { return other->submit([&] { return ++runs; }); });
+    // This thread's first scope needs a seat.
+    retried([&] {
+        task_scope here(*other);
+        here.run([&] { ++runs; });
+        here.wait();
+    });
     other->wait();
-    assure(runs == 6 && result.get() >= 5);
+    assure(runs == 7 && result.get() >= 5);
     other->join();
 }
 
