@@ -13,8 +13,8 @@ namespace ovel {
 
 namespace detail {
 
-// The common part of both conditions. `Semaphore` is what their sleepers wait on. The
-// source file defines the members for both kinds.
+// The common part of both conditions. Their sleepers wait on a `Semaphore`. The source
+// file defines the members for both kinds.
 template <class Semaphore>
 class OVEL_EXPORT basic_condition {
 public:
@@ -22,15 +22,15 @@ public:
     basic_condition(basic_condition const&) = delete;
     basic_condition& operator=(basic_condition const&) = delete;
 
-    // Wakes one of the threads that wait, if any.
+    // Wakes one of the waiting threads, if any.
     void release_one() {
         // Relaxed: a thread that changed, under the mutex, what others wait for sees all
-        // of them counted, because each was counted before it gave the mutex up.
+        // of them counted, because each was counted before it released the mutex.
         if (_queued.load(std::memory_order_relaxed) != 0)
             _release_one();
     }
 
-    // Wakes every thread that waits at this moment.
+    // Wakes every thread that is waiting now.
     void release_all() {
         // Relaxed: as above.
         if (_queued.load(std::memory_order_relaxed) != 0)
@@ -42,13 +42,13 @@ protected:
     void _acquire_gate();
 
     semaphore _lock;  // guards _released, and decrements of _queued
-    // Threads that passed the gate and are not yet released. Written by arrivals
-    // under `_gate`, by releases and withdrawals under `_lock` with the gate closed.
+    // Threads that passed the gate and are not yet released. Arrivals write it under
+    // `_gate`; releases and withdrawals write it under `_lock` with the gate closed.
     detail::atomic<unsigned int> _queued{0};
     [[maybe_unused]] cacheline _between;
     unsigned int _released = 0;  // threads of the batch that have not left; under _lock
     semaphore _gate;             // taken from a batch's first release to its last departure
-    Semaphore _wait;             // where sleepers wait: one unit for each released
+    Semaphore _wait;             // sleepers wait here; one unit for each released thread
 
 private:
     friend struct inspector;
@@ -63,33 +63,33 @@ extern template class basic_condition<timed_semaphore>;
 
 }  // namespace detail
 
-// Conditions. A thread that holds a mutex waits with it until another calls
-// `release_one` or `release_all`; it gives the mutex up completely meanwhile, at
-// whatever depth it holds it, and holds it again in the same way when the wait
-// returns. Change what is waited for under the mutex, release before or after
-// giving the mutex up, and wait in a loop that looks again:
+// Conditions. A thread that holds a mutex waits with it until another thread calls
+// `release_one` or `release_all`. The wait releases the mutex completely, whatever its
+// depth, and takes it back in the same way before it returns. Change what is waited for
+// under the mutex, release the condition before or after releasing the mutex, and wait in
+// a loop that checks again:
 //
 //     lock.acquire();
 //     while (!ready)
 //         changed.acquire(lock);
 //     lock.release();
 //
-// A release wakes only threads that waited when it was called: a newcomer never
+// A release wakes only threads that were waiting when it was called: a newcomer never
 // takes their wake-up. A release that finds no waiting thread has no effect later. It
-// never waits for the caller's mutex, only for threads about to wait or to leave. Any
-// thread may call any operation. All threads that wait at one time use the same mutex.
-// What a thread wrote before a release is visible to the threads that it wakes. Not
-// checked: that the caller of a wait holds the mutex, and that no thread waits at
-// destruction.
+// never waits for the caller's mutex, only for threads that are about to wait or to
+// leave. Any thread may call any operation. All threads that wait at the same time use
+// the same mutex. What a thread wrote before a release is visible to the threads that it
+// wakes. Not checked: that the caller of a wait holds the mutex, and that no thread waits
+// at destruction.
 //
-// A constructor takes the spin count, the most polls before a waiting thread
-// sleeps: `default_spin` unless given.
+// A constructor takes the spin count, the most polls before a waiting thread sleeps:
+// `default_spin` by default.
 
 // Waits without a deadline, with any mutex of the library.
 class OVEL_EXPORT condition : public detail::basic_condition<semaphore> {
 public:
-    // Waiting threads poll `spin` times before they sleep, `default_spin` times unless
-    // given.
+    // A waiting thread polls `spin` times before it sleeps, by default `default_spin`
+    // times.
     condition();
     explicit condition(unsigned int spin);
 
@@ -114,7 +114,7 @@ private:
 // Waits until a deadline as well; its sleepers never spin.
 class OVEL_EXPORT timed_condition : public detail::basic_condition<timed_semaphore> {
 public:
-    // `spin` is for internal locks, `default_spin` unless given.
+    // `spin` is for internal locks, by default `default_spin`.
     timed_condition();
     explicit timed_condition(unsigned int spin);
 
@@ -129,15 +129,16 @@ public:
         lock.acquire(held, true);
     }
 
-    // Waits until released, and returns true, or until `deadline` has passed, and
-    // returns false. The caller holds `lock` again either way. The deadline is not
-    // looked at while the thread waits for an earlier batch to leave.
+    // Waits until released and returns true, or until `deadline` has passed and returns
+    // false. Either way the caller holds `lock` again. Ignores the deadline while the
+    // thread waits for an earlier batch to leave.
     template <class Mutex>
     [[nodiscard]] bool timed_acquire(Mutex& lock, time const& deadline) {
         return _timed_acquire(lock, deadline);
     }
 
-    // The same after at least so many milliseconds, 2147483647 at most. Reads no clock.
+    // The same, but gives up after at least this many milliseconds, at most 2147483647.
+    // Reads no clock.
     template <class Mutex>
     [[nodiscard]] bool timed_acquire(Mutex& lock, unsigned int milliseconds) {
         return _timed_acquire(lock, milliseconds);
@@ -157,7 +158,7 @@ private:
         return released;
     }
 
-    // Leaves after a wake-up, or after a deadline that passed without one.
+    // Leaves after a wake-up, or after its deadline has passed without one.
     void _release_gate(bool released);
 };
 

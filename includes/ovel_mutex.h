@@ -16,7 +16,7 @@ namespace ovel {
 
 namespace detail {
 
-// A mutex that is nothing but a semaphore of count 1.
+// A mutex that consists of a semaphore of count 1.
 template <class Semaphore>
 class plain_mutex {
 public:
@@ -37,15 +37,15 @@ public:
         _semaphore.release();
     }
 
-    // Takes the mutex back. With `block` false its semaphore is still taken, and only
-    // the records are restored.
+    // Takes the mutex back. With `block` false it only restores the records, because the
+    // semaphore is still taken.
     void acquire(state& saved, bool block) {
         if (block)
             saved.underlying->acquire();
     }
 
-    // Gives the mutex up, whatever its depth, and saves in `saved` how to take it
-    // back. With `unlock` false its semaphore stays taken.
+    // Releases the mutex, whatever its depth, and saves in `saved` how to take it back.
+    // With `unlock` false the semaphore stays taken.
     void release(state& saved, bool unlock) {
         saved.underlying = &_semaphore;
         if (unlock)
@@ -100,12 +100,12 @@ public:
         }
     }
 
-    // As those of `plain_mutex`; the depth is saved and restored with them.
+    // Like those of `plain_mutex`; they also save and restore the depth.
     void acquire(state& saved, bool block);
     void release(state& saved, bool unlock);
 
 protected:
-    // Counts one more entry of the caller, who is the owner.
+    // Counts one more acquisition by the caller, who is the owner.
     [[gnu::always_inline]] void _enter() {
         if (_depth != std::numeric_limits<unsigned int>::max())
             ++_depth;
@@ -121,7 +121,7 @@ protected:
     detail::atomic<unsigned long> _owner{0};
     [[maybe_unused]] cacheline _between;
     unsigned int _depth = 0;  // under _semaphore
-    Semaphore _semaphore;     // of count 1; guards _owner's changes and _depth
+    Semaphore _semaphore;     // of count 1; guards _owner and _depth
 
 private:
     friend struct inspector;
@@ -132,63 +132,64 @@ extern template class reentrant_mutex<timed_semaphore>;
 
 }  // namespace detail
 
-// The mutexes share one contract. `acquire` blocks until the caller owns the mutex.
-// `try_acquire` never blocks and returns whether the caller owns it. `timed_acquire`,
-// where there is one, gives up at an absolute deadline, but takes a free mutex even
-// if that has passed. `release` gives the mutex up; only the owner may call it, which
-// is not checked. Any thread may call the others. There is no first-come order. What an
-// owner wrote before `release` is visible to the next owner. With `release(state&, true)`
-// and `acquire(state&, true)` an owner gives a mutex up completely, whatever its depth,
-// and takes it back as it was; conditions do so around their wait.
+// All mutexes share one contract. `acquire` blocks until the caller owns the mutex.
+// `try_acquire` never blocks and returns whether the caller owns the mutex. The timed
+// kinds have `timed_acquire`, which gives up at an absolute deadline, but takes a free
+// mutex even if the deadline has passed. `release` releases the mutex; only the owner may
+// call it, which is not checked. Any thread may call the others. There is no first-come
+// order. What an owner wrote before `release` is visible to the next owner. With
+// `release(state&, true)` and `acquire(state&, true)` an owner releases a mutex
+// completely, whatever its depth, and takes it back as it was; conditions do so around
+// their wait.
 //
-// A constructor takes the spin count: how many pauses a waiting thread makes at most,
-// polling the mutex now and then, before it sleeps. After waits that spun in vain it sleeps
-// at once. The timed kinds never spin, whatever the spin count is.
+// A constructor takes the spin count: the most pauses that a waiting thread makes, with
+// polls of the mutex in between, before it sleeps. After waits that spun in vain it
+// sleeps at once. The timed kinds never spin, whatever the spin count is.
 
 // The ordinary lock: it spins, has no deadlines, and is not recursive.
 class mutex : public detail::plain_mutex<semaphore> {
 public:
-    // Free. `spin` is the spin count.
+    // Starts free. `spin` is the spin count.
     explicit mutex(unsigned int spin = detail::current_spin()) : plain_mutex(spin) {}
 };
 
 // A lock with deadlines, not recursive.
 class OVEL_EXPORT timed_mutex : public detail::plain_mutex<timed_semaphore> {
 public:
-    // Free. The spin count is ignored.
+    // Starts free and ignores the spin count.
     timed_mutex();
     explicit timed_mutex(unsigned int spin);
 
     // Acquires the mutex unless `deadline` passes first; returns whether it did.
     [[nodiscard]] bool timed_acquire(time const& deadline);
 
-    // The same with a limit in milliseconds: waits at least so long, and 2147483647 at most.
-    // Reads no clock.
+    // The same with a limit in milliseconds: waits at least this long, and at most
+    // 2147483647. Reads no clock.
     [[nodiscard]] bool timed_acquire(unsigned int milliseconds);
 };
 
 // A recursive lock that spins. It is free once its owner has released it as often as
-// acquired. Acquiring it again costs no locked instruction. 2^32 entries fail the check
-// "++_depth != 0".
+// acquired. Acquiring it again costs no locked instruction. Acquiring it 2^32 times fails
+// the check "++_depth != 0".
 class OVEL_EXPORT recursive_mutex : public detail::reentrant_mutex<semaphore> {
 public:
-    // Free. `spin` is the spin count.
+    // Starts free. `spin` is the spin count.
     recursive_mutex();
     explicit recursive_mutex(unsigned int spin);
 };
 
-// As `recursive_mutex`, with deadlines and without spinning.
+// Like `recursive_mutex`, with deadlines and without spinning.
 class OVEL_EXPORT timed_recursive_mutex : public detail::reentrant_mutex<timed_semaphore> {
 public:
-    // Free. The spin count is ignored.
+    // Starts free and ignores the spin count.
     timed_recursive_mutex();
     explicit timed_recursive_mutex(unsigned int spin);
 
     // Acquires the mutex unless `deadline` passes first; returns whether it did.
     [[nodiscard]] bool timed_acquire(time const& deadline);
 
-    // The same with a limit in milliseconds: waits at least so long, and 2147483647 at most.
-    // Reads no clock.
+    // The same with a limit in milliseconds: waits at least this long, and at most
+    // 2147483647. Reads no clock.
     [[nodiscard]] bool timed_acquire(unsigned int milliseconds);
 
 private:

@@ -26,22 +26,21 @@ class reentrant_mutex;
 
 // A counting semaphore that spins before it sleeps.
 //
-// `acquire` takes one unit and blocks until it has one; `release` gives one
-// back and never blocks. A unit has no owner: any thread may release what
-// another acquired. Any thread may call any operation. What a thread wrote
-// before `release` is visible to the thread that takes the unit. There is no
-// first-come order. Not detected: destroying a semaphore that a thread waits on,
-// and more units than an int can count. A failed kernel call ends the process
-// through `assure`.
+// `acquire` takes one unit and blocks until it has one; `release` returns one and never
+// blocks. A unit has no owner: any thread may release what another acquired. Any thread
+// may call any operation. What a thread wrote before `release` is visible to the thread
+// that takes the unit. There is no first-come order. Not detected: destroying a semaphore
+// that a thread waits on, and more units than an int can count. A failed system call ends
+// the process through `assure`.
 //
 //     semaphore ready(0, default_spin);
 //     ready.release();    // producer, after it has filled the slot
 //     ready.acquire();    // consumer, before it reads the slot
 class OVEL_EXPORT semaphore {
 public:
-    // Starts with `value` units (check "_value >= 0"). `spin` is the number of polls
-    // that a thread makes at most before it sleeps; with 0 it sleeps at once. A wait
-    // after others that polled in vain sleeps at once, too.
+    // Starts with `value` units (check "_value >= 0"). `spin` is the most polls that a
+    // thread makes before it sleeps; with 0 it sleeps at once. After waits that polled in
+    // vain, a wait also sleeps at once.
     semaphore(int value, unsigned int spin);
     ~semaphore();
     semaphore(semaphore const&) = delete;
@@ -53,7 +52,7 @@ public:
     // Takes a unit if one is available; never blocks.
     [[nodiscard]] bool try_acquire();
 
-    // Gives one unit back, which wakes a thread that waits for it. Never blocks.
+    // Returns one unit and wakes a thread that waits for it. Never blocks.
     void release();
 
 private:
@@ -67,39 +66,40 @@ private:
 
     friend class allocator;
 
-    // The kernel's half of one, null when memory is exhausted, and the whole around it.
+    // Creates the kernel's half of a semaphore (null if memory runs out), and the whole
+    // semaphore.
     static HANDLE _create();
     semaphore(int value, unsigned int spin, HANDLE created);
 
-    // `acquire` for a semaphore that never has more than one unit. Tries to take it
-    // without reading `_value` first: the read would wait for the locked instruction
-    // before it to complete, and the locked instruction after it for the read.
+    // `acquire` for a semaphore that never has more than one unit. It tries to take the
+    // unit without reading `_value` first: the read would have to wait for the preceding
+    // locked instruction, and the next locked instruction for the read.
     void _acquire_single();
 
     void _take();
     void _poll();
     void _acquire_contended();
 
-    // Gives back `count` units, 1 or more, with at most one system call.
+    // Returns `count` units, at least 1, with at most one system call.
     void _release(int count);
 
     [[maybe_unused]] cacheline _before;
-    // Units available; when negative, minus the number of threads committed to
-    // sleep and not yet woken.
+    // Units available. If negative, minus the number of threads committed to sleep and
+    // not yet woken.
     detail::atomic<int> _value;
     [[maybe_unused]] cacheline _between;
     unsigned int const _spin;
     HANDLE const _semaphore;  // its count: wake-ups posted and not yet taken
     union {
         [[maybe_unused]] cacheline _after;
-        detail::spin_memory _memory{};  // of threads that wait; the rest only keeps apart
+        detail::spin_memory _memory{};  // of threads that wait; the rest only separates cache lines
     };
 };
 
-// A counting semaphore that can wait until a deadline. Every operation goes to
-// the kernel. It never spins, whatever spin count it is given. It holds at most
-// 2147483647 units: releasing one more fails the check
-// "ReleaseSemaphore(_semaphore, 1, 0) != 0". Otherwise it is like `semaphore`.
+// A counting semaphore that can wait until a deadline. Every operation goes to the
+// kernel. It never spins, whatever its spin count. It holds at most 2147483647 units:
+// releasing one more fails the check "ReleaseSemaphore(_semaphore, 1, 0) != 0". Otherwise
+// it is like `semaphore`.
 class OVEL_EXPORT timed_semaphore {
 public:
     // Starts with `value` units (check "value >= 0").
@@ -114,14 +114,15 @@ public:
     // Takes a unit if one is available; never blocks.
     [[nodiscard]] bool try_acquire();
 
-    // Takes a unit, or returns false once `deadline` has passed without one. Takes
-    // an available unit even if the deadline has already passed.
+    // Takes a unit. Returns false if `deadline` passes without one. Takes an available
+    // unit even if the deadline has already passed.
     [[nodiscard]] bool timed_acquire(time const& deadline);
 
-    // The same after at least so many milliseconds, 2147483647 at most. Reads no clock.
+    // The same, but gives up after at least this many milliseconds, at most 2147483647.
+    // Reads no clock.
     [[nodiscard]] bool timed_acquire(unsigned int milliseconds);
 
-    // Gives one unit back, which wakes a thread that waits for it. Never blocks.
+    // Returns one unit and wakes a thread that waits for it. Never blocks.
     void release();
 
 private:
@@ -172,7 +173,7 @@ inline void semaphore::acquire() {
 
 inline bool semaphore::try_acquire() {
     for (;;) {
-        // Relaxed: if the value is stale, the exchange fails, or the caller is told what
+        // Relaxed: if the value is stale, the exchange fails, or the caller learns what
         // was true a moment ago.
         int value = _value.load(std::memory_order_relaxed);
         if (value <= 0) {

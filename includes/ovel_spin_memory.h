@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a synchronisation object remembers of the waits that spun on it. Clients do not use it.
+// Remembers how recent waits on a synchronisation object ended. Clients do not use it.
 #ifndef OVEL_SPIN_MEMORY_H
 #define OVEL_SPIN_MEMORY_H
 
@@ -9,20 +9,20 @@
 
 namespace ovel::detail {
 
-// Decides whether a wait should spin before it sleeps, from how recent ones ended.
+// Decides from the results of recent waits whether a wait should spin before it sleeps.
 //
-// Spinning helps only while another processor runs the thread that is waited for. Where
-// threads outnumber processors it keeps that thread from running. So after a wait has spun
-// in vain the next one sleeps at once, and after each further failure twice as many do, up
-// to `most`; then one spins again to find out. A success halves the number. An object whose
-// waits are mostly short therefore goes on spinning when one is long, and one whose waits are
-// mostly long spends little on it.
+// Spinning helps only while another processor runs the thread that is waited for. If
+// there are more threads than processors, it keeps that thread from running. So after a
+// wait has spun in vain, the next one sleeps at once, and after each further failure
+// twice as many do, up to `most`. Then one spins again to find out. A success halves the
+// number. So an object whose waits are mostly short keeps spinning after a long one, and
+// an object whose waits are mostly long spends little on spinning.
 //
-// Any number of threads may use it at once. Relaxed, and read and written in separate steps:
-// a decision that is lost to another thread's costs a needless poll, or saves one.
+// Any number of threads may use it at once. Relaxed, and read and written in separate
+// steps: losing a decision to another thread's costs a needless poll, or saves one.
 class spin_memory {
 public:
-    // Whether to spin now. One who does reports how it ended.
+    // Whether to spin now. A thread that spins then reports how it ended.
     bool should_spin() {
         unsigned int const state = _state.load(std::memory_order_relaxed);
         if (state % unit == 0)
@@ -43,11 +43,11 @@ public:
     }
 
 private:
-    static constexpr unsigned int most = 63;  // a vain spin of 25 us then costs 0.4 us a wait
+    static constexpr unsigned int most = 63;  // a vain spin of 25 us then costs 0.4 us per wait
     static constexpr unsigned int unit = 64;
 
-    // The waits that still sleep at once, and, times `unit`, how many did after the last
-    // failure.
+    // The number of waits that will still sleep at once, plus `unit` times the number
+    // that did so after the last failure.
     atomic<unsigned int> _state{0};
 };
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library's locks, conditions and deadlines in the terms of the standard library.
+// The library's locks, conditions and deadlines with the standard library's interfaces.
 //
 //     lockable<timed_mutex> lock;
 //     timed_condition changed;
@@ -14,8 +14,7 @@
 //     std::unique_lock hold(lock, 100ms);  // owns it, unless 100 ms passed before
 //     wait_for(changed, hold, 2s, [&] { return ready; });
 //
-// It stands beside the library and `ovel.h` does not include it, since it draws
-// <chrono> and <mutex> in.
+// `ovel.h` does not include this header, because it includes <chrono> and <mutex>.
 #ifndef OVEL_STD_H
 #define OVEL_STD_H
 
@@ -37,7 +36,7 @@ long double seconds_of(std::chrono::duration<Rep, Period> const& span) {
     return std::chrono::duration<long double>(span).count();
 }
 
-// Milliseconds, rounded up, for one wait; 0 for what has passed and for a NaN.
+// Milliseconds, rounded up, for one wait; 0 for a time in the past and for NaN.
 inline unsigned int whole_milliseconds(long double seconds) {
     if (!(seconds > 0))
         return 0;
@@ -46,12 +45,12 @@ inline unsigned int whole_milliseconds(long double seconds) {
     return static_cast<unsigned int>(std::ceil(seconds * 1000));
 }
 
-// How long it is from now to a point on a clock, for one wait: 0 once that has passed.
+// The time from now to a point on a clock, for one wait; 0 once it has passed.
 template <class Clock, class Duration>
 unsigned int milliseconds_until(std::chrono::time_point<Clock, Duration> const& point) {
     auto const now = Clock::now();
-    // In floating point, since the difference of two points need not fit theirs. Only
-    // where they are close, and do fit, is its rounding not good enough.
+    // In floating point, because the difference of two points may not fit their type. If
+    // they are close and it fits, floating point is not precise enough.
     long double const left =
         seconds_of(point.time_since_epoch()) - seconds_of(now.time_since_epoch());
     if (left > 1 || !(left > -1))
@@ -66,8 +65,8 @@ inline unsigned int milliseconds_until(time const& point) {
     return point <= now ? 0 : whole_milliseconds((point - now).seconds());
 }
 
-// The point in time that `end`, whatever `deadline` accepts, means: the end of a span on
-// the steady clock, and a point itself.
+// The point in time of `end`, which is whatever `deadline` accepts: the end of a span on
+// the steady clock, or the point itself.
 template <class Rep, class Period>
 std::chrono::steady_clock::time_point point_of(std::chrono::duration<Rep, Period> const& end) {
     using clock = std::chrono::steady_clock;
@@ -75,7 +74,7 @@ std::chrono::steady_clock::time_point point_of(std::chrono::duration<Rep, Period
     long double const span = seconds_of(end);
     if (!(span > 0))
         return now;
-    // A second less than that, since the comparison rounds.
+    // One second less, because the comparison rounds.
     if (span >= seconds_of(clock::time_point::max() - now) - 1)
         return clock::time_point::max();
     return now + std::chrono::ceil<clock::duration>(end);
@@ -85,10 +84,10 @@ Point const& point_of(Point const& end) {
     return end;
 }
 
-// Repeats `attempt`, which is given the milliseconds to wait, until it succeeds, true, or
-// `end` has passed, false. One attempt lasts until then, but where that is longer than a
-// wait can be, or the clock of `end` runs slower than the kernel's. What has passed is
-// tried once.
+// Repeats `attempt`, which gets the milliseconds to wait, until it succeeds (true) or
+// `end` has passed (false). One attempt lasts until `end`, unless that is longer than a
+// wait can be, or the clock of `end` runs slower than the kernel's. If `end` has already
+// passed, it tries once.
 template <class End, class Attempt>
 bool attempt_until(End const& end, Attempt const& attempt) {
     auto const& point = point_of(end);
@@ -103,8 +102,9 @@ bool attempt_until(End const& end, Attempt const& attempt) {
     return false;
 }
 
-// A point that many seconds from now for the timed operations of the library, and in their
-// range. They end at the nearest millisecond: half of one more lets none of them end early.
+// A point that many seconds from now for the library's timed operations, clamped to their
+// range. They end at the nearest millisecond; the added half millisecond keeps them from
+// ending early.
 inline time from_now(long double seconds) {
     if (seconds > 0)
         seconds += 0.0005L;
@@ -113,11 +113,12 @@ inline time from_now(long double seconds) {
 
 }  // namespace detail
 
-// A deadline for every timed operation of the library: a duration counts from now,
-// a point in time from its own clock's present, whose later adjustments do not
-// count. It is half a millisecond after that: a timed operation that is given it at once
-// never ends before. The longest spans are for ever; what has passed is a deadline that
-// has passed. Any thread may call them; they block as `time::now` does.
+// A deadline for every timed operation of the library. A duration counts from now. A
+// point in time counts from the present time of its own clock, and later adjustments of
+// that clock do not count. The result is half a millisecond later, so a timed operation
+// that uses it at once never ends early. The longest spans last for ever; a point in the
+// past is a deadline that has passed. Any thread may call these functions; they block as
+// `time::now` does.
 //
 //     if (!gate.timed_acquire(deadline(5ms)))
 //         give_up();
@@ -127,7 +128,7 @@ time deadline(std::chrono::duration<Rep, Period> const& span) {
 }
 template <class Clock, class Duration>
 time deadline(std::chrono::time_point<Clock, Duration> const& point) {
-    // In floating point, since the difference of two points need not fit theirs.
+    // In floating point, because the difference of two points may not fit their type.
     long double const end = detail::seconds_of(point.time_since_epoch());
     return detail::from_now(end - detail::seconds_of(Clock::now().time_since_epoch()));
 }
@@ -142,7 +143,7 @@ concept has_deadline = requires(Mutex& lock) {
     lock.timed_acquire(0u);
 };
 
-// The standard's verbs for the mutex that `Self`, which derives from this, refers to.
+// The standard's verbs for the mutex of `Self`, which derives from this class.
 template <class Self, class Mutex>
 class lock_operations {
 public:
@@ -156,9 +157,9 @@ public:
         _lock().release();
     }
 
-    // Give up, false, once `span` has passed on std::chrono::steady_clock, or `point` on
-    // its own clock, and never earlier; but take a free mutex even then. Both accept
-    // whatever `deadline` does. The timed mutexes have them.
+    // Give up and return false once `span` has passed on std::chrono::steady_clock, or
+    // `point` on its own clock, and never earlier. They take a free mutex even then. Both
+    // accept whatever `deadline` does. Only the timed mutexes have them.
     template <class Span, has_deadline Timed = Mutex>
     [[nodiscard]] bool try_lock_for(Span const& span) {
         return try_lock_until(span);
@@ -178,12 +179,12 @@ private:
 
 }  // namespace detail
 
-// A mutex of the library that the standard library can lock: `lockable<mutex>`,
+// A mutex of the library that the standard library can lock. `lockable<mutex>`,
 // `lockable<timed_mutex>`, `lockable<recursive_mutex>` and
-// `lockable<timed_recursive_mutex>` are those mutexes, with their constructors and
-// their own operations, and meet what std::lock_guard, std::unique_lock and
-// std::scoped_lock ask for. The timed ones have deadlines as well. What blocks,
-// which threads may call it and what misuse does is as for the mutex.
+// `lockable<timed_recursive_mutex>` are those mutexes, with their constructors and their
+// own operations, and satisfy the requirements of std::lock_guard, std::unique_lock and
+// std::scoped_lock. The timed ones also have deadlines. Blocking, threads and misuse are
+// as documented for the mutex.
 template <class Mutex>
 class lockable : public Mutex, public detail::lock_operations<lockable<Mutex>, Mutex> {
 public:
@@ -195,8 +196,8 @@ public:
     }
 };
 
-// The same over a mutex that exists already and outlives it: any number of these may
-// refer to one mutex.
+// The same for an existing mutex, which must outlive it. Any number of these may refer to
+// one mutex.
 //
 //     lockable view(lock);  // `lock` is a mutex
 //     std::lock_guard const hold(view);
@@ -221,8 +222,8 @@ lockable(Mutex&) -> lockable<Mutex&>;
 
 namespace detail {
 
-// The mutex of the library that a caller of a wait names: itself, or that of a
-// `lockable`, or of a std::unique_lock of one.
+// The mutex that a caller of a wait passes: a mutex of the library, or that of a
+// `lockable` or of a std::unique_lock of one.
 template <class Mutex>
 Mutex& mutex_of(Mutex& lock) {
     return lock;
@@ -238,18 +239,18 @@ auto& mutex_of(std::unique_lock<Lock>& hold) {
 
 }  // namespace detail
 
-// Waits on `changed` until `holds()`, which is called with the mutex held and whose
-// exceptions leave the wait so. `lock` is a mutex of the library, a `lockable`, or a
-// std::unique_lock of one, and the caller holds it.
+// Waits on `changed` until `holds()` is true. Calls `holds()` with the mutex held; its
+// exceptions leave the wait with the mutex held. `lock` is a mutex of the library, a
+// `lockable`, or a std::unique_lock of one, and the caller holds it.
 template <class Condition, class Lock, class Predicate>
 void wait(Condition& changed, Lock& lock, Predicate holds) {
     while (!holds())
         changed.acquire(detail::mutex_of(lock));
 }
 
-// The same with a deadline, whatever `deadline` accepts; return whether `holds()`. Never
-// give up before a span has passed on std::chrono::steady_clock, or a point on its own
-// clock.
+// The same with a deadline, which is whatever `deadline` accepts. Returns `holds()`.
+// Never gives up before a span has passed on std::chrono::steady_clock, or a point on its
+// own clock.
 template <class Lock, class Point, class Predicate>
 [[nodiscard]] bool wait_until(timed_condition& changed, Lock& lock, Point const& point,
                               Predicate holds) {

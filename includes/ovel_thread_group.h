@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Thread groups: a fixed set of threads that run queued work within a budget of
-// space.
+// Thread groups: a fixed set of threads that run queued work within a budget of space.
 #ifndef OVEL_THREAD_GROUP_H
 #define OVEL_THREAD_GROUP_H
 
@@ -21,21 +20,22 @@ class work_group;
 
 namespace detail {
 
-// The workers of a group, and what they share with threads that schedule, beside the
-// fields that the workers are built with. Written under the group's mutex.
+// The workers of a group, and what they share with threads that schedule, in addition to
+// the fields that they get at construction. Written under the group's mutex.
 struct thread_group_crew {
     double const budget;         // the space that the group was built with
     unsigned int const spin;     // polls before a worker sleeps
     unsigned int occupants = 0;  // running work items that take space
     unsigned int idle = 0;       // workers that wait on the condition, woken or not
-    // A worker polls, or one was woken and has not looked yet. It takes what fits and has
-    // the next one woken if more fits, so no other worker need be woken.
+    // A worker polls, or was woken and has not looked yet. It takes what fits and wakes
+    // the next worker if more fits, so no other worker needs waking.
     bool looking = false;
-    // Counts changes that concern a polling worker. Relaxed: the worker looks again under
-    // the mutex.
+    // Counts changes that matter to a polling worker. Relaxed: the worker looks again
+    // under the mutex.
     atomic<unsigned int> changes{0};
-    // On how many levels the queue will link the next item, for threads that prepare it
-    // without the mutex. Relaxed: the insertion allocates again if it needs more.
+    // The number of levels on which the queue will link the next item, for threads that
+    // prepare it without the mutex. Relaxed: the insertion reallocates an item with too
+    // few.
     atomic<unsigned int> level{1};
 };
 
@@ -47,7 +47,7 @@ public:
     thread_group_function_base(mutex& mutex, condition& condition, double& space, bool& concluded,
                                queue& queue);
 
-    // When no item that takes space runs any more, `space` is reset to `crew`'s budget.
+    // Resets `space` to `crew`'s budget when no item that takes space is running.
     thread_group_function_base(mutex& mutex, condition& condition, double& space, bool& concluded,
                                queue& queue, thread_group_crew& crew);
 
@@ -78,11 +78,11 @@ private:
     double& _space;
     bool& _concluded;
     queue& _queue;
-    // Null for a worker that shares nothing else with the others. It waits for a
-    // `release_one` for each item, and wakes all when it gives space back.
+    // Null for a worker that shares nothing else with the others. It then needs a
+    // `release_one` for each item, and wakes all workers when it returns space.
     thread_group_crew* _crew;
-    // Of the thread that runs the loop; 0 while none does. Relaxed: only that thread looks
-    // for what it wrote itself.
+    // The identifier of the thread that runs the loop; 0 if none does. Relaxed: a thread
+    // looks only for its own value.
     atomic<unsigned long> _identifier{0};
 };
 
@@ -90,15 +90,16 @@ private:
 
 // A group of threads that run scheduled work items. Each item has a `space`, which it
 // occupies while it runs, in a unit of the client's choice, and a positive `time`, which
-// orders items of equal space. A free thread takes, of the items that fit into the group's
-// free space, the one with the largest space; of equal spaces the one with the longest
-// time; of equal pairs the one scheduled first. An item that does not fit waits until
-// running items have ended. What a thread wrote before `schedule` is visible to the item,
-// and what the item wrote is visible after the join.
+// orders items of equal space. Among the items that fit into the group's free space, a
+// free thread takes the one with the largest space; among equal spaces the one with the
+// longest time; among equal pairs the one scheduled first. An item that does not fit
+// waits until running items have ended. What a thread wrote before `schedule` is visible
+// to the item, and what the item wrote is visible after the join.
 //
-// The owner calls `release`, which starts the threads, then `conclude`, which declares
-// that nothing more will be scheduled, and joins them with `acquire` once the queue has
-// drained. Then the group can be started again. Threads are borrowed from the pool.
+// The owner calls `release`, which starts the threads; then `conclude`, which declares
+// that nothing more will be scheduled; and then joins them with `acquire`, which waits
+// for the queue to drain. After that the group can be started again. The group borrows
+// its threads from the pool.
 //
 //     thread_group group(4, 100.0, 524288);
 //     group.release();
@@ -106,20 +107,20 @@ private:
 //     group.conclude();
 //     group.acquire();
 //
-// Any thread may call `schedule`, `conclude` and `clear`, also work that runs in the group.
-// Only the owner may call the other operations.
+// Any thread may call `schedule`, `conclude` and `clear`, including work that runs in the
+// group. Only the owner may call the other operations.
 class OVEL_EXPORT thread_group {
 public:
-    // One thread for each processor, and no space: work of space 0 only.
-    // `stack_size` is in bytes, 524288 unless given.
+    // One thread per processor, and no space: only for work of space 0. `stack_size` is
+    // in bytes, 524288 by default.
     thread_group();
     explicit thread_group(unsigned int stack_size);
 
-    // No threads, or a negative space, fail the check "_threads != 0 && space >= 0".
+    // No threads, or negative space, fail the check "_threads != 0 && space >= 0".
     thread_group(unsigned int threads, double space, unsigned int stack_size);
 
-    // Discards waiting items. Threads that are not joined fail the check
-    // "_acquired == _threads", but in a fork, which they are not part of. All calls of
+    // Discards waiting items. Fails the check "_acquired == _threads" if threads are not
+    // joined, except in a forked process, where they do not exist. All calls of
     // `schedule`, `conclude` and `clear` must have returned: they may still be waking a
     // thread after the group has been joined.
     ~thread_group();
@@ -127,46 +128,46 @@ public:
     thread_group(thread_group const&) = delete;
     thread_group& operator=(thread_group const&) = delete;
 
-    // Whether the group ran when this process was forked: then its threads exist in
-    // the parent only, its memory is left to that, and all that is to be done with it is
-    // to destroy it. Else operations fail the check "!inherited()". Any thread.
+    // Whether the group ran when this process was forked. Its threads then exist only in
+    // the parent, which also keeps its memory, and the group can only be destroyed; other
+    // operations fail the check "!inherited()". Any thread may call this.
     bool inherited() const;
 
-    // How many threads it has, and their stacks' size in bytes.
+    // The number of threads, and the size of their stacks in bytes.
     unsigned int threads() const;
     unsigned int stack_size() const;
 
-    // Queues `function` to run once, now or when the group is started. `time` is
-    // positive, `space` from 0 to the group's (check "time_ > 0 && space_ >= 0 &&
-    // space_ <= _space"). Waits for the group's own locks, never for running work.
-    // The queue's memory comes from the calling thread's allocator. The caller keeps
-    // `function` alive until it has run or was cleared. A concluded group fails the check
-    // "!_concluded". Throws std::bad_alloc, having queued nothing.
+    // Queues `function` to run once, now or when the group starts. `time` is positive,
+    // `space` is from 0 to the group's (check "time_ > 0 && space_ >= 0 && space_ <=
+    // _space"). Waits for the group's own locks, never for running work. The queue's
+    // memory comes from the calling thread's allocator. The caller keeps `function` alive
+    // until it has run or was cleared. A concluded group fails the check "!_concluded".
+    // If it throws std::bad_alloc, it has queued nothing.
     void schedule(thread_function& function, double time, double space);
 
-    // Declares that nothing more will be scheduled until the threads are joined; they end
-    // once the queue is empty. A second call fails the check "!_concluded".
+    // Declares that nothing more will be scheduled until the threads are joined. The
+    // threads end once the queue is empty. A second call fails the check "!_concluded".
     void conclude();
 
     // Discards waiting items; running ones continue. A concluded group fails the check
     // "!_concluded".
     void clear();
 
-    // Starts the threads. Running threads fail the check "_acquired == _threads".
-    // The first time it may throw std::bad_alloc, having started nothing.
+    // Starts the threads. Fails the check "_acquired == _threads" if they are running.
+    // The first call may throw std::bad_alloc, and has then started nothing.
     void release();
 
-    // Joins the threads: blocks until the group has been concluded and its work
-    // has ended. A group that is not started fails the check "_function != 0 &&
-    // _acquired != _threads", here and below. The group's own work, which would wait for
-    // its own end, fails the check "!_runs_caller()".
+    // Joins the threads: blocks until the group has been concluded and its work has
+    // ended. A group that is not started fails the check "_function != 0 && _acquired !=
+    // _threads", here and below. The group's own work would wait for its own end, and
+    // fails the check "!_runs_caller()".
     void acquire();
 
-    // Joins the threads that have ended, and returns whether all have been joined.
-    // After false, any of the three goes on where this one stopped.
+    // Joins the threads that have ended, and returns whether all have been joined. After
+    // false, any of the three continues where this one stopped.
     [[nodiscard]] bool try_acquire();
 
-    // The same, waiting for each thread until `deadline`.
+    // The same, but waits for each thread until `deadline`.
     [[nodiscard]] bool timed_acquire(time const& deadline);
 
 private:
@@ -185,8 +186,8 @@ private:
     mutex _mutex;  // guards _space, _concluded, _queue and _crew's variable fields
     unsigned int const _threads;
     unsigned int const _stack_size;
-    unsigned int _acquired;  // workers joined; owner only, like the three arrays
-    double _space;           // free at this moment
+    unsigned int _acquired;  // joined workers; owner only, like the three arrays
+    double _space;           // free now
     bool _concluded = false;
     queue _queue;  // waiting work
     detail::thread_group_function_base** _function = nullptr;
@@ -194,8 +195,8 @@ private:
     bool* _thread_acquired = nullptr;
     condition _condition;  // idle workers wait here
     detail::thread_group_crew _crew;
-    // The process that runs the threads, 0 while they are joined. Written by the owner;
-    // relaxed: it tells forks from the process that set it.
+    // The process that runs the threads; 0 while they are joined. Written by the owner.
+    // Relaxed: it only tells a forked process from the one that set it.
     detail::atomic<unsigned int> _runner{0};
 };
 

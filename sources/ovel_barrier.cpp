@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// Barriers whose threads leave one by one, each handing on the baton.
+// Barriers whose threads leave one by one, each passing on the baton.
 //
 // A phase gathers, with the entry open, until it is opened. Then it leaves, with the
 // entry closed, until `_count` is back at 0. While it leaves, exactly one unit of `_wait`
 // is posted or just taken. Only the thread that took it may pass it on; the thread that
 // brings `_count` to 0 reopens the entry instead.
 //
-// A thread of a timed barrier that gives up while its phase leaves withdraws, and
-// the unit goes to one of the others. If there are none, the unit was posted for
-// that thread after all: it takes the unit and reopens the entry.
+// If a thread of a timed barrier gives up while its phase leaves, it withdraws and the
+// unit goes to one of the others. If there are no others, the unit was posted for this
+// thread: it takes the unit and reopens the entry.
 //
 // Lock order: `_entry`, then `_lock`.
 
@@ -37,7 +37,7 @@ bool barrier::acquire(bool& last) {
         _complete = true;
     } else {
         _lock.release();
-        _wait.acquire();  // and with it `_lock`, which the waker kept
+        _wait.acquire();  // takes `_lock` with it, which the waker kept
     }
 
     bool const complete = _complete;
@@ -60,7 +60,7 @@ void barrier::release_all() {
     if (_count.load(std::memory_order_relaxed) == 0)
         _lock.release();
     else
-        _wait.release();  // the baton goes with it
+        _wait.release();  // passes on the baton
 }
 
 timed_barrier::timed_barrier(unsigned int capacity, unsigned int spin)
@@ -70,8 +70,8 @@ unsigned int timed_barrier::capacity() const {
     return _capacity;
 }
 
-// Counts the caller, who holds `_entry` and takes `_lock`. Keeps both when that
-// completes the phase, and gives both up when the caller has to wait.
+// Counts the caller, who holds `_entry`, and takes `_lock`. Keeps both if that completes
+// the phase, and releases both if the caller has to wait.
 bool timed_barrier::_arrive(bool& last) {
     _lock.acquire();
     last = detail::add(_count, 1u) == _capacity;
@@ -84,8 +84,8 @@ bool timed_barrier::_arrive(bool& last) {
     return false;
 }
 
-// Leaves a phase, with the baton and `_lock` held, and hands the baton on or
-// reopens the entry. Gives `_lock` up.
+// Leaves a phase, with the baton and `_lock` held, and passes on the baton or reopens the
+// entry. Releases `_lock`.
 bool timed_barrier::_leave() {
     bool const complete = _complete;
     if (detail::add(_count, -1u) == 0) {
@@ -135,7 +135,7 @@ bool timed_barrier::timed_acquire(bool& last, time const& deadline) {
     } else {
         complete = _complete;
         if ((_complete || _released) && _count.load(std::memory_order_relaxed) == 1) {
-            _wait.acquire();  // the last thread of a leaving phase: the unit is its own
+            _wait.acquire();  // the last thread of a leaving phase takes its own unit
             _leave();
         } else {
             detail::add(_count, -1u);

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Conditions over three semaphores and two counters.
+// Conditions, built on three semaphores and two counters.
 //
-// A batch begins with a release that finds nobody released, and ends when the last
-// thread it released has left. The gate is open exactly while there is no batch,
-// so a newcomer is counted only when every wake-up posted before has been taken.
-// Each thread between its passage and its departure is counted once, in `_queued`
-// or in `_released`; the units in `_wait` never exceed `_released`.
+// A batch begins with a release that finds no released thread, and ends when the last
+// thread it released has left. The gate is open exactly while there is no batch, so a
+// newcomer is counted only after every earlier wake-up was taken. Each thread between
+// passing the gate and leaving is counted once, in `_queued` or in `_released`. `_wait`
+// never has more than `_released` units.
 //
 // Lock order: `_lock`, then `_gate`. Arrivals take `_gate` alone.
 
@@ -87,7 +87,7 @@ timed_condition::timed_condition(unsigned int spin) : basic_condition(spin) {}
 void timed_condition::_release_gate(bool released) {
     _lock.acquire();
     if (_released == 0) {
-        // No batch: the deadline passed and no release has reached this thread.
+        // No batch: the deadline passed, and no release has reached this thread.
         _gate.acquire();
         assure(_queued != 0);
         detail::add(_queued, -1u);
@@ -96,14 +96,14 @@ void timed_condition::_release_gate(bool released) {
         return;
     }
     if (!released && _queued.load(std::memory_order_relaxed) != 0) {
-        // A thread that is still queued takes this one's place in the batch; the units
-        // posted are for the threads that stay.
+        // A thread that is still queued takes this one's place in the batch. The posted
+        // units are for the threads that stay.
         detail::add(_queued, -1u);
         _lock.release();
         return;
     }
-    // All threads left are released, so a unit has been posted for this one as well, or
-    // is about to be by a thread that no longer needs `_lock`. This thread takes it
+    // All remaining threads are released. So a unit was posted for this thread as well,
+    // or a thread that no longer needs `_lock` is about to post it. This thread takes it
     // while it is still counted. Otherwise the last to leave would open the gate, and a
     // newcomer would take the unit.
     if (!released)

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Mutexes over semaphores of count 1.
 //
-// A recursive mutex's `_owner` is 0 exactly when its `_depth` is. Both are 0 exactly
-// when the semaphore's unit is free, except while the owner has given up only the
-// records.
+// A recursive mutex's `_owner` is 0 exactly when its `_depth` is. Both are 0 exactly when
+// the semaphore's unit is free, except while the owner has released only the records.
 
 #include "ovel_mutex.h"
 

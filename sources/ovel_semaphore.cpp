@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Counting semaphores on top of the kernel's.
+// Counting semaphores, built on the kernel's.
 
 #include "ovel_semaphore.h"
 
@@ -15,8 +15,8 @@ namespace {
 
 constexpr LONG maximum = std::numeric_limits<LONG>::max();
 
-// The inline members are part of the binary interface as well, for callers whose
-// compiler does not inline them. Naming them here makes the compiler emit them.
+// The inline members are also part of the binary interface, for callers whose compiler
+// does not inline them. Taking their addresses makes the compiler emit them.
 [[gnu::used]] void (semaphore::*const exported[])() = {&semaphore::acquire, &semaphore::release};
 [[gnu::used]] bool (semaphore::*const exported_try)() = &semaphore::try_acquire;
 
@@ -38,7 +38,7 @@ semaphore::~semaphore() {
     assure(CloseHandle(_semaphore) != 0);
 }
 
-// Spins until a unit is available or the spin count is used up. Takes none.
+// Spins until a unit is available or the spin count is used up. Does not take the unit.
 void semaphore::_poll() {
     YieldProcessor();
     if (_spin == 0 || !_memory.should_spin())
@@ -50,8 +50,8 @@ void semaphore::_poll() {
     _memory.has_failed();
 }
 
-// Spins for the only unit, backing off. A thread that sees the unit and loses it to
-// another keeps spinning, because the new owner gives it back soon.
+// Spins for the only unit and backs off. A thread that sees the unit and loses it to
+// another keeps spinning, because the new owner returns it soon.
 void semaphore::_acquire_contended() {
     if (_spin != 0 && _memory.should_spin()) {
         for (detail::spin_wait wait(_spin, detail::pace_for_mutex); !wait.is_over();) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// How threads spin before they sleep. Every polling loop of the library is made of this.
+// How threads spin before they sleep. Every polling loop of the library uses this.
 #ifndef OVEL_SPIN_WAIT_H
 #define OVEL_SPIN_WAIT_H
 
@@ -9,8 +9,8 @@
 
 namespace ovel::detail {
 
-// How far apart the polls of a waiting thread are, in pause hints. The distance doubles
-// from `first` to `most`. A pause is 2 to 25 ns, and a poll of a word that another thread
+// The distance between the polls of a waiting thread, in pause hints. It doubles from
+// `first` to `most`. A pause takes 2 to 25 ns. A poll of a word that another thread
 // writes is a cache miss for both: the waiting thread fetches the line, and the other one
 // has to fetch it back.
 struct spin_pace {
@@ -18,41 +18,42 @@ struct spin_pace {
     unsigned int most;
 };
 
-// For a semaphore's unit: a poll after every pause. The thread that posts the unit
-// writes the word once and need not write it again, so polls delay it at most once.
+// For a semaphore's unit: a poll after every pause. The thread that posts the unit writes
+// the word only once, so polls delay it at most once.
 inline constexpr spin_pace pace_for_unit = {1, 1};
 
 // For a mutex. Its owner needs the line back to release it. With a poll after every
-// pause, a critical section of two threads would last as long as the line takes there
-// and back, about 16 pauses. Sections are mostly not much longer, so beyond 64 pauses a
-// free mutex would be found late.
+// pause, a critical section of two threads would last as long as the line takes there and
+// back, about 16 pauses. Most sections are not much longer, so beyond 64 pauses a thread
+// would find a free mutex late.
 inline constexpr spin_pace pace_for_mutex = {16, 64};
 
-// For a group's mutex, which is held for a few hundred nanoseconds: as above, but
-// without growth, since the thread yields after at most 96 pauses.
+// For a group's mutex, which threads hold for a few hundred nanoseconds: as above, but
+// constant, because the thread yields after at most 96 pauses.
 inline constexpr spin_pace pace_for_group = {32, 32};
 
-// For a net's mutex. Owners that fire again and again keep it for a few hundred
+// For a net's mutex. Owners that fire again and again hold it for a few hundred
 // nanoseconds; a first poll after 4 pauses catches the short gap between two owners. 128
 // instead of 64 gains nothing in chains of transitions and loses 15 % with large tables
 // of philosophers.
 inline constexpr spin_pace pace_for_net = {4, 64};
 
-// For the deques of a crew, whose owners write the lines that a poll reads with each child.
+// For the deques of a crew. With each child their owners write the lines that a poll
+// reads. A compromise between finding work soon and taking those lines from their owners.
 inline constexpr spin_pace pace_for_deque = {8, 8};
 
-// The spinning of one thread in one wait. It looks for what it waits for between pauses,
-// until they add up to its spin count, and then sleeps:
+// One thread's spinning in one wait. Between pauses it looks for what it waits for, until
+// the pauses add up to its spin count; then it sleeps:
 //
 //     for (spin_wait wait(spin, pace_for_unit); !wait.is_over(); wait.pause())
 //         if (available())
 //             return;
 //     sleep();
 //
-// A thread that spins never calls the scheduler.
+// A spinning thread never calls the scheduler.
 class spin_wait {
 public:
-    // `spin` is the number of pauses, at most. With 0 the wait is over at once.
+    // `spin` is the most pauses. With 0 the wait is over at once.
     spin_wait(unsigned int spin, spin_pace pace)
         : _left(spin), _pauses(pace.first), _most(pace.most) {}
 

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Thread groups and their workers.
 //
-// A worker holds `_mutex` while it looks for work, and gives it up while it runs work or
-// waits. Invariant: while work waits that fits and a worker is idle, one worker is
-// `looking`: it polls, or was woken and has not come back to `_mutex` yet. A thread that
-// breaks the invariant, because it adds work or takes some and leaves more that fits,
-// wakes one worker. A worker that is about to wait looks once more after it was counted
-// as idle. A worker that gives space back looks next itself. So at most one wake-up is
-// under way, and none is lost.
+// A worker holds `_mutex` while it looks for work, and releases it while it runs work or
+// waits. Invariant: while fitting work waits and a worker is idle, one worker is
+// `looking`: it polls, or was woken and has not taken `_mutex` yet. A thread that breaks
+// the invariant, because it adds work or takes some and leaves more that fits, wakes one
+// worker. A worker that is about to wait looks once more after it was counted as idle. A
+// worker that returns space looks next itself. So at most one wake-up is in progress, and
+// none is lost.
 
 #include "ovel_thread_group.h"
 
@@ -31,8 +31,8 @@ namespace {
 
 using queue = thread_group_function_base::queue;
 
-// If a worker has to be woken, claims the wake-up: that worker counts as looking from here
-// on, and the caller, which holds the mutex, wakes it after giving the mutex up.
+// If a worker has to be woken, claims the wake-up. That worker counts as looking from
+// here on. The caller holds the mutex, and wakes the worker after releasing it.
 [[nodiscard]] bool claim_wake_up(thread_group_crew& crew, queue& waiting, double space) {
     if (crew.idle == 0 || crew.looking || !has_fitting_work(waiting, space))
         return false;
@@ -48,10 +48,11 @@ void end_poll(thread_group_crew& crew) {
 
 }  // namespace
 
-// The mutex that the condition sees of a worker that waits without holding the group's.
-// `release` runs when the condition has counted the worker: it takes the mutex, counts the
-// worker as idle and looks once more. So a wake-up from then on reaches the worker, and
-// the mutex was not held while an earlier batch of the condition left.
+// The mutex that the condition gets from a worker that waits without holding the group's.
+// The condition calls `release` once it has counted the worker: `release` takes the
+// mutex, counts the worker as idle and looks once more. So any later wake-up reaches the
+// worker, and the worker does not hold the mutex while an earlier batch of the condition
+// leaves.
 struct thread_group_function_base::idle_lock {
     struct state {};
 
@@ -113,7 +114,8 @@ bool thread_group_function_base::_has_ended() const {
     return _concluded && _queue.empty();
 }
 
-// Takes the next work item that fits out of the queue, and its space. Null if none fits.
+// Takes the next work item that fits from the queue, and its space. Returns null if none
+// fits.
 thread_group_function_base::queue::detached thread_group_function_base::_take() {
     if (_queue.empty())
         return nullptr;
@@ -127,8 +129,8 @@ thread_group_function_base::queue::detached thread_group_function_base::_take() 
     return _queue.extract(element);
 }
 
-// Gives back the space of an item that has ended. Fractions of a budget need not add up
-// to it again: without the reset, an item that asks for all of it could wait forever.
+// Returns the space of an item that has ended. Fractions of a budget need not add up to
+// it again: without the reset, an item that needs all of it could wait for ever.
 void thread_group_function_base::_give_space(double space) {
     _space += space;
     if (_crew == nullptr || space == 0)
@@ -142,7 +144,7 @@ bool thread_group_function_base::_claim_wake_up() {
     return _crew != nullptr && claim_wake_up(*_crew, _queue, _space);
 }
 
-// Waits until there may be work. Gives `_mutex` up meanwhile.
+// Waits until there may be work. Releases `_mutex` meanwhile.
 void thread_group_function_base::_wait() {
     if (_crew == nullptr) {
         _condition.acquire(_mutex);
@@ -150,14 +152,14 @@ void thread_group_function_base::_wait() {
     }
     if (_poll())
         return;
-    // The worker is counted as idle by the condition, through `idle_lock`.
+    // The condition counts the worker as idle, through `idle_lock`.
     _mutex.release();
     idle_lock lock{*this};
     _condition.acquire(lock);
 }
 
-// Polls for changes until the spin count is used up, unless another worker does. Returns
-// whether there was a change. Gives `_mutex` up meanwhile.
+// Polls for changes until the spin count is used up, unless another worker polls. Returns
+// whether there was a change. Releases `_mutex` meanwhile. Relaxed: see `changes`.
 bool thread_group_function_base::_poll() {
     if (_crew->looking)
         return false;
@@ -167,7 +169,7 @@ bool thread_group_function_base::_poll() {
         return _crew->changes.load(std::memory_order_relaxed) != before;
     };
     _mutex.release();
-    // Only one worker of the group polls, and the word is seldom written.
+    // Only one worker of the group polls, and the word rarely changes.
     for (spin_wait wait(_crew->spin, pace_for_unit); !wait.is_over() && !has_changed();)
         wait.pause();
     _acquire();
@@ -189,8 +191,8 @@ void thread_group_function_base::operator()() {
     while (!_has_ended()) {
         if (auto taken = _take()) {
             bool const wakes = _claim_wake_up();
-            // Another worker usually takes the item that is first now. The one after it is
-            // what this worker takes next.
+            // Another worker usually takes the item that is now first. This worker takes
+            // the one after it next.
             auto const next = _queue.look_ahead();
             _mutex.release();
             if (wakes)
@@ -206,7 +208,7 @@ void thread_group_function_base::operator()() {
                 assure(("unexpected exception", 0));
             }
             assure(process == this_process());
-            // What deactivating and activating again would do, while there is work.
+            // Does what deactivating and activating again would do, while there is work.
             group->flush_allocator(true);
             active = true;
             // These cache misses overlap with the mutex's instead of following it.
@@ -214,7 +216,7 @@ void thread_group_function_base::operator()() {
             _acquire();
             _give_space(space);
             if (_crew == nullptr && space != 0)
-                _condition.release_all();  // items that did not fit may fit now
+                _condition.release_all();  // items that did not fit may now fit
         } else if (active) {
             _mutex.release();
             group->deactivate_allocator(true);
@@ -236,8 +238,8 @@ void thread_group_function_base::operator()() {
 
 }  // namespace detail
 
-// `_space` is what the group was built with, and not what is free at the moment:
-// work that fits the group waits until it fits.
+// `_space` is the group's total space, not what is free now: work that fits the group
+// waits until it fits.
 void detail::assure_schedulable(double time_, double space_, double _space) {
     assure(time_ > 0 && space_ >= 0 && space_ <= _space);
 }
@@ -290,7 +292,8 @@ void thread_group::schedule(thread_function& function, double time, double space
         detail::patient_guard const hold(_mutex, _crew.spin);
         assure(!_concluded);
         _queue.insert(element);
-        // It seldom changes. Not storing it again leaves the cache line with the workers.
+        // The level rarely changes. Not storing it again leaves the cache line with the
+        // workers.
         unsigned int const level = _queue.next_level();
         if (_crew.level.load(std::memory_order_relaxed) != level)
             _crew.level.store(level, std::memory_order_relaxed);
@@ -338,8 +341,8 @@ void thread_group::release() {
     }
 }
 
-// Builds what belongs to each worker. Each array is nulled before it is filled, so
-// that `_destruct` can take down any part of it.
+// Builds each worker's objects. Each array is nulled before it is filled, so `_destruct`
+// can handle any part of it.
 void thread_group::_construct() {
     _acquired = _threads;
     _function = new detail::thread_group_function_base* [_threads] {
@@ -371,7 +374,7 @@ void thread_group::_destruct() {
     _function = nullptr;
 }
 
-// Whether the calling thread is one of the group's, which runs its work.
+// Whether the calling thread is one of the group's workers.
 bool thread_group::_runs_caller() const {
     return _function != nullptr &&
            std::any_of(_function, _function + _threads,
@@ -394,8 +397,7 @@ bool thread_group::timed_acquire(time const& deadline) {
     return _join([&deadline](thread& worker) { return worker.timed_acquire(deadline); });
 }
 
-// Joins the workers that are not joined yet, in turn, up to the first that `join`
-// does not.
+// Joins the workers that are not joined yet, in order, until `join` fails for one.
 template <class Join>
 bool thread_group::_join(Join join) {
     assure(_function != 0 && _acquired != _threads);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What all schedulers of queued work share: the choice of the next work item, and
-// how to take a mutex that many threads pass through.
+// What all schedulers of queued work share: choosing the next work item, and taking a
+// contended mutex.
 #ifndef OVEL_WORK_QUEUE_H
 #define OVEL_WORK_QUEUE_H
 
@@ -15,13 +15,13 @@
 
 namespace ovel::detail {
 
-// Checks that a group with the space `_space` can take work of `time_` and `space_` (check
-// "time_ > 0 && space_ >= 0 && space_ <= _space" of `thread_group::schedule`).
+// Checks that a group with the space `_space` can take work of `time_` and `space_`
+// (check "time_ > 0 && space_ >= 0 && space_ <= _space" of `thread_group::schedule`).
 void assure_schedulable(double time_, double space_, double _space);
 
-// Takes a mutex that is held only briefly. A thread that finds it taken lets others run
-// for a while before it sleeps: a holder that keeps it longer was preempted, and a
-// sleeper would be handed the mutex and keep it until it is awake.
+// Takes a mutex that threads hold only briefly. A thread that finds it taken yields
+// several times before it sleeps: a holder that keeps it longer was preempted, and direct
+// hand-off to a sleeper would block everyone until the sleeper is scheduled.
 inline void acquire_patiently(mutex& taken, unsigned int spin) {
     constexpr unsigned int rounds = 16;  // each yields to a preempted holder once
     constexpr unsigned int most = 96;    // pauses of a round: longer than it is held
@@ -39,7 +39,7 @@ inline void acquire_patiently(mutex& taken, unsigned int spin) {
     taken.acquire();
 }
 
-// Holds a mutex, taken patiently, for the length of a scope.
+// Holds a mutex, taken patiently, for the duration of a scope.
 class patient_guard {
 public:
     patient_guard(mutex& taken, unsigned int spin) : _taken(taken) {
@@ -55,8 +55,9 @@ private:
     mutex& _taken;
 };
 
-// The work item to run next if it fits into `space`, else the largest. The caller holds
-// the mutex that guards the queue, a skip list of (work, time, space), which is not empty.
+// The work item to run next if it fits into `space`, otherwise the largest. The caller
+// holds the mutex that guards the queue. The queue is a skip list of (work, time, space)
+// and not empty.
 template <class Queue>
 typename Queue::iterator find_work(Queue& waiting, double space) {
     if ((*waiting.begin()).third <= space)
