@@ -11,12 +11,12 @@
 //     results.receive();  // 42
 //     pipeline.join();    // stops it once it has come to rest
 //
-// A `trace::recorder` of `ovel_trace.h` records its firings, by the names of the
+// A `trace::recorder` of `ovel_trace.h` records the firings of a net, named after their
 // transitions, and the waits at its places.
 //
-// A `net` is a `petri_net` and what it takes to keep its contract; `ovel_petri_net.h`
-// says how a net fires. The header stands beside the library, and `ovel.h` does not
-// include it, since it draws much of the standard library in.
+// A `net` wraps a `petri_net` and keeps its contract; `ovel_petri_net.h` says how a net
+// fires. `ovel.h` does not include this header, because it includes much of the standard
+// library.
 #ifndef OVEL_PETRI_H
 #define OVEL_PETRI_H
 
@@ -46,22 +46,24 @@
 
 namespace ovel {
 
-// A place of a net, for tokens of type `T`. Copies refer to the same place, as long
-// as its net lives.
+// A place of a net, for tokens of type `T`. Copies refer to the same place, as long as
+// the net exists.
 //
-// Any thread may use the operations, and the net need not run for that. A `T` is moved
-// in and out, and copied only by `try_send` of an lvalue and `try_peek`; if it can be
-// copied, its tokens are an `any` of `T` to the users of the `petri_net`. Tokens are moved
-// in, copied and destroyed under the net's lock, so that must not call the net. A token of
-// another type fails the check "operand.type() == typeid(T)". A container of what cannot
-// be copied says that it can, and then fails to compile: hold it by a std::unique_ptr.
+// Any thread may use the operations, whether the net runs or not. A `T` is moved in and
+// out; only `try_send` of an lvalue and `try_peek` copy it. If `T` can be copied, users
+// of the `petri_net` see a token as an `any` of `T`. Tokens are moved in, copied and
+// destroyed under the net's lock, so none of that may call the net. A token of another
+// type fails the check "operand.type() == typeid(T)". A container of elements that cannot
+// be copied claims to be copyable, and then fails to compile: hold it by a
+// std::unique_ptr. What a thread wrote before it sent a token is visible to the thread or
+// firing that takes the token.
 //
-// A firing body has `firing` for its own places. A body that sends by hand to a full place,
-// or receives from an empty one, blocks a thread of its net meanwhile, and for ever if no
-// other firing makes room or a token: use `try_send` and `try_receive` there.
+// A firing body reaches its own places through `firing`. A body that sends by hand to a
+// full place, or receives from an empty one, blocks a thread of its net, and for ever if
+// no other firing makes room or a token. Use `try_send` and `try_receive` there.
 //
-// When the net fails, or has, a thread that would block gets the exception that it failed
-// with instead; it has sent or received nothing. All throw std::bad_alloc.
+// When the net fails, or has failed, a thread that would block gets the net's exception
+// instead, and has sent or received nothing. All operations throw std::bad_alloc.
 template <class T>
 class place {
     static_assert(std::is_same_v<T, std::decay_t<T>>, "a place is for values");
@@ -69,11 +71,11 @@ class place {
     static_assert(std::is_move_constructible_v<T>, "tokens are moved");
 
 public:
-    // Puts a token; blocks while no slot is free. After an exception nothing is put.
+    // Puts a token; blocks while no slot is free. If it throws, it has put nothing.
     void send(T value) const;
 
-    // Puts a token if a slot is free, and returns whether one was. After false or an
-    // exception nothing is put, and `value` is as it was unless its own move threw.
+    // Puts a token if a slot is free, and returns whether one was. If it returns false or
+    // throws, it has put nothing, and `value` is unchanged unless its own move threw.
     [[nodiscard]] bool try_send(T const& value) const requires std::is_copy_constructible_v<T>;
     [[nodiscard]] bool try_send(T&& value) const;
 
@@ -83,20 +85,20 @@ public:
     // Takes the oldest such token, if there is one.
     [[nodiscard]] std::optional<T> try_receive() const;
 
-    // A copy of the oldest such token, if there is one.
+    // Copies the oldest such token, if there is one.
     [[nodiscard]] std::optional<T> try_peek() const;
 
-    // An arc to it with the weight `weight`, for `from` and `to`.
+    // An arc to the place with the weight `weight`, for `from` and `to`.
     auto times(unsigned int weight) const {
         return place_arc<T, true>{*this, weight};
     }
 
-    // Its name, which lasts as long as the net.
+    // Its name; valid as long as the net.
     std::string const& name() const {
         return _record->name.text();
     }
 
-    // How many tokens it has room for.
+    // The number of tokens that it has room for.
     unsigned int capacity() const {
         return _record->element->capacity();
     }
@@ -117,17 +119,17 @@ private:
     detail::place_record* _record;
 };
 
-// A transition of a net. Copies refer to the same transition, as long as its net
-// lives. Any thread may use the operations.
+// A transition of a net. Copies refer to the same transition, as long as the net exists.
+// Any thread may use the operations.
 class transition {
 public:
-    // Lets it fire, as it may from the beginning; and keeps it from firing, while
-    // firings under way run to their end. Do not block but for locks. `activate`
-    // throws std::bad_alloc and may be called again.
+    // Allow the transition to fire, as it may from the beginning; and keep it from
+    // firing, while firings in progress run to their end. They block only for locks.
+    // `activate` throws std::bad_alloc and may then be called again.
     void activate() const;
     void deactivate() const;
 
-    // Its name, which lasts as long as the net.
+    // Its name; valid as long as the net.
     std::string const& name() const {
         return _record->name.text();
     }
@@ -146,25 +148,25 @@ private:
     detail::transition_record* _record;
 };
 
-// What a body may do with the places of its transition while it runs. Tokens that it
-// does not take stay where they are, and slots that it does not fill stay free. A
-// body that changes nothing leaves its transition enabled, which fires again. The
-// body's own thread may use it, during the firing.
+// A body's access to the places of its transition while it runs. Tokens that it does not
+// take stay where they are, and slots that it does not fill stay free. A body that
+// changes nothing leaves its transition enabled, which fires again. Only the body's own
+// thread may use it, during the firing.
 class firing {
 public:
     firing(firing const&) = delete;
     firing& operator=(firing const&) = delete;
 
-    // Takes the oldest token of an input place. None of its arcs, or more tokens
-    // than its weight, fail the check "left != 0", here and below.
+    // Takes the oldest token of an input place. A place without such an arc, or more
+    // tokens than the arc's weight, fails the check "left != 0", here and below.
     template <class T>
     T take(place<T> const& input);
 
-    // Copies the oldest token of an input place of which there is still one to take.
+    // Copies the oldest token of an input place that still has one to take.
     template <class T>
     T peek(place<T> const& input) const;
 
-    // Puts a token into an output place. Throws std::bad_alloc, having put nothing.
+    // Puts a token into an output place. If it throws std::bad_alloc, it has put nothing.
     template <class T>
     void put(place<T> const& output, std::type_identity_t<T> value);
 
@@ -175,7 +177,7 @@ private:
         for (std::size_t i = 0; i != _fired.arcs.size(); ++i)
             _left[i] = _fired.arcs[i].weight;
     }
-    // The rest is skipped, as the contract of `petri_place` has it.
+    // Skips the rest, as the contract of `petri_place` demands.
     ~firing() {
         for (std::size_t i = 0; i != _fired.arcs.size(); ++i)
             for (; _left[i] != 0; --_left[i])
@@ -185,7 +187,7 @@ private:
                     _fired.arcs[i].reference->send_skip();
     }
 
-    // What is left of the arc between the transition and `end`.
+    // What remains of the arc between the transition and `end`.
     unsigned int& _left_of(bool input, detail::place_record const* end) const {
         unsigned int* left = nullptr;
         for (std::size_t i = 0; i != _fired.arcs.size(); ++i)
@@ -199,17 +201,17 @@ private:
     unsigned int* const _left;
 };
 
-// How a transition is fired: see `petri_net::insert_transition`. Only a `reentrant`
-// body may run on several threads at once.
+// How to fire a transition: see `petri_net::insert_transition`. Only a `reentrant` body
+// may run on several threads at once.
 struct transition_options {
-    bool reentrant = false;  // whether firings may run at once
-    double time = 1.0;       // above 0; of equal spaces the longest time goes first
-    double space = 0.0;      // of its group's, from 0 to all of it
+    bool reentrant = false;  // whether several firings may run at once
+    double time = 1.0;       // positive; among equal spaces the longest time goes first
+    double space = 0.0;      // from 0 to all of its group's space
     unsigned int group = 0;  // the index of the group that fires it
 };
 
-// The places that a transition takes tokens from, or puts them into: a `place` for
-// one token a firing, `place.times(n)` for n.
+// The places that a transition takes tokens from, or puts them into: `place` for one
+// token per firing, `place.times(n)` for n.
 template <class... Ends>
 auto from(Ends const&... ends) {
     return detail::inputs<decltype(detail::arc_of(ends))...>{{detail::arc_of(ends)...}};
@@ -221,20 +223,20 @@ auto to(Ends const&... ends) {
 
 // A net: typed places, transitions with bodies, names, and the threads that fire it.
 //
-// One thread builds it, starts it with `start`, and joins it with `join`, after which
-// it may be built further and started again. Calls of `start`, of the joining
-// operations and of `stop` must not overlap; places, transitions, `halt` and `fail`
-// are for any thread. Misuse fails the checks of `petri_net`.
+// One thread builds the net, starts it with `start`, and joins it with `join`. After that
+// it may be extended and started again. Calls of `start`, of the joining operations and
+// of `stop` must not overlap. Any thread may use places, transitions, `halt` and `fail`.
+// Misuse fails the checks of `petri_net`.
 //
-// An exception that leaves a body fails the net: no further firing begins, and once
-// those under way have ended `join` rethrows the first such exception. Threads that
-// are blocked in the net's places get it as well, and `join` waits until they have left
-// them. What that body had taken is lost, what it had put stays, and all other tokens are
-// where they were.
+// An exception that leaves a body fails the net: no further firing begins, and once those
+// in progress have ended, `join` rethrows the first such exception. Threads that are
+// blocked in the net's places get it too, and `join` waits until they have left. The
+// tokens that the body had taken are lost, those that it had put stay, and all other
+// tokens stay where they were.
 class net {
 public:
-    // With a thread for each processor and no space; or with `threads` and `space`;
-    // or with a group for each (threads, space, stack size). Throw std::bad_alloc.
+    // With a thread per processor and no space; or with `threads` and `space`; or with a
+    // group for each (threads, space, stack size). Throw std::bad_alloc.
     net() = default;
     explicit net(unsigned int threads, double space = 0.0,
                  unsigned int stack_size = thread_base::default_stack_size)
@@ -243,8 +245,8 @@ public:
         triple<unsigned int, double, unsigned int> const* end)
         : _net(begin, end) {}
 
-    // Stops a net that runs, without waiting for it to rest: firings under way end. In a
-    // fork, where its threads do not exist, it only goes out of use.
+    // Stops a running net without waiting for it to rest; firings in progress end. In a
+    // forked process, where its threads do not exist, it only abandons the net.
     ~net() {
         if (_net.inherited())
             return;
@@ -258,16 +260,16 @@ public:
     net(net const&) = delete;
     net& operator=(net const&) = delete;
 
-    // Building. Throw std::bad_alloc; then the net is only good to be destroyed.
+    // Building. If one of these throws std::bad_alloc, the net can only be destroyed.
 
-    // A place for `capacity` tokens of type `T`.
+    // Inserts a place for `capacity` tokens of type `T`.
     template <class T>
     ovel::place<T> insert_place(std::string name, unsigned int capacity);
 
-    // A transition. `body` either has a parameter for each place of `from` and
-    // returns what `to` has: nothing, a value, or a std::tuple of them, any of which
-    // may be a std::optional that puts nothing when it is empty. Or it takes a
-    // `firing&` and gives nothing back. It is called as an lvalue.
+    // Inserts a transition. `body` may have a parameter for each place of `from` and
+    // return values for `to`: nothing, a value, or a std::tuple of values, each of which
+    // may be a std::optional that puts nothing if it is empty. Or it takes a `firing&`
+    // and returns nothing. The net calls it as an lvalue.
     //
     //     from(orders, clerks), to(clerks), [](order paid, clerk who) { return who; }
     //     from(pairs.times(2)), [=](firing& now) { now.take(pairs), now.take(pairs); }
@@ -286,34 +288,33 @@ public:
         return insert_transition(std::move(name), from(), std::move(to), std::move(body), options);
     }
 
-    // Starts the net; what failed or halted it before is forgotten. Throws
-    // std::bad_alloc, having started nothing.
+    // Starts the net, and forgets an earlier failure or halt. If it throws
+    // std::bad_alloc, it has started nothing.
     void start();
 
-    // Stops the net: blocks until it has come to rest. Rethrows what it failed with;
-    // it is stopped then as well. A body of the net, which would wait for its own end,
-    // fails the check "!_runs_caller()".
+    // Stops the net: blocks until it has come to rest. Rethrows the exception that it
+    // failed with; it is stopped then, too. A body of the net would wait for its own end,
+    // and fails the check "!_runs_caller()".
     void join();
 
-    // The same until `point`, whatever `deadline` accepts: returns false when that
-    // has passed before. Then the net is stopping, and goes on until it rests.
+    // The same, but returns false if `point`, which is whatever `deadline` accepts,
+    // passes before. The net is then stopping, and continues until it rests.
     template <class Point>
     [[nodiscard]] bool join_until(Point const& point);
 
-    // Lets no further firing begin, until the next start. Does not block but for
-    // locks.
+    // Lets no further firing begin until the next start. Blocks only for locks.
     void halt();
 
-    // Has the net fail with `failure`, which is not null, unless it has already.
+    // Makes the net fail with `failure`, which is not null, unless it has already failed.
     void fail(std::exception_ptr failure);
 
-    // The net itself, whose elements are in the order in which they were inserted.
+    // The net itself, with its elements in the order of insertion.
     petri_net& base() {
         return _net;
     }
 
-    // The names of elements of `base`, which must be this net's. Cost grows with the
-    // net.
+    // The names of elements of `base`, which must belong to this net. The cost grows with
+    // the net.
     std::string const& name(petri_place const* element) const {
         return _name(_places, element);
     }
@@ -340,7 +341,7 @@ private:
         return *name;
     }
 
-    // Takes `_lock` for the length of a scope.
+    // Holds `_lock` for the duration of a scope.
     [[nodiscard]] std::lock_guard<lockable<mutex>> _hold() {
         assure(!_net.inherited());
         return std::lock_guard(_lock);
@@ -354,20 +355,20 @@ private:
     void _deactivate();
     void _end();
 
-    // Guards `_failure`, `_halted`, which is read without it as well, and whether each
-    // transition is active. Lock order: `_lock`, then what the net locks.
+    // Guards `_failure`, `_halted` (which is also read without it), and whether each
+    // transition is active. Lock order: `_lock`, then the net's own locks.
     lockable<mutex> _lock;
     detail::net_failure _failure{_lock};
     detail::atomic<bool> _halted{false};
     bool _running = false;  // owner only
     std::vector<std::unique_ptr<detail::place_record>> _places;
     std::vector<std::unique_ptr<detail::transition_record>> _transitions;
-    petri_net _net;  // the last: its elements refer to the records
+    petri_net _net;  // last: its elements refer to the records
 };
 
 namespace detail {
 
-// Joins a net that comes to rest before `point`, whatever `deadline` accepts.
+// Joins a net that comes to rest before `point`, which is whatever `deadline` accepts.
 template <class Point>
 bool join_until(petri_net& stopped, Point const& point) {
     return attempt_until(point, [&stopped](unsigned int milliseconds) {
@@ -377,11 +378,11 @@ bool join_until(petri_net& stopped, Point const& point) {
 
 }  // namespace detail
 
-// Stops a net that may never rest: waits for that until `point`, whatever `deadline`
-// accepts, then lets no further firing begin and waits for those under way. Returns
-// whether the net came to rest by itself. Rethrows what it failed with; it is stopped
-// then as well. The next `start` goes on with the transitions that were active; those
-// of a `petri_net` stay deactivated when it did not come to rest.
+// Stops a net that may never rest. Waits for it to rest until `point`, which is whatever
+// `deadline` accepts; then lets no further firing begin, and waits for those in progress.
+// Returns whether the net came to rest by itself. Rethrows the exception that it failed
+// with; it is stopped then, too. The next `start` continues with the transitions that
+// were active; those of a `petri_net` stay deactivated if it did not come to rest.
 template <class Point>
 bool stop(net& stopped, Point const& point) {
     if (stopped.join_until(point))
@@ -470,7 +471,7 @@ inline void transition::activate() const {
     net& owner = _record->owner;
     auto const hold = owner._hold();
     _record->active = true;
-    // Relaxed: it changes under the lock.
+    // Relaxed: it changes under the lock, which this thread holds.
     if (!owner._halted.load(std::memory_order_relaxed))
         _record->element->activate();
 }
@@ -483,7 +484,7 @@ inline void transition::deactivate() const {
 
 inline void detail::transition_record::_fire(unsigned int* left) {
     firing scope(*this, left);
-    // Relaxed: a firing that has been reserved may run or not.
+    // Relaxed: a firing that was already reserved may run or not.
     if (owner._halted.load(std::memory_order_relaxed))
         return;
     trace::scope const here(name, trace::firing);
@@ -509,7 +510,8 @@ transition net::insert_transition(std::string name, detail::inputs<From...> from
     using detail::misfit;
     using inputs = detail::inputs<From...>;
     using outputs = detail::outputs<To...>;
-    // Here and not where the body is called, since compilers then show the caller's line.
+    // Computed here and not at the call of the body, because compilers then show the
+    // caller's line.
     constexpr misfit fault =
         detail::misfit_of<Body>(std::type_identity<inputs>(), std::type_identity<outputs>());
     static_assert(fault != misfit::parameters,
@@ -521,7 +523,8 @@ transition net::insert_transition(std::string name, detail::inputs<From...> from
                   "a body returns what the places in to() take");
     static_assert(fault != misfit::tuple,
                   "a body returns a std::tuple with a value for each place in to()");
-    // What does not fit is not compiled further: its one message is above.
+    // A body that does not fit is not compiled further: the message above is the only
+    // one.
     if constexpr (fault == misfit::none)
         return _insert(std::make_unique<detail::body_record<Body, inputs, outputs>>(
                            *this, std::move(name), from, to, std::move(body)),
@@ -553,12 +556,12 @@ inline void net::start() {
         auto const hold = _hold();
         if (_failure.has_failed())
             _failure.wait_unblocked();
-        // Relaxed: it changes under the lock.
+        // Relaxed: it changes under the lock, which this thread holds.
         if (_halted.load(std::memory_order_relaxed))
             for (auto const& record : _transitions)
                 if (record->active)
                     record->element->activate();
-        // What fails it from here on holds for this run.
+        // A failure from here on belongs to this run.
         _failure.clear();
         _halted = false;
     }
@@ -579,7 +582,7 @@ bool net::join_until(Point const& point) {
     return true;
 }
 
-// The threads have been joined.
+// Called once the threads are joined.
 inline void net::_end() {
     _running = false;
     if (std::exception_ptr const failure = _failure.await_unblocked())

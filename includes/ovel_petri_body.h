@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// How a net of `ovel_petri.h` runs the bodies of its transitions. For that header only.
+// How a net of `ovel_petri.h` runs the bodies of its transitions. Only for that header.
 //
-// `firing` is complete where a body runs, and not here: what uses it is a template.
+// `firing` is complete where a body runs, but not here: the code that uses it is a
+// template.
 #ifndef OVEL_PETRI_BODY_H
 #define OVEL_PETRI_BODY_H
 
@@ -42,17 +43,18 @@ inline constexpr bool is_optional = false;
 template <class T>
 inline constexpr bool is_optional<std::optional<T>> = true;
 
-// 0 for types that are not like tuples.
+// 0 for types that are not tuple-like.
 template <class T>
 inline constexpr std::size_t tuple_size = 0;
 template <class T>
 requires(std::tuple_size<T>::value !=
          0) inline constexpr std::size_t tuple_size<T> = std::tuple_size<T>::value;
 
-// What keeps a body from fitting the arcs of its transition.
+// The reasons why a body does not fit the arcs of its transition.
 enum class misfit { none, parameters, weights, scope_result, any_result, no_result, result, tuple };
 
-// Whether a place of `to` takes what a body returned for it, a value or an optional one.
+// Whether a place of `to` accepts what a body returned for it, a value or an optional
+// one.
 template <class Result, class Arc>
 consteval bool takes() {
     if constexpr (std::is_convertible_v<Result, typename Arc::value>)
@@ -103,7 +105,7 @@ consteval misfit misfit_of(std::type_identity<inputs<From...>>,
     }
 }
 
-// A transition with a body of type `Body`, which either takes the values of its input
+// A transition with a body of type `Body`. The body either takes the values of its input
 // places and returns those of its output places, or takes a `firing&`.
 template <class Body, class Inputs, class Outputs>
 class body_record;

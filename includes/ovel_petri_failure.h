@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a net of `ovel_petri.h` has failed with. For that header only.
+// The failure of a net of `ovel_petri.h`. Only for that header.
 #ifndef OVEL_PETRI_FAILURE_H
 #define OVEL_PETRI_FAILURE_H
 
@@ -14,12 +14,13 @@
 
 namespace ovel::detail {
 
-// The failure of a net, and the threads that may be blocked in the net's places.
+// The exception that a net failed with, and the threads that may be blocked in the net's
+// places.
 //
 // A thread counts as blocked from before it looks for a token or a slot until it has left
-// the place. If it is counted before the net fails, the failure wakes it; if it comes later,
-// it gets the exception instead of being counted. So once the net has failed the count only
-// falls, and at 0 no thread uses the net any more.
+// the place. If it is counted before the net fails, the failure wakes it. If it comes
+// later, it gets the exception instead of being counted. So once the net has failed, the
+// count only falls, and at 0 no thread uses the net any more.
 class net_failure {
 public:
     // `lock` is the net's.
@@ -27,8 +28,8 @@ public:
     net_failure(net_failure const&) = delete;
     net_failure& operator=(net_failure const&) = delete;
 
-    // Counts a thread as blocked for the length of a scope. Rethrows what the net has failed
-    // with.
+    // Counts a thread as blocked for the duration of a scope. Rethrows the exception that
+    // the net has failed with.
     class blocked {
     public:
         explicit blocked(net_failure& in) : _in(in) {
@@ -38,7 +39,7 @@ public:
             ++_in._blocked;
         }
         ~blocked() {
-            // Woken under the lock: once that is free the net may be gone.
+            // Wakes under the lock: once the lock is free, the net may be destroyed.
             std::lock_guard const hold(_in._lock);
             if (--_in._blocked == 0)
                 _in._unblocked.release_all();
@@ -50,13 +51,14 @@ public:
         net_failure& _in;
     };
 
-    // The flag that ends the waits of blocked threads; the thread that sets it wakes them.
+    // The flag that ends the waits of blocked threads. The thread that sets it wakes
+    // them.
     atomic<bool> const& flag() const {
         return _failed;
     }
 
-    // What the net has failed with; null if it has not. First waits until no thread is
-    // blocked any more.
+    // Waits until no thread is blocked any more. Returns the exception that the net has
+    // failed with, or null.
     std::exception_ptr await_unblocked() {
         std::lock_guard const hold(_lock);
         if (!has_failed())
@@ -65,7 +67,7 @@ public:
         return _exception;
     }
 
-    // Of a net that has failed. Without the lock.
+    // Only for a net that has failed. Without the lock.
     [[noreturn]] void rethrow() {
         std::exception_ptr exception;
         {
@@ -75,7 +77,7 @@ public:
         std::rethrow_exception(exception);
     }
 
-    // The rest is called with the lock held.
+    // The functions from here on are called with the lock held.
 
     // Relaxed: it changes under the lock.
     bool has_failed() const {
@@ -87,12 +89,12 @@ public:
         _failed = true;
     }
 
-    // Gives the lock up meanwhile.
+    // Releases the lock while it waits.
     void wait_unblocked() {
         wait(_unblocked, _lock, [this] { return _blocked == 0; });
     }
 
-    // Forgets the failure, once no thread is blocked.
+    // Forgets the failure. No thread may be blocked.
     void clear() {
         _failed = false;
     }
@@ -101,10 +103,10 @@ private:
     friend struct inspector;
 
     lockable<mutex>& _lock;
-    std::exception_ptr _exception;  // the last one; under _lock
+    std::exception_ptr _exception;  // of the last failure; under _lock
     atomic<bool> _failed{false};    // changes under _lock
-    unsigned int _blocked = 0;      // threads; under _lock
-    condition _unblocked;           // `_blocked` has come to 0; with _lock
+    unsigned int _blocked = 0;      // the number of blocked threads; under _lock
+    condition _unblocked;           // released when `_blocked` reaches 0; with _lock
 };
 
 }  // namespace ovel::detail

@@ -63,19 +63,17 @@ class petri_crew;
 
 }  // namespace detail
 
-// Holds tokens up to its capacity, first in, first out. Nets make places and own
-// them.
+// Holds tokens up to its capacity, first in, first out. Nets create places and own them.
 //
-// Firing code calls the five operations on the places of its transition, and it
-// takes and puts exactly what the arcs say: as many tokens from each input place
-// as the arc's weight, each by `receive`, or by `receive_skip` to leave it there;
-// and as many on each output place, each by `send`, or by `send_skip` to leave the
-// slot empty. It may `peek` at input places. Taking or peeking where there is no
-// token fails the check "_size != 0", putting where there is no room the check
-// "_size != _capacity". None of them waits for a token or a
-// slot, since those are reserved before the code runs. Every other thread uses the
-// operations of `petri_net`; a call outside this contract breaks the place's
-// counts.
+// Firing code calls the five operations on the places of its transition, and takes and
+// puts exactly what the arcs say. From each input place it takes as many tokens as the
+// arc's weight: each by `receive`, or by `receive_skip` to leave it there. On each output
+// place it puts as many: each by `send`, or by `send_skip` to leave the slot empty. It
+// may `peek` at input places. Taking or peeking without a token fails the check "_size !=
+// 0", putting without room the check "_size != _capacity". None of the operations waits
+// for a token or a slot, because those are reserved before the code runs. Every other
+// thread uses the operations of `petri_net`. A call outside this contract corrupts the
+// place's counts.
 class OVEL_EXPORT petri_place {
 public:
     // Throws std::bad_alloc.
@@ -84,7 +82,7 @@ public:
     petri_place(petri_place const&) = delete;
     petri_place& operator=(petri_place const&) = delete;
 
-    // In tokens.
+    // The capacity in tokens.
     unsigned int capacity() const;
 
     // Copies the oldest token into `token`. Throws std::bad_alloc.
@@ -109,11 +107,11 @@ private:
     friend struct detail::inspector;
     friend struct detail::petri_access;
 
-    // Appends `token` itself, which is empty then.
+    // Appends `token` itself and leaves it empty.
     void _put(any&& token);
 
-    // What no firing has reserved. The capacity is read here, since firing code
-    // writes the line of the channel's.
+    // What no firing has reserved. Reads a copy of the capacity, because firing code
+    // writes the cache line of the channel's.
     unsigned int tokens() const {
         return _size - _receive_size;
     }
@@ -127,20 +125,20 @@ private:
         return slots() >= size;
     }
 
-    // A firing begins: what it will take and put is set aside.
+    // Begin a firing: reserve what it will take and put.
     void reserve_receive(unsigned int size) {
         _receive_size += size;
         assure(_size >= _receive_size);
     }
     void reserve_send(unsigned int size) {
         _send_size += size;
-        if (_size + _send_size > _capacity)  // which the check reads elsewhere
+        if (_size + _send_size > _capacity)  // the check reads it from there
             assure(_size + _send_size <= _channel.capacity());
     }
 
-    // A firing ends, having taken and put all but what it skipped. Which of the
-    // firings under way declared a skip is not told apart; the counts are right
-    // when all have ended. Return how many skips were settled.
+    // End a firing, which has taken and put everything but what it skipped. They do not
+    // tell which of the firings in progress declared a skip; the counts are right once
+    // all have ended. Return how many skips they settled.
     unsigned int commit_receive(unsigned int size) {
         assure(_receive_size >= size);
         _receive_size -= size;
@@ -156,12 +154,12 @@ private:
         return skips;
     }
 
-    // Takes back a reservation whose token was never put.
+    // Cancels a reservation whose token was never put.
     void withdraw_send(unsigned int size) {
         _send_size -= size;
     }
 
-    // A token comes into a free slot, or never came, without a reservation.
+    // A token enters a free slot, or never came, without a reservation.
     void count_in() {
         ++_size;
     }
@@ -179,9 +177,9 @@ private:
         return input ? _consumers : _producers;
     }
 
-    // Takes up to `size` declared skips off the count, and returns how many. Relaxed: a
-    // firing declares its skips before it ends, on the same thread, so it finds at least
-    // its own.
+    // Subtracts up to `size` declared skips from the count, and returns how many.
+    // Relaxed: a firing declares its skips before it ends, on the same thread, so it
+    // finds at least its own.
     unsigned int _settle(detail::atomic<unsigned int>& skip, unsigned int size) {
         return skip.load(std::memory_order_relaxed) == 0 ? 0 : _settle_declared(skip, size);
     }
@@ -193,42 +191,42 @@ private:
     [[maybe_unused]] cacheline _before;
     channel _channel;  // under _mutex
     [[maybe_unused]] cacheline _between;
-    // Under the net's mutex: `_receive_size` is at most `_size`, and `_size` plus
+    // Under the net's mutex. `_receive_size` is at most `_size`, and `_size` plus
     // `_send_size` at most the capacity.
     unsigned int _size = 0;          // committed tokens
-    unsigned int _receive_size = 0;  // of them, reserved by firings
-    unsigned int _send_size = 0;     // free slots reserved by firings
-    // Tokens and slots left, not yet settled; written under _mutex.
+    unsigned int _receive_size = 0;  // of these, how many firings have reserved
+    unsigned int _send_size = 0;     // free slots that firings have reserved
+    // Declared skips, not yet settled. Written under _mutex.
     detail::atomic<unsigned int> _receive_skip = 0;
     detail::atomic<unsigned int> _send_skip = 0;
-    list<petri_arc*> _arcs;  // changes while the net is stopped only
-    // Guards `_channel` and the writing of `_receive_skip` and `_send_skip`. Taken after the
+    list<petri_arc*> _arcs;  // changes only while the net is stopped
+    // Guards `_channel` and writes of `_receive_skip` and `_send_skip`. Taken after the
     // net's.
     mutex _mutex;
-    // Under the net's mutex: callers of the net that wait for a token or a slot.
+    // Callers that wait for a token or a slot. Under the net's mutex.
     unsigned int _receivers = 0;
     unsigned int _senders = 0;
     unsigned int const _capacity;
-    // What `_arcs` says, as the engine reads it.
+    // The contents of `_arcs`, as the engine reads them.
     detail::petri_side _consumers;
     detail::petri_side _producers;
-    detail::atomic<unsigned int> _runner{0};  // the net's
+    detail::atomic<unsigned int> _runner{0};  // the net's; relaxed as there
 };
 
-// Joins a place and a transition in one direction, with a weight: the tokens that
-// one firing takes or puts. Nets make arcs and own them. The address of a client's
-// pointer to the place, the place reference, names the arc within its transition.
+// Connects a place and a transition in one direction. Its weight is the number of tokens
+// that one firing takes or puts. Nets create arcs and own them. The address of a client's
+// pointer to the place, the place reference, identifies the arc within its transition.
 class OVEL_EXPORT petri_arc {
 public:
     // For nets: see `petri_net::insert_input_arc`.
     petri_arc(bool input, petri_place* place, petri_transition* transition,
               petri_place*& place_reference, unsigned int size);
 
-    // From place to transition, or from transition to place.
+    // Whether it leads from place to transition; otherwise from transition to place.
     bool input() const;
     bool output() const;
 
-    // What it joins, and the variable that names it to firing code.
+    // Its ends, and the variable through which firing code reaches the place.
     petri_place* place() const;
     petri_transition* transition() const;
     petri_place*& place_reference() const;
@@ -256,23 +254,22 @@ inline bool detail::petri_access::enabled() const {
     return input ? place->receive_enabled(size) : place->_size + place->_send_size <= room;
 }
 
-// The transition's end of an arc before the arc exists: what `input` and `output`
-// of a transition return and `insert_input_arc` and `insert_output_arc` of a net
-// take.
+// The transition's end of an arc that does not exist yet. `input` and `output` of a
+// transition return it, and `insert_input_arc` and `insert_output_arc` of a net take it.
 class OVEL_EXPORT petri_connector {
 public:
     // For transitions: see `petri_transition::input`.
     petri_connector(bool input, petri_transition* transition, petri_place*& place_reference,
                     unsigned int size, unsigned int capacity);
 
-    // The same with another weight, 1 unless it is set.
+    // The same with another weight; the default is 1.
     petri_connector size(unsigned int size) const;
 
     // The same with another capacity, which no net reads.
     petri_connector capacity(unsigned int capacity) const;
 
-    // The place at the other end of the arc that this connector made. No such arc
-    // fails the check "place != 0".
+    // The place at the other end of the arc made with this connector. Without such an arc
+    // it fails the check "place != 0".
     inline petri_place* place() const;
 
 private:
@@ -305,22 +302,21 @@ private:
     unsigned int _capacity;
 };
 
-// What a transition does when it fires. Derive from it, give it a `petri_place*`
-// for each arc, and put the firing code into `operator()`; `petri_place` says what
-// the code owes its places. It runs on a thread of the transition's group; for a
-// reentrant transition one object may run on several threads at once. It belongs
-// to the client, outlives the net, and serves the transition that it was inserted
-// with last. An exception that leaves the code fails the check "("unexpected
-// exception", 0)".
+// The code that runs when a transition fires. Derive from it, give it a `petri_place*`
+// for each arc, and put the firing code into `operator()`; `petri_place` states the
+// code's duties towards its places. It runs on a thread of the transition's group; for a
+// reentrant transition one object may run on several threads at once. The client owns the
+// object, which outlives the net and serves the transition that it was last inserted
+// with. An exception that leaves the code fails the check "("unexpected exception", 0)".
 class OVEL_EXPORT petri_function : public thread_function {
 public:
-    // A copy names the same transition, until one is inserted with it.
+    // A copy refers to the same transition until it is inserted with another.
     petri_function();
     petri_function(petri_function const&);
     petri_function& operator=(petri_function const&);
     ~petri_function() override;
 
-    // The transition that runs this function; null before there is one.
+    // The transition that runs this function; null if there is none yet.
     petri_transition* transition() const;
 
 private:
@@ -334,37 +330,37 @@ private:
     petri_transition* _transition = nullptr;
 };
 
-// Fires when each input place has the tokens and each output place the free slots
-// that its arcs ask for. Nets make transitions and own them; only those that
-// `insert_transition` returned are given arcs, activated and deactivated.
+// Fires when each input place has the tokens, and each output place the free slots, that
+// its arcs need. Nets create transitions and own them. Only those that
+// `insert_transition` returned may get arcs and be activated and deactivated.
 class OVEL_EXPORT petri_transition : public thread_function {
 public:
-    // For nets, and copies in their containers: see `petri_net::insert_transition`.
+    // For nets, and for copies in their containers: see `petri_net::insert_transition`.
     petri_transition(petri_function& function, bool reentrant, double time, double space,
                      unsigned int group, petri_net* net);
     petri_transition(petri_transition const&);
     ~petri_transition() override;
 
-    // What it fires.
+    // The function that it runs.
     petri_function& function() const;
 
     // Whether several firings may run at once.
     bool reentrant() const;
 
-    // How its firings are scheduled on their group (see `thread_group`), and which
-    // of several enabled transitions is dispatched first: that of the largest
-    // space, of equal spaces that of the longest time.
+    // How its group orders its firings (see `thread_group`), and which of several enabled
+    // transitions is dispatched first: the one with the largest space, among equal spaces
+    // the one with the longest time.
     double time() const;
     double space() const;
 
     // The index of the group that runs its firings.
     unsigned int group() const;
 
-    // The net that it is part of.
+    // The net that it belongs to.
     petri_net* net() const;
 
-    // The transition's end of an arc that `place_reference` is to name. The
-    // variable outlives the net and receives the place.
+    // The transition's end of an arc that `place_reference` identifies. The variable
+    // outlives the net, and the net stores the place in it.
     petri_connector input(petri_place*& place_reference);
     petri_connector output(petri_place*& place_reference);
 
@@ -437,7 +433,7 @@ private:
     // The firing code, on a thread of the group.
     void operator()() override;
 
-    // Initialised, for a transition can be copied.
+    // Initialised, because a transition can be copied.
     [[maybe_unused]] cacheline _before{};
     petri_function& _function;
     bool const _reentrant;
@@ -447,13 +443,13 @@ private:
     petri_net* const _net;
     // Under the net's mutex.
     bool _activated = true;
-    unsigned int _firing = 0;  // firings initiated and not terminated
+    unsigned int _firing = 0;  // firings initiated and not ended
     unsigned int _random = 1;  // drawn when it was last queued
-    list<petri_arc*> _arcs;    // changes while the net is stopped only
-    position _iterator;        // its place in the net's queue; null when it is not queued
+    list<petri_arc*> _arcs;    // changes only while the net is stopped
+    position _iterator;        // its place in the net's queue; null if it is not queued
     [[maybe_unused]] cacheline _after{};
-    detail::row<detail::petri_access> _accesses;  // what `_arcs` says, as the engine reads it
-    unsigned int _rank = 0;  // among the spaces and times of its group, the first to fire is 0
+    detail::row<detail::petri_access> _accesses;  // `_arcs` as the engine reads it
+    unsigned int _rank = 0;  // among the spaces and times of its group; 0 fires first
 };
 
 inline bool petri_transition::enabled() const {
@@ -475,8 +471,8 @@ inline petri_place* petri_connector::place() const {
     return place;
 }
 
-// Enabled transitions: the largest space first, then the longest time, then the
-// largest random number.
+// Enabled transitions: largest space first, then longest time, then largest random
+// number.
 template <>
 struct skip_list_order<petri_transition*> {
     // Whether `inserted` is dispatched before `queued`.
@@ -489,8 +485,8 @@ struct skip_list_order<petri_transition*> {
     }
 };
 
-// The work of a net's queue thread: it has what is enabled at the start fired, waits
-// until the net is to stop and has come to rest, and ends the groups.
+// The work of a net's queue thread. It dispatches what is enabled at the start, waits
+// until the net is stopping and has come to rest, and ends the groups.
 class OVEL_EXPORT petri_queue_function : public thread_function {
 public:
     // For nets.
@@ -511,72 +507,74 @@ private:
 
 // A net of places and transitions, and the threads that fire it.
 //
-// A net is born stopped. While it is stopped, and only then, one thread builds its
-// structure: places, transitions, arcs. `release` starts it, and from then on every
-// transition fires whenever it is enabled and its group has a thread and the space free;
-// firings that are reserved beside each other run at the same time. `acquire` stops
-// the net once it has come to rest: when no transition is enabled and no firing
-// under way. `try_acquire` and `timed_acquire` ask for the same stop; after false
-// the net is stopping and goes on until it rests, and a later call completes the
-// stop. A net that never rests does not stop before its transitions are
-// deactivated. Calls of these four operations on one net must not overlap, and
-// while `release` runs no other operation of the net may.
+// A new net is stopped. Only while it is stopped, one thread may build its structure:
+// places, transitions, arcs. `release` starts it. From then on every transition fires
+// whenever it is enabled and its group has a thread and the space free. Firings that do
+// not compete for tokens or slots run at the same time. `acquire` stops the net once it
+// has come to rest, that is, when no transition is enabled and no firing is in progress.
+// `try_acquire` and `timed_acquire` request the same stop. If they return false, the net
+// is stopping and continues until it rests; a later call completes the stop. A net that
+// never rests stops only after its transitions were deactivated. Calls of these four
+// operations on one net must not overlap, and no other operation of the net may run
+// during `release`.
 //
-// Tokens, `activate` and `deactivate` are for any thread at any time. Tokens are
-// copied and destroyed under the net's lock, so their code must not call the net. Firing
-// code that calls the blocking `send` on a full place, or `receive` on an empty one, blocks
-// a thread of its group meanwhile, and for ever if no other firing makes room or a token.
+// Any thread may use tokens, `activate` and `deactivate` at any time. Tokens are copied
+// and destroyed under the net's lock, so their code must not call the net. What a thread
+// wrote before it sent a token is visible to the firing or thread that takes the token.
+// Firing code that calls the blocking `send` on a full place, or `receive` on an empty
+// one, blocks a thread of its group, and for ever if no other firing makes room or a
+// token.
 class OVEL_EXPORT petri_net {
 public:
-    // One group of threads, one for each processor and without space, so for
-    // transitions of space 0. `stack_size` is in bytes, also of the queue thread's
-    // stack; 524288 unless given. Constructors throw std::bad_alloc.
+    // One group of threads, one thread per processor, without space and so only for
+    // transitions of space 0. `stack_size` is in bytes and also applies to the queue
+    // thread; 524288 by default. The constructors throw std::bad_alloc.
     petri_net();
     explicit petri_net(unsigned int stack_size);
 
     // One group of `threads` threads with `space`.
     petri_net(unsigned int threads, double space, unsigned int stack_size);
 
-    // A group for each (threads, space, stack size) of the range; the queue thread
-    // has the stack size of the first. An empty range fails the check "_groups != 0".
+    // One group for each (threads, space, stack size) of the range. The queue thread has
+    // the stack size of the first. An empty range fails the check "_groups != 0".
     petri_net(triple<unsigned int, double, unsigned int> const* begin,
               triple<unsigned int, double, unsigned int> const* end);
 
-    // Destroys places with their tokens, transitions and arcs. A net that is not
-    // stopped fails the check "_acquired && _queue_thread_acquired &&
-    // _thread_group_acquireds == _groups", as every change of its structure does; in a
-    // fork, which its threads are not part of, it goes out of use and leaves its memory.
+    // Destroys places with their tokens, transitions and arcs. Fails the check "_acquired
+    // && _queue_thread_acquired && _thread_group_acquireds == _groups" if the net is not
+    // stopped, like every change of its structure. In a forked process, where its threads
+    // do not exist, it abandons the net and its memory.
     ~petri_net();
 
     petri_net(petri_net const&) = delete;
     petri_net& operator=(petri_net const&) = delete;
 
-    // Whether the net ran when this process was forked: then its threads exist in the
-    // parent only, and all that is to be done with it is to destroy it. Else operations
-    // on it and on its places fail the check "!inherited()". Any thread.
+    // Whether the net ran when this process was forked. Its threads then exist only in
+    // the parent, and the net can only be destroyed; other operations on it and on its
+    // places fail the check "!inherited()". Any thread may call this.
     bool inherited() const;
 
-    // Building. All throw std::bad_alloc, having inserted nothing.
+    // Building. If one of these throws std::bad_alloc, it has inserted nothing.
 
-    // A place for `capacity` tokens (check "capacity != 0").
+    // Inserts a place for `capacity` tokens (check "capacity != 0").
     petri_place* insert_place(unsigned int capacity);
 
-    // A transition that runs `function`. `time` is positive, `space` 0 or more and
-    // at most that of its group, which is `group` (check "time > 0 && space >= 0
-    // && group < _groups"). With `reentrant` several firings may run at once.
+    // Inserts a transition that runs `function`. `time` is positive; `space` is from 0 to
+    // the space of its group, which is `group` (check "time > 0 && space >= 0 && group <
+    // _groups"). With `reentrant` several firings may run at once.
     petri_transition* insert_transition(petri_function& function, bool reentrant, double time,
                                         double space, unsigned int group);
 
-    // An arc from `place` to the connector's transition, or from there to `place`,
-    // which the variable that the connector names receives. The weight is at least
-    // 1 and at most the place's capacity (check "connector.size() != 0 &&
-    // connector.size() <= place->capacity()"). The connector must be of that
-    // direction (check "connector.input()" or "connector.output()"), the only one
-    // between the two in it, and the only one of the transition with its variable.
+    // Insert an arc from `place` to the connector's transition, or from that transition
+    // to `place`. The connector's variable receives the place. The weight is from 1 to
+    // the place's capacity (check "connector.size() != 0 && connector.size() <=
+    // place->capacity()"). The connector must have that direction (check
+    // "connector.input()" or "connector.output()"). The arc must be the only one in its
+    // direction between the two, and the only one of the transition with its variable.
     petri_arc* insert_input_arc(petri_place* place, petri_connector connector);
     petri_arc* insert_output_arc(petri_connector connector, petri_place* place);
 
-    // The elements in the order in which they were inserted.
+    // The elements in the order of insertion.
     list<petri_place*>::iterator begin_places();
     list<petri_place*>::iterator end_places();
     list<petri_transition*>::iterator begin_transitions();
@@ -584,50 +582,50 @@ public:
     list<petri_arc*>::iterator begin_arcs();
     list<petri_arc*>::iterator end_arcs();
 
-    // Lets a transition fire, as it may from the beginning; and keeps it from
-    // being dispatched, while firings under way run to their end. Do not block but
-    // for internal locks. `activate` throws std::bad_alloc when it can't queue the
-    // transition, and may be called again.
+    // Allow a transition to fire, as it may from the beginning; and keep it from being
+    // dispatched, while firings in progress run to their end. They block only for
+    // internal locks. `activate` throws std::bad_alloc if it cannot queue the transition,
+    // and may then be called again.
     void activate(petri_transition* transition);
     void deactivate(petri_transition* transition);
 
-    // Tokens. The blocking forms wait until the place has a token that no firing
-    // has reserved, or a slot, and the net need not run for that; the `try_` forms
-    // return false instead. Throw std::bad_alloc, having changed nothing but as
-    // each says. A transition that could not be queued is examined again when one
-    // of its inputs gains tokens or one of its outputs slots, by `activate`, and by
+    // Tokens. The blocking forms wait until the place has a token that no firing has
+    // reserved, or a free slot, whether the net runs or not. The `try_` forms return
+    // false instead. If they throw std::bad_alloc, they have changed nothing except as
+    // stated for each. A transition that could not be queued is examined again when one
+    // of its inputs gains tokens or one of its outputs gains slots, by `activate`, and by
     // `release`.
 
-    // Copies the oldest token; after an exception `token` is empty.
+    // Copy the oldest token. After an exception `token` is empty.
     void peek(petri_place* place, any& token);
     [[nodiscard]] bool try_peek(petri_place* place, any& token);
 
-    // Takes the oldest token. After an exception, which comes from queueing a
-    // transition that is enabled now, the token is taken all the same.
+    // Take the oldest token. An exception comes from queueing a transition that is now
+    // enabled; the token is taken even then.
     void receive(petri_place* place, any& token);
     [[nodiscard]] bool try_receive(petri_place* place, any& token);
 
-    // Puts a copy of `token`. After an exception from copying it nothing is put;
-    // after one from queueing a transition the token is.
+    // Put a copy of `token`. After an exception from copying it they have put nothing;
+    // after one from queueing a transition they have put the token.
     void send(petri_place* place, any const& token);
     [[nodiscard]] bool try_send(petri_place* place, any const& token);
 
-    // Starts the net. One that is not stopped fails the check of the destructor, a
-    // transition without arcs the check "(*i)->input_size() != 0 ||
-    // (*i)->output_size() != 0". Throws std::bad_alloc, having started nothing.
+    // Starts the net. If it is not stopped, it fails the destructor's check; a transition
+    // without arcs fails the check "(*i)->input_size() != 0 || (*i)->output_size() != 0".
+    // If it throws std::bad_alloc, it has started nothing.
     void release();
 
-    // Stops the net: blocks until it has come to rest, and joins its threads. A net
-    // that is stopped fails the check "!_queue_thread_acquired ||
-    // _thread_group_acquireds != _groups", here and below. Firing code of the net, which
-    // would wait for its own end, fails the check "!_runs_caller()".
+    // Stops the net: blocks until it has come to rest, and joins its threads. A net that
+    // is stopped fails the check "!_queue_thread_acquired || _thread_group_acquireds !=
+    // _groups", here and below. Firing code of the net would wait for its own end, and
+    // fails the check "!_runs_caller()".
     void acquire();
 
-    // Begins the stop, and completes it if the net is at rest and its threads have
-    // ended; returns whether it has.
+    // Begins the stop, and completes it if the net is at rest and its threads have ended.
+    // Returns whether it has completed it.
     [[nodiscard]] bool try_acquire();
 
-    // The same, waiting until `deadline`.
+    // The same, but waits until `deadline`.
     [[nodiscard]] bool timed_acquire(time const& deadline);
 
 private:
@@ -636,7 +634,7 @@ private:
     friend class petri_transition;
     friend struct detail::inspector;
 
-    // Makes a token of what `from` points to, in an `any` that is empty.
+    // Makes a token from what `from` points to, in an empty `any`.
     using maker = void (*)(any& token, void* from);
 
     class OVEL_HIDDEN change;
@@ -665,8 +663,8 @@ private:
     void _send(petri_place* place, any const& token);
     void _put(petri_place* place, maker make, void* from);
 
-    // The token operations of `net`. Those that wait return false once `given_up` holds:
-    // the thread that sets it calls `_wake` then. The token that is put is made under the
+    // The token operations of `net`. Those that wait return false once `given_up` is
+    // true; the thread that sets it then calls `_wake`. They make the new token under the
     // net's lock. After any exception nothing is put.
     bool _receive_unless(detail::atomic<bool> const& given_up, petri_place* place, any& token);
     bool _put_unless(detail::atomic<bool> const& given_up, petri_place* place, maker make,
@@ -681,17 +679,17 @@ private:
     template <class Join>
     bool _join_groups(Join join);
 
-    // Guards `_firings`, `_acquired`, `_random`, `_queue` and `_engine` but for what is said
-    // there; of a place `_size`, `_receive_size`, `_send_size`, `_receivers` and `_senders`;
-    // of a transition `_activated`, `_firing`, `_random`, `_iterator` and, from a start to
-    // the stop, `_rank`. Taken before a place's mutex. Never held while firing code runs or
-    // a group is called.
+    // Guards `_firings`, `_acquired`, `_random`, `_queue`, and `_engine` except as stated
+    // there; of a place `_size`, `_receive_size`, `_send_size`, `_receivers` and
+    // `_senders`; of a transition `_activated`, `_firing`, `_random`, `_iterator` and,
+    // from a start to the stop, `_rank`. Taken before a place's mutex. Never held while
+    // firing code runs or while the net calls a group.
     mutex _mutex;
     unsigned int const _groups;
-    unsigned int _firings = 0;  // initiated and not terminated, of all transitions
+    unsigned int _firings = 0;  // initiated and not ended, of all transitions
     bool _acquired = true;      // stopping or stopped
     unsigned int _random = 1;   // state of the generator
-    // How far a stop has come; of the thread that starts and stops the net.
+    // The progress of a stop. For the thread that starts and stops the net.
     bool _queue_thread_acquired = true;
     unsigned int _thread_group_acquireds;
     bool* _thread_group_acquired = nullptr;
@@ -701,12 +699,13 @@ private:
     list<petri_place*> _places;
     list<petri_transition*> _transitions;
     list<petri_arc*> _arcs;
-    skip_list<petri_transition*> _queue;  // enabled transitions to be dispatched
-    condition _condition;                 // blocked callers, with `_mutex`
-    condition _rest;                      // the queue thread, with `_mutex`
+    skip_list<petri_transition*> _queue;  // enabled transitions waiting for dispatch
+    condition _condition;                 // blocked callers wait here, with `_mutex`
+    condition _rest;                      // the queue thread waits here, with `_mutex`
     engine* _engine = nullptr;            // owned
-    // The process that runs the net, 0 while it is stopped. Written by the thread that
-    // starts and stops it. Relaxed: it tells forks from the process that set it.
+    // The process that runs the net; 0 while it is stopped. Written by the thread that
+    // starts and stops it. Relaxed: it only tells a forked process from the one that set
+    // it.
     detail::atomic<unsigned int> _runner{0};
 };
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a net of `ovel_petri.h` keeps of its places and transitions, and how its tokens
-// carry values. For that header only.
+// What a net of `ovel_petri.h` stores about its places and transitions, and how its
+// tokens carry values. Only for that header.
 #ifndef OVEL_PETRI_RECORD_H
 #define OVEL_PETRI_RECORD_H
 
@@ -20,11 +20,11 @@ class net;
 template <class T>
 class place;
 
-// An arc to be, between the place `end` and a transition; `Weighted` tells whether
-// its weight was given. For `from` and `to`, which it leads the compiler to.
+// A future arc between the place `end` and a transition. `Weighted` says whether its
+// weight was given. `from` and `to` take it; the compiler finds them through it.
 template <class T, bool Weighted>
 struct place_arc {
-    using value = T;                            // what the place holds
+    using value = T;                            // the type of the place's tokens
     static constexpr bool weighted = Weighted;  // whether the weight was given
 
     place<T> end;         // the place
@@ -40,7 +40,7 @@ struct place_record {
     petri_place* const element;
 };
 
-// An arc of a transition; `reference` is the variable that names it to the net.
+// An arc of a transition. The net identifies it by the variable `reference`.
 struct arc_record {
     place_record* place;
     bool input;
@@ -48,7 +48,7 @@ struct arc_record {
     petri_place* reference;
 };
 
-// Lets an `any` hold a value that cannot be copied: a copy takes the value.
+// Lets an `any` hold a value that cannot be copied: copying it takes the value.
 template <class T>
 struct moved {
     explicit moved(T&& source) : value(std::move(source)) {}
@@ -59,11 +59,11 @@ struct moved {
     T mutable value;
 };
 
-// What a place for `T` holds.
+// What a token of a place for `T` contains.
 template <class T>
 using token = std::conditional_t<std::is_copy_constructible_v<T>, T, moved<T>>;
 
-// The value in a token, which must be there: check "operand.type() == typeid(T)".
+// The value in a token, which must contain one: check "operand.type() == typeid(T)".
 template <class T>
 T& value_of(any& held) {
     if constexpr (std::is_copy_constructible_v<T>)
@@ -72,7 +72,7 @@ T& value_of(any& held) {
         return any_cast<moved<T>&>(held).value;
 }
 
-// Make tokens of a value for a net, which calls them under its lock.
+// Make tokens from a value. The net calls them under its lock.
 template <class T>
 void copy_into(any& made, void* from) {
     made = any(std::in_place_type<T>, *static_cast<T const*>(from));
@@ -91,9 +91,9 @@ public:
 
     net& owner;
     trace::shared_name const name;
-    std::vector<arc_record> arcs;  // complete before the net learns of them
+    std::vector<arc_record> arcs;  // complete before the net gets them
     petri_transition* element = nullptr;
-    bool active = true;  // as its user wants it; under the net's `_lock`
+    bool active = true;  // as the user wants it; under the net's `_lock`
 
 protected:
     template <class T, bool Weighted>
@@ -101,7 +101,7 @@ protected:
         arcs.push_back({inserted.end._record, input, inserted.weight, nullptr});
     }
 
-    // Runs the body, unless the net is to fire no more. `left` has an element for
+    // Runs the body, unless the net must not fire any more. `left` has an element for
     // each arc.
     void _fire(unsigned int* left);
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the engine of a Petri net reads of its structure. For `ovel_petri_net.h` only.
+// The structure of a Petri net as its engine reads it. Only for `ovel_petri_net.h`.
 //
-// The lists of arcs that a net is built with say the same, but each of their nodes and
-// arcs, and each neighbour behind an arc, would be a cache miss. Here the values that a
-// firing needs of them lie side by side.
+// The lists of arcs that a net is built with contain the same, but each of their nodes
+// and arcs, and each neighbour behind an arc, would be a cache miss. Here the values that
+// a firing needs are next to each other.
 #ifndef OVEL_PETRI_ROWS_H
 #define OVEL_PETRI_ROWS_H
 
@@ -21,7 +21,7 @@ class petri_transition;
 
 namespace detail {
 
-// Plain values side by side in one block from `allocator_support`.
+// Plain values in one block from `allocator_support`.
 template <class T>
 class row {
     static_assert(std::is_trivially_copyable_v<T> && alignof(T) <= 16);
@@ -29,7 +29,7 @@ class row {
 public:
     row() = default;
 
-    // Throws std::bad_alloc, as `make_room` does.
+    // Throws std::bad_alloc; so does `make_room`.
     row(row const& other) {
         if (other._size == 0)
             return;
@@ -50,7 +50,7 @@ public:
         return _begin + _size;
     }
 
-    // Room for one more.
+    // Makes room for one more value.
     void make_room() {
         if (_size == _capacity)
             _reallocate(std::max(2 * _capacity, 2u));
@@ -79,7 +79,7 @@ struct petri_access {
 
     petri_place* place;
     unsigned int size;
-    unsigned int room;  // an output place that holds no more than this has the slots free
+    unsigned int room;  // the slots are free if an output place holds at most this many
     bool input;
 };
 
@@ -98,8 +98,9 @@ struct petri_side {
     }
 
     row<end> ends;
-    // From this many tokens or slots on, one more enables no transition: the largest
-    // weight; without bound if a transition is reentrant, which may fire once more.
+    // From this many tokens or slots on, one more enables no transition. It is the
+    // largest weight; unlimited if a transition is reentrant, because that may fire once
+    // more.
     unsigned int most = 0;
 };
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The threads of a group as a net sees them.
+// The threads of a group, as a net sees them.
 #ifndef OVEL_PETRI_CREW_H
 #define OVEL_PETRI_CREW_H
 
@@ -10,37 +10,38 @@
 
 namespace ovel::detail {
 
-// The firings of a group that are initiated and have not ended, and the threads of the
-// group that run them.
+// A group's firings that were initiated and have not ended, and the threads of the group
+// that run them.
 //
 // A firing is ready until a thread takes it, and then runs until that thread asks for the
-// next one. A thread is idle in its group until it is called; it comes, runs one firing
-// after the other, and leaves when none that is ready fits. No more than one thread that
-// was called is still on its way; it sees to the next one once it has come.
+// next one. A thread is idle in its group until it is called. It then arrives, runs one
+// firing after another, and leaves when no ready firing fits. At most one called thread
+// has not arrived yet; once it arrives, it causes the next call.
 //
-// Invariant: the space left is the budget less what the running firings take, up to
-// rounding, and exactly the budget when none of those takes any. So a firing that takes
-// all of it fits sooner or later.
+// Invariant: the space left is the budget minus what the running firings take, up to
+// rounding, and exactly the budget if none of them takes any. So a firing that takes all
+// of it fits sooner or later.
 //
-// Each pair of a space and a time that a transition of the group has is a rank: the
-// largest space first, of equal spaces the longest time.
+// Each pair of space and time among the transitions of the group is a rank: largest space
+// first, among equal spaces longest time first.
 //
-// Not thread safe: all under the net's mutex.
+// Not thread safe: every call is under the net's mutex.
 class petri_crew {
 public:
-    // For the transitions from `begin` to `end`, sorted by rank, which it gives their
+    // For the transitions from `begin` to `end`, which are sorted by rank; assigns their
     // ranks. Throws std::bad_alloc.
     petri_crew(unsigned int threads, double budget, petri_transition* const* begin,
                petri_transition* const* end)
         : _budget(budget), _space(budget), _threads(threads), _ready(_rank(begin, end)) {}
 
-    // A firing has been initiated. Throws std::bad_alloc.
+    // Adds an initiated firing. Throws std::bad_alloc.
     void insert(petri_transition* transition) {
         _ready.insert(transition->_rank, transition);
     }
 
-    // The firing that a thread runs next; null if none fits, and the thread has left. It
-    // has ended the firing `ended`, or has just come if that is null.
+    // Returns the firing that a thread runs next; null if none fits, and the thread has
+    // then left. The thread has ended the firing `ended`, or has just arrived if that is
+    // null.
     petri_transition* next(petri_transition* ended) {
         if (ended != nullptr)
             _give_back(ended->_space);
@@ -54,8 +55,8 @@ public:
         return taken;
     }
 
-    // Counts one more thread as called, and returns whether there was reason to: then the
-    // caller calls one.
+    // If another thread is needed, counts it as called and returns true; the caller then
+    // calls one.
     bool begin_call() {
         if (_coming || _called == _threads || !_ready.fits(_space))
             return false;
@@ -92,11 +93,11 @@ private:
     }
 
     double _budget;
-    double _space;                // left
+    double _space;                // the space left
     unsigned int _occupants = 0;  // running firings that take space
     unsigned int _threads;
-    unsigned int _called = 0;  // threads called and not gone
-    bool _coming = false;      // one of them has not come
+    unsigned int _called = 0;  // threads called that have not left
+    bool _coming = false;      // one of them has not arrived
     ready_firings _ready;
 };
 

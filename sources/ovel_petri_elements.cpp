@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The elements of nets and a net's lists of them: what they hold and return. What checks,
-// what fires and what starts and stops is in `ovel_petri_net.cpp`.
+// The elements of nets and a net's lists of them: what they hold and return. Checking,
+// firing, starting and stopping are in `ovel_petri_net.cpp`.
 
 #include "ovel_petri_net.h"
 
@@ -62,7 +62,7 @@ void petri_place::send_skip() {
     detail::add(_send_skip, 1u);
 }
 
-// Relaxed: the count changes under `_mutex` only.
+// Relaxed: the count changes only under `_mutex`.
 unsigned int petri_place::_settle_declared(detail::atomic<unsigned int>& skip, unsigned int size) {
     detail::guard const hold(_mutex);
     unsigned int const settled = std::min(skip.load(std::memory_order_relaxed), size);
@@ -180,7 +180,7 @@ void petri_transition::deactivate() {
     _net->deactivate(this);
 }
 
-// The place of the arc that this very variable names, or null.
+// The place of the arc with this very variable, or null.
 petri_place* petri_transition::find_place(petri_place*& place_reference) const {
     for (petri_arc const* arc : _arcs)
         if (&arc->place_reference() == &place_reference)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The enabled transitions of a net that wait to be dispatched.
+// The enabled transitions of a net that wait for dispatch.
 #ifndef OVEL_PETRI_ENABLED_TRANSITIONS_H
 #define OVEL_PETRI_ENABLED_TRANSITIONS_H
 
@@ -10,19 +10,20 @@
 
 namespace ovel::detail {
 
-// Transitions in the order of `skip_list_order<petri_transition*>`: the largest space
-// first, then the longest time, then the largest random number, which each one draws when
-// it is inserted.
+// Transitions in the order of `skip_list_order<petri_transition*>`: largest space first,
+// then longest time, then largest random number, which each transition draws when it is
+// inserted.
 //
-// Mostly few are queued at a time, so up to eight are kept in a short sorted array. Only
-// what finds the array full goes to the skip list, and allocates. The first transition is
-// the first of the array or the first of the list. A transition in the list holds its
-// position there, one in the array the end of the list, and any other one a null position.
+// Usually few transitions are queued, so a short sorted array holds up to eight. Only a
+// transition that finds the array full goes to the skip list, which allocates. The first
+// transition is the first of the array or the first of the list. A transition in the list
+// stores its position there, one in the array stores the end of the list, and any other
+// stores a null position.
 //
-// Not thread safe: all under the net's mutex.
+// Not thread safe: every call is under the net's mutex.
 class enabled_transitions {
 public:
-    // `list` and the state of the random numbers are the net's.
+    // The net owns `list` and the state of the random numbers.
     enabled_transitions(skip_list<petri_transition*>& list, unsigned int& random)
         : _list(list), _random(random) {}
 
@@ -30,7 +31,8 @@ public:
         return _size == 0;
     }
 
-    // Inserts one that is not queued. Throws std::bad_alloc, having inserted nothing.
+    // Inserts a transition that is not queued. If it throws std::bad_alloc, it has
+    // inserted nothing.
     void insert(petri_transition* transition) {
         transition->random(_draw());
         if (_short_size == most_short) {
@@ -45,7 +47,7 @@ public:
         ++_size;
     }
 
-    // Removes one that is queued.
+    // Removes a queued transition.
     void erase(petri_transition* transition) {
         --_size;
         auto const where = transition->dequeue();
@@ -60,7 +62,7 @@ public:
             _short[i] = _short[i + 1];
     }
 
-    // Removes and returns the first one. There is one.
+    // Removes and returns the first transition. There must be one.
     petri_transition* take_first() {
         unsigned int const listed = _size - _short_size;
         if (listed == 0 ||
@@ -80,12 +82,12 @@ private:
 
     using order = skip_list_order<petri_transition*>;
 
-    // A firing rarely enables more, and an insertion moves few pointers.
+    // A firing rarely enables more, and an insertion then moves few pointers.
     static constexpr unsigned int most_short = 8;
 
-    // The next number of the minimal standard generator: the modulus is the prime 2^31 - 1,
-    // of which the multiplier is a primitive root, so all of 1 to 2^31 - 2 come before any
-    // comes again.
+    // Draws the next number of the minimal standard generator. The modulus is the prime
+    // 2^31 - 1 and the multiplier a primitive root of it, so all numbers from 1 to 2^31 -
+    // 2 come before any repeats.
     unsigned int _draw() {
         constexpr std::uint64_t multiplier = 16807;
         constexpr std::uint64_t modulus = 2147483647;
@@ -94,9 +96,9 @@ private:
 
     skip_list<petri_transition*>& _list;
     unsigned int& _random;
-    unsigned int _size = 0;  // of both
+    unsigned int _size = 0;  // of array and list together
     unsigned int _short_size = 0;
-    petri_transition* _short[most_short];  // the first one last
+    petri_transition* _short[most_short];  // in reverse order: the first one last
 };
 
 }  // namespace ovel::detail

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What makes a net's transitions fire.
+// The engine that fires a net's transitions.
 //
 // Transitions.
 //
@@ -10,7 +10,7 @@
 //                                                a loss of tokens or slots, a deactivation: idle
 //     firing       `_firing` is not 0            the end of its last firing: idle or queued
 //
-// A reentrant one can be firing and idle, or firing and queued, at once.
+// A reentrant transition can be firing and idle, or firing and queued, at the same time.
 //
 // Firings.
 //
@@ -18,7 +18,7 @@
 //     ready        in its group's crew           a thread of the group that takes it: running
 //     running      on that thread                its code returns, and the thread commits it
 //
-// Nets. `acquired` stands for `_acquired`, `joined` for the two that count joined threads.
+// Nets. `acquired` is `_acquired`; `joined` are the two fields that count joined threads.
 //
 //     state        acquired  joined  is_running  what ends it
 //     stopped      yes       all     no          `release`: starting
@@ -27,30 +27,32 @@
 //     stopping     yes       none    yes         rest, which the queue thread sees: resting
 //     resting      yes       some    no          the last thread is joined: stopped
 //
-// A net is at rest when nothing is queued, no firing has been initiated and not ended, and
-// all threads that were called have left.
+// A net is at rest when nothing is queued, every initiated firing has ended, and all
+// called threads have left.
 //
-// Counts. Of the `_size` committed tokens of a place, `_receive_size` are reserved by
-// firings, and `_send_size` of its free slots are. A firing reserves all that its arcs ask
-// for when it is initiated, and commits it when it ends. So no other thread ever sees half
-// of a firing, and firing code never waits.
+// Counts. Firings have reserved `_receive_size` of the `_size` committed tokens of a
+// place, and `_send_size` of its free slots. A firing reserves everything that its arcs
+// need when it is initiated, and commits it when it ends. So no other thread ever sees
+// half of a firing, and firing code never waits.
 //
 // Enabling. A transition is queued only if it is enabled; a reservation that disables it
-// takes it off the queue. It is examined when one of its places gains tokens or slots, when
-// one of its firings ends, when it is activated, and at the start. A place that gains looks
-// only at arcs that are enabled now. In a running net it also skips those that were enabled
-// before: their transition is queued, or fires, or lacks something else and is examined when
-// it gets that. That does not hold for a reentrant transition, in a stopped net, nor once
-// there was no memory to queue a transition; then every enabled arc counts.
+// takes it off the queue. It is examined when one of its places gains tokens or slots,
+// when one of its firings ends, when it is activated, and at the start. A place that
+// gains looks only at arcs that are now enabled. In a running net it also skips arcs that
+// were enabled before: their transition is queued, or fires, or lacks something else and
+// is examined when it gets that. The exceptions are reentrant transitions, stopped nets,
+// and any time after memory ran out for queueing a transition; then every enabled arc
+// counts.
 //
-// Dispatching. In a running net each thread that changes something under the net's `_mutex`
-// initiates what that enables before it gives the mutex up, so from the first dispatch on
-// nothing is queued while the mutex is free. Ready firings wait in the crew of their group. A
-// thread that ends a firing takes the next one within the same hold of the mutex.
+// Dispatching. In a running net each thread that changes something under the net's
+// `_mutex` initiates what that enables before it releases the mutex. So from the first
+// dispatch on, nothing is queued while the mutex is free. Ready firings wait in the crew
+// of their group. A thread that ends a firing takes the next one within the same hold of
+// the mutex.
 //
-// Wake-ups. They all happen after the mutex was given up: one thread for each crew that needs
-// one, blocked callers if a place that one of them waits at has gained what it waits for, and
-// the queue thread if the net is stopping and at rest.
+// Wake-ups. They all happen after the mutex was released: one thread for each crew that
+// needs one, blocked callers if a place that one of them waits at has gained what it
+// waits for, and the queue thread if the net is stopping and at rest.
 #ifndef OVEL_PETRI_ENGINE_H
 #define OVEL_PETRI_ENGINE_H
 
@@ -71,7 +73,7 @@
 
 namespace ovel {
 
-// The work that the threads of a group are called with, and the group's crew.
+// The work with which the net calls the threads of a group, and the group's crew.
 class petri_net::firing_work final : public thread_function {
 public:
     firing_work(petri_net& net, thread_group& group, double budget)
@@ -88,7 +90,7 @@ private:
     friend class engine;
     friend struct detail::inspector;
 
-    // A thread fires until nothing is left that fits.
+    // Fires until no ready firing fits.
     void operator()() override;
 
     petri_net& _net;
@@ -99,24 +101,24 @@ private:
     detail::petri_crew _crew;
     bool _is_touched = false;
     firing_work* _next_touched = nullptr;
-    // Of the thread that calls one, from `collect_wake_ups` to the call. No other thread
-    // calls one in between, since a crew has one thread on its way at most.
+    // For the thread that calls one, from `collect_wake_ups` to the call. No other thread
+    // calls one in between, because at most one called thread of a crew has not arrived.
     firing_work* _next_called = nullptr;
 };
 
-// Keeps the enabled transitions true to the counts of the places, and hands firings to the
-// crews. All under the net's mutex but for what says otherwise. A function that can queue a
-// transition or a firing throws std::bad_alloc.
+// Keeps the set of enabled transitions in step with the counts of the places, and gives
+// firings to the crews. Everything is under the net's mutex unless stated otherwise. A
+// function that can queue a transition or a firing throws std::bad_alloc.
 class petri_net::engine {
 public:
-    // `spin` bounds the pauses of a thread that waits for the net's mutex.
+    // `spin` limits the pauses of a thread that waits for the net's mutex.
     engine(petri_net& net, unsigned int spin)
         : _spin(spin), _net(net), _works(new std::unique_ptr<firing_work>[net._groups]) {}
 
-    // What a thread does for others once it has given the mutex up.
+    // What a thread does for others after it has released the mutex.
     struct wake_ups {
         firing_work* called;  // the groups to call a thread of, linked by `_next_called`
-        bool callers;         // wake blocked callers
+        bool callers;         // whether to wake blocked callers
         bool queue_thread;
     };
 
@@ -128,7 +130,8 @@ public:
     // Gives all transitions their ranks if some have none yet.
     void rank(list<petri_transition*>& transitions);
 
-    // From here on what is enabled is dispatched. All transitions have been examined.
+    // From here on dispatch runs what is enabled. All transitions must have been
+    // examined.
     void start() {
         _is_running = true;
     }
@@ -162,7 +165,7 @@ public:
         _enqueue_side(place->_producers, before, place->slots());
     }
 
-    // The place has lost tokens, or free slots, that were available.
+    // The place has lost available tokens, or free slots.
     void lost_tokens(petri_place* place) {
         _dequeue_side(place->_consumers, place->tokens());
     }
@@ -170,8 +173,8 @@ public:
         _dequeue_side(place->_producers, place->slots());
     }
 
-    // Initiates the firings of all that is queued, and so is enabled; of a reentrant
-    // transition as many at once as its group has threads.
+    // Initiates the firings of all queued transitions; of a reentrant transition as many
+    // at once as its group has threads.
     void dispatch() {
         if (!_is_running)
             return;
@@ -195,7 +198,7 @@ public:
         enqueue_if_enabled(transition);
     }
 
-    // The firing that a thread of `of` runs next, as `petri_crew::next` has it.
+    // The firing that a thread of `of` runs next, as in `petri_crew::next`.
     petri_transition* next(firing_work& of, petri_transition* ended) {
         petri_transition* const next = of._crew.next(ended);
         _called -= next == nullptr;
@@ -203,7 +206,7 @@ public:
         return next;
     }
 
-    // Has all blocked callers look again.
+    // Makes all blocked callers look again.
     void wake_callers() {
         _wakes_callers = true;
     }
@@ -218,9 +221,9 @@ public:
             std::exchange(called, called->_next_called)->call();
     }
 
-    // Firings that have ended, modulo the range. Without the mutex. Relaxed: a thread that
-    // waits for the mutex reads how fast it grows, and a stale value costs a pause or saves
-    // one.
+    // The number of ended firings, modulo the range. Without the mutex. Relaxed: a thread
+    // that waits for the mutex reads how fast it grows, and a stale value costs a pause
+    // or saves one.
     unsigned int ended() const {
         return _ended.load(std::memory_order_relaxed);
     }
@@ -278,7 +281,7 @@ private:
     }
 
     // Commits what a firing of the transition reserved. What it skipped stays with the
-    // other side of the place, which is examined as well.
+    // other side of the place, so this examines that side too.
     void _commit(petri_transition* transition) {
         for (detail::petri_access const& access : transition->accesses()) {
             petri_place* const place = access.place;
@@ -308,7 +311,7 @@ private:
         touched._next_touched = std::exchange(_touched, &touched);
     }
 
-    // Begins the calls of threads that are needed, and links the groups that they are of.
+    // Begins the calls of the threads that are needed, and links their groups.
     firing_work* _begin_calls() {
         firing_work* called = nullptr;
         while (_touched != nullptr) {
@@ -326,15 +329,15 @@ private:
     std::unique_ptr<std::unique_ptr<firing_work>[]> const _works;  // one for each group
     detail::enabled_transitions _enabled{_net._queue, _net._random};
     firing_work* _touched = nullptr;  // the first of those that may need a thread
-    unsigned int _called = 0;         // threads called and not gone, of all crews
+    unsigned int _called = 0;         // called threads that have not left, of all crews
     bool _is_running = false;
-    bool _missed = false;                     // there was no memory to queue a transition
-    bool _wakes_callers = false;              // what a blocked caller waits for has come
-    unsigned int _ranked = 0;                 // transitions that have their rank
+    bool _missed = false;                     // memory ran out for queueing a transition
+    bool _wakes_callers = false;              // a blocked caller may have what it waits for
+    unsigned int _ranked = 0;                 // the number of ranked transitions
     detail::atomic<unsigned int> _ended = 0;  // written under the mutex
 };
 
-// A transition that is inserted may lie between any two others.
+// A new transition may belong between any two others.
 inline void petri_net::engine::rank(list<petri_transition*>& transitions) {
     if (_ranked == transitions.size())
         return;

@@ -2,7 +2,8 @@
 // Petri nets: their construction, their mutex, the token interface, start and stop. The
 // engine that fires them is in `ovel_petri_engine.h`.
 //
-// What can fail a check of nets is here, since a check prints the file that it stands in.
+// This file contains everything that can fail a check of nets, because a check prints its
+// file.
 //
 // Lock order: the net's `_mutex`, then a place's.
 
@@ -23,8 +24,8 @@
 
 namespace ovel {
 
-// Takes an arc in, the only one in its direction with its place, and the only one
-// with its variable. Needs room in the row.
+// Adds an arc: the only one in its direction with its place, and the only one with its
+// variable. Needs room in the row.
 void petri_transition::insert_arc(list<petri_arc*>::prepared&& inserted) {
     petri_arc const* const arc = inserted->value;
     for (auto i = _arcs.begin(); i != _arcs.end(); ++i) {
@@ -47,12 +48,12 @@ void petri_net::_enter() {
         _enter_contended();
 }
 
-// Backs off exponentially while other threads have the mutex. As long as they end firings
-// faster than the mutex and the cache lines it guards could be handed over, it does not even
+// Backs off exponentially while contended. While other threads end firings faster than
+// the mutex, and the cache lines that it guards, could be handed over, it does not even
 // try: one more thread would only slow them down.
 void petri_net::_enter_contended() {
-    // Ticks, roughly, that it takes another processor to fetch the mutex, the counts of a
-    // few places, and what a thread that fires touches besides: some ten cache misses.
+    // Approximate ticks for another processor to fetch the mutex, the counts of a few
+    // places, and what else a firing thread touches: some ten cache misses.
     constexpr std::int64_t handover = 1024;
     detail::spin_wait wait(_engine->_spin, detail::pace_for_net);
     while (!wait.is_over()) {
@@ -71,7 +72,7 @@ void petri_net::_enter_contended() {
     _mutex.acquire();
 }
 
-// Dispatches what is enabled now, for which there must be memory.
+// Dispatches what is now enabled. There must be memory for it.
 void petri_net::_dispatch() {
     try {
         _engine->dispatch();
@@ -80,7 +81,7 @@ void petri_net::_dispatch() {
     }
 }
 
-// Gives `_mutex` up, and wakes the threads that have a reason to look again.
+// Releases `_mutex`, and wakes the threads that have a reason to look again.
 void petri_net::_leave() {
     engine::wake_ups const wakes = _engine->collect_wake_ups();
     _mutex.release();
@@ -91,8 +92,8 @@ void petri_net::_leave() {
         _rest.release_one();
 }
 
-// Holds a net's mutex for a change. The end of the scope dispatches what is enabled then,
-// and wakes the threads that this concerns, also when an exception ends it half way.
+// Holds a net's mutex for a change. The end of the scope dispatches what is then enabled
+// and wakes the threads concerned, also if an exception ends the scope.
 class petri_net::change {
 public:
     explicit change(petri_net& net) : _net(net) {
@@ -126,7 +127,7 @@ void petri_net::firing_work::call() {
 }
 
 void petri_net::firing_work::operator()() {
-    petri_net& net = _net;  // another thread may write this object's cache lines meanwhile
+    petri_net& net = _net;  // other threads may write this object's cache lines meanwhile
     allocator_group* const group = allocator_group::global();
     using detail::this_process;
     unsigned int const process = this_process();
@@ -134,13 +135,13 @@ void petri_net::firing_work::operator()() {
          firing = net._next_firing(*this, firing)) {
         firing->petri_transition::operator()();  // not virtual: saves a cache miss
         assure(process == this_process());
-        // The group sees one long work item here, and would do this at its end only.
+        // The group sees one long work item here, and would flush only at its end.
         group->flush_allocator(true);
     }
 }
 
-// On a thread of `of`: commits the firing that it has run, if any, and returns the one
-// that it runs next; null ends its work.
+// On a thread of `of`: commits the firing that it has run, if any, and returns the one to
+// run next. Null ends its work.
 petri_transition* petri_net::_next_firing(firing_work& of, petri_transition* ended) {
     _enter();
     try {
@@ -169,7 +170,8 @@ void petri_queue_function::operator()() {
         _net->_thread_groups[i]->conclude();
 }
 
-// A slot of a place, reserved for a token that is given up unless it is put.
+// A slot of a place, reserved for a token. The reservation is cancelled unless the token
+// is put.
 class petri_net::slot {
 public:
     explicit slot(petri_place& place) : _place(&place) {
@@ -190,7 +192,7 @@ private:
     petri_place* _place;
 };
 
-// A start that is taken back unless it is completed.
+// A start that is undone unless it is completed.
 class petri_net::start {
 public:
     explicit start(petri_net& net) : _net(&net) {}
@@ -236,8 +238,8 @@ petri_net::petri_net(triple<unsigned int, double, unsigned int> const* begin,
     _construct_groups(begin);
 }
 
-// A net without groups. Once it has run, the destructor takes back whatever the
-// rest of a construction has done before it threw.
+// A net without groups. Once it has run, the destructor undoes what the rest of a
+// construction did before it threw.
 petri_net::petri_net(unsigned int groups, unsigned int stack_size)
     : _mutex(detail::current_spin()),
       _groups(groups),
@@ -261,8 +263,8 @@ void petri_net::_construct_groups(triple<unsigned int, double, unsigned int> con
     }
 }
 
-// In a fork the lists of places, transitions and arcs are whole, for they change while
-// the net is stopped only. What they hold is in use.
+// In a fork the lists of places, transitions and arcs are intact, because they change
+// only while the net is stopped. Their elements are in use.
 petri_net::~petri_net() {
     if (inherited()) {
         std::construct_at(&_queue);
@@ -318,9 +320,9 @@ petri_arc* petri_net::insert_output_arc(petri_connector connector, petri_place* 
     return _insert_arc(place, connector);
 }
 
-// Everything is allocated before anything is linked, so that a failure leaves no
-// arc that only one of its ends knows. The net is stopped, but a caller that it
-// blocked may be on its way and look at the place's arcs.
+// Allocates everything before it links anything, so a failure leaves no arc that only one
+// of its ends knows. The net is stopped, but a caller that it blocked may be waking up
+// and look at the place's arcs.
 petri_arc* petri_net::_insert_arc(petri_place* place, petri_connector const& connector) {
     assure(connector.size() != 0 && connector.size() <= place->capacity());
     auto arc = std::make_unique<petri_arc>(connector.input(), place, connector.transition(),
@@ -363,8 +365,8 @@ void petri_net::_enqueue_initial_transitions() {
     _engine->forget_missed();
 }
 
-// Wait until there is a token or a slot, true, or until `given_up`, if any, holds, false.
-// Relaxed: it is set before `_wake` takes the mutex.
+// Wait for a token or a slot and return true, or return false once `given_up`, if any, is
+// true. Relaxed: it is set before `_wake` takes the mutex.
 bool petri_net::_await_token(petri_place* place, detail::atomic<bool> const* given_up) {
     while (!place->receive_enabled(1)) {
         if (given_up != nullptr && given_up->load(std::memory_order_relaxed))
@@ -387,7 +389,7 @@ bool petri_net::_await_slot(petri_place* place, detail::atomic<bool> const* give
     return true;
 }
 
-// Has all callers that are blocked look again.
+// Makes all blocked callers look again.
 void petri_net::_wake() {
     change const hold(*this);
     _engine->wake_callers();
@@ -437,8 +439,8 @@ bool petri_net::try_send(petri_place* place, any const& token) {
     return true;
 }
 
-// Takes a token that is available. A skip that this settles is made good when the
-// firing that declared it ends.
+// Takes an available token. If that settles a skip, the end of the firing that declared
+// it makes up for it.
 void petri_net::_receive(petri_place* place, any& token) {
     unsigned int const slots = place->slots();
     place->reserve_receive(1);
@@ -448,12 +450,12 @@ void petri_net::_receive(petri_place* place, any& token) {
     _engine->gained_slots(place, slots);
 }
 
-// Puts a token into a slot that is free.
+// Puts a token into a free slot.
 void petri_net::_send(petri_place* place, any const& token) {
     unsigned int const tokens = place->tokens();
     {
         slot reserved(*place);
-        place->send(token);  // throws when the token cannot be copied
+        place->send(token);  // throws if copying the token throws
         reserved.commit();
     }
     _engine->lost_slots(place);
@@ -486,9 +488,9 @@ bool petri_net::_try_put(petri_place* place, maker make, void* from) {
     return true;
 }
 
-// Puts a token into a slot that is free. It is counted before it is there, so that all
-// that may throw comes before the value is moved: the firings that take it are reserved
-// under the mutex, later.
+// Puts a token into a free slot. Counts it before it is there, so that everything that
+// may throw comes before the value is moved. The firings that take it are reserved later,
+// under the mutex.
 void petri_net::_put(petri_place* place, maker make, void* from) {
     unsigned int const tokens = place->tokens();
     place->count_in();
@@ -508,8 +510,8 @@ void petri_net::_put(petri_place* place, maker make, void* from) {
 void petri_net::release() {
     _assure_stopped();
     {
-        // Nobody else changes a stopped net while it is started, but callers that
-        // it blocks may wake up and look.
+        // No other thread changes a stopped net while it starts, but callers that it
+        // blocks may wake up and look.
         detail::guard const hold(_mutex);
         _engine->rank(_transitions);
         _enqueue_initial_transitions();
@@ -532,7 +534,7 @@ void petri_net::release() {
     _queue_thread_acquired = false;
 }
 
-// Ends the groups that a start has begun with before one could not be started.
+// Ends the groups that a start has begun with, after one could not be started.
 void petri_net::_withdraw_start() {
     for (unsigned int i = 0; i != _groups; ++i)
         if (!_thread_group_acquired[i])
@@ -547,7 +549,7 @@ void petri_net::_set_runner(unsigned int process) {
         place->_runner.store(process, std::memory_order_relaxed);
 }
 
-// Whether the calling thread is one of the net's that fire.
+// Whether the calling thread is one of the net's firing threads.
 bool petri_net::_runs_caller() const {
     return std::any_of(_thread_groups, _thread_groups + _groups,
                        [](thread_group const* each) { return each->_runs_caller(); });
@@ -566,8 +568,8 @@ bool petri_net::timed_acquire(ovel::time const& deadline) {
     return _stop([&deadline](auto& joined) { return joined.timed_acquire(deadline); });
 }
 
-// Asks the net to stop when it is at rest, and joins its threads up to the first
-// that `join` does not.
+// Asks the net to stop when it is at rest, and joins its threads in order until `join`
+// fails for one.
 template <class Join>
 bool petri_net::_stop(Join join) {
     assure(!_queue_thread_acquired || _thread_group_acquireds != _groups);

@@ -16,20 +16,20 @@ class petri_transition;
 
 namespace detail {
 
-// Firings in queues, one for each rank. Rank 0 goes first, and a rank never takes more
-// space than the one before it. Within a rank the first come goes first.
+// Firings in queues, one per rank. Rank 0 goes first, and a rank never takes more space
+// than the one before it. Within a rank the order is first in, first out.
 //
-// All queues share one block of entries. A set of bits holds the ranks whose queue is
-// not empty, so that finding the first of them that fits takes as many steps as the
-// number of ranks has digits of base 64.
+// All queues share one block of entries. A bitmap holds the ranks whose queue is not
+// empty. So finding the first of them that fits takes as many steps as the number of
+// ranks has digits in base 64.
 //
-// The transitions are only handed through. Not thread safe.
+// The class does not access the transitions. Not thread safe.
 class ready_firings {
 public:
     // No ranks.
     ready_firings() = default;
 
-    // `ranks` ranks that take `spaces[rank]` each, and memory for `capacity` firings.
+    // `ranks` ranks, which take `spaces[rank]` each, and memory for `capacity` firings.
     // Throws std::bad_alloc.
     ready_firings(double const* spaces, unsigned int ranks, unsigned int capacity)
         : _ranks(new rank_entry[ranks]),
@@ -41,7 +41,7 @@ public:
             _ranks[i].space = spaces[i];
     }
 
-    // Throws std::bad_alloc, having inserted nothing.
+    // If it throws std::bad_alloc, it has inserted nothing.
     void insert(unsigned int rank, petri_transition* transition) {
         unsigned int const added = _take_entry();
         _entries[added] = {transition, none};
@@ -55,13 +55,13 @@ public:
         to.last = added;
     }
 
-    // Whether `take` would find one.
+    // Whether `take` would find a firing.
     bool fits(double space) const {
         return _find(space) != none;
     }
 
-    // Removes and returns the first firing that takes no more than `space`; null if there
-    // is none.
+    // Removes and returns the first firing that takes at most `space`; null if there is
+    // none.
     petri_transition* take(double space) {
         unsigned int const rank = _find(space);
         if (rank == none)
@@ -89,7 +89,7 @@ private:
             for (unsigned int size = bound; size > 64; ++_top) {
                 size = (size + 63) / 64;
                 _first_word[_top] = words;
-                words += size + 1;  // the last stays 0 and ends a search
+                words += size + 1;  // the last word stays 0 and ends a search
             }
             if (words != 0)
                 _words = std::make_unique<std::uint64_t[]>(words);
@@ -107,8 +107,9 @@ private:
             _top_word &= ~_bit(number);
         }
 
-        // The least that is `from` or more, or `none`. `from` is at most the bound. What
-        // is left of a word lies in `from`'s own; a level up, the search goes on behind it.
+        // The least number that is `from` or more, or `none`. `from` is at most the
+        // bound. The search begins in the rest of the word of `from`; one level up, it
+        // continues after that word.
         unsigned int find(unsigned int from) const {
             for (unsigned int level = 0; level != _top; ++level, from = from / 64 + 1)
                 if (std::uint64_t const left = _word(level, from) & -_bit(from); left != 0)
@@ -127,14 +128,14 @@ private:
         std::uint64_t& _word(unsigned int level, unsigned int number) const {
             return _words[_first_word[level] + number / 64];
         }
-        // The least of those that `number` stands for on this level.
+        // The least of the numbers that `number` represents on this level.
         unsigned int _find_below(unsigned int level, unsigned int number) const {
             while (level-- != 0)
                 number = number * 64 + _lowest(_word(level, number * 64));
             return number;
         }
 
-        // 64 to the power of 6 exceeds any bound, and the top is a word of its own.
+        // 64 to the power of 6 exceeds any bound, and the top is a separate word.
         static constexpr unsigned int most_levels = 5;
 
         // Bit i of level 0 says whether i is in the set. Bit i of a higher level says
@@ -145,7 +146,7 @@ private:
         unsigned int _first_word[most_levels];
     };
 
-    // The queue of a rank; `last` counts only while there is a first.
+    // The queue of a rank. `last` is valid only if there is a first.
     struct rank_entry {
         double space;
         unsigned int first = none;
@@ -169,7 +170,7 @@ private:
         return _nonempty.find(fits);
     }
 
-    // The entry that was freed last comes first: it is in the cache.
+    // Takes the entry that was freed last, because it is in the cache.
     unsigned int _take_entry() {
         if (_free != none)
             return std::exchange(_free, _entries[_free].next);
@@ -187,8 +188,8 @@ private:
     number_set _nonempty;
     std::unique_ptr<entry[]> _entries;
     unsigned int _capacity = 0;
-    unsigned int _used = 0;     // entries that have been taken at least once
-    unsigned int _free = none;  // the first of a list of the entries that are free again
+    unsigned int _used = 0;     // entries taken at least once
+    unsigned int _free = none;  // the first of a list of free entries
 };
 
 }  // namespace detail
