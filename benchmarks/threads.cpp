@@ -36,10 +36,15 @@ double seconds_since(steady_clock::time_point start) {
     return std::chrono::duration<double>(steady_clock::now() - start).count();
 }
 
-// One work item: a busy wait of `length`, after which it may schedule itself again.
+// One work item: a busy wait of `length`, after which it may schedule itself again, or
+// delete itself.
 class piece : public ovel::thread_function {
 public:
     void operator()() override {
+        if (owns_itself) {
+            delete this;
+            return;
+        }
         if (length.count() != 0) {
             auto const start = steady_clock::now();
             while (steady_clock::now() - start < length) {}
@@ -51,6 +56,7 @@ public:
     }
 
     std::chrono::nanoseconds length{0};
+    bool owns_itself = false;
     int again = 0;
     std::function<void()> reschedule;
 };
@@ -272,6 +278,20 @@ double run_from_one_thread(load const& what) {
     return seconds_since(start);
 }
 
+// Each item is an object of its own that its thread deletes.
+template <class Pool>
+double run_new(unsigned int threads) {
+    auto const start = steady_clock::now();
+    Pool pool(threads);
+    for (unsigned int i = 0; i != pieces; ++i) {
+        auto* const work = new piece;
+        work->owns_itself = true;
+        pool.schedule(*work, 0);
+    }
+    pool.finish();
+    return seconds_since(start);
+}
+
 template <class Pool>
 double run_from_inside(load const& what) {
     std::vector<piece> work(chains);
@@ -305,6 +325,32 @@ void run_pieces(std::string const& row, std::string const& name, load const& wha
                                                : run_from_one_thread<Pool>(what));
         state.SetItemsProcessed(state.iterations() * pieces);
     });
+}
+
+template <class Pool>
+void run_new_pieces(std::string const& name) {
+    for (unsigned int const threads : {2u, 8u}) {
+        std::string const row = threads == 2 ? "new_pieces" : "new_pieces_8_threads";
+        ovel_benchmark::timed_contestant(row, name, [threads](benchmark::State& state) {
+            for (auto _ : state)
+                state.SetIterationTime(run_new<Pool>(threads));
+            state.SetItemsProcessed(state.iterations() * pieces);
+        });
+    }
+}
+
+void register_new_pieces() {
+    run_new_pieces<ovel_pool>("ovel");
+    run_new_pieces<locked_heap_pool>("std::priority_queue");
+#if defined(OVEL_PEER_TBB)
+    run_new_pieces<task_group_pool>("tbb::task_group");
+#endif
+#if defined(OVEL_PEER_BOOST)
+    run_new_pieces<asio_pool>("boost::asio");
+#endif
+#if defined(OVEL_PEER_MOODYCAMEL)
+    run_new_pieces<concurrent_queue_pool>("moodycamel");
+#endif
 }
 
 void register_pieces(std::string const& name, load what) {
@@ -506,6 +552,7 @@ void ovel_benchmark::register_rows() {
     register_runs("begin", 1, true);
     register_runs("begin_8_threads", 8, true);
 
+    register_new_pieces();
     for (unsigned int const threads : {2u, 8u}) {
         for (bool const inside : {false, true}) {
             for (unsigned int const priorities : {1u, 256u}) {

@@ -5,6 +5,7 @@
 #include "ovel_benchmark_semaphores.h"
 #include "ovel_condition.h"
 #include "ovel_mutex.h"
+#include "ovel_std.h"
 
 #include <pthread.h>
 #include <sys/eventfd.h>
@@ -298,17 +299,16 @@ void round_trip_after_a_pause(std::string const& row, std::string const& name) {
     });
 }
 
-// Four pairs at once, with their eight threads wherever the system puts them. The figure
-// is the round trips of all pairs per second.
+// Many pairs at once, wherever the system puts their threads. The figure is the round trips
+// of all in a second.
 template <class Semaphore>
-void round_trips_at_once(std::string const& row, std::string const& name) {
-    ovel_benchmark::timed_contestant(row, name, [](benchmark::State& state) {
-        constexpr int dialogues = 4;
+void round_trips_at_once(std::string const& row, std::string const& name, int dialogues) {
+    ovel_benchmark::timed_contestant(row, name, [dialogues](benchmark::State& state) {
         constexpr int questions = 200;
         for (auto _ : state) {
-            dialogue<Semaphore> talks[dialogues];
+            std::vector<dialogue<Semaphore>> talks(static_cast<std::size_t>(dialogues));
             auto const work = [&](int member) {
-                auto& talk = talks[member / 2];
+                auto& talk = talks[static_cast<std::size_t>(member / 2)];
                 if (member % 2 != 0) {
                     talk.answer_all();
                 } else {
@@ -388,6 +388,157 @@ void wake(std::string const& row, std::string const& name, int sleepers, bool ag
         }
         change(true);
     })->Iterations(100);  // the time between two of them does not count
+}
+
+// The bound of waking threads that wait again with a condition whose gate lets none of them
+// pass before all have left: all are woken at once, then one after the other, each by the
+// one before: the first at the gate, the others at the mutex.
+void wake_all_then_each(std::string const& row, std::string const& name, int sleepers) {
+    ovel_benchmark::timed_contestant(row, name, [=](benchmark::State& state) {
+        std::atomic<int> generation = 0;
+        std::atomic<int> waiting = 0;
+        std::atomic<int> awake = 0;
+        std::atomic<bool> over = false;
+        clock_type::time_point end;
+        posix_semaphore<0> all_awake;
+        std::vector<posix_semaphore<0>> turn(static_cast<std::size_t>(sleepers) + 1);
+        std::vector<std::jthread> threads;
+        for (int sleeper = 0; sleeper < sleepers; ++sleeper) {
+            threads.emplace_back([&] {
+                for (int seen = 0;; ++seen) {
+                    waiting.fetch_add(1);
+                    generation.wait(seen);
+                    if (over)
+                        return;
+                    auto const place = static_cast<std::size_t>(awake.fetch_add(1));
+                    if (place + 1 == static_cast<std::size_t>(sleepers))
+                        turn[0].release();
+                    turn[place].acquire();
+                    if (place + 1 == static_cast<std::size_t>(sleepers)) {
+                        end = clock_type::now();
+                        all_awake.release();
+                    } else {
+                        turn[place + 1].release();
+                    }
+                }
+            });
+        }
+        auto const change = [&](bool ends) {
+            do
+                std::this_thread::sleep_for(std::chrono::microseconds(100 + 100 * sleepers));
+            while (waiting != sleepers);
+            awake = 0;
+            waiting = 0;
+            over = ends;
+            auto const start = clock_type::now();
+            ++generation;
+            generation.notify_all();
+            return start;
+        };
+        for (auto _ : state) {
+            auto const start = change(false);
+            all_awake.acquire();
+            state.SetIterationTime(seconds_between(start, end));
+        }
+        change(true);
+    })->Iterations(100);
+}
+
+// Gates, which hold the threads that `pass(generation)` until `open(generation)`. All threads
+// that wait have passed before the next generation is opened.
+
+// Of each pair the one is closed again while threads wait for the other.
+class event_gate {
+public:
+    explicit event_gate(int) {}
+    void pass(int generation) {
+        _opened[generation % 2].wait();
+    }
+    void open(int generation) {
+        _opened[(generation + 1) % 2].reset();
+        _opened[generation % 2].set();
+    }
+
+private:
+    ovel::event _opened[2];
+};
+
+class atomic_gate {
+public:
+    explicit atomic_gate(int) {}
+    void pass(int generation) {
+        _generation.wait(generation);
+    }
+    void open(int generation) {
+        _generation = generation + 1;
+        _generation.notify_all();
+    }
+
+private:
+    std::atomic<int> _generation = 0;
+};
+
+template <class Condition>
+class condition_gate {
+public:
+    explicit condition_gate(int) {}
+    void pass(int generation) {
+        _condition.wait_until([&] { return _generation != generation; });
+    }
+    void open(int generation) {
+        _condition.change([&] { _generation = generation + 1; }, true);
+    }
+
+private:
+    Condition _condition;
+    int _generation = 0;
+};
+
+// The time from before the gate opens to when the last of the threads that sleep for it has
+// passed. Each then waits for the next one at once.
+template <class Gate>
+void broadcast(std::string const& row, std::string const& name, int sleepers) {
+    ovel_benchmark::timed_contestant(row, name, [=](benchmark::State& state) {
+        Gate gate(sleepers);
+        std::atomic<int> waiting = 0;
+        std::atomic<int> awake = 0;
+        std::atomic<bool> over = false;
+        clock_type::time_point end;
+        posix_semaphore<0> all_awake;
+        std::vector<std::jthread> threads;
+        for (int sleeper = 0; sleeper < sleepers; ++sleeper) {
+            threads.emplace_back([&] {
+                for (int generation = 0;; ++generation) {
+                    waiting.fetch_add(1);
+                    gate.pass(generation);
+                    if (over)
+                        return;
+                    if (awake.fetch_add(1) + 1 == sleepers) {
+                        end = clock_type::now();
+                        all_awake.release();
+                    }
+                }
+            });
+        }
+        int generation = 0;
+        auto const open = [&](bool ends) {
+            do
+                std::this_thread::sleep_for(std::chrono::microseconds(100 + 100 * sleepers));
+            while (waiting != sleepers);
+            awake = 0;
+            waiting = 0;
+            over = ends;
+            auto const start = clock_type::now();
+            gate.open(generation++);
+            return start;
+        };
+        for (auto _ : state) {
+            auto const start = open(false);
+            all_awake.acquire();
+            state.SetIterationTime(seconds_between(start, end));
+        }
+        open(true);
+    })->Iterations(100);
 }
 
 // Barriers, with `arrive` for a thread to meet the others.
@@ -491,27 +642,26 @@ void phases(std::string const& row, std::string const& name, int threads, placem
     });
 }
 
-// The bound for a phase of four threads in which each wakes the next: three times the
-// time that a token takes from one thread to the next among four that sleep for it.
-void three_wakings(benchmark::State& state) {
-    constexpr int threads = 4;
+// The bound of a barrier's phase when each thread wakes the next: how long a token goes round
+// the threads, which sleep for it, but for the way from the last one to the first.
+void wake_in_turn(benchmark::State& state, int threads) {
     constexpr int rounds = 500;
     double seconds = 0;
     for (auto _ : state) {
-        posix_semaphore<0> token[threads];
+        std::vector<posix_semaphore<0>> token(static_cast<std::size_t>(threads));
         token[0].release();
         double const taken =
             ovel_benchmark::run_together(threads, placement::anywhere, [&](int member) {
                 for (int round = 0; round < rounds; ++round) {
-                    token[member].acquire();
-                    token[(member + 1) % threads].release();
+                    token[static_cast<std::size_t>(member)].acquire();
+                    token[static_cast<std::size_t>((member + 1) % threads)].release();
                 }
             });
         state.SetIterationTime(taken);
         seconds += taken;
     }
     state.counters["seconds"] =
-        seconds * 3 / threads / (rounds * static_cast<double>(state.iterations()));
+        seconds * (threads - 1) / threads / (rounds * static_cast<double>(state.iterations()));
 }
 
 template <class Use>
@@ -539,18 +689,30 @@ void ovel_benchmark::register_rows() {
     with_each_semaphore([]<class Semaphore>(char const* name) {
         round_trip<Semaphore>("round_trip_on_one_processor", name, 0);
     });
-    with_each_semaphore([]<class Semaphore>(char const* name) {
-        round_trips_at_once<Semaphore>("round_trips_of_4_pairs", name);
-    });
+    for (int const pairs : {4, 8}) {
+        std::string const row = "round_trips_of_" + std::to_string(pairs) + "_pairs";
+        with_each_semaphore([&]<class Semaphore>(char const* name) {
+            round_trips_at_once<Semaphore>(row, name, pairs);
+        });
+    }
 
     for (bool const again : {false, true}) {
-        for (int const sleepers : {1, 2, 4, 8}) {
+        for (int const sleepers : {1, 2, 4, 8, 16}) {
             std::string const row =
                 "wake_" + std::to_string(sleepers) + (again ? "_that_wait_again" : "");
             with_each_condition([&]<class Condition>(char const* name) {
                 wake<Condition>(row, name, sleepers, again);
             });
+            if (again)
+                wake_all_then_each(row, "ovel's bound: all, then each in turn", sleepers);
         }
+    }
+
+    for (int const sleepers : {2, 4, 8, 16}) {
+        std::string const row = "broadcast_to_" + std::to_string(sleepers);
+        broadcast<event_gate>(row, "ovel event", sleepers);
+        broadcast<atomic_gate>(row, "std::atomic::wait", sleepers);
+        broadcast<condition_gate<standard_condition>>(row, "std::condition_variable", sleepers);
     }
 
     phases<ovel_barrier<1024>>("barrier_of_2", "ovel", 2, placement::pinned);
@@ -566,5 +728,15 @@ void ovel_benchmark::register_rows() {
     with_each_barrier([]<class Barrier>(char const* name) {
         phases<Barrier>("barrier_of_4", name, 4, placement::anywhere);
     });
-    timed_contestant("barrier_of_4", "ovel's bound: three wake-ups in turn", three_wakings);
+    timed_contestant("barrier_of_4", "ovel's bound: three wake-ups in turn",
+                     [](auto& state) { wake_in_turn(state, 4); });
+    for (int const threads : {8, 16}) {
+        std::string const row = "barrier_of_" + std::to_string(threads);
+        phases<ovel_barrier<1024>>(row, "ovel", threads, placement::anywhere);
+        with_each_barrier([&]<class Barrier>(char const* name) {
+            phases<Barrier>(row, name, threads, placement::anywhere);
+        });
+        timed_contestant(row, "ovel's bound: wake-ups in turn",
+                         [threads](auto& state) { wake_in_turn(state, threads); });
+    }
 }

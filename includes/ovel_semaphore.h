@@ -13,6 +13,9 @@
 
 namespace ovel {
 
+class event;
+class latch;
+
 namespace detail {
 
 template <class Semaphore>
@@ -128,6 +131,8 @@ public:
 private:
     friend struct detail::inspector;
 
+    friend class event;
+    friend class latch;
     template <class Semaphore>
     friend class detail::basic_condition;
     template <class Semaphore>

@@ -1,5 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
+<<<<<<< HEAD
 // The library's locks, conditions and deadlines with the standard library's interfaces.
+=======
+// The library's locks, conditions and deadlines in the terms of the standard library, and
+// what wakes all waiting threads at once: `event` and `latch`.
+>>>>>>> d4e5ce3 (wip)
 //
 //     lockable<timed_mutex> lock;
 //     timed_condition changed;
@@ -18,14 +23,21 @@
 #ifndef OVEL_STD_H
 #define OVEL_STD_H
 
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
 #include "ovel_condition.h"
 #include "ovel_mutex.h"
+#include "ovel_semaphore.h"
 #include "ovel_time.h"
 
 #include <chrono>
 #include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <mutex>
 #include <ratio>
+#include <utility>
 
 namespace ovel {
 
@@ -269,6 +281,232 @@ template <class Lock, class Rep, class Period, class Predicate>
                             std::chrono::duration<Rep, Period> const& span, Predicate holds) {
     return wait_until(changed, lock, span, holds);
 }
+
+namespace detail {
+
+// The standard's verbs for a wait. `Self`, which derives from this, has `_wait_within`: it
+// waits for at most so many milliseconds, `forever` without end, and returns whether what it
+// waits for has come.
+template <class Self>
+class wait_operations {
+public:
+    void wait() {
+        _self()._wait_within(forever);
+    }
+
+    // Give up, false, once `span` has passed on std::chrono::steady_clock, or `point` on its
+    // own clock, and never earlier. Both accept whatever `deadline` does.
+    template <class Span>
+    [[nodiscard]] bool wait_for(Span const& span) {
+        return wait_until(span);
+    }
+    template <class Point>
+    [[nodiscard]] bool wait_until(Point const& point) {
+        return attempt_until(point, [this](unsigned int milliseconds) {
+            return _self()._wait_within(milliseconds);
+        });
+    }
+
+protected:
+    static constexpr unsigned int forever = std::numeric_limits<unsigned int>::max();
+
+    static bool _take(timed_semaphore& units, unsigned int milliseconds) {
+        if (milliseconds != forever)
+            return units.timed_acquire(milliseconds);
+        units.acquire();
+        return true;
+    }
+
+private:
+    Self& _self() {
+        return static_cast<Self&>(*this);
+    }
+};
+
+}  // namespace detail
+
+// A flag that threads wait for. `set` lets all go that wait, with one system call at most,
+// and those to come, until `reset`. A thread that waits when `set` is called is let go even
+// if `reset` follows at once. What a thread wrote before `set` is visible to the threads that
+// this lets go. Any thread may call any operation. `wait`, `wait_for` and `wait_until` block,
+// the others only for each other; these throw std::bad_alloc if no memory is left for
+// threads that wait while earlier ones have yet to leave. Not detected: destroying an event
+// that a thread waits for or is about to set.
+//
+//     event stopped;
+//     stopped.set();                        // one thread
+//     if (stopped.wait_for(20ms)) return;   // others
+class event : public detail::wait_operations<event> {
+public:
+    explicit event(bool is_set = false) : _set(is_set) {}
+    ~event() {
+        delete _gathering;
+        delete _spare;
+    }
+    event(event const&) = delete;
+    event& operator=(event const&) = delete;
+
+    void set() {
+        round* released;
+        unsigned int count;
+        {
+            std::lock_guard const hold(_lock);
+            _set.store(true, std::memory_order_release);
+            if (_gathering == nullptr)
+                return;
+            count = _gathering->threads.load(std::memory_order_relaxed);
+            if (count == 0)
+                return;
+            released = std::exchange(_gathering, nullptr);
+        }
+        // It lasts until each of its threads has taken its unit.
+        released->units._release(static_cast<int>(count));
+    }
+
+    void reset() {
+        _set.store(false, std::memory_order_relaxed);
+    }
+
+    // Whether the event is set.
+    [[nodiscard]] bool try_wait() const {
+        return _set.load(std::memory_order_acquire);
+    }
+
+private:
+    friend class detail::wait_operations<event>;
+
+    // Threads that one `set` lets go. They have a semaphore of their own, from which threads
+    // that wait after that `set` can take no unit.
+    struct round {
+        timed_semaphore units{0, 0};
+        // Those that have not left. Grows under _lock, while the round is gathering.
+        detail::atomic<unsigned int> threads{0};
+    };
+
+    bool _wait_within(unsigned int milliseconds) {
+        if (try_wait())
+            return true;
+        if (milliseconds == 0)
+            return false;
+        round* joined;
+        {
+            std::lock_guard const hold(_lock);
+            if (_set.load(std::memory_order_relaxed))
+                return true;
+            if (_gathering == nullptr)
+                _gathering = _spare != nullptr ? std::exchange(_spare, nullptr) : new round;
+            joined = _gathering;
+            joined->threads.fetch_add(1, std::memory_order_relaxed);
+        }
+        if (!_take(joined->units, milliseconds)) {
+            {
+                std::lock_guard const hold(_lock);
+                if (joined == _gathering) {
+                    joined->threads.fetch_sub(1, std::memory_order_relaxed);
+                    return false;
+                }
+            }
+            joined->units.acquire();  // posted for this thread, or about to be
+        }
+        // The last one is done with the round after all others.
+        if (joined->threads.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            _put_away(joined);
+        return true;
+    }
+
+    // Keeps an empty round for later threads.
+    void _put_away(round* empty) {
+        {
+            std::lock_guard const hold(_lock);
+            if (_spare == nullptr)
+                std::swap(_spare, empty);
+        }
+        delete empty;
+    }
+
+    lockable<mutex> _lock;        // guards the two below, and changes of `_set` to true
+    round* _gathering = nullptr;  // threads wait in it, or have given up
+    round* _spare = nullptr;
+    detail::atomic<bool> _set;
+};
+
+// Threads wait until a number of steps is done. The last step lets all go, with one system
+// call at most, for ever. What a thread wrote before a step is visible to them. Any thread
+// may call any operation. `wait`, `wait_for`, `wait_until` and `arrive_and_wait` block. A
+// thread that has been let go may destroy the latch. Not detected: destroying a latch that
+// others wait for. A negative number of steps, or more than are left, fail a check.
+//
+//     latch loaded(3);
+//     loaded.count_down();  // each of three threads
+//     loaded.wait();        // those that need all three
+class latch : public detail::wait_operations<latch> {
+public:
+    // With `expected` steps, 0 to `max()` (check "expected >= 0 && expected <= max()").
+    explicit latch(std::ptrdiff_t expected) : _state(static_cast<std::uint64_t>(expected)) {
+        assure(expected >= 0 && expected <= max());
+    }
+    latch(latch const&) = delete;
+    latch& operator=(latch const&) = delete;
+
+    static constexpr std::ptrdiff_t max() noexcept {
+        return std::numeric_limits<std::int32_t>::max();
+    }
+
+    // Does `steps` of them (check "steps >= 0 && steps <= left"). Never blocks.
+    void count_down(std::ptrdiff_t steps = 1) {
+        std::uint64_t const before =
+            _state.fetch_sub(static_cast<std::uint64_t>(steps), std::memory_order_acq_rel);
+        auto const left = static_cast<std::ptrdiff_t>(before % sleeper);
+        assure(steps >= 0 && steps <= left);
+        // From the last step on only threads that have yet to take a unit keep the latch.
+        if (steps == left && steps != 0 && before / sleeper != 0)
+            _units._release(static_cast<int>(before / sleeper));
+    }
+
+    // Whether all steps are done.
+    [[nodiscard]] bool try_wait() const {
+        return _state.load(std::memory_order_acquire) % sleeper == 0;
+    }
+
+    void arrive_and_wait(std::ptrdiff_t steps = 1) {
+        count_down(steps);
+        wait();
+    }
+
+private:
+    friend class detail::wait_operations<latch>;
+
+    static constexpr std::uint64_t sleeper = std::uint64_t{1} << 32;
+
+    // Adds to the number of threads that wait, unless all steps are done.
+    bool _count_thread(std::uint64_t change) {
+        std::uint64_t state = _state.load(std::memory_order_acquire);
+        do {
+            if (state % sleeper == 0)
+                return false;
+        } while (!_state.compare_exchange_weak(state, state + change, std::memory_order_acquire,
+                                               std::memory_order_acquire));
+        return true;
+    }
+
+    bool _wait_within(unsigned int milliseconds) {
+        if (try_wait())
+            return true;
+        if (milliseconds == 0)
+            return false;
+        if (!_count_thread(sleeper) || _take(_units, milliseconds))
+            return true;
+        if (_count_thread(-sleeper))
+            return false;
+        _units.acquire();  // posted for this thread, or about to be
+        return true;
+    }
+
+    // The steps left, and, times `sleeper`, the threads that wait for a unit. In one word, so
+    // that the last step knows all that wait.
+    detail::atomic<std::uint64_t> _state;
+    timed_semaphore _units{0, 0};
+};
 
 }  // namespace ovel
 

@@ -11,6 +11,7 @@
 #include "ovel_mutex.h"
 #include "ovel_semaphore.h"
 #include "ovel_skip_list.h"
+#include "ovel_spin_memory.h"
 #include "ovel_thread.h"
 #include "ovel_time.h"
 #include "ovel_triple.h"
@@ -424,6 +425,8 @@ private:
     // The process that runs the threads; 0 once they are joined. Relaxed: it only tells a
     // forked process from the one that set it.
     atomic<unsigned int> _runner;
+    spin_memory _worker_memory;  // of workers that poll
+    spin_memory _waiter_memory;  // of threads that poll for the end of a scope
 };
 
 // Relaxed, here and below: hints.

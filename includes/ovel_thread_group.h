@@ -8,6 +8,7 @@
 #include "ovel_frame.h"
 #include "ovel_mutex.h"
 #include "ovel_skip_list.h"
+#include "ovel_spin_memory.h"
 #include "ovel_thread.h"
 #include "ovel_thread_function.h"
 #include "ovel_time.h"
@@ -30,8 +31,14 @@ struct thread_group_crew {
     // A worker polls, or was woken and has not looked yet. It takes what fits and wakes
     // the next worker if more fits, so no other worker needs waking.
     bool looking = false;
+<<<<<<< HEAD
     // Counts changes that matter to a polling worker. Relaxed: the worker looks again
     // under the mutex.
+=======
+    spin_memory memory;  // of workers that poll
+    // Counts changes that concern a polling worker. Relaxed: the worker looks again under
+    // the mutex.
+>>>>>>> d4e5ce3 (wip)
     atomic<unsigned int> changes{0};
     // The number of levels on which the queue will link the next item, for threads that
     // prepare it without the mutex. Relaxed: the insertion reallocates an item with too

@@ -356,21 +356,31 @@ bool task_crew::_pass(task_seat& seat, items::detached& item, bool takes, bool& 
 // The searching thread polls until its spin count is used up. Returns whether there may
 // be work.
 bool task_crew::_poll(task_seat& seat) {
+    if (_spin == 0 || !_worker_memory.should_spin())
+        return false;
     for (spin_wait wait(_spin, pace_for_deque); !wait.is_over(); wait.pause())
-        if (_news.load(std::memory_order_relaxed) != seat._seen || _has_task())
+        if (_news.load(std::memory_order_relaxed) != seat._seen || _has_task()) {
+            _worker_memory.has_succeeded();
             return true;
+        }
+    _worker_memory.has_failed();
     return false;
 }
 
 // The same for a thread that waits for `scope`. Returns the descendant that it found.
 // Acquire: makes what the children wrote visible, as in `scope_base::_join`.
 task* task_crew::_poll_for(task_seat& seat, scope_base& scope) {
+    if (_spin == 0 || !_waiter_memory.should_spin())
+        return nullptr;
     for (spin_wait wait(_spin, pace_for_deque); !wait.is_over(); wait.pause()) {
-        if (scope._pending.load(std::memory_order_acquire) < 2)
-            return nullptr;
-        if (task* const found = _steal_below(seat, scope))
+        bool const ended = scope._pending.load(std::memory_order_acquire) < 2;
+        task* const found = ended ? nullptr : _steal_below(seat, scope);
+        if (ended || found != nullptr) {
+            _waiter_memory.has_succeeded();
             return found;
+        }
     }
+    _waiter_memory.has_failed();
     return nullptr;
 }
 

@@ -158,10 +158,15 @@ void thread_group_function_base::_wait() {
     _condition.acquire(lock);
 }
 
+<<<<<<< HEAD
 // Polls for changes until the spin count is used up, unless another worker polls. Returns
 // whether there was a change. Releases `_mutex` meanwhile. Relaxed: see `changes`.
+=======
+// Polls for changes until the spin count is used up, unless another worker polls, or recent
+// polls were in vain. Returns whether there was a change. Gives `_mutex` up meanwhile.
+>>>>>>> d4e5ce3 (wip)
 bool thread_group_function_base::_poll() {
-    if (_crew->looking)
+    if (_crew->looking || _crew->spin == 0 || !_crew->memory.should_spin())
         return false;
     _crew->looking = true;
     unsigned int const before = _crew->changes.load(std::memory_order_relaxed);
@@ -174,7 +179,9 @@ bool thread_group_function_base::_poll() {
         wait.pause();
     _acquire();
     _crew->looking = false;
-    return has_changed();
+    bool const changed = has_changed();
+    changed ? _crew->memory.has_succeeded() : _crew->memory.has_failed();
+    return changed;
 }
 
 bool thread_group_function_base::runs_caller() const {

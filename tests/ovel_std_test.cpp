@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -113,6 +114,8 @@ TEST(wait_test, nothing_gives_up_before_its_deadline) {
     lockable<ovel::timed_mutex> lock;
     lockable<ovel::timed_recursive_mutex> other;
     ovel::timed_semaphore none(0, 0);
+    ovel::event unset;
+    ovel::latch undone(1);
     ovel::timed_condition changed;
     std::unique_lock hold(lock);
     auto const never = [] {
@@ -132,6 +135,8 @@ TEST(wait_test, nothing_gives_up_before_its_deadline) {
         keeps(system::now, span, [&](auto end) { return wait_until(changed, hold, end, never); });
         keeps(steady::now, span, [&](auto) { return none.timed_acquire(deadline(span)); });
         keeps(steady::now, span, [&](auto end) { return none.timed_acquire(deadline(end)); });
+        keeps(steady::now, span, [&](auto) { return unset.wait_for(span); });
+        keeps(system::now, span, [&](auto point) { return undone.wait_until(point); });
         auto const ticks = time::seconds(std::chrono::duration<double>(span).count());
         keeps(time::now, ticks, [&](auto end) { return lock.try_lock_until(end); });
     }
@@ -145,6 +150,56 @@ TEST(wait_test, nothing_gives_up_before_its_deadline) {
                      wait_for(changed, hold, 1h, []() -> bool { throw std::runtime_error(""); })),
                  std::runtime_error);
     EXPECT_FALSE(lock.try_lock());
+}
+
+// A gate of two events lets a crew through, generation by generation. A thread that is
+// overlooked hangs; one that passes early finds another's generation.
+TEST(event_test, gates_of_two_events_let_whole_generations_pass) {
+    constexpr int threads = 4;
+    constexpr int generations = 300;
+    ovel::event opened[2];
+    std::atomic<int> arrived = 0;
+    std::atomic<int> generation = 0;
+    auto const members = crew(threads, [&](int) {
+        for (int mine = 0; mine < generations; ++mine) {
+            if (arrived.fetch_add(1) + 1 == threads) {
+                arrived = 0;
+                generation = mine + 1;
+                opened[(mine + 1) % 2].reset();
+                opened[mine % 2].set();
+            } else {
+                opened[mine % 2].wait();
+            }
+            EXPECT_EQ(generation, mine + 1);
+        }
+    });
+}
+
+TEST(latch_test, the_last_step_lets_all_go_who_may_destroy_the_latch) {
+    for (int round = 0; round < 300; ++round) {
+        auto loaded = std::make_unique<ovel::latch>(3);
+        std::atomic<int> steps = 0;
+        auto const members = crew(2, [&](int member) {
+            ++steps;
+            loaded->count_down(1 + member);
+        });
+        loaded->wait();
+        EXPECT_EQ(steps, 2);
+        loaded.reset();
+    }
+    ovel::latch together(4);
+    crew(4, [&](int) {
+        together.arrive_and_wait();
+        EXPECT_TRUE(together.try_wait());
+    }).clear();
+    EXPECT_TRUE(together.wait_for(-1h));
+}
+
+TEST(latch_test, steps_out_of_range_fail_a_check) {
+    EXPECT_CHECK(ovel::latch(-1), "expected >= 0 && expected <= max()", "includes/ovel_std.h");
+    ovel::latch two(2);
+    EXPECT_CHECK(two.count_down(3), "steps >= 0 && steps <= left", "includes/ovel_std.h");
+    EXPECT_CHECK(two.count_down(-1), "steps >= 0 && steps <= left", "includes/ovel_std.h");
 }
 
 }  // namespace

@@ -10,8 +10,6 @@
 #include "linux/futex_word.h"
 #include "linux/processors.h"
 
-#include <sched.h>
-
 namespace ovel::detail {
 
 // Takes a unit if there is one, and counts the caller in or out as a sleeper in the same
@@ -31,23 +29,24 @@ bool units::_step(place found, place missed) {
     }
 }
 
-// Whether another thread may post while the caller polls. None can if the process has one
-// processor, or if the posting thread shares the waiting thread's processor.
-bool units::_may_poll() const {
-    return !one_processor() && !_shares_processor.load(std::memory_order_relaxed);
-}
-
-// Polls for about as long as falling asleep and waking up would take.
+// Polls for about as long as falling asleep and waking up would take. Does not poll if
+// the process has one processor, or if recent polls were in vain: then the thread that
+// would post probably needs the caller's processor.
 bool units::_poll() {
+    if (one_processor() || !_memory.should_spin())
+        return false;
     // 1 to 4 us at the usual rates of time-stamp counters. If the thread moves to a
     // processor whose counter is behind, the poll also ends.
     constexpr std::uint64_t ticks = 5000;
     std::uint64_t const start = __rdtsc();
     do {
         YieldProcessor();
-        if (_step(place::keep, place::keep))
+        if (_step(place::keep, place::keep)) {
+            _memory.has_succeeded();
             return true;
+        }
     } while (__rdtsc() - start < ticks);
+    _memory.has_failed();
     return false;
 }
 
@@ -57,15 +56,11 @@ bool units::take(DWORD milliseconds) {
     if (milliseconds == 0)
         return false;
     deadline const until(milliseconds);
-    if ((_may_poll() && _poll()) || _step(place::keep, place::enter))
+    if (_poll() || _step(place::keep, place::enter))
         return true;
-    while (futex_wait(&_word, 0, until)) {
-        // Stored before the unit is taken, while this thread keeps the object alive.
-        _shares_processor.store(_waker_processor.load(std::memory_order_relaxed) == sched_getcpu(),
-                                std::memory_order_relaxed);
+    while (futex_wait(&_word, 0, until))
         if (_step(place::leave, place::keep))
             return true;
-    }
     // Takes a unit that was posted while the time ran out.
     return _step(place::leave, place::leave);
 }
@@ -77,8 +72,6 @@ bool units::post(LONG count, LONG maximum) {
     do {
         if (more > static_cast<std::uint32_t>(maximum) - now.available)
             return false;
-        if (now.asleep != 0)
-            _waker_processor.store(sched_getcpu(), std::memory_order_relaxed);
     } while (!_word.compare_exchange_weak(now, word{now.available + more, now.asleep},
                                           std::memory_order_release, std::memory_order_relaxed));
     // The units are visible, so the object may be destroyed at any moment. Its address

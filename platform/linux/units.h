@@ -6,6 +6,7 @@
 
 #include "kernel.h"
 #include "ovel_atomic.h"
+#include "ovel_spin_memory.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -45,14 +46,10 @@ private:
     enum class place : std::uint32_t { keep = 0, enter = 1, leave = 0xffffffff };
 
     bool _step(place found, place missed);
-    bool _may_poll() const;
     bool _poll();
 
     atomic<word> _word;
-    // The processor from which the last sleeper was woken, and whether that was its own.
-    // Relaxed: hints. The next sleeper corrects a wrong one.
-    atomic<int> _waker_processor = -1;
-    atomic<bool> _shares_processor = false;
+    spin_memory _memory;
 };
 
 }  // namespace ovel::detail

@@ -31,10 +31,6 @@ bool polls;
 
 }  // namespace
 
-extern "C" int simulated_processor() {
-    return static_cast<int>(simulation::pick(2));
-}
-
 namespace detail {
 
 bool one_processor() {

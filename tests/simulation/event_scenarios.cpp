@@ -1,0 +1,102 @@
+// SPDX-License-Identifier: Apache-2.0
+// Events and latches: all that wait are let go, and nobody else.
+
+#include "accounts.h"
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
+#include "ovel_std.h"
+#include "ovel_time.h"
+#include "simulation/simulation.h"
+
+#include <deque>
+#include <memory>
+
+namespace ovel::simulation {
+
+namespace {
+
+// Threads that wait are let go by a `set` that a `reset` follows at once, also while a
+// thread waits that came too late, which the next `set` lets go.
+void set_and_reset(unsigned int) {
+    set_default_spin(0);
+    balance();
+    event opened;
+    detail::atomic<bool> again = false;
+    begin();
+    worker late([&] {
+        worker first([&] { opened.wait(); });
+        worker second([&] { opened.wait(); });
+        settle();
+        opened.set();
+        opened.reset();
+        opened.wait();
+        assure(again);
+    });
+    settle();
+    assure(!opened.try_wait());
+    again = true;
+    opened.set();
+}
+
+// Deadlines race with `set`. Whatever they decide, an event works afterwards as a new one.
+void deadlines(unsigned int) {
+    open_books(true, 0);
+    event opened;
+    detail::atomic<bool> again = false;
+    begin();
+    {
+        auto const body = [&] {
+            if (opened.wait_until(time::then(0.003)))
+                assure(opened.try_wait());
+        };
+        worker first(body), second(body);
+        opened.set();
+    }
+    opened.reset();
+    worker last([&] {
+        opened.wait();
+        assure(again);
+    });
+    settle();
+    again = true;
+    opened.set();
+}
+
+// The last step lets all go that wait. Each of them finds all steps done, and may destroy
+// the latch if it is the only one.
+void steps(unsigned int variant) {
+    bool const timed = variant % 2 != 0;
+    unsigned int const waiters = 1 + variant / 2;
+    open_books(timed, 0);
+    auto loaded = std::make_unique<latch>(2);
+    detail::atomic<int> done = 0;
+    begin();
+    std::deque<worker> others;
+    for (int step = 0; step != 2; ++step)
+        others.emplace_back([&] {
+            ++done;
+            loaded->count_down();
+        });
+    auto const wait = [&] {
+        if (timed)
+            while (!loaded->wait_until(time::then(0.003))) {}
+        else
+            loaded->wait();
+        assure(done == 2 && loaded->try_wait());
+    };
+    if (waiters == 2)
+        others.emplace_back(wait);
+    wait();
+    if (waiters == 2)
+        others.clear();
+    loaded.reset();
+}
+
+registration const table[] = {
+    registration({.name = "event_lets_all_go_that_waited", .run = set_and_reset}),
+    registration({.name = "event_survives_deadlines", .run = deadlines}),
+    registration({.name = "latch_lets_all_go", .run = steps, .variants = 4, .exhaustive = true})};
+
+}  // namespace
+
+}  // namespace ovel::simulation
