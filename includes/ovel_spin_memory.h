@@ -19,19 +19,11 @@ namespace ovel::detail {
 // number. So an object whose waits are mostly short keeps spinning after a long one, and
 // an object whose waits are mostly long spends little on spinning.
 //
-<<<<<<< HEAD
 // Any number of threads may use it at once. Relaxed, and read and written in separate
 // steps: losing a decision to another thread's costs a needless poll, or saves one.
 class spin_memory {
 public:
     // Whether to spin now. A thread that spins then reports how it ended.
-=======
-// Any number of threads may use it at once. Relaxed, and read and written in separate steps:
-// if another thread's decision overwrites one, that costs a needless poll, or saves one.
-class spin_memory {
-public:
-    // Whether to spin now. A thread that does reports how it ended.
->>>>>>> d4e5ce3 (wip)
     bool should_spin() {
         unsigned int const state = _state.load(std::memory_order_relaxed);
         if (state % unit == 0)
@@ -52,14 +44,6 @@ public:
     }
 
 private:
-<<<<<<< HEAD
-    static constexpr unsigned int most = 63;  // a vain spin of 25 us then costs 0.4 us per wait
-    static constexpr unsigned int unit = 64;
-
-    // The number of waits that will still sleep at once, plus `unit` times the number
-    // that did so after the last failure.
-    atomic<unsigned int> _state{0};
-=======
     void _keep(unsigned int state) {
         _state.store(static_cast<std::uint16_t>(state), std::memory_order_relaxed);
     }
@@ -67,10 +51,10 @@ private:
     static constexpr unsigned int most = 255;  // a vain spin of 25 us then costs 0.1 us a wait
     static constexpr unsigned int unit = 256;
 
-    // The waits that still sleep at once, and, times `unit`, how many did after the last
-    // failure. Small, to fit into the padding of the objects that wait.
+    // The number of waits that will still sleep at once, plus `unit` times the number
+    // that did so after the last failure. Small, to fit into the padding of the objects
+    // that wait.
     atomic<std::uint16_t> _state{0};
->>>>>>> d4e5ce3 (wip)
 };
 
 }  // namespace ovel::detail

@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-<<<<<<< HEAD
-// The library's locks, conditions and deadlines with the standard library's interfaces.
-=======
-// The library's locks, conditions and deadlines in the terms of the standard library, and
+// The library's locks, conditions and deadlines with the standard library's interfaces, and
 // what wakes all waiting threads at once: `event` and `latch`.
->>>>>>> d4e5ce3 (wip)
 //
 //     lockable<timed_mutex> lock;
 //     timed_condition changed;

@@ -31,14 +31,9 @@ struct thread_group_crew {
     // A worker polls, or was woken and has not looked yet. It takes what fits and wakes
     // the next worker if more fits, so no other worker needs waking.
     bool looking = false;
-<<<<<<< HEAD
+    spin_memory memory{};  // of workers that poll
     // Counts changes that matter to a polling worker. Relaxed: the worker looks again
     // under the mutex.
-=======
-    spin_memory memory;  // of workers that poll
-    // Counts changes that concern a polling worker. Relaxed: the worker looks again under
-    // the mutex.
->>>>>>> d4e5ce3 (wip)
     atomic<unsigned int> changes{0};
     // The number of levels on which the queue will link the next item, for threads that
     // prepare it without the mutex. Relaxed: the insertion reallocates an item with too

@@ -158,13 +158,9 @@ void thread_group_function_base::_wait() {
     _condition.acquire(lock);
 }
 
-<<<<<<< HEAD
-// Polls for changes until the spin count is used up, unless another worker polls. Returns
-// whether there was a change. Releases `_mutex` meanwhile. Relaxed: see `changes`.
-=======
 // Polls for changes until the spin count is used up, unless another worker polls, or recent
-// polls were in vain. Returns whether there was a change. Gives `_mutex` up meanwhile.
->>>>>>> d4e5ce3 (wip)
+// polls were in vain. Returns whether there was a change. Releases `_mutex` meanwhile.
+// Relaxed: see `changes`.
 bool thread_group_function_base::_poll() {
     if (_crew->looking || _crew->spin == 0 || !_crew->memory.should_spin())
         return false;
