@@ -132,7 +132,7 @@ private:
     }
     void reserve_send(unsigned int size) {
         _send_size += size;
-        if (_size + _send_size > _capacity)  // the check reads it from there
+        if (_size + _send_size > _capacity)  // a copy; the check reads the channel's
             assure(_size + _send_size <= _channel.capacity());
     }
 
