@@ -15,9 +15,10 @@ namespace ovel::detail {
 // Spinning helps only while another processor runs the thread that is waited for. If
 // there are more threads than processors, it keeps that thread from running. So after a
 // wait has spun in vain, the next one sleeps at once, and after each further failure
-// twice as many do, up to `most`. Then one spins again to find out. A success halves the
-// number. So an object whose waits are mostly short keeps spinning after a long one, and
-// an object whose waits are mostly long spends little on spinning.
+// twice as many do, up to `most`. Then one spins again to find out. A success takes an
+// eighth off the number: a spin in vain costs several times what a successful one saves.
+// So an object whose waits are mostly short keeps spinning after a long one, and an object
+// whose waits are often long spends little on spinning.
 //
 // Any number of threads may use it at once. Relaxed, and read and written in separate
 // steps: losing a decision to another thread's costs a needless poll, or saves one.
@@ -35,7 +36,7 @@ public:
     void has_succeeded() {
         unsigned int const state = _state.load(std::memory_order_relaxed);
         if (state != 0)
-            _keep(state / unit / 2 * unit);
+            _keep(state / unit * 7 / 8 * unit);
     }
     void has_failed() {
         unsigned int const state = _state.load(std::memory_order_relaxed);
