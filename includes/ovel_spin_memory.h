@@ -49,7 +49,7 @@ private:
         _state.store(static_cast<std::uint16_t>(state), std::memory_order_relaxed);
     }
 
-    static constexpr unsigned int most = 255;  // a vain spin of 25 us then costs 0.1 us a wait
+    static constexpr unsigned int most = 255;  // a vain spin of 25 us then costs 0.1 us per wait
     static constexpr unsigned int unit = 256;
 
     // The number of waits that will still sleep at once, plus `unit` times the number

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library's locks, conditions and deadlines with the standard library's interfaces, and
-// what wakes all waiting threads at once: `event` and `latch`.
+// The library's locks, conditions and deadlines with the standard library's interfaces,
+// and `event` and `latch`, which wake all waiting threads at once.
 //
 //     lockable<timed_mutex> lock;
 //     timed_condition changed;
@@ -280,9 +280,9 @@ template <class Lock, class Rep, class Period, class Predicate>
 
 namespace detail {
 
-// The standard's verbs for a wait. `Self`, which derives from this, has `_wait_within`: it
-// waits for at most so many milliseconds, `forever` without end, and returns whether what it
-// waits for has come.
+// The standard's verbs for a wait. `Self`, which derives from this, has `_wait_within`:
+// it waits for at most that many milliseconds (`forever`: without end), and returns
+// whether what it waits for has come.
 template <class Self>
 class wait_operations {
 public:
@@ -290,8 +290,9 @@ public:
         _self()._wait_within(forever);
     }
 
-    // Give up, false, once `span` has passed on std::chrono::steady_clock, or `point` on its
-    // own clock, and never earlier. Both accept whatever `deadline` does.
+    // Give up and return false once `span` has passed on std::chrono::steady_clock,
+    // or `point` on its own clock, and never earlier. Both accept whatever `deadline`
+    // does.
     template <class Span>
     [[nodiscard]] bool wait_for(Span const& span) {
         return wait_until(span);
@@ -321,13 +322,14 @@ private:
 
 }  // namespace detail
 
-// A flag that threads wait for. `set` lets all go that wait, with one system call at most,
-// and those to come, until `reset`. A thread that waits when `set` is called is let go even
-// if `reset` follows at once. What a thread wrote before `set` is visible to the threads that
-// this lets go. Any thread may call any operation. `wait`, `wait_for` and `wait_until` block,
-// the others only for each other; these throw std::bad_alloc if no memory is left for
-// threads that wait while earlier ones have yet to leave. Not detected: destroying an event
-// that a thread waits for or is about to set.
+// A flag that threads wait for. `set` releases all waiting threads, with at most one
+// system call, and later ones until `reset`. A thread that waits when `set` is called is
+// released even if `reset` follows at once. What a thread wrote before `set` is visible
+// to the threads that this releases. Any thread may call any operation. `wait`,
+// `wait_for` and `wait_until` block; the others block only for each other. The waits
+// throw std::bad_alloc if memory runs out for threads that wait while earlier ones have
+// yet to leave. Not detected: destroying an event that a thread waits for or is about to
+// set.
 //
 //     event stopped;
 //     stopped.set();                        // one thread
@@ -371,11 +373,11 @@ public:
 private:
     friend class detail::wait_operations<event>;
 
-    // Threads that one `set` lets go. They have a semaphore of their own, from which threads
-    // that wait after that `set` can take no unit.
+    // Threads that one `set` releases. They have their own semaphore, so threads that
+    // wait after that `set` cannot take their units.
     struct round {
         timed_semaphore units{0, 0};
-        // Those that have not left. Grows under _lock, while the round is gathering.
+        // Threads that have not left. Grows under _lock, while the round gathers.
         detail::atomic<unsigned int> threads{0};
     };
 
@@ -404,7 +406,7 @@ private:
             }
             joined->units.acquire();  // posted for this thread, or about to be
         }
-        // The last one is done with the round after all others.
+        // The last thread is done with the round after all others.
         if (joined->threads.fetch_sub(1, std::memory_order_acq_rel) == 1)
             _put_away(joined);
         return true;
@@ -426,18 +428,20 @@ private:
     detail::atomic<bool> _set;
 };
 
-// Threads wait until a number of steps is done. The last step lets all go, with one system
-// call at most, for ever. What a thread wrote before a step is visible to them. Any thread
-// may call any operation. `wait`, `wait_for`, `wait_until` and `arrive_and_wait` block. A
-// thread that has been let go may destroy the latch. Not detected: destroying a latch that
-// others wait for. A negative number of steps, or more than are left, fail a check.
+// Makes threads wait until a number of steps is done. The last step releases all of them,
+// with at most one system call, and the latch stays open. What a thread wrote before a
+// step is visible to them. Any thread may call any operation. `wait`, `wait_for`,
+// `wait_until` and `arrive_and_wait` block. A released thread may destroy the latch. Not
+// detected: destroying a latch that others wait for. A negative number of steps, or more
+// than are left, fails a check.
 //
 //     latch loaded(3);
 //     loaded.count_down();  // each of three threads
 //     loaded.wait();        // those that need all three
 class latch : public detail::wait_operations<latch> {
 public:
-    // With `expected` steps, 0 to `max()` (check "expected >= 0 && expected <= max()").
+    // Starts with `expected` steps, from 0 to `max()` (check "expected >= 0 &&
+    // expected <= max()").
     explicit latch(std::ptrdiff_t expected) : _state(static_cast<std::uint64_t>(expected)) {
         assure(expected >= 0 && expected <= max());
     }
@@ -454,7 +458,8 @@ public:
             _state.fetch_sub(static_cast<std::uint64_t>(steps), std::memory_order_acq_rel);
         auto const left = static_cast<std::ptrdiff_t>(before % sleeper);
         assure(steps >= 0 && steps <= left);
-        // From the last step on only threads that have yet to take a unit keep the latch.
+        // From the last step on, only threads that have yet to take a unit keep
+        // the latch alive.
         if (steps == left && steps != 0 && before / sleeper != 0)
             _units._release(static_cast<int>(before / sleeper));
     }
@@ -498,8 +503,8 @@ private:
         return true;
     }
 
-    // The steps left, and, times `sleeper`, the threads that wait for a unit. In one word, so
-    // that the last step knows all that wait.
+    // The steps left, plus `sleeper` times the number of threads that wait for a
+    // unit. In one word, so that the last step sees all waiting threads.
     detail::atomic<std::uint64_t> _state;
     timed_semaphore _units{0, 0};
 };
