@@ -94,8 +94,13 @@ function(ovel_add_variant target sanitizer)
         set(OVEL_POISON ON)
     endif()
     ovel_add_shared(${target})
-    target_compile_options(${target} PRIVATE 
+    target_compile_options(${target} PRIVATE
         -fsanitize=${sanitizer} -fno-omit-frame-pointer -O2 -g1)
+    if(sanitizer STREQUAL "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        # The names of globals would carry the path of the build. What clients get wrong is
+        # on the heap, and their own globals keep their checks.
+        target_compile_options(${target} PRIVATE --param=asan-globals=0)
+    endif()
     target_compile_definitions(${target} PRIVATE OVEL_SANITIZED)
     set_target_properties(${target} PROPERTIES
         LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/variants/${sanitizer}
