@@ -22,11 +22,12 @@
 
 #include "ovel_any.h"
 #include "ovel_assure.h"
-#include "ovel_atomic.h"
-#include "ovel_mutex.h"
 #include "ovel_petri_body.h"
-#include "ovel_petri_failure.h"
+#include "ovel_petri_core.h"
+#include "ovel_petri_explain.h"
+#include "ovel_petri_fit.h"
 #include "ovel_petri_net.h"
+#include "ovel_petri_place.h"
 #include "ovel_petri_record.h"
 #include "ovel_std.h"
 #include "ovel_thread_base.h"
@@ -34,93 +35,21 @@
 #include "ovel_trace.h"
 #include "ovel_triple.h"
 
+#include <chrono>
+#include <cmath>
 #include <cstddef>
 #include <exception>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace ovel {
 
-// A place of a net, for tokens of type `T`. Copies refer to the same place, as long as
-// the net exists.
-//
-// Any thread may use the operations, whether the net runs or not. A `T` is moved in and
-// out; only `try_send` of an lvalue and `try_peek` copy it. If `T` can be copied, users
-// of the `petri_net` see a token as an `any` of `T`. Tokens are moved in, copied and
-// destroyed under the net's lock, so none of that may call the net. A token of another
-// type fails the check "operand.type() == typeid(T)". A container of elements that cannot
-// be copied claims to be copyable, and then fails to compile: hold it by a
-// std::unique_ptr. What a thread wrote before it sent a token is visible to the thread or
-// firing that takes the token.
-//
-// A firing body reaches its own places through `firing`. A body that sends by hand to a
-// full place, or receives from an empty one, blocks a thread of its net, and for ever if
-// no other firing makes room or a token. Use `try_send` and `try_receive` there.
-//
-// When the net fails, or has failed, a thread that would block gets the net's exception
-// instead, and has sent or received nothing. All operations throw std::bad_alloc.
-template <class T>
-class place {
-    static_assert(std::is_same_v<T, std::decay_t<T>>, "a place is for values");
-    static_assert(!std::is_same_v<T, any>, "a place is for values of one type");
-    static_assert(std::is_move_constructible_v<T>, "tokens are moved");
-
-public:
-    // Puts a token; blocks while no slot is free. If it throws, it has put nothing.
-    void send(T value) const;
-
-    // Puts a token if a slot is free, and returns whether one was. If it returns false or
-    // throws, it has put nothing, and `value` is unchanged unless its own move threw.
-    [[nodiscard]] bool try_send(T const& value) const requires std::is_copy_constructible_v<T>;
-    [[nodiscard]] bool try_send(T&& value) const;
-
-    // Takes the oldest token that no firing has reserved; blocks until there is one.
-    T receive() const;
-
-    // Takes the oldest such token, if there is one.
-    [[nodiscard]] std::optional<T> try_receive() const;
-
-    // Copies the oldest such token, if there is one.
-    [[nodiscard]] std::optional<T> try_peek() const;
-
-    // An arc to the place with the weight `weight`, for `from` and `to`.
-    auto times(unsigned int weight) const {
-        return place_arc<T, true>{*this, weight};
-    }
-
-    // Its name; valid as long as the net.
-    std::string const& name() const {
-        return _record->name.text();
-    }
-
-    // The number of tokens that it has room for.
-    unsigned int capacity() const {
-        return _record->element->capacity();
-    }
-
-    // The place in `net::base`.
-    petri_place* base() const {
-        return _record->element;
-    }
-
-private:
-    friend class detail::transition_record;
-    friend class firing;
-    friend class net;
-    friend struct detail::inspector;
-
-    explicit place(detail::place_record* record) : _record(record) {}
-
-    detail::place_record* _record;
-};
-
-// A transition of a net. Copies refer to the same transition, as long as the net exists.
-// Any thread may use the operations.
+// A transition of a net. Copies refer to the same transition, as long as its net
+// lives. Any thread may use the operations.
 class transition {
 public:
     // Allow the transition to fire, as it may from the beginning; and keep it from
@@ -140,7 +69,6 @@ public:
     }
 
 private:
-    friend class detail::transition_record;
     friend class net;
 
     explicit transition(detail::transition_record* record) : _record(record) {}
@@ -172,6 +100,15 @@ public:
 
 private:
     friend class detail::transition_record;
+    template <class Told, unsigned int arc_count>
+    friend class detail::flush_record;
+
+    // Takes the token that tells of an end, from the first arc.
+    void _take_mark() {
+        any mark;
+        _fired.arcs.front().reference->receive(mark);
+        --_left[0];
+    }
 
     firing(detail::transition_record& fired, unsigned int* left) : _fired(fired), _left(left) {
         for (std::size_t i = 0; i != _fired.arcs.size(); ++i)
@@ -208,13 +145,30 @@ struct transition_options {
     double time = 1.0;       // positive; among equal spaces the longest time goes first
     double space = 0.0;      // from 0 to all of its group's space
     unsigned int group = 0;  // the index of the group that fires it
+    int priority = 0;        // the higher goes first: each step counts as twice the time
+    // It fires no earlier than so long after it was enabled, and not at all if it is disabled
+    // before. On the clock of `time`, to the millisecond above. Nothing below 0.
+    std::chrono::nanoseconds after{0};
 };
 
-// The places that a transition takes tokens from, or puts them into: `place` for one
-// token per firing, `place.times(n)` for n.
+// How a place is made. `closes` is short for one that closes by itself.
+//
+//     net.insert_place<int>("results", 16, closes)
+struct place_options {
+    // Whether it closes once each transition that puts into it has ended: when one of the
+    // places that it takes from has ended, or has fewer tokens at its end than the arc takes,
+    // and none of its firings runs. A transition that takes nothing never ends.
+    bool closes = false;
+};
+inline constexpr place_options closes{true};
+
+// The places that a transition takes tokens from, or puts them into: a `place` for
+// one token a firing, `place.times(n)` for n. `unless(place)` in `from` needs it empty.
 template <class... Ends>
 auto from(Ends const&... ends) {
-    return detail::inputs<decltype(detail::arc_of(ends))...>{{detail::arc_of(ends)...}};
+    std::vector<detail::place_record*> inhibitors;
+    auto arcs = std::tuple_cat(detail::arcs_of(ends, inhibitors)...);
+    return detail::inputs_of(std::move(arcs), std::move(inhibitors));
 }
 template <class... Ends>
 auto to(Ends const&... ends) {
@@ -223,10 +177,12 @@ auto to(Ends const&... ends) {
 
 // A net: typed places, transitions with bodies, names, and the threads that fire it.
 //
-// One thread builds the net, starts it with `start`, and joins it with `join`. After that
-// it may be extended and started again. Calls of `start`, of the joining operations and
-// of `stop` must not overlap. Any thread may use places, transitions, `halt` and `fail`.
-// Misuse fails the checks of `petri_net`.
+// One thread builds it, starts it with `start`, and joins it with `join`, after which
+// it may be built further and started again. Calls of `start`, of the joining
+// operations and of `stop` must not overlap; places, transitions, `halt` and `fail`
+// are for any thread. Misuse fails the checks of `petri_net`. A net can be moved, and
+// its places and transitions stay good; the one moved from can only be destroyed or
+// assigned to.
 //
 // An exception that leaves a body fails the net: no further firing begins, and once those
 // in progress have ended, `join` rethrows the first such exception. Threads that are
@@ -235,43 +191,45 @@ auto to(Ends const&... ends) {
 // tokens stay where they were.
 class net {
 public:
-    // With a thread per processor and no space; or with `threads` and `space`; or with a
-    // group for each (threads, space, stack size). Throw std::bad_alloc.
-    net() = default;
+    // With a thread for each processor and no space; or with `threads` and `space`;
+    // or with a group for each (threads, space, stack size). Throw std::bad_alloc.
+    net() : _core(std::make_unique<detail::net_core>()) {}
     explicit net(unsigned int threads, double space = 0.0,
                  unsigned int stack_size = thread_base::default_stack_size)
-        : _net(threads, space, stack_size) {}
+        : _core(std::make_unique<detail::net_core>(threads, space, stack_size)) {}
     net(triple<unsigned int, double, unsigned int> const* begin,
         triple<unsigned int, double, unsigned int> const* end)
-        : _net(begin, end) {}
+        : _core(std::make_unique<detail::net_core>(begin, end)) {}
 
-    // Stops a running net without waiting for it to rest; firings in progress end. In a
-    // forked process, where its threads do not exist, it only abandons the net.
-    ~net() {
-        if (_net.inherited())
-            return;
-        if (_running) {
-            halt();
-            _net.acquire();
-        }
-        _failure.await_unblocked();
-    }
+    net(net&&) noexcept = default;
+    net& operator=(net&&) noexcept = default;
 
-    net(net const&) = delete;
-    net& operator=(net const&) = delete;
+    // Stops a net that runs, without waiting for it to rest: firings under way end. Lets the
+    // threads go that are blocked in its places, and waits until they have left them. In a
+    // fork, where its threads do not exist, it only goes out of use.
+    ~net() = default;
 
     // Building. If one of these throws std::bad_alloc, the net can only be destroyed.
 
     // Inserts a place for `capacity` tokens of type `T`.
     template <class T>
-    ovel::place<T> insert_place(std::string name, unsigned int capacity);
+    ovel::place<T> insert_place(std::string name, unsigned int capacity,
+                                place_options options = {});
 
-    // Inserts a transition. `body` may have a parameter for each place of `from` and
-    // return values for `to`: nothing, a value, or a std::tuple of values, each of which
-    // may be a std::optional that puts nothing if it is empty. Or it takes a `firing&`
-    // and returns nothing. The net calls it as an lvalue.
+    // A transition. `body` has a parameter for each place of `from`: its token, or for
+    // `place.times(n)` a std::vector or a std::array of n of them; a wrong size of the array
+    // fails the check "weight == array_size<Argument>". It returns what `to` has: nothing, a
+    // value, or a std::tuple of them, any of which may be a std::optional that puts nothing
+    // when it is empty, as may the tuple. For `place.times(n)` it returns a range of up to n.
+    // A std::variant puts the alternative that it holds into the place of its index. Or the
+    // body takes a `firing&` and gives nothing back.
+    //
+    // A body whose only parameter is a std::optional of its place's token is called once more
+    // when that place has ended, with an empty value. A last parameter of type std::stop_token
+    // is requested to stop when the net halts or fails. The body is called as an lvalue.
     //
     //     from(orders, clerks), to(clerks), [](order paid, clerk who) { return who; }
+    //     from(pairs.times(2)), [](std::array<shoe, 2> pair) { wear(pair); }
     //     from(pairs.times(2)), [=](firing& now) { now.take(pairs), now.take(pairs); }
     template <class... From, class... To, class Body>
     transition insert_transition(std::string name, detail::inputs<From...> from,
@@ -288,47 +246,62 @@ public:
         return insert_transition(std::move(name), from(), std::move(to), std::move(body), options);
     }
 
-    // Starts the net, and forgets an earlier failure or halt. If it throws
-    // std::bad_alloc, it has started nothing.
-    void start();
+    // Starts the net; what failed or halted it before is forgotten. Throws
+    // std::bad_alloc, having started nothing.
+    void start() {
+        _core->start();
+    }
 
-    // Stops the net: blocks until it has come to rest. Rethrows the exception that it
-    // failed with; it is stopped then, too. A body of the net would wait for its own end,
-    // and fails the check "!_runs_caller()".
-    void join();
+    // Stops the net: blocks until it has come to rest. Rethrows what it failed with;
+    // it is stopped then as well. A body of the net, which would wait for its own end,
+    // fails the check "!_runs_caller()".
+    void join() {
+        _core->join();
+    }
 
     // The same, but returns false if `point`, which is whatever `deadline` accepts,
     // passes before. The net is then stopping, and continues until it rests.
     template <class Point>
-    [[nodiscard]] bool join_until(Point const& point);
+    [[nodiscard]] bool join_until(Point const& point) {
+        return _core->join_until(point);
+    }
 
-    // Lets no further firing begin until the next start. Blocks only for locks.
-    void halt();
+    // Lets no further firing begin, until the next start, asks bodies that take a
+    // std::stop_token to stop, and lets the threads go that are blocked in its places. Does
+    // not block but for locks.
+    void halt() {
+        _core->halt();
+    }
 
-    // Makes the net fail with `failure`, which is not null, unless it has already failed.
-    void fail(std::exception_ptr failure);
+    // Has the net fail with `failure`, which is not null, unless it has already.
+    void fail(std::exception_ptr failure) {
+        _core->fail(std::move(failure));
+    }
 
-    // The net itself, with its elements in the order of insertion.
+    // What its places hold, and what each transition lacks, at one moment. Takes the net's
+    // lock. Throws std::bad_alloc.
+    explanation explain() const {
+        return _core->explain();
+    }
+
+    // The net itself, whose elements are in the order in which they were inserted; behind a
+    // transition whose body is told of the end stand a place and a transition for that call.
     petri_net& base() {
-        return _net;
+        return _core->base();
     }
 
     // The names of elements of `base`, which must belong to this net. The cost grows with
     // the net.
     std::string const& name(petri_place const* element) const {
-        return _name(_places, element);
+        return _name(_core->_places, element);
     }
     std::string const& name(petri_transition const* element) const {
-        return _name(_transitions, element);
+        return _name(_core->_transitions, element);
     }
 
 private:
-    template <class T>
-    friend class ovel::place;
-    friend class detail::transition_record;
-    friend class firing;
-    friend class ovel::transition;
-
+    template <class Point>
+    friend bool stop(net& of, Point const& point);
     friend struct detail::inspector;
 
     template <class Records, class Element>
@@ -341,103 +314,33 @@ private:
         return *name;
     }
 
-    // Holds `_lock` for the duration of a scope.
-    [[nodiscard]] std::lock_guard<lockable<mutex>> _hold() {
-        assure(!_net.inherited());
-        return std::lock_guard(_lock);
-    }
-
-    transition _insert(std::unique_ptr<detail::transition_record> inserted,
-                       transition_options const& options);
-    void _receive(detail::place_record& from, any& token);
-    void _send(detail::place_record& to, petri_net::maker make, void* value);
-    bool _try_send(detail::place_record& to, petri_net::maker make, void* value);
-    void _deactivate();
-    void _end();
-
-    // Guards `_failure`, `_halted` (which is also read without it), and whether each
-    // transition is active. Lock order: `_lock`, then the net's own locks.
-    lockable<mutex> _lock;
-    detail::net_failure _failure{_lock};
-    detail::atomic<bool> _halted{false};
-    bool _running = false;  // owner only
-    std::vector<std::unique_ptr<detail::place_record>> _places;
-    std::vector<std::unique_ptr<detail::transition_record>> _transitions;
-    petri_net _net;  // last: its elements refer to the records
+    std::unique_ptr<detail::net_core> _core;
 };
 
-namespace detail {
-
-// Joins a net that comes to rest before `point`, which is whatever `deadline` accepts.
+// Stops a net that may never rest: waits for that until `point`, whatever `deadline`
+// accepts, then lets no further firing begin and waits for those under way. Returns
+// whether the net came to rest by itself. Rethrows what it failed with; it is stopped
+// then as well. Threads that are blocked in its places are let go. The next `start` goes on
+// with the transitions that were active; those of a `petri_net` stay deactivated when it did
+// not come to rest.
 template <class Point>
-bool join_until(petri_net& stopped, Point const& point) {
-    return attempt_until(point, [&stopped](unsigned int milliseconds) {
-        return stopped.timed_acquire(from_now(milliseconds / 1000.0L));
-    });
-}
-
-}  // namespace detail
-
-// Stops a net that may never rest. Waits for it to rest until `point`, which is whatever
-// `deadline` accepts; then lets no further firing begin, and waits for those in progress.
-// Returns whether the net came to rest by itself. Rethrows the exception that it failed
-// with; it is stopped then, too. The next `start` continues with the transitions that
-// were active; those of a `petri_net` stay deactivated if it did not come to rest.
-template <class Point>
-bool stop(net& stopped, Point const& point) {
-    if (stopped.join_until(point))
+bool stop(net& of, Point const& point) {
+    if (of.join_until(point)) {
+        of._core->let_go();
         return true;
-    stopped.halt();
-    stopped.join();
+    }
+    of.halt();
+    of.join();
     return false;
 }
 template <class Point>
-bool stop(petri_net& stopped, Point const& point) {
-    if (detail::join_until(stopped, point))
+bool stop(petri_net& of, Point const& point) {
+    if (detail::join_until(of, point))
         return true;
-    for (auto i = stopped.begin_transitions(); i != stopped.end_transitions(); ++i)
-        stopped.deactivate(*i);
-    stopped.acquire();
+    for (auto i = of.begin_transitions(); i != of.end_transitions(); ++i)
+        of.deactivate(*i);
+    of.acquire();
     return false;
-}
-
-template <class T>
-void place<T>::send(T value) const {
-    _record->owner->_send(*_record, &detail::move_into<T>, &value);
-}
-
-template <class T>
-bool place<T>::try_send(T const& value) const requires std::is_copy_constructible_v<T> {
-    return _record->owner->_try_send(*_record, &detail::copy_into<T>, const_cast<T*>(&value));
-}
-
-template <class T>
-bool place<T>::try_send(T&& value) const {
-    return _record->owner->_try_send(*_record, &detail::move_into<T>, &value);
-}
-
-template <class T>
-T place<T>::receive() const {
-    any received;
-    _record->owner->_receive(*_record, received);
-    return std::move(detail::value_of<T>(received));
-}
-
-template <class T>
-std::optional<T> place<T>::try_receive() const {
-    any received;
-    if (!_record->owner->_net.try_receive(_record->element, received))
-        return std::nullopt;
-    return std::move(detail::value_of<T>(received));
-}
-
-template <class T>
-std::optional<T> place<T>::try_peek() const {
-    static_assert(std::is_copy_constructible_v<T>, "a copy is what it returns");
-    any seen;
-    if (!_record->owner->_net.try_peek(_record->element, seen))
-        return std::nullopt;
-    return std::move(detail::value_of<T>(seen));
 }
 
 template <class T>
@@ -468,18 +371,11 @@ void firing::put(place<T> const& output, std::type_identity_t<T> value) {
 }
 
 inline void transition::activate() const {
-    net& owner = _record->owner;
-    auto const hold = owner._hold();
-    _record->active = true;
-    // Relaxed: it changes under the lock, which this thread holds.
-    if (!owner._halted.load(std::memory_order_relaxed))
-        _record->element->activate();
+    _record->owner.activate(*_record);
 }
 
 inline void transition::deactivate() const {
-    auto const hold = _record->owner._hold();
-    _record->active = false;
-    _record->element->deactivate();
+    _record->owner.deactivate(*_record);
 }
 
 inline void detail::transition_record::_fire(unsigned int* left) {
@@ -495,12 +391,32 @@ inline void detail::transition_record::_fire(unsigned int* left) {
     }
 }
 
+inline std::lock_guard<lockable<mutex>> detail::net_core::_hold() {
+    assure(!_net.inherited());
+    return std::lock_guard(_lock);
+}
+
+inline void detail::net_core::_insert_arcs(transition_record& of) {
+    for (arc_record& arc : of.arcs) {
+        assure(arc.place->owner == this);
+        if (arc.input)
+            _net.insert_input_arc(arc.place->element,
+                                  of.element->input(arc.reference).size(arc.weight));
+        else
+            _net.insert_output_arc(of.element->output(arc.reference).size(arc.weight),
+                                   arc.place->element);
+    }
+    for (place_record* place : of.inhibitors) {
+        assure(place->owner == this);
+        _net._insert_inhibitor(place->element, of.element);
+    }
+    for (arc_record const& arc : of.arcs)
+        _net._settle(arc.place->element);
+}
+
 template <class T>
-ovel::place<T> net::insert_place(std::string name, unsigned int capacity) {
-    std::unique_ptr<detail::place_record> inserted(new detail::place_record{
-        this, trace::shared_name(std::move(name)), _net.insert_place(capacity)});
-    _places.push_back(std::move(inserted));
-    return ovel::place<T>(_places.back().get());
+ovel::place<T> net::insert_place(std::string name, unsigned int capacity, place_options options) {
+    return ovel::place<T>(_core->insert_place(std::move(name), capacity, options.closes));
 }
 
 template <class... From, class... To, class Body>
@@ -516,120 +432,38 @@ transition net::insert_transition(std::string name, detail::inputs<From...> from
         detail::misfit_of<Body>(std::type_identity<inputs>(), std::type_identity<outputs>());
     static_assert(fault != misfit::parameters,
                   "a body takes one token of each place in from(), or a firing&");
-    static_assert(fault != misfit::weights, "a body with weighted arcs takes a firing&");
+    static_assert(fault != misfit::weights,
+                  "a body with weighted arcs takes a firing&, or a std::vector or std::array of "
+                  "the tokens of each");
     static_assert(fault != misfit::scope_result, "a body that takes a firing& returns nothing");
     static_assert(fault != misfit::any_result, "a body without to() returns nothing");
     static_assert(fault != misfit::no_result && fault != misfit::result,
                   "a body returns what the places in to() take");
     static_assert(fault != misfit::tuple,
                   "a body returns a std::tuple with a value for each place in to()");
-    // A body that does not fit is not compiled further: the message above is the only
-    // one.
-    if constexpr (fault == misfit::none)
-        return _insert(std::make_unique<detail::body_record<Body, inputs, outputs>>(
-                           *this, std::move(name), from, to, std::move(body)),
-                       options);
-    else
+    // What does not fit is not compiled further: its one message is above.
+    if constexpr (fault == misfit::none) {
+        using record = detail::body_record<Body, inputs, outputs>;
+        detail::net_core& core = *_core;
+        double const time = std::ldexp(options.time, options.priority);
+        auto made = std::make_unique<record>(core, std::move(name), from, to, std::move(body));
+        record& inserted = *made;
+        if constexpr (record::traits::takes_stop)
+            core.make_stop_source();
+        core.insert(std::move(made), options.reentrant, time, options.space, options.group,
+                    ovel::time::seconds(static_cast<double>(detail::seconds_of(options.after))));
+        if constexpr (record::traits::flushes) {
+            using flush = detail::flush_record<record, 1 + sizeof...(To)>;
+            petri_place* const mark = core.base().insert_place(1);
+            auto last = std::make_unique<flush>(core, inserted, mark);
+            detail::transition_record& at_end = *last;
+            core.insert(std::move(last), false, time, options.space, options.group, {});
+            core.tell_of_end(inserted, at_end, mark);
+        }
+        return transition(&inserted);
+    } else {
         return transition(nullptr);
-}
-
-inline transition net::_insert(std::unique_ptr<detail::transition_record> inserted,
-                               transition_options const& options) {
-    detail::transition_record& record = *inserted;
-    _transitions.push_back(std::move(inserted));
-    record.element = _net.insert_transition(record, options.reentrant, options.time, options.space,
-                                            options.group);
-    for (detail::arc_record& arc : record.arcs) {
-        assure(arc.place->owner == this);
-        if (arc.input)
-            _net.insert_input_arc(arc.place->element,
-                                  record.element->input(arc.reference).size(arc.weight));
-        else
-            _net.insert_output_arc(record.element->output(arc.reference).size(arc.weight),
-                                   arc.place->element);
     }
-    return transition(&record);
-}
-
-inline void net::start() {
-    {
-        auto const hold = _hold();
-        if (_failure.has_failed())
-            _failure.wait_unblocked();
-        // Relaxed: it changes under the lock, which this thread holds.
-        if (_halted.load(std::memory_order_relaxed))
-            for (auto const& record : _transitions)
-                if (record->active)
-                    record->element->activate();
-        // A failure from here on belongs to this run.
-        _failure.clear();
-        _halted = false;
-    }
-    _net.release();
-    _running = true;
-}
-
-inline void net::join() {
-    _net.acquire();
-    _end();
-}
-
-template <class Point>
-bool net::join_until(Point const& point) {
-    if (!detail::join_until(_net, point))
-        return false;
-    _end();
-    return true;
-}
-
-// Called once the threads are joined.
-inline void net::_end() {
-    _running = false;
-    if (std::exception_ptr const failure = _failure.await_unblocked())
-        std::rethrow_exception(failure);
-}
-
-inline void net::halt() {
-    auto const hold = _hold();
-    _deactivate();
-}
-
-inline void net::fail(std::exception_ptr failure) {
-    auto const hold = _hold();
-    if (_failure.has_failed())
-        return;
-    _failure.set(std::move(failure));
-    _deactivate();
-    _net._wake();
-}
-
-// The caller holds `_lock`.
-inline void net::_deactivate() {
-    _halted = true;
-    for (auto const& record : _transitions)
-        record->element->deactivate();
-}
-
-inline bool net::_try_send(detail::place_record& to, petri_net::maker make, void* value) {
-    return _net._try_put(to.element, make, value);
-}
-
-inline void net::_send(detail::place_record& to, petri_net::maker make, void* value) {
-    if (_try_send(to, make, value))
-        return;
-    trace::scope const here(to.name, trace::wait);
-    detail::net_failure::blocked const counted(_failure);
-    if (!_net._put_unless(_failure.flag(), to.element, make, value))
-        _failure.rethrow();
-}
-
-inline void net::_receive(detail::place_record& from, any& token) {
-    if (_net.try_receive(from.element, token))
-        return;
-    trace::scope const here(from.name, trace::wait);
-    detail::net_failure::blocked const counted(_failure);
-    if (!_net._receive_unless(_failure.flag(), from.element, token))
-        _failure.rethrow();
 }
 
 }  // namespace ovel

@@ -1,127 +1,56 @@
 // SPDX-License-Identifier: Apache-2.0
 // How a net of `ovel_petri.h` runs the bodies of its transitions. Only for that header.
 //
-// `firing` is complete where a body runs, but not here: the code that uses it is a
+// `firing` and `net_core` are complete where a body runs, and not here: what uses them is a
 // template.
 #ifndef OVEL_PETRI_BODY_H
 #define OVEL_PETRI_BODY_H
 
+#include "ovel_assure.h"
+#include "ovel_petri_fit.h"
 #include "ovel_petri_record.h"
 
 #include <array>
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <tuple>
 #include <type_traits>
 #include <utility>
+#include <variant>
+#include <vector>
 
-namespace ovel {
+namespace ovel::detail {
 
-namespace detail {
-
-template <class T>
-place_arc<T, false> arc_of(place<T> const& end) {
-    return {end, 1};
-}
-template <class T>
-place_arc<T, true> arc_of(place_arc<T, true> const& end) {
-    return end;
-}
-
-template <class... Arcs>
-struct inputs {
-    std::tuple<Arcs...> arcs;
-};
-template <class... Arcs>
-struct outputs {
-    std::tuple<Arcs...> arcs;
-};
-
-template <class T>
-inline constexpr bool is_optional = false;
-template <class T>
-inline constexpr bool is_optional<std::optional<T>> = true;
-
-// 0 for types that are not tuple-like.
-template <class T>
-inline constexpr std::size_t tuple_size = 0;
-template <class T>
-requires(std::tuple_size<T>::value !=
-         0) inline constexpr std::size_t tuple_size<T> = std::tuple_size<T>::value;
-
-// The reasons why a body does not fit the arcs of its transition.
-enum class misfit { none, parameters, weights, scope_result, any_result, no_result, result, tuple };
-
-// Whether a place of `to` accepts what a body returned for it, a value or an optional
-// one.
-template <class Result, class Arc>
-consteval bool takes() {
-    if constexpr (std::is_convertible_v<Result, typename Arc::value>)
-        return true;
-    else if constexpr (is_optional<std::remove_cvref_t<Result>>)
-        return std::is_convertible_v<decltype(*std::declval<Result>()), typename Arc::value>;
-    else
-        return false;
-}
-
-template <class Results, class Arcs, std::size_t... indices>
-consteval bool take_all(std::index_sequence<indices...>) {
-    return (takes<decltype(std::get<indices>(std::declval<Results>())),
-                  std::tuple_element_t<indices, Arcs>>() &&
-            ...);
-}
-
-template <class Result, class... To>
-consteval misfit result_misfit() {
-    if constexpr (sizeof...(To) == 0) {
-        return std::is_void_v<Result> ? misfit::none : misfit::any_result;
-    } else if constexpr (std::is_void_v<Result>) {
-        return misfit::no_result;
-    } else if constexpr (sizeof...(To) == 1) {
-        return (takes<Result, To>() && ...) ? misfit::none : misfit::result;
-    } else if constexpr (tuple_size<std::remove_cvref_t<Result>> == sizeof...(To)) {
-        return take_all<Result, std::tuple<To...>>(std::make_index_sequence<sizeof...(To)>())
-                   ? misfit::none
-                   : misfit::result;
-    } else {
-        return misfit::tuple;
-    }
-}
-
-template <class Body, class... From, class... To>
-consteval misfit misfit_of(std::type_identity<inputs<From...>>,
-                           std::type_identity<outputs<To...>>) {
-    if constexpr (std::is_invocable_v<Body&, typename From::value...>) {
-        if constexpr ((From::weighted || ...) || (To::weighted || ...))
-            return misfit::weights;
-        else
-            return result_misfit<std::invoke_result_t<Body&, typename From::value...>, To...>();
-    } else if constexpr (std::is_invocable_v<Body&, firing&>) {
-        return std::is_void_v<std::invoke_result_t<Body&, firing&>> ? misfit::none
-                                                                    : misfit::scope_result;
-    } else {
-        return misfit::parameters;
-    }
-}
-
-// A transition with a body of type `Body`. The body either takes the values of its input
-// places and returns those of its output places, or takes a `firing&`.
+// A transition with a body of type `Body`.
 template <class Body, class Inputs, class Outputs>
 class body_record;
 
 template <class Body, class... From, class... To>
 class body_record<Body, inputs<From...>, outputs<To...>> final : public transition_record {
 public:
-    body_record(net& of, std::string&& called, inputs<From...> const& from,
+    using traits = traits_of<Body, From...>;
+
+    body_record(net_core& of, std::string&& called, inputs<From...> const& from,
                 outputs<To...> const& to, Body&& body)
         : transition_record(of, std::move(called)), _body(std::move(body)), _from(from), _to(to) {
         // No arc may move once the net knows its variable.
         arcs.reserve(sizeof...(From) + sizeof...(To));
         std::apply([this](auto const&... each) { (this->_insert_arc(true, each), ...); },
                    _from.arcs);
-        std::apply([this](auto const&... each) { (this->_insert_arc(false, each), ...); },
-                   _to.arcs);
+        _insert_outputs(*this);
+        inhibitors = _from.inhibitors;
+        _check_arrays(std::index_sequence_for<From...>());
+    }
+
+    // The last call of a body that is told of the end: with an empty value.
+    template <class Firing>
+    void flush(Firing& scope) {
+        _call(scope, std::optional<typename From::value>()...);
+    }
+    void insert_outputs(transition_record& into) const {
+        _insert_outputs(into);
     }
 
 private:
@@ -130,28 +59,98 @@ private:
         _fire(left.data());
     }
 
+    void _insert_outputs(transition_record& into) const {
+        std::apply([&into](auto const&... each) { (_insert_arc_into(into, false, each), ...); },
+                   _to.arcs);
+    }
+
+    // A std::array has the size that the arc's weight is.
+    template <std::size_t... indices>
+    void _check_arrays(std::index_sequence<indices...>) const {
+        (_check_array<std::tuple_element_t<indices, typename traits::arguments>>(
+             std::get<indices>(_from.arcs).weight),
+         ...);
+    }
+    template <class Argument>
+    static void _check_array(unsigned int weight) {
+        if constexpr (array_size<Argument> != 0)
+            assure(weight == array_size<Argument>);
+    }
+
     void _run(firing& scope) override {
-        if constexpr (std::is_invocable_v<Body&, typename From::value...>)
-            _run_typed(scope);
+        if constexpr (traits::takes_values)
+            _run_typed(scope, std::index_sequence_for<From...>());
+        else if constexpr (traits::takes_stop)
+            _body(scope, _stop_token(owner));
         else
             _body(scope);
     }
 
-    template <class Firing>
-    void _run_typed(Firing& scope) {
+    template <class Firing, std::size_t... indices>
+    void _run_typed(Firing& scope, std::index_sequence<indices...>) {
         // Braces take the tokens in the order of the places.
-        std::tuple<typename From::value...> taken = std::apply(
-            [&scope](auto const&... each) {
-                return std::tuple<typename From::value...>{scope.take(each.end)...};
-            },
-            _from.arcs);
+        typename traits::arguments taken{
+            _take<std::tuple_element_t<indices, typename traits::arguments>>(
+                scope, std::get<indices>(_from.arcs))...};
+        std::apply([this, &scope](auto&... each) { this->_call(scope, std::move(each)...); },
+                   taken);
+    }
+
+    // The arguments that a body gets from an arc.
+    template <class Argument, class Firing, class Arc>
+    static Argument _take(Firing& scope, Arc const& from) {
+        if constexpr (!Arc::weighted) {
+            return Argument(scope.take(from.end));
+        } else if constexpr (array_size<Argument> != 0) {
+            return _take_array<Argument>(scope, from,
+                                         std::make_index_sequence<array_size<Argument>>());
+        } else {
+            Argument taken;
+            taken.reserve(from.weight);
+            for (unsigned int left = from.weight; left != 0; --left)
+                taken.push_back(scope.take(from.end));
+            return taken;
+        }
+    }
+    template <class Argument, class Firing, class Arc, std::size_t... indices>
+    static Argument _take_array(Firing& scope, Arc const& from, std::index_sequence<indices...>) {
+        return Argument{(static_cast<void>(indices), scope.take(from.end))...};
+    }
+
+    // Calls the body and puts what it returns.
+    template <class Firing, class... Arguments>
+    void _call(Firing& scope, Arguments&&... arguments) {
         if constexpr (sizeof...(To) == 0)
-            std::apply(_body, std::move(taken));
-        else if constexpr (sizeof...(To) == 1)
-            _put(scope, std::get<0>(_to.arcs), std::apply(_body, std::move(taken)));
+            _invoke(std::forward<Arguments>(arguments)...);
         else
-            _put_all(scope, std::apply(_body, std::move(taken)),
-                     std::make_index_sequence<sizeof...(To)>());
+            _deliver(scope, _invoke(std::forward<Arguments>(arguments)...));
+    }
+    template <class... Arguments>
+    decltype(auto) _invoke(Arguments&&... arguments) {
+        if constexpr (traits::takes_stop)
+            return std::invoke(_body, std::forward<Arguments>(arguments)..., _stop_token(owner));
+        else
+            return std::invoke(_body, std::forward<Arguments>(arguments)...);
+    }
+    template <class Core>
+    static auto _stop_token(Core& core) {
+        return core.stop_token();
+    }
+
+    template <class Firing, class Result>
+    void _deliver(Firing& scope, Result&& result) {
+        using plain = std::remove_cvref_t<Result>;
+        constexpr auto all = std::index_sequence_for<To...>();
+        if constexpr (sizeof...(To) == 1) {
+            _put(scope, std::get<0>(_to.arcs), std::forward<Result>(result));
+        } else if constexpr (variant_size<plain> == sizeof...(To)) {
+            _put_one(scope, std::forward<Result>(result), all);
+        } else if constexpr (tuple_size<plain> == sizeof...(To)) {
+            _put_all(scope, std::forward<Result>(result), all);
+        } else {
+            if (result.has_value())
+                _deliver(scope, *std::forward<Result>(result));
+        }
     }
 
     template <class Firing, class Results, std::size_t... indices>
@@ -160,14 +159,32 @@ private:
               std::get<indices>(std::forward<Results>(results))),
          ...);
     }
+    // The alternative that a variant holds goes to the place of its index.
+    template <class Firing, class Results, std::size_t... indices>
+    void _put_one(Firing& scope, Results&& results, std::index_sequence<indices...>) {
+        ((results.index() == indices ? _put(scope, std::get<indices>(_to.arcs),
+                                            std::get<indices>(std::forward<Results>(results)))
+                                     : void()),
+         ...);
+    }
 
     // Puts what the body returned for one place.
     template <class Firing, class Arc, class Result>
     static void _put(Firing& scope, Arc const& to, Result&& result) {
-        if constexpr (std::is_convertible_v<Result&&, typename Arc::value>)
+        using plain = std::remove_cvref_t<Result>;
+        if constexpr (Arc::weighted && !is_optional<plain>) {
+            for (auto& each : result)
+                if constexpr (std::is_lvalue_reference_v<Result>)
+                    scope.put(to.end, each);
+                else
+                    scope.put(to.end, std::move(each));
+        } else if constexpr (!Arc::weighted &&
+                             std::is_convertible_v<Result&&, typename Arc::value>) {
             scope.put(to.end, std::forward<Result>(result));
-        else if (result.has_value())
-            scope.put(to.end, *std::forward<Result>(result));
+        } else {
+            if (result.has_value())
+                _put(scope, to, *std::forward<Result>(result));
+        }
     }
 
     Body _body;
@@ -175,8 +192,38 @@ private:
     outputs<To...> const _to;
 };
 
-}  // namespace detail
+// Calls the body of `Told` once more when that transition has ended. It takes the token that
+// the net then puts into a place of this record's.
+template <class Told, unsigned int arc_count>
+class flush_record final : public transition_record {
+public:
+    flush_record(net_core& of, Told& told, petri_place* mark)
+        : transition_record(of, std::string(told.name.text())),
+          _told(told),
+          _mark{&of, trace::shared_name(told.name.text()), mark} {
+        arcs.reserve(arc_count);
+        arcs.push_back({&_mark, true, 1, nullptr});
+        told.insert_outputs(*this);
+    }
 
-}  // namespace ovel
+private:
+    void operator()() override {
+        std::array<unsigned int, arc_count> left;
+        _fire(left.data());
+    }
+    void _run(firing& scope) override {
+        _run_with(scope);
+    }
+    template <class Firing>
+    void _run_with(Firing& scope) {
+        scope._take_mark();
+        _told.flush(scope);
+    }
+
+    Told& _told;
+    place_record _mark;
+};
+
+}  // namespace ovel::detail
 
 #endif

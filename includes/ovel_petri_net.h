@@ -50,7 +50,6 @@
 namespace ovel {
 
 class firing;
-class net;
 class petri_arc;
 class petri_net;
 class petri_place;
@@ -59,7 +58,34 @@ class petri_transition;
 namespace detail {
 
 class enabled_transitions;
+class net_core;
+class petri_closing;
 class petri_crew;
+
+// What ends a call of `net` that waits at a place, besides a token or a slot there.
+struct petri_patience {
+    static constexpr unsigned int unlimited = ~0u;
+
+    // Relaxed: the thread that changes them takes the net's mutex afterwards and wakes the
+    // callers.
+    bool is_over() const {
+        return releases.load(std::memory_order_relaxed) != begun ||
+               (interrupted != nullptr && interrupted->load(std::memory_order_relaxed));
+    }
+
+    atomic<unsigned int> const& releases;  // changes when the net lets its callers go
+    unsigned int begun;                    // what it was when the call began
+    atomic<bool> const* interrupted;       // whether this caller has been asked to stop
+    unsigned int milliseconds;             // the longest wait
+};
+
+// What such a call has come to.
+enum class petri_outcome {
+    done,
+    ended,   // the place is closed: no token will come, or none is accepted
+    over,    // its patience is over
+    elapsed  // it has waited once and found nothing
+};
 
 }  // namespace detail
 
@@ -104,10 +130,16 @@ private:
     friend class firing;
     friend class petri_arc;
     friend class petri_net;
+    friend class detail::net_core;
+    friend class detail::petri_closing;
     friend struct detail::inspector;
     friend struct detail::petri_access;
 
-    // Appends `token` itself and leaves it empty.
+    // Added to `_receivers` and `_senders` when the place is closed, so that from then on its
+    // gains take the way of those that concern callers.
+    static constexpr unsigned int closed_mark = 1u << 31;
+
+    // Appends `token` itself, which is empty then.
     void _put(any&& token);
 
     // What no firing has reserved. Reads a copy of the capacity, because firing code
@@ -159,7 +191,12 @@ private:
         _send_size -= size;
     }
 
-    // A token enters a free slot, or never came, without a reservation.
+    // No token comes any more, and none is there.
+    bool ended() const {
+        return _closed && _size == 0 && _send_size == 0;
+    }
+
+    // A token comes into a free slot, or never came, without a reservation.
     void count_in() {
         ++_size;
     }
@@ -210,7 +247,11 @@ private:
     // The contents of `_arcs`, as the engine reads them.
     detail::petri_side _consumers;
     detail::petri_side _producers;
-    detail::atomic<unsigned int> _runner{0};  // the net's; relaxed as there
+    detail::atomic<unsigned int> _runner{0};  // the net's
+    // Under the net's mutex, for nets of `ovel_petri.h`.
+    bool _closed = false;
+    bool _closes = false;  // closes once each transition that puts into it has ended
+    petri_place* _next_closed = nullptr;
 };
 
 // Connects a place and a transition in one direction. Its weight is the number of tokens
@@ -373,11 +414,16 @@ private:
     friend class petri_net;
     friend class petri_queue_function;
     friend class detail::enabled_transitions;
+    friend class detail::net_core;
+    friend class detail::petri_closing;
     friend class detail::petri_crew;
     friend struct skip_list_order<petri_transition*>;
     friend struct detail::inspector;
 
     using position = skip_list<petri_transition*>::iterator;
+
+    // Beyond `over` it begins no firing; once it has ended none is running either.
+    enum class life : unsigned char { live, over, ended };
 
     bool activated() const {
         return _activated;
@@ -448,8 +494,12 @@ private:
     list<petri_arc*> _arcs;    // changes only while the net is stopped
     position _iterator;        // its place in the net's queue; null if it is not queued
     [[maybe_unused]] cacheline _after{};
-    detail::row<detail::petri_access> _accesses;  // `_arcs` as the engine reads it
-    unsigned int _rank = 0;  // among the spaces and times of its group; 0 fires first
+    detail::row<detail::petri_access> _accesses;  // what `_arcs` says, as the engine reads it
+    unsigned int _rank = 0;  // among the spaces and times of its group, the first to fire is 0
+    // Under the net's mutex, for nets of `ovel_petri.h`.
+    life _life = life::live;
+    petri_place* _at_end = nullptr;  // gets a token when the transition has ended
+    ovel::time _delay;               // how long it is enabled before it fires
 };
 
 inline bool petri_transition::enabled() const {
@@ -461,7 +511,8 @@ inline bool petri_transition::enabled() const {
 inline void petri_place::insert_arc(list<petri_arc*>::prepared&& arc) {
     petri_arc const& inserted = *arc->value;
     side(inserted.input())
-        .push_back({inserted.transition(), inserted.size(), inserted.transition()->reentrant()});
+        .push_back(
+            {inserted.transition(), inserted.size(), inserted.transition()->reentrant(), false});
     _arcs.push_back(std::move(arc));
 }
 
@@ -629,9 +680,9 @@ public:
     [[nodiscard]] bool timed_acquire(time const& deadline);
 
 private:
-    friend class net;
     friend class petri_queue_function;
     friend class petri_transition;
+    friend class detail::net_core;
     friend struct detail::inspector;
 
     // Makes a token from what `from` points to, in an empty `any`.
@@ -654,23 +705,34 @@ private:
     void _enter_contended();
     void _dispatch();
     void _leave();
+    void _leave_with_news();
+    bool _await_rest();
     petri_transition* _next_firing(firing_work& of, petri_transition* ended);
 
     void _enqueue_initial_transitions();
-    bool _await_token(petri_place* place, detail::atomic<bool> const* given_up = nullptr);
-    bool _await_slot(petri_place* place, detail::atomic<bool> const* given_up = nullptr);
+    void _await_token(petri_place* place);
+    void _await_slot(petri_place* place);
     void _receive(petri_place* place, any& token);
     void _send(petri_place* place, any const& token);
-    void _put(petri_place* place, maker make, void* from);
 
-    // The token operations of `net`. Those that wait return false once `given_up` is
-    // true; the thread that sets it then calls `_wake`. They make the new token under the
-    // net's lock. After any exception nothing is put.
-    bool _receive_unless(detail::atomic<bool> const& given_up, petri_place* place, any& token);
-    bool _put_unless(detail::atomic<bool> const& given_up, petri_place* place, maker make,
-                     void* from);
+    // The operations of `net`. A token that is put is made under the net's lock; after any
+    // exception nothing is put. `_wake` has all callers that wait look again.
+    template <class Look>
+    detail::petri_outcome _await(unsigned int& callers, detail::petri_patience const& patience,
+                                 Look const& look);
+    detail::petri_outcome _receive_within(petri_place* place, any& token,
+                                          detail::petri_patience const& patience);
+    detail::petri_outcome _put_within(petri_place* place, maker make, void* from,
+                                      detail::petri_patience const& patience);
     bool _try_put(petri_place* place, maker make, void* from);
+    void _put(petri_place* place, maker make, void* from);
     void _wake();
+    void _close(petri_place* place);
+    void _settle(petri_place* place);
+    void _insert_inhibitor(petri_place* place, petri_transition* transition);
+    void _delay(petri_transition* transition, ovel::time const& delay);
+    bool _ended(petri_place* place);
+    unsigned int _tokens(petri_place* place);
 
     bool _runs_caller() const;
     void _set_runner(unsigned int process);

@@ -17,6 +17,7 @@ namespace ovel {
 
 class firing;
 class net;
+class transition;
 template <class T>
 class place;
 
@@ -33,14 +34,21 @@ struct place_arc {
 
 namespace detail {
 
+class net_core;
+
 // A place of a net, with its name.
 struct place_record {
-    net* const owner;
+    net_core* const owner;
     trace::shared_name const name;
     petri_place* const element;
 };
 
-// An arc of a transition. The net identifies it by the variable `reference`.
+// What `unless` returns.
+struct inhibitor {
+    place_record* place;
+};
+
+// An arc of a transition; `reference` is the variable that names it to the net.
 struct arc_record {
     place_record* place;
     bool input;
@@ -85,20 +93,28 @@ void move_into(any& made, void* from) {
 // A transition of a net: its name, arcs and body.
 class transition_record : public petri_function {
 public:
-    transition_record(net& of, std::string&& called) : owner(of), name(std::move(called)) {}
+    transition_record(net_core& of, std::string&& called) : owner(of), name(std::move(called)) {}
     transition_record(transition_record const&) = delete;
     transition_record& operator=(transition_record const&) = delete;
 
-    net& owner;
+    net_core& owner;
     trace::shared_name const name;
     std::vector<arc_record> arcs;  // complete before the net gets them
     petri_transition* element = nullptr;
-    bool active = true;  // as the user wants it; under the net's `_lock`
+    bool active = true;                   // as its user wants it; under the net's `_lock`
+    transition_record* at_end = nullptr;  // fires once, when this one has ended
+    std::vector<place_record*> inhibitors;
+    bool is_hidden = false;  // it is that of another one
 
 protected:
     template <class T, bool Weighted>
     void _insert_arc(bool input, place_arc<T, Weighted> const& inserted) {
-        arcs.push_back({inserted.end._record, input, inserted.weight, nullptr});
+        _insert_arc_into(*this, input, inserted);
+    }
+    template <class T, bool Weighted>
+    static void _insert_arc_into(transition_record& into, bool input,
+                                 place_arc<T, Weighted> const& inserted) {
+        into.arcs.push_back({inserted.end._record, input, inserted.weight, nullptr});
     }
 
     // Runs the body, unless the net must not fire any more. `left` has an element for

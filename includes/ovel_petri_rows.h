@@ -89,6 +89,7 @@ struct petri_side {
         petri_transition* transition;
         unsigned int size;
         bool reentrant;
+        bool inhibits;  // puts nothing: it needs all slots free
     };
 
     void push_back(end const& added) noexcept {

@@ -5,14 +5,21 @@
 
 #include "ovel_petri_net.h"
 #include "ovel_skip_list.h"
+#include "ovel_time.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <utility>
 
 namespace ovel::detail {
 
-// Transitions in the order of `skip_list_order<petri_transition*>`: largest space first,
-// then longest time, then largest random number, which each transition draws when it is
-// inserted.
+// What a thread sees to before it gives a net's mutex up, as bits of one byte: callers that
+// wait for what has come, closed places, and transitions whose delay has begun.
+enum petri_news : unsigned char { for_callers = 1, for_closing = 2, for_clock = 4 };
+
+// Transitions in the order of `skip_list_order<petri_transition*>`: the largest space
+// first, then the longest time, then the largest random number, which each one draws when
+// it is inserted.
 //
 // Usually few transitions are queued, so a short sorted array holds up to eight. Only a
 // transition that finds the array full goes to the skip list, which allocates. The first
@@ -20,30 +27,74 @@ namespace ovel::detail {
 // stores its position there, one in the array stores the end of the list, and any other
 // stores a null position.
 //
-// Not thread safe: every call is under the net's mutex.
+// A transition with a delay is enabled for that long before it may be taken. Until then it
+// counts as queued as well, so that it leaves when it is disabled, but stands in a list of its
+// own, beside the point in time from which on it may fire. Nets without such transitions never
+// look there.
+//
+// Not thread safe: all under the net's mutex.
 class enabled_transitions {
 public:
-    // The net owns `list` and the state of the random numbers.
-    enabled_transitions(skip_list<petri_transition*>& list, unsigned int& random)
-        : _list(list), _random(random) {}
+    // `list` and the state of the random numbers are the net's. `news`, if any, hears of it
+    // when a transition begins to wait.
+    enabled_transitions(skip_list<petri_transition*>& list, unsigned int& random,
+                        unsigned char* news = nullptr)
+        : _list(list), _random(random), _news(news) {}
+    enabled_transitions(enabled_transitions const&) = delete;
+    enabled_transitions& operator=(enabled_transitions const&) = delete;
+    ~enabled_transitions() {
+        delete[] _delays;
+    }
 
+    // Whether none may be taken.
     bool empty() const {
+        return _size == _waiting;
+    }
+    // Whether none is queued, waiting or not.
+    bool none() const {
         return _size == 0;
     }
 
-    // Inserts a transition that is not queued. If it throws std::bad_alloc, it has
-    // inserted nothing.
+    // Room for one more transition that has a delay. Throws std::bad_alloc.
+    void make_room() {
+        auto* const grown = new delay[_delayed + 1];
+        std::copy_n(_delays, _waiting, grown);
+        delete[] std::exchange(_delays, grown);
+        ++_delayed;
+        _most_short = 0;
+    }
+    bool has_delays() const {
+        return _delayed != 0;
+    }
+
+    // Whether some wait; then the earliest point at which one may fire.
+    bool find_due(time& due) const {
+        auto const first = std::min_element(
+            _delays, _delays + _waiting,
+            [](delay const& one, delay const& other) { return one.due < other.due; });
+        if (_waiting != 0)
+            due = first->due;
+        return _waiting != 0;
+    }
+    // Lets those be taken whose time has come, or as many as there is room for beside the
+    // list. Returns whether there were any.
+    bool end_delays(time const& now) {
+        unsigned int const waited = _waiting;
+        for (unsigned int i = 0; i < _waiting && _short_size != most_short;)
+            if (_delays[i].due <= now)
+                _insert_short(_remove_waiting(i));
+            else
+                ++i;
+        return _waiting != waited;
+    }
+
+    // Inserts one that is not queued. Throws std::bad_alloc, having inserted nothing.
     void insert(petri_transition* transition) {
         transition->random(_draw());
-        if (_short_size == most_short) {
-            transition->enqueue(_list.insert(transition));
-        } else {
-            unsigned int i = _short_size++;
-            for (; i != 0 && !order::precedes(transition, _short[i - 1]); --i)
-                _short[i] = _short[i - 1];
-            _short[i] = transition;
-            transition->enqueue(_list.end());
-        }
+        if (_short_size >= _most_short)
+            _insert_rarely(transition);
+        else
+            _insert_short(transition);
         ++_size;
     }
 
@@ -52,7 +103,10 @@ public:
         --_size;
         auto const where = transition->dequeue();
         if (where != _list.end()) {
-            _list.erase(where);
+            if (where == _waits.end())
+                _erase_waiting(transition);
+            else
+                _list.erase(where);
             return;
         }
         unsigned int i = --_short_size;
@@ -64,8 +118,7 @@ public:
 
     // Removes and returns the first transition. There must be one.
     petri_transition* take_first() {
-        unsigned int const listed = _size - _short_size;
-        if (listed == 0 ||
+        if (_list.size() == 0 ||
             (_short_size != 0 && order::precedes(_short[_short_size - 1], *_list.begin()))) {
             petri_transition* const first = _short[--_short_size];
             --_size;
@@ -94,11 +147,55 @@ private:
         return _random = static_cast<unsigned int>(multiplier * _random % modulus);
     }
 
+    void _insert_short(petri_transition* transition) {
+        unsigned int i = _short_size++;
+        for (; i != 0 && !order::precedes(transition, _short[i - 1]); --i)
+            _short[i] = _short[i - 1];
+        _short[i] = transition;
+        transition->enqueue(_list.end());
+    }
+
+    // Where many are queued, or some have delays. Out of line, so that the usual way is short.
+    [[gnu::noinline]] void _insert_rarely(petri_transition* transition) {
+        if (transition->_delay != time()) {
+            _delays[_waiting] = {transition, time::now() + transition->_delay};
+            ++_waiting;
+            transition->enqueue(_waits.end());
+            if (_news != nullptr)
+                *_news |= for_clock;
+        } else if (_short_size != most_short) {
+            _insert_short(transition);
+        } else {
+            transition->enqueue(_list.insert(transition));
+        }
+    }
+
+    petri_transition* _remove_waiting(unsigned int i) {
+        return std::exchange(_delays[i], _delays[--_waiting]).transition;
+    }
+    [[gnu::noinline]] void _erase_waiting(petri_transition* transition) {
+        unsigned int i = 0;
+        while (_delays[i].transition != transition)
+            ++i;
+        _remove_waiting(i);
+    }
+
+    struct delay {
+        petri_transition* transition;
+        time due;  // when it may fire, unless it is disabled before
+    };
+
     skip_list<petri_transition*>& _list;
     unsigned int& _random;
-    unsigned int _size = 0;  // of array and list together
+    unsigned int _size = 0;     // of all
+    unsigned int _waiting = 0;  // of them, those whose delay runs: the first in `_delays`
     unsigned int _short_size = 0;
-    petri_transition* _short[most_short];  // in reverse order: the first one last
+    unsigned int _most_short = most_short;  // 0 if some have delays, so that all are looked at
+    petri_transition* _short[most_short];   // the first one last
+    unsigned char* const _news;
+    unsigned int _delayed = 0;  // transitions that have delays, for which `_delays` has room
+    delay* _delays = nullptr;
+    skip_list<petri_transition*> _waits;  // empty: its end is the position of those that wait
 };
 
 }  // namespace ovel::detail

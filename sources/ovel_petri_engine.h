@@ -30,10 +30,14 @@
 // A net is at rest when nothing is queued, every initiated firing has ended, and all
 // called threads have left.
 //
-// Counts. Firings have reserved `_receive_size` of the `_size` committed tokens of a
-// place, and `_send_size` of its free slots. A firing reserves everything that its arcs
-// need when it is initiated, and commits it when it ends. So no other thread ever sees
-// half of a firing, and firing code never waits.
+// Delays. A transition that has one is queued when it is enabled, as any, but its dispatch waits
+// until it has been enabled for that long. The queue thread sees to it, and sleeps until the
+// earliest of them.
+//
+// Counts. Of the `_size` committed tokens of a place, `_receive_size` are reserved by
+// firings, and `_send_size` of its free slots are. A firing reserves all that its arcs ask
+// for when it is initiated, and commits it when it ends. So no other thread ever sees half
+// of a firing, and firing code never waits.
 //
 // Enabling. A transition is queued only if it is enabled; a reservation that disables it
 // takes it off the queue. It is examined when one of its places gains tokens or slots,
@@ -50,16 +54,22 @@
 // of their group. A thread that ends a firing takes the next one within the same hold of
 // the mutex.
 //
-// Wake-ups. They all happen after the mutex was released: one thread for each crew that
-// needs one, blocked callers if a place that one of them waits at has gained what it
-// waits for, and the queue thread if the net is stopping and at rest.
+// News. A place that callers wait at, or that is closed, reports its gains. They are looked at
+// before the mutex is given up, so that what a closed place ends is ended, and what that enables
+// is dispatched, within the hold of the mutex in which it came about.
+//
+// Wake-ups. They all happen after the mutex was given up: one thread for each crew that needs
+// one, blocked callers if a place that one of them waits at has gained what it waits for, and
+// the queue thread if the net is stopping and at rest.
 #ifndef OVEL_PETRI_ENGINE_H
 #define OVEL_PETRI_ENGINE_H
 
 #include "ovel_petri_net.h"
 
 #include "ovel_atomic.h"
+#include "ovel_condition.h"
 #include "ovel_counter.h"
+#include "ovel_petri_closing.h"
 #include "ovel_petri_crew.h"
 #include "ovel_petri_enabled_transitions.h"
 #include "ovel_thread_function.h"
@@ -67,6 +77,7 @@
 #include "ovel_work_queue.h"
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <tuple>
 #include <utility>
@@ -118,7 +129,6 @@ public:
     // What a thread does for others after it has released the mutex.
     struct wake_ups {
         firing_work* called;  // the groups to call a thread of, linked by `_next_called`
-        bool callers;         // whether to wake blocked callers
         bool queue_thread;
     };
 
@@ -144,7 +154,7 @@ public:
     }
 
     bool is_at_rest() const {
-        return _net._firings == 0 && _called == 0 && _enabled.empty();
+        return _net._firings == 0 && _called == 0 && _enabled.none();
     }
 
     void enqueue_if_enabled(petri_transition* transition) {
@@ -157,11 +167,13 @@ public:
 
     // The place has gained tokens, or free slots; `before` were available.
     void gained_tokens(petri_place* place, unsigned int before) {
-        _wakes_callers |= place->_receivers != 0 && place->receive_enabled(1);
+        if (place->_receivers != 0)
+            _tell(place, place->receive_enabled(1));
         _enqueue_side(place->_consumers, before, place->tokens());
     }
     void gained_slots(petri_place* place, unsigned int before) {
-        _wakes_callers |= place->_senders != 0 && place->send_enabled(1);
+        if (place->_senders != 0)
+            _tell(place, place->send_enabled(1));
         _enqueue_side(place->_producers, before, place->slots());
     }
 
@@ -208,12 +220,90 @@ public:
 
     // Makes all blocked callers look again.
     void wake_callers() {
-        _wakes_callers = true;
+        _news |= detail::for_callers;
+    }
+    // Waits once for that, so many milliseconds at most. With the mutex, which it gives up
+    // meanwhile.
+    void wait_for_news(unsigned int milliseconds) {
+        static_cast<void>(_timed_callers.timed_acquire(_net._mutex, milliseconds));
+    }
+    // Wakes them. Without the mutex.
+    void release_callers() {
+        _net._condition.release_all();
+        _timed_callers.release_all();
+    }
+
+    // Closes a place for good: no further firing puts into it, nor does a caller of `net`.
+    void close(petri_place* place) {
+        _closing.close(place);
+        _news |= detail::for_callers;
+        _news |= detail::for_closing;
+    }
+    // Looks at a closed place again, since arcs have been added to it.
+    void settle(petri_place* place) {
+        _closing.list(place);
+        _news |= detail::for_closing;
+    }
+
+    // There is one more transition with a delay. Throws std::bad_alloc.
+    void make_room_for_delay() {
+        _enabled.make_room();
+    }
+
+    // Waits once, as the queue thread, until the net may be at rest or a delay has ended.
+    // What that enables is dispatched. With the mutex, which it gives up meanwhile.
+    void wait_for_rest() {
+        if (!_enabled.has_delays()) {
+            _net._rest.acquire(_net._mutex);
+            return;
+        }
+        time due;
+        if (!_enabled.find_due(due)) {
+            _clock.acquire(_net._mutex);
+            return;
+        }
+        // Rounded up: a delay never ends early.
+        double const left = (due - time::now()).seconds();
+        if (left > 0)
+            static_cast<void>(_clock.timed_acquire(_net._mutex, _milliseconds(left)));
+        // The queue beside the list is empty after each dispatch, so this needs no memory.
+        for (time const now = time::now(); _enabled.end_delays(now);)
+            dispatch();
+    }
+    // Wakes it. Without the mutex.
+    void release_queue_thread() {
+        _net._rest.release_one();
+        _clock.release_one();
+    }
+
+    // Something that callers wait for has come, a closed place may have ended, or a delay has
+    // begun.
+    bool has_news() const {
+        return _news != 0;
+    }
+    // Ends what closed places end and dispatches what that enables. Returns the news.
+    [[gnu::noinline]] unsigned int take_news() {
+        if ((_news & detail::for_closing) != 0 && _closing.settle(*this))
+            _news |= detail::for_callers;
+        return std::exchange(_news, 0);
+    }
+
+    // Puts an empty token into a place that no other thread knows, for one transition. In a
+    // stopped net there may be no memory to queue that; the start examines it.
+    void put_mark(petri_place* place) {
+        place->count_in();
+        place->_put(any());
+        try {
+            gained_tokens(place, 0);
+        } catch (...) {
+            if (_is_running)
+                throw;
+        }
+        dispatch();
     }
 
     wake_ups collect_wake_ups() {
-        return {_begin_calls(), std::exchange(_wakes_callers, false),
-                _net._acquired && is_at_rest()};
+        return {_begin_calls(), _net._acquired && is_at_rest()};
     }
     // Makes the calls that `collect_wake_ups` returned. Without the mutex.
     static void call(firing_work* called) {
@@ -233,6 +323,20 @@ public:
 private:
     friend struct detail::inspector;
 
+    // Callers wait at a place that has gained something, or it is closed. Out of line, so that
+    // the usual way stays short.
+    [[gnu::noinline]] void _tell(petri_place* place, bool available) {
+        if (available)
+            _news |= detail::for_callers;
+        if (place->_closed)
+            _news |= detail::for_closing;
+    }
+
+    static unsigned int _milliseconds(double seconds) {
+        return static_cast<unsigned int>(
+            std::min(std::ceil(seconds * 1000), static_cast<double>(detail::longest_wait)));
+    }
+
     void _enqueue(petri_transition* transition) {
         try {
             _enabled.insert(transition);
@@ -248,14 +352,14 @@ private:
             before = 0;
         if (before >= side.most)
             return;
-        for (auto const& [transition, size, reentrant] : side.ends)
+        for (auto const& [transition, size, reentrant, inhibits] : side.ends)
             if (size <= now && (size > before || reentrant))
                 enqueue_if_enabled(transition);
     }
     void _dequeue_side(detail::petri_side const& side, unsigned int now) {
-        if (now >= side.most || _enabled.empty())
+        if (now >= side.most || _enabled.none())
             return;
-        for (auto const& [transition, size, reentrant] : side.ends)
+        for (auto const& [transition, size, reentrant, inhibits] : side.ends)
             if (size > now && transition->queued())
                 dequeue(transition);
     }
@@ -327,14 +431,17 @@ private:
 
     petri_net& _net;
     std::unique_ptr<std::unique_ptr<firing_work>[]> const _works;  // one for each group
-    detail::enabled_transitions _enabled{_net._queue, _net._random};
+    unsigned char _news = 0;                                       // bits of `petri_news`
+    detail::enabled_transitions _enabled{_net._queue, _net._random, &_news};
     firing_work* _touched = nullptr;  // the first of those that may need a thread
     unsigned int _called = 0;         // called threads that have not left, of all crews
     bool _is_running = false;
-    bool _missed = false;                     // memory ran out for queueing a transition
-    bool _wakes_callers = false;              // a blocked caller may have what it waits for
-    unsigned int _ranked = 0;                 // the number of ranked transitions
+    bool _missed = false;                     // there was no memory to queue a transition
+    unsigned int _ranked = 0;                 // transitions that have their rank
     detail::atomic<unsigned int> _ended = 0;  // written under the mutex
+    detail::petri_closing _closing;
+    timed_condition _timed_callers{0};  // blocked callers that have a deadline, with the mutex
+    timed_condition _clock{0};          // the queue thread of a net with delays, with the mutex
 };
 
 // A new transition may belong between any two others.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Petri nets: their construction, their mutex, the token interface, start and stop. The
-// engine that fires them is in `ovel_petri_engine.h`.
+// engine that fires them is in `ovel_petri_engine.h`, what nets of `ovel_petri.h` add to the
+// token interface in `ovel_petri_clients.cpp`.
 //
 // This file contains everything that can fail a check of nets, because a check prints its
 // file.
@@ -11,6 +12,7 @@
 
 #include "ovel_allocator_group.h"
 #include "ovel_guard.h"
+#include "ovel_petri_change.h"
 #include "ovel_petri_engine.h"
 #include "ovel_process.h"
 #include "ovel_spin_wait.h"
@@ -83,32 +85,34 @@ void petri_net::_dispatch() {
 
 // Releases `_mutex`, and wakes the threads that have a reason to look again.
 void petri_net::_leave() {
+    if (_engine->has_news()) {
+        _leave_with_news();
+        return;
+    }
     engine::wake_ups const wakes = _engine->collect_wake_ups();
     _mutex.release();
     engine::call(wakes.called);
-    if (wakes.callers)
-        _condition.release_all();
     if (wakes.queue_thread)
-        _rest.release_one();
+        _engine->release_queue_thread();
 }
 
-// Holds a net's mutex for a change. The end of the scope dispatches what is then enabled
-// and wakes the threads concerned, also if an exception ends the scope.
-class petri_net::change {
-public:
-    explicit change(petri_net& net) : _net(net) {
-        _net._enter();
+// The same when something concerns callers, or closed places: what those end may enable
+// more.
+void petri_net::_leave_with_news() {
+    unsigned int news = 0;
+    try {
+        news = _engine->take_news();
+    } catch (...) {
+        assure(("unexpected exception", 0));
     }
-    ~change() {
-        _net._dispatch();
-        _net._leave();
-    }
-    change(change const&) = delete;
-    change& operator=(change const&) = delete;
-
-private:
-    petri_net& _net;
-};
+    engine::wake_ups const wakes = _engine->collect_wake_ups();
+    _mutex.release();
+    engine::call(wakes.called);
+    if ((news & detail::for_callers) != 0)
+        _engine->release_callers();
+    if (wakes.queue_thread || (news & detail::for_clock) != 0)
+        _engine->release_queue_thread();
+}
 
 void petri_transition::operator()() {
     try {
@@ -160,18 +164,24 @@ void petri_queue_function::operator()() {
     _net->_enter();
     _net->_dispatch();
     _net->_leave();
-    {
-        detail::guard const hold(_net->_mutex);
-        while (!_net->_acquired || !_net->_engine->is_at_rest())
-            _net->_rest.acquire(_net->_mutex);
-        _net->_engine->stop();
-    }
+    while (!_net->_await_rest()) {}
     for (unsigned int i = 0; i != _net->_groups; ++i)
         _net->_thread_groups[i]->conclude();
 }
 
-// A slot of a place, reserved for a token. The reservation is cancelled unless the token
-// is put.
+// Whether the net is at rest and stops. Otherwise waits once until it may be, or until a
+// transition with a delay may fire. On the queue thread.
+bool petri_net::_await_rest() {
+    change const hold(*this);
+    if (_acquired && _engine->is_at_rest()) {
+        _engine->stop();
+        return true;
+    }
+    _engine->wait_for_rest();
+    return false;
+}
+
+// A slot of a place, reserved for a token that is given up unless it is put.
 class petri_net::slot {
 public:
     explicit slot(petri_place& place) : _place(&place) {
@@ -345,13 +355,13 @@ petri_arc* petri_net::_insert_arc(petri_place* place, petri_connector const& con
 
 void petri_net::activate(petri_transition* transition) {
     change const hold(*this);
-    transition->activated(true);
+    transition->activated(transition->_life == petri_transition::life::live);
     _engine->enqueue_if_enabled(transition);
 }
 
 void petri_net::deactivate(petri_transition* transition) {
-    assure(!inherited());
-    detail::guard const hold(_mutex);
+    // The end of its delay may be all that a stop waits for.
+    change const hold(*this);
     transition->activated(false);
     if (transition->queued())
         _engine->dequeue(transition);
@@ -365,34 +375,21 @@ void petri_net::_enqueue_initial_transitions() {
     _engine->forget_missed();
 }
 
-// Wait for a token or a slot and return true, or return false once `given_up`, if any, is
-// true. Relaxed: it is set before `_wake` takes the mutex.
-bool petri_net::_await_token(petri_place* place, detail::atomic<bool> const* given_up) {
+// Wait until there is a token or a slot.
+void petri_net::_await_token(petri_place* place) {
     while (!place->receive_enabled(1)) {
-        if (given_up != nullptr && given_up->load(std::memory_order_relaxed))
-            return false;
         ++place->_receivers;
         _condition.acquire(_mutex);
         --place->_receivers;
     }
-    return true;
 }
 
-bool petri_net::_await_slot(petri_place* place, detail::atomic<bool> const* given_up) {
+void petri_net::_await_slot(petri_place* place) {
     while (!place->send_enabled(1)) {
-        if (given_up != nullptr && given_up->load(std::memory_order_relaxed))
-            return false;
         ++place->_senders;
         _condition.acquire(_mutex);
         --place->_senders;
     }
-    return true;
-}
-
-// Makes all blocked callers look again.
-void petri_net::_wake() {
-    change const hold(*this);
-    _engine->wake_callers();
 }
 
 void petri_net::peek(petri_place* place, any& token) {
@@ -460,51 +457,6 @@ void petri_net::_send(petri_place* place, any const& token) {
     }
     _engine->lost_slots(place);
     _engine->gained_tokens(place, tokens);
-}
-
-bool petri_net::_receive_unless(detail::atomic<bool> const& given_up, petri_place* place,
-                                any& token) {
-    change const hold(*this);
-    if (!_await_token(place, &given_up))
-        return false;
-    _receive(place, token);
-    return true;
-}
-
-bool petri_net::_put_unless(detail::atomic<bool> const& given_up, petri_place* place, maker make,
-                            void* from) {
-    change const hold(*this);
-    if (!_await_slot(place, &given_up))
-        return false;
-    _put(place, make, from);
-    return true;
-}
-
-bool petri_net::_try_put(petri_place* place, maker make, void* from) {
-    change const hold(*this);
-    if (!place->send_enabled(1))
-        return false;
-    _put(place, make, from);
-    return true;
-}
-
-// Puts a token into a free slot. Counts it before it is there, so that everything that
-// may throw comes before the value is moved. The firings that take it are reserved later,
-// under the mutex.
-void petri_net::_put(petri_place* place, maker make, void* from) {
-    unsigned int const tokens = place->tokens();
-    place->count_in();
-    try {
-        _engine->gained_tokens(place, tokens);
-        any token;
-        make(token, from);
-        place->_put(std::move(token));
-    } catch (...) {
-        place->count_out();
-        _engine->lost_tokens(place);
-        throw;
-    }
-    _engine->lost_slots(place);
 }
 
 void petri_net::release() {

@@ -128,18 +128,19 @@ struct ovel::detail::inspector {
            _after);
     LAYOUT(any, (4, 8), (0, 0), _content);
     LAYOUT(channel, (24, 40), (0, 0), _capacity, _size, _begin, _end, _back, _front);
-    LAYOUT(petri_place, (756, 816), (0, 0), _before, _channel, _between, _size, _receive_size,
+    LAYOUT(petri_place, (764, 824), (0, 0), _before, _channel, _between, _size, _receive_size,
            _send_size, _receive_skip, _send_skip, _arcs, _mutex, _receivers, _senders, _capacity,
-           _consumers, _producers, _runner);
+           _consumers, _producers, _runner, _closed, _closes, _next_closed);
     // `offsetof` does not accept references: the fields behind one have a line of their own.
     LAYOUT(petri_arc, (20, 40), (0, 0), _input, _place, _transition);
     LAYOUT(petri_arc, (20, 40), (16, 32), _size);
     LAYOUT(petri_connector, (20, 32), (0, 0), _input, _transition);
     LAYOUT(petri_connector, (20, 32), (12, 24), _size, _capacity);
     LAYOUT(petri_function, (136, 144), (132, 136), _transition);
-    LAYOUT(petri_transition, (464, 512, 472), (132, 136), _before);
-    LAYOUT(petri_transition, (464, 512, 472), (264, 272), _reentrant, _time, _space, _group, _net,
-           _activated, _firing, _random, _arcs, _iterator, _after, _accesses, _rank);
+    LAYOUT(petri_transition, (480, 528, 488), (132, 136), _before);
+    LAYOUT(petri_transition, (480, 528, 488), (264, 272), _reentrant, _time, _space, _group, _net,
+           _activated, _firing, _random, _arcs, _iterator, _after, _accesses, _rank, _life, _at_end,
+           _delay);
     LAYOUT(petri_queue_function, (392, 400), (132, 136), _before, _net, _after);
     LAYOUT(petri_net, (3800, 3912), (0, 0), _mutex, _groups, _firings, _acquired, _random,
            _queue_thread_acquired, _thread_group_acquireds, _thread_group_acquired, _queue_function,

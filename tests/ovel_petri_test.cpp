@@ -23,8 +23,8 @@
 struct ovel::detail::inspector {
     // Threads that block in the net's places, or are about to.
     static unsigned int blocked(net& in) {
-        std::lock_guard const hold(in._lock);
-        return in._failure._blocked;
+        std::lock_guard const hold(in._core->_lock);
+        return in._core->_callers._blocked;
     }
 };
 

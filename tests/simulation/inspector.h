@@ -11,6 +11,7 @@
 #include "ovel_barrier.h"
 #include "ovel_condition.h"
 #include "ovel_guard.h"
+#include "ovel_petri.h"
 #include "ovel_petri_engine.h"
 #include "ovel_petri_net.h"
 #include "ovel_task.h"
@@ -24,6 +25,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <mutex>
 
 struct ovel::detail::inspector {
     // No batch, no waiter, the gate open.
@@ -183,18 +185,49 @@ struct ovel::detail::inspector {
         return place._size;
     }
 
+    static bool is_running(petri_net& net) {
+        guard const hold(net._mutex);
+        return net._engine->_is_running;
+    }
+
+    // Of a typed net. Waits at an empty place as `receive_until` does with a std::stop_token,
+    // whose own locks the simulated kernel does not know; and wakes the callers as that does.
+    static net_core& core(net& of) {
+        return *of._core;
+    }
+    static unsigned int blocked(net_core& in) {
+        std::lock_guard const hold(in._lock);
+        return in._callers._blocked;
+    }
+    template <class T>
+    static void await_stop(net_core& core, place<T> const& at, atomic<bool>& interrupted) {
+        any token;
+        auto const made =
+            core._wait(*at._record, net_core::without_limit(), [&](petri_patience const& patience) {
+                return core._net._receive_within(
+                    at._record->element, token,
+                    {patience.releases, patience.begun, &interrupted, patience.milliseconds});
+            });
+        assure(made == petri_outcome::over);
+    }
+    static void wake(net_core& core) {
+        core._net._wake();
+    }
+
 private:
     // Of one side of a place, by the firings that have not ended.
     static unsigned int _reserved(petri_side const& side) {
         unsigned int reserved = 0;
         for (petri_side::end const& each : side.ends)
-            reserved += each.transition->_firing * each.size;
+            reserved += each.inhibits ? 0 : each.transition->_firing * each.size;
         return reserved;
     }
 
     static void _check(enabled_transitions& enabled, unsigned int queued) {
         assure(enabled._size == queued);
-        assure(enabled._short_size + enabled._list.size() == queued);
+        assure(enabled._short_size + enabled._list.size() + enabled._waiting == queued);
+        for (unsigned int i = 0; i != enabled._waiting; ++i)
+            assure(enabled._delays[i].transition->queued());
         for (unsigned int i = 1; i < enabled._short_size; ++i)
             assure(!enabled_transitions::order::precedes(enabled._short[i - 1], enabled._short[i]));
     }

@@ -122,7 +122,8 @@ def record_of_transition(transition):
         return None  # the program has no such class
     vtable = int(record.address.cast(gdb.lookup_type("long").pointer()).dereference())
     symbol = gdb.execute(f"info symbol {vtable}", to_string=True)
-    return record if symbol.startswith("vtable for ovel::detail::body_record<") else None
+    known = ("vtable for ovel::detail::body_record<", "vtable for ovel::detail::flush_record<")
+    return record if symbol.startswith(known) else None
 
 
 def record_of_place(place):
@@ -132,7 +133,7 @@ def record_of_place(place):
             transition = record_of_transition(arc.dereference()["_transition"].dereference())
             if transition is None:
                 return None
-            for record in records(referred(transition, "owner", "ovel::net")["_places"]):
+            for record in records(referred(transition, "owner", "ovel::detail::net_core")["_places"]):
                 if record["element"] == place.address:
                     return record
             return None
@@ -304,17 +305,21 @@ class Net(Printer):
 class NamedNet(Printer):
     """An `ovel::net`: as the net in it, and its elements by name."""
 
+    def core(self):
+        return owned(self.value["_core"])
+
     def describe(self):
-        state = Net(self.value["_net"]).describe()
-        if plain(self.value["_failure"]["_failed"]):
+        core = self.core()
+        state = Net(core["_net"]).describe()
+        if core["_callers"]["_has_failed"]:
             return f"failed, {state}"
-        return f"halted, {state}" if plain(self.value["_halted"]) else state
+        return f"halted, {state}" if plain(core["_halted"]) else state
 
     def children(self):
         try:
             self.describe()
             for what, printer in (("place", Place), ("transition", Transition)):
-                for record in records(self.value[f"_{what}s"]):
+                for record in records(self.core()[f"_{what}s"]):
                     element = record["element"].dereference()
                     # Their own names would only repeat it.
                     described = printer(element).describe().removeprefix(f"{name_of(record)}, ")

@@ -1,0 +1,388 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a net of `ovel_petri.h` is made of, and how the threads outside wait at its places. For
+// that header only.
+#ifndef OVEL_PETRI_CORE_H
+#define OVEL_PETRI_CORE_H
+
+#include "ovel_any.h"
+#include "ovel_atomic.h"
+#include "ovel_mutex.h"
+#include "ovel_petri_callers.h"
+#include "ovel_petri_explain.h"
+#include "ovel_petri_net.h"
+#include "ovel_petri_record.h"
+#include "ovel_std.h"
+#include "ovel_thread_base.h"
+#include "ovel_trace.h"
+#include "ovel_triple.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <stop_token>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace ovel::detail {
+
+// The net, the records of its elements, and its blocked callers.
+class net_core {
+public:
+    // Makes the token of a value in its place.
+    using maker = petri_net::maker;
+
+    template <class... Arguments>
+    explicit net_core(Arguments... arguments) : _net(arguments...) {}
+
+    // Stops a net that runs, without waiting for it to rest, and lets its callers go. In a
+    // fork, where its threads do not exist, it only goes out of use.
+    ~net_core() {
+        if (_net.inherited())
+            return;
+        halt(true);
+        if (_running)
+            _net.acquire();
+        std::lock_guard const hold(_lock);
+        _callers.wait_unblocked();
+    }
+
+    net_core(net_core const&) = delete;
+    net_core& operator=(net_core const&) = delete;
+
+    petri_net& base() {
+        return _net;
+    }
+
+    // Building, as `net` has it.
+    inline place_record* insert_place(std::string&& name, unsigned int capacity, bool closes);
+    inline void insert(std::unique_ptr<transition_record> inserted, bool reentrant, double time,
+                       double space, unsigned int group, ovel::time const& delay);
+    // `at_end` fires once, when `of` has ended and `mark` gets a token.
+    inline void tell_of_end(transition_record& of, transition_record& at_end, petri_place* mark);
+
+    inline void activate(transition_record& activated);
+    inline void deactivate(transition_record& deactivated);
+
+    void start();
+    void join();
+    template <class Point>
+    bool join_until(Point const& point);
+    void halt(bool is_final = false);
+    void fail(std::exception_ptr failure);
+    void let_go();
+
+    // What bodies poll: requested when the net halts or fails.
+    std::stop_token stop_token() const {
+        return _stop.get_token();
+    }
+    // The net gets one. While it is stopped.
+    void make_stop_source() {
+        if (!_stop.stop_possible())
+            _stop = std::stop_source();
+    }
+
+    // Operations of places, with how long they wait: `without_limit`, a std::stop_token, or a
+    // point in time, whatever `deadline` accepts.
+    struct without_limit {};
+    template <class Limit>
+    bool receive(place_record& from, any& token, Limit const& limit);
+    template <class Limit>
+    bool put(place_record& to, maker make, void* value, Limit const& limit);
+    bool try_put(place_record& to, maker make, void* value) {
+        return _net._try_put(to.element, make, value);
+    }
+    void close(place_record& closed) {
+        _net._close(closed.element);
+    }
+    bool ended(place_record& asked) {
+        return _net._ended(asked.element);
+    }
+    unsigned int tokens(place_record& asked) {
+        return _net._tokens(asked.element);
+    }
+
+    inline explanation explain();
+
+private:
+    friend class ovel::firing;
+    friend class ovel::net;
+    friend class ovel::transition;
+    friend class transition_record;
+    friend struct inspector;
+
+    // Takes `_lock` for the length of a scope.
+    [[nodiscard]] inline std::lock_guard<lockable<mutex>> _hold();
+
+    template <class Limit, class Attempt>
+    petri_outcome _wait(place_record& at, Limit const& limit, Attempt const& attempt);
+    template <class Attempt>
+    petri_outcome _within(without_limit, Attempt const& attempt) {
+        return attempt(petri_patience::unlimited, nullptr);
+    }
+    template <class Attempt>
+    petri_outcome _within(std::stop_token const& token, Attempt const& attempt);
+    template <class Point, class Attempt>
+    petri_outcome _within(Point const& point, Attempt const& attempt);
+    inline void _insert_arcs(transition_record& of);
+    void _deactivate();
+    void _end();
+
+    // Guards `_callers`, `_halted`, which is read without it as well, `_started`, and whether
+    // each transition is active. Lock order: `_lock`, then what the net locks.
+    lockable<mutex> _lock;
+    net_callers _callers{_lock};
+    atomic<bool> _halted{false};
+    bool _started = false;
+    bool _running = false;  // owner only
+    // Replaced while the net is stopped only.
+    std::stop_source _stop{std::nostopstate};
+    std::vector<std::unique_ptr<place_record>> _places;
+    std::vector<std::unique_ptr<transition_record>> _transitions;
+    petri_net _net;  // the last: its elements refer to the records
+};
+
+// Joins a net that comes to rest before `point`, whatever `deadline` accepts.
+template <class Point>
+bool join_until(petri_net& stopped, Point const& point) {
+    return attempt_until(point, [&stopped](unsigned int milliseconds) {
+        return stopped.timed_acquire(from_now(milliseconds / 1000.0L));
+    });
+}
+
+inline place_record* net_core::insert_place(std::string&& name, unsigned int capacity,
+                                            bool closes) {
+    std::unique_ptr<place_record> inserted(
+        new place_record{this, trace::shared_name(std::move(name)), _net.insert_place(capacity)});
+    inserted->element->_closes = closes;
+    _places.push_back(std::move(inserted));
+    return _places.back().get();
+}
+
+inline void net_core::insert(std::unique_ptr<transition_record> inserted, bool reentrant,
+                             double time, double space, unsigned int group,
+                             ovel::time const& delay) {
+    transition_record& record = *inserted;
+    _transitions.push_back(std::move(inserted));
+    record.element = _net.insert_transition(record, reentrant, time, space, group);
+    if (delay != ovel::time())
+        _net._delay(record.element, delay);
+    _insert_arcs(record);
+}
+
+inline void net_core::tell_of_end(transition_record& of, transition_record& at_end,
+                                  petri_place* mark) {
+    of.at_end = &at_end;
+    at_end.is_hidden = true;
+    of.element->_at_end = mark;
+    for (arc_record const& arc : of.arcs)
+        _net._settle(arc.place->element);
+}
+
+inline void net_core::activate(transition_record& activated) {
+    auto const hold = _hold();
+    for (transition_record* each = &activated; each != nullptr; each = each->at_end) {
+        each->active = true;
+        // Relaxed: it changes under the lock.
+        if (!_halted.load(std::memory_order_relaxed))
+            each->element->activate();
+    }
+}
+
+inline void net_core::deactivate(transition_record& deactivated) {
+    auto const hold = _hold();
+    for (transition_record* each = &deactivated; each != nullptr; each = each->at_end) {
+        each->active = false;
+        each->element->deactivate();
+    }
+}
+
+inline void net_core::start() {
+    {
+        auto const hold = _hold();
+        if (_callers.has_failed())
+            _callers.wait_unblocked();
+        // Relaxed: it changes under the lock.
+        if (_halted.load(std::memory_order_relaxed))
+            for (auto const& record : _transitions)
+                if (record->active)
+                    record->element->activate();
+        // What fails it from here on holds for this run.
+        _callers.forget_failure();
+        _callers.shut(false);
+        _halted = false;
+        if (_stop.stop_requested())
+            _stop = std::stop_source();
+        _started = true;
+    }
+    _net.release();
+    _running = true;
+}
+
+inline void net_core::join() {
+    _net.acquire();
+    _end();
+}
+
+template <class Point>
+bool net_core::join_until(Point const& point) {
+    if (!detail::join_until(_net, point))
+        return false;
+    _end();
+    return true;
+}
+
+// The threads have been joined.
+inline void net_core::_end() {
+    _running = false;
+    {
+        auto const hold = _hold();
+        _started = false;
+        _callers.shut(false);
+    }
+    if (std::exception_ptr const failure = _callers.await_unblocked())
+        std::rethrow_exception(failure);
+}
+
+inline void net_core::halt(bool is_final) {
+    std::stop_source stop{std::nostopstate};
+    {
+        auto const hold = _hold();
+        _deactivate();
+        _callers.shut(_started || is_final);
+        _callers.let_go();
+        _net._wake();
+        stop = _stop;
+    }
+    // Without the lock: callbacks may use the net.
+    stop.request_stop();
+}
+
+inline void net_core::fail(std::exception_ptr failure) {
+    std::stop_source stop{std::nostopstate};
+    {
+        auto const hold = _hold();
+        if (_callers.has_failed())
+            return;
+        _callers.fail(std::move(failure));
+        _deactivate();
+        _net._wake();
+        stop = _stop;
+    }
+    stop.request_stop();
+}
+
+// Has the threads that are blocked leave.
+inline void net_core::let_go() {
+    auto const hold = _hold();
+    _callers.let_go();
+    _net._wake();
+}
+
+// The caller holds `_lock`.
+inline void net_core::_deactivate() {
+    _halted = true;
+    for (auto const& record : _transitions)
+        record->element->deactivate();
+}
+
+// Waits at a place, in attempts that are given the milliseconds that they may wait and the
+// flag that interrupts them.
+template <class Limit, class Attempt>
+petri_outcome net_core::_wait(place_record& at, Limit const& limit, Attempt const& attempt) {
+    trace::scope const here(at.name, trace::wait);
+    net_callers::blocked const counted(_callers);
+    petri_outcome made = petri_outcome::over;
+    if (counted.is_let_in())
+        made = _within(limit, [&](unsigned int milliseconds, atomic<bool> const* interrupted) {
+            return attempt(
+                petri_patience{_callers.releases(), counted.begun(), interrupted, milliseconds});
+        });
+    if (made != petri_outcome::done)
+        _callers.rethrow_failure();
+    return made;
+}
+
+// A thread that asks to stop wakes all callers of the net. It has done so when the callback
+// has been destroyed, and then uses the net no more.
+template <class Attempt>
+petri_outcome net_core::_within(std::stop_token const& token, Attempt const& attempt) {
+    atomic<bool> interrupted{false};
+    std::stop_callback const wakes(token, [&] {
+        interrupted = true;
+        _net._wake();
+    });
+    return attempt(petri_patience::unlimited, &interrupted);
+}
+
+template <class Point, class Attempt>
+petri_outcome net_core::_within(Point const& point, Attempt const& attempt) {
+    petri_outcome made = petri_outcome::elapsed;
+    static_cast<void>(attempt_until(point, [&](unsigned int milliseconds) {
+        made = attempt(milliseconds, nullptr);
+        return made != petri_outcome::elapsed;
+    }));
+    return made;
+}
+
+template <class Limit>
+bool net_core::receive(place_record& from, any& token, Limit const& limit) {
+    return _net.try_receive(from.element, token) ||
+           _wait(from, limit, [&](petri_patience const& patience) {
+               return _net._receive_within(from.element, token, patience);
+           }) == petri_outcome::done;
+}
+
+template <class Limit>
+bool net_core::put(place_record& to, maker make, void* value, Limit const& limit) {
+    return try_put(to, make, value) ||
+           _wait(to, limit, [&](petri_patience const& patience) {
+               return _net._put_within(to.element, make, value, patience);
+           }) == petri_outcome::done;
+}
+
+inline explanation net_core::explain() {
+    explanation made;
+    auto const hold = _hold();
+    lockable view(_net._mutex);
+    std::lock_guard const hold_net(view);
+    for (auto const& record : _places) {
+        petri_place const& place = *record->element;
+        made.places.push_back({record->name.text(), place.tokens(), place._receive_size,
+                               place._send_size, place._capacity, place._closed, place.ended()});
+    }
+    for (auto const& record : _transitions) {
+        petri_transition& element = *record->element;
+        if (record->is_hidden)
+            continue;
+        made.transitions.push_back({record->name.text(),
+                                    element.activated(),
+                                    element._life == petri_transition::life::ended,
+                                    element._firing,
+                                    {}});
+        auto& arcs = made.transitions.back().arcs;
+        auto const index_of = [&](place_record const* of) {
+            auto const at = std::find_if(_places.begin(), _places.end(),
+                                         [&](auto const& each) { return each.get() == of; });
+            return static_cast<std::size_t>(at - _places.begin());
+        };
+        for (arc_record const& arc : record->arcs) {
+            petri_place const& place = *arc.place->element;
+            arcs.push_back({index_of(arc.place), arc.input, arc.weight,
+                            arc.input ? place.tokens() : place.slots(), !arc.input && place._closed,
+                            false});
+        }
+        for (place_record const* inhibitor : record->inhibitors) {
+            petri_place const& place = *inhibitor->element;
+            arcs.push_back(
+                {index_of(inhibitor), false, place._capacity, place.slots(), false, true});
+        }
+    }
+    return made;
+}
+
+}  // namespace ovel::detail
+
+#endif

@@ -1,0 +1,249 @@
+// SPDX-License-Identifier: Apache-2.0
+// Typed nets: what bodies take and return, how a program reads the state of its net, and nets
+// that move.
+#include "ovel_petri.h"
+
+#include "ovel_test.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using ovel::net;
+using ovel::place;
+
+template <class T>
+std::vector<T> drain(place<T> const& from) {
+    std::vector<T> tokens;
+    while (std::optional<T> token = from.try_receive())
+        tokens.push_back(*std::move(token));
+    return tokens;
+}
+
+void run(net& tested) {
+    tested.start();
+    tested.join();
+}
+
+// Of what cannot be copied, in the order in which they came; fewer than the arc puts leave
+// slots free.
+TEST(petri_bodies_test, weighted_arcs_are_arrays_and_vectors) {
+    using token = std::unique_ptr<int>;
+    net tested(1);
+    auto const in = tested.insert_place<token>("in", 6);
+    auto const middle = tested.insert_place<token>("middle", 8);
+    auto const out = tested.insert_place<int>("out", 4);
+    tested.insert_transition("swap", from(in.times(2)), to(middle.times(3)),
+                             [](std::array<token, 2> pair) {
+                                 std::vector<token> made;
+                                 made.push_back(std::move(pair[1]));
+                                 made.push_back(std::move(pair[0]));
+                                 return made;
+                             });
+    tested.insert_transition("digits", from(middle.times(3)), to(out), [](auto digits) {
+        return 100 * *digits[0] + 10 * *digits[1] + *digits[2];
+    });
+    for (int const each : {1, 2, 3, 4, 5, 6})
+        in.send(std::make_unique<int>(each));
+    run(tested);
+    EXPECT_EQ(drain(out), (std::vector{214, 365}));
+}
+
+TEST(petri_bodies_test, an_array_of_another_size_than_the_weight_fails_a_check) {
+    net tested(1);
+    auto const in = tested.insert_place<int>("in", 3);
+    EXPECT_CHECK(tested.insert_transition("two", from(in.times(3)), [](std::array<int, 2>) {}),
+                 "weight == array_size<Argument>", "includes/ovel_petri_body.h");
+}
+
+// A variant chooses a place by its index, also where its alternatives are of one type.
+TEST(petri_bodies_test, a_variant_goes_to_one_place_and_an_optional_tuple_to_all_or_none) {
+    net tested(1);
+    auto const in = tested.insert_place<int>("in", 8);
+    auto const even = tested.insert_place<int>("even", 8);
+    auto const odd = tested.insert_place<int>("odd", 8);
+    auto const halves = tested.insert_place<int>("halves", 8);
+    auto const names = tested.insert_place<std::string>("names", 8);
+    tested.insert_transition("sort", from(in), to(even, odd), [](int number) {
+        using either = std::variant<int, int>;
+        return number % 2 == 0 ? either(std::in_place_index<0>, number)
+                               : either(std::in_place_index<1>, number);
+    });
+    tested.insert_transition("halve", from(even), to(halves, names), [](int number) {
+        return number == 0 ? std::nullopt
+                           : std::optional(std::tuple(number / 2, std::to_string(number)));
+    });
+    for (int const each : {0, 1, 2, 3, 4})
+        in.send(each);
+    run(tested);
+    EXPECT_EQ(drain(odd), (std::vector{1, 3}));
+    EXPECT_EQ(drain(halves), (std::vector{1, 2}));
+    EXPECT_EQ(drain(names), (std::vector<std::string>{"2", "4"}));
+}
+
+// The bodies run until they are asked to stop, by a token and beside a `firing&`.
+TEST(petri_bodies_test, bodies_that_poll_a_stop_token_end_when_the_net_is_stopped) {
+    net tested(2);
+    auto const in = tested.insert_place<int>("in", 2);
+    auto const other = tested.insert_place<int>("other", 2);
+    std::atomic<int> begun = 0;
+    auto const poll = [&](std::stop_token const& stop) {
+        ++begun;
+        until([&] { return stop.stop_requested(); });
+    };
+    tested.insert_transition("poll", from(in), to(in), [&](int token, std::stop_token stop) {
+        poll(stop);
+        return token;
+    });
+    tested.insert_transition("leave", from(other),
+                             [&](ovel::firing&, std::stop_token stop) { poll(stop); });
+    in.send(1);
+    other.send(2);
+    for (int round = 0; round != 2; ++round) {
+        begun = 0;
+        tested.start();
+        until([&] { return begun == 2; });
+        EXPECT_FALSE(stop(tested, 1ms));
+        EXPECT_EQ(std::pair(in.size(), other.size()), std::pair(1u, 1u));
+    }
+    begun = 0;
+    tested.start();
+    until([&] { return begun == 2; });
+    tested.fail(std::make_exception_ptr(1));
+    EXPECT_THROW(tested.join(), int);
+}
+
+TEST(petri_bodies_test, of_equal_times_the_higher_priority_goes_first) {
+    net tested(1);
+    auto const in = tested.insert_place<int>("in", 3);
+    std::string fired;
+    for (int const priority : {-1, 2, 0})
+        tested.insert_transition("fire", from(in),
+                                 [&fired, priority](int) { fired += std::to_string(priority); },
+                                 {.priority = priority});
+    for (int const token : {1, 2, 3})
+        in.send(token);
+    run(tested);
+    EXPECT_EQ(fired, "20-1");
+}
+
+// The place is filled and emptied by a client, by a firing, and before the transition is there.
+TEST(petri_bodies_test, a_transition_fires_only_while_the_place_of_unless_is_empty) {
+    net tested(2);
+    auto const in = tested.insert_place<int>("in", 8);
+    auto const alarms = tested.insert_place<int>("alarms", 2);
+    auto const raise = tested.insert_place<int>("raise", 2);
+    auto const out = tested.insert_place<int>("out", 8);
+    alarms.send(1);
+    in.send(1);
+    tested.insert_transition("pass", from(in, unless(alarms)), to(out),
+                             [](int token) { return token; });
+    tested.insert_transition("raise", from(raise), to(alarms), [](int alarm) { return alarm; });
+    run(tested);
+    EXPECT_EQ(out.size(), 0u);
+    EXPECT_EQ(tested.explain().text(),
+              "place in: 1 token of 8\n"
+              "place alarms: 1 token of 2\n"
+              "place raise: 0 tokens of 2\n"
+              "place out: 0 tokens of 8\n"
+              "transition pass: lacks an empty alarms\n"
+              "transition raise: lacks 1 token of raise\n");
+    tested.start();
+    EXPECT_EQ(alarms.receive(), 1);
+    EXPECT_EQ(out.receive(), 1);
+    raise.send(2);
+    raise.send(3);
+    until([&] { return alarms.size() == 2; });
+    in.send(2);
+    EXPECT_EQ(alarms.receive(), 2);
+    EXPECT_FALSE(out.try_receive().has_value());
+    EXPECT_EQ(alarms.receive(), 3);
+    EXPECT_EQ(out.receive(), 2);
+    tested.join();
+}
+
+TEST(petri_bodies_test, a_net_tells_what_its_transitions_lack) {
+    net tested(1);
+    auto const jobs = tested.insert_place<int>("jobs \"of\" all", 3);
+    auto const desks = tested.insert_place<int>("desks", 2);
+    auto const done = tested.insert_place<int>("done", 1);
+    tested.insert_transition("work", from(jobs, desks.times(2)), to(done),
+                             [](int job, std::vector<int>) { return job; });
+    auto const idle = tested.insert_transition("clean", from(desks), [](int) {});
+    idle.deactivate();
+    auto const last = tested.insert_transition("last", from(done), [](std::optional<int>) {});
+    jobs.send(1);
+    desks.send(2);
+    last.deactivate();
+    done.send(3);
+    run(tested);
+    EXPECT_EQ(tested.explain().text(),
+              "place jobs \"of\" all: 1 token of 3\n"
+              "place desks: 1 token of 2\n"
+              "place done: 1 token of 1\n"
+              "transition work: lacks 1 token of desks and 1 slot of done\n"
+              "transition clean: not active, lacks nothing\n"
+              "transition last: not active, lacks nothing\n");
+    ovel::explanation const told = tested.explain();
+    ASSERT_EQ(told.transitions.size(), 3u);
+    EXPECT_EQ(told.transitions[0].arcs[1].available, 1u);
+    EXPECT_EQ(told.dot(),
+              "digraph net {\n"
+              "    p0 [shape=ellipse, label=\"jobs \\\"of\\\" all 1/3\"];\n"
+              "    p1 [shape=ellipse, label=\"desks 1/2\"];\n"
+              "    p2 [shape=ellipse, label=\"done 1/1\"];\n"
+              "    t0 [shape=box, label=\"work\"];\n"
+              "    p0 -> t0 [arrowhead=normal, label=\"\"];\n"
+              "    p1 -> t0 [arrowhead=normal, label=\"2\", color=red];\n"
+              "    t0 -> p2 [arrowhead=normal, label=\"\", color=red];\n"
+              "    t1 [shape=box, label=\"clean\", style=dashed];\n"
+              "    p1 -> t1 [arrowhead=normal, label=\"\"];\n"
+              "    t2 [shape=box, label=\"last\", style=dashed];\n"
+              "    p2 -> t2 [arrowhead=normal, label=\"\"];\n"
+              "}\n");
+    static_cast<void>(jobs.try_receive());
+    done.close();
+    static_cast<void>(done.try_receive());
+    EXPECT_EQ(tested.explain().text(),
+              "place jobs \"of\" all: 0 tokens of 3\n"
+              "place desks: 1 token of 2\n"
+              "place done: 0 tokens of 1, ended\n"
+              "transition work: ended\n"
+              "transition clean: not active, lacks nothing\n"
+              "transition last: ended\n");
+}
+
+TEST(petri_bodies_test, a_net_that_runs_can_be_moved) {
+    auto const made = [] {
+        net built(1);
+        auto const in = built.insert_place<int>("in", 1);
+        auto const out = built.insert_place<int>("out", 1);
+        built.insert_transition("pass", from(in), to(out), [](int token) { return token; });
+        built.start();
+        return std::tuple(std::move(built), in, out);
+    };
+    auto [first, in, out] = made();
+    auto [second, other_in, other_out] = made();
+    in.send(1);
+    net kept(std::move(first));
+    EXPECT_EQ(out.receive(), 1);
+    second = std::move(kept);  // stops the second
+    in.send(2);
+    EXPECT_EQ(out.receive(), 2);
+    second.join();
+}
+
+}  // namespace
