@@ -1,0 +1,247 @@
+// SPDX-License-Identifier: Apache-2.0
+// Typed nets and the threads outside: the end of a place comes behind all its tokens, a wait
+// ends at its limit or when the net lets its callers go, and what was not sent is kept.
+
+#include "accounts.h"
+#include "inspector.h"
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
+#include "ovel_petri.h"
+#include "simulation/simulation.h"
+
+#include <chrono>
+#include <memory>
+#include <new>
+#include <optional>
+#include <utility>
+
+namespace ovel::simulation {
+
+namespace {
+
+using detail::inspector;
+
+constexpr unsigned int stack_size = 65536;
+
+// A sender that closes the first of two places in a row, a body that is told of the end, and
+// two receivers of the last place, which closes by itself. In the second variant another
+// thread closes the middle place, at any time.
+void ends(unsigned int variant) {
+    accounts const books(0);
+    bool const cut = variant == 1;
+    constexpr unsigned int tokens = 3;
+    net tested(1 + pick(2), 0.0, stack_size);
+    auto const in = tested.insert_place<unsigned int>("in", 1 + pick(2));
+    auto const middle = tested.insert_place<unsigned int>("middle", 1 + pick(2), closes);
+    auto const out = tested.insert_place<unsigned int>("out", 1 + pick(2), closes);
+    for (unsigned int each = 1 + pick(2); each != 0; --each)
+        tested.insert_transition("pass", from(in), to(middle),
+                                 [](unsigned int token) { return token; });
+    detail::atomic<unsigned int> passed{0}, received{0}, sent{0};
+    detail::atomic<bool> flushed = false;
+    tested.insert_transition("last", from(middle), to(out), [&](std::optional<unsigned int> token) {
+        if (token)
+            ++passed;
+        return token.value_or(tokens);
+    });
+    begin();
+    if (pick(2) == 0)
+        tested.start();
+    {
+        client sender([&] {
+            for (unsigned int token = 0; token != tokens; ++token)
+                if (in.send(token))
+                    ++sent;
+            in.close();
+        });
+        auto const receive = [&] {
+            while (std::optional<unsigned int> const token = out.next())
+                if (*token != tokens)
+                    ++received;
+                else
+                    assure(!flushed.exchange(true));
+            assure(out.ended());
+        };
+        client first(receive), second(receive);
+        client cutter([&] {
+            if (cut) {
+                middle.close();
+                in.close();
+            }
+        });
+        if (!inspector::is_running(tested.base()))
+            tested.start();
+        inspector::check_net(tested.base());
+    }
+    tested.join();
+    assure(flushed);
+    unsigned int left = 0;
+    while (in.try_receive().has_value())
+        ++left;
+    assure(received == passed && received + left == sent);
+    assure(cut || (sent == tokens && left == 0));
+    assure(middle.ended() && !middle.try_send(1));
+}
+
+// Threads wait with deadlines while others send, halt the net or let one token pass. None
+// gives up early, none stays, and what was not sent is still there.
+void limits(unsigned int variant) {
+    accounts const books(0, true);
+    if (pick(3) == 0)
+        end_waits_late(5);
+    using token = std::unique_ptr<int>;
+    auto tested = std::make_unique<net>(1, 0.0, stack_size);
+    auto const only = tested->insert_place<token>("only", 1);
+    auto const off = tested->insert_place<int>("off", 1);
+    tested->insert_transition("off", from(off), [](int) {});
+    detail::atomic<unsigned int> sent{0}, received{0};
+    begin();
+    tested->start();
+    {
+        auto const span = [] {
+            return 0.001 * pick(4);
+        };
+        auto const send = [&] {
+            for (unsigned int each = 0; each != 2; ++each) {
+                auto mine = std::make_unique<int>(1);
+                time const point = time::then(span());
+                bool const done = only.send_until(std::move(mine), point);
+                assure(done == (mine == nullptr));
+                assure(done || variant == 1 || point <= time::now());
+                if (done)
+                    ++sent;
+            }
+        };
+        client one(send), two(send);
+        client receiver([&] {
+            time const point = time::then(span());
+            if (only.receive_until(point).has_value())
+                ++received;
+            else
+                assure(variant == 1 || point <= time::now());
+        });
+        client halting([&] {
+            if (variant == 1)
+                tested->halt();
+        });
+        // Without a limit: let go by the halt, or by its own token.
+        if (variant == 1) {
+            client waiting([&] {
+                if (only.next().has_value())
+                    ++received;
+            });
+        }
+    }
+    tested->join();
+    if (only.try_receive().has_value())
+        ++received;
+    assure(sent == received);
+    tested.reset();
+}
+
+// Threads that wait without a limit, or with a late one, are let go, one way or another. One
+// is asked to stop before, in the way of a std::stop_token. In the last variant no thread is
+// preempted, so that the clock tells whether the late limit was waited for.
+void let_go(unsigned int variant) {
+    bool const exact = variant == 3;
+    accounts const books(0, true);
+    auto tested = std::make_unique<net>(1, 0.0, stack_size);
+    auto const empty = tested->insert_place<int>("empty", 1);
+    auto const full = tested->insert_place<int>("full", 1);
+    auto const idle = tested->insert_place<int>("idle", 1);
+    tested->insert_transition("idle", from(idle), [](int) {});
+    full.send(0);
+    if (!exact)
+        begin();
+    bool const running = pick(2) == 0;
+    if (running)
+        tested->start();
+    {
+        detail::atomic<bool> interrupted = false;
+        detail::net_core& core = inspector::core(*tested);
+        client receiver([&] { assure(!empty.next().has_value()); });
+        client sender([&] { assure(!full.send(1)); });
+        std::optional<client> patient;
+        if (exact)
+            patient.emplace([&] {
+                assure(!empty.receive_until(time::then(3600.0)).has_value());
+                assure(nanoseconds() < 3'000'000'000'000);
+            });
+        client asked([&] { inspector::await_stop(core, empty, interrupted); });
+        client asking([&] {
+            interrupted = true;
+            inspector::wake(core);
+        });
+        asked.join();
+        asking.join();
+        // The net's end may come only once no thread will begin to use it, and nobody is kept
+        // out by the halt of a net that does not run.
+        if (exact)
+            while (inspector::blocked(core) != 3)
+                Sleep(1);
+        else if (variant == 2 || (variant == 0 && !running))
+            settle();
+        if (variant == 0 || exact) {
+            tested->halt();
+        } else if (variant == 1) {
+            empty.close();
+            full.close();
+        } else {
+            tested.reset();
+        }
+    }
+    if (running && tested != nullptr)
+        tested->join();
+}
+
+// Memory is refused while a place ends whose transition is told of it.
+void ends_without_memory(unsigned int) {
+    accounts const books(0);
+    expect_failure("(\"unexpected exception\", 0)");
+    net tested(1, 0.0, stack_size);
+    auto const in = tested.insert_place<int>("in", 2);
+    auto const out = tested.insert_place<int>("out", 12, closes);
+    for (int each = 0; each != 10; ++each)
+        tested.insert_transition("tell", from(in), to(out), [](std::optional<int> token) {
+            return token ? std::optional<int>() : std::optional(1);
+        });
+    begin();
+    bool const running = pick(2) == 0;
+    if (running)
+        tested.start();
+    refuse_memory(1 + pick(6), 1 + pick(4));
+    int sent = 0;
+    for (int token = 0; token != 2; ++token)
+        try {
+            sent += in.try_send(token);
+        } catch (std::bad_alloc const&) {
+            assure(refused() != 0);
+        }
+    in.close();
+    refuse_memory(0, 0);
+    if (!running)
+        tested.start();
+    int told = 0;
+    try {
+        while (out.next().has_value())
+            ++told;
+        assure(told == 10 && out.ended());
+    } catch (std::bad_alloc const&) {
+        assure(refused() != 0);  // a body had none for its token, and the net failed
+    }
+    try {
+        tested.join();
+    } catch (std::bad_alloc const&) {
+        assure(refused() != 0);
+    }
+}
+
+registration const table[] = {
+    registration({.name = "net_ends_behind_its_tokens", .run = ends, .variants = 2}),
+    registration({.name = "net_waits_end_at_their_limits", .run = limits, .variants = 2}),
+    registration({.name = "net_lets_blocked_threads_go", .run = let_go, .variants = 4}),
+    registration({.name = "net_ends_although_memory_is_refused", .run = ends_without_memory})};
+
+}  // namespace
+
+}  // namespace ovel::simulation
