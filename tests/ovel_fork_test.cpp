@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -66,10 +67,35 @@ void use_everything() {
     std::exit(0);
 }
 
+// AddressSanitizer of clang 14 and gcc 12 does not take the locks of its own allocator when a
+// process forks: a child hangs if another thread was inside that allocator, whatever libraries
+// the program uses. There, the users stand between two uses while their process forks. The
+// child still inherits their blocks, allocators and pooled threads, but no lock that they hold.
+#if defined(FORKS_BETWEEN_USES)
+constexpr bool forks_between_uses = true;
+#else
+constexpr bool forks_between_uses = false;
+#endif
+std::atomic<bool> forking = false;
+std::atomic<int> users_inside = 0;
+
+void use_between_forks(int kind) {
+    while (!traffic::over) {
+        ++users_inside;
+        if (!forks_between_uses || !forking)
+            traffic::use(kind);
+        --users_inside;
+        until([] { return !forking; });
+    }
+}
+
 // Each kind of thread forks, beside threads that use all of the library.
 TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
     auto const work = [] {
+        forking = forks_between_uses;
+        until([] { return !forking || users_inside == 0; });
         EXPECT_EQ(status_of_fork(use_everything), 0);
+        forking = false;
     };
     auto const on_pooled_thread = [&] {
         ovel::work job(work);
@@ -92,7 +118,7 @@ TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
         net.join();
     };
     traffic::over = false;
-    auto const users = crew(traffic::kinds, traffic::use_until_over);
+    auto const users = crew(traffic::kinds, use_between_forks);
     traffic::fill_pool(30);
     for (int forked = 0; forked != 20; ++forked) {
         work();
