@@ -148,6 +148,24 @@ void random_order(benchmark::State& state) {
         Counter(count, Counter::kIsIterationInvariantRate | Counter::kInvert);
 }
 
+// Where two threads exchange their blocks.
+class exchange_boxes {
+public:
+    // Gives the other thread `mine` and returns what it has given.
+    void** exchange(int me, void** mine) {
+        while (_boxes[1 - me].offered.load(std::memory_order_acquire) != nullptr) {}
+        _boxes[1 - me].offered.store(mine, std::memory_order_release);
+        while ((mine = _boxes[me].offered.exchange(nullptr)) == nullptr) {}
+        return mine;
+    }
+
+private:
+    struct alignas(128) mailbox {
+        std::atomic<void**> offered = nullptr;
+    };
+    mailbox _boxes[2];
+};
+
 // Two threads have a thousand blocks each and replace them one by one. After `passes`
 // passes they exchange all of them. So one in `passes` blocks is freed by the thread that
 // did not allocate it. The figure is the blocks that both replace per second.
@@ -155,11 +173,8 @@ template <class Allocator>
 void steady_exchange(benchmark::State& state, int passes) {
     constexpr std::size_t count = 1000;
     int const rounds = 2000 / passes;
-    struct alignas(128) mailbox {
-        std::atomic<void**> offered = nullptr;
-    };
     for (auto _ : state) {
-        mailbox boxes[2];
+        exchange_boxes boxes;
         std::vector<void*> const places[2] = {std::vector<void*>(count), std::vector<void*>(count)};
         auto const work = [&](int me) {
             [[maybe_unused]] typename Allocator::owner const own;
@@ -173,9 +188,7 @@ void steady_exchange(benchmark::State& state, int passes) {
                         mine[place] = make<Allocator>(small);
                     }
                 }
-                while (boxes[1 - me].offered.load(std::memory_order_acquire) != nullptr) {}
-                boxes[1 - me].offered.store(mine, std::memory_order_release);
-                while ((mine = boxes[me].offered.exchange(nullptr)) == nullptr) {}
+                mine = boxes.exchange(me, mine);
             }
             for (std::size_t place = 0; place != count; ++place)
                 use_up<Allocator>(mine[place]);
@@ -184,6 +197,51 @@ void steady_exchange(benchmark::State& state, int passes) {
     }
     state.SetItemsProcessed(state.iterations() * 2 * rounds * passes *
                             static_cast<std::int64_t>(count));
+}
+
+// Two threads have a thousand blocks each, of 8 to 1024 bytes. Each replaces a thousand at
+// random places, by blocks of random sizes; then they exchange all of them. The figure is
+// the blocks that both replace in a second.
+template <class Allocator>
+void random_exchange(benchmark::State& state) {
+    constexpr std::size_t count = 1000;
+    constexpr std::size_t plans = 64;
+    constexpr int rounds = 2000;
+    struct step {
+        unsigned short place;
+        unsigned short size;
+    };
+    std::mt19937 random(1);
+    std::uniform_int_distribution<int> place(0, count - 1);
+    std::uniform_int_distribution<int> size(8, 1024);
+    std::vector<step> steps(count * plans);
+    for (step& each : steps)
+        each = {static_cast<unsigned short>(place(random)),
+                static_cast<unsigned short>(size(random))};
+    for (auto _ : state) {
+        exchange_boxes boxes;
+        std::vector<void*> const places[2] = {std::vector<void*>(count), std::vector<void*>(count)};
+        auto const work = [&](int me) {
+            [[maybe_unused]] typename Allocator::owner const own;
+            auto mine = const_cast<void**>(places[me].data());
+            for (std::size_t i = 0; i != count; ++i)
+                mine[i] = make<Allocator>(steps[i].size);
+            for (int round = 0; round != rounds; ++round) {
+                // The two take different plans.
+                std::size_t const plan = static_cast<std::size_t>(round * 2 + me) % plans;
+                step const* const first = &steps[plan * count];
+                for (step const* each = first; each != first + count; ++each) {
+                    use_up<Allocator>(mine[each->place]);
+                    mine[each->place] = make<Allocator>(each->size);
+                }
+                mine = boxes.exchange(me, mine);
+            }
+            for (std::size_t i = 0; i != count; ++i)
+                use_up<Allocator>(mine[i]);
+        };
+        state.SetIterationTime(ovel_benchmark::run_together(2, placement::pinned, work));
+    }
+    state.SetItemsProcessed(state.iterations() * 2 * rounds * static_cast<std::int64_t>(count));
 }
 
 // Passes a million objects from one thread to another through a ring. Returns the
@@ -311,6 +369,7 @@ void register_contestant(std::string const& name) {
                      [](benchmark::State& state) { steady_exchange<Allocator>(state, 1); });
     timed_contestant("steady_tenth_exchanged", name,
                      [](benchmark::State& state) { steady_exchange<Allocator>(state, 10); });
+    timed_contestant("random_exchanged", name, random_exchange<Allocator>);
     timed_contestant("cross_thread", name, cross_thread<Allocator>);
 }
 
