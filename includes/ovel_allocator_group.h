@@ -129,7 +129,7 @@ private:
     void _serve(allocator* current);
     allocator* _lend();
     allocator* _switchable();
-    allocator* _take();
+    allocator* _take() noexcept;
     allocator* _take_released();
     void _give_back(allocator* taken);
     void _push_released(allocator* released);

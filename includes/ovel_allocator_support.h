@@ -12,6 +12,8 @@ namespace ovel {
 
 namespace detail {
 
+struct plain_functions;
+
 // The bytes to ask `allocator_support` for, so that the memory of `bytes` bytes is aligned
 // to `alignment`, a power of two up to that of large blocks: those that make the block with
 // its header a multiple of it.
@@ -75,10 +77,13 @@ public:
     static std::size_t allocated_capacity();
 
 private:
-    // What the public ones leave to these when there is more to do.
+    friend struct detail::plain_functions;
+
+    // The slow paths of the public members. Only `_allocate_nothrow` decides where memory
+    // comes from; `_allocate` throws where that returns null.
     static void* _allocate(std::size_t bytes);
-    static void* _allocate_nothrow(std::size_t bytes);
-    static void* _allocate_large(std::size_t bytes, bool zeroed);
+    static void* _allocate_nothrow(std::size_t bytes) noexcept;
+    static void* _allocate_large(std::size_t bytes, bool zeroed) noexcept;
     static void* _place_large(char* region);
     static void* _resize_large(void* memory, std::size_t bytes);
     static void _deallocate(void* memory);

@@ -105,16 +105,16 @@ allocator::allocator(bool global)
 allocator::allocator()
     : allocator(allocator_group::global()->global_allocator(), semaphore::_create()) {}
 
-allocator* allocator::build_to_lend() {
+allocator* allocator::build_to_lend() noexcept {
     HANDLE const lock = semaphore::_create();
     if (lock == nullptr)
-        throw std::bad_alloc();
-    try {
-        return new allocator(_global_allocator, lock);
-    } catch (...) {
+        return nullptr;
+    void* const memory = malloc(sizeof(allocator));
+    if (memory == nullptr) {
         assure(CloseHandle(lock) != 0);
-        throw;
+        return nullptr;
     }
+    return ::new (memory) allocator(_global_allocator, lock);
 }
 
 void* allocator::operator new(std::size_t size) {
@@ -136,7 +136,7 @@ semaphore& allocator::_registry_lock() {
 // The rings, by the owner, or by a handing thread under `_lock` while the
 // allocator is deactivated.
 
-detail::block* allocator::allocate(std::size_t k) {
+detail::block* allocator::allocate(std::size_t k) noexcept {
     if (_read(_pending_size) >= detail::batch)
         _collect();
     detail::block* const ready = _take_ready(k);
@@ -145,7 +145,7 @@ detail::block* allocator::allocate(std::size_t k) {
 
 // Serves class `k` when no chunk of it has a free block: from an empty chunk of
 // its own, else of the global allocator, else of the runtime heap.
-detail::block* allocator::_allocate_from_new(std::size_t k) {
+detail::block* allocator::_allocate_from_new(std::size_t k) noexcept {
     std::size_t const block_size = detail::block_sizes[k];
     detail::chunk* home;
     if (_empty.has_chunk()) {
@@ -162,7 +162,7 @@ detail::block* allocator::_allocate_from_new(std::size_t k) {
         if (home == nullptr) {
             void* const region = malloc_region(offsetof(detail::chunk, _free));
             if (region == nullptr)
-                throw std::bad_alloc();
+                return nullptr;
             home = new (region) detail::chunk;
             home->format(this, chunk_length, block_size, detail::alignment_of(block_size));
         }

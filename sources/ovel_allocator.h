@@ -175,16 +175,16 @@ public:
     allocator(allocator const&) = delete;
     allocator& operator=(allocator const&) = delete;
 
-    // A thread's, but memory that its lock cannot have throws std::bad_alloc as well:
-    // what is lent, unasked for, must not end the process. The group is there.
-    static allocator* build_to_lend();
+    // A thread's; null when memory is exhausted, for its lock as well: a thread that has not
+    // asked for an allocator must not end the process. The group exists.
+    static allocator* build_to_lend() noexcept;
 
     // The runtime heap; allocation throws std::bad_alloc.
     static void* operator new(std::size_t size);
     static void operator delete(void* memory);
 
-    // A block of class `k`, whatever it takes. Owner only. Throws std::bad_alloc.
-    detail::block* allocate(std::size_t k);
+    // A block of class `k`; null when memory is exhausted. Owner only.
+    detail::block* allocate(std::size_t k) noexcept;
 
     // The same if there is a block ready and nothing else to do, else null. No lock,
     // no call.
@@ -246,7 +246,7 @@ private:
     void _take_block(detail::block& taken, detail::chunk& home);
     detail::block* _take_waiting(std::size_t k);
     detail::block* _take_ready(std::size_t k);
-    detail::block* _allocate_from_new(std::size_t k);
+    detail::block* _allocate_from_new(std::size_t k) noexcept;
     static void _assure_in_use(detail::block const& freed, detail::block const* last);
     void _put_back(detail::block& freed, detail::chunk& home);
     void _give_surplus();
@@ -316,13 +316,13 @@ inline allocator* current_allocator() {
 // An allocator for one operation of a thread that none can be lent to.
 class borrowed_allocator {
 public:
-    // Throws std::bad_alloc.
-    borrowed_allocator();
+    borrowed_allocator() noexcept;
     ~borrowed_allocator();
     borrowed_allocator(borrowed_allocator const&) = delete;
     borrowed_allocator& operator=(borrowed_allocator const&) = delete;
 
-    allocator* operator->() const {
+    // Null when memory is exhausted.
+    allocator* get() const {
         return _borrowed;
     }
 

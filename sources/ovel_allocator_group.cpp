@@ -211,9 +211,9 @@ void allocator_group::_push_released(allocator* released) {
     allocator::_released_allocators = released;
 }
 
-// An allocator to lend: the default one if it is to be had. The exchange acquires what the
-// store in `_give_back` releases.
-allocator* allocator_group::_take() {
+// An allocator to lend: the default one if no thread has it. The exchange acquires what the
+// store in `_give_back` releases. Null when memory is exhausted.
+allocator* allocator_group::_take() noexcept {
     if (!allocator::_default_is_lent.exchange(true, std::memory_order_acquire)) {
         _default->activate();
         return _default;
@@ -234,12 +234,9 @@ void allocator_group::_give_back(allocator* taken) {
 allocator* allocator_group::_lend() {
     if (slots.ended.get() != nullptr)
         return nullptr;
-    allocator* lent;
-    try {
-        lent = _take();
-    } catch (std::bad_alloc const&) {
+    allocator* const lent = _take();
+    if (lent == nullptr)
         return nullptr;
-    }
     if (slots.current.try_set(lent)) {
         if (FlsSetValue(slots.lent, lent) != 0) {
             set_quick_pointer(lent);
@@ -260,10 +257,12 @@ void OVEL_THREAD_ENTRY detail::give_back_at_end(void* lent) {
     group._give_back(static_cast<allocator*>(lent));
 }
 
-detail::borrowed_allocator::borrowed_allocator() : _borrowed(allocator_group::global()->_take()) {}
+detail::borrowed_allocator::borrowed_allocator() noexcept
+    : _borrowed(allocator_group::global()->_take()) {}
 
 detail::borrowed_allocator::~borrowed_allocator() {
-    allocator_group::global()->_give_back(_borrowed);
+    if (_borrowed != nullptr)
+        allocator_group::global()->_give_back(_borrowed);
 }
 
 }  // namespace ovel

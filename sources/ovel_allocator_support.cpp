@@ -111,6 +111,14 @@ std::size_t class_for(std::size_t bytes) {
     return true;
 }
 
+// A block of class `k` for a thread that has none ready. Null when memory is exhausted.
+detail::block* allocate_small(std::size_t k) noexcept {
+    if (allocator* const current = detail::current_allocator())
+        return current->allocate(k);
+    detail::borrowed_allocator const borrowed;
+    return borrowed.get() != nullptr ? borrowed.get()->allocate(k) : nullptr;
+}
+
 }  // namespace
 
 constinit detail::atomic<std::size_t> allocator_support::_large_size{0};
@@ -126,15 +134,17 @@ void* allocator_support::allocate_nothrow(std::size_t bytes) {
 }
 
 void* allocator_support::_allocate(std::size_t bytes) {
-    if (bytes > std::numeric_limits<std::size_t>::max() - overhead)
+    void* const memory = _allocate_nothrow(bytes);
+    if (memory == nullptr)
         throw std::bad_alloc();
-    if (bytes <= largest_request) {
-        allocator* const current = detail::current_allocator();
-        std::size_t const k = class_for(bytes);
-        return memory_of(current != nullptr ? current->allocate(k)
-                                            : detail::borrowed_allocator()->allocate(k));
-    }
-    return _allocate_large(bytes, false);
+    return memory;
+}
+
+void* allocator_support::_allocate_nothrow(std::size_t bytes) noexcept {
+    if (bytes > largest_request)
+        return _allocate_large(bytes, false);
+    detail::block* const taken = allocate_small(class_for(bytes));
+    return taken != nullptr ? memory_of(taken) : nullptr;
 }
 
 void* allocator_support::allocate_zeroed_nothrow(std::size_t bytes) {
@@ -144,29 +154,16 @@ void* allocator_support::allocate_zeroed_nothrow(std::size_t bytes) {
             std::memset(memory, 0, bytes);
         return memory;
     }
+    return _allocate_large(bytes, true);
+}
+
+void* allocator_support::_allocate_large(std::size_t bytes, bool zeroed) noexcept {
     if (bytes > std::numeric_limits<std::size_t>::max() - overhead)
         return nullptr;
-    try {
-        return _allocate_large(bytes, true);
-    } catch (std::bad_alloc&) {
-        return nullptr;
-    }
-}
-
-void* allocator_support::_allocate_nothrow(std::size_t bytes) {
-    try {
-        return _allocate(bytes);
-    } catch (std::bad_alloc&) {
-        return nullptr;
-    }
-}
-
-// For a large request, whose size with the surroundings does not overflow.
-void* allocator_support::_allocate_large(std::size_t bytes, bool zeroed) {
     std::size_t const length = region_length_for(bytes);
     auto const region = static_cast<char*>(zeroed ? calloc(1, length) : malloc(length));
     if (region == nullptr)
-        throw std::bad_alloc();
+        return nullptr;
     _large_size.fetch_add(_msize(region), std::memory_order_relaxed);
     return _place_large(region);
 }
@@ -264,11 +261,21 @@ std::size_t allocator_support::allocated_capacity() {
     return large + allocator_group::global()->global_allocator()->allocated_capacity();
 }
 
+// The slow paths, for the plain functions.
+struct detail::plain_functions {
+    static void* allocate(std::size_t bytes) noexcept {
+        return allocator_support::_allocate_nothrow(bytes);
+    }
+    static void deallocate(void* memory) {
+        allocator_support::_deallocate(memory);
+    }
+};
+
 }  // namespace ovel
 
 void* ovel_malloc(size_t bytes) {
     void* const ready = ovel::allocate_ready(bytes);
-    return ready != nullptr ? ready : ovel::allocator_support::allocate_nothrow(bytes);
+    return ready != nullptr ? ready : ovel::detail::plain_functions::allocate(bytes);
 }
 
 void* ovel_calloc(size_t count, size_t size) {
@@ -290,5 +297,5 @@ void* ovel_realloc(void* memory, size_t bytes) {
 
 void ovel_free(void* memory) {
     if (!ovel::deallocate_at_once(memory))
-        ovel::allocator_support::deallocate(memory);
+        ovel::detail::plain_functions::deallocate(memory);
 }
