@@ -43,6 +43,7 @@ constinit allocator* allocator::_released_allocators = nullptr;
 
 void detail::chunk::format(allocator* owner, std::size_t length, std::size_t block_size,
                            std::size_t block_alignment) {
+    _class = detail::class_of(block_size);
     _constant_size = block_size;
     _allocator = owner;
     _free = nullptr;
@@ -85,7 +86,8 @@ allocator::allocator(allocator* parent, HANDLE lock)
       _pending(nullptr),
       _pending_size(0),
       _remote{},
-      _surplus_below(0) {
+      _surplus_below(0),
+      _waiting{} {
     for (std::size_t k = 0; k != detail::classes; ++k) {
         std::size_t const size = detail::block_sizes[k];
         _full[k].format(this, 0, size, detail::alignment_of(size));
@@ -139,7 +141,12 @@ semaphore& allocator::_registry_lock() {
 detail::block* allocator::allocate(std::size_t k) noexcept {
     if (_read(_pending_size) >= detail::batch)
         _collect();
-    detail::block* const ready = _take_ready(k);
+    detail::block* ready = _take_ready(k);
+    if (ready == nullptr && _partial[k].has_chunk()) {
+        // The class was last served by blocks that waited, and none of them is left.
+        _serving[k] = _partial[k]._next;
+        ready = _take_ready(k);
+    }
     return ready != nullptr ? ready : _allocate_from_new(k);
 }
 
@@ -284,10 +291,29 @@ void allocator::deallocate_remote(detail::block& freed, allocator& owner) {
         entry->owner = &owner;
         entry->tail = &freed;
     }
-    _file(freed, *entry);
+    if (entry == _remote)
+        _file_by_class(freed);
+    else
+        _file(freed, *entry);
+}
+
+// Makes one chain of the blocks of the first entry.
+void allocator::_join_classes() {
+    detail::remote& entry = _remote[0];
+    for (detail::waiting& chain : _waiting) {
+        if (chain.head == nullptr)
+            continue;
+        if (entry.head == nullptr)
+            entry.tail = chain.tail;
+        chain.tail->_next = entry.head;
+        entry.head = chain.head;
+        chain.head = nullptr;
+    }
 }
 
 void allocator::_hand_over(detail::remote& entry) {
+    if (&entry == _remote)
+        _join_classes();
     entry.owner->_receive(entry.head, entry.tail, entry.size);
     entry = {};
 }
@@ -302,6 +328,7 @@ void allocator::_flush_remote() {
 // Empties the entries of a deactivated allocator onto the front of `kept`. Under
 // `_lock`.
 void allocator::_detach_remote(detail::block*& kept) {
+    _join_classes();
     for (detail::remote& entry : _remote) {
         if (entry.owner == nullptr)
             continue;

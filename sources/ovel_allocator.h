@@ -80,11 +80,12 @@ constexpr std::size_t class_of(std::size_t size) {
 //
 // Rings are circular: the sentinel of an empty one is its own neighbour.
 //
-// A thread that holds a block of the chunk, or hands one over, reads the two words
-// before `_free`, and no others. They stay as they are while a block is in use; where
-// the platform can, it has them in a line that the owner does not write.
+// Threads that hold a block of the chunk, or hand one over, read only the three words
+// before `_free`. These do not change while a block is in use. Where the platform can, it
+// places them in a cache line that the owner does not write.
 struct chunk {
-    [[maybe_unused]] char _before[sizeof(cacheline) - sizeof(std::size_t)];
+    [[maybe_unused]] char _before[sizeof(cacheline) - 2 * sizeof(std::size_t)];
+    std::size_t _class;            // of `_block_size`
     std::size_t _constant_size;    // `_block_size` once more
     allocator* _allocator;         // whose ring it is in
     block* _free;                  // the first block not in use
@@ -130,6 +131,13 @@ struct remote {
     std::size_t size;  // bytes, headers included
 };
 
+// Those blocks of an entry that are of one class, linked likewise. `tail` has no meaning
+// while `head` is null.
+struct waiting {
+    block* head;
+    block* tail;
+};
+
 }  // namespace detail
 
 // A pool of small blocks, owned by one thread at a time. Three kinds of object:
@@ -145,24 +153,26 @@ struct remote {
 //     _partial[k]  some block free   one chunk of the ring may have no block in use
 //     _empty       no block in use   laid out for the class it last served
 //
-// Of `_partial[k]` the chunk that a block was freed into last, or a new one, serves the
-// class; once that one has left the ring, full or empty, the first of the ring does. It
-// is noted in `_serving[k]`, and stays in its place: blocks that are freed in any order go
-// to one chunk after the other, and a move each time costs more than the rest of the free.
+// `_serving[k]` is the chunk of `_partial[k]` that hands out the next block: the one that a
+// block was freed into last, or a new one. Once it has left the ring, full or empty, the
+// first chunk of the ring serves. After the free of another owner's block of the class it
+// is the ring's sentinel, which has no free block: such blocks then serve first. The
+// serving chunk keeps its place in the ring. Blocks freed in random order go to a different
+// chunk each time, and moving that chunk would cost more than the rest of the free.
 //
 // `_size` and `_capacity` are the sums of those of the chunks. The global
 // allocator has chunks in `_empty` only.
 //
 // Threads. The owner works on rings, chunks and counters with no lock and no
-// locked instruction. Blocks that other threads free wait in those threads'
-// `_remote` and arrive as chains in `_pending`; the owner puts them back later.
-// Until they are handed over, what waits to go home is used before more memory is
-// taken: such a block stays its owner's, and counts as in use there, throughout.
-// While the allocator is deactivated its owner stays away, and whoever hands a
-// chain over puts the blocks back at once, under `_lock`. The same goes for
-// `_remote`, which holds what the owner kept when it deactivated. The global
-// allocator is worked on by everybody, under its `_lock`, which also guards
-// `_allocators` and `_released_allocators`.
+// locked instruction. Blocks that other threads free wait in those threads' `_remote` and
+// arrive as chains in `_pending`; the owner puts them back later. Until a thread hands such
+// blocks over, it reuses them like its own: the last one freed of a class is handed out
+// first. A reused block still belongs to its owner, which counts it as in use throughout.
+//
+// While the allocator is deactivated, its owner does not use it. The thread that hands a
+// chain over puts the blocks back at once, under `_lock`. It may then also hand over what
+// the owner left in `_remote`. Any thread may use the global allocator, under its `_lock`,
+// which also guards `_allocators` and `_released_allocators`.
 //
 // Lock order: an allocator's `_lock`, then the global allocator's. The locks of
 // two allocators that are not the global one are never held together.
@@ -255,6 +265,8 @@ private:
     void _give_chunk();
 
     static void _file(detail::block& freed, detail::remote& entry);
+    void _file_by_class(detail::block& freed);
+    void _join_classes();
     void _hand_over(detail::remote& entry);
     void _flush_remote();
     void _detach_remote(detail::block*& kept);
@@ -295,8 +307,13 @@ private:
     // Without a meaning in the global allocator, which gives nothing.
     std::size_t _surplus_below;
 
-    // The sentinel, which never has a free block, where `_partial[k]` is empty.
+    // The sentinel, which never has a free block, while `_partial[k]` is empty or blocks of
+    // others are to serve.
     detail::chunk* _serving[detail::classes];
+
+    // The blocks of the first entry of `_remote`, whose own chain is made of these when it
+    // is handed over, and is empty before.
+    detail::waiting _waiting[detail::classes];
     [[maybe_unused]] cacheline _end;
 };
 
@@ -361,20 +378,24 @@ inline void allocator::_take_block(detail::block& taken, detail::chunk& home) {
     detail::add(_size, block_size);
 }
 
-// The block that was filed last in the first entry, if it is of class `k`, else null.
-// It stays its owner's, whose `_size` has counted it all along. The last one of an
-// entry stays: so none becomes empty by this, and its tail remains its tail.
+// The block of class `k` that was filed last in the first entry, or null. It still belongs
+// to its owner, whose `_size` counts it throughout. The last block of an entry is not
+// taken, so an entry with an owner is never empty.
 inline detail::block* allocator::_take_waiting(std::size_t k) {
     detail::remote& entry = _remote[0];
-    detail::block* const taken = entry.head;
-    if (taken == entry.tail || taken->_chunk->_constant_size != detail::block_sizes[k])
+    detail::block* const taken = _waiting[k].head;
+    if (taken == nullptr || entry.size == detail::block_sizes[k])
         return nullptr;
-    entry.head = taken->_next;
+    detail::block* const next = taken->_next;
+    _waiting[k].head = next;
     entry.size -= detail::block_sizes[k];
+    if (next == nullptr)
+        _serving[k] = _partial[k]._next;
     return taken;
 }
 
-// A block of class `k` if a chunk of it has one free, or another's waits, else null.
+// A block of class `k` from the serving chunk, otherwise a waiting one, otherwise null: then
+// other chunks of the ring may still have one.
 inline detail::block* allocator::_take_ready(std::size_t k) {
     detail::chunk& home = *_serving[k];
     detail::block* const taken = home._free;
@@ -417,7 +438,7 @@ inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
 
     // A class keeps its last chunk, used or not: a thread that frees a block and
     // asks for the next one formats nothing.
-    std::size_t const k = detail::class_of(block_size);
+    std::size_t const k = home._class;
     bool const spare = size == 0 && home._next != home._previous;
     if (spare) [[unlikely]] {
         home.move_to(_empty);
@@ -453,11 +474,24 @@ inline void allocator::_file(detail::block& freed, detail::remote& entry) {
     entry.size += freed._chunk->_constant_size;
 }
 
+// In the first entry.
+inline void allocator::_file_by_class(detail::block& freed) {
+    detail::chunk const& home = *freed._chunk;
+    detail::waiting& chain = _waiting[home._class];
+    _assure_in_use(freed, chain.head);
+    freed._next = chain.head;
+    if (chain.head == nullptr)
+        chain.tail = &freed;
+    chain.head = &freed;
+    _serving[home._class] = &_partial[home._class];
+    _remote[0].size += home._constant_size;
+}
+
 inline bool allocator::file_remote(detail::block& freed, allocator& owner) {
-    detail::remote& entry = _remote[0];
+    detail::remote const& entry = _remote[0];
     if (entry.owner != &owner || entry.size >= detail::batch) [[unlikely]]
         return false;
-    _file(freed, entry);
+    _file_by_class(freed);
     return true;
 }
 

@@ -10,7 +10,7 @@
 namespace ovel::detail {
 
 // The fields of an allocator that the invariants are about; `_full`, `_partial`,
-// `_serving` and `_remote` are arrays.
+// `_serving`, `_remote` and `_waiting` are arrays.
 struct allocator_fields {
     allocator* self;
     bool global;
@@ -20,6 +20,7 @@ struct allocator_fields {
     chunk* empty;
     remote const* remotes;
     std::size_t remotes_size;
+    detail::waiting const* waiting;
     block* pending;
     std::size_t size, capacity, minimum_capacity, pending_size;
 };
@@ -71,30 +72,52 @@ struct ring_sums {
 }
 
 // The serving chunk of a class is in its ring of partial chunks, or is the head of the ring if
-// that has no chunk.
+// that has no chunk or waiting blocks are to serve.
 [[gnu::no_sanitize_address]] inline bool serves(chunk const& ring, chunk const* serving) {
     if (serving == &ring)
-        return ring._next == &ring;
+        return true;
     chunk const* each = ring._next;
     while (each != &ring && each != serving)
         each = each->_next;
     return each == serving;
 }
 
-[[gnu::no_sanitize_address]] inline char const* broken_in_remote(remote const& entry,
-                                                                 std::size_t& waiting) {
-    std::size_t bytes = 0;
+// Adds the bytes of a chain from `head` on to `bytes`, which are at most those of `entry`.
+// The blocks are of the class `k`, or with `classes` of any.
+[[gnu::no_sanitize_address]] inline char const* broken_in_chain(remote const& entry,
+                                                                block const* head,
+                                                                block const* tail, std::size_t k,
+                                                                std::size_t& bytes) {
     block const* last = nullptr;
-    for (block const* one = entry.head; one != nullptr; one = one->_next) {
+    for (block const* one = head; one != nullptr; one = one->_next) {
         OVEL_INVARIANT(one->_chunk->_allocator == entry.owner);
+        OVEL_INVARIANT(one->_chunk->_block_size == one->_chunk->_constant_size);
+        OVEL_INVARIANT(k == classes || one->_chunk->_block_size == block_sizes[k]);
         bytes += one->_chunk->_block_size;
         OVEL_INVARIANT(bytes <= entry.size);
         last = one;
     }
+    OVEL_INVARIANT(head == nullptr || tail == last);
+    return nullptr;
+}
+
+// The blocks of the first entry wait by class, and its own chain is empty.
+[[gnu::no_sanitize_address]] inline char const* broken_in_remote(allocator_fields const& of,
+                                                                 remote const& entry,
+                                                                 std::size_t& on_way) {
+    std::size_t bytes = 0;
+    if (&entry == of.remotes) {
+        OVEL_INVARIANT(entry.head == nullptr);
+        for (std::size_t k = 0; k != classes; ++k)
+            if (auto const broken =
+                    broken_in_chain(entry, of.waiting[k].head, of.waiting[k].tail, k, bytes))
+                return broken;
+    } else if (auto const broken = broken_in_chain(entry, entry.head, entry.tail, classes, bytes)) {
+        return broken;
+    }
     OVEL_INVARIANT(entry.size == bytes);
-    OVEL_INVARIANT(entry.tail == last);
-    OVEL_INVARIANT((entry.owner == nullptr) == (last == nullptr));
-    waiting += bytes;
+    OVEL_INVARIANT((entry.owner == nullptr) == (bytes == 0));
+    on_way += bytes;
     return nullptr;
 }
 
@@ -125,7 +148,7 @@ struct ring_sums {
     }
     OVEL_INVARIANT(of.pending_size == on_way);
     for (std::size_t i = 0; i != of.remotes_size; ++i)
-        if (auto const broken = broken_in_remote(of.remotes[i], on_way))
+        if (auto const broken = broken_in_remote(of, of.remotes[i], on_way))
             return broken;
     if (of.global) {
         OVEL_INVARIANT(sums.size == 0);

@@ -30,6 +30,7 @@ struct ovel::detail::inspector {
                 &of._empty,
                 of._remote,
                 std::size(of._remote),
+                of._waiting,
                 of._pending,
                 of._size,
                 of._capacity,
@@ -198,7 +199,7 @@ TEST(remote_free_test, blocks_reach_an_activated_owner_in_batches_and_wait_for_i
     EXPECT_EQ(owner[inspector::pending_size], 0u);
 }
 
-TEST(remote_free_test, waiting_blocks_except_the_last_serve_before_new_memory) {
+TEST(remote_free_test, waiting_blocks_except_the_only_one_serve_like_own_ones) {
     actor owner, user;
     std::vector<void*> memory = owner.allocate(request_of(largest), 3);
     auto const& entry = user[inspector::remotes][0];
@@ -212,8 +213,21 @@ TEST(remote_free_test, waiting_blocks_except_the_last_serve_before_new_memory) {
     EXPECT_EQ(user[inspector::size], own);
     void* const fresh = user.allocate(request_of(largest));
     EXPECT_NE(fresh, memory[0]);
-    user.deallocate(fresh);
     EXPECT_EQ(entry.size, 4096u);
+
+    // The last block freed serves first, whoever owns it.
+    user.deallocate(fresh);
+    user.deallocate(memory[1]);
+    EXPECT_EQ(user.allocate(request_of(largest)), memory[1]);
+    std::size_t const held = user[inspector::capacity];
+    EXPECT_EQ(user.allocate(request_of(largest)), fresh);
+    user.deallocate(memory[1]);
+    user.deallocate(fresh);
+    EXPECT_EQ(user.allocate(request_of(largest)), fresh);
+    // The only one that waits does not, and a chunk that has free blocks does.
+    user.allocate(request_of(largest));
+    user.allocate(request_of(largest));
+    EXPECT_EQ(user[inspector::capacity], held);
 }
 
 TEST(remote_free_test, freeing_a_block_of_a_fifth_owner_hands_over_the_first_four_chains) {

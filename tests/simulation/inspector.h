@@ -271,6 +271,7 @@ private:
                 &each._empty,
                 each._remote,
                 std::size(each._remote),
+                each._waiting,
                 each._pending,
                 each._size,
                 each._capacity,

@@ -65,8 +65,8 @@ void give_back(std::vector<marked*> const& blocks) {
 }
 
 // Threads pass blocks to each other through a few places and free those that they find there.
-// In between they deactivate and activate their allocators. Or they replace the same blocks
-// repeatedly, so that a thread holds other owners' blocks when it has none left.
+// In between they deactivate and activate their allocators. Or they replace the same blocks, of
+// two classes, repeatedly, so that a thread holds other owners' blocks when it has none left.
 void exchanges(unsigned int variant) {
     accounts const books(variant % 2);
     bool const replaces = variant / 2 == 1;
@@ -79,7 +79,8 @@ void exchanges(unsigned int variant) {
             detail::atomic<marked*>& place = places[replaces ? round % 40 : pick(3)];
             if (replaces)
                 give_back(place.exchange(nullptr));
-            give_back(place.exchange(take_marked(replaces ? 4080 : sizes[pick(6)])));
+            std::size_t const size = replaces ? (pick(8) == 0 ? 1000 : 4080) : sizes[pick(6)];
+            give_back(place.exchange(take_marked(size)));
             unsigned int const what = pick(12);
             if (what < 2 || (replaces && what < 6)) {
                 group->flush_allocator(what % 2 == 0);
