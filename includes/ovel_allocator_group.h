@@ -12,7 +12,7 @@
 
 namespace ovel {
 
-// A thread's pool of small blocks. Programs only carry pointers to it about.
+// A thread's pool of small blocks. Programs only pass pointers to it.
 class allocator;
 
 namespace detail {
@@ -23,35 +23,33 @@ void OVEL_THREAD_ENTRY give_back_at_end(void* lent);
 
 }  // namespace detail
 
-// The allocators of the process. One of them serves each thread that uses the library's
-// memory, without a lock, and never serves two threads at a time.
+// The allocators of the process. Each thread that uses the library's memory is served by one
+// of them, without a lock. No allocator serves two threads at a time.
 //
-// No thread has to prepare for this. A thread that has not acquired an allocator, or has
-// released it, is lent one when it first allocates or frees, and gives it back when it ends:
-// on Linux after the destructors of its `thread_local` objects, on Windows perhaps before.
-// What it frees later is handed straight to its owner, and each later allocation borrows an
-// allocator, so both stay correct and only become slower. A thread that ends with an
-// allocator it has acquired, or with one that it made its own by `specific_allocator`, must
-// release it first: else the allocator, and all that is in it, belongs to nobody.
+// Threads need no preparation. A thread that has not acquired an allocator, or has released
+// it, is lent one when it first allocates or frees. It gives the allocator back when it ends:
+// on Linux after the destructors of its `thread_local` objects, on Windows possibly before.
+// A block that it frees later goes straight to its owner, and each later allocation borrows
+// an allocator: correct, but slower. A thread that has acquired an allocator, or set one by
+// `specific_allocator`, must release it before it ends. Otherwise the allocator and its
+// memory leak.
 //
-// `acquire_allocator` is of use to a thread that manages its allocator itself, as the
-// threads of the library do:
+// `acquire_allocator` is for threads that manage their allocator themselves, as the threads
+// of the library do:
 //
 //     allocator_group::global()->acquire_allocator();
 //     void* memory = allocator_support::allocate(100);
 //     ...
 //     allocator_group::global()->release_allocator();
 //
-// Blocks outlive all this: any thread may free what another allocated, also when that
-// thread has ended. Frees of other threads' blocks are batched; `flush_allocator` hands
-// them over at once.
+// Any thread may free what another allocated, even after that thread has ended. Frees of
+// other threads' blocks are batched; `flush_allocator` hands them over at once.
 //
-// Every member but the destructor may be called from any thread, and all but
-// `global_allocator` and `default_allocator` are about the calling one. Members wait for
-// internal locks, which are held briefly, or while the blocks are put back that were freed
-// of an allocator whose thread is away. What is called out of turn and not said to fail a
-// check goes undetected, and corrupts memory. A slot that the system refuses fails the
-// check "index != 0xffffffff" or "TlsSetValue(index, value) != 0".
+// Any thread may call every member but the destructor. All but `global_allocator` and
+// `default_allocator` act on the calling thread. Members wait for internal locks, which are
+// held briefly, or as long as it takes to put back blocks of a deactivated allocator. Calls
+// out of turn corrupt memory undetected, unless a check is documented. A slot that the
+// system refuses fails the check "index != 0xffffffff" or "TlsSetValue(index, value) != 0".
 class OVEL_EXPORT allocator_group {
 public:
     // The one group of the process, built on first use and never destroyed.
@@ -65,46 +63,46 @@ public:
     allocator_group(allocator_group const&) = delete;
     allocator_group& operator=(allocator_group const&) = delete;
 
-    // The calling thread's own allocator: the one that it acquired or set last. The
-    // default one if that is null; which allocator then serves the thread is not told.
+    // The calling thread's own allocator: the one that it acquired or set last. If that is
+    // null, the default allocator, whichever allocator really serves the thread.
     allocator* specific_allocator() const;
 
-    // Makes `own` the calling thread's allocator, and gives back what the thread was lent.
-    // Null, or the default allocator: it has none of its own any more. The caller sees to it
-    // that no two threads use `own` at a time.
+    // Makes `own` the calling thread's allocator, and gives a lent one back. With null or the
+    // default allocator the thread has none of its own any more. The caller ensures that no
+    // two threads use `own` at a time.
     void specific_allocator(allocator* own);
 
-    // The allocator that keeps empty chunks for all others and serves nobody.
+    // The allocator that keeps empty chunks for all others. It serves no thread.
     allocator* global_allocator() const;
 
-    // The allocator that is lent before any other: to the thread that first uses the
-    // library's memory, usually the process's first. When that thread ends, or gets an
-    // allocator of its own, the next thread that is lent one takes it over.
+    // The allocator that is lent first: to the thread that first uses the library's memory,
+    // usually the process's first thread. After that thread has ended, or has acquired an
+    // allocator of its own, the next thread that needs an allocator is lent it.
     allocator* default_allocator() const;
 
-    // Gives the calling thread an allocator of its own: the one that it was lent, unless
-    // that is the default one; else the one released last; else a new one. It must not have
-    // its own yet, for it would lose that one. Throws std::bad_alloc, having changed nothing.
+    // Gives the calling thread an allocator of its own: the one that it was lent, unless that
+    // is the default one; otherwise the one released last; otherwise a new one. A thread that
+    // already has its own would leak it. Throws std::bad_alloc, having changed nothing.
     void acquire_allocator();
 
-    // Gives back the allocator that the calling thread acquired, or else the one that it was
-    // lent. Fails the check "_activated" if the thread has neither, or has released the
-    // former already, or has deactivated it. `specific_allocator` goes on naming an allocator
-    // that was acquired until another is set; it may be another thread's by then.
+    // Gives back the allocator that the calling thread acquired, or otherwise the one that it
+    // was lent. Fails the check "_activated" if the thread has neither, or has already
+    // released or deactivated it. `specific_allocator` keeps returning a released allocator
+    // until another is set, although it may serve another thread by then.
     void release_allocator();
 
-    // Switch the allocator that serves the calling thread off while the thread waits for
-    // long, and on again before it allocates or frees. Meanwhile, threads that free blocks
-    // of this allocator put them back themselves. With `keep` the blocks of others that
-    // the thread has freed stay batched; otherwise they are handed over. Out of turn: the
-    // checks "!_activated" and "_activated". A thread that no allocator serves yet is lent
-    // one, and std::bad_alloc is thrown if there is no memory for it; where none is lent
-    // any more, at the end of a thread, there is nothing to switch.
+    // Deactivate the allocator that serves the calling thread for a long wait, and activate
+    // it before the thread allocates or frees again. Meanwhile, threads that free blocks of
+    // this allocator put them back themselves. With `keep` the freed blocks of others stay
+    // batched; otherwise they are handed over. Calls out of turn fail the checks
+    // "!_activated" and "_activated". A thread without an allocator is lent one first;
+    // throws std::bad_alloc if there is no memory for it. At the end of a thread, when
+    // nothing is lent any more, these do nothing.
     void activate_allocator();
     void deactivate_allocator(bool keep);
 
-    // Puts back the blocks that others freed and, unless `keep`, hands over those
-    // that the calling thread freed of others.
+    // Puts back the blocks that other threads have freed and, unless `keep`, hands over the
+    // blocks of others that the calling thread has freed.
     void flush_allocator(bool keep);
 
 private:
@@ -121,7 +119,7 @@ private:
     allocator* _acquire_allocator();
     void _release_allocator(allocator* own);
 
-    // The lending of allocators: the source file tells how.
+    // Lending; described in the source file.
     friend allocator* detail::find_current_allocator();
     friend class detail::borrowed_allocator;
     friend void OVEL_THREAD_ENTRY detail::give_back_at_end(void* lent);
@@ -144,8 +142,8 @@ private:
 };
 
 inline allocator_group* allocator_group::global() {
-    // Acquire: pairs with the release that ends the building, so that the group
-    // and both fixed allocators are seen complete.
+    // Acquire: pairs with the release that ends `_build`, so that the group and both fixed
+    // allocators are complete.
     allocator_group* group = _global.load(std::memory_order_acquire);
     if (group == nullptr) [[unlikely]] {
         _construct_globals();

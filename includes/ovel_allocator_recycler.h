@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Giving idle memory back to the runtime heap, on request or once a period.
+// Returns idle memory to the runtime heap, on request or once a period.
 #ifndef OVEL_ALLOCATOR_RECYCLER_H
 #define OVEL_ALLOCATOR_RECYCLER_H
 
@@ -16,9 +16,9 @@ struct recycler_hook;
 
 }  // namespace detail
 
-// Threads give the memory they have no use for to a reservoir of the process, from
-// which other threads take it again. The recycler returns part of that to the
-// runtime heap; it leaves about a mebibyte. Any thread may call any operation.
+// Threads give surplus memory to a reservoir of the process, from which other threads take
+// it again. The recycler returns part of it to the runtime heap and keeps about a mebibyte.
+// Any thread may call any operation.
 class OVEL_EXPORT allocator_recycler {
 public:
     ~allocator_recycler();
@@ -28,21 +28,20 @@ public:
     // The one recycler of the process.
     static allocator_recycler* global();
 
-    // Returns a fraction, 0 to 1, of the reservoir to the runtime heap; outside
-    // that range it counts as the nearer end, a not-a-number as 0. Takes and drops
-    // the reservoir's lock for each piece, so other threads go on meanwhile.
+    // Returns a fraction of the reservoir to the runtime heap. `fraction` is clamped to 0 to
+    // 1; NaN counts as 0. Drops the reservoir's lock after each chunk, so it does not block
+    // other threads for long.
     void recycle_capacity(double fraction);
 
-    // The same of what lay idle in the reservoir ever since the last such call, by
-    // anyone; the first returns nothing.
+    // The same, but only of the memory that was idle throughout the time since the last such
+    // call by any thread; the first call returns nothing.
     void recycle_minimum_capacity(double fraction);
 
-    // Starts a thread that once a period returns three tenths of what lay idle
-    // through all of it. `period` is in seconds, from 1 to 1e9 (more counts as
-    // that, less, or a not-a-number, as 1). Only the first call in the process
-    // starts the thread, and blocks until it has begun; it keeps its period, and
-    // ends when the library is unloaded. A thread that the system refuses fails
-    // the check "_thread != 0".
+    // Starts a thread that once a period returns three tenths of the memory that was idle
+    // throughout the period. `period` is in seconds and clamped to 1 to 1e9; NaN counts as
+    // 1. Only the first call in the process starts the thread, and blocks until it runs. The
+    // thread keeps that period, and ends when the library is unloaded. A thread that the
+    // system refuses fails the check "_thread != 0".
     void release(double period);
 
 protected:
@@ -72,7 +71,7 @@ private:
     void _acquire();
     void _forget();
 
-    // Never destroyed: threads may go on using it while the process ends.
+    // Never destroyed: other threads may still use it while the process ends.
     static allocator_recycler& _global;
 
     [[maybe_unused]] cacheline _before;

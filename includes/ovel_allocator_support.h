@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library's memory: the one door to it for the library and for programs.
+// The library's memory: all allocations of the library and of programs go through here.
 #ifndef OVEL_ALLOCATOR_SUPPORT_H
 #define OVEL_ALLOCATOR_SUPPORT_H
 
@@ -14,13 +14,13 @@ namespace detail {
 
 struct plain_functions;
 
-// The bytes to ask `allocator_support` for, so that the memory of `bytes` bytes is aligned
-// to `alignment`, a power of two up to that of large blocks: those that make the block with
-// its header a multiple of it.
+// The bytes to request of `allocator_support` for `bytes` bytes aligned to `alignment`, a
+// power of two up to the alignment of large blocks: enough to make the block, header
+// included, a multiple of it.
 constexpr std::size_t bytes_aligned(std::size_t bytes, std::size_t alignment) {
     constexpr std::size_t header = 2 * sizeof(void*);
     constexpr std::size_t largest_block = 4096;
-    // All are aligned to 8, and large ones to a cacheline.
+    // All blocks are aligned to 8, and large ones to a cacheline.
     if (alignment <= 8 || bytes > largest_block - header)
         return bytes;
     return ((bytes + header + alignment - 1) & ~(alignment - 1)) - header;
@@ -28,52 +28,50 @@ constexpr std::size_t bytes_aligned(std::size_t bytes, std::size_t alignment) {
 
 }  // namespace detail
 
-// Memory in the shape of the C runtime's, but scalable: requests of up to 4096
-// bytes less a header of two pointers are served by the calling thread's
-// allocator, without a lock; larger ones go to the runtime heap.
+// Scalable memory with an interface like the C runtime's. The calling thread's allocator
+// serves requests of up to 4096 bytes less a header of two pointers, without a lock; larger
+// ones go to the runtime heap.
 //
 // Any thread may call every member at any time, and free what another allocated:
-// `allocator_group` lends an allocator to each thread that has none. Calls
-// wait only for internal locks that are held briefly, and for the runtime heap. The
-// first call in the process builds the allocators: memory exhausted then fails the
-// check "("unexpected exception", 0)" also where null is promised.
+// `allocator_group` lends an allocator to each thread that has none. Calls wait only for
+// internal locks that are held briefly, and for the runtime heap. The first call in the
+// process builds the allocators; if memory is exhausted then, the check
+// "("unexpected exception", 0)" fails, even in members that otherwise return null.
 class OVEL_EXPORT allocator_support {
 public:
     allocator_support() = delete;
 
-    // At least `bytes` bytes, also for 0 an address of its own. They are aligned
-    // to 8 bytes at least, to 16 from a request of more than 16 bytes on (of more than 8
-    // in 64-bit builds), and to 128 when large. Throws std::bad_alloc when memory is exhausted, and
-    // for byte counts that no memory can have.
+    // At least `bytes` bytes, for 0 a unique address. They are aligned to at least 8 bytes,
+    // to 16 for requests of more than 16 bytes (of more than 8 in 64-bit builds), and to 128
+    // when large. Throws std::bad_alloc when memory is exhausted, and for impossible sizes.
     static void* allocate(std::size_t bytes);
 
-    // As `allocate`, but null in place of std::bad_alloc.
+    // As `allocate`, but returns null instead of throwing std::bad_alloc.
     static void* allocate_nothrow(std::size_t bytes);
 
-    // As `allocate_nothrow`, and all bytes are 0. Of a large block that the runtime heap has
-    // fresh from the system no page is touched for that.
+    // As `allocate_nothrow`, and all bytes are 0. Does not touch the pages of a large block
+    // that the runtime heap has fresh from the system.
     static void* allocate_zeroed_nothrow(std::size_t bytes);
 
-    // Frees what `allocate` returned; null does nothing. Anything else that did
-    // not come from here must not be passed, and goes undetected.
+    // Frees what `allocate` returned; null does nothing. Not detected: memory that did not
+    // come from here.
     static void deallocate(void* memory);
 
-    // Memory of at least `bytes` bytes with what `memory`, which may be null, had, as far
-    // as that fits. Unlike `ovel_realloc` it stays where it is if it fits there and is not
-    // too large, and a large block if the runtime heap can let it grow or shrink in place,
-    // or move without being copied. Throws std::bad_alloc, and then nothing has changed.
+    // Memory of at least `bytes` bytes with the contents of `memory`, which may be null, as
+    // far as they fit. Unlike `ovel_realloc` it leaves a block in place if its size class
+    // stays the same. The runtime heap resizes a large block in place, or moves it without
+    // a copy, if it can. Throws std::bad_alloc, having changed nothing.
     static void* resize(void* memory, std::size_t bytes);
 
-    // The bytes that may be used at `memory`, at least those asked for; 0 for null.
+    // The usable bytes at `memory`, at least the bytes requested; 0 for null.
     static std::size_t size(void const* memory);
 
-    // Bytes in use in the process: small blocks with their headers and rounding,
-    // and what the runtime heap has set aside for large ones. A block freed by
-    // another thread counts until it is back with its owner. A snapshot: other
-    // threads may change it meanwhile.
+    // Bytes in use in the process: small blocks with headers and rounding, and what the
+    // runtime heap has reserved for large ones. A block freed by another thread counts until
+    // its owner has it back. A snapshot: other threads may change it meanwhile.
     static std::size_t allocated_size();
 
-    // Bytes held in the process, in use or ready for it. A snapshot likewise.
+    // Bytes held in the process, in use or free. Also a snapshot.
     static std::size_t allocated_capacity();
 
 private:
@@ -89,8 +87,8 @@ private:
     static void _deallocate(void* memory);
     static void _deallocate_large(void* region);
 
-    // Bytes that the runtime heap has set aside for all large blocks. Relaxed: a
-    // sum of its own, which orders nothing.
+    // Bytes that the runtime heap has reserved for all large blocks. Relaxed: an
+    // independent sum, which orders nothing.
     static detail::atomic<std::size_t> _large_size;
 };
 

@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library's memory under containers, memory resources, and a whole program.
+// The library's memory for containers, for memory resources, and for a whole program.
 //
 //     std::vector<int, container_allocator<int>> numbers;
 //     std::pmr::list<int> queue(memory_resource::global());
 //
 // The rules of `allocator_support` hold: any thread may allocate, and free what another
-// allocated. It stands beside the library and `ovel.h` does not include it, since it draws
-// <memory_resource> in.
+// allocated. `ovel.h` does not include this header, because it includes <memory_resource>.
 #ifndef OVEL_MEMORY_H
 #define OVEL_MEMORY_H
 
@@ -25,14 +24,15 @@ namespace ovel {
 namespace detail {
 
 // Memory of any alignment, a power of two. Up to a cacheline it is a block of
-// `allocator_support`; beyond, it lies within one, whose address is before it.
+// `allocator_support`. Beyond that it lies inside a larger block, with the address of that
+// block in front.
 inline void* allocate_aligned(std::size_t bytes, std::size_t alignment) {
     if (alignment <= sizeof(cacheline))
         return allocator_support::allocate(bytes_aligned(bytes, alignment));
     if (bytes > std::numeric_limits<std::size_t>::max() - alignment)
         throw std::bad_alloc();
-    // The block is aligned to a pointer: to its next multiple of the alignment, a pointer
-    // on or further, it is no more than the alignment.
+    // The block is aligned to a pointer. So the first multiple of `alignment` that leaves
+    // room for a pointer is at most `alignment` bytes from its start.
     char* const block = static_cast<char*>(allocator_support::allocate(bytes + alignment));
     auto const past = reinterpret_cast<std::uintptr_t>(block) % alignment;
     void** const memory = reinterpret_cast<void**>(block + (alignment - past));
@@ -40,7 +40,7 @@ inline void* allocate_aligned(std::size_t bytes, std::size_t alignment) {
     return memory;
 }
 
-// Takes the same alignment.
+// `alignment` is that of the allocation.
 inline void deallocate_aligned(void* memory, std::size_t alignment) {
     if (alignment > sizeof(cacheline) && memory != nullptr)
         memory = static_cast<void**>(memory)[-1];
@@ -49,12 +49,12 @@ inline void deallocate_aligned(void* memory, std::size_t alignment) {
 
 }  // namespace detail
 
-// An allocator for the standard containers. All are equal: what one allocates any
-// other frees. `allocate` throws std::bad_alloc.
+// An allocator for the standard containers. All are equal: each may free what another
+// allocated. `allocate` throws std::bad_alloc.
 template <class T>
 class container_allocator {
 public:
-    using value_type = T;  // as containers ask for it
+    using value_type = T;  // required by containers
 
     // Allocators for different types are equal, too.
     container_allocator() = default;
@@ -72,17 +72,17 @@ public:
         detail::deallocate_aligned(memory, alignof(T));
     }
 
-    // True: what one allocates any other frees.
+    // True: each may free what the other allocated.
     template <class U>
     bool operator==(container_allocator<U> const&) const {
         return true;
     }
 };
 
-// An array of `size` objects with the first ones of `array`, which `resize_array` returned
-// and gives up, or is null. In place if the heap can do that, or moved without being copied:
-// a large array that grows step by step costs what is new. To be freed by
-// `allocator_support::deallocate`. Throws std::bad_alloc; then `array` is as it was.
+// Resizes `array`, which `resize_array` has returned or which is null, to `size` objects. It
+// stays in place if the heap can do that, or moves without a copy if possible, so growing a
+// large array step by step is cheap. Free it with `allocator_support::deallocate`. Throws
+// std::bad_alloc, and then `array` is unchanged.
 //
 //     for (std::string line; std::getline(in, line); text_size += line.size()) {
 //         text = resize_array(text, text_size + line.size());
@@ -100,7 +100,7 @@ T* resize_array(T* array, std::size_t size) {
 // A memory resource for the polymorphic containers. All are equal.
 class memory_resource final : public std::pmr::memory_resource {
 public:
-    // One for the process, never destroyed.
+    // The one of the process, never destroyed.
     static memory_resource* global() {
         static memory_resource* const resource = new memory_resource;
         return resource;
@@ -133,7 +133,7 @@ inline void* program_new(std::size_t bytes, std::size_t alignment) {
     }
 }
 
-// What is shorter than 16 bytes cannot need their alignment.
+// Objects shorter than 16 bytes cannot need that alignment.
 inline std::size_t program_alignment(std::size_t bytes) {
     return bytes < 16 ? 8 : 16;
 }
@@ -166,11 +166,11 @@ inline void program_delete(void* memory, std::align_val_t alignment = std::align
 
 }  // namespace ovel
 
-// Written once in a program, outside all namespaces, replaces its `new` and `delete`:
-// their memory is the library's, on every thread.
+// Write it once in a program, outside all namespaces, to replace `new` and `delete`: their
+// memory is then the library's, on every thread.
 //
-// On Windows the program links the standard library statically, or a part of its memory
-// would be of that library's own operators.
+// On Windows, link the standard library statically. Otherwise part of the program's memory
+// comes from that library's own operators.
 //
 //     #include <ovel_memory.h>
 //     OVEL_REPLACE_NEW_AND_DELETE;

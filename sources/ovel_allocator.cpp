@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Small blocks: the rings of an allocator, the exchange of chunks with the global
-// allocator, and the way home of blocks that another thread frees. Who may touch
-// what, and the order of the locks, stands with the class.
+// allocator, and how blocks that another thread frees return to their owner. The class
+// documents which thread may touch what, and the lock order.
 
 #include "ovel_allocator.h"
 
@@ -24,9 +24,9 @@ namespace {
 
 constexpr std::size_t chunk_length = region_length;
 
-// Chains of another thread's come out of that thread's cache, a line a block. Most
-// are freed in the order of their addresses, or the reverse: so what comes soon is
-// asked for where it lies if they go on as from `one` to `next`.
+// Each block of a chain that another thread freed is a cache miss. Most chains are in
+// the order of their addresses, or the reverse. So this prefetches the block eight
+// places on, if the chain continues as from `one` to `next`.
 void prefetch_along(detail::block& one, detail::block* next) {
     auto const here = reinterpret_cast<std::size_t>(&one);
     auto const there = reinterpret_cast<std::size_t>(next);
@@ -57,8 +57,8 @@ void detail::chunk::format(allocator* owner, std::size_t length, std::size_t blo
     if (length == 0)
         return;
 
-    // It is the memory after the header that is aligned. The last cacheline of
-    // the region stays unused, so that no block shares one with what follows.
+    // The memory after the header is aligned. The last cache line of the region stays
+    // unused, so that no block shares one with what follows the region.
     auto const earliest = reinterpret_cast<std::size_t>(this + 1);
     std::size_t const gap = ~(earliest + sizeof(block) - 1) & (block_alignment - 1);
     char* next = reinterpret_cast<char*>(this + 1) + gap;
@@ -150,8 +150,8 @@ detail::block* allocator::allocate(std::size_t k) noexcept {
     return ready != nullptr ? ready : _allocate_from_new(k);
 }
 
-// Serves class `k` when no chunk of it has a free block: from an empty chunk of
-// its own, else of the global allocator, else of the runtime heap.
+// Serves class `k` when no chunk of it has a free block: from an own empty chunk,
+// otherwise one of the global allocator, otherwise a new one from the runtime heap.
 detail::block* allocator::_allocate_from_new(std::size_t k) noexcept {
     std::size_t const block_size = detail::block_sizes[k];
     detail::chunk* home;
@@ -160,9 +160,9 @@ detail::block* allocator::_allocate_from_new(std::size_t k) noexcept {
         if (home->_block_size != block_size)
             home->format(this, home->_length, block_size, detail::alignment_of(block_size));
     } else {
-        // What waits goes home before more memory is taken. The rings are not
-        // looked at again: the collection may itself have given chunks away, and
-        // a class that ran dry is likely to need the new chunk anyhow.
+        // Collects pending blocks before it takes more memory. It does not search the
+        // rings again: the collection may have given chunks away, and a class that has
+        // run out of blocks is likely to need the new chunk anyway.
         if (_read(_pending_size) != 0)
             _collect();
         home = _take_chunk(k);
@@ -179,7 +179,7 @@ detail::block* allocator::_allocate_from_new(std::size_t k) noexcept {
     detail::add(_capacity, home->_capacity);
     _find_surplus();
     detail::block& taken = *home->_free;
-    _take_block(taken, *home);  // which can't fill it: a chunk has 15 blocks at least
+    _take_block(taken, *home);  // can't fill it: a chunk has at least 15 blocks
     return &taken;
 }
 
@@ -188,7 +188,7 @@ void allocator::_give_surplus() {
     _give_chunk();
 }
 
-// Takes the first chunk out of `_empty`, which has one. On the global allocator
+// Unlinks the first chunk of `_empty`, which must have one. On the global allocator
 // under its `_lock`.
 detail::chunk& allocator::_remove_empty() {
     detail::chunk& removed = *_empty._next;
@@ -200,9 +200,9 @@ detail::chunk& allocator::_remove_empty() {
     return removed;
 }
 
-// A chunk of the global allocator, formatted for class `k` and not in a ring yet;
-// null when it has none. Takes its lock, and formats after releasing it; until the
-// caller has put the chunk into a ring no sum of capacities holds it.
+// Takes a chunk from the global allocator and formats it for class `k`; null if there is
+// none. Takes the global allocator's lock, and formats after releasing it. Until the
+// caller inserts the chunk into a ring, no allocator's capacity counts it.
 detail::chunk* allocator::_take_chunk(std::size_t k) {
     detail::chunk* taken;
     {
@@ -216,8 +216,8 @@ detail::chunk* allocator::_take_chunk(std::size_t k) {
     return taken;
 }
 
-// Moves the first chunk of `_empty` to the global allocator, taking its lock. The
-// blocks stay laid out as they are, since whoever takes the chunk formats it.
+// Moves the first chunk of `_empty` to the global allocator, under that one's lock. The
+// blocks keep their layout, since the allocator that takes the chunk formats it.
 void allocator::_give_chunk() {
     detail::guard<semaphore> const hold(_parent->_lock);
     detail::chunk& given = _remove_empty();
@@ -229,7 +229,7 @@ void allocator::_give_chunk() {
 void allocator::recycle(double fraction, bool minimum) {
     if (_parent != nullptr)
         return;
-    if (!(fraction > 0.0))  // a not-a-number as well
+    if (!(fraction > 0.0))  // true for NaN as well
         fraction = 0.0;
     else if (fraction > 1.0)
         fraction = 1.0;
@@ -237,8 +237,8 @@ void allocator::recycle(double fraction, bool minimum) {
     detail::guard<semaphore> const hold(_lock);
     std::size_t const base = _read(minimum ? _minimum_capacity : _capacity);
     std::size_t const excess = base > _read(_size) ? base - _read(_size) : 0;
-    // Compared as a double, for the bound itself may not be one: it is then the
-    // next power of two, and what is below it fits.
+    // Compares as double. If the bound is not representable it becomes the next power of
+    // two, and every double below that fits.
     constexpr std::ptrdiff_t bound = std::numeric_limits<std::ptrdiff_t>::max();
     double const share = std::nearbyint(static_cast<double>(excess) * fraction);
     auto budget = static_cast<std::size_t>(
@@ -247,7 +247,7 @@ void allocator::recycle(double fraction, bool minimum) {
     while (_empty.has_chunk() && _has_surplus() && _empty._next->_capacity <= budget) {
         detail::chunk& surplus = _remove_empty();
         budget -= surplus._capacity;
-        // Threads may exchange chunks meanwhile: the ring is looked at afresh.
+        // Threads may exchange chunks meanwhile, so the loop reads the ring again.
         _lock.release();
         detail::unpoison(&surplus, surplus._length);
         free_region(&surplus);
@@ -273,7 +273,7 @@ std::size_t allocator::allocated_capacity() {
     return _sum(&allocator::_capacity);
 }
 
-// The way home of blocks that another thread frees.
+// Blocks that another thread frees.
 
 void allocator::deallocate_remote(detail::block& freed, allocator& owner) {
     detail::remote* entry = _remote;
@@ -341,12 +341,12 @@ void allocator::_detach_remote(detail::block*& kept) {
 // Takes over a chain of this allocator's blocks. Called with no allocator's lock
 // held, and returns so.
 //
-// A deactivated owner may have kept chains of others, and hands them over when it
-// gives a chunk back. That happens under its `_lock`, where no second owner's may
-// be taken: two that hold each other's blocks would block each other. So those
-// chains come out strung together in `kept` and are delivered here, in a loop,
-// as their owners may let go of further ones. No record of a chain is needed:
-// neighbours in the string that have one owner are a chain.
+// A deactivated owner may still hold chains of others, and hands them over when it gives a
+// chunk back. That happens under its `_lock`, and taking a second owner's lock there could
+// deadlock: two allocators may hold each other's blocks. So `_accept` links those chains
+// together in `kept`, and this function delivers them without a lock. It loops, because
+// their owners may release further chains. Neighbours in `kept` with the same owner are one
+// chain.
 void allocator::_receive(detail::block* head, detail::block* tail, std::size_t size) {
     detail::block* kept = nullptr;
     _accept(head, tail, size, kept);
@@ -363,8 +363,8 @@ void allocator::_receive(detail::block* head, detail::block* tail, std::size_t s
     }
 }
 
-// Leaves the chain to the owner or, while that is away, puts back all that is
-// pending; puts the chains that this sets free on the front of `kept`.
+// Leaves the chain to the owner or, while the owner is deactivated, puts back all pending
+// blocks. Adds the chains that this releases to the front of `kept`.
 void allocator::_accept(detail::block* head, detail::block* tail, std::size_t size,
                         detail::block*& kept) {
     detail::guard<semaphore> const hold(_lock);
@@ -386,8 +386,8 @@ void allocator::_accept(detail::block* head, detail::block* tail, std::size_t si
     _pending_size.store(0, std::memory_order_relaxed);
 }
 
-// Puts back what other threads have handed over. The lock is held for the
-// taking only: nobody who hands over waits for the rest.
+// Puts back what other threads have handed over. Holds the lock only to take the chain, so
+// threads that hand over do not wait for the rest.
 void allocator::_collect() {
     detail::block* chain;
     {
@@ -410,8 +410,8 @@ void allocator::activate() {
     _activated = true;
 }
 
-// A chain that arrives after the flush and before the flag is cleared waits for
-// the next collection, or for the next chain.
+// A chain that arrives between the flush and the clearing of the flag stays pending until
+// the next collection or the next chain.
 void allocator::deactivate(bool keep) {
     flush(keep);
     detail::guard<semaphore> const hold(_lock);
@@ -419,7 +419,7 @@ void allocator::deactivate(bool keep) {
     _activated = false;
 }
 
-// The owner alone changes the flag, and so reads it without the lock.
+// Only the owner changes the flag, so it may read it without the lock.
 void allocator::leave() {
     if (!_activated)
         activate();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// The allocator of one thread: small blocks cut from chunks, one size class a
-// chunk. Internal: programs reach it through `allocator_support`.
+// The allocator of one thread: small blocks cut from chunks, each chunk for one size
+// class. Internal: programs use it through `allocator_support`.
 #ifndef OVEL_ALLOCATOR_H
 #define OVEL_ALLOCATOR_H
 
@@ -22,31 +22,31 @@ namespace detail {
 struct chunk;
 struct process_hooks;
 
-// The header in front of the memory of every block. It stays in place while the
-// block is in use: `_chunk` is what tells, when the block is freed or measured,
-// where it came from.
+// The header in front of the memory of every block. It stays in place while the block is
+// in use: freeing and measuring a block find its chunk through `_chunk`.
 struct block {
     chunk* _chunk;  // null for a large block
     block* _next;   // in a free chain; meaningless while the block is in use
 };
 
-// Size classes. Block sizes include the header, and are multiples of `granule`,
-// which is also the unit of the table that finds the class of a size. On targets
-// whose header is larger than the first class that class is never asked for.
+// Size classes. Block sizes include the header and are multiples of `granule`, which is
+// also the unit of the table that maps sizes to classes. Classes smaller than the target's
+// header stay unused.
 inline constexpr std::size_t granule = 8;
 inline constexpr std::size_t classes = 18;
 inline constexpr std::size_t block_sizes[classes] = {
     8, 16, 24, 32, 48, 64, 96, 128, 192, 256, 384, 512, 768, 1024, 1536, 2048, 3072, 4096};
 inline constexpr std::size_t largest_block = block_sizes[classes - 1];
 
-// Bytes of other threads' frees that are worth taking the owner's lock for.
+// Bytes of freed blocks for which a thread takes their owner's lock.
 inline constexpr std::size_t batch = 0x40000;
 
-// A mebibyte of the capacity is left out of the reckoning of surplus.
+// The surplus test ignores one mebibyte of the capacity.
 inline constexpr std::size_t allowance = 1048576 / 7 * 5;
 static_assert(allowance == 748980);
 
-// The alignment of the memory of a block: what its size allows, up to a cacheline.
+// The alignment of the memory of a block: the largest power of two that divides its size,
+// at most a cacheline.
 constexpr std::size_t alignment_of(std::size_t block_size) {
     std::size_t const alignment = block_size & (~block_size + 1);
     return alignment < sizeof(cacheline) ? alignment : sizeof(cacheline);
@@ -75,8 +75,8 @@ constexpr std::size_t class_of(std::size_t size) {
     return size_classes.classes[size / granule];
 }
 
-// A region of the runtime heap from which the blocks of one class are cut; these
-// fields are its beginning. An object with `_length` 0 is the sentinel of a ring.
+// A region of the runtime heap from which the blocks of one class are cut; it begins with
+// these fields. An object with `_length` 0 is the sentinel of a ring.
 //
 // Rings are circular: the sentinel of an empty one is its own neighbour.
 //
@@ -86,8 +86,8 @@ constexpr std::size_t class_of(std::size_t size) {
 struct chunk {
     [[maybe_unused]] char _before[sizeof(cacheline) - 2 * sizeof(std::size_t)];
     std::size_t _class;            // of `_block_size`
-    std::size_t _constant_size;    // `_block_size` once more
-    allocator* _allocator;         // whose ring it is in
+    std::size_t _constant_size;    // a copy of `_block_size`
+    allocator* _allocator;         // the owner of the ring it is in
     block* _free;                  // the first block not in use
     std::size_t _length;           // bytes of the region
     std::size_t _block_size;       // bytes of a block; 0 in the sentinel of mixed classes
@@ -140,12 +140,12 @@ struct waiting {
 
 }  // namespace detail
 
-// A pool of small blocks, owned by one thread at a time. Three kinds of object:
-// the global allocator serves nobody and keeps empty chunks for all; the default
-// allocator is lent to one of the threads without their own; thread allocators are
-// acquired by threads or lent to them, and reused when these have given them back.
-// None is ever destroyed, and neither they nor their chunks are taken from the
-// library's own memory.
+// A pool of small blocks, owned by one thread at a time. There are three kinds of object.
+// The global allocator serves no thread and keeps empty chunks for all. The default
+// allocator is lent to one thread that has none of its own. Threads acquire a thread
+// allocator or are lent one, and it is reused after they have given it back. None is ever
+// destroyed. Allocators and chunks come from the runtime heap, not from the library's own
+// memory.
 //
 // Rings. A chunk is in exactly one ring of its `_allocator`:
 //
@@ -178,8 +178,8 @@ struct waiting {
 // two allocators that are not the global one are never held together.
 class allocator {
 public:
-    // The global allocator, or with false the default one, and a thread's, for
-    // which the allocator group is built if there is none. Registers itself.
+    // Builds the global allocator, or with false the default one; without an argument a
+    // thread's allocator, and the allocator group first if there is none. Registers itself.
     explicit allocator(bool global);
     allocator();
     allocator(allocator const&) = delete;
@@ -196,44 +196,44 @@ public:
     // A block of class `k`; null when memory is exhausted. Owner only.
     detail::block* allocate(std::size_t k) noexcept;
 
-    // The same if there is a block ready and nothing else to do, else null. No lock,
-    // no call.
+    // The fast path of `allocate`: null if no block is ready or pending blocks must be
+    // collected first. Takes no lock and makes no call.
     detail::block* allocate_ready(std::size_t k);
 
-    // Frees a block of a chunk of this allocator's, which is the calling thread's.
+    // Frees a block of this allocator's chunk `home`. Owner only.
     void deallocate(detail::block& freed, detail::chunk& home);
 
-    // Frees a block of `owner`, which is not this, the calling thread's.
+    // Frees a block of another allocator. Called on the calling thread's allocator.
     void deallocate_remote(detail::block& freed, allocator& owner);
 
-    // The same if it takes no lock and no search, else false. No call.
+    // The fast path of `deallocate_remote`: false, with nothing done, if that needs a lock
+    // or a search.
     bool file_remote(detail::block& freed, allocator& owner);
 
-    // Returns empty chunks of the global allocator to the runtime heap, worth up
-    // to `fraction` (0 to 1; a not-a-number is 0) of its idle capacity, or with
-    // `minimum` of the least that it had since the last such call. Keeps about a
-    // mebibyte. Does nothing on any other allocator. Any thread. Drops and retakes
-    // `_lock` around each piece of memory that it returns.
+    // Returns empty chunks of the global allocator to the runtime heap, up to `fraction`
+    // (0 to 1; NaN is 0) of its idle capacity, or with `minimum` of the lowest idle
+    // capacity since the last such call. Keeps about a mebibyte. Does nothing on any other
+    // allocator. Any thread. Drops and retakes `_lock` around each chunk that it returns.
     void recycle(double fraction, bool minimum);
 
-    // On the global allocator: the sums of `_size`, resp. `_capacity`, over all
-    // allocators, each read at a moment of its own. Any thread.
+    // On the global allocator: the sum of `_size`, or of `_capacity`, over all allocators.
+    // Not a consistent snapshot: each is read at a different moment. Any thread.
     std::size_t allocated_size();
     std::size_t allocated_capacity();
 
-    // The owner comes back (check "!_activated"), or leaves (check "_activated");
-    // `keep` leaves the blocks of others where they wait. Owner only.
+    // The owner returns (check "!_activated") or leaves (check "_activated"). With `keep`
+    // it does not hand the blocks of others over. Owner only.
     void activate();
     void deactivate(bool keep);
 
     // The owner leaves for good, activated or not. Owner only.
     void leave();
 
-    // Puts back what has arrived and, unless `keep`, hands over what waits. Owner
+    // Puts pending blocks back and, unless `keep`, hands over the blocks of others. Owner
     // only.
     void flush(bool keep);
 
-    // Takes a block of this allocator back from a thread that no allocator serves.
+    // Frees a block of this allocator for a thread that no allocator serves.
     void take_back(detail::block& freed);
 
 private:
@@ -244,7 +244,7 @@ private:
     using counter = detail::atomic<std::size_t>;
 
     allocator(allocator* parent, HANDLE lock);
-    ~allocator() = default;  // for no one to call
+    ~allocator() = default;  // never called
 
     static std::size_t _read(counter const& word);
 
@@ -274,8 +274,8 @@ private:
     void _accept(detail::block* head, detail::block* tail, std::size_t size, detail::block*& kept);
     void _collect();
 
-    // The process's allocators. The first two are set while the group is built,
-    // before anyone can see it; the lists are under the global allocator's `_lock`.
+    // The process's allocators. The first two are set while the group is built, before
+    // other threads can see it. The lists are under the global allocator's `_lock`.
     static allocator* _global_allocator;
     static allocator* _default_allocator;
     static detail::atomic<bool> _default_is_lent;
@@ -287,8 +287,8 @@ private:
     allocator* _next;           // set when registered
     allocator* _next_released;  // under the global allocator's `_lock`
 
-    // Written by whoever may work on the rings, read by all: relaxed loads and
-    // stores, since each stands for itself and orders nothing.
+    // Written by the thread that may use the rings, read by all. Relaxed: each is an
+    // independent number, and orders nothing.
     counter _size;              // bytes of blocks in use, headers included
     counter _capacity;          // bytes of blocks laid out
     counter _minimum_capacity;  // low-water mark of `_capacity`, of the global allocator's
@@ -303,8 +303,8 @@ private:
     detail::chunk _empty;
     [[maybe_unused]] cacheline _after;
 
-    // With less than this in use there are a surplus and a chunk in `_empty` to give.
-    // Without a meaning in the global allocator, which gives nothing.
+    // With less than this in use, there is a surplus and `_empty` has a chunk to give.
+    // Unused in the global allocator, which gives nothing.
     std::size_t _surplus_below;
 
     // The sentinel, which never has a free block, while `_partial[k]` is empty or blocks of
@@ -319,18 +319,18 @@ private:
 
 namespace detail {
 
-// The allocator that serves the calling thread, which is lent one if none does yet; the group
-// is built if there is none. Null where none can be lent: to a thread past its end, or without
-// memory for it.
+// The allocator that serves the calling thread, which is lent one if it has none. Builds the
+// group if there is none. Null if the thread is past its end, or if memory for a new allocator
+// is exhausted.
 allocator* find_current_allocator();
 
-// The same where the quick pointer tells.
+// The same, without a call where the quick pointer is set.
 inline allocator* current_allocator() {
     void* const quick = quick_pointer();
     return quick != nullptr ? static_cast<allocator*>(quick) : find_current_allocator();
 }
 
-// An allocator for one operation of a thread that none can be lent to.
+// An allocator for a single operation of a thread to which none can be lent.
 class borrowed_allocator {
 public:
     borrowed_allocator() noexcept;
@@ -347,8 +347,7 @@ private:
     allocator* const _borrowed;
 };
 
-// Fails the check "_activated" of allocators unless `_activated`: for a thread that has
-// no allocator to deactivate.
+// The check "_activated" of allocators, for a thread that has no allocator to deactivate.
 void expect_activated(bool _activated);
 
 }  // namespace detail
@@ -357,13 +356,12 @@ inline std::size_t allocator::_read(counter const& word) {
     return word.load(std::memory_order_relaxed);
 }
 
-// Whether the capacity, less the allowance, is more than about seven fifths of
-// what is in use.
+// Whether the capacity, less the allowance, is more than about seven fifths of the size.
 inline bool allocator::_has_surplus() const {
     return _read(_size) + detail::allowance < _read(_capacity) / 7 * 5;
 }
 
-// Called whenever `_capacity` changes, or whether `_empty` has a chunk.
+// Called after each change of `_capacity`, or of whether `_empty` has a chunk.
 inline void allocator::_find_surplus() {
     std::size_t const most = _read(_capacity) / 7 * 5;
     bool const any = _empty.has_chunk() && most > detail::allowance;
@@ -379,7 +377,7 @@ inline void allocator::_take_block(detail::block& taken, detail::chunk& home) {
 }
 
 // The block of class `k` that was filed last in the first entry, or null. It still belongs
-// to its owner, whose `_size` counts it throughout. The last block of an entry is not
+// to its owner, whose `_size` counts it throughout. The only block of an entry is not
 // taken, so an entry with an owner is never empty.
 inline detail::block* allocator::_take_waiting(std::size_t k) {
     detail::remote& entry = _remote[0];
@@ -415,7 +413,7 @@ inline detail::block* allocator::allocate_ready(std::size_t k) {
     return _read(_pending_size) < detail::batch ? _take_ready(k) : nullptr;
 }
 
-// In builds for a sanitizer, that a block is not the last one that was freed.
+// Checks, in builds for a sanitizer, that a block was not freed twice in a row.
 inline void allocator::_assure_in_use(detail::block const& freed, detail::block const* last) {
 #if defined(OVEL_SANITIZED)
     assure(last != &freed);
@@ -425,7 +423,7 @@ inline void allocator::_assure_in_use(detail::block const& freed, detail::block 
 #endif
 }
 
-// Puts a block back into its chunk, and the chunk into the ring where it belongs.
+// Puts a block back into its chunk, and the chunk into the ring that matches its new state.
 inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
     detail::block* const rest = home._free;
     _assure_in_use(freed, rest);
@@ -436,8 +434,8 @@ inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
     home._size = size;
     detail::add(_size, -block_size);
 
-    // A class keeps its last chunk, used or not: a thread that frees a block and
-    // asks for the next one formats nothing.
+    // A class keeps its last chunk even if no block is in use, so a thread that frees its
+    // only block and allocates again does not format a chunk each time.
     std::size_t const k = home._class;
     bool const spare = size == 0 && home._next != home._previous;
     if (spare) [[unlikely]] {
@@ -452,7 +450,7 @@ inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
     _serving[k] = &home;
 }
 
-// One chunk leaves at most, after four hand-overs at most.
+// Gives at most one chunk back, after at most four hand-overs.
 inline void allocator::deallocate(detail::block& freed, detail::chunk& home) {
     _put_back(freed, home);
     if (_read(_size) < _surplus_below) [[unlikely]]
@@ -460,7 +458,7 @@ inline void allocator::deallocate(detail::block& freed, detail::chunk& home) {
 }
 
 inline void allocator::flush(bool keep) {
-    // Relaxed: a chain that this reading misses waits for the next collection.
+    // Relaxed: a chain that this load misses stays pending until the next collection.
     if (_read(_pending_size) != 0) [[unlikely]]
         _collect();
     if (!keep)

@@ -1,17 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// The building of the allocator group, and the coming and going of threads.
+// How the allocator group is built, and how threads get and give back allocators.
 //
-// Slots of each thread tell what serves it. `_specific` is what the program sees and sets.
-// `current` is the allocator in use, which the quick pointer repeats where there is one.
-// `lent` is that allocator once more while the library has lent it, and null while it is the
-// thread's own; so `current` is `lent` wherever that is not null. An allocator is activated
-// when it is lent or acquired, and deactivated when it is given back. In between it is
-// neither among the released ones nor, if it is the default one, to be had: what serves a
-// thread serves no other.
+// Three thread-local slots record what serves a thread. `_specific` is what the program sees
+// and sets. `current` is the allocator in use; the quick pointer is a copy of it where the
+// platform has one. `lent` is the same allocator while the library has lent it, and null
+// while it is the thread's own. So if `lent` is not null, it equals `current`. An allocator
+// is activated when it is lent or acquired and deactivated when it is given back. In between
+// it is not among the released ones and, if it is the default one, marked as lent. So it
+// serves only one thread.
 //
-// A thread that ends gives back what it was lent, once; from then on nothing is lent to it.
-// What it still allocates it borrows an allocator for, as does a thread for which the system
-// has no memory to remember what it was lent. What it frees needs none.
+// A thread that ends gives the lent allocator back, once. Nothing is lent to it afterwards:
+// each later allocation borrows an allocator, and a free needs none. The same holds for a
+// thread for which the system has no memory to record a lent allocator.
 
 #include "ovel_allocator_group.h"
 
@@ -28,8 +28,8 @@ namespace ovel {
 
 namespace {
 
-// The inline members are part of the binary interface as well, for callers whose
-// compiler does not inline them: naming them here has them emitted.
+// The inline members are part of the ABI, for callers whose compiler does not inline them.
+// These pointers make the compiler emit them.
 [[gnu::used]] allocator_group* (*const exported_global)() = &allocator_group::global;
 [[gnu::used]] allocator* (allocator_group::*const exported_specific)() const =
     &allocator_group::specific_allocator;
@@ -37,7 +37,7 @@ namespace {
 // Besides `_specific`.
 struct thread_slots {
     thread_specific_ptr<allocator> current;
-    // Without such a slot nothing is lent, and all is borrowed.
+    // Without such a slot nothing is lent, and every allocation borrows.
     DWORD const lent = FlsAlloc(detail::give_back_at_end);
     thread_specific_ptr<allocator_group> ended;  // once the callback of `lent` has run
 
@@ -46,7 +46,7 @@ struct thread_slots {
     }
 };
 
-// Built with the group, before anyone can see that, and like it never destroyed.
+// Built before other threads can see the group, and like it never destroyed.
 union lasting_slots {
     constexpr lasting_slots() : none() {}
     ~lasting_slots() {}
@@ -80,15 +80,15 @@ void allocator_group::_construct_globals() {
     call_once(_build, flag);
 }
 
-// Runs once in the process. No allocation passes through the group until it is
-// there, so everything here comes from the runtime heap.
+// Runs once in the process. Nothing can be allocated through the group before it exists, so
+// everything here comes from the runtime heap.
 void allocator_group::_build() {
     try {
         allocator::_global_allocator = new allocator(true);
         allocator::_default_allocator = new allocator(false);
-        allocator::_default_allocator->deactivate(false);  // it serves nobody yet
+        allocator::_default_allocator->deactivate(false);  // it serves no thread yet
         std::construct_at(&lasting.value);
-        // Release, and last: whoever sees the group sees all of the above.
+        // Release, and last: a thread that sees the group sees all of the above.
         _global.store(new allocator_group, std::memory_order_release);
     } catch (...) {
         assure(("unexpected exception", 0));
@@ -101,11 +101,11 @@ void allocator_group::specific_allocator(allocator* own) {
         FlsSetValue(slots.lent, nullptr);
         _give_back(lent);
     }
-    // A thread that has kept what this function told it sets the default allocator.
+    // The default allocator means none: `specific_allocator()` returns it for null.
     _serve(own != _default ? own : nullptr);
 }
 
-// The allocator in use, for all who look for it.
+// Sets the allocator in use.
 void allocator_group::_serve(allocator* current) {
     slots.current.set(current);
     set_quick_pointer(current);
@@ -127,7 +127,7 @@ allocator* allocator_group::default_allocator() const {
     return allocator::_default_allocator;
 }
 
-// What was lent becomes the thread's own, as if given back and acquired again.
+// A lent allocator becomes the thread's own, as if given back and acquired again.
 void allocator_group::acquire_allocator() {
     allocator* own = slots.get_lent();
     if (own == nullptr || own == _default) {
@@ -173,7 +173,7 @@ void allocator_group::deactivate_allocator(bool keep) {
         current->deactivate(keep);
 }
 
-// A thread without an allocator has nothing to put back or to hand over.
+// A thread without an allocator has nothing to put back or hand over.
 void allocator_group::flush_allocator(bool keep) {
     if (allocator* const current = slots.current.get())
         current->flush(keep);
@@ -198,8 +198,8 @@ allocator* allocator_group::_take_released() {
     return reused;
 }
 
-// The allocator keeps its chunks, and the blocks that others still use: when
-// those are freed, the freeing threads put them back.
+// The allocator keeps its chunks and the blocks that are still in use. Threads that free
+// those put them back.
 void allocator_group::_release_allocator(allocator* own) {
     own->deactivate(false);
     _push_released(own);

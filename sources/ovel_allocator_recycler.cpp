@@ -18,10 +18,10 @@ namespace ovel {
 
 namespace {
 
-constexpr double nap = 0.1;    // seconds between two looks at the clock
-constexpr double share = 0.3;  // recycled each period, of what lay idle in it
+constexpr double nap = 0.1;    // seconds between two readings of the clock
+constexpr double share = 0.3;  // of the memory idle throughout a period
 
-// Seconds. A deadline that is a few periods ahead must stay within the clock's range.
+// Seconds. A deadline a few periods ahead must stay within the clock's range.
 constexpr double shortest_period = 1.0;
 constexpr double longest_period = 1e9;
 
@@ -49,9 +49,9 @@ void allocator_recycler::recycle_minimum_capacity(double fraction) {
 
 void allocator_recycler::release(double period) {
     allocator_group::global();
-    // Relaxed: the call that starts the thread reads what it has just written, or
-    // what another has, and any of those will do.
-    if (!(period >= shortest_period))  // a not-a-number as well
+    // Relaxed: the call that starts the thread reads the value that it has written or one
+    // that a concurrent call has written, and either is correct.
+    if (!(period >= shortest_period))  // true for NaN as well
         period = shortest_period;
     _period.store(std::min(period, longest_period), std::memory_order_relaxed);
     call_once(_release, detail::_recycler_flag);
@@ -65,7 +65,7 @@ void allocator_recycler::_release() {
     detail::_recycler_started = true;
 }
 
-// A thread that is just being started, or is started later, finds that it has to stop.
+// A thread that is being started, or is started later, reads the flag and stops.
 void allocator_recycler::_acquire() {
     _stop = true;
     if (detail::_recycler_started.exchange(false))
@@ -89,7 +89,7 @@ allocator_recycler::recycler_function::recycler_function(detail::atomic<bool>* s
 
 allocator_recycler::recycler_function::~recycler_function() = default;
 
-// A period that passes while the thread is kept from running is skipped.
+// Skips periods that pass while the thread does not run.
 void allocator_recycler::recycler_function::operator()() {
     set_thread_name("ovel-recycler");
     time const period = time::seconds(_period);

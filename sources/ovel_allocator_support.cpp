@@ -1,15 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// The door to memory: small blocks of the calling thread's allocator, large ones
-// of the runtime heap.
+// Where memory comes from: small blocks from the calling thread's allocator, large ones
+// from the runtime heap.
 //
 // A large block, from the beginning of its region:
 //
-//     padding   less than a cacheline, so that the memory is aligned to one
-//     record    the size of the padding, in as many bytes as a header
+//     padding   less than a cacheline, to align the memory to one
+//     record    the size of the padding, as long as a header
 //     header    a `detail::block` with a null `_chunk`
 //     memory
 //
-// So the header before any memory tells the two kinds apart.
+// So the header before the memory distinguishes the two kinds.
 
 #include "ovel_allocator_support.h"
 
@@ -37,10 +37,10 @@ struct record {
 };
 static_assert(sizeof(record) == sizeof(detail::block));
 
-// What the region of a large block has beyond the block itself.
+// The bytes of a large block's region that are not part of the block.
 constexpr std::size_t surroundings = sizeof(cacheline) + sizeof(record);
 
-// What the layout of a block may add to the bytes asked for, rounding included.
+// The most that layout and rounding add to a request.
 constexpr std::size_t overhead = sizeof(detail::block) + detail::granule - 1 + surroundings;
 
 detail::block* header_of(void const* memory) {
@@ -62,14 +62,14 @@ std::size_t region_length_for(std::size_t bytes) {
     return ((bytes + sizeof(detail::block) + rounding) & ~rounding) + surroundings;
 }
 
-// What a large block has before its record, so that its memory begins a cacheline.
+// The padding that aligns the memory of a large block to a cacheline.
 std::size_t padding_for(char const* region) {
     std::size_t const earliest =
         reinterpret_cast<std::size_t>(region) + sizeof(record) + sizeof(detail::block);
     return ~(earliest - 1) & (sizeof(cacheline) - 1);
 }
 
-// The class of the blocks for `bytes`, which are at most `largest_request`.
+// The class for a request of `bytes`, at most `largest_request`.
 constexpr std::size_t largest_request = detail::largest_block - sizeof(detail::block);
 
 std::size_t class_for(std::size_t bytes) {
@@ -77,14 +77,14 @@ std::size_t class_for(std::size_t bytes) {
     return detail::class_of((bytes + sizeof(detail::block) + granule - 1) & ~(granule - 1));
 }
 
-// The memory of a small block that is handed out.
+// The memory of a small block, to hand out.
 [[gnu::always_inline]] inline void* memory_of(detail::block* taken) {
     detail::unpoison(taken + 1, taken->_chunk->_constant_size - sizeof(detail::block));
     return taken + 1;
 }
 
-// The usual case, in place in each function that allocates: a small block that the
-// thread has ready. Null when there is none.
+// The fast path, inline in each function that allocates: a small block that the thread has
+// ready. Null if there is none.
 [[gnu::always_inline]] inline void* allocate_ready(std::size_t bytes) {
     void* const own = quick_pointer();
     if (bytes > largest_request || own == nullptr) [[unlikely]]
@@ -93,8 +93,8 @@ std::size_t class_for(std::size_t bytes) {
     return ready != nullptr ? memory_of(ready) : nullptr;
 }
 
-// Likewise for each that frees: a small block, of the thread's own or of the thread
-// that it last freed one of. False, with nothing done, for any other.
+// The fast path of each function that frees: a small block of the thread's allocator, or of
+// the owner of its first entry. False, with nothing freed, for any other block.
 [[gnu::always_inline]] inline bool deallocate_at_once(void* memory) {
     if (memory == nullptr)
         return true;
@@ -168,7 +168,7 @@ void* allocator_support::_allocate_large(std::size_t bytes, bool zeroed) noexcep
     return _place_large(region);
 }
 
-// Lays out the region of a large block. Returns its memory.
+// Writes the record and header of a large block into its region. Returns its memory.
 void* allocator_support::_place_large(char* region) {
     std::size_t const padding = padding_for(region);
     auto const b = reinterpret_cast<detail::block*>(region + padding);
@@ -206,10 +206,10 @@ void* allocator_support::_resize_large(void* memory, std::size_t bytes) {
     auto const moved = static_cast<char*>(realloc(region, region_length_for(bytes)));
     if (moved == nullptr)
         throw std::bad_alloc();
-    // Modulo the range: the sum with the others is not negative.
+    // The difference may wrap around; the sum is right modulo the range.
     _large_size.fetch_add(_msize(moved) - size_before, std::memory_order_relaxed);
-    // Where the region begins at another place of a cacheline, what it holds moves on
-    // before the header is written.
+    // If the region has moved to a different offset in a cache line, its contents move
+    // before the new header overwrites them.
     std::size_t const after = sizeof(record) + sizeof(detail::block) + padding_for(moved);
     if (after != before)
         std::memmove(moved + after, moved + before, std::min(old, bytes));

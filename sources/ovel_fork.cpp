@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// Forks of the process. The thread that forks takes the library's locks before, so that
-// nothing they guard is half changed in the child, where that thread is the only one. What
-// threads work on without a lock, the rings of their allocators, may be half changed still.
+// Forks of the process. The thread that forks takes the library's locks first, so that
+// nothing they guard is half changed in the child, where it is the only thread. The rings of
+// other threads' allocators, which need no lock, may be half changed.
 //
-// Lock order: the pool's, by which forks exclude each other; all allocators' but the global
-// one's; the global one's; the kernel services' own. A thread that holds an allocator's lock
-// waits for the global one's at most, which is not held while another one is waited for.
+// Lock order: the pool's lock, which also serializes forks; the locks of all allocators but
+// the global one; the global allocator's; those of the kernel services. A thread that holds
+// an allocator's lock waits for the global one's only, and no thread waits for another lock
+// while it holds that one.
 
 #include "kernel.h"
 #include "ovel_allocator.h"
@@ -23,7 +24,7 @@ namespace ovel::detail {
 
 namespace {
 
-// Threads that waited for it are no more.
+// The threads that waited for it do not exist in the child.
 void free_in_child(semaphore& lock, unsigned int spin) {
     std::destroy_at(&lock);
     std::construct_at(&lock, 1, spin);
@@ -31,10 +32,11 @@ void free_in_child(semaphore& lock, unsigned int spin) {
 
 }  // namespace
 
-// Allocators are registered, at the front of their list, while others are locked.
+// Other threads may register further allocators, at the front of the list, while this one
+// locks those behind.
 void process_hooks::_lock_allocators() {
     semaphore& registry = allocator_group::global()->global_allocator()->_lock;
-    allocator* locked = nullptr;  // with all behind it
+    allocator* locked = nullptr;  // this and all behind it
     for (registry.acquire(); allocator::_allocators != locked; registry.acquire()) {
         allocator* const first = allocator::_allocators;
         registry.release();
@@ -52,9 +54,9 @@ void process_hooks::_unlock_allocators() {
     allocator::_global_allocator->_lock.release();
 }
 
-// An allocator that was deactivated is whole, and serves whom it is given to next. One that
-// served another thread is left as it is: it takes in what is freed of it, and nobody works
-// on its rings. Where there are forks the quick pointer tells what serves this thread.
+// A deactivated allocator is consistent, and may serve a thread of the child. One that was
+// serving another thread stays activated: it accepts freed blocks as pending, and no thread
+// uses its rings. Where there are forks, the quick pointer holds this thread's allocator.
 void process_hooks::_inherit_allocators() {
     allocator* const own = static_cast<allocator*>(quick_pointer());
     allocator::_released_allocators = nullptr;
@@ -81,8 +83,8 @@ void process_hooks::in_parent() {
     thread_element_group::global()->_lock.release();
 }
 
-// The pool has no thread left, and its lock polls as little as the one built at load. The
-// recycler and the clock start anew when they are next used.
+// The pool has no threads left. Its lock does not poll, like the one built at load. The
+// recycler and the clock start again when they are next used.
 void process_hooks::in_child() {
     _inherit_allocators();
     thread_element_group& pool = *thread_element_group::global();

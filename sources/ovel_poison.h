@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// Marks memory that no program may touch, in builds for AddressSanitizer: of a chunk
-// everything but the memory of blocks in use. In all other builds it does nothing.
+// Poisons memory that no program may touch, in builds for AddressSanitizer: everything in a
+// chunk except the memory of blocks in use. In all other builds it does nothing.
 //
-// OVEL_POISON is defined for all sources, while those that read a chunk's own words are
-// compiled without the sanitizer's checks.
+// OVEL_POISON is defined for all sources. Those that read a chunk's own fields are compiled
+// without the sanitizer's checks.
 #ifndef OVEL_POISON_H
 #define OVEL_POISON_H
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Forks. The child has a copy of the memory and one thread: what another thread held or
-// had half done stays so for ever. The library's handlers therefore take its locks, and
-// the layer its own inside them, so that nobody is in the middle of anything then.
+// Forks. The child has a copy of the memory and one thread. A lock that another thread held
+// at the fork would stay locked for ever, and its data half changed. So the library's
+// handlers take its locks before the fork, and the layer takes its own inside them.
 
 #include "linux/fork.h"
 
@@ -35,12 +35,12 @@ void after_fork_in_parent() {
     library.in_parent();
 }
 
-// The locks belong to the thread that has taken them, which is this one.
+// This thread has taken the locks before the fork, and so owns them in the child.
 void after_fork_in_child() {
     unsigned long const former = current_thread_id;
     current_thread_id = 0;
     ++detail::process_generation_word;
-    if (former != 0)  // else it owns nothing
+    if (former != 0)  // otherwise it owns nothing
         detail::inherit_named_mutexes(former, GetCurrentThreadId());
     unlock();
     library.in_child();

@@ -11,8 +11,7 @@
 
 #include <new>
 
-// Of a leak checker, if there is one: what memory that it did not hand out leads to
-// is in use.
+// Part of a leak checker, if there is one: memory that this memory points to is not leaked.
 extern "C" [[gnu::weak]] void __lsan_register_root_region(void const* begin, std::size_t size);
 extern "C" [[gnu::weak]] void __lsan_unregister_root_region(void const* begin, std::size_t size);
 
@@ -22,22 +21,22 @@ namespace {
 
 constexpr std::size_t page = 4096;  // of x86
 
-// Regions are cut from mappings. Each begins one cache line further along its pages than
-// the one before; otherwise the busy lines of all would compete for the same few sets of
-// the cache. So neighbours share a page. Freeing a region returns the pages that no other
-// region in use shares. Freeing the last region of a mapping returns the mapping.
+// Regions are cut from mappings. Each begins one cache line further into its pages than the
+// one before. Otherwise the busy lines of all regions would compete for the same few cache
+// sets. So neighbours share a page. Freeing a region returns the pages that no other region
+// in use shares. Freeing the last region of a mapping returns the mapping.
 struct mapping {
     static constexpr std::size_t length = 1 << 20;  // and its alignment
     static constexpr std::size_t step = region_length + sizeof(cacheline);
     static constexpr unsigned int regions = 15;
     static constexpr unsigned int all = (1u << regions) - 1;
 
-    mapping* next;       // in the list of those with a region free, while it is one
+    mapping* next;       // in the list of mappings with a free region
     mapping** previous;  // what points to this
     unsigned int taken;  // bit i: region i
 };
 
-// Where region 0 begins in a mapping, at most.
+// The largest offset of region 0 in a mapping.
 constexpr std::size_t most_before = 2 * sizeof(cacheline);
 static_assert(sizeof(mapping) <= sizeof(cacheline));
 static_assert(most_before + mapping::regions * mapping::step <= mapping::length);
@@ -58,21 +57,21 @@ void unlink(mapping& one) {
         one.next->previous = one.previous;
 }
 
-// Maps memory, at `where` or nowhere if that is not null. Null when the system has none.
+// Maps memory, only at `where` if that is not null. Null when the system has none.
 char* map_memory(std::size_t length, char* where = nullptr) {
     int const flags = MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE;
     void* const memory = mmap(where, length, PROT_READ | PROT_WRITE,
                               flags | (where != nullptr ? MAP_FIXED_NOREPLACE : 0), -1, 0);
     if (memory == MAP_FAILED)
         return nullptr;
-    // A system that does not know that flag maps it elsewhere.
+    // A kernel that does not know the flag may map it elsewhere.
     if (where == nullptr || memory == where)
         return static_cast<char*>(memory);
     munmap(memory, length);
     return nullptr;
 }
 
-// How far it is from an address to the next mapping's.
+// The distance from an address to the next possible start of a mapping.
 std::size_t to_boundary(char const* address) {
     return -reinterpret_cast<std::size_t>(address) & (mapping::length - 1);
 }
@@ -86,7 +85,7 @@ char* map_aligned() {
         munmap(wide + before + mapping::length, mapping::length - before);
         return wide + before;
     }
-    // There may be room for just one: at the end of a gap, or elsewhere in it.
+    // The address space may have room for only one, at the end of a gap or inside it.
     char* const exact = map_memory(mapping::length);
     if (exact == nullptr)
         return nullptr;
@@ -167,7 +166,7 @@ void kernel::free_region(void* region) {
         munmap(begin, mapping::length);
         return;
     }
-    // Page 0 has the fields of the mapping itself.
+    // Page 0 contains the fields of the mapping.
     bool const alone_before = place != 0 && (home.taken & 1u << (place - 1)) == 0;
     bool const alone_behind = (home.taken & 1u << (place + 1)) == 0;
     std::size_t const first = (offset + (alone_before ? 0 : page - 1)) / page * page;
