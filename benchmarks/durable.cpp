@@ -3,9 +3,9 @@
 // its single table.
 //
 // A member's transaction commits what it has fired and claims the next batch. The worker
-// does the same: in one transaction it deletes the rows that it has worked on, inserts
-// the results, and marks the next rows as its own. The worker has no capacities, no
-// takeover and no structure; it is the bound.
+// does the same: in one transaction it deletes the rows that it has worked on and still
+// holds, inserts their results, and marks the next rows as its own. The worker has no
+// capacities, no takeover, no wake-ups and no structure; it is the bound.
 #include "ovel_benchmark.h"
 #include "ovel_durable.h"
 #include "ovel_durable_server.h"
@@ -130,8 +130,9 @@ double work_on_server(run const& what) {
         own.run(
             "SET plan_cache_mode = force_generic_plan; SET enable_seqscan = off; SET jit = off");
         own.prepare("WITH gone AS (DELETE FROM " + table +
-                    " WHERE id = ANY ($1::bigint[])), put AS (INSERT INTO " + table +
-                    " (place, value) SELECT 2, v FROM unnest($2::bytea[]) v) UPDATE " + table +
+                    " t USING unnest($1::bigint[], $2::bytea[]) AS g (id, value) WHERE t.id = g.id "
+                    "AND t.holder = $3::bigint RETURNING g.value), put AS (INSERT INTO " +
+                    table + " (place, value) SELECT 2, value FROM gone) UPDATE " + table +
                     " SET holder = $3::bigint WHERE id = ANY (ARRAY(SELECT id FROM " + table +
                     " WHERE place = 1 AND holder IS NULL ORDER BY id LIMIT $4::bigint FOR UPDATE "
                     "SKIP LOCKED)) RETURNING id, value");
@@ -216,7 +217,7 @@ double work_in_file(std::string const& file, run const& what) {
         static_cast<int>(what.members), ovel_benchmark::placement::anywhere, [&](int member) {
             connection const own = open();
             command begin(own.get(), "BEGIN IMMEDIATE"), commit(own.get(), "COMMIT"),
-                remove(own.get(), "DELETE FROM " + table + " WHERE id = ?"),
+                remove(own.get(), "DELETE FROM " + table + " WHERE id = ? AND holder = ?"),
                 insert(own.get(), "INSERT INTO " + table + " (place, value) VALUES (2, ?)"),
                 take(own.get(), "UPDATE " + table + " SET holder = ? WHERE id IN (SELECT id FROM " +
                                     table +
@@ -226,8 +227,9 @@ double work_in_file(std::string const& file, run const& what) {
             do {
                 begin.run();
                 for (auto const& [id, value] : held) {
-                    remove.run({id});
-                    insert.run({value});
+                    remove.run({id, std::to_string(member)});
+                    if (sqlite3_changes(own.get()) == 1)
+                        insert.run({value});
                 }
                 held.clear();
                 take.run({std::to_string(member), std::to_string(what.batch)},

@@ -2,6 +2,7 @@
 // What a net is to the program that holds it: calls of clients, and the life of a member.
 #include "ovel_durable_member.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -34,6 +35,10 @@ void bell::ring() {
 void bell::silence() {
     eventfd_t count;
     eventfd_read(_file, &count);
+}
+void bell::wait(double seconds) const {
+    pollfd heard{_file, POLLIN, 0};
+    poll(&heard, 1, static_cast<int>(std::clamp(1e3 * seconds, 0.0, 1e6)) + 1);
 }
 
 member::member(connector connect, std::string name, options chosen)
@@ -79,6 +84,13 @@ void member::search::found() {
     if (_end)
         _of._report("the connection to the store is back");
     _end.reset();
+}
+
+// For the seconds that it returns.
+double member::_watch(store& with, std::string const& watcher) const {
+    double const seconds = 4 * _chosen.poll + 1;
+    with.watch(_numbers.net, watcher, seconds);
+    return seconds;
 }
 
 // Runs `work` with a connection. `work` is repeated on another one when that is lost, so it
@@ -142,6 +154,7 @@ void member::start(std::optional<std::vector<std::string>> const& names) {
     }
     _alarm.silence();
     _over.silence();
+    _watch_end = clock_type::now();
     _budget = _chosen.firings;
     _quantity = std::min(_threads, _chosen.batch);
     _hot.clear();
@@ -193,40 +206,29 @@ void member::_throw_failure() {
 
 bool member::join(time const* deadline) {
     assure(_running);
-    moment const end = after(deadline == nullptr ? 1e9 : (*deadline - time::now()).seconds());
-    try {
-        if (!_wait_for_rest(end))
-            return false;
-    } catch (...) {
-        fail(std::current_exception());
-    }
+    if (!_wait_for_rest(after(deadline == nullptr ? 1e9 : (*deadline - time::now()).seconds())))
+        return false;
     stop();
     _throw_failure();
     return true;
 }
 
-// False when `end` has passed before.
+// False when `end` has passed before. The server looks: what it is busy with is not at rest,
+// so nobody else needs to ask the store. Only a look that began after this call counts.
 bool member::_wait_for_rest(moment const& end) {
-    std::string const watcher = _new_key();
-    return _borrow([&](store& with) {
-        for (;;) {
-            _watch(with, watcher);
-            rest_state const seen = with.rest(_numbers.net);
-            bool over = !seen.failure.empty() || (!seen.claims && seen.enabled.empty());
-            {
-                std::lock_guard const hold(_lock);
-                over = over || _halted;
-                if (_failure == nullptr && !seen.failure.empty())
-                    _failure = std::make_exception_ptr(error(seen.failure));
-            }
-            double const left = seconds_until(end);
-            if (over || left <= 0) {
-                with.unwatch(watcher);
-                return over;
-            }
-            with.wait(std::min(left, _chosen.poll), _over.file());
-        }
-    });
+    std::unique_lock hold(_lock);
+    std::uint64_t const question = ++_questions;
+    _bell.ring();
+    while (!_halted && _at_rest < question) {
+        hold.unlock();
+        double const left = seconds_until(end);
+        if (left <= 0)
+            return false;
+        _over.wait(left);
+        _over.silence();
+        hold.lock();
+    }
+    return true;
 }
 
 std::string member::_new_key() {
@@ -252,12 +254,14 @@ answer member::_call(std::function<answer(store&, call const&)> const& once, key
     }
     answer const made = _borrow([&](store& with) {
         bool watches = false;
+        double pause = 0.05;  // at first, for a transaction that was under way at that moment
         answer got = once(with, asked);
         while (got.result == answer::busy || (wait && got.result != answer::done)) {
             if (got.result == answer::busy) {
                 with.wait(0.001, _alarm.file());
             } else if (watches) {
-                with.wait(_chosen.poll, _alarm.file());
+                with.wait(std::min(pause, _chosen.poll), _alarm.file());
+                pause = _chosen.poll;
                 _throw_failure();
                 if (std::string const failure = with.rest(_numbers.net).failure; !failure.empty())
                     throw error(failure);
@@ -269,8 +273,6 @@ answer member::_call(std::function<answer(store&, call const&)> const& once, key
         }
         if (watches)
             with.unwatch(watcher);
-        if (got.result == answer::done)
-            with.tell(_numbers.net);
         return got;
     });
     if (asked.own) {

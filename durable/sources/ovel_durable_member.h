@@ -48,6 +48,7 @@ public:
 
     void ring();
     void silence();
+    void wait(double seconds) const;
     int file() const {
         return _file;
     }
@@ -81,7 +82,6 @@ private:
     // A firing that has ended.
     struct end {
         outcome made;
-        std::int64_t transition;
         enum { committed, returned, kept } what;
     };
 
@@ -105,9 +105,7 @@ private:
     auto _borrow(Work const& work);
     answer _call(std::function<answer(store&, call const&)> const& once, key const* named,
                  bool wait);
-    void _watch(store& with, std::string const& watcher) const {
-        with.watch(_numbers.net, watcher, 2 * _chosen.poll + 1);
-    }
+    double _watch(store& with, std::string const& watcher) const;
     bool _wait_for_rest(moment const& end);
     static std::string _new_key();
     void _report(std::string const& what) const;
@@ -117,6 +115,7 @@ private:
     void _serve();
     void _work();
     bool _decide();
+    bool _is_idle() const;
     void _look();
     void _turn();
     void _settle(turn const& asked, turned const& made);
@@ -147,13 +146,14 @@ private:
     bool _failure_is_ours = false;  // so the store is to be told
     bool _halted = false;
     std::vector<end> _finished;
-    std::size_t _unfinished = 0;  // claims that the group has
-    moment _oldest;               // when the first of `_finished` came
-    bool _waits = false;          // the server, on its bell
+    std::size_t _unfinished = 0;   // claims that the group has
+    moment _oldest;                // when the first of `_finished` came
+    bool _waits = false;           // the server, on its bell
+    std::uint64_t _questions = 0;  // how often `join` has asked whether the net rests
+    std::uint64_t _at_rest = 0;    // the last of these that was answered by yes
     bell _bell;
-    // These stay rung: for clients once the net has failed, for `join` once it is halted.
-    bell _alarm;
-    bell _over;
+    bell _alarm;  // stays rung once the net has failed
+    bell _over;   // rung for `join` when the member is halted, or the net rests
 
     // The server's own, and its starter's.
     std::int64_t _member = 0;
@@ -166,8 +166,11 @@ private:
     moment _next_renewal;
     unsigned int _misses = 0;  // claims in a row that others had got first
     bool _take_over = false;
+    std::uint64_t _looked = 0;  // the last question that it has looked for
     std::string const _watcher = _new_key();
-    bool _watching = false;
+    moment _watch_end;           // until then the store tells it of changes
+    bool _watch_begins = false;  // and may not tell of those under way when that began
+    bool _short = false;         // what it claimed lasts so short that it claims ahead
     std::unique_ptr<store> _store;
     std::vector<outcome> _pending;
     std::set<std::pair<std::int64_t, std::int64_t>> _own;  // numbers and epochs of its claims

@@ -135,6 +135,9 @@ private:
     void _add(blob const& bytes) {
         _add(binary, bytes.bytes);
     }
+    void _add(std::string const* bytes) {
+        _add(binary, *bytes);
+    }
     void _add(std::vector<std::int64_t> const& numbers) {
         _add(integers_8, array_of(numbers, integer_8, [](std::string& to, std::int64_t number) {
                  write<std::int32_t>(to, 8);
@@ -192,14 +195,14 @@ public:
     void watch(std::int64_t net, std::string const& watcher, double seconds) override;
     void tell(std::int64_t net) override {
         _execute(
-            "SELECT pg_notify('ovel_durable_' || $1::text, '')::text WHERE EXISTS (SELECT 1 "
-            "FROM watchers WHERE net = $1 AND until > {now})",
+            "SELECT pg_notify('ovel_durable_' || $1::text, '')::text WHERE EXISTS (SELECT 1 FROM "
+            "watchers WHERE net = $1 AND until > {now})",
             {net});
     }
     bool wait(double seconds, int bell) override;
 
 protected:
-    rows _execute_once(std::string const& statement, row const& given) override;
+    rows _execute_once(std::string_view statement, row const& given) override;
     void _begin(access wanted) override {
         _run(wanted == writing ? "BEGIN ISOLATION LEVEL READ COMMITTED"
                                : "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY");
@@ -236,11 +239,14 @@ private:
     void _run(char const* statement) {
         _check(result(PQexec(_connection.get(), statement), &PQclear));
     }
+    std::string const& _name_of(std::string_view statement, parameters const& given);
+    bool _hear();
     result _check(result made);
 
     std::unique_ptr<PGconn, void (*)(PGconn*)> _connection;
-    std::unordered_map<std::string, std::string> _prepared;  // the names, by the texts
+    text_map<std::string> _prepared;  // the names, by the texts
     bool _listens = false;
+    bool _told = false;  // of a change, since the last `wait`
 };
 
 postgresql_store::postgresql_store(std::string const& url) : _connection(nullptr, &PQfinish) {
@@ -276,34 +282,49 @@ result postgresql_store::_check(result made) {
     throw error("the store: " + what);
 }
 
-rows postgresql_store::_execute_once(std::string const& statement, row const& given) {
-    parameters const sent(given);
-    auto const [known, added] = _prepared.try_emplace(statement);
-    if (added) {
-        known->second.assign(1, 's').append(std::to_string(_prepared.size()));
+// The name of the prepared statement.
+std::string const& postgresql_store::_name_of(std::string_view statement, parameters const& given) {
+    auto known = _prepared.find(statement);
+    if (known == _prepared.end()) {
+        std::string const name = 's' + std::to_string(_prepared.size());
         static constexpr char placeholder[] = "{now}";
-        std::string real = statement;
+        std::string real(statement);
         for (std::size_t at; (at = real.find(placeholder)) != real.npos;)
             real.replace(at, sizeof placeholder - 1, "clock()");
-        try {
-            _check(result(PQprepare(_connection.get(), known->second.c_str(), real.c_str(),
-                                    static_cast<int>(sent.types.size()), sent.types.data()),
-                          &PQclear));
-        } catch (...) {
-            _prepared.erase(known);
-            throw;
-        }
-    }
-    result const made =
-        _check(result(PQexecPrepared(_connection.get(), known->second.c_str(),
-                                     static_cast<int>(sent.values.size()), sent.values.data(),
-                                     sent.lengths.data(), sent.formats.data(), 1),
+        _check(result(PQprepare(_connection.get(), name.c_str(), real.c_str(),
+                                static_cast<int>(given.types.size()), given.types.data()),
                       &PQclear));
-    rows read(static_cast<std::size_t>(PQntuples(made.get())));
+        known = _prepared.emplace(statement, name).first;
+    }
+    return known->second;
+}
+
+rows rows_of(PGresult* made) {
+    rows read(static_cast<std::size_t>(PQntuples(made)));
     for (std::size_t i = 0; i < read.size(); ++i)
-        for (int column = 0; column < PQnfields(made.get()); ++column)
-            read[i].push_back(field(made.get(), static_cast<int>(i), column));
+        for (int column = 0; column < PQnfields(made); ++column)
+            read[i].push_back(field(made, static_cast<int>(i), column));
     return read;
+}
+
+rows postgresql_store::_execute_once(std::string_view statement, row const& given) {
+    parameters const sent(given);
+    std::string const& name = _name_of(statement, sent);
+    result const made = _check(
+        result(PQexecPrepared(_connection.get(), name.c_str(), static_cast<int>(sent.values.size()),
+                              sent.values.data(), sent.lengths.data(), sent.formats.data(), 1),
+               &PQclear));
+    _hear();
+    return rows_of(made.get());
+}
+
+// Reads what notifications have come.
+bool postgresql_store::_hear() {
+    while (PGnotify* const note = PQnotifies(_connection.get())) {
+        PQfreemem(note);
+        _told = true;
+    }
+    return _told;
 }
 
 void postgresql_store::_make_tables() {
@@ -328,8 +349,10 @@ void postgresql_store::_furnish(std::int64_t place, place_entry const& made) {
 }
 
 turned postgresql_store::take_turn(std::int64_t net, std::int64_t member, turn const& asked) {
-    std::vector<std::int64_t> numbers, epochs, put_claims, put_places, spare_claims, spare_places,
-        spare_slots, back_numbers, back_epochs;
+    using list = std::vector<std::int64_t>;
+    list numbers, epochs, put_claims, put_places, freed_claims, freed_places, freed_slots,
+        back_numbers, back_epochs, in_places, in_weights, in_ends, out_places, out_weights,
+        out_ends;
     std::vector<blob> put_values;
     for (outcome const& each : asked.ended) {
         numbers.push_back(each.number);
@@ -339,38 +362,63 @@ turned postgresql_store::take_turn(std::int64_t net, std::int64_t member, turn c
             put_places.push_back(place);
             put_values.push_back({bytes});
         }
-        for (auto const& [place, slots] : each.spare) {
-            spare_claims.push_back(each.number);
-            spare_places.push_back(place);
-            spare_slots.push_back(slots);
-        }
+        auto const free = [&](std::int64_t place, std::int64_t slots) {
+            freed_claims.push_back(each.number);
+            freed_places.push_back(place);
+            freed_slots.push_back(slots);
+        };
+        for (auto const& [place, slots] : each.spare)
+            free(place, slots);
+        for (placed_arc const& from : _arcs(each.transition))
+            if (from.input)
+                free(from.place, from.weight);
     }
     for (auto const& [number, epoch] : asked.returned) {
         back_numbers.push_back(number);
         back_epochs.push_back(epoch);
     }
-    turned made;
-    for (row& each :
-         _execute("SELECT * FROM take_turn($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, "
-                  "$13, $14, $15)",
-                  {net, member, numbers, epochs, put_claims, put_places, put_values, spare_claims,
-                   spare_places, spare_slots, back_numbers, back_epochs, asked.wanted, asked.most,
-                   std::int64_t{asked.take_over}})) {
-        if (integer(each[0]) == 0) {
-            made.committed.push_back(integer(each[1]));
-        } else if (integer(each[0]) == 1) {
-            made.returned.push_back(integer(each[1]));
-        } else {
-            claim& own =
-                made.claims.emplace_back(claim{integer(each[1]),
-                                               integer(each[2]),
-                                               integer(each[3]),
-                                               std::get<std::vector<std::int64_t>>(each[4]),
-                                               {}});
-            for (blob& bytes : std::get<std::vector<blob>>(each[5]))
-                own.values.push_back(std::move(bytes.bytes));
+    for (std::int64_t const each : asked.wanted) {
+        for (placed_arc const& arc : _arcs(each)) {
+            (arc.input ? in_places : out_places).push_back(arc.place);
+            (arc.input ? in_weights : out_weights).push_back(arc.weight);
         }
+        in_ends.push_back(static_cast<std::int64_t>(in_places.size()));
+        out_ends.push_back(static_cast<std::int64_t>(out_places.size()));
     }
+    turned made;
+    bool watched = false;
+    for (row& each : _execute(
+             "SELECT * FROM take_turn($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13, $14, "
+             "$15, $16, $17, $18, $19, $20, $21)",
+             {net,          member,      numbers,      epochs,       put_claims,
+              put_places,   put_values,  freed_claims, freed_places, freed_slots,
+              back_numbers, back_epochs, asked.wanted, asked.most,   std::int64_t{asked.take_over},
+              in_places,    in_weights,  in_ends,      out_places,   out_weights,
+              out_ends}))
+        switch (integer(each[0])) {
+            case 0:
+                made.committed.push_back(integer(each[1]));
+                break;
+            case 1:
+                made.returned.push_back(integer(each[1]));
+                break;
+            case 2: {
+                claim& own =
+                    made.claims.emplace_back(claim{integer(each[1]),
+                                                   integer(each[2]),
+                                                   integer(each[3]),
+                                                   std::get<std::vector<std::int64_t>>(each[4]),
+                                                   {}});
+                for (blob& bytes : std::get<std::vector<blob>>(each[5]))
+                    own.values.push_back(std::move(bytes.bytes));
+                break;
+            }
+            default:
+                watched = true;
+        }
+    // In the same transaction the notification would make others wait for its write to the disk.
+    if (watched)
+        tell(net);
     return made;
 }
 
@@ -388,9 +436,12 @@ answer result_of(std::int64_t number) {
 
 answer postgresql_store::put(std::int64_t net, std::int64_t place, std::string const& bytes,
                              call const& named) {
-    return result_of(integer(_execute("SELECT put_token($1, $2, $3, $4, $5, $6)",
-                                      {net, place, blob{bytes}, named.key, std::int64_t{named.own},
-                                       joined(named.forget)})[0][0]));
+    answer const made = result_of(integer(_execute(
+        "SELECT put_token($1, $2, $3, $4, $5, $6)",
+        {net, place, &bytes, named.key, std::int64_t{named.own}, joined(named.forget)})[0][0]));
+    if (made.result == answer::done)
+        tell(net);
+    return made;
 }
 
 answer postgresql_store::take(std::int64_t net, std::int64_t place, call const& named) {
@@ -398,8 +449,10 @@ answer postgresql_store::take(std::int64_t net, std::int64_t place, call const& 
         _execute("SELECT * FROM take_token($1, $2, $3, $4, $5)",
                  {net, place, named.key, std::int64_t{named.own}, joined(named.forget)})[0];
     answer taken = result_of(integer(made[0]));
-    if (taken.result == answer::done)
-        taken.taken = taken_by(named.key, made[1], made[2]);
+    if (taken.result != answer::done)
+        return taken;
+    tell(net);
+    taken.taken = taken_by(named.key, made[1], made[2]);
     return taken;
 }
 
@@ -407,6 +460,7 @@ void postgresql_store::watch(std::int64_t net, std::string const& watcher, doubl
     if (!_listens)
         _run(("LISTEN ovel_durable_" + std::to_string(net)).c_str());
     _listens = true;
+    _told = false;
     sql_store::watch(net, watcher, seconds);
 }
 
@@ -416,13 +470,10 @@ bool postgresql_store::wait(double seconds, int bell) {
         if (PQconsumeInput(_connection.get()) == 0)
             throw unreachable("the connection to the store is lost: " +
                               first_line(PQerrorMessage(_connection.get())));
-        bool told = false;
-        while (PGnotify* const note = PQnotifies(_connection.get())) {
-            PQfreemem(note);
-            told = true;
-        }
-        if (told)
+        if (_hear()) {
+            _told = false;
             return true;
+        }
         auto const left =
             std::chrono::duration<double, std::milli>(end - clock_type::now()).count();
         if (left <= 0)

@@ -65,7 +65,7 @@ void member::_serve() {
 // On a new connection: claims whose transaction was not answered are given up.
 void member::_return_to() {
     _store->renew(_numbers.net, _member, _name, _chosen.lease);
-    _watching = false;
+    _watch_end = clock_type::now();
     std::set<std::pair<std::int64_t, std::int64_t>> there;
     for (claim const& each : _store->claims_of(_member)) {
         there.emplace(each.number, each.epoch);
@@ -96,8 +96,10 @@ void member::_work() {
 bool member::_decide() {
     std::unique_lock hold(_lock);
     for (;;) {
-        if (_budget == 0 && _unfinished == 0 && _finished.empty() && _pending.empty())
+        if (_budget == 0 && !_halted && _unfinished == 0 && _finished.empty() && _pending.empty()) {
             _halted = true;
+            _over.ring();
+        }
         if (_halted && _unfinished == 0 && _finished.empty() && _pending.empty())
             return false;
         if (_failure_is_ours) {
@@ -109,7 +111,7 @@ bool member::_decide() {
             hold.lock();
         }
         moment next = _next_renewal;
-        bool const idle = !_halted && _unfinished < _threads;
+        bool const idle = _is_idle();
         if (!_pending.empty() || (idle && _budget != 0 && (!_hot.empty() || _take_over)))
             return true;
         if (!_finished.empty()) {
@@ -118,18 +120,29 @@ bool member::_decide() {
             next =
                 std::min(next, _oldest + std::chrono::microseconds(static_cast<int>(1e6 * linger)));
         }
+        if (idle && _looked != _questions)
+            _next_look = clock_type::now();
         if (idle)
             next = std::min(next, _next_look);
         if (seconds_until(next) <= 0)
             return true;
         _waits = true;
         hold.unlock();
-        if (_store->wait(seconds_until(next), _bell.file()))
+        // While all threads are busy there is nothing to look for.
+        if (!idle || seconds_until(_watch_end) <= 0)
+            _bell.wait(seconds_until(next));
+        else if (_store->wait(seconds_until(next), _bell.file()))
             _next_look = clock_type::now();
         hold.lock();
         _waits = false;
         _bell.silence();
     }
+}
+
+// Whether it can claim more, under _lock. When bodies are short, the next ones are claimed
+// while the group runs the last, so that neither waits for the other.
+bool member::_is_idle() const {
+    return !_halted && (_unfinished < _threads || (_short && _unfinished <= _quantity));
 }
 
 // One transaction, if there is a reason for it.
@@ -148,8 +161,9 @@ void member::_turn() {
             else
                 later.push_back(std::move(each));
         _finished = std::move(later);
-        if (!_halted && _unfinished < _threads && _budget != 0 && (!_hot.empty() || _take_over)) {
+        if (_is_idle() && _budget != 0 && (!_hot.empty() || _take_over)) {
             double const lasted = -seconds_until(_last_claim);
+            _short = lasted < too_short;
             if (lasted < too_short)
                 _quantity = std::min<std::size_t>(2 * _quantity, _chosen.batch);
             else if (lasted > too_long)
@@ -178,8 +192,6 @@ void member::_turn() {
     _settle(asked, made);
     if (!asked.wanted.empty())
         _learn(asked, made);
-    if (!asked.ended.empty() || !asked.returned.empty())
-        _store->tell(_numbers.net);
 }
 
 // What has been committed and given back is no longer the member's; and what was not has
@@ -227,8 +239,9 @@ void member::_learn(turn const& asked, turned const& made) {
 void member::_look() {
     {
         std::lock_guard const hold(_lock);
-        if (_halted || _unfinished >= _threads || seconds_until(_next_look) > 0)
+        if (!_is_idle() || seconds_until(_next_look) > 0)
             return;
+        _looked = _questions;
     }
     rest_state const seen = _store->rest(_numbers.net);
     if (!seen.failure.empty()) {
@@ -240,23 +253,33 @@ void member::_look() {
         _alarm.ring();
         return halt();
     }
+    if (!seen.claims && seen.enabled.empty()) {
+        {
+            std::lock_guard const hold(_lock);
+            _at_rest = _looked;
+        }
+        _over.ring();
+    }
     for (std::int64_t const each : seen.enabled)
         if (std::find(_mine.begin(), _mine.end(), each) != _mine.end() &&
             std::find(_hot.begin(), _hot.end(), each) == _hot.end())
             _hot.push_back(each);
     _take_over = seen.lost_claims && !_mine.empty();
+    bool const watched = seconds_until(_watch_end) > _chosen.poll;
     if (!_hot.empty() || _take_over) {
-        if (_watching)
+        if (watched)
             _store->unwatch(_watcher);
-        _watching = false;
+        _watch_end = clock_type::now();
         _next_look = after(refresh);
-    } else if (_watching) {
-        _watching = false;
-        _next_look = after(_chosen.poll);
+    } else if (watched) {
+        _next_look = after(_watch_begins ? std::min(refresh, _chosen.poll) : _chosen.poll);
+        _watch_begins = false;
     } else {
-        _watch(*_store, _watcher);
-        _watching = true;
-        _next_look = clock_type::now();
+        _watch_begins = true;
+        // What changed before that has to be looked for once more.
+        moment const begin = clock_type::now();
+        _watch_end = begin + (after(_watch(*_store, _watcher)) - clock_type::now());
+        _next_look = begin;
     }
 }
 
@@ -283,7 +306,7 @@ void member::_leave() noexcept {
 }
 
 void member::_fire(claim& own) {
-    end made{{own.number, own.epoch, {}, {}}, own.transition, end::committed};
+    end made{{own.number, own.epoch, own.transition, {}, {}}, end::committed};
     bool halted;
     {
         std::lock_guard const hold(_lock);
@@ -348,9 +371,10 @@ void member::_finish(end&& made) {
         if (_finished.empty())
             _oldest = clock_type::now();
         _finished.push_back(std::move(made));
+        bool const was_idle = _is_idle();
         --_unfinished;
-        wake = _waits && (_finished.size() == 1 || _unfinished < _threads ||
-                          _finished.size() == _chosen.batch);
+        wake = _waits && (_finished.size() == 1 || _finished.size() == _chosen.batch ||
+                          _unfinished == 0 || was_idle != _is_idle());
     }
     if (wake)
         _bell.ring();

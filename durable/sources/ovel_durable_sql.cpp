@@ -197,6 +197,18 @@ numbers sql_store::_compare(structure const& net, std::int64_t number, std::stri
     return made;
 }
 
+std::vector<sql_store::placed_arc> const& sql_store::_arcs(std::int64_t transition) {
+    auto const known = _known.find(transition);
+    if (known != _known.end())
+        return known->second;
+    std::vector<placed_arc> arcs;
+    for (row const& each :
+         _execute("SELECT place, input, weight FROM arcs WHERE transition = $1 ORDER BY position",
+                  {transition}))
+        arcs.push_back({integer(each[0]), integer(each[1]) != 0, integer(each[2])});
+    return _known.emplace(transition, std::move(arcs)).first->second;
+}
+
 // What members that are long gone have fired is added up, and what clients that are long
 // gone will not ask for again is forgotten.
 void sql_store::_fold() {

@@ -6,7 +6,10 @@
 #include "ovel_durable_store.h"
 
 #include <chrono>
+#include <functional>
+#include <string_view>
 #include <type_traits>
+#include <unordered_map>
 
 namespace ovel::durable::detail {
 
@@ -14,11 +17,19 @@ struct blob {
     std::string bytes;
 };
 
-// A parameter, or a field of a row. The last two are of PostgreSQL only.
+// A parameter, or a field of a row. A pointer is to the bytes of a blob that are kept elsewhere;
+// no field is one. Only PostgreSQL has the last two.
 using value = std::variant<std::monostate, std::int64_t, double, std::string, blob,
-                           std::vector<std::int64_t>, std::vector<blob>>;
+                           std::string const*, std::vector<std::int64_t>, std::vector<blob>>;
 using row = std::vector<value>;
 using rows = std::vector<row>;
+
+// By texts that are looked up without a copy.
+struct text_hash : std::hash<std::string_view> {
+    using is_transparent = void;
+};
+template <class Mapped>
+using text_map = std::unordered_map<std::string, Mapped, text_hash, std::equal_to<>>;
 
 // Another connection is in the way and will not be for long. The statement, or the whole
 // transaction that it was part of, did nothing and can be repeated on this connection.
@@ -51,7 +62,7 @@ protected:
     // Runs one statement, which is prepared once. Parameters are $1, $2 and so on, and
     // {now} stands for the database's clock, in seconds. Repeats it while the database is
     // busy, unless it is part of a transaction: then `_within` repeats all of that.
-    rows _execute(std::string const& statement, row const& parameters) {
+    rows _execute(std::string_view statement, row const& parameters) {
         auto const once = [&] {
             return _execute_once(statement, parameters);
         };
@@ -59,7 +70,7 @@ protected:
     }
 
     // The following throw `busy` at once.
-    virtual rows _execute_once(std::string const& statement, row const& parameters) = 0;
+    virtual rows _execute_once(std::string_view statement, row const& parameters) = 0;
     virtual void _begin(access wanted) = 0;
     virtual void _commit() = 0;
     virtual void _roll_back() noexcept = 0;
@@ -75,6 +86,14 @@ protected:
 
     // The transitions of a net that are enabled: their numbers, for a subquery.
     virtual std::string _enabled() const = 0;
+
+    // An arc of a transition, by the number of its place. They never change.
+    struct placed_arc {
+        std::int64_t place;
+        bool input;
+        std::int64_t weight;
+    };
+    std::vector<placed_arc> const& _arcs(std::int64_t transition);
 
     // The tokens that wait in the place p, and its free slots, for a subquery.
     virtual std::string _waiting() const = 0;
@@ -128,7 +147,8 @@ private:
     numbers _compare(structure const& net, std::int64_t number, std::string const& nonce);
     void _fold();
 
-    bool _begun = false;  // a transaction
+    std::unordered_map<std::int64_t, std::vector<placed_arc>> _known;  // arcs by transition
+    bool _begun = false;                                               // a transaction
 };
 
 inline std::int64_t integer(value const& field) {

@@ -40,9 +40,11 @@ CREATE TABLE members (id INTEGER PRIMARY KEY AUTOINCREMENT, net INTEGER NOT NULL
     name TEXT NOT NULL, until REAL NOT NULL);
 CREATE TABLE runs (member INTEGER NOT NULL, transition INTEGER NOT NULL, fired INTEGER NOT NULL,
     PRIMARY KEY (member, transition)) WITHOUT ROWID;
-CREATE TABLE claims (id INTEGER PRIMARY KEY AUTOINCREMENT, net INTEGER NOT NULL,
+CREATE TABLE claims (id INTEGER PRIMARY KEY, net INTEGER NOT NULL,
     transition INTEGER NOT NULL, member INTEGER NOT NULL, epoch INTEGER NOT NULL,
     tokens BLOB NOT NULL);
+CREATE TABLE numbers (next INTEGER NOT NULL);
+INSERT INTO numbers VALUES (1);
 CREATE TABLE watchers (id TEXT PRIMARY KEY, net INTEGER NOT NULL, until REAL NOT NULL);
 CREATE TABLE calls (net INTEGER NOT NULL, key TEXT NOT NULL, own INTEGER NOT NULL,
     token INTEGER, value BLOB, at REAL NOT NULL, PRIMARY KEY (net, key)) WITHOUT ROWID;
@@ -74,10 +76,11 @@ void unpack(std::string const& packed, claim& into) {
     }
 }
 
-// Changes of the counts of a place, and the next number of a token there.
+// Changes of the counts of a place, and the values of tokens that are put there.
 struct change {
     std::int64_t free = 0;
     std::int64_t waiting = 0;
+    std::vector<std::string const*> put = {};
 };
 
 class sqlite_store : public sql_store {
@@ -98,12 +101,12 @@ public:
     bool wait(double seconds, int bell) override;
 
 protected:
-    rows _execute_once(std::string const& statement, row const& parameters) override;
+    rows _execute_once(std::string_view statement, row const& parameters) override;
     void _begin(access wanted) override {
-        _run(wanted == writing ? "BEGIN IMMEDIATE" : "BEGIN");
+        _execute_once(wanted == writing ? "BEGIN IMMEDIATE" : "BEGIN", {});
     }
     void _commit() override {
-        _run("COMMIT");
+        _execute_once("COMMIT", {});
     }
     void _roll_back() noexcept override {
         sqlite3_exec(_database.get(), "ROLLBACK", nullptr, nullptr, nullptr);
@@ -138,20 +141,17 @@ private:
     std::int64_t _version() {
         return integer(_execute("PRAGMA data_version", {})[0][0]);
     }
-    sqlite3_stmt* _statement(std::string const& text);
-    std::vector<arc> _arcs(std::int64_t transition);
-    std::int64_t _put(std::int64_t place, std::string const& value);
+    sqlite3_stmt* _statement(std::string_view text);
     void _apply(changes const& made);
-    void _end(std::int64_t member, turn const& asked, turned& made);
-    void _return(turn const& asked, turned& made);
+    void _end(std::int64_t member, turn const& asked, turned& made, changes& done);
+    void _return(turn const& asked, turned& made, changes& done);
     void _claim(std::int64_t net, std::int64_t member, std::int64_t transition, std::int64_t most,
                 turned& made);
     void _take_over(std::int64_t net, std::int64_t member, turn const& asked, turned& made);
 
     std::string const _file;
     std::unique_ptr<sqlite3, int (*)(sqlite3*)> _database{nullptr, &sqlite3_close};
-    std::unordered_map<std::string, statement> _prepared;
-    std::unordered_map<std::int64_t, std::vector<arc>> _known;  // places by number
+    text_map<statement> _prepared;
     std::int64_t _seen = 0;
 };
 
@@ -182,13 +182,19 @@ void sqlite_store::_throw(int code) {
     throw error(what);
 }
 
-sqlite3_stmt* sqlite_store::_statement(std::string const& text) {
-    statement& known = _prepared.try_emplace(text, nullptr, &sqlite3_finalize).first->second;
+sqlite3_stmt* sqlite_store::_statement(std::string_view text) {
+    auto const found = _prepared.find(text);
+    statement& known =
+        found != _prepared.end()
+            ? found->second
+            : _prepared.try_emplace(std::string(text), nullptr, &sqlite3_finalize).first->second;
     if (known == nullptr) {
         static constexpr char placeholder[] = "{now}";
-        std::string real = text;
+        std::string real(text);
         for (std::size_t at; (at = real.find(placeholder)) != real.npos;)
             real.replace(at, sizeof placeholder - 1, "((julianday('now') - 2440587.5) * 86400.0)");
+        // Numbered by their names, not by where they first stand.
+        std::replace(real.begin(), real.end(), '$', '?');
         sqlite3_stmt* made = nullptr;
         int const code = sqlite3_prepare_v3(_database.get(), real.c_str(), -1,
                                             SQLITE_PREPARE_PERSISTENT, &made, nullptr);
@@ -199,11 +205,10 @@ sqlite3_stmt* sqlite_store::_statement(std::string const& text) {
     return known.get();
 }
 
-rows sqlite_store::_execute_once(std::string const& text, row const& parameters) {
+rows sqlite_store::_execute_once(std::string_view text, row const& parameters) {
     sqlite3_stmt* const statement = _statement(text);
     for (std::size_t i = 0; i < parameters.size(); ++i) {
-        std::string const name = '$' + std::to_string(i + 1);
-        int const at = sqlite3_bind_parameter_index(statement, name.c_str());
+        int const at = static_cast<int>(i) + 1;
         auto const bind = [&](auto const& each) {
             using type = std::remove_cvref_t<decltype(each)>;
             if constexpr (std::is_same_v<type, std::int64_t>)
@@ -216,6 +221,8 @@ rows sqlite_store::_execute_once(std::string const& text, row const& parameters)
             else if constexpr (std::is_same_v<type, blob>)
                 sqlite3_bind_blob64(statement, at, each.bytes.data(), each.bytes.size(),
                                     SQLITE_STATIC);
+            else if constexpr (std::is_same_v<type, std::string const*>)
+                sqlite3_bind_blob64(statement, at, each->data(), each->size(), SQLITE_STATIC);
             else
                 sqlite3_bind_null(statement, at);
         };
@@ -266,46 +273,35 @@ void sqlite_store::_make_tables() {
 }
 
 void sqlite_store::_furnish(std::int64_t place, place_entry const& made) {
-    auto const tokens = static_cast<std::int64_t>(made.initial.size());
-    _execute("INSERT INTO rooms (place, free, waiting, next) VALUES ($1, $2, $3, 1)",
-             {place, static_cast<std::int64_t>(made.capacity) - tokens, tokens});
+    _execute("INSERT INTO rooms (place, free, waiting, next) VALUES ($1, $2, 0, 1)",
+             {place, static_cast<std::int64_t>(made.capacity)});
+    change first;
+    first.free = -static_cast<std::int64_t>(made.initial.size());
     for (std::string const& each : made.initial)
-        _put(place, each);
-}
-
-// Without the counts. Returns the token's number.
-std::int64_t sqlite_store::_put(std::int64_t place, std::string const& value) {
-    std::int64_t const number = integer(_execute(
-        "UPDATE rooms SET next = next + 1 WHERE place = $1 RETURNING next - 1", {place})[0][0]);
-    _execute("INSERT INTO tokens (place, id, value) VALUES ($1, $2, $3)",
-             {place, number, blob{value}});
-    return number;
+        first.put.push_back(&each);
+    _apply({{place, first}});
 }
 
 void sqlite_store::_apply(changes const& made) {
-    for (auto const& [place, by] : made)
-        _execute("UPDATE rooms SET free = free + $2, waiting = waiting + $3 WHERE place = $1",
-                 {place, by.free, by.waiting});
-}
-
-// Those of a transition, with the numbers of their places. They never change.
-std::vector<arc> sqlite_store::_arcs(std::int64_t transition) {
-    auto const [known, added] = _known.try_emplace(transition);
-    if (added)
-        for (row const& each : _execute("SELECT place, input, weight FROM arcs WHERE transition = "
-                                        "$1 ORDER BY position",
-                                        {transition}))
-            known->second.push_back({static_cast<std::size_t>(integer(each[0])),
-                                     integer(each[1]) != 0,
-                                     static_cast<std::uint64_t>(integer(each[2]))});
-    return known->second;
+    for (auto const& [place, by] : made) {
+        auto const tokens = static_cast<std::int64_t>(by.put.size());
+        std::int64_t number = integer(
+            _execute("UPDATE rooms SET free = free + $2, waiting = waiting + $3, next = next + $4 "
+                     "WHERE place = $1 RETURNING next - $4",
+                     {place, by.free, by.waiting + tokens, tokens})[0][0]);
+        for (std::string const* const each : by.put)
+            _execute("INSERT INTO tokens (place, id, value) VALUES ($1, $2, $3)",
+                     {place, number++, each});
+    }
 }
 
 turned sqlite_store::take_turn(std::int64_t net, std::int64_t member, turn const& asked) {
     return _within(writing, [&] {
         turned made;
-        _end(member, asked, made);
-        _return(asked, made);
+        changes done;
+        _end(member, asked, made, done);
+        _return(asked, made, done);
+        _apply(done);
         if (asked.take_over)
             _take_over(net, member, asked, made);
         for (std::int64_t const each : asked.wanted)
@@ -314,8 +310,7 @@ turned sqlite_store::take_turn(std::int64_t net, std::int64_t member, turn const
     });
 }
 
-void sqlite_store::_end(std::int64_t member, turn const& asked, turned& made) {
-    changes done;
+void sqlite_store::_end(std::int64_t member, turn const& asked, turned& made, changes& done) {
     std::map<std::int64_t, std::int64_t> fired;
     for (outcome const& each : asked.ended) {
         rows const own =
@@ -326,18 +321,14 @@ void sqlite_store::_end(std::int64_t member, turn const& asked, turned& made) {
         made.committed.push_back(each.number);
         std::int64_t const transition = integer(own[0][0]);
         ++fired[transition];
-        for (arc const& from : _arcs(transition))
+        for (placed_arc const& from : _arcs(transition))
             if (from.input)
-                done[static_cast<std::int64_t>(from.place)].free +=
-                    static_cast<std::int64_t>(from.weight);
+                done[from.place].free += from.weight;
         for (auto const& [place, slots] : each.spare)
             done[place].free += slots;
-        for (auto const& [place, value] : each.put) {
-            _put(place, value);
-            ++done[place].waiting;
-        }
+        for (auto const& [place, value] : each.put)
+            done[place].put.push_back(&value);
     }
-    _apply(done);
     for (auto const& [transition, count] : fired)
         _execute(
             "INSERT INTO runs (member, transition, fired) VALUES ($1, $2, $3) ON CONFLICT "
@@ -346,8 +337,7 @@ void sqlite_store::_end(std::int64_t member, turn const& asked, turned& made) {
 }
 
 // Only what no other member has had, which may have begun it.
-void sqlite_store::_return(turn const& asked, turned& made) {
-    changes done;
+void sqlite_store::_return(turn const& asked, turned& made, changes& done) {
     for (auto const& [number, epoch] : asked.returned) {
         rows const own = _execute(
             "DELETE FROM claims WHERE id = $1 AND epoch = $2 AND epoch = 1 "
@@ -359,16 +349,13 @@ void sqlite_store::_return(turn const& asked, turned& made) {
         claim back;
         unpack(std::get<blob>(own[0][1]).bytes, back);
         std::size_t next = 0;
-        for (arc const& each : _arcs(integer(own[0][0]))) {
-            auto const place = static_cast<std::int64_t>(each.place);
-            auto const weight = static_cast<std::int64_t>(each.weight);
-            (each.input ? done[place].waiting : done[place].free) += weight;
-            for (std::int64_t i = 0; each.input && i < weight; ++i, ++next)
+        for (placed_arc const& each : _arcs(integer(own[0][0]))) {
+            (each.input ? done[each.place].waiting : done[each.place].free) += each.weight;
+            for (std::int64_t i = 0; each.input && i < each.weight; ++i, ++next)
                 _execute("INSERT INTO tokens (place, id, value) VALUES ($1, $2, $3)",
-                         {place, back.tokens[next], blob{back.values[next]}});
+                         {each.place, back.tokens[next], &back.values[next]});
         }
     }
-    _apply(done);
 }
 
 void sqlite_store::_take_over(std::int64_t net, std::int64_t member, turn const& asked,
@@ -396,42 +383,43 @@ void sqlite_store::_take_over(std::int64_t net, std::int64_t member, turn const&
 
 void sqlite_store::_claim(std::int64_t net, std::int64_t member, std::int64_t transition,
                           std::int64_t most, turned& made) {
-    std::vector<arc> const arcs = _arcs(transition);
+    std::vector<placed_arc> const& arcs = _arcs(transition);
     std::int64_t count = most;
-    for (arc const& each : arcs) {
-        row const room = _execute("SELECT waiting, free FROM rooms WHERE place = $1",
-                                  {static_cast<std::int64_t>(each.place)})[0];
-        count = std::min(
-            count, integer(room[each.input ? 0 : 1]) / static_cast<std::int64_t>(each.weight));
+    for (placed_arc const& each : arcs) {
+        row const room =
+            _execute("SELECT waiting, free FROM rooms WHERE place = $1", {each.place})[0];
+        count = std::min(count, integer(room[each.input ? 0 : 1]) / each.weight);
     }
     if (count == 0)
         return;
     changes done;
     std::vector<std::string> packed(static_cast<std::size_t>(count));
     std::vector<claim> claims(static_cast<std::size_t>(count));
-    for (arc const& each : arcs) {
-        auto const place = static_cast<std::int64_t>(each.place);
-        std::int64_t const all = count * static_cast<std::int64_t>(each.weight);
-        (each.input ? done[place].waiting : done[place].free) -= all;
+    for (placed_arc const& each : arcs) {
+        std::int64_t const all = count * each.weight;
+        (each.input ? done[each.place].waiting : done[each.place].free) -= all;
         if (!each.input)
             continue;
         rows taken = _execute("SELECT id, value FROM tokens WHERE place = $1 ORDER BY id LIMIT $2",
-                              {place, all});
+                              {each.place, all});
         for (std::size_t i = 0; i < taken.size(); ++i) {
-            std::size_t const firing = i / each.weight;
+            std::size_t const firing = i / static_cast<std::size_t>(each.weight);
             std::string& bytes = std::get<blob>(taken[i][1]).bytes;
             append(packed[firing], integer(taken[i][0]), bytes);
             claims[firing].tokens.push_back(integer(taken[i][0]));
             claims[firing].values.push_back(std::move(bytes));
         }
-        _execute("DELETE FROM tokens WHERE place = $1 AND id <= $2", {place, taken.back()[0]});
+        _execute("DELETE FROM tokens WHERE place = $1 AND id <= $2", {each.place, taken.back()[0]});
     }
     _apply(done);
+    std::int64_t number =
+        integer(_execute("UPDATE numbers SET next = next + $1 RETURNING next - $1", {count})[0][0]);
     for (std::size_t i = 0; i < claims.size(); ++i) {
-        claims[i].number =
-            integer(_execute("INSERT INTO claims (net, transition, member, epoch, tokens) VALUES "
-                             "($1, $2, $3, 1, $4) RETURNING id",
-                             {net, transition, member, blob{packed[i]}})[0][0]);
+        claims[i].number = number++;
+        _execute(
+            "INSERT INTO claims (id, net, transition, member, epoch, tokens) VALUES ($1, $2, "
+            "$3, $4, 1, $5)",
+            {claims[i].number, net, transition, member, &packed[i]});
         claims[i].epoch = 1;
         claims[i].transition = transition;
         made.claims.push_back(std::move(claims[i]));
@@ -445,12 +433,11 @@ answer sqlite_store::put(std::int64_t net, std::int64_t place, std::string const
             _execute("DELETE FROM calls WHERE net = $1 AND key = $2", {net, each});
         if (!_execute("SELECT 1 FROM calls WHERE net = $1 AND key = $2", {net, named.key}).empty())
             return {answer::done};
-        if (_execute("UPDATE rooms SET free = free - 1, waiting = waiting + 1 WHERE place = $1 AND "
-                     "free > 0 RETURNING 1",
+        if (_execute("UPDATE rooms SET free = free - 1 WHERE place = $1 AND free > 0 RETURNING 1",
                      {place})
                 .empty())
             return {answer::impossible};
-        _put(place, value);
+        _apply({{place, {0, 0, {&value}}}});
         _execute("INSERT INTO calls (net, key, own, at) VALUES ($1, $2, $3, {now})",
                  {net, named.key, std::int64_t{named.own}});
         return {answer::done};
@@ -472,7 +459,7 @@ answer sqlite_store::take(std::int64_t net, std::int64_t place, call const& name
             {place});
         if (taken.empty())
             return {answer::impossible};
-        _apply({{place, {1, -1}}});
+        _apply({{place, {1, -1, {}}}});
         _execute(
             "INSERT INTO calls (net, key, own, token, value, at) VALUES ($1, $2, $3, $4, $5, "
             "{now})",

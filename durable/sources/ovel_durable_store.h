@@ -88,6 +88,7 @@ struct claim {
 struct outcome {
     std::int64_t number;
     std::int64_t epoch;
+    std::int64_t transition;
     std::vector<std::pair<std::int64_t, std::string>> put;     // place, value
     std::vector<std::pair<std::int64_t, std::int64_t>> spare;  // place, slots not filled
 };
@@ -145,17 +146,18 @@ public:
     virtual void renew(std::int64_t net, std::int64_t member, std::string const& name,
                        double lease) = 0;
 
+    // The next three also tell watchers of what they have changed, as `tell` does.
     virtual turned take_turn(std::int64_t net, std::int64_t member, turn const& asked) = 0;
+
+    virtual answer put(std::int64_t net, std::int64_t place, std::string const& value,
+                       call const& named) = 0;
+    virtual answer take(std::int64_t net, std::int64_t place, call const& named) = 0;
 
     // The claims that are the member's, without their tokens.
     virtual std::vector<claim> claims_of(std::int64_t member) = 0;
 
     // Gives one of them up: any member may take it over.
     virtual void disown(std::int64_t member, std::int64_t claim) = 0;
-
-    virtual answer put(std::int64_t net, std::int64_t place, std::string const& value,
-                       call const& named) = 0;
-    virtual answer take(std::int64_t net, std::int64_t place, call const& named) = 0;
 
     virtual rest_state rest(std::int64_t net) = 0;
     virtual void fail(std::int64_t net, std::string const& why) = 0;
@@ -166,8 +168,8 @@ public:
     // Whether two tokens that wait in the net have the same value.
     virtual bool repeats(std::string const& net) = 0;
 
-    // From now on `wait` hears of changes of the net, for so many seconds. What was
-    // there before is to be looked at after this.
+    // From now on `wait` hears of changes of the net, for so many seconds. Look after this for
+    // what has changed before, and again for a transaction that is being committed just now.
     virtual void watch(std::int64_t net, std::string const& watcher, double seconds) = 0;
     virtual void unwatch(std::string const& watcher) = 0;
 
