@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Petri nets that outlive their processes and span machines: each firing is a transaction
-// of a database. The marking is exactly-once: whatever is killed, and when, no token is
-// lost, duplicated or half moved. A body runs at least once: a firing whose member dies
-// before the commit is repeated, with the same tokens, by another member. It then gets the
-// same key as before; give that key to whatever the body does outside the net, so that it
-// can be done once.
+// of a database. The marking is exactly-once: no matter what is killed, and when, no token
+// is lost, duplicated or half moved. A body runs at least once: if a member dies before the
+// commit, another member repeats the firing with the same tokens and the same key. Pass that
+// key to effects outside the net, so that they can be made idempotent.
 //
 //     template <>
 //     struct ovel::durable::codec<order> {
@@ -179,8 +178,8 @@ std::string encoded(engine const& owner, std::size_t place, T const& value,
 // that is lost on the way neither loses nor duplicates a token. With a key of yours, the call
 // may be repeated by another process later: it then returns what it returned before, and
 // changes nothing. Such keys are kept for good. A token that was received belongs to the
-// program. All throw `error`; when the net fails, or has, a thread that would block throws
-// what the net failed with.
+// program. All throw `error`. If the net has failed, or fails meanwhile, a call that would
+// block throws what the net failed with.
 template <class T>
 class place {
     static_assert(std::is_same_v<T, std::decay_t<T>>, "a place is for values");
@@ -464,8 +463,8 @@ public:
         insert_transition(std::move(name), from(), std::move(to), std::move(body));
     }
 
-    // Becomes a member that runs all transitions; or those named, by none of which it is a
-    // client that hears of failures.
+    // Becomes a member that runs all transitions, or those named. With no names it runs none,
+    // but its `join` and its blocked clients still end when the net fails.
     void start() {
         _engine.start(std::nullopt);
     }
@@ -473,23 +472,23 @@ public:
         _engine.start(transitions);
     }
 
-    // Blocks until the net is at rest: no claim is open, of whatever member, and nothing is
-    // enabled, also of what no member runs. Then this member ends. Returns as well once the
-    // net was halted, or has claimed what `options::firings` allows. Rethrows what the net
-    // failed with; it has ended then as well.
+    // Blocks until the net is at rest: no member has an open claim, and no transition is
+    // enabled, including those that no member runs. Then this member ends. Also returns when
+    // the member was halted, or has claimed what `options::firings` allows. Rethrows what the
+    // net failed with, after this member has ended.
     void join() {
         _engine.join(nullptr);
     }
 
-    // The same until `point`, whatever `deadline` accepts: returns false when that has passed
-    // before, and the member goes on.
+    // The same until `point`, of any type that `deadline` accepts. Returns false if that passes
+    // first; the member goes on.
     template <class Point>
     bool join_until(Point const& point) {
         ovel::time const end = deadline(point);
         return _engine.join(&end);
     }
 
-    // Lets this member begin no further firing, and give back what it has claimed and not
+    // Stops this member from beginning firings, and gives back the claims that it has not
     // begun. Does not wait; `join` does.
     void halt() {
         _engine.halt();

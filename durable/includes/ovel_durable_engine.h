@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What durable nets of every kind of value stand on: a member of a net whose tokens
-// are byte strings. Programs use `ovel_durable.h`, which is typed.
+// The untyped part of durable nets: a member of a net whose tokens are byte strings.
+// Programs use `ovel_durable.h`, which is typed.
 #ifndef OVEL_DURABLE_ENGINE_H
 #define OVEL_DURABLE_ENGINE_H
 
@@ -32,8 +32,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// Names one firing, or one call of a client, whoever repeats it and how often. The key
-// of a firing is unlike that of any other firing of any net.
+// Identifies one firing, or one call of a client. It stays the same however often and by
+// which member that is repeated. No two firings share a key, of any nets.
 class key {
 public:
     explicit key(std::string text) : _text(std::move(text)) {}
@@ -53,24 +53,24 @@ struct options {
     unsigned int threads = 0;  // for bodies; 0: one for each processor
     unsigned int batch = 50;   // the most firings that it claims, or commits, at once
 
-    // How long the others wait for a sign of life before they take over its claims. It
-    // renews that four times as often, whatever its bodies do.
+    // How long a member may stay silent before others take over its claims. It renews its
+    // lease four times as often, independently of its bodies.
     double lease = 10;
 
-    // How often it looks for work when nothing tells it of any.
+    // How often it polls for work when no notification comes.
     double poll = 1;
 
-    // How long it tries to get a lost connection back before it fails.
+    // How long it tries to reconnect before it fails.
     double patience = 60;
 
     // The most firings that it claims in all.
     std::uint64_t firings = std::uint64_t{1} << 62;
 
-    // Its name to whoever looks at the net; empty: its machine and process.
+    // Its name in `explain`; empty: its machine and process.
     std::string name = {};
 
-    // Told, in one line, of a connection that was lost or is back and of claims that
-    // others have taken over; called by the member's threads. Empty: the error stream.
+    // Called with one line when a connection is lost or restored, and when others have taken
+    // over claims; by the member's threads. Empty: the error stream.
     std::function<void(std::string const&)> report = {};
 };
 
@@ -104,7 +104,7 @@ struct place_state {
     std::string name;
     std::uint64_t capacity;
     std::uint64_t tokens;   // claimed ones as well
-    std::uint64_t claimed;  // by firings that are under way
+    std::uint64_t claimed;  // by open claims
     std::uint64_t free;     // slots that no firing has reserved
 };
 struct transition_state {
@@ -176,8 +176,8 @@ public:
     // `deadline`, if there is one, has passed.
     bool join(time const* deadline);
 
-    // Begins no further firing; `stop` also waits for those under way and gives back
-    // the claims.
+    // Begins no further firing; `stop` also waits for running bodies and gives back the
+    // claims.
     void halt();
     void stop();
     void fail(std::exception_ptr failure);

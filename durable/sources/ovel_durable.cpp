@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The way into a store by its URL, and what is told of the nets in it.
+// Connects to a store by its URL, and describes the nets in it as text.
 #include "ovel_durable_store.h"
 
 #include <algorithm>

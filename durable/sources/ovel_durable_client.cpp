@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a net is to the program that holds it: calls of clients, and the life of a member.
+// The calls of clients, and how a member starts and ends.
 #include "ovel_durable_member.h"
 
 #include <poll.h>
@@ -213,8 +213,9 @@ bool member::join(time const* deadline) {
     return true;
 }
 
-// False when `end` has passed before. The server looks: what it is busy with is not at rest,
-// so nobody else needs to ask the store. Only a look that began after this call counts.
+// False if `end` passes first. The server decides: while it has firings the net is not at
+// rest, and when it has none it queries the store anyway. Only a query that began after this
+// call counts.
 bool member::_wait_for_rest(moment const& end) {
     std::unique_lock hold(_lock);
     std::uint64_t const question = ++_questions;

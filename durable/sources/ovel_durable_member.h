@@ -140,10 +140,10 @@ private:
     // Lock order: none is taken under another.
     lockable<mutex> _lock;
     bool _opened = false;                       // under _lock, as all up to the bells
-    std::vector<std::unique_ptr<store>> _idle;  // connections that nobody borrows
+    std::vector<std::unique_ptr<store>> _idle;  // connections not in use
     std::vector<std::string> _forget;           // keys whose answer has come
     std::exception_ptr _failure;
-    bool _failure_is_ours = false;  // so the store is to be told
+    bool _failure_is_ours = false;  // the server has to record it in the store
     bool _halted = false;
     std::vector<end> _finished;
     std::size_t _unfinished = 0;   // claims that the group has
@@ -169,8 +169,8 @@ private:
     std::uint64_t _looked = 0;  // the last question that it has looked for
     std::string const _watcher = _new_key();
     moment _watch_end;           // until then the store tells it of changes
-    bool _watch_begins = false;  // and may not tell of those under way when that began
-    bool _short = false;         // what it claimed lasts so short that it claims ahead
+    bool _watch_begins = false;  // transactions may be committing that did not see the watcher
+    bool _short = false;         // bodies are short, so it claims ahead
     std::unique_ptr<store> _store;
     std::vector<outcome> _pending;
     std::set<std::pair<std::int64_t, std::int64_t>> _own;  // numbers and epochs of its claims

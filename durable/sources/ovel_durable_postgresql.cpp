@@ -422,7 +422,7 @@ turned postgresql_store::take_turn(std::int64_t net, std::int64_t member, turn c
     return made;
 }
 
-// Keys that are to be forgotten are our own, and have no blanks.
+// The keys to forget are the library's own and contain no blanks.
 std::string joined(std::vector<std::string> const& keys) {
     std::string all;
     for (std::string const& each : keys)

@@ -52,7 +52,7 @@ void member::_serve() {
             over = true;
         }
     }
-    // Bodies that run still, after a failure, leave their claims to others.
+    // Bodies still running after a failure leave their claims to other members.
     _group->join();
     _leave();
     std::lock_guard const hold(_lock);
@@ -223,7 +223,7 @@ void member::_learn(turn const& asked, turned const& made) {
         _misses = std::min(_misses + 1, most_misses);
     else
         _misses = 0;
-    // What was enabled and gave nothing is in the hands of others for a moment.
+    // Other members hold what was enabled and could not be claimed, for a moment.
     if (_hot.empty())
         _next_look = _misses == 0 ? clock_type::now() : after(0.0005 * (1 << _misses));
     _budget -= std::min<std::uint64_t>(_budget, made.claims.size());
@@ -328,7 +328,7 @@ void member::_fire(claim& own) {
 void member::_run_body(claim& own, outcome& made) {
     std::size_t const index = _indices.at(own.transition);
     std::vector<arc> const& arcs = plan.transitions[index].arcs;
-    // The tokens stand together by their places.
+    // The tokens, by place.
     std::map<std::size_t, std::deque<token>> from;
     std::size_t next = 0;
     for (arc const& each : merged(arcs))

@@ -92,7 +92,7 @@ public:
                call const& named) override;
     answer take(std::int64_t net, std::int64_t place, call const& named) override;
 
-    // Every change of the file is seen, so nobody is to be told of any.
+    // `wait` sees every change of the file, so nothing needs a notification.
     void watch(std::int64_t, std::string const&, double) override {
         _seen = _version();
     }

@@ -4,22 +4,22 @@
 //
 // The tables. A token is in exactly one of `tokens`, where it waits in its place, and a
 // row of `claims`, whose firing has taken it. A slot of a place is taken by a token that
-// waits there, by one that a claim has taken from there, by a claim that is to put one
+// waits there, by one that a claim has taken from there, by a claim that will put one
 // there, or it is free; `rooms` counts the free ones. So a claim moves tokens into its
-// row and takes room for what it is to put, and a commit deletes the claim, puts its
+// row and takes room for what it will put, and a commit deletes the claim, puts its
 // tokens, and makes room where it took some. The marking follows from the tables alone.
 //
 //     nets         a name, the part of keys that is the net's own, why it failed
 //     places, transitions, arcs    the structure, in the order of insertion
 //     tokens       of a place, in the order of their numbers
 //     rooms        free slots of a place
-//     claims       a firing under way: its number, epoch and member, the tokens it took
+//     claims       one row per claimed firing: number, epoch and member, the tokens it took
 //     members      until when each has its lease, by the database's clock
 //     runs         which transitions a member runs, and how often it has fired each
-//     watchers     who wants to be told of changes, and until when
+//     watchers     connections that wait for notifications, and until when
 //     calls        the keys of clients' calls, with what those returned
 //
-// Fencing. To take over a claim is to raise its epoch. A commit deletes the claim of its
+// Fencing. Taking over a claim raises its epoch. A commit deletes the claim of its
 // number and epoch; where there is none, it changes nothing. The number is never used
 // again, so it makes the key of the firing.
 #ifndef OVEL_DURABLE_STORE_H
@@ -168,8 +168,8 @@ public:
     // Whether two tokens that wait in the net have the same value.
     virtual bool repeats(std::string const& net) = 0;
 
-    // From now on `wait` hears of changes of the net, for so many seconds. Look after this for
-    // what has changed before, and again for a transaction that is being committed just now.
+    // For `seconds` from now, `wait` returns on changes of the net. Check for earlier changes
+    // after this call, and once more for a transaction that is committing at this moment.
     virtual void watch(std::int64_t net, std::string const& watcher, double seconds) = 0;
     virtual void unwatch(std::string const& watcher) = 0;
 

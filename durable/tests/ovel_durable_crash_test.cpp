@@ -247,7 +247,7 @@ TEST_P(ovel_durable_crash_test, no_token_is_lost_or_duplicated_by_kills) {
     while (kills < wanted) {
         std::string const name = _name + " round " + std::to_string(++rounds);
         auto const start = [&] {
-            // The points in turn, so that none is left out; and none once there were enough.
+            // Each point in turn; after enough kills, none.
             std::string const point = kills < wanted ? points[started++ % 4] : "";
             int const count = 1 + static_cast<int>(random() % (point == "body" ? 12 : 4));
             return std::make_unique<process>(
@@ -344,7 +344,7 @@ TEST_P(ovel_durable_crash_test, a_full_disk_is_an_error_that_loses_nothing) {
     later.verify();
 }
 
-// Transactions that the database aborts in favour of others are repeated, and nobody is told.
+// Transactions that the database aborts in favour of others are repeated without a report.
 TEST_P(ovel_durable_crash_test, an_aborted_transaction_is_repeated) {
     if (GetParam() == std::string("sqlite")) {
         // A new file that another connection is writing to: a switch to the write-ahead log is

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A store that another stands behind, and that its process dies in.
+// Forwards to another store, and kills its process at a chosen point.
 #ifndef OVEL_DURABLE_MORTAL_STORE_H
 #define OVEL_DURABLE_MORTAL_STORE_H
 
@@ -16,7 +16,7 @@ namespace ovel_durable_test {
 
 namespace parts = ovel::durable::detail;
 
-// `pass` is told of each point that is come to.
+// Calls `pass` at each point.
 class mortal_store : public parts::store {
 public:
     using observer = std::function<void(std::string const& point)>;

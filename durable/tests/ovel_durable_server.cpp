@@ -31,7 +31,7 @@ std::string programs() {
     return found;
 }
 
-// Also when nobody has asked how it ended.
+// True for a zombie as well.
 bool is_gone(pid_t process) {
     std::ifstream status("/proc/" + std::to_string(process) + "/stat");
     std::string line;

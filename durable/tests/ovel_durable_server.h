@@ -22,7 +22,7 @@ bool wait_for(Condition const& holds) {
     return true;
 }
 
-// A folder that anybody may write to, which goes with the object.
+// A temporary folder that all users may write to.
 class folder {
 public:
     folder();

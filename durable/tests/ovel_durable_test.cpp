@@ -276,7 +276,7 @@ TEST_P(ovel_durable_test, members_run_what_they_name) {
     left.start({"one"});
     for (int i = 0; i < 20; ++i)
         in.send(i);
-    // Nobody runs the other one, so this does not rest.
+    // No member runs the other one, so the net is not at rest.
     EXPECT_FALSE(left.join_until(100ms));
     EXPECT_TRUE(contains(left.explain(), "two: 0 firings, enabled, no member runs it"))
         << left.explain();
@@ -476,7 +476,7 @@ TEST_P(ovel_durable_test, a_codec_that_throws_keeps_the_token_and_names_it) {
     }
 }
 
-// What had been claimed and not begun is there for others at once, and in its old order.
+// Claimed firings that were not begun are returned at once, in their old order.
 TEST_P(ovel_durable_test, a_member_that_is_halted_gives_back_what_it_has_not_begun) {
     std::atomic<int> begun = 0;
     std::atomic<bool> go_on = false;
