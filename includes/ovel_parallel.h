@@ -13,8 +13,9 @@
 // own scope or call, and their descendants. So it delays nothing else, may hold locks
 // that other work takes, and needs no more stack than the program's own nesting. It
 // sleeps when there is no such work. One thread suffices for everything: the caller runs
-// what no other thread takes. Nothing here starts a thread or allocates memory that grows
-// with the work: when 960 children wait on a thread, it runs the next one at once.
+// what no other thread takes. Nothing here starts a thread. Memory does not grow with the
+// work: when 960 children wait on a thread, it runs the next one at once. Only where
+// children that run so add children in turn, and that 8 deep, further ones wait in a list.
 //
 // Any thread may call these functions. A thread that does not belong to the group joins
 // in until its outermost scope or call ends. Without a group argument, they use the
@@ -116,7 +117,8 @@ private:
 template <class Last>
 void fork_all(call_scope& scope, Last& last) {
     try {
-        last();
+        if (!scope.is_stopped()) [[likely]]
+            last();
     } catch (...) {
         scope.fail();
     }
@@ -475,9 +477,9 @@ private:
     };
 
     template <class Callable>
-    struct heap_task : detail::task {
+    struct heap_task : detail::listed_task {
         heap_task(task_scope& scope, Callable&& callable)
-            : task{&_run, scope}, _callable(std::move(callable)) {}
+            : listed_task{{&_run, scope}}, _callable(std::move(callable)) {}
 
     private:
         static void _run(detail::task& self, bool) {
@@ -500,10 +502,14 @@ private:
     }
 
     bool _is_innermost_of_caller() const {
-        return GetCurrentThreadId() == _opener && scope_base::seat().innermost() == this && !_joins;
+        detail::task_seat const& seat = scope_base::seat();
+        return GetCurrentThreadId() == _opener && detail::task_crew::current_seat() == &seat &&
+               seat.innermost() == this && !_joins && !_runs_child();
     }
 
     void _join_checked() {
+        detail::task_crew const& crew = scope_base::seat().crew();
+        assure(!crew.inherited());
         assure(_is_innermost_of_caller());
         _joins = true;
         _join();

@@ -90,13 +90,31 @@ struct task {
     scope_base& scope;
 };
 
+// A child that can also wait in the list of a frame.
+struct listed_task : task {
+    listed_task* next = nullptr;
+};
+
 // A frame belongs to a child that a thread runs apart from its deque: one that it stole, or
 // one for which the deque had no room. What the thread pushes from `mark` on descends from
 // that child, and so from `scope`.
-struct task_frame {
+class task_frame {
+public:
+    // The owner of the seat calls these two, for children of `scope`.
+    void add(listed_task& child);
+    listed_task* take();
+
     scope_base* scope;
     unsigned int mark;
-    task_frame* outer;  // of the work that the thread interrupted for this child
+    task_frame* outer = nullptr;  // of the work that the thread interrupted for this child
+
+    task_frame(scope_base& scope, unsigned int mark) : scope(&scope), mark(mark) {}
+
+private:
+    // Children for which the deque has no room left at all.
+    listed_task* _first = nullptr;
+    listed_task* _last = nullptr;
+    unsigned int _size = 0;
 };
 
 // A thread's place in a crew, with the deque of the children that it has yet to run. One
@@ -184,6 +202,7 @@ private:
     scope_base* _innermost = nullptr;
     task_seat* _victim = nullptr;  // the seat it last stole from; owner only
     bool _hungry = false;          // counted in the crew's `_hungry`; owner only
+    unsigned int _entries = 0;     // calls of `enter` without their `leave`; owner only
     [[maybe_unused]] cacheline _between;
     // A sleeping thread could take what this one pushes. Set under the crew's mutex, or
     // by the owner; cleared under the mutex when no thread could.
@@ -255,8 +274,16 @@ protected:
             _run_here(_seat, child);
     }
 
-    // The same for the thread of `seat`, which is the opener or runs a child.
+    // The same for the thread of `seat`, which is the opener or runs a child. `child` is a
+    // `listed_task`.
     OVEL_EXPORT void _fork_from(task_seat* seat, task& child);
+
+    // Whether the opener runs a child apart from its deque, above whatever else. Opener
+    // only.
+    bool _runs_child() const {
+        task_frame const* const frame = _seat._frames.load(std::memory_order_relaxed);
+        return frame != nullptr && frame->scope == this;
+    }
 
     // Runs the children that no thread stole, and waits for the others. Opener only.
     void _join() {
@@ -351,6 +378,9 @@ public:
 
     // The calling thread's current seat, or null.
     OVEL_EXPORT static task_seat* current_seat();
+
+    // In a fork: leaves the calling thread without a current seat.
+    static void forget_seat();
 
 private:
     friend class scope_base;

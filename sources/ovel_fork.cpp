@@ -14,6 +14,7 @@
 #include "ovel_allocator_recycler.h"
 #include "ovel_library.h"
 #include "ovel_semaphore.h"
+#include "ovel_task.h"
 #include "ovel_thread.h"
 #include "ovel_thread_support.h"
 #include "ovel_time_server.h"
@@ -83,8 +84,9 @@ void process_hooks::in_parent() {
     thread_element_group::global()->_lock.release();
 }
 
-// The pool has no threads left. Its lock does not poll, like the one built at load. The
-// recycler and the clock start again when they are next used.
+// The pool has no threads left, and nor has the crew of the thread's current seat. The
+// pool's lock does not poll, like the one built at load. The recycler and the clock start
+// again when they are next used.
 void process_hooks::in_child() {
     _inherit_allocators();
     thread_element_group& pool = *thread_element_group::global();
@@ -92,6 +94,7 @@ void process_hooks::in_child() {
     std::construct_at(&pool._elements);
     allocator_recycler::global()->_forget();
     time_server::_created = 0;
+    task_crew::forget_seat();
 }
 
 }  // namespace ovel::detail

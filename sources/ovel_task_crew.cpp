@@ -210,6 +210,11 @@ task_seat* task_crew::current_seat() {
     return index != TLS_OUT_OF_INDEXES ? static_cast<task_seat*>(TlsGetValue(index)) : nullptr;
 }
 
+void task_crew::forget_seat() {
+    if (seat_slot.load(std::memory_order_relaxed) != TLS_OUT_OF_INDEXES)
+        set_current_seat(nullptr);
+}
+
 task_seat* task_crew::find_seat() {
     task_seat* const current = current_seat();
     if (current != nullptr && &current->_crew == this)
@@ -239,16 +244,16 @@ task_seat& task_crew::enter(task_seat*& previous) {
             seat = &_add_seat(false, me);
         seat->_wanted.store(true);  // a thread may sleep already
     }
+    ++seat->_entries;
     if (seat != previous)
         set_current_seat(seat);
     return *seat;
 }
 
 void task_crew::leave(task_seat& seat, task_seat* previous) {
-    if (&seat == previous)
-        return;
-    set_current_seat(previous);
-    if (seat._innermost == nullptr && !seat._worker)
+    if (&seat != previous)
+        set_current_seat(previous);
+    if (--seat._entries == 0 && !seat._worker)
         seat._owner.store(0, std::memory_order_release);
 }
 
@@ -507,6 +512,7 @@ void task_crew::_wake(task_seat& seat) {
 
 // Without the mutex: the caller has pushed a child that a sleeping thread may want.
 void task_crew::_call(task_seat& caller) {
+    assure(!inherited());
     task_seat* woken = nullptr;
     {
         guard const hold(_mutex);

@@ -25,6 +25,8 @@ void task_seat::_call() {
 // A child at `bottom` was stolen, so the next push there would be below `_top`. Waits
 // until the thief is done with the deque.
 void task_seat::_lower_top(unsigned int bottom) {
+    task_crew const& crew = _crew;
+    assure(!crew.inherited());
     guard const hold(_lock);
     if (_top.load(std::memory_order_relaxed) > bottom)
         _top.store(bottom, std::memory_order_relaxed);
@@ -122,30 +124,63 @@ void scope_base::_finish(scope_base& scope) {
         opener._crew._wake(opener);
 }
 
+// Few children wait in their order, so that a chain of children, each of which adds the
+// next one and others, leaves none behind. Beyond that the newest goes first: descending
+// into a tree takes less memory than keeping a level of it.
+void task_frame::add(listed_task& child) {
+    if (_first == nullptr) {
+        child.next = nullptr;
+        _first = _last = &child;
+    } else if (_size < 64) {
+        child.next = nullptr;
+        _last = _last->next = &child;
+    } else {
+        child.next = std::exchange(_first, &child);
+    }
+    ++_size;
+}
+
+listed_task* task_frame::take() {
+    listed_task* const taken = _first;
+    if (taken != nullptr) {
+        _first = taken->next;
+        --_size;
+    }
+    return taken;
+}
+
 // Runs a child apart from what the thread of `seat` is busy with, and then what the child
 // pushed.
 void scope_base::_run(task_seat& seat, task& child, bool stolen) {
+    task_crew const& crew = seat._crew;
+    assure(!crew.inherited());
     scope_base& scope = child.scope;
     scope_base* const interrupted = std::exchange(seat._innermost, &scope);
-    task_frame frame{&scope, seat.bottom(), nullptr};
+    task_frame frame(scope, seat.bottom());
     {
         guard const hold(seat._lock);
         frame.outer = seat._frames.load(std::memory_order_relaxed);
         seat._frames.store(&frame, std::memory_order_relaxed);
     }
     // From now on other threads may want what this one pushes. Relaxed, both: hints.
-    if (seat._crew._asleep.load(std::memory_order_relaxed) != 0)
+    if (crew._asleep.load(std::memory_order_relaxed) != 0)
         seat._wanted.store(true, std::memory_order_relaxed);
     unsigned int const limit = seat._limit;
     // Children that the child pushes run in the loop below, instead of nesting inside
     // each other. 8 slots of the reserve are for them.
     seat._limit = std::min(task_seat::capacity, limit + 8);
     child.run(child, stolen);
-    while (seat.bottom() != frame.mark)
-        if (task* const own = seat.pop()) {
+    for (;;) {
+        bool const pops = seat.bottom() != frame.mark;
+        task* const own = pops ? seat.pop() : frame.take();
+        if (own != nullptr) {
             own->run(*own, false);
             _finish(scope);
+        } else if (!pops) {
+            break;
         }
+    }
+    assure(!crew.inherited());  // the child may have forked
     seat._limit = limit;
     {
         guard const hold(seat._lock);
@@ -170,7 +205,7 @@ void scope_base::_fork_from(task_seat* seat, task& child) {
         _run(*seat, child, false);
         return;
     }
-    task_frame const* const frame = seat->_frames.load(std::memory_order_relaxed);
+    task_frame* const frame = seat->_frames.load(std::memory_order_relaxed);
     if (frame == nullptr || frame->scope != this) {
         _fork(child);
         return;
@@ -178,10 +213,15 @@ void scope_base::_fork_from(task_seat* seat, task& child) {
     // Relaxed: the child that runs here stays counted until this thread has counted the
     // new one.
     _pending.fetch_add(2, std::memory_order_relaxed);
-    if (!seat->push(child)) {
-        _run(*seat, child, false);
-        _finish(*this);
+    if (seat->push(child))
+        return;
+    // Where all the reserve is in use, children must not nest any deeper.
+    if (seat->_limit == task_seat::capacity) {
+        frame->add(static_cast<listed_task&>(child));
+        return;
     }
+    _run(*seat, child, false);
+    _finish(*this);
 }
 
 void scope_base::_wait(unsigned int stolen) {

@@ -2,6 +2,7 @@
 // Forks of a process with threads.
 
 #include "ovel_mutex.h"
+#include "ovel_parallel.h"
 #include "ovel_petri.h"
 #include "ovel_semaphore.h"
 #include "ovel_test.h"
@@ -138,6 +139,20 @@ TEST(fork_test, the_child_of_a_child_may_use_the_library) {
               0);
 }
 
+// The thread that forks has a scope open, whose group has no threads in the child.
+TEST(fork_test, loops_without_a_group_run_in_the_child) {
+    ovel::work_group group(2);
+    ovel::task_scope here(group);
+    EXPECT_EQ(status_of_fork([] {
+                  assure(ovel::work_group::current() == nullptr);
+                  int sum = 0;
+                  ovel::parallel_for(0, 1000, [&](int begin, int end) { sum += end - begin; },
+                                     {.grain = 1});
+                  assure(sum == 1000);
+              }),
+              0);
+}
+
 TEST(fork_test, free_locks_are_free_in_the_child) {
     ovel::mutex plain;
     ovel::recursive_mutex recursive;
@@ -251,6 +266,13 @@ TEST(fork_death_test, using_what_runs_in_the_parent_fails_a_check) {
     EXPECT_CHECK(in_fork([](running& of) { of.group.release(); }), "_acquired == _threads", group);
     EXPECT_CHECK(in_fork([](running& of) { of.crew.submit([] {}); }), inherited,
                  "sources/ovel_task_crew.cpp");
+    auto const in_fork_of_scope = [](auto const& use) {
+        ovel::work_group parents(2);
+        ovel::task_scope here(parents);
+        end_as_in_fork([&] { use(here); });
+    };
+    EXPECT_CHECK(in_fork_of_scope([](ovel::task_scope& here) { here.wait(); }), "!crew.inherited()",
+                 "includes/ovel_parallel.h");
     std::string const net = "sources/ovel_petri_net.cpp";
     EXPECT_CHECK(in_fork([](running& of) { of.net.send(of.place, of.token); }), inherited, net);
     EXPECT_CHECK(

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <new>
 #include <numeric>
@@ -70,6 +71,8 @@ TEST_P(parallel_test, the_stack_is_bounded_by_the_nesting_of_scopes) {
                 inner.run([] {});
                 inner.wait();
             }
+            // Each leaves another child behind, so that no room stays for the next one.
+            scope.run([&ran = ran] { ++ran; });
             if (left != 0)
                 scope.run(chain{scope, ran, left - 1});
         }
@@ -84,7 +87,7 @@ TEST_P(parallel_test, the_stack_is_bounded_by_the_nesting_of_scopes) {
         here.wait();
     });
     small.wait();
-    EXPECT_EQ(ran, links + 1 + 2000);
+    EXPECT_EQ(ran, 2 * (links + 1) + 2000);
 }
 
 TEST_P(parallel_test, children_that_wait_are_bounded) {
@@ -268,6 +271,19 @@ TEST_P(parallel_test, scopes_take_no_space_of_the_group) {
     EXPECT_EQ(children, 200 * 8);
 }
 
+// The deque is full, so the first one throws before the last one begins.
+TEST(task_scope_test, an_invocation_discards_what_has_not_begun) {
+    work_group group(1);
+    group.run([&] {
+        task_scope fill(group);
+        for (int i = 0; i != 960; ++i)
+            fill.run([] {});
+        parallel_invoke([] { throw std::runtime_error("first"); }, [] { ADD_FAILURE(); },
+                        [] { ADD_FAILURE(); });
+    });
+    EXPECT_THROW(group.wait(), std::runtime_error);
+}
+
 TEST(task_scope_test, a_thread_may_have_scopes_of_several_groups_open) {
     work_group first(2), second(2);
     std::atomic<int> ran = 0;
@@ -289,6 +305,28 @@ TEST(task_scope_test, a_thread_may_have_scopes_of_several_groups_open) {
     EXPECT_EQ(ran, 14);
 }
 
+// A call on another group stands between two on the same group, and none of them opens a scope.
+TEST(task_scope_test, a_seat_is_its_owner_s_until_the_outermost_call_ends) {
+    work_group first(1), second(1);
+    auto const seat_of_another_thread = [&] {
+        detail::task_seat* seat = nullptr;
+        std::jthread([&] {
+            parallel_for(first, 0, 1, [&](int, int) { seat = detail::task_crew::current_seat(); });
+        }).join();
+        return seat;
+    };
+    detail::task_seat* own = nullptr;
+    parallel_for(first, 0, 1, [&](int, int) {
+        own = detail::task_crew::current_seat();
+        parallel_for(second, 0, 1, [&](int, int) { parallel_for(first, 0, 1, [](int, int) {}); });
+        EXPECT_EQ(detail::task_crew::current_seat(), own);
+        EXPECT_NE(seat_of_another_thread(), own);
+    });
+    // Seats are not used up: the next thread gets one of the two.
+    detail::task_seat* const later = seat_of_another_thread();
+    EXPECT_EQ(seat_of_another_thread(), later);
+}
+
 TEST(task_scope_test, a_wait_that_times_out_leaves_the_group_unchanged) {
     semaphore go_on(0, 0);
     work_group group(1);
@@ -307,6 +345,26 @@ TEST(task_scope_test, misuse_fails_the_checks) {
         outer.wait();
     };
     EXPECT_CHECK(out_of_order(), "_is_innermost_of_caller()", "includes/ovel_parallel.h");
+    auto const of_another_group = [&] {
+        work_group other(1);
+        task_scope outer(group);
+        task_scope inner(other);
+        outer.wait();
+    };
+    EXPECT_CHECK(of_another_group(), "_is_innermost_of_caller()", "includes/ovel_parallel.h");
+    auto const before_run_returns = [] {
+        work_group alone(1);
+        alone.run([&] {
+            task_scope here(alone);
+            // The last one finds the deque full.
+            for (int i = 0; i != 960; ++i)
+                here.run([] {});
+            here.run([&] { here.wait(); });
+            std::_Exit(0);
+        });
+        alone.wait();
+    };
+    EXPECT_CHECK(before_run_returns(), "_is_innermost_of_caller()", "includes/ovel_parallel.h");
     auto const by_a_child = [&] {
         task_scope here(group);
         here.run([&] { here.wait(); });
