@@ -92,14 +92,27 @@ Point const& point_of(Point const& end) {
     return end;
 }
 
+// How long the first wait for `end` lasts. A span needs no reading of the clock, since
+// `point_of` has just read it.
+template <class Rep, class Period>
+unsigned int first_wait(std::chrono::duration<Rep, Period> const& end) {
+    long double const seconds = seconds_of(end);
+    if (seconds > 1 || !(seconds > 0))
+        return whole_milliseconds(seconds);
+    return static_cast<unsigned int>(
+        std::chrono::ceil<std::chrono::duration<unsigned int, std::milli>>(end).count());
+}
+template <class Point>
+unsigned int first_wait(Point const& end) {
+    return milliseconds_until(end);
+}
+
 // Repeats `attempt`, which gets the milliseconds to wait, until it succeeds (true) or
-// `end` has passed (false). One attempt lasts until `end`, unless that is longer than a
-// wait can be, or the clock of `end` runs slower than the kernel's. If `end` has already
-// passed, it tries once.
-template <class End, class Attempt>
-bool attempt_until(End const& end, Attempt const& attempt) {
-    auto const& point = point_of(end);
-    unsigned int left = milliseconds_until(point);
+// `end` has passed (false). `left` is the time for the first attempt. One attempt lasts until
+// `end`, unless that is longer than a wait can be, or the clock of `end` runs slower than the
+// kernel's. If `end` has already passed, it tries once.
+template <class Point, class Attempt>
+bool attempt_until(Point const& point, unsigned int left, Attempt const& attempt) {
     do {
         if (attempt(left))
             return true;
@@ -108,6 +121,11 @@ bool attempt_until(End const& end, Attempt const& attempt) {
         left = milliseconds_until(point);
     } while (left != 0);
     return false;
+}
+template <class End, class Attempt>
+bool attempt_until(End const& end, Attempt const& attempt) {
+    auto const& point = point_of(end);
+    return attempt_until(point, first_wait(end), attempt);
 }
 
 // A point that many seconds from now for the library's timed operations, clamped to their
@@ -262,15 +280,19 @@ void wait(Condition& changed, Lock& lock, Predicate holds) {
 template <class Lock, class Point, class Predicate>
 [[nodiscard]] bool wait_until(timed_condition& changed, Lock& lock, Point const& point,
                               Predicate holds) {
+    if (holds())
+        return true;
     auto const& end = detail::point_of(point);
-    while (!holds()) {
-        bool const waited = detail::attempt_until(end, [&](unsigned int milliseconds) {
-            return changed.timed_acquire(detail::mutex_of(lock), milliseconds);
-        });
-        if (!waited)
-            return holds();
+    unsigned int left = detail::first_wait(point);
+    auto const attempt = [&](unsigned int milliseconds) {
+        return changed.timed_acquire(detail::mutex_of(lock), milliseconds);
+    };
+    while (detail::attempt_until(end, left, attempt)) {
+        if (holds())
+            return true;
+        left = detail::milliseconds_until(end);
     }
-    return true;
+    return holds();
 }
 template <class Lock, class Rep, class Period, class Predicate>
 [[nodiscard]] bool wait_for(timed_condition& changed, Lock& lock,

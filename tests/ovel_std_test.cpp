@@ -107,6 +107,23 @@ TEST(wait_test, a_predicate_decides_for_every_kind_of_lock) {
     });
 }
 
+// A further reading of the clock would find a moment of the span gone.
+TEST(wait_test, the_first_wait_lasts_the_whole_span) {
+    auto const first_wait = [](auto span) {
+        unsigned int first = 9999;
+        EXPECT_TRUE(ovel::detail::attempt_until(span, [&](unsigned int milliseconds) {
+            first = milliseconds;
+            return true;
+        }));
+        return first;
+    };
+    EXPECT_EQ(first_wait(1'000'001ns), 2u);
+    EXPECT_EQ(first_wait(20ms), 20u);
+    EXPECT_EQ(first_wait(1.5s), 1500u);
+    EXPECT_EQ(first_wait(-1h), 0u);
+    EXPECT_EQ(first_wait(std::chrono::hours::max()), ovel::detail::longest_wait);
+}
+
 // On the clock that the caller reads, without any tolerance.
 TEST(wait_test, nothing_gives_up_before_its_deadline) {
     using steady = std::chrono::steady_clock;
