@@ -163,7 +163,8 @@ private:
 // ended the group.
 //
 // `wait`, `join` or destruction by the group's own work would wait for itself; it fails
-// the check "!_runs_caller()".
+// the check "!_runs_caller()". So does a child of a scope if a thread of the group runs
+// it. On another thread, a child of that thread's own scope may call `wait`.
 class work_group {
 public:
     // Has a thread for each processor and no space, unless given. No threads or negative
@@ -253,7 +254,8 @@ public:
 
     // Makes the threads discard work that has not begun, and everything submitted from
     // now on. Does not wait; `join` does. Does not stop scopes. Any thread may call it,
-    // including the group's own work.
+    // including the group's own work. A thread discards an item when it would have run
+    // it. So if the item waits for space, its future breaks once that is free.
     void stop() {
         _crew.stop();
     }
