@@ -19,8 +19,8 @@
 //
 // Any thread may call these functions. A thread that does not belong to the group joins
 // in until its outermost scope or call ends. Without a group argument, they use the
-// calling thread's `work_group::current()`; if that is null, the caller does all the
-// work.
+// calling thread's `work_group::current()`; if that is null, as it is in a forked process,
+// the caller does all the work.
 //
 // The first exception wins: the caller gets it once nothing of the call runs any more.
 // Calls also throw std::bad_alloc if the group has no memory for another thread.
@@ -166,24 +166,45 @@ struct loop_options {
 
 namespace detail {
 
+// Counts elements and parts. A range of integers can have more than a size_t counts.
+using element_count = unsigned long long;
+
+// Unsigned, because the difference of two integers need not fit their type.
+template <class Index>
+element_count count_between(Index const& first, Index const& last) {
+    if (!(first < last))
+        return 0;
+    if constexpr (std::is_integral_v<Index>)
+        return static_cast<element_count>(last) - static_cast<element_count>(first);
+    else
+        return static_cast<element_count>(last - first);
+}
+template <class Index>
+Index advanced(Index const& from, element_count by) {
+    if constexpr (std::is_integral_v<Index>)
+        return static_cast<Index>(static_cast<element_count>(from) + by);
+    else
+        return from + static_cast<decltype(from - from)>(by);
+}
+
 // A range that is halved again and again. The caller keeps one half and offers the other
 // to other threads: at first until there are as many halves as threads, later whenever a
 // thread is idle. `Loop` defines what happens to a part.
 class divided_range {
 public:
-    divided_range(std::size_t size, loop_options const& options)
+    divided_range(element_count size, loop_options const& options)
         : _size(size),
-          _grain(options.grain != 0 ? options.grain : std::max<std::size_t>(size / 512, 1)),
+          _grain(options.grain != 0 ? options.grain : std::max<element_count>(size / 512, 1)),
           _stop(options.stop) {}
 
-    std::size_t parts() const {
+    element_count parts() const {
         return _size / _grain + (_size % _grain != 0);
     }
     // The bounds of part `part`, in elements.
-    std::size_t begin(std::size_t part) const {
+    element_count begin(element_count part) const {
         return part * _grain;
     }
-    std::size_t end(std::size_t part) const {
+    element_count end(element_count part) const {
         return std::min(_size - part * _grain, _grain) + part * _grain;
     }
 
@@ -204,8 +225,8 @@ public:
     }
 
 private:
-    std::size_t const _size;
-    std::size_t const _grain;
+    element_count const _size;
+    element_count const _grain;
     std::stop_token const _stop;
     // Relaxed: publishes nothing, and `is_complete` reads it after the join.
     atomic<bool> _left_out{false};
@@ -215,7 +236,7 @@ private:
 // among all threads anew.
 template <class Loop>
 struct half_task : task {
-    half_task(call_scope& scope, Loop& loop, std::size_t first, std::size_t last,
+    half_task(call_scope& scope, Loop& loop, element_count first, element_count last,
               unsigned int shares)
         : task{&_run, scope}, _loop(loop), _first(first), _last(last), _shares(shares) {}
 
@@ -238,8 +259,8 @@ private:
     }
 
     Loop& _loop;
-    std::size_t const _first;
-    std::size_t const _last;
+    element_count const _first;
+    element_count const _last;
     unsigned int const _shares;
 };
 
@@ -249,13 +270,13 @@ struct divided_loop {
     using result = T;
 
     // `seat` is null for a thread outside any group. There is at least one part.
-    T run(task_seat* seat, std::size_t first, std::size_t last, unsigned int shares) {
+    T run(task_seat* seat, element_count first, element_count last, unsigned int shares) {
         if (range.is_stopped())
             return identity;
         if (last - first == 1)
-            return std::invoke(body, from + static_cast<difference>(range.begin(first)),
-                               from + static_cast<difference>(range.end(first)), T(identity));
-        std::size_t const middle = first + (last - first) / 2;
+            return std::invoke(body, advanced(from, range.begin(first)),
+                               advanced(from, range.end(first)), T(identity));
+        element_count const middle = first + (last - first) / 2;
         if (seat == nullptr || (shares < 2 && !seat->is_begged())) {
             T left = run(seat, first, middle, 0);
             return std::invoke(join, std::move(left), run(seat, middle, last, 0));
@@ -274,8 +295,6 @@ struct divided_loop {
         return std::invoke(join, std::move(*left), std::move(*right.result));
     }
 
-    using difference = decltype(std::declval<Index>() - std::declval<Index>());
-
     divided_range& range;
     Index const from;
     T const& identity;
@@ -285,15 +304,10 @@ struct divided_loop {
 
 struct nothing {};
 
-template <class Index>
-std::size_t count_between(Index const& first, Index const& last) {
-    return first < last ? static_cast<std::size_t>(last - first) : 0;
-}
-
 // Runs `loop` on the threads of `group`, or of the current group if `group` is null.
 template <class Loop>
 typename Loop::result run_loop(work_group* group, Loop& loop) {
-    std::size_t const parts = loop.range.parts();
+    element_count const parts = loop.range.parts();
     if (parts == 0)
         return loop.identity;
     if (group != nullptr) {
@@ -390,7 +404,8 @@ std::optional<T> parallel_reduce(Index first, Index last, T identity, Body body,
 // order of opening. That thread and the scope's children may call `run`. What a child
 // wrote is visible once `wait` has returned. Children are part of the work that opened
 // the scope: they do not enter the group's queue and take no space of their own. Misuse
-// fails the check "_is_innermost_of_caller()".
+// fails the check "_is_innermost_of_caller()". In a forked process, waiting for a scope of
+// the parent fails the check "!crew.inherited()".
 class task_scope : detail::entered_group, detail::scope_base {
 public:
     // Throws std::bad_alloc.
@@ -406,7 +421,8 @@ public:
     }
 
     // Stops the scope and waits. Passes an exception that no `wait` has rethrown to the
-    // enclosing scope, or to the group.
+    // scope or call of the same group that the thread had open before, or whose child it
+    // ran; if there is none, to the group, whose `wait` rethrows it.
     ~task_scope() {
         stop();
         _join_checked();

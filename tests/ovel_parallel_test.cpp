@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <new>
 #include <numeric>
@@ -201,6 +202,22 @@ TEST_P(parallel_test, loops_visit_each_element_once) {
                                     [](auto const& each) { return each == 1; }));
         }
     parallel_for(group, 5, 2, [](int, int) { ADD_FAILURE(); });
+
+    // The sizes of these fit neither the type of the elements nor, in 32 bits, a size_t.
+    auto const covers = [&](auto first, auto last, unsigned long long size) {
+        std::atomic<unsigned long long> covered = 0;
+        parallel_for(group, first, last, [&](auto begin, auto end) {
+            EXPECT_TRUE(first <= begin && begin < end && end <= last);
+            covered +=
+                static_cast<unsigned long long>(end) - static_cast<unsigned long long>(begin);
+        });
+        EXPECT_EQ(covered, size);
+    };
+    covers(-2'000'000'000, 2'000'000'000, 4'000'000'000);
+    covers(0LL, 5'000'000'000LL, 5'000'000'000);
+    covers(std::numeric_limits<long long>::min(), std::numeric_limits<long long>::max(),
+           std::numeric_limits<unsigned long long>::max());
+    covers(static_cast<signed char>(-128), static_cast<signed char>(127), 255);
 }
 
 // `join` is associative, not commutative, and the rounding of the sum depends on the order.
