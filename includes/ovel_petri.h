@@ -149,6 +149,7 @@ struct transition_options {
     // It fires no earlier than so long after it was enabled, and not at all if it is disabled
     // before. On the clock of `time`, to the millisecond above. Nothing below 0.
     std::chrono::nanoseconds after{0};
+    unsigned int limit = 0;  // of reentrant firings that run or wait for a thread; 0 for none
 };
 
 // How a place is made. `closes` is short for one that closes by itself.
@@ -452,6 +453,8 @@ transition net::insert_transition(std::string name, detail::inputs<From...> from
             core.make_stop_source();
         core.insert(std::move(made), options.reentrant, time, options.space, options.group,
                     ovel::time::seconds(static_cast<double>(detail::seconds_of(options.after))));
+        if (options.limit != 0)
+            core.base().limit(inserted.element, options.limit);
         if constexpr (record::traits::flushes) {
             using flush = detail::flush_record<record, 1 + sizeof...(To)>;
             petri_place* const mark = core.base().insert_place(1);

@@ -500,10 +500,12 @@ private:
     life _life = life::live;
     petri_place* _at_end = nullptr;  // gets a token when the transition has ended
     ovel::time _delay;               // how long it is enabled before it fires
+    // The most firings that may be initiated and not ended. Under the net's mutex.
+    unsigned int _most_firings;
 };
 
 inline bool petri_transition::enabled() const {
-    return _activated && (_reentrant || _firing == 0) &&
+    return _activated && _firing < _most_firings &&
            std::all_of(_accesses.begin(), _accesses.end(),
                        [](detail::petri_access const& access) { return access.enabled(); });
 }
@@ -640,11 +642,18 @@ public:
     void activate(petri_transition* transition);
     void deactivate(petri_transition* transition);
 
-    // Tokens. The blocking forms wait until the place has a token that no firing has
-    // reserved, or a free slot, whether the net runs or not. The `try_` forms return
-    // false instead. If they throw std::bad_alloc, they have changed nothing except as
-    // stated for each. A transition that could not be queued is examined again when one
-    // of its inputs gains tokens or one of its outputs gains slots, by `activate`, and by
+    // From now on the net dispatches a reentrant transition only while fewer than `firings`
+    // of its firings run or wait for a thread (check "firings != 0"). Without a limit, each
+    // firing that ends may have as many dispatched as its group has threads. Then more and
+    // more wait while tokens and room last. Blocks only on internal locks. If it throws
+    // std::bad_alloc, the transition is not queued, but the limit holds.
+    void limit(petri_transition* transition, unsigned int firings);
+
+    // Tokens. The blocking forms wait until the place has a token that no firing
+    // has reserved, or a slot, and the net need not run for that; the `try_` forms
+    // return false instead. Throw std::bad_alloc, having changed nothing but as
+    // each says. A transition that could not be queued is examined again when one
+    // of its inputs gains tokens or one of its outputs slots, by `activate`, and by
     // `release`.
 
     // Copy the oldest token. After an exception `token` is empty.

@@ -9,6 +9,7 @@
 #include "ovel_process.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace ovel {
@@ -135,7 +136,8 @@ petri_transition::petri_transition(petri_function& function, bool reentrant, dou
       _time(time),
       _space(space),
       _group(group),
-      _net(net) {}
+      _net(net),
+      _most_firings(reentrant ? std::numeric_limits<unsigned int>::max() : 1) {}
 
 petri_transition::petri_transition(petri_transition const&) = default;
 petri_transition::~petri_transition() = default;

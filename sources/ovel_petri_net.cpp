@@ -367,6 +367,16 @@ void petri_net::deactivate(petri_transition* transition) {
         _engine->dequeue(transition);
 }
 
+void petri_net::limit(petri_transition* transition, unsigned int firings) {
+    assure(firings != 0);
+    change const hold(*this);
+    transition->_most_firings = transition->_reentrant ? firings : 1;
+    if (!transition->queued())
+        _engine->enqueue_if_enabled(transition);
+    else if (!transition->enabled())
+        _engine->dequeue(transition);
+}
+
 void petri_net::_enqueue_initial_transitions() {
     for (auto i = _transitions.begin(); i != _transitions.end(); ++i) {
         assure((*i)->input_size() != 0 || (*i)->output_size() != 0);

@@ -222,6 +222,39 @@ TEST(petri_engine_test, a_dispatch_takes_as_many_firings_as_the_group_has_thread
     }
 }
 
+// Each end of a firing would else have two more dispatched.
+TEST(petri_engine_test, a_limit_bounds_the_firings_that_run_or_wait) {
+    constexpr int tokens = 10, limit = 3;
+    test_net net(2);
+    semaphore begun(0, 0), go(0, 0);
+    code function([&](code& self) {
+        begun.release();
+        go.acquire();
+        self.take();
+    });
+    petri_place* const place = net.place(tokens);
+    petri_transition* const limited = net.transition(function, place, 1.0, 0.0, true);
+    net.limit(limited, limit);
+    net.release();
+    for (int token = 0; token != tokens; ++token)
+        net.send(place, token);
+    begun.acquire();
+    begun.acquire();
+    for (int ended = 1; ended != 4; ++ended) {
+        go.release();
+        begun.acquire();
+    }
+    any token;
+    int left = 0;
+    while (net.try_receive(place, token))
+        ++left;
+    EXPECT_EQ(left, tokens - 3 - limit);
+    for (int firing = 0; firing != tokens; ++firing)
+        go.release();
+    net.acquire();
+    EXPECT_CHECK(net.limit(limited, 0), "firings != 0", source);
+}
+
 // More transitions than the array holds, with more pairs of space and time than a word has bits.
 // Each pair has two transitions, whose random numbers decide. The last ones get no token.
 TEST(petri_engine_test, transitions_that_one_firing_enables_fire_in_order) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ovel_petri.h"
 
+#include "ovel_semaphore.h"
 #include "ovel_std.h"
 #include "ovel_test.h"
 #include "ovel_trace.h"
@@ -131,6 +132,25 @@ TEST(petri_test, taking_or_putting_more_than_the_arc_allows_fails_a_check) {
     only.send(1);
     only.send(2);
     EXPECT_CHECK(run(tested), "left != 0", "includes/ovel_petri.h");
+}
+
+// The second job is not reserved, although a thread is idle.
+TEST(petri_test, a_limit_bounds_the_firings_of_a_reentrant_body) {
+    net tested(2);
+    auto const jobs = tested.insert_place<int>("jobs", 2);
+    ovel::semaphore begun(0, 0), go(0, 0);
+    auto const work = [&](int) {
+        begun.release();
+        go.acquire();
+    };
+    tested.insert_transition("work", from(jobs), work, {.reentrant = true, .limit = 1});
+    jobs.send(1);
+    jobs.send(2);
+    tested.start();
+    begun.acquire();
+    EXPECT_EQ(jobs.try_receive(), 2);
+    go.release();
+    tested.join();
 }
 
 // The net fails while threads are blocked in its places: in an empty one, whose slots the failing

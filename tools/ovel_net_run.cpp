@@ -195,7 +195,10 @@ machine::machine(net const& model, options const& chosen)
     ovel::time_base const work = ovel::time_base::seconds(chosen.work * 1e-6);
     for (transition const& each : model.transitions) {
         firing& code = _firings.emplace_back(each, work, _limit, _next);
-        _limit.apply_to(_net.insert_transition(code, !chosen.sequential, 1.0, 0.0, 0));
+        auto* const inserted = _net.insert_transition(code, !chosen.sequential, 1.0, 0.0, 0);
+        // Each thread finds the next firing ready; a source never has more of them waiting.
+        _net.limit(inserted, 2 * _threads);
+        _limit.apply_to(inserted);
         code.connect(_net, each, _places);
     }
 }
