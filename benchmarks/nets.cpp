@@ -2,6 +2,7 @@
 // The group nets: work on tokens, on two processors.
 #include "ovel_any.h"
 #include "ovel_benchmark.h"
+#include "ovel_petri.h"
 #include "ovel_petri_net.h"
 
 #if defined(OVEL_PEER_TBB)
@@ -323,6 +324,132 @@ void ask_flow_and_help(benchmark::State& state) {
 }
 #endif
 
+// A chain that one thread of the program feeds and another drains, with `in_flight` tokens
+// in each place, or in all of the peer's graph.
+
+template <class Feed, class Drain>
+double pass_through(unsigned int tokens, Feed feed, Drain drain) {
+    auto const start = clock_type::now();
+    std::jthread const feeds([&] {
+        for (unsigned int i = 0; i != tokens; ++i)
+            feed(static_cast<int>(i));
+    });
+    for (unsigned int i = 0; i != tokens; ++i)
+        drain();
+    return since(start);
+}
+
+struct pass : ovel::petri_function {
+    void operator()() override {
+        ovel::any token;
+        before->receive(token);
+        after->send(token);
+    }
+
+    ovel::petri_place* before = nullptr;
+    ovel::petri_place* after = nullptr;
+};
+
+double pass_net(unsigned int stages, unsigned int tokens) {
+    std::deque<pass> passes(stages);
+    ovel::petri_net net(processors, 0.0, stack_size);
+    std::vector<ovel::petri_place*> places;
+    for (unsigned int i = 0; i <= stages; ++i)
+        places.push_back(net.insert_place(in_flight));
+    for (unsigned int i = 0; i != stages; ++i) {
+        auto* const fires = net.insert_transition(passes[i], false, 1.0, 0.0, 0);
+        net.insert_input_arc(places[i], fires->input(passes[i].before));
+        net.insert_output_arc(fires->output(passes[i].after), places[i + 1]);
+    }
+    net.release();
+    ovel::any token;
+    double const seconds = pass_through(
+        tokens, [&](int value) { net.send(places.front(), value); },
+        [&] { net.receive(places.back(), token); });
+    net.acquire();
+    return seconds;
+}
+
+double pass_typed_net(unsigned int stages, unsigned int tokens) {
+    ovel::net net(processors);
+    std::vector<ovel::place<int>> places;
+    for (unsigned int i = 0; i <= stages; ++i)
+        places.push_back(net.insert_place<int>(std::to_string(i), in_flight));
+    for (unsigned int i = 0; i != stages; ++i)
+        net.insert_transition("pass", from(places[i]), to(places[i + 1]),
+                              [](int value) { return value; });
+    net.start();
+    double const seconds = pass_through(
+        tokens, [&](int value) { places.front().send(value); },
+        [&] { benchmark::DoNotOptimize(places.back().receive()); });
+    net.join();
+    return seconds;
+}
+
+double pass_threads(unsigned int stages, unsigned int tokens) {
+    std::deque<bounded_queue<int>> queues(stages + 1);
+    std::vector<std::jthread> threads;
+    for (unsigned int i = 0; i != stages; ++i)
+        threads.emplace_back([&, i] {
+            for (unsigned int left = tokens; left != 0; --left)
+                queues[i + 1].push(queues[i].pop());
+        });
+    return pass_through(
+        tokens, [&](int value) { queues.front().push(value); },
+        [&] { benchmark::DoNotOptimize(queues.back().pop()); });
+}
+
+#if defined(OVEL_PEER_TBB)
+double pass_flow(unsigned int stages, unsigned int tokens) {
+    using namespace tbb::flow;
+    graph graph;
+    tbb::concurrent_bounded_queue<int> out;
+    out.set_capacity(in_flight);
+    queue_node<int> in(graph);
+    limiter_node<int> limit(graph, in_flight);
+    std::deque<function_node<int, int>> nodes;
+    for (unsigned int i = 0; i != stages; ++i)
+        nodes.emplace_back(graph, serial, [](int value) { return value; });
+    function_node<int, continue_msg> last(graph, serial, [&](int value) {
+        out.push(value);
+        return continue_msg();
+    });
+    make_edge(in, limit);
+    make_edge(limit, nodes.front());
+    for (unsigned int i = 0; i + 1 != stages; ++i)
+        make_edge(nodes[i], nodes[i + 1]);
+    make_edge(nodes.back(), last);
+    make_edge(last, limit.decrementer());
+    double const seconds = pass_through(
+        tokens, [&](int value) { in.try_put(value); },
+        [&] {
+            int value;
+            out.pop(value);
+            benchmark::DoNotOptimize(value);
+        });
+    graph.wait_for_all();
+    return seconds;
+}
+#endif
+
+void border_row(unsigned int stages) {
+    unsigned int const tokens = 200'000 / stages;
+    std::string const row = "fed_chain_of_" + std::to_string(stages);
+    auto const add = [&](std::string const& name, double (*run)(unsigned int, unsigned int)) {
+        timed_contestant(row, name, [=](benchmark::State& state) {
+            for (auto _ : state)
+                state.SetIterationTime(run(stages, tokens));
+            state.SetItemsProcessed(state.iterations() * tokens);
+        });
+    };
+    add("ovel", pass_net);
+    add("ovel, typed", pass_typed_net);
+#if defined(OVEL_PEER_TBB)
+    add("tbb::flow", pass_flow);
+#endif
+    add("thread per stage", pass_threads);
+}
+
 // Philosophers at a table. Each takes both forks at once, or waits until it can, and puts
 // them back, as often as it is hungry. The figure is meals per second.
 
@@ -541,6 +668,9 @@ void ovel_benchmark::register_rows() {
         }
     chain_row("share_of_1us", {4, 1, 100}, figure::share);
     chain_row("share_of_10us", {4, 10, 20}, figure::share);
+
+    for (unsigned int const stages : {1u, 4u, 16u})
+        border_row(stages);
 
     contestant("token_in_and_back", "ovel", ask_net);
 #if defined(OVEL_PEER_TBB)
