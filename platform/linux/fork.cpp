@@ -17,7 +17,8 @@ namespace {
 
 fork_handlers library;
 pthread_mutex_t* const locks[] = {&detail::named_mutexes_lock, &detail::slots_lock,
-                                  &detail::processors_lock, &detail::regions_lock};
+                                  &detail::processors_lock, &detail::regions_lock,
+                                  &detail::modules_lock};
 
 void unlock() {
     for (auto each = std::rbegin(locks); each != std::rend(locks); ++each)

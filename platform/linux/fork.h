@@ -13,6 +13,7 @@ extern pthread_mutex_t named_mutexes_lock;
 extern pthread_mutex_t slots_lock;
 extern pthread_mutex_t processors_lock;
 extern pthread_mutex_t regions_lock;
+extern pthread_mutex_t modules_lock;
 
 // In the child: `former` is the identifier of its only thread in the parent, `now` the one
 // in the child. The thread still owns the mutexes that it owned.

@@ -3,6 +3,7 @@
 
 #include "linux/thread.h"
 
+#include "linux/fork.h"
 #include "linux/futex_word.h"
 #include "linux/processors.h"
 #include "linux/pthread_guard.h"
@@ -25,6 +26,10 @@
 
 namespace ovel {
 
+// Held while a thread reads the list of modules. The C library's own lock of that list stays
+// locked in the child of a process that forks meanwhile.
+pthread_mutex_t detail::modules_lock = PTHREAD_MUTEX_INITIALIZER;
+
 namespace {
 
 int add_thread_local_storage(dl_phdr_info* module, std::size_t, void* sum) {
@@ -43,7 +48,10 @@ std::size_t stack_overhead(std::size_t stack) {
     // library accepts covers what it puts there itself and leaves room for the frame of a
     // signal handler.
     std::size_t overhead = static_cast<std::size_t>(sysconf(_SC_THREAD_STACK_MIN));
-    dl_iterate_phdr(add_thread_local_storage, &overhead);
+    {
+        detail::pthread_guard const hold(detail::modules_lock);
+        dl_iterate_phdr(add_thread_local_storage, &overhead);
+    }
 #if defined(OVEL_SANITIZED)
     overhead += 262144 + 3 * stack;  // red zones, and stack slots that variables do not share
 #else
