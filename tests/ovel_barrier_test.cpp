@@ -42,6 +42,7 @@ TYPED_TEST(barrier_test, no_thread_passes_before_all_have_arrived_and_exactly_on
             lasts += last;
             for (int const each : row)
                 EXPECT_EQ(each, round);
+            EXPECT_TRUE(step.acquire());
         }
     };
     crew(size, walk).clear();
