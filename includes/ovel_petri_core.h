@@ -81,7 +81,7 @@ public:
     // The net gets one. While it is stopped.
     void make_stop_source() {
         if (!_stop.stop_possible())
-            _stop = std::stop_source();
+            _renew_stop_source();
     }
 
     // Operations of places, with how long they wait: `without_limit`, a std::stop_token, or a
@@ -114,7 +114,7 @@ private:
     friend struct inspector;
 
     // Takes `_lock` for the length of a scope.
-    [[nodiscard]] inline std::lock_guard<lockable<mutex>> _hold();
+    [[nodiscard]] std::lock_guard<lockable<mutex>> _hold();
 
     template <class Limit, class Attempt>
     petri_outcome _wait(place_record& at, Limit const& limit, Attempt const& attempt);
@@ -126,7 +126,12 @@ private:
     petri_outcome _within(std::stop_token const& token, Attempt const& attempt);
     template <class Point, class Attempt>
     petri_outcome _within(Point const& point, Attempt const& attempt);
-    inline void _insert_arcs(transition_record& of);
+    void _insert_arcs(transition_record& of);
+    // Swaps, since gcc 12 gives a warning for an assignment.
+    void _renew_stop_source() {
+        std::stop_source made;
+        _stop.swap(made);
+    }
     void _deactivate();
     void _end();
 
@@ -214,7 +219,7 @@ inline void net_core::start() {
         _callers.shut(false);
         _halted = false;
         if (_stop.stop_requested())
-            _stop = std::stop_source();
+            _renew_stop_source();
         _started = true;
     }
     _net.release();

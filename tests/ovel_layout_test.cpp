@@ -137,10 +137,10 @@ struct ovel::detail::inspector {
     LAYOUT(petri_connector, (20, 32), (0, 0), _input, _transition);
     LAYOUT(petri_connector, (20, 32), (12, 24), _size, _capacity);
     LAYOUT(petri_function, (136, 144), (132, 136), _transition);
-    LAYOUT(petri_transition, (480, 528, 488), (132, 136), _before);
-    LAYOUT(petri_transition, (480, 528, 488), (264, 272), _reentrant, _time, _space, _group, _net,
+    LAYOUT(petri_transition, (484, 536, 496), (132, 136), _before);
+    LAYOUT(petri_transition, (484, 536, 496), (264, 272), _reentrant, _time, _space, _group, _net,
            _activated, _firing, _random, _arcs, _iterator, _after, _accesses, _rank, _life, _at_end,
-           _delay);
+           _delay, _most_firings);
     LAYOUT(petri_queue_function, (392, 400), (132, 136), _before, _net, _after);
     LAYOUT(petri_net, (3800, 3912), (0, 0), _mutex, _groups, _firings, _acquired, _random,
            _queue_thread_acquired, _thread_group_acquireds, _thread_group_acquired, _queue_function,
