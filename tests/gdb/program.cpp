@@ -12,8 +12,9 @@ using work = ovel::triple<ovel::thread_function*, double, double>;
 using work_queue = ovel::skip_list<work>;
 
 // Memory of an object that was not constructed, and of one with arbitrary bytes.
-alignas(ovel::net) unsigned char zeroed[sizeof(ovel::net)];
-alignas(ovel::net) unsigned char scribbled[sizeof(ovel::net)];
+// As large as the largest of what is printed there.
+alignas(ovel::petri_net) unsigned char zeroed[sizeof(ovel::petri_net)];
+alignas(ovel::petri_net) unsigned char scribbled[sizeof(ovel::petri_net)];
 
 namespace {
 
