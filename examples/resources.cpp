@@ -65,8 +65,9 @@ int main() {
     while (requests.send_until(int(sent), 5ms))
         ++sent;
     expect(sent == 4, "as many requests wait as the place holds, and the next gives up");
-    std::fputs(net.explain().text().c_str(), stdout);
-    expect(net.explain().transitions[0].arcs[1].lacks(), "the net says that it lacks connections");
+    ovel::explanation const why = net.explain();
+    std::fputs(why.text().c_str(), stdout);
+    expect(why.transitions[0].arcs[1].lacks(), "the net says that it lacks connections");
 
     // A client that is no longer interested is interrupted.
     {

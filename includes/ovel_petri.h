@@ -161,6 +161,7 @@ struct place_options {
     // and none of its firings runs. A transition that takes nothing never ends.
     bool closes = false;
 };
+// The option of a place that closes by itself.
 inline constexpr place_options closes{true};
 
 // The places that a transition takes tokens from, or puts them into: a `place` for
@@ -202,7 +203,10 @@ public:
         triple<unsigned int, double, unsigned int> const* end)
         : _core(std::make_unique<detail::net_core>(begin, end)) {}
 
+    // Takes over the net, running or not; its places and transitions stay valid. A net that
+    // was moved from may only be destroyed or assigned to.
     net(net&&) noexcept = default;
+    // The same, once the net that is replaced has been destroyed as by its destructor.
     net& operator=(net&&) noexcept = default;
 
     // Stops a net that runs, without waiting for it to rest: firings under way end. Lets the

@@ -19,6 +19,7 @@ namespace ovel {
 // place has ended.
 class stopped : public std::exception {
 public:
+    // Always the same text.
     char const* what() const noexcept override {
         return "a place has ended, or its net was stopped";
     }

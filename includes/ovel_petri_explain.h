@@ -16,13 +16,13 @@ namespace ovel {
 struct explanation {
     // A place, with numbers of tokens.
     struct place_state {
-        std::string name;
+        std::string name;       // given when it was inserted
         unsigned int tokens;    // that no firing has reserved
         unsigned int taken;     // reserved by firings that take them
         unsigned int expected;  // slots reserved by firings that fill them
-        unsigned int capacity;
-        bool closed;  // accepts no more tokens
-        bool ended;   // closed, and its last token has left
+        unsigned int capacity;  // tokens and free slots together
+        bool closed;            // accepts no more tokens
+        bool ended;             // closed, and its last token has left
     };
 
     // An arc of a transition. One of `unless` needs as many slots as its place has.
@@ -42,15 +42,15 @@ struct explanation {
 
     // A transition.
     struct transition_state {
-        std::string name;
-        bool active;           // whether it may fire
-        bool ended;            // whether it never fires again, since its places have ended
-        unsigned int firings;  // reserved or running
-        std::vector<arc_state> arcs;
+        std::string name;             // given when it was inserted
+        bool active;                  // whether it may fire
+        bool ended;                   // whether it never fires again, since its places have ended
+        unsigned int firings;         // reserved or running
+        std::vector<arc_state> arcs;  // in the order of `from`, `to`, `unless`
     };
 
-    std::vector<place_state> places;
-    std::vector<transition_state> transitions;
+    std::vector<place_state> places;            // in the order of insertion
+    std::vector<transition_state> transitions;  // in the order of insertion
 
     // A line for each place and each transition.
     inline std::string text() const;

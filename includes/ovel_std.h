@@ -358,6 +358,7 @@ private:
 //     if (stopped.wait_for(20ms)) return;   // others
 class event : public detail::wait_operations<event> {
 public:
+    // Is set from the start if `is_set`.
     explicit event(bool is_set = false) : _set(is_set) {}
     ~event() {
         delete _gathering;
@@ -366,6 +367,8 @@ public:
     event(event const&) = delete;
     event& operator=(event const&) = delete;
 
+    // Releases all threads that wait, and those that come until `reset`. Never blocks but
+    // for other operations.
     void set() {
         round* released;
         unsigned int count;
@@ -383,6 +386,7 @@ public:
         released->units._release(static_cast<int>(count));
     }
 
+    // From now on threads wait again. Releases none that waits. Never blocks.
     void reset() {
         _set.store(false, std::memory_order_relaxed);
     }
@@ -470,6 +474,7 @@ public:
     latch(latch const&) = delete;
     latch& operator=(latch const&) = delete;
 
+    // The most steps of a latch.
     static constexpr std::ptrdiff_t max() noexcept {
         return std::numeric_limits<std::int32_t>::max();
     }
@@ -491,6 +496,7 @@ public:
         return _state.load(std::memory_order_acquire) % sleeper == 0;
     }
 
+    // Does `steps` of them, checked as in `count_down`, and blocks until all are done.
     void arrive_and_wait(std::ptrdiff_t steps = 1) {
         count_down(steps);
         wait();
