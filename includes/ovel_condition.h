@@ -22,8 +22,10 @@ public:
     basic_condition(basic_condition const&) = delete;
     basic_condition& operator=(basic_condition const&) = delete;
 
+    // Both are always inlined: for Windows the library exports no copy of an inline member.
+
     // Wakes one of the waiting threads, if any.
-    void release_one() {
+    [[gnu::always_inline]] void release_one() {
         // Relaxed: a thread that changed, under the mutex, what others wait for sees all
         // of them counted, because each was counted before it released the mutex.
         if (_queued.load(std::memory_order_relaxed) != 0)
@@ -31,7 +33,7 @@ public:
     }
 
     // Wakes every thread that is waiting now.
-    void release_all() {
+    [[gnu::always_inline]] void release_all() {
         // Relaxed: as above.
         if (_queued.load(std::memory_order_relaxed) != 0)
             _release_all();
