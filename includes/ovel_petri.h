@@ -290,7 +290,7 @@ public:
     }
 
     // The net itself, whose elements are in the order in which they were inserted; behind a
-    // transition whose body is told of the end stand a place and a transition for that call.
+    // transition whose body gets a call at the end stand a place and a transition for that call.
     petri_net& base() {
         return _core->base();
     }

@@ -44,7 +44,7 @@ public:
         _check_arrays(std::index_sequence_for<From...>());
     }
 
-    // The last call of a body that is told of the end: with an empty value.
+    // The last call of a body that takes the end: with an empty value.
     template <class Firing>
     void flush(Firing& scope) {
         _call(scope, std::optional<typename From::value>()...);

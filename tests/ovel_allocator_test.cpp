@@ -215,7 +215,7 @@ TEST(remote_free_test, waiting_blocks_except_the_only_one_serve_like_own_ones) {
     EXPECT_NE(fresh, memory[0]);
     EXPECT_EQ(entry.size, 4096u);
 
-    // The last block freed serves first, whoever owns it.
+    // The last freed block is reused first, of whatever allocator.
     user.deallocate(fresh);
     user.deallocate(memory[1]);
     EXPECT_EQ(user.allocate(request_of(largest)), memory[1]);

@@ -253,7 +253,7 @@ TEST(petri_streams_test, a_halted_net_lets_nobody_in_until_it_is_stopped) {
     tested.join();
 }
 
-// The body that would be told of the end has failed before, and is told after the next start.
+// The body that takes the end has failed before, so it gets the call after the next start.
 TEST(petri_streams_test, a_failure_is_thrown_where_a_place_has_ended) {
     net tested(1);
     auto const in = tested.insert_place<int>("in", 1);

@@ -23,7 +23,7 @@ using detail::inspector;
 
 constexpr unsigned int stack_size = 65536;
 
-// A sender that closes the first of two places in a row, a body that is told of the end, and
+// A sender that closes the first of two places in a row, a body that takes the end, and
 // two receivers of the last place, which closes by itself. In the second variant another
 // thread closes the middle place, at any time.
 void ends(unsigned int variant) {
@@ -194,7 +194,7 @@ void let_go(unsigned int variant) {
         tested->join();
 }
 
-// Memory is refused while a place ends whose transition is told of it.
+// Memory is refused while a place ends whose transition takes its end.
 void ends_without_memory(unsigned int) {
     accounts const books(0);
     expect_failure("(\"unexpected exception\", 0)");
