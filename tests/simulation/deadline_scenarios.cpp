@@ -25,7 +25,7 @@ struct caller_clock {
     using rep = duration::rep;
     using period = duration::period;
     using time_point = std::chrono::time_point<caller_clock>;
-    static constexpr bool is_steady = true;
+    [[maybe_unused]] static constexpr bool is_steady = true;
 
     static time_point now() {
         ++readings;
