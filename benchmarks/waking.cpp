@@ -2,9 +2,8 @@
 // The group waking: how soon a waiting thread continues after its wake-up.
 #include "ovel_barrier.h"
 #include "ovel_benchmark.h"
+#include "ovel_benchmark_conditions.h"
 #include "ovel_benchmark_semaphores.h"
-#include "ovel_condition.h"
-#include "ovel_mutex.h"
 #include "ovel_std.h"
 
 #include <pthread.h>
@@ -13,157 +12,25 @@
 
 #include <barrier>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
-
-#if defined(OVEL_PEER_ABSL)
-#include <absl/synchronization/mutex.h>
-#endif
-#if defined(OVEL_PEER_NSYNC)
-#include <nsync.h>
-#endif
 
 namespace {
 
 using ovel_benchmark::placement;
 using ovel_benchmark::plain_semaphore;
 using ovel_benchmark::posix_semaphore;
+using ovel_benchmark::standard_condition;
 using ovel_benchmark::standard_semaphore;
 using ovel_benchmark::timed_semaphore;
+using ovel_benchmark::with_each_condition;
 using clock_type = std::chrono::steady_clock;
 
 double seconds_between(clock_type::time_point from, clock_type::time_point to) {
     return std::chrono::duration<double>(to - from).count();
 }
-
-// Conditions with their mutexes. `wait_until(ready)` returns once `ready()` is true. Only
-// `change(make)` may make it true: it calls `make()` under the mutex and then wakes one
-// waiter, or all.
-
-template <class Mutex, class Condition, unsigned int spin = 1024>
-class ovel_condition {
-public:
-    template <class Ready>
-    void wait_until(Ready const& ready) {
-        _mutex.acquire();
-        while (!ready())
-            _changed.acquire(_mutex);
-        _mutex.release();
-    }
-    template <class Make>
-    void change(Make const& make, bool all) {
-        _mutex.acquire();
-        make();
-        _mutex.release();
-        all ? _changed.release_all() : _changed.release_one();
-    }
-
-private:
-    Mutex _mutex{spin};
-    Condition _changed{spin};
-};
-
-class standard_condition {
-public:
-    template <class Ready>
-    void wait_until(Ready const& ready) {
-        std::unique_lock hold(_mutex);
-        _changed.wait(hold, ready);
-    }
-    template <class Make>
-    void change(Make const& make, bool all) {
-        {
-            std::scoped_lock const hold(_mutex);
-            make();
-        }
-        all ? _changed.notify_all() : _changed.notify_one();
-    }
-
-private:
-    std::mutex _mutex;
-    std::condition_variable _changed;
-};
-
-class posix_condition {
-public:
-    posix_condition() = default;
-    ~posix_condition() {
-        pthread_cond_destroy(&_changed);
-        pthread_mutex_destroy(&_mutex);
-    }
-    posix_condition(posix_condition const&) = delete;
-    posix_condition& operator=(posix_condition const&) = delete;
-
-    template <class Ready>
-    void wait_until(Ready const& ready) {
-        pthread_mutex_lock(&_mutex);
-        while (!ready())
-            pthread_cond_wait(&_changed, &_mutex);
-        pthread_mutex_unlock(&_mutex);
-    }
-    template <class Make>
-    void change(Make const& make, bool all) {
-        pthread_mutex_lock(&_mutex);
-        make();
-        pthread_mutex_unlock(&_mutex);
-        all ? pthread_cond_broadcast(&_changed) : pthread_cond_signal(&_changed);
-    }
-
-private:
-    pthread_mutex_t _mutex = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t _changed = PTHREAD_COND_INITIALIZER;
-};
-
-#if defined(OVEL_PEER_ABSL)
-class absl_condition {
-public:
-    template <class Ready>
-    void wait_until(Ready const& ready) {
-        absl::MutexLock const hold(&_mutex);
-        while (!ready())
-            _changed.Wait(&_mutex);
-    }
-    template <class Make>
-    void change(Make const& make, bool all) {
-        {
-            absl::MutexLock const hold(&_mutex);
-            make();
-        }
-        all ? _changed.SignalAll() : _changed.Signal();
-    }
-
-private:
-    absl::Mutex _mutex;
-    absl::CondVar _changed;
-};
-#endif
-
-#if defined(OVEL_PEER_NSYNC)
-class nsync_condition {
-public:
-    template <class Ready>
-    void wait_until(Ready const& ready) {
-        nsync::nsync_mu_lock(&_mutex);
-        while (!ready())
-            nsync::nsync_cv_wait(&_changed, &_mutex);
-        nsync::nsync_mu_unlock(&_mutex);
-    }
-    template <class Make>
-    void change(Make const& make, bool all) {
-        nsync::nsync_mu_lock(&_mutex);
-        make();
-        nsync::nsync_mu_unlock(&_mutex);
-        all ? nsync::nsync_cv_broadcast(&_changed) : nsync::nsync_cv_signal(&_changed);
-    }
-
-private:
-    nsync::nsync_mu _mutex = NSYNC_MU_INIT;
-    nsync::nsync_cv _changed = NSYNC_CV_INIT;
-};
-#endif
 
 // A semaphore of the system that is an open file.
 class event_descriptor {
@@ -203,25 +70,8 @@ private:
     int _units = 0;
 };
 
-// Calls `use.template operator()<Condition>(name)` for every condition.
-template <class Use>
-void with_each_condition(Use const& use) {
-    use.template operator()<ovel_condition<ovel::mutex, ovel::condition>>("ovel condition");
-    use.template operator()<ovel_condition<ovel::mutex, ovel::condition, 0>>(
-        "ovel condition spin 0");
-    use.template operator()<ovel_condition<ovel::timed_mutex, ovel::timed_condition>>(
-        "ovel timed condition");
-    use.template operator()<standard_condition>("std::condition_variable");
-    use.template operator()<posix_condition>("pthread_cond");
-#if defined(OVEL_PEER_ABSL)
-    use.template operator()<absl_condition>("absl::CondVar");
-#endif
-#if defined(OVEL_PEER_NSYNC)
-    use.template operator()<nsync_condition>("nsync_cv");
-#endif
-}
-
-// The same for every semaphore, and every condition as one.
+// Calls `use.template operator()<Semaphore>(name)` for every semaphore, and every condition
+// as one.
 template <class Use>
 void with_each_semaphore(Use const& use) {
     use.template operator()<plain_semaphore<0>>("ovel");
@@ -324,126 +174,6 @@ void round_trips_at_once(std::string const& row, std::string const& name, int di
     });
 }
 
-// The time from before the change that `sleepers` threads wait for, all asleep, until the
-// last of them has continued. With `again`, threads that have continued wait for the next
-// change at once, and so compete with the others for the mutex.
-template <class Condition>
-void wake(std::string const& row, std::string const& name, int sleepers, bool again) {
-    ovel_benchmark::timed_contestant(row, name, [=](benchmark::State& state) {
-        Condition condition;
-        int generation = 0;  // under the condition's mutex
-        int waiting = 0;     // so is this
-        bool over = false;   // and this
-        std::atomic<int> awake = 0;
-        clock_type::time_point end;
-        posix_semaphore<0> all_awake;
-        posix_semaphore<0> may_wait;
-        std::vector<std::jthread> threads;
-        for (int sleeper = 0; sleeper < sleepers; ++sleeper) {
-            threads.emplace_back([&] {
-                for (int seen = 0;; ++seen) {
-                    bool counted = false;
-                    condition.wait_until([&] {
-                        waiting += !std::exchange(counted, true);
-                        return generation != seen;
-                    });
-                    if (over)
-                        return;
-                    if (awake.fetch_add(1) + 1 == sleepers) {
-                        end = clock_type::now();
-                        all_awake.release();
-                    }
-                    if (!again)
-                        may_wait.acquire();
-                }
-            });
-        }
-        auto const change = [&](bool ends) {
-            bool ready = false;
-            while (!ready) {
-                // Time for the threads to be counted, to spin, and to fall asleep.
-                std::this_thread::sleep_for(std::chrono::microseconds(100 + 100 * sleepers));
-                condition.wait_until([&] {
-                    ready = waiting == sleepers;
-                    return true;
-                });
-            }
-            awake.store(0);
-            auto const start = clock_type::now();
-            condition.change(
-                [&] {
-                    waiting = 0;
-                    over = ends;
-                    ++generation;
-                },
-                true);
-            return start;
-        };
-        for (auto _ : state) {
-            auto const start = change(false);
-            all_awake.acquire();
-            state.SetIterationTime(seconds_between(start, end));
-            for (int sleeper = 0; !again && sleeper < sleepers; ++sleeper)
-                may_wait.release();
-        }
-        change(true);
-    })->Iterations(100);  // the time between two of them does not count
-}
-
-// The bound of waking threads that wait again with a condition whose gate lets none of them
-// pass before all have left: all are woken at once, then one after the other, each by the
-// one before: the first at the gate, the others at the mutex.
-void wake_all_then_each(std::string const& row, std::string const& name, int sleepers) {
-    ovel_benchmark::timed_contestant(row, name, [=](benchmark::State& state) {
-        std::atomic<int> generation = 0;
-        std::atomic<int> waiting = 0;
-        std::atomic<int> awake = 0;
-        std::atomic<bool> over = false;
-        clock_type::time_point end;
-        posix_semaphore<0> all_awake;
-        std::vector<posix_semaphore<0>> turn(static_cast<std::size_t>(sleepers) + 1);
-        std::vector<std::jthread> threads;
-        for (int sleeper = 0; sleeper < sleepers; ++sleeper) {
-            threads.emplace_back([&] {
-                for (int seen = 0;; ++seen) {
-                    waiting.fetch_add(1);
-                    generation.wait(seen);
-                    if (over)
-                        return;
-                    auto const place = static_cast<std::size_t>(awake.fetch_add(1));
-                    if (place + 1 == static_cast<std::size_t>(sleepers))
-                        turn[0].release();
-                    turn[place].acquire();
-                    if (place + 1 == static_cast<std::size_t>(sleepers)) {
-                        end = clock_type::now();
-                        all_awake.release();
-                    } else {
-                        turn[place + 1].release();
-                    }
-                }
-            });
-        }
-        auto const change = [&](bool ends) {
-            do
-                std::this_thread::sleep_for(std::chrono::microseconds(100 + 100 * sleepers));
-            while (waiting != sleepers);
-            awake = 0;
-            waiting = 0;
-            over = ends;
-            auto const start = clock_type::now();
-            ++generation;
-            generation.notify_all();
-            return start;
-        };
-        for (auto _ : state) {
-            auto const start = change(false);
-            all_awake.acquire();
-            state.SetIterationTime(seconds_between(start, end));
-        }
-        change(true);
-    })->Iterations(100);
-}
-
 // Gates, which hold the threads that `pass(generation)` until `open(generation)`. All threads
 // that wait have passed before the next generation is opened.
 
@@ -494,10 +224,38 @@ private:
     int _generation = 0;
 };
 
-// The time from before the gate opens to when the last of the threads that sleep for it has
-// passed. Each then waits for the next one at once.
+// The bound of a condition whose gate lets no thread wait again before all have left: all
+// are woken at once, then one after the other, each by the one before: the first at the
+// gate, the others at the mutex.
+class chained_gate {
+public:
+    explicit chained_gate(int sleepers) : _turn(static_cast<std::size_t>(sleepers)) {}
+    void pass(int generation) {
+        _generation.wait(generation);
+        std::size_t const place = _awake.fetch_add(1);
+        if (place + 1 == _turn.size())
+            _turn[0].release();
+        _turn[place].acquire();
+        if (place + 1 < _turn.size())
+            _turn[place + 1].release();
+    }
+    void open(int generation) {
+        _awake = 0;
+        _generation = generation + 1;
+        _generation.notify_all();
+    }
+
+private:
+    std::atomic<int> _generation = 0;
+    std::atomic<std::size_t> _awake = 0;
+    std::vector<posix_semaphore<0>> _turn;
+};
+
+// The time from before the gate opens until the last of the threads that sleep for it has
+// passed. With `again`, threads that have passed wait for the next generation at once, and so
+// compete with the others for the gate.
 template <class Gate>
-void broadcast(std::string const& row, std::string const& name, int sleepers) {
+void wake(std::string const& row, std::string const& name, int sleepers, bool again) {
     ovel_benchmark::timed_contestant(row, name, [=](benchmark::State& state) {
         Gate gate(sleepers);
         std::atomic<int> waiting = 0;
@@ -505,6 +263,7 @@ void broadcast(std::string const& row, std::string const& name, int sleepers) {
         std::atomic<bool> over = false;
         clock_type::time_point end;
         posix_semaphore<0> all_awake;
+        posix_semaphore<0> may_wait;
         std::vector<std::jthread> threads;
         for (int sleeper = 0; sleeper < sleepers; ++sleeper) {
             threads.emplace_back([&] {
@@ -517,11 +276,14 @@ void broadcast(std::string const& row, std::string const& name, int sleepers) {
                         end = clock_type::now();
                         all_awake.release();
                     }
+                    if (!again)
+                        may_wait.acquire();
                 }
             });
         }
         int generation = 0;
         auto const open = [&](bool ends) {
+            // Time for the threads to be counted, to spin, and to fall asleep.
             do
                 std::this_thread::sleep_for(std::chrono::microseconds(100 + 100 * sleepers));
             while (waiting != sleepers);
@@ -536,9 +298,11 @@ void broadcast(std::string const& row, std::string const& name, int sleepers) {
             auto const start = open(false);
             all_awake.acquire();
             state.SetIterationTime(seconds_between(start, end));
+            for (int sleeper = 0; !again && sleeper < sleepers; ++sleeper)
+                may_wait.release();
         }
         open(true);
-    })->Iterations(100);
+    })->Iterations(100);  // the time between two of them does not count
 }
 
 // Barriers, with `arrive` for a thread to meet the others.
@@ -669,10 +433,10 @@ void with_each_barrier(Use const& use) {
     use.template operator()<standard_barrier>("std::barrier");
     use.template operator()<posix_barrier>("pthread_barrier");
 #if defined(OVEL_PEER_ABSL)
-    use.template operator()<barrier_of<absl_condition>>("absl::CondVar");
+    use.template operator()<barrier_of<ovel_benchmark::absl_condition>>("absl::CondVar");
 #endif
 #if defined(OVEL_PEER_NSYNC)
-    use.template operator()<barrier_of<nsync_condition>>("nsync_cv");
+    use.template operator()<barrier_of<ovel_benchmark::nsync_condition>>("nsync_cv");
 #endif
 }
 
@@ -701,18 +465,18 @@ void ovel_benchmark::register_rows() {
             std::string const row =
                 "wake_" + std::to_string(sleepers) + (again ? "_that_wait_again" : "");
             with_each_condition([&]<class Condition>(char const* name) {
-                wake<Condition>(row, name, sleepers, again);
+                wake<condition_gate<Condition>>(row, name, sleepers, again);
             });
             if (again)
-                wake_all_then_each(row, "ovel's bound: all, then each in turn", sleepers);
+                wake<chained_gate>(row, "ovel's bound: all, then each in turn", sleepers, again);
         }
     }
 
     for (int const sleepers : {2, 4, 8, 16}) {
         std::string const row = "broadcast_to_" + std::to_string(sleepers);
-        broadcast<event_gate>(row, "ovel event", sleepers);
-        broadcast<atomic_gate>(row, "std::atomic::wait", sleepers);
-        broadcast<condition_gate<standard_condition>>(row, "std::condition_variable", sleepers);
+        wake<event_gate>(row, "ovel event", sleepers, true);
+        wake<atomic_gate>(row, "std::atomic::wait", sleepers, true);
+        wake<condition_gate<standard_condition>>(row, "std::condition_variable", sleepers, true);
     }
 
     phases<ovel_barrier<1024>>("barrier_of_2", "ovel", 2, placement::pinned);
