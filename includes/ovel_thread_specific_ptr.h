@@ -36,7 +36,7 @@ public:
 
     // The same, but returns false instead of failing a check. The value is then
     // unchanged.
-    bool try_set(T* value) {
+    [[nodiscard]] bool try_set(T* value) {
         return TlsSetValue(index, value) != 0;
     }
 

@@ -26,8 +26,8 @@ public:
     // Gives up the rest of the caller's time slice.
     static void yield();
 
-    // Sleeps once until about `deadline`, to the nearest millisecond and for at most
-    // 2147483647 milliseconds. Returns at once if the deadline has passed.
+    // Sleeps once, until a timed wait for `deadline` would end (see `time`). Returns at once
+    // if the deadline has passed.
     static void timed_yield(time const& deadline);
 
     // The number of processors of the machine.

@@ -251,7 +251,9 @@ allocator* allocator_group::_lend() {
 // Runs on a thread that ends with an allocator that it was lent.
 void OVEL_THREAD_ENTRY detail::give_back_at_end(void* lent) {
     allocator_group& group = *allocator_group::global();
-    slots.ended.try_set(&group);
+    // Without memory for this, the thread may be lent an allocator again, and gives it back
+    // in the system's next round of destructors.
+    static_cast<void>(slots.ended.try_set(&group));
     FlsSetValue(slots.lent, nullptr);
     group._serve(nullptr);
     group._give_back(static_cast<allocator*>(lent));

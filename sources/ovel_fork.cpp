@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// Forks of the process. The thread that forks takes the library's locks first, so that
-// nothing they guard is half changed in the child, where it is the only thread. The rings of
-// other threads' allocators, which need no lock, may be half changed.
+// What the library does when the process forks.
 //
-// Lock order: the pool's lock, which also serializes forks; the locks of all allocators but
-// the global one; the global allocator's; those of the kernel services. A thread that holds
-// an allocator's lock waits for the global one's only, and no thread waits for another lock
-// while it holds that one.
+// The child has a copy of the memory, and of the threads only the one that forked. Data that
+// another thread was changing at the fork stays half changed there. So the forking thread
+// takes the library's locks before the fork: no other thread is then changing what they
+// guard. No lock guards the rings of an activated allocator. Those of another thread may be
+// half changed in the child, so no thread of the child uses them.
+//
+// Lock order: the pool's lock, so one fork at a time; the locks of all allocators but the
+// global one; the global allocator's lock; those of the kernel services. A thread that holds
+// an allocator's lock waits only for the global allocator's. A thread that holds that one
+// waits for no other lock.
 
 #include "kernel.h"
 #include "ovel_allocator.h"
@@ -25,7 +29,8 @@ namespace ovel::detail {
 
 namespace {
 
-// The threads that waited for it do not exist in the child.
+// Frees a lock that the parent holds. The threads that waited for it do not exist in the
+// child, so the semaphore forgets them.
 void free_in_child(semaphore& lock, unsigned int spin) {
     std::destroy_at(&lock);
     std::construct_at(&lock, 1, spin);
@@ -33,11 +38,12 @@ void free_in_child(semaphore& lock, unsigned int spin) {
 
 }  // namespace
 
-// Other threads may register further allocators, at the front of the list, while this one
-// locks those behind.
+// While this thread acquires the locks of the allocators in the list, other threads may
+// register further ones at its front. So it repeats until the list has not grown. Returns
+// with all allocators' locks held, the global allocator's last.
 void process_hooks::_lock_allocators() {
     semaphore& registry = allocator_group::global()->global_allocator()->_lock;
-    allocator* locked = nullptr;  // this and all behind it
+    allocator* locked = nullptr;  // the locks of this one and all behind it are held
     for (registry.acquire(); allocator::_allocators != locked; registry.acquire()) {
         allocator* const first = allocator::_allocators;
         registry.release();
@@ -55,9 +61,10 @@ void process_hooks::_unlock_allocators() {
     allocator::_global_allocator->_lock.release();
 }
 
-// A deactivated allocator is consistent, and may serve a thread of the child. One that was
-// serving another thread stays activated: it accepts freed blocks as pending, and no thread
-// uses its rings. Where there are forks, the quick pointer holds this thread's allocator.
+// A deactivated allocator is consistent and may serve a thread of the child. An activated one
+// was serving another thread of the parent. It stays activated, so blocks that the child frees
+// wait in `_pending` and nothing touches its rings. The quick pointer is this thread's
+// allocator: every platform that forks has one.
 void process_hooks::_inherit_allocators() {
     allocator* const own = static_cast<allocator*>(quick_pointer());
     allocator::_released_allocators = nullptr;
@@ -84,9 +91,9 @@ void process_hooks::in_parent() {
     thread_element_group::global()->_lock.release();
 }
 
-// The pool has no threads left, and nor has the crew of the thread's current seat. The
-// pool's lock does not poll, like the one built at load. The recycler and the clock start
-// again when they are next used.
+// Neither the pool nor the crew of the thread's current seat has any threads. The pool's lock
+// has spin count 0, like the one built at load. The recycler and the clock start again when
+// the child first uses them.
 void process_hooks::in_child() {
     _inherit_allocators();
     thread_element_group& pool = *thread_element_group::global();

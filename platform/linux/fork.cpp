@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Forks. The child has a copy of the memory and one thread. A lock that another thread held
-// at the fork would stay locked for ever, and its data half changed. So the library's
-// handlers take its locks before the fork, and the layer takes its own inside them.
+// What the layer does when the process forks. A lock that another thread held at the fork
+// would stay locked in the child for ever, with its data half changed. So the forking thread
+// takes the library's locks first, then the layer's own.
 
 #include "linux/fork.h"
 
@@ -36,12 +36,13 @@ void after_fork_in_parent() {
     library.in_parent();
 }
 
-// This thread has taken the locks before the fork, and so owns them in the child.
+// The thread owns the locks that it took before the fork. Unlocks the layer's own first,
+// because the library's handler calls its services.
 void after_fork_in_child() {
     unsigned long const former = current_thread_id;
     current_thread_id = 0;
     ++detail::process_generation_word;
-    if (former != 0)  // otherwise it owns nothing
+    if (former != 0)  // otherwise it has never owned a named mutex
         detail::inherit_named_mutexes(former, GetCurrentThreadId());
     unlock();
     library.in_child();

@@ -7,16 +7,16 @@
 
 namespace ovel::detail {
 
-// The layer's own locks. A fork takes them in this order; no other code takes one while it
+// The layer's own locks. A fork takes them in this order. No other code takes one while it
 // holds another.
-extern pthread_mutex_t named_mutexes_lock;
-extern pthread_mutex_t slots_lock;
-extern pthread_mutex_t processors_lock;
-extern pthread_mutex_t regions_lock;
-extern pthread_mutex_t modules_lock;
+extern pthread_mutex_t named_mutexes_lock;  // the table of named mutexes, their handle counts
+extern pthread_mutex_t slots_lock;          // which thread-local slots are in use, generations
+extern pthread_mutex_t processors_lock;     // the process's mask; changes of any thread's mask
+extern pthread_mutex_t regions_lock;        // the mappings from which regions are cut
+extern pthread_mutex_t modules_lock;        // reading the C library's list of modules
 
-// In the child: `former` is the identifier of its only thread in the parent, `now` the one
-// in the child. The thread still owns the mutexes that it owned.
+// Called in the child. Its thread still owns the named mutexes that it owned in the parent,
+// where its identifier was `former`; in the child it is `now`.
 void inherit_named_mutexes(unsigned long former, unsigned long now);
 
 }  // namespace ovel::detail
