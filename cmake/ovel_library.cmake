@@ -70,11 +70,13 @@ function(ovel_add_static target)
         set(bits -m elf_i386)
     endif()
     # Without groups: a group's local name could be discarded in favour of
-    # another's.
+    # another's. The priority in the section's name makes the linker put the library's
+    # constructors before those of the program, whose static objects may use the library.
     add_custom_command(OUTPUT ${object} VERBATIM COMMAND_EXPAND_LISTS
         COMMAND ${CMAKE_LINKER} ${bits} -r --force-group-allocation -o ${object}
             $<TARGET_OBJECTS:${target}_objects>
         COMMAND ${CMAKE_OBJCOPY} --localize-hidden --wildcard
+            --rename-section .init_array=.init_array.00101
             --localize-symbol=_Znw* --localize-symbol=_Zna*
             --localize-symbol=_Zdl* --localize-symbol=_Zda* ${object}
         DEPENDS ${target}_objects $<TARGET_OBJECTS:${target}_objects>)
