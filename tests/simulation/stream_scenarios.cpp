@@ -7,6 +7,7 @@
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
 #include "ovel_petri.h"
+#include "ovel_semaphore.h"
 #include "simulation/simulation.h"
 
 #include <chrono>
@@ -81,6 +82,47 @@ void ends(unsigned int variant) {
     assure(received == passed && received + left == sent);
     assure(cut || (sent == tokens && left == 0));
     assure(middle.ended() && !middle.try_send(1));
+}
+
+// A place is closed while a firing that puts into it is held: its token arrives, then the end.
+// Receivers wait without a limit, with a late one, or ask again and again.
+void ends_behind_a_firing(unsigned int variant) {
+    accounts const books(0, true);
+    net tested(1, 0.0, stack_size);
+    auto const in = tested.insert_place<int>("in", 1);
+    auto const out = tested.insert_place<int>("out", 1);
+    semaphore begun(0, 0), go(0, 0);
+    tested.insert_transition("held", from(in), to(out), [&](int token) {
+        begun.release();
+        go.acquire();
+        return token;
+    });
+    tested.start();
+    in.send(1);
+    begun.acquire();
+    begin();
+    detail::atomic<int> received = 0;
+    {
+        auto const receive = [&] {
+            if (variant == 2)
+                for (; !out.ended(); YieldProcessor())
+                    received += out.try_receive().value_or(0);
+            else if (variant == 1)
+                while (!out.ended())
+                    received += out.receive_until(time::then(3600.0)).value_or(0);
+            else
+                while (auto const token = out.next())
+                    received += *token;
+        };
+        client first(receive), second(receive);
+        client closing([&] {
+            out.close();
+            assure(!out.ended());
+            go.release();
+        });
+    }
+    assure(received == 1);
+    tested.join();
 }
 
 // Threads wait with deadlines while others send, halt the net or let one token pass. None
@@ -238,6 +280,8 @@ void ends_without_memory(unsigned int) {
 
 registration const table[] = {
     registration({.name = "net_ends_behind_its_tokens", .run = ends, .variants = 2}),
+    registration(
+        {.name = "net_place_ends_behind_a_firing", .run = ends_behind_a_firing, .variants = 3}),
     registration({.name = "net_waits_end_at_their_limits", .run = limits, .variants = 2}),
     registration({.name = "net_lets_blocked_threads_go", .run = let_go, .variants = 4}),
     registration({.name = "net_ends_although_memory_is_refused", .run = ends_without_memory})};
