@@ -303,7 +303,7 @@ petri_outcome net_core::_wait(place_record& at, Limit const& limit, Attempt cons
     if (counted.is_let_in())
         made = _within(limit, [&](unsigned int milliseconds, atomic<bool> const* interrupted) {
             return attempt(
-                petri_patience{_callers.releases(), counted.begun(), interrupted, milliseconds});
+                petri_patience{&_callers.releases(), counted.begun(), interrupted, milliseconds});
         });
     if (made != petri_outcome::done)
         _callers.rethrow_failure();
@@ -334,7 +334,7 @@ petri_outcome net_core::_within(Point const& point, Attempt const& attempt) {
 
 template <class Limit>
 bool net_core::receive(place_record& from, any& token, Limit const& limit) {
-    return _net.try_receive(from.element, token) ||
+    return _net._receive_within(from.element, token, petri_patience()) == petri_outcome::done ||
            _wait(from, limit, [&](petri_patience const& patience) {
                return _net._receive_within(from.element, token, patience);
            }) == petri_outcome::done;
@@ -342,7 +342,7 @@ bool net_core::receive(place_record& from, any& token, Limit const& limit) {
 
 template <class Limit>
 bool net_core::put(place_record& to, maker make, void* value, Limit const& limit) {
-    return try_put(to, make, value) ||
+    return _net._put_within(to.element, make, value, petri_patience()) == petri_outcome::done ||
            _wait(to, limit, [&](petri_patience const& patience) {
                return _net._put_within(to.element, make, value, patience);
            }) == petri_outcome::done;

@@ -61,22 +61,24 @@ class enabled_transitions;
 class net_core;
 class petri_closing;
 class petri_crew;
+struct petri_call;
 
-// What ends a call of `net` that waits at a place, besides a token or a slot there.
+// What ends a call of `net` that waits at a place, besides a token or a slot there. By default
+// the call does not wait.
 struct petri_patience {
     static constexpr unsigned int unlimited = ~0u;
 
-    // Relaxed: the thread that changes them takes the net's mutex afterwards and wakes the
-    // callers.
+    // Relaxed: the thread that changes them takes the net's mutex afterwards, and then ends
+    // the calls whose patience is over.
     bool is_over() const {
-        return releases.load(std::memory_order_relaxed) != begun ||
+        return (releases != nullptr && releases->load(std::memory_order_relaxed) != begun) ||
                (interrupted != nullptr && interrupted->load(std::memory_order_relaxed));
     }
 
-    atomic<unsigned int> const& releases;  // changes when the net lets its callers go
-    unsigned int begun;                    // what it was when the call began
-    atomic<bool> const* interrupted;       // whether this caller has been asked to stop
-    unsigned int milliseconds;             // the longest wait
+    atomic<unsigned int> const* releases = nullptr;  // changes when the net lets its callers go
+    unsigned int begun = 0;                          // what it was when the call began
+    atomic<bool> const* interrupted = nullptr;       // whether this caller was asked to stop
+    unsigned int milliseconds = 0;                   // the longest wait
 };
 
 // What such a call has come to.
@@ -84,7 +86,7 @@ enum class petri_outcome {
     done,
     ended,   // the place is closed: no token will come, or none is accepted
     over,    // its patience is over
-    elapsed  // it has waited once and found nothing
+    elapsed  // it has waited for as long as it may
 };
 
 }  // namespace detail
@@ -134,10 +136,6 @@ private:
     friend class detail::petri_closing;
     friend struct detail::inspector;
     friend struct detail::petri_access;
-
-    // Added to `_receivers` and `_senders` when the place is closed, so that from then on its
-    // gains take the way of those that concern callers.
-    static constexpr unsigned int closed_mark = 1u << 31;
 
     // Appends `token` itself, which is empty then.
     void _put(any&& token);
@@ -240,14 +238,17 @@ private:
     // Guards `_channel` and writes of `_receive_skip` and `_send_skip`. Taken after the
     // net's.
     mutex _mutex;
-    // Callers that wait for a token or a slot. Under the net's mutex.
-    unsigned int _receivers = 0;
-    unsigned int _senders = 0;
     unsigned int const _capacity;
     // The contents of `_arcs`, as the engine reads them.
     detail::petri_side _consumers;
     detail::petri_side _producers;
-    detail::atomic<unsigned int> _runner{0};  // the net's
+    detail::atomic<unsigned int> _runner{0};  // the net's; relaxed as there
+    // Under the net's mutex: callers of the net that want a token or a slot. A place that has
+    // gained what they want is in a list until the mutex is released.
+    detail::petri_callers _receivers;
+    detail::petri_callers _senders;
+    petri_place* _next_offered = nullptr;
+    bool _is_offered = false;
     // Under the net's mutex, for nets of `ovel_petri.h`.
     bool _closed = false;
     bool _closes = false;  // closes once each transition that puts into it has ended
@@ -572,8 +573,11 @@ private:
 // during `release`.
 //
 // Any thread may use tokens, `activate` and `deactivate` at any time. Tokens are copied
-// and destroyed under the net's lock, so their code must not call the net. What a thread
-// wrote before it sent a token is visible to the firing or thread that takes the token.
+// and destroyed under the net's lock, so their code must not call the net; another thread
+// that uses the net at that time may run it. Transitions take what they can before callers
+// do, but every few gains of a place at which a caller is present go to callers first, so
+// that they are not starved. What a thread wrote before it sent a token is visible to the
+// firing or thread that takes the token.
 // Firing code that calls the blocking `send` on a full place, or `receive` on an empty
 // one, blocks a thread of its group, and for ever if no other firing makes room or a
 // token.
@@ -649,11 +653,11 @@ public:
     // std::bad_alloc, the transition is not queued, but the limit holds.
     void limit(petri_transition* transition, unsigned int firings);
 
-    // Tokens. The blocking forms wait until the place has a token that no firing
-    // has reserved, or a slot, and the net need not run for that; the `try_` forms
-    // return false instead. Throw std::bad_alloc, having changed nothing but as
-    // each says. A transition that could not be queued is examined again when one
-    // of its inputs gains tokens or one of its outputs slots, by `activate`, and by
+    // Tokens. The blocking forms wait until the place has a token that no firing has
+    // reserved, or a free slot, whether the net runs or not. The `try_` forms return
+    // false instead. If they throw std::bad_alloc, they have changed nothing except as
+    // stated for each. A transition that could not be queued is examined again when one
+    // of its inputs gains tokens or one of its outputs gains slots, by `activate`, and by
     // `release`.
 
     // Copy the oldest token. After an exception `token` is empty.
@@ -719,16 +723,15 @@ private:
     petri_transition* _next_firing(firing_work& of, petri_transition* ended);
 
     void _enqueue_initial_transitions();
-    void _await_token(petri_place* place);
-    void _await_slot(petri_place* place);
+    detail::petri_outcome _complete(detail::petri_call& call);
+    detail::petri_outcome _complete_late(detail::petri_call& call);
+    bool _perform(detail::petri_call& call);
+    bool _carry_out(detail::petri_call& call);
     void _receive(petri_place* place, any& token);
     void _send(petri_place* place, any const& token);
 
     // The operations of `net`. A token that is put is made under the net's lock; after any
-    // exception nothing is put. `_wake` has all callers that wait look again.
-    template <class Look>
-    detail::petri_outcome _await(unsigned int& callers, detail::petri_patience const& patience,
-                                 Look const& look);
+    // exception nothing is put. `_wake` ends the calls whose patience is over.
     detail::petri_outcome _receive_within(petri_place* place, any& token,
                                           detail::petri_patience const& patience);
     detail::petri_outcome _put_within(petri_place* place, maker make, void* from,
@@ -751,10 +754,10 @@ private:
     bool _join_groups(Join join);
 
     // Guards `_firings`, `_acquired`, `_random`, `_queue`, and `_engine` except as stated
-    // there; of a place `_size`, `_receive_size`, `_send_size`, `_receivers` and
-    // `_senders`; of a transition `_activated`, `_firing`, `_random`, `_iterator` and,
-    // from a start to the stop, `_rank`. Taken before a place's mutex. Never held while
-    // firing code runs or while the net calls a group.
+    // there; of a place `_size`, `_receive_size`, `_send_size` and the callers; of a
+    // transition `_activated`, `_firing`, `_most_firings`, `_random`, `_iterator` and, from a
+    // start to the stop, `_rank`. Taken before a place's mutex. Never held while firing code
+    // runs or while the net calls a group.
     mutex _mutex;
     unsigned int const _groups;
     unsigned int _firings = 0;  // initiated and not ended, of all transitions
@@ -771,8 +774,7 @@ private:
     list<petri_transition*> _transitions;
     list<petri_arc*> _arcs;
     skip_list<petri_transition*> _queue;  // enabled transitions waiting for dispatch
-    condition _condition;                 // blocked callers wait here, with `_mutex`
-    condition _rest;                      // the queue thread waits here, with `_mutex`
+    condition _condition;                 // the queue thread waits here, with `_mutex`
     engine* _engine = nullptr;            // owned
     // The process that runs the net; 0 while it is stopped. Written by the thread that
     // starts and stops it. Relaxed: it only tells a forked process from the one that set

@@ -8,6 +8,7 @@
 #define OVEL_PETRI_ROWS_H
 
 #include "ovel_allocator_support.h"
+#include "ovel_spin_memory.h"
 
 #include <algorithm>
 #include <limits>
@@ -20,6 +21,8 @@ class petri_place;
 class petri_transition;
 
 namespace detail {
+
+struct petri_call;
 
 // Plain values in one block from `allocator_support`.
 template <class T>
@@ -103,6 +106,26 @@ struct petri_side {
     // largest weight; unlimited if a transition is reentrant, because that may fire once
     // more.
     unsigned int most = 0;
+};
+
+// The callers at a place that want tokens, or slots.
+struct petri_callers {
+    static constexpr unsigned int has_tried = 1;
+    static constexpr unsigned int one_waiting = 2;
+    static constexpr unsigned int is_closed = 1u << 31;
+
+    // How many calls wait.
+    unsigned int waiting() const {
+        return (present & ~is_closed) / one_waiting;
+    }
+
+    // The sum of `one_waiting` for each call that waits, `has_tried` if one that does not wait
+    // found nothing, and `is_closed` if the place is closed. At 0 the engine ignores what the
+    // place gains, as far as callers are concerned.
+    unsigned int present = 0;
+    unsigned int passed = 0;     // gains since a caller that was present had its turn
+    petri_call* last = nullptr;  // of a ring of calls that wait; the next one is the first
+    spin_memory memory;          // of threads that wait
 };
 
 }  // namespace detail

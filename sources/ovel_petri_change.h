@@ -7,12 +7,17 @@
 
 namespace ovel {
 
-// Holds a net's mutex for a change. The end of the scope dispatches what is enabled then,
-// and wakes the threads that this concerns, also when an exception ends it half way.
+// Holds a net's mutex for a change. The end of the scope carries out the calls of other threads,
+// dispatches what is enabled then, and wakes the threads that this concerns, also when an
+// exception ends it half way.
 class petri_net::change {
 public:
-    explicit change(petri_net& net) : _net(net) {
-        _net._enter();
+    // That the caller has the mutex.
+    static constexpr bool taken = true;
+
+    explicit change(petri_net& net, bool is_taken = false) : _net(net) {
+        if (!is_taken)
+            _net._enter();
     }
     ~change() {
         _net._dispatch();

@@ -1,78 +1,199 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the nets of `ovel_petri.h` add to the operations on tokens: waits that end early,
-// tokens that are made in their place, and places that are closed.
+// Clients of nets: how the thread that holds a net's mutex carries out the calls of others, and
+// what the nets of `ovel_petri.h` add to the token interface.
 
 #include "ovel_assure.h"
 #include "ovel_guard.h"
+#include "ovel_petri_call.h"
 #include "ovel_petri_change.h"
 #include "ovel_petri_engine.h"
 #include "ovel_petri_net.h"
+#include "ovel_spin_wait.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace ovel {
 
+using detail::petri_call;
+using detail::petri_callers;
 using detail::petri_outcome;
-using detail::petri_patience;
 
-// Waits until `look` finds something, which it then tells, or the caller's patience is over;
-// what is there comes first. `callers` counts those that wait there. With a deadline it waits
-// once only, since the caller's own clock decides whether to wait again.
-template <class Look>
-petri_outcome petri_net::_await(unsigned int& callers, petri_patience const& patience,
-                                Look const& look) {
-    bool waited = patience.milliseconds == 0;
-    for (;;) {
-        petri_outcome const found = look();
-        if (found != petri_outcome::elapsed)
-            return found;
-        if (patience.is_over())
-            return petri_outcome::over;
-        if (waited)
-            return petri_outcome::elapsed;
-        ++callers;
-        if (patience.milliseconds == petri_patience::unlimited) {
-            _condition.acquire(_mutex);
-        } else {
-            _engine->wait_for_news(patience.milliseconds);
-            waited = true;
+// Published calls are taken over once, so that this thread gets on with its own work.
+void petri_net::engine::_dispatch_among_callers() {
+    for (bool is_first = true;; is_first = false) {
+        bool const yields = _take_turns() && is_first;
+        if (yields) {
+            _await_published();
+            _carry_out_published();
         }
-        --callers;
+        _dispatch();
+        if (is_first && !yields) {
+            _carry_out_published();
+            _dispatch();
+        }
+        _news &= static_cast<unsigned char>(~detail::for_callers);
+        while (_offered != nullptr)
+            _serve(std::exchange(_offered, _offered->_next_offered));
+        if ((_news & detail::for_closing) != 0) {
+            _news &= static_cast<unsigned char>(~detail::for_closing);
+            _closing.settle(*this);
+        }
+        if ((_enabled.empty() || !_is_running) &&
+            (_news & (detail::for_callers | detail::for_closing)) == 0)
+            return;
     }
 }
 
-petri_outcome petri_net::_receive_within(petri_place* place, any& token,
-                                         petri_patience const& patience) {
-    change const hold(*this);
-    petri_outcome const found = _await(place->_receivers, patience, [place] {
-        if (place->receive_enabled(1))
-            return petri_outcome::done;
-        return place->ended() ? petri_outcome::ended : petri_outcome::elapsed;
-    });
-    if (found == petri_outcome::done)
-        _receive(place, token);
-    return found;
+// Returns whether a caller that does not wait should get its chance.
+bool petri_net::engine::_take_turns() {
+    bool yields = false;
+    for (petri_place* place = _offered; place != nullptr; place = place->_next_offered)
+        for (petri_callers* each : {&place->_receivers, &place->_senders})
+            if (each->passed >= most_passed) {
+                yields |= (each->present & petri_callers::has_tried) != 0;
+                each->present &= ~petri_callers::has_tried;
+                each->passed = 0;
+                _serve_one(*each);
+            }
+    return yields;
 }
 
-petri_outcome petri_net::_put_within(petri_place* place, maker make, void* from,
-                                     petri_patience const& patience) {
-    change const hold(*this);
-    petri_outcome const found = _await(place->_senders, patience, [place] {
-        if (place->_closed)
-            return petri_outcome::ended;
-        return place->send_enabled(1) ? petri_outcome::done : petri_outcome::elapsed;
-    });
-    if (found == petri_outcome::done)
-        _put(place, make, from);
-    return found;
+// Serves all callers that the place has something for, and ends the calls that can't be.
+void petri_net::engine::_serve(petri_place* place) {
+    place->_is_offered = false;
+    while (_serve_one(place->_receivers) || _serve_one(place->_senders)) {}
+    if (place->_closed)
+        end_calls(place);
 }
 
-bool petri_net::_try_put(petri_place* place, maker make, void* from) {
-    change const hold(*this);
-    if (place->_closed || !place->send_enabled(1))
+// Carries out the first of the calls that wait, if that is possible.
+bool petri_net::engine::_serve_one(petri_callers& callers) {
+    if (callers.last == nullptr || !_net._carry_out(*callers.last->next))
         return false;
-    _put(place, make, from);
+    callers.passed = 0;
+    _end(*_unlink(callers, callers.last));
     return true;
+}
+
+bool petri_net::engine::publish(petri_call& call) {
+    call.next = _published.load(std::memory_order_relaxed);
+    while (!_published.compare_exchange_weak(call.next, &call)) {}
+    // To look at the call costs nothing before it changes. An attempt to take the mutex is a
+    // cache miss for the thread that has it.
+    unsigned int looks = 0;
+    unsigned int next_attempt = detail::pace_for_net.first;
+    for (detail::spin_wait wait(_spin, detail::pace_for_unit); !wait.is_over(); wait.pause()) {
+        if (call.now.load() != petri_call::state::open)
+            return false;
+        if (++looks == next_attempt) {
+            if (_net._mutex.try_acquire())
+                return true;
+            looks = 0;
+            next_attempt = std::min(2 * next_attempt, detail::pace_for_net.most);
+        }
+    }
+    _net._mutex.acquire();
+    return true;
+}
+
+// A caller that tries again and again is seldom at the mutex when that is taken, but comes soon
+// if it has a processor.
+void petri_net::engine::_await_published() {
+    constexpr unsigned int most_pauses = 16;
+    for (detail::spin_wait wait(std::min(_spin, most_pauses), detail::pace_for_unit);
+         !wait.is_over() && _published.load(std::memory_order_relaxed) == nullptr;)
+        wait.pause();
+    if (_published.load(std::memory_order_relaxed) == nullptr)
+        Sleep(0);
+}
+
+void petri_net::engine::_carry_out_published() {
+    petri_call* newest = _published.exchange(nullptr);
+    petri_call* oldest = nullptr;
+    while (newest != nullptr)
+        oldest = std::exchange(newest, std::exchange(newest->next, oldest));
+    while (oldest != nullptr) {
+        petri_call& call = *std::exchange(oldest, oldest->next);
+        if (_net._carry_out(call) || !wait_or_miss(call))
+            _end(call);
+    }
+}
+
+bool petri_net::engine::wait_or_miss(petri_call& call) {
+    petri_callers& at = callers(call);
+    if (!call.waits()) {
+        at.present |= petri_callers::has_tried;
+        return false;
+    }
+    call.outcome = _reason_to_end(call);
+    if (call.outcome != petri_outcome::elapsed ||
+        (call.patience != nullptr && call.patience->milliseconds == 0))
+        return false;
+    if (at.last == nullptr)
+        at.last = call.next = &call;
+    else
+        call.next = std::exchange(at.last->next, &call);
+    at.last = &call;
+    at.present += petri_callers::one_waiting;
+    call.now = petri_call::state::waiting;
+    return true;
+}
+
+bool petri_net::engine::withdraw(petri_call& call) {
+    if (call.now.load() == petri_call::state::ended)
+        return false;
+    petri_callers& at = callers(call);
+    petri_call* before = at.last;
+    while (before->next != &call)
+        before = before->next;
+    _unlink(at, before);
+    call.now = petri_call::state::ended;
+    return true;
+}
+
+void petri_net::engine::end_calls(petri_place* place) {
+    for (petri_callers* each : {&place->_receivers, &place->_senders}) {
+        petri_call* before = each->last;
+        for (unsigned int left = each->waiting(); left != 0; --left) {
+            petri_call& call = *before->next;
+            call.outcome = _reason_to_end(call);
+            if (call.outcome != petri_outcome::elapsed)
+                _end(*_unlink(*each, before));
+            else
+                before = &call;
+        }
+    }
+}
+
+// Why a call that waits should end although its place does not have what it needs; `elapsed` if
+// there is no reason.
+petri_outcome petri_net::engine::_reason_to_end(petri_call const& call) {
+    if (call.patience == nullptr)
+        return petri_outcome::elapsed;
+    if (call.receives() ? call.place->ended() : call.place->_closed)
+        return petri_outcome::ended;
+    return call.patience->is_over() ? petri_outcome::over : petri_outcome::elapsed;
+}
+
+void petri_net::engine::_end(petri_call& call) {
+    using state = petri_call::state;
+    if (call.now.exchange(state::ended) != state::asleep)
+        return;
+    call.next = std::exchange(_sleepers, &call);
+    _news |= detail::for_sleepers;
+}
+
+// Removes the call after `before`, and returns it.
+petri_call* petri_net::engine::_unlink(petri_callers& from, petri_call* before) {
+    petri_call* const unlinked = before->next;
+    before->next = unlinked->next;
+    if (unlinked == before)
+        from.last = nullptr;
+    else if (unlinked == from.last)
+        from.last = before;
+    from.present -= petri_callers::one_waiting;
+    return unlinked;
 }
 
 // Puts a token into a slot that is free. It is counted before it is there, so that all
@@ -96,7 +217,8 @@ void petri_net::_put(petri_place* place, maker make, void* from) {
 
 void petri_net::_wake() {
     change const hold(*this);
-    _engine->wake_callers();
+    for (petri_place* place : _places)
+        _engine->end_calls(place);
 }
 
 void petri_net::_close(petri_place* place) {

@@ -28,8 +28,8 @@ public:
     void close(petri_place* place) {
         if (std::exchange(place->_closed, true))
             return;
-        place->_receivers += petri_place::closed_mark;
-        place->_senders += petri_place::closed_mark;
+        place->_receivers.present |= petri_callers::is_closed;
+        place->_senders.present |= petri_callers::is_closed;
         place->_next_closed = std::exchange(_first, place);
     }
 
@@ -41,11 +41,9 @@ public:
         place->_next_closed = std::exchange(_first, place);
     }
 
-    // Ends what has no more to do. Returns whether a transition has ended: a place that callers
-    // wait at ends in that moment, or has ended when it was closed.
+    // Ends what has no more to do: transitions, and calls that wait at a closed place.
     template <class Engine>
-    bool settle(Engine& engine) {
-        bool any = false;
+    void settle(Engine& engine) {
         do {
             _changed = false;
             for (petri_place* rest = std::exchange(_first, nullptr); rest != nullptr;) {
@@ -53,9 +51,7 @@ public:
                 if (!_settle(*place, engine))
                     list(place);
             }
-            any |= _changed;
         } while (_changed);
-        return any;
     }
 
 private:
@@ -66,6 +62,7 @@ private:
     // Returns whether all transitions around the place have ended.
     template <class Engine>
     bool _settle(petri_place& place, Engine& engine) {
+        engine.end_calls(&place);
         bool all = true;
         for (auto const& [transition, size, reentrant, inhibits] : place._producers.ends)
             all &= inhibits || _settle(*transition, true, engine);

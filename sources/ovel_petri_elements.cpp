@@ -214,6 +214,18 @@ bool petri_net::inherited() const {
     return detail::is_inherited(_runner.load(std::memory_order_relaxed));
 }
 
+void petri_net::_set_runner(unsigned int process) {
+    _runner.store(process, std::memory_order_relaxed);
+    for (petri_place* place : _places)
+        place->_runner.store(process, std::memory_order_relaxed);
+}
+
+// Whether the calling thread is one of the net's that fire.
+bool petri_net::_runs_caller() const {
+    return std::any_of(_thread_groups, _thread_groups + _groups,
+                       [](thread_group const* each) { return each->_runs_caller(); });
+}
+
 list<petri_place*>::iterator petri_net::begin_places() {
     return _places.begin();
 }

@@ -13,9 +13,15 @@
 
 namespace ovel::detail {
 
-// What a thread sees to before it gives a net's mutex up, as bits of one byte: callers that
-// wait for what has come, closed places, and transitions whose delay has begun.
-enum petri_news : unsigned char { for_callers = 1, for_closing = 2, for_clock = 4 };
+// What a thread handles before it releases a net's mutex, as bits of one byte: places that have
+// gained what callers want, closed places, transitions whose delay has begun, and callers that
+// are asleep although their calls have ended.
+enum petri_news : unsigned char {
+    for_callers = 1,
+    for_closing = 2,
+    for_clock = 4,
+    for_sleepers = 8
+};
 
 // Transitions in the order of `skip_list_order<petri_transition*>`: the largest space
 // first, then the longest time, then the largest random number, which each one draws when

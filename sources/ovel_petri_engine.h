@@ -54,13 +54,19 @@
 // of their group. A thread that ends a firing takes the next one within the same hold of
 // the mutex.
 //
-// News. A place that callers wait at, or that is closed, reports its gains. They are looked at
-// before the mutex is given up, so that what a closed place ends is ended, and what that enables
-// is dispatched, within the hold of the mutex in which it came about.
+// Calls. A client's call that finds the mutex taken is published, and one that waits is in a
+// list of its place. The thread that holds the mutex carries both out, and hears of them from the
+// places: one at which callers are present, or that is closed, reports its gains. Dispatch
+// handles these before the mutex is released, so that what a closed place ends has ended, and
+// what that enables is dispatched, within the hold of the mutex in which it came about.
 //
-// Wake-ups. They all happen after the mutex was given up: one thread for each crew that needs
-// one, blocked callers if a place that one of them waits at has gained what it waits for, and
-// the queue thread if the net is stopping and at rest.
+// Turns. Firings go before callers, but for one gain in `most_passed` of a place at which a
+// caller is present. Then a call that waits is carried out before the next reservation. For
+// calls that do not wait, nothing is reserved: the thread gives them a moment to be published.
+//
+// Wake-ups. They all happen after the mutex was released: one thread for each crew that needs
+// one, the callers whose calls have ended while they were asleep, and the queue thread if the
+// net is stopping and at rest, or a delay has begun.
 #ifndef OVEL_PETRI_ENGINE_H
 #define OVEL_PETRI_ENGINE_H
 
@@ -69,6 +75,7 @@
 #include "ovel_atomic.h"
 #include "ovel_condition.h"
 #include "ovel_counter.h"
+#include "ovel_petri_call.h"
 #include "ovel_petri_closing.h"
 #include "ovel_petri_crew.h"
 #include "ovel_petri_enabled_transitions.h"
@@ -167,13 +174,13 @@ public:
 
     // The place has gained tokens, or free slots; `before` were available.
     void gained_tokens(petri_place* place, unsigned int before) {
-        if (place->_receivers != 0)
-            _tell(place, place->receive_enabled(1));
+        if (place->_receivers.present != 0)
+            _offer(place, place->_receivers);
         _enqueue_side(place->_consumers, before, place->tokens());
     }
     void gained_slots(petri_place* place, unsigned int before) {
-        if (place->_senders != 0)
-            _tell(place, place->send_enabled(1));
+        if (place->_senders.present != 0)
+            _offer(place, place->_senders);
         _enqueue_side(place->_producers, before, place->slots());
     }
 
@@ -185,20 +192,32 @@ public:
         _dequeue_side(place->_producers, place->slots());
     }
 
-    // Initiates the firings of all queued transitions; of a reentrant transition as many
-    // at once as its group has threads.
+    // Initiates the firings of all queued transitions, and carries out the calls of other
+    // threads. Ends what closed places end.
     void dispatch() {
-        if (!_is_running)
-            return;
-        while (!_enabled.empty()) {
-            petri_transition* const transition = _enabled.take_first();
-            firing_work& work = *_works[transition->_group];
-            unsigned int left = transition->_reentrant ? work._threads : 1;
-            do {
-                _initiate(transition);
-                _insert(work, transition);
-            } while (--left != 0 && transition->enabled());
-        }
+        // Relaxed: a thread that publishes a call takes the mutex if no thread carries it out.
+        if (_news != 0 || _published.load(std::memory_order_relaxed) != nullptr)
+            _dispatch_among_callers();
+        else
+            _dispatch();
+    }
+
+    // Publishes the call. Returns false once another thread has taken it over, and true once
+    // this thread has the mutex; then its next dispatch carries out all that is published. Any
+    // thread, without the mutex.
+    bool publish(detail::petri_call& call);
+
+    // The place does not have what the call needs. Returns whether the call waits for it.
+    bool wait_or_miss(detail::petri_call& call);
+
+    // Ends a call that waits. Returns whether it did.
+    bool withdraw(detail::petri_call& call);
+
+    // Ends the calls that wait at the place and have no more reason to.
+    void end_calls(petri_place* place);
+
+    static detail::petri_callers& callers(detail::petri_call& call) {
+        return call.receives() ? call.place->_receivers : call.place->_senders;
     }
 
     // Commits a firing of the transition.
@@ -218,25 +237,9 @@ public:
         return next;
     }
 
-    // Makes all blocked callers look again.
-    void wake_callers() {
-        _news |= detail::for_callers;
-    }
-    // Waits once for that, so many milliseconds at most. With the mutex, which it gives up
-    // meanwhile.
-    void wait_for_news(unsigned int milliseconds) {
-        static_cast<void>(_timed_callers.timed_acquire(_net._mutex, milliseconds));
-    }
-    // Wakes them. Without the mutex.
-    void release_callers() {
-        _net._condition.release_all();
-        _timed_callers.release_all();
-    }
-
     // Closes a place for good: no further firing puts into it, nor does a caller of `net`.
     void close(petri_place* place) {
         _closing.close(place);
-        _news |= detail::for_callers;
         _news |= detail::for_closing;
     }
     // Looks at a closed place again, since arcs have been added to it.
@@ -254,7 +257,7 @@ public:
     // What that enables is dispatched. With the mutex, which it gives up meanwhile.
     void wait_for_rest() {
         if (!_enabled.has_delays()) {
-            _net._rest.acquire(_net._mutex);
+            _net._condition.acquire(_net._mutex);
             return;
         }
         time due;
@@ -272,20 +275,25 @@ public:
     }
     // Wakes it. Without the mutex.
     void release_queue_thread() {
-        _net._rest.release_one();
+        _net._condition.release_one();
         _clock.release_one();
     }
 
-    // Something that callers wait for has come, a closed place may have ended, or a delay has
-    // begun.
+    // Whether a delay has begun, or callers that are asleep are to be woken.
     bool has_news() const {
         return _news != 0;
     }
-    // Ends what closed places end and dispatches what that enables. Returns the news.
-    [[gnu::noinline]] unsigned int take_news() {
-        if ((_news & detail::for_closing) != 0 && _closing.settle(*this))
-            _news |= detail::for_callers;
+    unsigned int take_news() {
         return std::exchange(_news, 0);
+    }
+    // Returns the callers to wake.
+    detail::petri_call* take_sleepers() {
+        return std::exchange(_sleepers, nullptr);
+    }
+    // Wakes them. Without the mutex. A caller that is awake may be gone.
+    static void wake(detail::petri_call* sleepers) {
+        while (sleepers != nullptr)
+            assure(ReleaseSemaphore(std::exchange(sleepers, sleepers->next)->unit, 1, 0) != 0);
     }
 
     // Puts an empty token into a place that no other thread knows, for one transition. In a
@@ -299,7 +307,6 @@ public:
             if (_is_running)
                 throw;
         }
-        dispatch();
     }
 
     wake_ups collect_wake_ups() {
@@ -323,14 +330,29 @@ public:
 private:
     friend struct detail::inspector;
 
-    // Callers wait at a place that has gained something, or it is closed. Out of line, so that
-    // the usual way stays short.
-    [[gnu::noinline]] void _tell(petri_place* place, bool available) {
-        if (available)
-            _news |= detail::for_callers;
+    // Gains of a place in a row that firings may take while a caller is present.
+    static constexpr unsigned int most_passed = 4;
+
+    // The place has gained what callers want that are present, or it is closed. Out of line, so
+    // that the usual way stays short.
+    [[gnu::noinline]] void _offer(petri_place* place, detail::petri_callers& to) {
+        ++to.passed;
+        _news |= detail::for_callers;
         if (place->_closed)
             _news |= detail::for_closing;
+        if (!std::exchange(place->_is_offered, true))
+            place->_next_offered = std::exchange(_offered, place);
     }
+
+    void _dispatch_among_callers();
+    bool _take_turns();
+    void _await_published();
+    void _serve(petri_place* place);
+    bool _serve_one(detail::petri_callers& callers);
+    void _carry_out_published();
+    void _end(detail::petri_call& call);
+    static detail::petri_outcome _reason_to_end(detail::petri_call const& call);
+    static detail::petri_call* _unlink(detail::petri_callers& from, detail::petri_call* before);
 
     static unsigned int _milliseconds(double seconds) {
         return static_cast<unsigned int>(
@@ -362,6 +384,21 @@ private:
         for (auto const& [transition, size, reentrant, inhibits] : side.ends)
             if (size > now && transition->queued())
                 dequeue(transition);
+    }
+
+    // Of a reentrant transition as many firings at once as its group has threads.
+    void _dispatch() {
+        if (!_is_running)
+            return;
+        while (!_enabled.empty()) {
+            petri_transition* const transition = _enabled.take_first();
+            firing_work& work = *_works[transition->_group];
+            unsigned int left = transition->_reentrant ? work._threads : 1;
+            do {
+                _initiate(transition);
+                _insert(work, transition);
+            } while (--left != 0 && transition->enabled());
+        }
     }
 
     void _initiate(petri_transition* transition) {
@@ -438,10 +475,13 @@ private:
     bool _is_running = false;
     bool _missed = false;                     // there was no memory to queue a transition
     unsigned int _ranked = 0;                 // transitions that have their rank
+    petri_place* _offered = nullptr;          // the first of those with something for callers
+    detail::petri_call* _sleepers = nullptr;  // the first that is asleep and has ended
     detail::atomic<unsigned int> _ended = 0;  // written under the mutex
+    // The last call that was published and is not taken over yet.
+    detail::atomic<detail::petri_call*> _published = nullptr;
     detail::petri_closing _closing;
-    timed_condition _timed_callers{0};  // blocked callers that have a deadline, with the mutex
-    timed_condition _clock{0};          // the queue thread of a net with delays, with the mutex
+    timed_condition _clock{0};  // the queue thread of a net with delays, with the mutex
 };
 
 // A new transition may belong between any two others.

@@ -12,6 +12,7 @@
 
 #include "ovel_allocator_group.h"
 #include "ovel_guard.h"
+#include "ovel_petri_call.h"
 #include "ovel_petri_change.h"
 #include "ovel_petri_engine.h"
 #include "ovel_process.h"
@@ -21,10 +22,13 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <utility>
 
 namespace ovel {
+
+using detail::petri_outcome;
 
 // Adds an arc: the only one in its direction with its place, and the only one with its
 // variable. Needs room in the row.
@@ -96,20 +100,14 @@ void petri_net::_leave() {
         _engine->release_queue_thread();
 }
 
-// The same when something concerns callers, or closed places: what those end may enable
-// more.
+// The same when callers are asleep whose calls have ended, or a delay has begun.
 void petri_net::_leave_with_news() {
-    unsigned int news = 0;
-    try {
-        news = _engine->take_news();
-    } catch (...) {
-        assure(("unexpected exception", 0));
-    }
+    unsigned int const news = _engine->take_news();
+    detail::petri_call* const sleepers = _engine->take_sleepers();
     engine::wake_ups const wakes = _engine->collect_wake_ups();
     _mutex.release();
     engine::call(wakes.called);
-    if ((news & detail::for_callers) != 0)
-        _engine->release_callers();
+    engine::wake(sleepers);
     if (wakes.queue_thread || (news & detail::for_clock) != 0)
         _engine->release_queue_thread();
 }
@@ -256,8 +254,7 @@ petri_net::petri_net(unsigned int groups, unsigned int stack_size)
       _thread_group_acquireds(groups),
       _queue_function(this),
       _queue_thread(stack_size),
-      _condition(detail::current_spin()),
-      _rest(0) {
+      _condition(0) {
     assure(_groups != 0);
 }
 
@@ -385,65 +382,109 @@ void petri_net::_enqueue_initial_transitions() {
     _engine->forget_missed();
 }
 
-// Wait until there is a token or a slot.
-void petri_net::_await_token(petri_place* place) {
-    while (!place->receive_enabled(1)) {
-        ++place->_receivers;
-        _condition.acquire(_mutex);
-        --place->_receivers;
+// Carries the call out if its place has what it needs, and returns whether it has.
+[[gnu::always_inline]] inline bool petri_net::_perform(detail::petri_call& call) {
+    using kind = detail::petri_call::kind;
+    petri_place* const place = call.place;
+    if (call.receives() ? !place->receive_enabled(1) : !place->send_enabled(1))
+        return false;
+    if (call.what <= kind::try_peek)
+        place->peek(*call.token);
+    else if (call.what <= kind::try_receive)
+        _receive(place, *call.token);
+    else if (call.what <= kind::try_send)
+        _send(place, *call.token);
+    else if (place->_closed)
+        return false;
+    else
+        _put(place, call.make, call.from);
+    call.outcome = petri_outcome::done;
+    return true;
+}
+
+// The same for a call of another thread, which throws what this throws. Returns whether the
+// call is to end.
+bool petri_net::_carry_out(detail::petri_call& call) {
+    try {
+        return _perform(call);
+    } catch (...) {
+        call.failure = std::current_exception();
+        return true;
     }
 }
 
-void petri_net::_await_slot(petri_place* place) {
-    while (!place->send_enabled(1)) {
-        ++place->_senders;
-        _condition.acquire(_mutex);
-        --place->_senders;
+// Completes a call of the calling thread, or has the thread that holds the mutex do it.
+[[gnu::always_inline]] inline petri_outcome petri_net::_complete(detail::petri_call& call) {
+    assure(!inherited());
+    if (_mutex.try_acquire()) {
+        change const hold(*this, change::taken);
+        if (_perform(call) || !_engine->wait_or_miss(call))
+            return call.outcome;
     }
+    return _complete_late(call);
+}
+
+// The same for a call that waits already, or that finds the mutex taken.
+petri_outcome petri_net::_complete_late(detail::petri_call& call) {
+    using state = detail::petri_call::state;
+    if (call.now.load() == state::open && _engine->publish(call)) {
+        // All that is published is carried out before the mutex is free.
+        change const hold(*this, change::taken);
+    }
+    detail::await(call, _engine->_spin, engine::callers(call).memory, [&] {
+        change const hold(*this);
+        return _engine->withdraw(call);
+    });
+    if (call.failure != nullptr)
+        std::rethrow_exception(std::exchange(call.failure, nullptr));
+    return call.outcome;
 }
 
 void petri_net::peek(petri_place* place, any& token) {
-    assure(!inherited());
-    detail::guard const hold(_mutex);
-    _await_token(place);
-    place->peek(token);
+    detail::petri_call call(detail::petri_call::kind::peek, place, &token);
+    _complete(call);
 }
 
 bool petri_net::try_peek(petri_place* place, any& token) {
-    assure(!inherited());
-    detail::guard const hold(_mutex);
-    if (!place->receive_enabled(1))
-        return false;
-    place->peek(token);
-    return true;
+    detail::petri_call call(detail::petri_call::kind::try_peek, place, &token);
+    return _complete(call) == petri_outcome::done;
 }
 
 void petri_net::receive(petri_place* place, any& token) {
-    change const hold(*this);
-    _await_token(place);
-    _receive(place, token);
+    detail::petri_call call(detail::petri_call::kind::receive, place, &token);
+    _complete(call);
 }
 
 bool petri_net::try_receive(petri_place* place, any& token) {
-    change const hold(*this);
-    if (!place->receive_enabled(1))
-        return false;
-    _receive(place, token);
-    return true;
+    detail::petri_call call(detail::petri_call::kind::try_receive, place, &token);
+    return _complete(call) == petri_outcome::done;
 }
 
 void petri_net::send(petri_place* place, any const& token) {
-    change const hold(*this);
-    _await_slot(place);
-    _send(place, token);
+    detail::petri_call call(detail::petri_call::kind::send, place, const_cast<any*>(&token));
+    _complete(call);
 }
 
 bool petri_net::try_send(petri_place* place, any const& token) {
-    change const hold(*this);
-    if (!place->send_enabled(1))
-        return false;
-    _send(place, token);
-    return true;
+    detail::petri_call call(detail::petri_call::kind::try_send, place, const_cast<any*>(&token));
+    return _complete(call) == petri_outcome::done;
+}
+
+petri_outcome petri_net::_receive_within(petri_place* place, any& token,
+                                         detail::petri_patience const& patience) {
+    detail::petri_call call(detail::petri_call::kind::receive, place, &token, &patience);
+    return _complete(call);
+}
+
+petri_outcome petri_net::_put_within(petri_place* place, maker make, void* from,
+                                     detail::petri_patience const& patience) {
+    detail::petri_call call(detail::petri_call::kind::put, place, make, from, &patience);
+    return _complete(call);
+}
+
+bool petri_net::_try_put(petri_place* place, maker make, void* from) {
+    detail::petri_call call(detail::petri_call::kind::try_put, place, make, from);
+    return _complete(call) == petri_outcome::done;
 }
 
 // Takes an available token. If that settles a skip, the end of the firing that declared
@@ -503,18 +544,6 @@ void petri_net::_withdraw_start() {
             _thread_groups[i]->conclude();
     _join_groups(join);
     _set_runner(0);
-}
-
-void petri_net::_set_runner(unsigned int process) {
-    _runner.store(process, std::memory_order_relaxed);
-    for (petri_place* place : _places)
-        place->_runner.store(process, std::memory_order_relaxed);
-}
-
-// Whether the calling thread is one of the net's firing threads.
-bool petri_net::_runs_caller() const {
-    return std::any_of(_thread_groups, _thread_groups + _groups,
-                       [](thread_group const* each) { return each->_runs_caller(); });
 }
 
 void petri_net::acquire() {

@@ -128,9 +128,10 @@ struct ovel::detail::inspector {
            _after);
     LAYOUT(any, (4, 8), (0, 0), _content);
     LAYOUT(channel, (24, 40), (0, 0), _capacity, _size, _begin, _end, _back, _front);
-    LAYOUT(petri_place, (764, 824), (0, 0), _before, _channel, _between, _size, _receive_size,
-           _send_size, _receive_skip, _send_skip, _arcs, _mutex, _receivers, _senders, _capacity,
-           _consumers, _producers, _runner, _closed, _closes, _next_closed);
+    LAYOUT(petri_place, (792, 880), (0, 0), _before, _channel, _between, _size, _receive_size,
+           _send_size, _receive_skip, _send_skip, _arcs, _mutex, _capacity, _consumers, _producers,
+           _runner, _receivers, _senders, _next_offered, _is_offered, _closed, _closes,
+           _next_closed);
     // `offsetof` does not accept references: the fields behind one have a line of their own.
     LAYOUT(petri_arc, (20, 40), (0, 0), _input, _place, _transition);
     LAYOUT(petri_arc, (20, 40), (16, 32), _size);
@@ -142,10 +143,10 @@ struct ovel::detail::inspector {
            _activated, _firing, _random, _arcs, _iterator, _after, _accesses, _rank, _life, _at_end,
            _delay, _most_firings);
     LAYOUT(petri_queue_function, (392, 400), (132, 136), _before, _net, _after);
-    LAYOUT(petri_net, (3800, 3912), (0, 0), _mutex, _groups, _firings, _acquired, _random,
+    LAYOUT(petri_net, (2476, 2576), (0, 0), _mutex, _groups, _firings, _acquired, _random,
            _queue_thread_acquired, _thread_group_acquireds, _thread_group_acquired, _queue_function,
-           _queue_thread, _thread_groups, _places, _transitions, _arcs, _queue, _condition, _rest,
-           _engine, _runner);
+           _queue_thread, _thread_groups, _places, _transitions, _arcs, _queue, _condition, _engine,
+           _runner);
 
     static_assert(sizeof(list<int*>::iterator) == sizeof(void*));
     static_assert(sizeof(skip_list<int*>::iterator) == sizeof(void*));

@@ -12,6 +12,7 @@
 #include "ovel_condition.h"
 #include "ovel_guard.h"
 #include "ovel_petri.h"
+#include "ovel_petri_call.h"
 #include "ovel_petri_engine.h"
 #include "ovel_petri_net.h"
 #include "ovel_task.h"
@@ -154,7 +155,14 @@ struct ovel::detail::inspector {
             assure(each->_size + each->_send_size <= each->_capacity);
             assure(each->_receive_skip <= each->_receive_size);
             assure(each->_send_skip <= each->_send_size);
+            _check(each->_receivers);
+            _check(each->_senders);
+            assure(!each->_is_offered);
+            // No call waits for what is there, or for what will not come.
+            assure(each->_receivers.waiting() == 0 || !each->receive_enabled(1));
+            assure(each->_senders.waiting() == 0 || !each->send_enabled(1));
         }
+        assure(engine._offered == nullptr && engine._sleepers == nullptr);
         _check(engine._enabled, queued);
         unsigned int called = 0;
         for (unsigned int group = 0; group != net._groups; ++group) {
@@ -183,6 +191,11 @@ struct ovel::detail::inspector {
 
     static unsigned int tokens(petri_place& place) {
         return place._size;
+    }
+
+    // Whether a call waits at the place.
+    static bool has_waiting(petri_place& place) {
+        return place._receivers.waiting() + place._senders.waiting() != 0;
     }
 
     static bool is_running(petri_net& net) {
@@ -221,6 +234,16 @@ private:
         for (petri_side::end const& each : side.ends)
             reserved += each.inhibits ? 0 : each.transition->_firing * each.size;
         return reserved;
+    }
+
+    static void _check(petri_callers& callers) {
+        unsigned int waiting = 0;
+        if (petri_call const* each = callers.last)
+            do {
+                each = each->next;
+                ++waiting;
+            } while (each != callers.last);
+        assure(waiting == callers.waiting());
     }
 
     static void _check(enabled_transitions& enabled, unsigned int queued) {

@@ -261,11 +261,12 @@ class Place(Printer):
         for field, what in (
             ("_receive_size", "reserved"),
             ("_send_size", "to come"),
-            ("_receivers", "receiving"),
-            ("_senders", "sending"),
         ):
             if int(self.value[field]) != 0:
                 counts += f", {int(self.value[field])} {what}"
+        for field, what in (("_receivers", "receiving"), ("_senders", "sending")):
+            if waiting := (int(self.value[field]["present"]) & 0x7FFFFFFF) // 2:
+                counts += f", {waiting} {what}"
         return counts
 
 

@@ -1,0 +1,113 @@
+// SPDX-License-Identifier: Apache-2.0
+// Calls of clients that take tokens from the places of a net and put tokens there.
+#ifndef OVEL_PETRI_CALL_H
+#define OVEL_PETRI_CALL_H
+
+#include "ovel_petri_net.h"
+
+#include "kernel.h"
+#include "ovel_assure.h"
+#include "ovel_atomic.h"
+#include "ovel_kernel.h"
+#include "ovel_spin_memory.h"
+#include "ovel_spin_wait.h"
+
+#include <exception>
+#include <utility>
+
+namespace ovel::detail {
+
+// One call of a client at a place. It is on the stack of the calling thread.
+//
+//     state        what ends it
+//     open         its own thread carries it out under the net's mutex; or publishes it, and a
+//                  thread that holds the mutex carries it out
+//     waiting      a thread that holds the mutex carries it out when the place has what the
+//                  call needs, ends it without that, or is its own thread and withdraws it
+//     asleep       the same; a thread other than its own then posts the call's unit
+//     ended        -
+//
+// Once a call that is not asleep has ended, its thread may return at any time, so the thread
+// that ends it does not touch it again. A thread that is asleep returns after it has taken the
+// unit.
+struct petri_call {
+    enum class kind : unsigned char {
+        peek,
+        try_peek,
+        receive,
+        try_receive,
+        send,
+        try_send,
+        put,
+        try_put
+    };
+    enum class state : unsigned char { open, waiting, asleep, ended };
+
+    petri_call(kind what, petri_place* place, any* token, petri_patience const* patience = nullptr)
+        : what(what), place(place), token(token), patience(patience) {}
+    petri_call(kind what, petri_place* place, void (*make)(any&, void*), void* from,
+               petri_patience const* patience = nullptr)
+        : what(what), place(place), make(make), from(from), patience(patience) {}
+    petri_call(petri_call const&) = delete;
+    petri_call& operator=(petri_call const&) = delete;
+
+    // Whether it takes or copies a token; otherwise it puts one.
+    bool receives() const {
+        return what <= kind::try_receive;
+    }
+    // Whether it may wait for what it needs: the even kinds do.
+    bool waits() const {
+        return (static_cast<unsigned char>(what) & 1) == 0;
+    }
+
+    kind const what;
+    // Written before the call ends; `elapsed` until then.
+    petri_outcome outcome = petri_outcome::elapsed;
+    atomic<state> now{state::open};
+    petri_place* const place;
+    any* const token = nullptr;                 // what a send copies
+    void (*const make)(any&, void*) = nullptr;  // for a put; makes a token of `from`
+    void* const from = nullptr;
+    petri_patience const* const patience;  // null if only a token or a slot ends the wait
+    std::exception_ptr failure{};          // what the call throws
+    petri_call* next;                      // in the list that it is in
+    HANDLE unit;                           // of a call asleep
+};
+
+// Blocks until a call that is no longer open has ended. When its time is over, calls `withdraw`,
+// which ends it, or returns false if it has ended already. Polls at most `spin` times.
+template <class Withdraw>
+void await(petri_call& call, unsigned int spin, spin_memory& memory, Withdraw const& withdraw) {
+    using state = petri_call::state;
+    if (call.now.load() == state::ended)
+        return;
+    if (memory.should_spin()) {
+        for (spin_wait wait(spin, pace_for_unit); !wait.is_over(); wait.pause())
+            if (call.now.load() == state::ended) {
+                memory.has_succeeded();
+                return;
+            }
+        memory.has_failed();
+    }
+    unsigned int left = call.patience != nullptr ? call.patience->milliseconds : INFINITE;
+    call.unit = CreateSemaphoreA(nullptr, 0, 1, nullptr);
+    if (call.unit == nullptr) {
+        // Out of memory, but the call must not fail.
+        for (; call.now.load() != state::ended; left -= left != INFINITE) {
+            if (left == 0 && withdraw())
+                return;
+            Sleep(1);
+        }
+        return;
+    }
+    state expected = state::waiting;
+    // If the call has ended just before it is withdrawn, its unit is on the way.
+    if (call.now.compare_exchange_strong(expected, state::asleep) &&
+        WaitForSingleObject(call.unit, left) != WAIT_OBJECT_0 && !withdraw())
+        assure(WaitForSingleObject(call.unit, INFINITE) == WAIT_OBJECT_0);
+    CloseHandle(call.unit);
+}
+
+}  // namespace ovel::detail
+
+#endif
