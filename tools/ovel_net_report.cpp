@@ -85,11 +85,14 @@ std::vector<bool> full_places(net const& model, result const& made) {
 std::string report(net const& model, result const& made, bool explain) {
     std::uint64_t const fired = made.total_firings();
     std::string text = title(model);
-    text += counted(fired, "firing") + " in " + decimals(made.seconds, 3) + " s on " +
-            counted(made.threads, "thread");
+    std::uint64_t const own = made.own.value_or(fired);
+    text += counted(fired, "firing");
+    if (made.own)
+        text += " of all members ever, " + grouped(own) + " of this one";
+    text += " in " + decimals(made.seconds, 3) + " s on " + counted(made.threads, "thread");
     if (made.seconds > 0)
         text += ", " +
-                grouped(static_cast<std::uint64_t>(static_cast<double>(fired) / made.seconds)) +
+                grouped(static_cast<std::uint64_t>(static_cast<double>(own) / made.seconds)) +
                 " a second";
     text += '\n';
 

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <vector>
 
 namespace ovel_net {
@@ -29,6 +30,7 @@ struct result {
     std::vector<unsigned int> capacities;
     std::vector<unsigned int> marking;
     std::vector<std::uint64_t> firings;
+    std::optional<std::uint64_t> own;  // of these, if other processes fire as well
     outcome end = outcome::dead;
 
     std::uint64_t total_firings() const;

@@ -90,6 +90,7 @@ result run_in_store(net const& model, options const& chosen, observer const& obs
         made.capacities.push_back(static_cast<unsigned int>(each.capacity));
     made.marking.assign(seen.tokens.begin(), seen.tokens.end());
     made.firings = seen.fired;
+    made.own = own;
     verify_marking(model, made);
     if (seen.repeated)
         throw internal_error("a token is in the net twice");
