@@ -202,20 +202,20 @@ public:
     }
 
     // Takes the oldest token that no firing has claimed; blocks until there is one. One that
-    // cannot be decoded is taken nevertheless, and its bytes are in the error.
+    // cannot be decoded stays where it is, and the net fails, naming it.
     T receive() const {
-        return _decoded(*_owner->take(_index, nullptr, true));
+        return *_taken(nullptr, true);
     }
     T receive(key const& call) const {
-        return _decoded(*_owner->take(_index, &call, true));
+        return *_taken(&call, true);
     }
 
     // Takes the oldest such token, if there is one.
     std::optional<T> try_receive() const {
-        return _decoded_if(_owner->take(_index, nullptr, false));
+        return _taken(nullptr, false);
     }
     std::optional<T> try_receive(key const& call) const {
-        return _decoded_if(_owner->take(_index, &call, false));
+        return _taken(&call, false);
     }
 
     // An arc to it with the weight `weight`, for `from` and `to`.
@@ -240,13 +240,14 @@ private:
     std::string _encoded(T const& value) const {
         return detail::encoded(*_owner, _index, value, "");
     }
-    T _decoded(detail::token const& from) const {
-        return detail::decoded<T>(*_owner, _index, from);
-    }
-    std::optional<T> _decoded_if(std::optional<detail::token> const& from) const {
-        if (!from)
-            return std::nullopt;
-        return _decoded(*from);
+    std::optional<T> _taken(key const* call, bool wait) const {
+        std::optional<T> value;
+        auto const decode = [&](detail::token const& from) {
+            value.emplace(detail::decoded<T>(*_owner, _index, from));
+        };
+        if (!_owner->take(_index, call, wait, decode))
+            value.reset();
+        return value;
     }
 
     detail::engine* _owner;
@@ -282,16 +283,10 @@ public:
 
     std::vector<detail::arc> arcs() const {
         std::vector<detail::arc> made;
-        std::apply(
-            [&](auto const&... each) {
-                (made.push_back({each.end._index, true, each.weight}), ...);
-            },
-            _from.arcs);
-        std::apply(
-            [&](auto const&... each) {
-                (made.push_back({each.end._index, false, each.weight}), ...);
-            },
-            _to.arcs);
+        std::apply([&](auto const&... each) { (made.push_back(_arc(each, true)), ...); },
+                   _from.arcs);
+        std::apply([&](auto const&... each) { (made.push_back(_arc(each, false)), ...); },
+                   _to.arcs);
         return made;
     }
 
@@ -303,6 +298,12 @@ public:
     }
 
 private:
+    template <class Arc>
+    detail::arc _arc(Arc const& from, bool input) const {
+        assure(from.end._owner == &_owner);
+        return {from.end._index, input, from.weight};
+    }
+
     // The tokens that the firing has taken, for an error.
     std::string _tokens(std::vector<std::vector<detail::token>> const& taken) const {
         std::string text;
@@ -494,7 +495,8 @@ public:
         _engine.halt();
     }
 
-    // Fails the net with `failure`, as if a body had thrown it.
+    // Fails the net with `failure`, as if a body had thrown it. In a program that is no member
+    // now, it records that in the store, which blocks and may throw `error`.
     void fail(std::exception_ptr failure) {
         _engine.fail(std::move(failure));
     }

@@ -183,9 +183,12 @@ public:
     void fail(std::exception_ptr failure);
 
     // Put and take a token; without `wait` only if that is possible now. A call with
-    // the key of an earlier one returns what that returned, and changes nothing.
+    // the key of an earlier one returns what that returned, and changes nothing. `accept`
+    // gets what is taken before that is committed, more than once if that has to be repeated.
+    // If it throws, the token stays, and the net fails with that.
     bool put(std::size_t place, std::string value, key const* call, bool wait);
-    std::optional<token> take(std::size_t place, key const* call, bool wait);
+    bool take(std::size_t place, key const* call, bool wait,
+              std::function<void(token const&)> const& accept);
 
     state look();
 

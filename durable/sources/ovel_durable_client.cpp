@@ -62,16 +62,18 @@ void member::_report(std::string const& what) const {
         std::fprintf(stderr, "ovel_durable: net \"%s\": %s\n", plan.name.c_str(), what.c_str());
 }
 
-void member::search::again(unreachable const& lost) {
+void member::search::again(unreachable const& lost, bool was_old) {
     bool const first = !_end;
     if (first) {
         _end = after(_of._chosen.patience);
         _pause = 0.05;
     }
-    if (seconds_until(*_end) <= 0)
+    if (!was_old && seconds_until(*_end) <= 0)
         throw error(lost.what());
     if (first)
         _of._report(std::string(lost.what()) + "; trying again");
+    if (was_old)
+        return;
     // Not all members at the same moment.
     static thread_local std::minstd_rand random{std::random_device()()};
     double const pause = std::min(_pause * (0.5 + static_cast<double>(random() % 1000) / 1000),
@@ -99,6 +101,7 @@ template <class Work>
 auto member::_borrow(Work const& work) {
     search sought(*this);
     for (;;) {
+        bool is_old = false;
         try {
             std::unique_ptr<store> lent;
             {
@@ -108,6 +111,7 @@ auto member::_borrow(Work const& work) {
                     _idle.pop_back();
                 }
             }
+            is_old = lent != nullptr;
             if (lent == nullptr)
                 lent = _connect();
             auto made = work(*lent);
@@ -116,17 +120,21 @@ auto member::_borrow(Work const& work) {
             _idle.push_back(std::move(lent));
             return made;
         } catch (unreachable const& lost) {
-            sought.again(lost);
+            // The others were lost with it.
+            std::vector<std::unique_ptr<store>> old;
+            {
+                std::lock_guard const hold(_lock);
+                old.swap(_idle);
+            }
+            sought.again(lost, is_old);
         }
     }
 }
 
 void member::open() {
-    {
-        std::lock_guard const hold(_lock);
-        if (_opened)
-            return;
-    }
+    std::lock_guard const one(_opening);
+    if (_opened)
+        return;
     std::unique_ptr<store> first = _connect();
     _numbers = first->open(plan);
     for (std::size_t i = 0; i < _numbers.transitions.size(); ++i)
@@ -152,6 +160,7 @@ void member::start(std::optional<std::vector<std::string>> const& names) {
         _failure_is_ours = false;
         _halted = false;
     }
+    _committed = 0;
     _alarm.silence();
     _over.silence();
     _watch_end = clock_type::now();
@@ -163,6 +172,10 @@ void member::start(std::optional<std::vector<std::string>> const& names) {
     _store = _connect();
     _member = _store->enter(_numbers.net, _name, _chosen.lease, _mine);
     _group = std::make_unique<work_group>(_threads);
+    {
+        std::lock_guard const hold(_lock);
+        _served = true;
+    }
     _server.schedule(_serving);
     _server.release();
     _running = true;
@@ -188,7 +201,18 @@ void member::stop() {
 // What the net fails with first is what it has failed with.
 void member::fail(std::exception_ptr failure) {
     {
-        std::lock_guard const hold(_lock);
+        std::unique_lock hold(_lock);
+        if (!_served) {
+            hold.unlock();
+            std::string const why = text_of(failure);
+            open();
+            _borrow([&](store& with) {
+                with.fail(_numbers.net, why);
+                with.tell(_numbers.net);
+                return true;
+            });
+            return;
+        }
         if (_failure == nullptr) {
             _failure = std::move(failure);
             _failure_is_ours = true;
@@ -253,12 +277,14 @@ answer member::_call(std::function<answer(store&, call const&)> const& once, key
         std::lock_guard const hold(_lock);
         asked.forget.swap(_forget);
     }
+    int tries = 0;
     answer const made = _borrow([&](store& with) {
+        ++tries;
         bool watches = false;
         double pause = 0.05;  // at first, for a transaction that was under way at that moment
         answer got = once(with, asked);
-        while (got.result == answer::busy || (wait && got.result != answer::done)) {
-            if (got.result == answer::busy) {
+        while (got == answer::busy || (wait && got != answer::done)) {
+            if (got == answer::busy) {
                 with.wait(0.001, _alarm.file());
             } else if (watches) {
                 with.wait(std::min(pause, _chosen.poll), _alarm.file());
@@ -276,7 +302,8 @@ answer member::_call(std::function<answer(store&, call const&)> const& once, key
             with.unwatch(watcher);
         return got;
     });
-    if (asked.own) {
+    // After a lost connection the first request may still reach the server, and must find the key.
+    if (asked.own && tries == 1) {
         std::lock_guard const hold(_lock);
         _forget.push_back(asked.key);
     }
@@ -287,17 +314,33 @@ bool member::put(std::size_t place, std::string value, key const* named, bool wa
     auto const once = [&](store& with, call const& asked) {
         return with.put(_numbers.net, _numbers.places[place], value, asked);
     };
-    return _call(once, named, wait).result == answer::done;
+    return _call(once, named, wait) == answer::done;
 }
 
-std::optional<token> member::take(std::size_t place, key const* named, bool wait) {
-    auto const once = [&](store& with, call const& asked) {
-        return with.take(_numbers.net, _numbers.places[place], asked);
+bool member::take(std::size_t place, key const* named, bool wait, acceptor const& accept) {
+    bool refused = false;
+    auto const checked = [&](token const& taken) {
+        try {
+            accept(taken);
+        } catch (...) {
+            refused = true;
+            throw;
+        }
     };
-    answer made = _call(once, named, wait);
-    if (made.result != answer::done)
-        return std::nullopt;
-    return std::move(made.taken);
+    auto const once = [&](store& with, call const& asked) {
+        return with.take(_numbers.net, _numbers.places[place], asked, checked);
+    };
+    try {
+        return _call(once, named, wait) == answer::done;
+    } catch (...) {
+        try {
+            if (refused)
+                fail(std::current_exception());
+        } catch (error const&) {
+            // The call throws what was first.
+        }
+        throw;
+    }
 }
 
 state member::look() {
@@ -311,6 +354,8 @@ engine::~engine() = default;
 
 std::size_t engine::insert_place(std::string name, std::uint64_t capacity, std::string codec,
                                  std::vector<std::string> initial) {
+    for (place_entry const& each : _member->plan.places)
+        assure(each.name != name);
     assure(capacity != 0 && capacity <= std::uint64_t{1} << 62);
     assure(initial.size() <= capacity);
     _member->plan.places.push_back(
@@ -320,6 +365,8 @@ std::size_t engine::insert_place(std::string name, std::uint64_t capacity, std::
 
 std::size_t engine::insert_transition(std::string name, std::vector<arc> arcs,
                                       std::unique_ptr<body> code) {
+    for (transition_entry const& each : _member->plan.transitions)
+        assure(each.name != name);
     assure(!arcs.empty());
     for (arc const& each : arcs)
         assure(each.weight != 0 && each.weight <= std::uint64_t{1} << 31);
@@ -359,8 +406,9 @@ void engine::fail(std::exception_ptr failure) {
 bool engine::put(std::size_t place, std::string value, key const* call, bool wait) {
     return _member->put(place, std::move(value), call, wait);
 }
-std::optional<token> engine::take(std::size_t place, key const* call, bool wait) {
-    return _member->take(place, call, wait);
+bool engine::take(std::size_t place, key const* call, bool wait,
+                  std::function<void(token const&)> const& accept) {
+    return _member->take(place, call, wait, accept);
 }
 state engine::look() {
     return _member->look();

@@ -9,7 +9,9 @@
 // Commits that may have happened. The server keeps what it asked to be committed in
 // `_pending` until it has the answer, and asks again on the next connection: the claims
 // are gone if it was done, so it is done once. What it claimed in a transaction whose
-// answer was lost is given up, to be taken over by any member, itself included.
+// answer was lost is given up, to be taken over by any member, itself included. Such a
+// transaction may be committed late, after the next connection was made: so whenever it
+// renews its lease the member gives up claims in its name that it does not know.
 #ifndef OVEL_DURABLE_MEMBER_H
 #define OVEL_DURABLE_MEMBER_H
 
@@ -37,6 +39,9 @@ inline moment after(double seconds) {
 inline double seconds_until(moment const& point) {
     return std::chrono::duration<double>(point - clock_type::now()).count();
 }
+
+// What was thrown.
+std::string text_of(std::exception_ptr const& failure);
 
 // Wakes a thread that waits on a connection: readable once it was rung.
 class bell {
@@ -75,7 +80,7 @@ public:
     void stop();
     void fail(std::exception_ptr failure);
     bool put(std::size_t place, std::string value, key const* named, bool wait);
-    std::optional<token> take(std::size_t place, key const* named, bool wait);
+    bool take(std::size_t place, key const* named, bool wait, acceptor const& accept);
     state look();
 
 private:
@@ -90,8 +95,9 @@ private:
     public:
         explicit search(member& of) : _of(of) {}
 
-        // Reports `lost`, and waits for a while; rethrows it when that was too often.
-        void again(unreachable const& lost);
+        // Reports `lost`, the first time. Unless the connection was an old one, waits for a
+        // while, and rethrows it when that was too often.
+        void again(unreachable const& lost, bool was_old);
         void found();
 
     private:
@@ -113,14 +119,16 @@ private:
 
     // The server.
     void _serve();
-    void _work();
+    void _work(search& sought);
     bool _decide();
     bool _is_idle() const;
     void _look();
     void _turn();
     void _settle(turn const& asked, turned const& made);
+    void _report_fenced(std::size_t firings) const;
     void _learn(turn const& asked, turned const& made);
-    void _return_to();
+    void _renew();
+    void _record_failure(std::unique_lock<lockable<mutex>>& hold);
     void _leave() noexcept;
 
     // The group's threads.
@@ -137,13 +145,16 @@ private:
     numbers _numbers;
     std::unordered_map<std::int64_t, std::size_t> _indices;  // of transitions
 
-    // Lock order: none is taken under another.
+    // Lock order: `_opening`, then `_lock`.
+    lockable<mutex> _opening;  // held while the net is opened, which blocks
+    bool _opened = false;      // under _opening
     lockable<mutex> _lock;
-    bool _opened = false;                       // under _lock, as all up to the bells
-    std::vector<std::unique_ptr<store>> _idle;  // connections not in use
+    std::vector<std::unique_ptr<store>> _idle;  // connections not in use; under _lock, as all
+                                                // up to the bells
     std::vector<std::string> _forget;           // keys whose answer has come
     std::exception_ptr _failure;
     bool _failure_is_ours = false;  // the server has to record it in the store
+    bool _served = false;           // there is a server, which will look for that
     bool _halted = false;
     std::vector<end> _finished;
     std::size_t _unfinished = 0;   // claims that the group has
@@ -173,6 +184,8 @@ private:
     bool _short = false;         // bodies are short, so it claims ahead
     std::unique_ptr<store> _store;
     std::vector<outcome> _pending;
+    std::vector<std::pair<std::int64_t, std::int64_t>> _returned;  // to be, as `_pending`
+    std::int64_t _committed = 0;                                   // firings, as far as it knows
     std::set<std::pair<std::int64_t, std::int64_t>> _own;  // numbers and epochs of its claims
 
     bool _running = false;  // the owner's

@@ -191,14 +191,11 @@ public:
     turned take_turn(std::int64_t net, std::int64_t member, turn const& asked) override;
     answer put(std::int64_t net, std::int64_t place, std::string const& value,
                call const& named) override;
-    answer take(std::int64_t net, std::int64_t place, call const& named) override;
+    answer take(std::int64_t net, std::int64_t place, call const& named,
+                acceptor const& accept) override;
     void watch(std::int64_t net, std::string const& watcher, double seconds) override;
-    void tell(std::int64_t net) override {
-        _execute(
-            "SELECT pg_notify('ovel_durable_' || $1::text, '')::text WHERE EXISTS (SELECT 1 FROM "
-            "watchers WHERE net = $1 AND until > {now})",
-            {net});
-    }
+    void unwatch(std::string const& watcher) override;
+    void tell(std::int64_t net) override;
     bool wait(double seconds, int bell) override;
 
 protected:
@@ -213,14 +210,12 @@ protected:
     void _roll_back() noexcept override {
         PQclear(PQexec(_connection.get(), "ROLLBACK"));
     }
-    void _make_tables() override;
-    bool _has_tables() override {
-        return !_execute(
-                    "SELECT 1 FROM pg_catalog.pg_tables WHERE schemaname = 'ovel_durable' AND "
-                    "tablename = 'version'",
-                    {})
-                    .empty();
+    // The number is ours.
+    void _exclude_others() override {
+        _run("SELECT pg_catalog.pg_advisory_xact_lock(7310021996)");
     }
+    void _make_tables() override;
+    std::int64_t _version() override;
     void _furnish(std::int64_t place, place_entry const& made) override;
     std::string _enabled() const override {
         return "SELECT t.id FROM transitions t WHERE t.net = $1 AND NOT EXISTS (SELECT 1 FROM arcs "
@@ -250,20 +245,25 @@ private:
 };
 
 postgresql_store::postgresql_store(std::string const& url) : _connection(nullptr, &PQfinish) {
-    // What the URL says comes later and holds.
-    char const* const names[] = {"application_name", "connect_timeout", "tcp_user_timeout",
-                                 "dbname", nullptr};
-    char const* const values[] = {"ovel", "10", "30000", url.c_str(), nullptr};
+    // What the URL says comes later and holds. A server that is gone without a word is noticed
+    // in half a minute.
+    char const* const names[] = {
+        "application_name",    "connect_timeout",  "tcp_user_timeout", "keepalives_idle",
+        "keepalives_interval", "keepalives_count", "dbname",           nullptr};
+    char const* const values[] = {"ovel", "10", "30000", "10", "5", "3", url.c_str(), nullptr};
     _connection.reset(PQconnectdbParams(names, values, 1));
     if (PQstatus(_connection.get()) != CONNECTION_OK)
         throw unreachable("no connection to the store: " +
                           first_line(PQerrorMessage(_connection.get())));
     PQsetNoticeProcessor(
         _connection.get(), [](void*, char const*) {}, nullptr);
-    // The tables change too quickly for the plans that fit them at one moment.
+    // The tables change too quickly for the plans that fit them at one moment. A process that is
+    // stopped within a transaction loses its connection before others miss its locks for long.
     _run(
         "SET search_path = ovel_durable, pg_catalog; SET plan_cache_mode = force_generic_plan; "
-        "SET enable_seqscan = off; SET jit = off; SET client_encoding = 'UTF8'");
+        "SET enable_seqscan = off; SET jit = off; SET client_encoding = 'UTF8'; "
+        "SET default_transaction_isolation = 'read committed'; "
+        "SET idle_in_transaction_session_timeout = '10s'");
 }
 
 result postgresql_store::_check(result made) {
@@ -327,18 +327,20 @@ bool postgresql_store::_hear() {
     return _told;
 }
 
+std::int64_t postgresql_store::_version() {
+    return _execute(
+               "SELECT 1 FROM pg_catalog.pg_tables WHERE schemaname = 'ovel_durable' AND "
+               "tablename = 'version'",
+               {})
+                   .empty()
+               ? 0
+               : integer(_execute("SELECT number FROM version", {})[0][0]);
+}
+
 void postgresql_store::_make_tables() {
-    // One member at a time makes tables, or a net. The number is ours.
-    _run("SELECT pg_catalog.pg_advisory_xact_lock(7310021996)");
-    if (!_has_tables()) {
-        _run("CREATE SCHEMA IF NOT EXISTS ovel_durable");
-        _run(postgresql_tables);
-        return;
-    }
-    std::int64_t const version = integer(_execute("SELECT number FROM version", {})[0][0]);
-    if (version != 1)
-        throw error("the store is of version " + std::to_string(version) +
-                    " of the tables, this program of version 1");
+    _run("CREATE SCHEMA IF NOT EXISTS ovel_durable");
+    _run(postgresql_tables);
+    _execute("INSERT INTO version VALUES ($1)", {tables_version});
 }
 
 void postgresql_store::_furnish(std::int64_t place, place_entry const& made) {
@@ -350,20 +352,20 @@ void postgresql_store::_furnish(std::int64_t place, place_entry const& made) {
 
 turned postgresql_store::take_turn(std::int64_t net, std::int64_t member, turn const& asked) {
     using list = std::vector<std::int64_t>;
-    list numbers, epochs, put_claims, put_places, freed_claims, freed_places, freed_slots,
-        back_numbers, back_epochs, in_places, in_weights, in_ends, out_places, out_weights,
-        out_ends;
+    list numbers, epochs, put_ends, put_places, freed_ends, freed_places, freed_slots, back_numbers,
+        back_epochs, in_places, in_weights, in_ends, out_places, out_weights, out_ends;
     std::vector<blob> put_values;
     for (outcome const& each : asked.ended) {
         numbers.push_back(each.number);
         epochs.push_back(each.epoch);
+        auto const which = static_cast<std::int64_t>(numbers.size());  // from 1
         for (auto const& [place, bytes] : each.put) {
-            put_claims.push_back(each.number);
+            put_ends.push_back(which);
             put_places.push_back(place);
             put_values.push_back({bytes});
         }
         auto const free = [&](std::int64_t place, std::int64_t slots) {
-            freed_claims.push_back(each.number);
+            freed_ends.push_back(which);
             freed_places.push_back(place);
             freed_slots.push_back(slots);
         };
@@ -390,8 +392,8 @@ turned postgresql_store::take_turn(std::int64_t net, std::int64_t member, turn c
     for (row& each : _execute(
              "SELECT * FROM take_turn($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13, $14, "
              "$15, $16, $17, $18, $19, $20, $21)",
-             {net,          member,      numbers,      epochs,       put_claims,
-              put_places,   put_values,  freed_claims, freed_places, freed_slots,
+             {net,          member,      numbers,      epochs,       put_ends,
+              put_places,   put_values,  freed_ends,   freed_places, freed_slots,
               back_numbers, back_epochs, asked.wanted, asked.most,   std::int64_t{asked.take_over},
               in_places,    in_weights,  in_ends,      out_places,   out_weights,
               out_ends}))
@@ -430,30 +432,49 @@ std::string joined(std::vector<std::string> const& keys) {
     return all;
 }
 
-answer result_of(std::int64_t number) {
-    return {number == 0 ? answer::done : number == 1 ? answer::impossible : answer::busy};
+answer result_of(std::int64_t number, call const& named) {
+    if (number == 3)
+        refuse_key(named.key);
+    return number == 0 ? answer::done : number == 1 ? answer::impossible : answer::busy;
 }
 
 answer postgresql_store::put(std::int64_t net, std::int64_t place, std::string const& bytes,
                              call const& named) {
-    answer const made = result_of(integer(_execute(
-        "SELECT put_token($1, $2, $3, $4, $5, $6)",
-        {net, place, &bytes, named.key, std::int64_t{named.own}, joined(named.forget)})[0][0]));
-    if (made.result == answer::done)
+    answer const made = result_of(
+        integer(_execute(
+            "SELECT put_token($1, $2, $3, $4, $5, $6)",
+            {net, place, &bytes, named.key, std::int64_t{named.own}, joined(named.forget)})[0][0]),
+        named);
+    if (made == answer::done)
         tell(net);
     return made;
 }
 
-answer postgresql_store::take(std::int64_t net, std::int64_t place, call const& named) {
-    row const made =
-        _execute("SELECT * FROM take_token($1, $2, $3, $4, $5)",
-                 {net, place, named.key, std::int64_t{named.own}, joined(named.forget)})[0];
-    answer taken = result_of(integer(made[0]));
-    if (taken.result != answer::done)
-        return taken;
-    tell(net);
-    taken.taken = taken_by(named.key, made[1], made[2]);
-    return taken;
+answer postgresql_store::take(std::int64_t net, std::int64_t place, call const& named,
+                              acceptor const& accept) {
+    answer const made = _within(writing, [&] {
+        row const taken =
+            _execute("SELECT * FROM take_token($1, $2, $3, $4, $5)",
+                     {net, place, named.key, std::int64_t{named.own}, joined(named.forget)})[0];
+        answer const result = result_of(integer(taken[0]), named);
+        if (result == answer::done)
+            accept({integer(taken[1]), std::get<blob>(taken[2]).bytes});
+        return result;
+    });
+    if (made == answer::done)
+        tell(net);
+    return made;
+}
+
+void postgresql_store::tell(std::int64_t net) {
+    try {
+        _execute(
+            "SELECT pg_notify('ovel_durable_' || $1::text, '')::text WHERE EXISTS (SELECT 1 FROM "
+            "watchers WHERE net = $1 AND until > {now})",
+            {net});
+    } catch (error const&) {
+        // A connection that is lost will be missed by the next call.
+    }
 }
 
 void postgresql_store::watch(std::int64_t net, std::string const& watcher, double seconds) {
@@ -462,6 +483,14 @@ void postgresql_store::watch(std::int64_t net, std::string const& watcher, doubl
     _listens = true;
     _told = false;
     sql_store::watch(net, watcher, seconds);
+}
+
+// A connection that nobody waits on must not collect notifications.
+void postgresql_store::unwatch(std::string const& watcher) {
+    sql_store::unwatch(watcher);
+    if (_listens)
+        PQclear(PQexec(_connection.get(), "UNLISTEN *"));
+    _listens = false;
 }
 
 bool postgresql_store::wait(double seconds, int bell) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <deque>
 #include <map>
+#include <random>
 
 namespace ovel::durable::detail {
 
@@ -15,6 +16,16 @@ constexpr double refresh = 0.05;    // s after which a busy member looks for mor
 constexpr double too_short = 0.02;  // s that what was claimed lasted: so claim more at once
 constexpr double too_long = 0.1;    // or less, for the others
 constexpr unsigned int most_misses = 6;
+constexpr std::size_t most_bytes = 64 << 20;  // of values in one transaction, or a single outcome
+
+std::size_t size_of(outcome const& made) {
+    std::size_t size = 0;
+    for (auto const& [place, value] : made.put)
+        size += value.size();
+    return size;
+}
+
+}  // namespace
 
 std::string text_of(std::exception_ptr const& failure) {
     try {
@@ -26,23 +37,20 @@ std::string text_of(std::exception_ptr const& failure) {
     }
 }
 
-}  // namespace
-
 void member::_serve() {
     search sought(*this);
     for (bool over = false; !over;) {
         try {
             if (_store == nullptr) {
                 _store = _connect();
-                _return_to();
-                sought.found();
+                _watch_end = _next_look = _next_renewal = clock_type::now();
             }
-            _work();
+            _work(sought);
             over = true;
         } catch (unreachable const& lost) {
             _store.reset();
             try {
-                sought.again(lost);
+                sought.again(lost, false);
             } catch (...) {
                 fail(std::current_exception());
                 over = true;
@@ -58,61 +66,77 @@ void member::_serve() {
     std::lock_guard const hold(_lock);
     _finished.clear();
     _pending.clear();
+    _returned.clear();
     _own.clear();
     _unfinished = 0;
 }
 
-// On a new connection: claims whose transaction was not answered are given up.
-void member::_return_to() {
-    _store->renew(_numbers.net, _member, _name, _chosen.lease);
-    _watch_end = clock_type::now();
+// Also settles what a connection that was lost has left: see `_pending`.
+void member::_renew() {
+    _store->renew(_numbers.net, _member, _name, _chosen.lease, _mine);
     std::set<std::pair<std::int64_t, std::int64_t>> there;
     for (claim const& each : _store->claims_of(_member)) {
         there.emplace(each.number, each.epoch);
         if (_own.count({each.number, each.epoch}) == 0)
             _store->disown(_member, each.number);
     }
-    std::erase_if(_pending, [&](outcome const& each) {
-        bool const gone = there.count({each.number, each.epoch}) == 0;
-        if (gone)
-            _own.erase({each.number, each.epoch});
-        return gone;
-    });
-    _next_look = clock_type::now();
+    auto const gone = [&](auto const& number, auto const& epoch) {
+        return there.count({number, epoch}) == 0 && _own.erase({number, epoch}) != 0;
+    };
+    std::erase_if(_returned, [&](auto const& each) { return gone(each.first, each.second); });
+    std::size_t const ended =
+        std::erase_if(_pending, [&](outcome const& each) { return gone(each.number, each.epoch); });
+    if (ended != 0) {
+        // Those that are not counted as this member's were others'.
+        std::int64_t const counted = _store->fired_by(_member);
+        auto const own = static_cast<std::size_t>(std::max<std::int64_t>(counted - _committed, 0));
+        _committed = counted;
+        if (own < ended)
+            _report_fenced(ended - own);
+    }
+    _next_renewal = after(_chosen.lease / 4);
 }
 
-void member::_work() {
+// The search is over when a whole round has succeeded: what a connection is lost over may
+// be what is asked next.
+void member::_work(search& sought) {
     while (_decide()) {
-        if (seconds_until(_next_renewal) <= 0) {
-            _store->renew(_numbers.net, _member, _name, _chosen.lease);
-            _next_renewal = after(_chosen.lease / 4);
-        }
+        if (seconds_until(_next_renewal) <= 0)
+            _renew();
         _turn();
         _look();
+        sought.found();
     }
+}
+
+// The failure is the server's to record until that has succeeded. Under _lock, which it
+// drops and retakes.
+void member::_record_failure(std::unique_lock<lockable<mutex>>& hold) {
+    std::string const why = text_of(_failure);
+    hold.unlock();
+    _store->fail(_numbers.net, why);
+    _store->tell(_numbers.net);
+    hold.lock();
+    _failure_is_ours = false;
 }
 
 // Waits until there is something to do; false when all is done.
 bool member::_decide() {
     std::unique_lock hold(_lock);
     for (;;) {
-        if (_budget == 0 && !_halted && _unfinished == 0 && _finished.empty() && _pending.empty()) {
+        if (_failure_is_ours)
+            _record_failure(hold);
+        bool const unsettled = !_pending.empty() || !_returned.empty();
+        bool const done = _unfinished == 0 && _finished.empty() && !unsettled;
+        if (_budget == 0 && !_halted && done) {
             _halted = true;
             _over.ring();
         }
-        if (_halted && _unfinished == 0 && _finished.empty() && _pending.empty())
+        if (_halted && done)
             return false;
-        if (_failure_is_ours) {
-            _failure_is_ours = false;
-            std::string const why = text_of(_failure);
-            hold.unlock();
-            _store->fail(_numbers.net, why);
-            _store->tell(_numbers.net);
-            hold.lock();
-        }
         moment next = _next_renewal;
         bool const idle = _is_idle();
-        if (!_pending.empty() || (idle && _budget != 0 && (!_hot.empty() || _take_over)))
+        if (unsettled || (idle && _budget != 0 && (!_hot.empty() || _take_over)))
             return true;
         if (!_finished.empty()) {
             if (_halted || _unfinished == 0 || _finished.size() >= _chosen.batch)
@@ -151,15 +175,20 @@ void member::_turn() {
     {
         std::lock_guard const hold(_lock);
         std::vector<end> later;
+        std::size_t bytes = 0;
+        for (outcome const& each : _pending)
+            bytes += size_of(each);
         for (end& each : _finished)
-            if (each.what == end::returned)
-                asked.returned.emplace_back(each.made.number, each.made.epoch);
-            else if (each.what == end::kept)
-                _own.erase({each.made.number, each.made.epoch});
-            else if (_pending.size() < _chosen.batch)
-                _pending.push_back(std::move(each.made));
-            else
-                later.push_back(std::move(each));
+            if (each.what == end::returned) {
+                _returned.emplace_back(each.made.number, each.made.epoch);
+            } else if (each.what == end::committed) {
+                bytes += size_of(each.made);
+                bool const fits = _pending.size() < _chosen.batch && bytes <= most_bytes;
+                if (fits || _pending.empty())
+                    _pending.push_back(std::move(each.made));
+                else
+                    later.push_back(std::move(each));
+            }
         _finished = std::move(later);
         if (_is_idle() && _budget != 0 && (!_hot.empty() || _take_over)) {
             double const lasted = -seconds_until(_last_claim);
@@ -178,17 +207,19 @@ void member::_turn() {
             asked.most = static_cast<std::int64_t>(
                 std::max<std::size_t>(quantity / std::max<std::size_t>(asked.wanted.size(), 1), 1));
             asked.take_over = _take_over;
-            if (_take_over)
+            if (_take_over) {
                 asked.wanted = _mine;
-            if (asked.wanted.size() * static_cast<std::size_t>(asked.most) > _budget)
-                asked.wanted.resize(1);
+                asked.most = static_cast<std::int64_t>(quantity);
+            }
         }
     }
     asked.ended = _pending;
+    asked.returned = _returned;
     if (asked.ended.empty() && asked.returned.empty() && asked.wanted.empty())
         return;
     turned const made = _store->take_turn(_numbers.net, _member, asked);
     _pending.clear();
+    _returned.clear();
     _settle(asked, made);
     if (!asked.wanted.empty())
         _learn(asked, made);
@@ -201,31 +232,41 @@ void member::_settle(turn const& asked, turned const& made) {
         _own.erase({each.number, each.epoch});
     for (auto const& each : asked.returned)
         _own.erase(each);
+    _committed += static_cast<std::int64_t>(made.committed.size());
     if (std::size_t const lost = asked.ended.size() - made.committed.size(); lost != 0)
-        _report("others had taken over " + std::to_string(lost) + " of its firings, " +
-                "whose commit changed nothing");
+        _report_fenced(lost);
+}
+
+void member::_report_fenced(std::size_t firings) const {
+    _report("others had taken over " + std::to_string(firings) + " of its firings, " +
+            "whose commit changed nothing");
 }
 
 // Hands out the claims, and draws from them what to ask for next.
 void member::_learn(turn const& asked, turned const& made) {
     _last_claim = clock_type::now();
     _take_over = false;
+    static thread_local std::minstd_rand random{std::random_device()()};
     std::set<std::int64_t> yielded;
     for (claim const& each : made.claims) {
         yielded.insert(each.transition);
         _own.emplace(each.number, each.epoch);
     }
     std::erase_if(_hot, [&](std::int64_t each) {
-        return std::find(asked.wanted.begin(), asked.wanted.end(), each) != asked.wanted.end() &&
+        return !asked.take_over &&
+               std::find(asked.wanted.begin(), asked.wanted.end(), each) != asked.wanted.end() &&
                yielded.count(each) == 0;
     });
     if (yielded.empty())
         _misses = std::min(_misses + 1, most_misses);
     else
         _misses = 0;
-    // Other members hold what was enabled and could not be claimed, for a moment.
+    // Other members hold what was enabled and could not be claimed, for a moment. Two that miss
+    // each other's must not try again together.
     if (_hot.empty())
-        _next_look = _misses == 0 ? clock_type::now() : after(0.0005 * (1 << _misses));
+        _next_look = _misses == 0 ? clock_type::now()
+                                  : after(0.0005 * (1 << _misses) *
+                                          (0.5 + static_cast<double>(random() % 1000) / 1000));
     _budget -= std::min<std::uint64_t>(_budget, made.claims.size());
     {
         std::lock_guard const hold(_lock);
@@ -287,22 +328,21 @@ void member::_leave() noexcept {
     try {
         if (_store == nullptr)
             _store = _connect();
-        std::string why;
         {
-            std::lock_guard const hold(_lock);
+            std::unique_lock hold(_lock);
             if (_failure_is_ours)
-                why = text_of(_failure);
-            _failure_is_ours = false;
+                _record_failure(hold);
+            _served = false;
         }
-        if (!why.empty())
-            _store->fail(_numbers.net, why);
         _store->unwatch(_watcher);
-        _store->renew(_numbers.net, _member, _name, 0);
+        _store->renew(_numbers.net, _member, _name, 0, {});
         _store->tell(_numbers.net);
     } catch (std::exception const&) {
         // Its lease runs out by itself.
     }
     _store.reset();
+    std::lock_guard const hold(_lock);
+    _served = false;
 }
 
 void member::_fire(claim& own) {

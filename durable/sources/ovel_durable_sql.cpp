@@ -23,6 +23,41 @@ std::string quoted(std::string const& name) {
     return '"' + name + '"';
 }
 
+// The length of the character of UTF-8 that `text` begins with; 0 if it begins with none.
+std::size_t length_of_character(std::string_view text) {
+    auto const byte = [&](std::size_t i) -> unsigned int {
+        return i < text.size() ? static_cast<unsigned char>(text[i]) : 0;
+    };
+    unsigned int const first = byte(0);
+    std::size_t const length = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    for (std::size_t i = 1; i < length; ++i)
+        if (byte(i) >> 6 != 2)
+            return 0;
+    if (length == 1)
+        return 1;
+    unsigned int const two = first << 8 | byte(1);
+    bool const known = length == 2   ? first >= 0xc2
+                       : length == 3 ? two >= 0xe0a0 && (two < 0xeda0 || two >= 0xee00)
+                                     : two >= 0xf090 && two < 0xf490;
+    return known ? length : 0;
+}
+
+// As text that a database takes: UTF-8, and no NUL.
+std::string printable(std::string_view text) {
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string made;
+    while (!text.empty()) {
+        std::size_t const length = text[0] != '\0' ? length_of_character(text) : 0;
+        auto const first = static_cast<unsigned char>(text[0]);
+        if (length != 0)
+            made += text.substr(0, length);
+        else
+            made += std::string("\\x") + digits[first >> 4] + digits[first & 15];
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
+    return made;
+}
+
 // Compares what the store has of a net with what the program inserted, and throws the
 // first difference.
 class comparison {
@@ -88,10 +123,8 @@ std::vector<arc> merged(std::vector<arc> const& arcs) {
     return made;
 }
 
-token taken_by(std::string const& key, value const& number, value const& bytes) {
-    if (!std::holds_alternative<std::int64_t>(number))
-        throw error(quoted(key) + " is the key of a send, not of a receive");
-    return {integer(number), std::get<blob>(bytes).bytes};
+void refuse_key(std::string const& key) {
+    throw error(quoted(key) + " is the key of an earlier call, of another kind or place");
 }
 
 bool sql_store::back_off::pause() {
@@ -105,11 +138,23 @@ bool sql_store::back_off::pause() {
 
 numbers sql_store::open(structure const& net) {
     return _within(writing, [&] {
-        _make_tables();
+        _exclude_others();
+        if (!_has_tables())
+            _make_tables();
         _fold();
         rows const there = _execute("SELECT id, nonce FROM nets WHERE name = $1", {net.name});
         return there.empty() ? _make(net) : _compare(net, integer(there[0][0]), text(there[0][1]));
     });
+}
+
+// Throws if they are those of another version of this library.
+bool sql_store::_has_tables() {
+    std::int64_t const version = _version();
+    if (version != 0 && version != tables_version)
+        throw error("the store's tables are of version " + std::to_string(version) +
+                    ", and this program knows version " + std::to_string(tables_version) +
+                    ": end its nets with the release that made them, or use another store");
+    return version != 0;
 }
 
 numbers sql_store::_make(structure const& net) {
@@ -212,18 +257,16 @@ std::vector<sql_store::placed_arc> const& sql_store::_arcs(std::int64_t transiti
 // What members that are long gone have fired is added up, and what clients that are long
 // gone will not ask for again is forgotten.
 void sql_store::_fold() {
-    static constexpr char gone[] =
-        "(SELECT id FROM members WHERE until < {now} - 3600 AND id NOT IN (SELECT member FROM "
-        "claims))";
-    _execute(std::string("UPDATE transitions SET fired = fired + (SELECT coalesce(sum(r.fired), 0) "
-                         "FROM runs r WHERE r.transition = transitions.id AND r.member IN ") +
-                 gone + ") WHERE id IN (SELECT transition FROM runs WHERE member IN " + gone + ")",
-             {});
-    _execute(std::string("DELETE FROM runs WHERE member IN ") + gone, {});
-    _execute(
-        "DELETE FROM members WHERE until < {now} - 3600 AND id NOT IN (SELECT member FROM "
-        "claims) AND id NOT IN (SELECT member FROM runs)",
-        {});
+    for (row const& each :
+         _execute("SELECT id FROM members WHERE until < {now} - 3600 AND id NOT IN (SELECT member "
+                  "FROM claims)",
+                  {})) {
+        // What is deleted is what is added: the member may wake and commit meanwhile.
+        for (row const& run :
+             _execute("DELETE FROM runs WHERE member = $1 RETURNING transition, fired", each))
+            _execute("UPDATE transitions SET fired = fired + $2 WHERE id = $1", run);
+        _execute("DELETE FROM members WHERE id = $1 AND until < {now} - 3600", each);
+    }
     _execute("DELETE FROM watchers WHERE until < {now} - 60", {});
     _execute("DELETE FROM calls WHERE own = 1 AND at < {now} - 86400", {});
 }
@@ -237,20 +280,32 @@ std::int64_t sql_store::enter(std::int64_t net, std::string const& name, double 
             integer(_execute("INSERT INTO members (net, name, until) VALUES ($1, $2, {now} + $3) "
                              "RETURNING id",
                              {net, name, lease})[0][0]);
-        for (std::int64_t const each : transitions)
-            _execute("INSERT INTO runs (member, transition, fired) VALUES ($1, $2, 0)",
-                     {member, each});
+        _enter_runs(member, transitions);
         return member;
     });
 }
 
+void sql_store::_enter_runs(std::int64_t member, std::vector<std::int64_t> const& transitions) {
+    for (std::int64_t const each : transitions)
+        _execute(
+            "INSERT INTO runs (member, transition, fired) VALUES ($1, $2, 0) ON CONFLICT DO "
+            "NOTHING",
+            {member, each});
+}
+
 // A member that slept for very long is entered again.
-void sql_store::renew(std::int64_t net, std::int64_t member, std::string const& name,
-                      double lease) {
-    _execute(
-        "INSERT INTO members (id, net, name, until) VALUES ($1, $2, $3, {now} + $4) "
-        "ON CONFLICT (id) DO UPDATE SET until = excluded.until",
-        {member, net, name, lease});
+void sql_store::renew(std::int64_t net, std::int64_t member, std::string const& name, double lease,
+                      std::vector<std::int64_t> const& transitions) {
+    if (!_execute("UPDATE members SET until = {now} + $2 WHERE id = $1 RETURNING 1",
+                  {member, lease})
+             .empty())
+        return;
+    _within(writing, [&] {
+        _execute("INSERT INTO members (id, net, name, until) VALUES ($1, $2, $3, {now} + $4)",
+                 {member, net, name, lease});
+        _enter_runs(member, transitions);
+        return true;
+    });
 }
 
 std::vector<claim> sql_store::claims_of(std::int64_t member) {
@@ -259,6 +314,12 @@ std::vector<claim> sql_store::claims_of(std::int64_t member) {
          _execute("SELECT id, epoch, transition FROM claims WHERE member = $1", {member}))
         made.push_back({integer(each[0]), integer(each[1]), integer(each[2]), {}, {}});
     return made;
+}
+
+std::int64_t sql_store::fired_by(std::int64_t member) {
+    return integer(
+        _execute("SELECT CAST(coalesce(sum(fired), 0) AS bigint) FROM runs WHERE member = $1",
+                 {member})[0][0]);
 }
 
 // No member has the number 0.
@@ -292,9 +353,10 @@ rest_state sql_store::rest(std::int64_t net) {
     return seen;
 }
 
-// The first failure stays.
+// The first failure stays. What is thrown may quote any bytes.
 void sql_store::fail(std::int64_t net, std::string const& why) {
-    _execute("UPDATE nets SET failure = $2 WHERE id = $1 AND failure IS NULL", {net, why});
+    _execute("UPDATE nets SET failure = $2 WHERE id = $1 AND failure IS NULL",
+             {net, printable(why)});
 }
 
 std::vector<std::string> sql_store::nets() {
@@ -374,7 +436,11 @@ void sql_store::watch(std::int64_t net, std::string const& watcher, double secon
 }
 
 void sql_store::unwatch(std::string const& watcher) {
-    _execute("DELETE FROM watchers WHERE id = $1", {watcher});
+    try {
+        _execute("DELETE FROM watchers WHERE id = $1", {watcher});
+    } catch (error const&) {
+        // Its time ends by itself.
+    }
 }
 
 }  // namespace ovel::durable::detail

@@ -31,6 +31,9 @@ struct text_hash : std::hash<std::string_view> {
 template <class Mapped>
 using text_map = std::unordered_map<std::string, Mapped, text_hash, std::equal_to<>>;
 
+// The version of the tables.
+inline constexpr std::int64_t tables_version = 2;
+
 // Another connection is in the way and will not be for long. The statement, or the whole
 // transaction that it was part of, did nothing and can be repeated on this connection.
 class busy : public unreachable {
@@ -43,9 +46,10 @@ public:
     numbers open(structure const& net) override;
     std::int64_t enter(std::int64_t net, std::string const& name, double lease,
                        std::vector<std::int64_t> const& transitions) override;
-    void renew(std::int64_t net, std::int64_t member, std::string const& name,
-               double lease) override;
+    void renew(std::int64_t net, std::int64_t member, std::string const& name, double lease,
+               std::vector<std::int64_t> const& transitions) override;
     std::vector<claim> claims_of(std::int64_t member) override;
+    std::int64_t fired_by(std::int64_t member) override;
     void disown(std::int64_t member, std::int64_t claim) override;
     rest_state rest(std::int64_t net) override;
     void fail(std::int64_t net, std::string const& why) override;
@@ -75,11 +79,14 @@ protected:
     virtual void _commit() = 0;
     virtual void _roll_back() noexcept = 0;
 
-    // Makes the tables, if need be, in a transaction that has begun.
+    // Keeps others from making tables or a net, in a transaction that has begun.
+    virtual void _exclude_others() = 0;
+
+    // Makes the tables, in that transaction.
     virtual void _make_tables() = 0;
 
-    // Whether there are tables.
-    virtual bool _has_tables() = 0;
+    // The version of the tables in the store; 0 if there are none.
+    virtual std::int64_t _version() = 0;
 
     // Puts the first tokens and the room of a place that has been made.
     virtual void _furnish(std::int64_t place, place_entry const& made) = 0;
@@ -143,6 +150,8 @@ private:
             std::chrono::steady_clock::now() + std::chrono::seconds(30);
     };
 
+    bool _has_tables();
+    void _enter_runs(std::int64_t member, std::vector<std::int64_t> const& transitions);
     numbers _make(structure const& net);
     numbers _compare(structure const& net, std::int64_t number, std::string const& nonce);
     void _fold();
@@ -158,8 +167,8 @@ inline std::string const& text(value const& field) {
     return std::get<std::string>(field);
 }
 
-// What the call with a key has taken. Throws if it took nothing.
-token taken_by(std::string const& key, value const& number, value const& bytes);
+// The key of a call belongs to an earlier one that did something else.
+[[noreturn]] void refuse_key(std::string const& key);
 
 }  // namespace ovel::durable::detail
 

@@ -47,9 +47,12 @@ CREATE TABLE numbers (next INTEGER NOT NULL);
 INSERT INTO numbers VALUES (1);
 CREATE TABLE watchers (id TEXT PRIMARY KEY, net INTEGER NOT NULL, until REAL NOT NULL);
 CREATE TABLE calls (net INTEGER NOT NULL, key TEXT NOT NULL, own INTEGER NOT NULL,
-    token INTEGER, value BLOB, at REAL NOT NULL, PRIMARY KEY (net, key)) WITHOUT ROWID;
-PRAGMA user_version = 1;
+    place INTEGER NOT NULL, takes INTEGER NOT NULL, token INTEGER, value BLOB, at REAL NOT NULL,
+    PRIMARY KEY (net, key)) WITHOUT ROWID;
 )";
+
+// Marks files that are ours: "ovel".
+constexpr std::int64_t application = 0x6f76656c;
 
 // The tokens of a claim as one blob: number, size and bytes of each.
 void append(std::string& packed, std::int64_t number) {
@@ -87,14 +90,16 @@ class sqlite_store : public sql_store {
 public:
     explicit sqlite_store(std::string const& file);
 
+    numbers open(structure const& net) override;
     turned take_turn(std::int64_t net, std::int64_t member, turn const& asked) override;
     answer put(std::int64_t net, std::int64_t place, std::string const& value,
                call const& named) override;
-    answer take(std::int64_t net, std::int64_t place, call const& named) override;
+    answer take(std::int64_t net, std::int64_t place, call const& named,
+                acceptor const& accept) override;
 
     // `wait` sees every change of the file, so nothing needs a notification.
     void watch(std::int64_t, std::string const&, double) override {
-        _seen = _version();
+        _seen = _changes();
     }
     void unwatch(std::string const&) override {}
     void tell(std::int64_t) override {}
@@ -111,10 +116,9 @@ protected:
     void _roll_back() noexcept override {
         sqlite3_exec(_database.get(), "ROLLBACK", nullptr, nullptr, nullptr);
     }
+    void _exclude_others() override {}
     void _make_tables() override;
-    bool _has_tables() override {
-        return integer(_execute("PRAGMA user_version", {})[0][0]) != 0;
-    }
+    std::int64_t _version() override;
     void _furnish(std::int64_t place, place_entry const& made) override;
     std::string _enabled() const override {
         return "SELECT t.id FROM transitions t WHERE t.net = $1 AND NOT EXISTS (SELECT 1 FROM arcs "
@@ -138,15 +142,17 @@ private:
         if (code != SQLITE_OK)
             _throw(code);
     }
-    std::int64_t _version() {
+    std::int64_t _changes() {
         return integer(_execute("PRAGMA data_version", {})[0][0]);
     }
+    bool _connect(int more_flags);
     sqlite3_stmt* _statement(std::string_view text);
     void _apply(changes const& made);
     void _end(std::int64_t member, turn const& asked, turned& made, changes& done);
     void _return(turn const& asked, turned& made, changes& done);
     void _claim(std::int64_t net, std::int64_t member, std::int64_t transition, std::int64_t most,
                 turned& made);
+    rows _earlier(std::int64_t net, std::int64_t place, bool takes, call const& named);
     void _take_over(std::int64_t net, std::int64_t member, turn const& asked, turned& made);
 
     std::string const _file;
@@ -155,21 +161,38 @@ private:
     std::int64_t _seen = 0;
 };
 
+// A program that only looks makes no file.
 sqlite_store::sqlite_store(std::string const& file) : _file(file) {
+    _connect(0);
+}
+
+// False if there is no file, or none can be made.
+bool sqlite_store::_connect(int more_flags) {
     // One thread at a time uses it.
     sqlite3* made = nullptr;
     int const code = sqlite3_open_v2(
-        file.c_str(), &made,
-        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
-        nullptr);
+        _file.c_str(), &made,
+        SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE | more_flags, nullptr);
     _database.reset(made);
-    if (code != SQLITE_OK)
+    if (code != SQLITE_OK && (code & 0xff) != SQLITE_CANTOPEN)
         _throw(code);
-    // What is committed survives a loss of power.
-    _execute("PRAGMA synchronous = FULL", {});
+    if (code != SQLITE_OK)
+        _database.reset();
+    else
+        // What is committed survives a loss of power.
+        _execute("PRAGMA synchronous = FULL", {});
+    return code == SQLITE_OK;
+}
+
+numbers sqlite_store::open(structure const& net) {
+    if (_database == nullptr && !_connect(SQLITE_OPEN_CREATE))
+        _throw(SQLITE_CANTOPEN);
+    // It throws for a file of another program, which stays as it is.
+    _version();
     if (std::string const mode = text(_execute("PRAGMA journal_mode = WAL", {})[0][0]);
         mode != "wal")
         throw error("the store " + _file + " cannot be shared: its journal mode is " + mode);
+    return sql_store::open(net);
 }
 
 void sqlite_store::_throw(int code) {
@@ -183,6 +206,8 @@ void sqlite_store::_throw(int code) {
 }
 
 sqlite3_stmt* sqlite_store::_statement(std::string_view text) {
+    if (_database == nullptr)
+        _throw(SQLITE_CANTOPEN);
     auto const found = _prepared.find(text);
     statement& known =
         found != _prepared.end()
@@ -263,13 +288,23 @@ rows sqlite_store::_execute_once(std::string_view text, row const& parameters) {
     return made;
 }
 
-void sqlite_store::_make_tables() {
+// A file of ours bears our mark since version 2.
+std::int64_t sqlite_store::_version() {
     std::int64_t const version = integer(_execute("PRAGMA user_version", {})[0][0]);
-    if (version == 0)
-        _run(tables);
-    else if (version != 1)
-        throw error("the store " + _file + " is of version " + std::to_string(version) +
-                    " of the tables, this program of version 1");
+    std::int64_t const mark = integer(_execute("PRAGMA application_id", {})[0][0]);
+    std::int64_t const all = integer(_execute("SELECT count(*) FROM sqlite_master", {})[0][0]);
+    if (mark == application || (version == 0 && mark == 0 && all == 0))
+        return version;
+    if (version == 1 && mark == 0 &&
+        !_execute("SELECT 1 FROM sqlite_master WHERE name = 'watchers'", {}).empty())
+        return version;
+    throw error("the store " + _file + " is a database of another program");
+}
+
+void sqlite_store::_make_tables() {
+    _run(tables);
+    _run(("PRAGMA application_id = " + std::to_string(application)).c_str());
+    _run(("PRAGMA user_version = " + std::to_string(tables_version)).c_str());
 }
 
 void sqlite_store::_furnish(std::int64_t place, place_entry const& made) {
@@ -304,8 +339,9 @@ turned sqlite_store::take_turn(std::int64_t net, std::int64_t member, turn const
         _apply(done);
         if (asked.take_over)
             _take_over(net, member, asked, made);
-        for (std::int64_t const each : asked.wanted)
-            _claim(net, member, each, asked.most, made);
+        else
+            for (std::int64_t const each : asked.wanted)
+                _claim(net, member, each, asked.most, made);
         return made;
     });
 }
@@ -426,53 +462,64 @@ void sqlite_store::_claim(std::int64_t net, std::int64_t member, std::int64_t tr
     }
 }
 
+// What an earlier call with that key has taken, if there was one.
+rows sqlite_store::_earlier(std::int64_t net, std::int64_t place, bool takes, call const& named) {
+    for (std::string const& each : named.forget)
+        _execute("DELETE FROM calls WHERE net = $1 AND key = $2", {net, each});
+    rows earlier =
+        _execute("SELECT token, value, place, takes FROM calls WHERE net = $1 AND key = $2",
+                 {net, named.key});
+    if (!earlier.empty() &&
+        (integer(earlier[0][2]) != place || (integer(earlier[0][3]) != 0) != takes))
+        refuse_key(named.key);
+    return earlier;
+}
+
 answer sqlite_store::put(std::int64_t net, std::int64_t place, std::string const& value,
                          call const& named) {
-    return _within(writing, [&]() -> answer {
-        for (std::string const& each : named.forget)
-            _execute("DELETE FROM calls WHERE net = $1 AND key = $2", {net, each});
-        if (!_execute("SELECT 1 FROM calls WHERE net = $1 AND key = $2", {net, named.key}).empty())
-            return {answer::done};
+    return _within(writing, [&] {
+        if (!_earlier(net, place, false, named).empty())
+            return answer::done;
         if (_execute("UPDATE rooms SET free = free - 1 WHERE place = $1 AND free > 0 RETURNING 1",
                      {place})
                 .empty())
-            return {answer::impossible};
+            return answer::impossible;
         _apply({{place, {0, 0, {&value}}}});
-        _execute("INSERT INTO calls (net, key, own, at) VALUES ($1, $2, $3, {now})",
-                 {net, named.key, std::int64_t{named.own}});
-        return {answer::done};
+        _execute(
+            "INSERT INTO calls (net, key, own, place, takes, at) VALUES ($1, $2, $3, $4, 0, "
+            "{now})",
+            {net, named.key, std::int64_t{named.own}, place});
+        return answer::done;
     });
 }
 
-answer sqlite_store::take(std::int64_t net, std::int64_t place, call const& named) {
-    return _within(writing, [&]() -> answer {
-        for (std::string const& each : named.forget)
-            _execute("DELETE FROM calls WHERE net = $1 AND key = $2", {net, each});
-        rows const earlier = _execute("SELECT token, value FROM calls WHERE net = $1 AND key = $2",
-                                      {net, named.key});
-        if (!earlier.empty())
-            return {answer::done, taken_by(named.key, earlier[0][0], earlier[0][1])};
-        rows const taken = _execute(
-            "DELETE FROM tokens WHERE place = $1 AND id = (SELECT id FROM "
-            "tokens WHERE place = $1 ORDER BY id LIMIT 1) RETURNING id, "
-            "value",
-            {place});
-        if (taken.empty())
-            return {answer::impossible};
-        _apply({{place, {1, -1, {}}}});
-        _execute(
-            "INSERT INTO calls (net, key, own, token, value, at) VALUES ($1, $2, $3, $4, $5, "
-            "{now})",
-            {net, named.key, std::int64_t{named.own}, taken[0][0], taken[0][1]});
-        return {answer::done, taken_by(named.key, taken[0][0], taken[0][1])};
+answer sqlite_store::take(std::int64_t net, std::int64_t place, call const& named,
+                          acceptor const& accept) {
+    return _within(writing, [&] {
+        rows taken = _earlier(net, place, true, named);
+        if (taken.empty()) {
+            taken = _execute(
+                "DELETE FROM tokens WHERE place = $1 AND id = (SELECT id FROM tokens WHERE place = "
+                "$1 ORDER BY id LIMIT 1) RETURNING id, value",
+                {place});
+            if (taken.empty())
+                return answer::impossible;
+            _apply({{place, {1, -1, {}}}});
+            _execute(
+                "INSERT INTO calls (net, key, own, place, takes, token, value, at) VALUES ($1, "
+                "$2, $3, $4, 1, $5, $6, {now})",
+                {net, named.key, std::int64_t{named.own}, place, taken[0][0], taken[0][1]});
+        }
+        accept({integer(taken[0][0]), std::get<blob>(taken[0][1]).bytes});
+        return answer::done;
     });
 }
 
 bool sqlite_store::wait(double seconds, int bell) {
     auto const end = clock_type::now() + std::chrono::duration<double>(seconds);
     for (int pause = 1;; pause = std::min(2 * pause, 50)) {
-        if (std::int64_t const version = _version(); version != _seen) {
-            _seen = version;
+        if (std::int64_t const now = _changes(); now != _seen) {
+            _seen = now;
             return true;
         }
         auto const left =

@@ -17,11 +17,12 @@
 //     members      until when each has its lease, by the database's clock
 //     runs         which transitions a member runs, and how often it has fired each
 //     watchers     connections that wait for notifications, and until when
-//     calls        the keys of clients' calls, with what those returned
+//     calls        the keys of clients' calls, with what those did and returned
 //
 // Fencing. Taking over a claim raises its epoch. A commit deletes the claim of its
 // number and epoch; where there is none, it changes nothing. The number is never used
-// again, so it makes the key of the firing.
+// again, so it makes the key of the firing. A member that slept and took its own claim
+// over from the one that had it meanwhile may end it twice, under two epochs.
 #ifndef OVEL_DURABLE_STORE_H
 #define OVEL_DURABLE_STORE_H
 
@@ -94,13 +95,13 @@ struct outcome {
 };
 
 // One transaction of a member: the firings that have ended, those that have not begun
-// and are given back, and the claims that it wants.
+// and are given back, and the claims that it wants: new ones, or those that others have lost.
 struct turn {
     std::vector<outcome> ended;
     std::vector<std::pair<std::int64_t, std::int64_t>> returned;  // number, epoch
     std::vector<std::int64_t> wanted;                             // transitions
-    std::int64_t most = 0;                                        // claims for each of them
-    bool take_over = false;                                       // also what others have lost
+    std::int64_t most = 0;   // new claims for each of them, lost ones for all
+    bool take_over = false;  // lost ones
 };
 struct turned {
     std::vector<std::int64_t> committed;
@@ -124,10 +125,10 @@ struct call {
 };
 
 // What came of one.
-struct answer {
-    enum { done, impossible, busy } result;  // busy: others are at it just now
-    token taken = {};
-};
+enum class answer { done, impossible, busy };  // busy: others are at it just now
+
+// Gets a token that was taken, before that is committed. If it throws, the token stays.
+using acceptor = std::function<void(token const&)>;
 
 class store {
 public:
@@ -143,20 +144,24 @@ public:
                                std::vector<std::int64_t> const& transitions) = 0;
 
     // Renews its lease, or ends it with 0 seconds.
-    virtual void renew(std::int64_t net, std::int64_t member, std::string const& name,
-                       double lease) = 0;
+    virtual void renew(std::int64_t net, std::int64_t member, std::string const& name, double lease,
+                       std::vector<std::int64_t> const& transitions) = 0;
 
     // The next three also tell watchers of what they have changed, as `tell` does.
     virtual turned take_turn(std::int64_t net, std::int64_t member, turn const& asked) = 0;
 
     virtual answer put(std::int64_t net, std::int64_t place, std::string const& value,
                        call const& named) = 0;
-    virtual answer take(std::int64_t net, std::int64_t place, call const& named) = 0;
+    virtual answer take(std::int64_t net, std::int64_t place, call const& named,
+                        acceptor const& accept) = 0;
 
     // The claims that are the member's, without their tokens.
     virtual std::vector<claim> claims_of(std::int64_t member) = 0;
 
-    // Gives one of them up: any member may take it over.
+    // How many firings it has committed.
+    virtual std::int64_t fired_by(std::int64_t member) = 0;
+
+    // Gives a claim up: any member may take it over.
     virtual void disown(std::int64_t member, std::int64_t claim) = 0;
 
     virtual rest_state rest(std::int64_t net) = 0;
@@ -171,6 +176,9 @@ public:
     // For `seconds` from now, `wait` returns on changes of the net. Check for earlier changes
     // after this call, and once more for a transaction that is committing at this moment.
     virtual void watch(std::int64_t net, std::string const& watcher, double seconds) = 0;
+
+    // These two do what they can and throw nothing: what they follow was committed, and
+    // watchers poll as well.
     virtual void unwatch(std::string const& watcher) = 0;
 
     // Tells watchers of the net, if there are any, that it has changed; after the change.

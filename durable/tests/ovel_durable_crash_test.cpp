@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // What survives the death of members, of the server, and of connections.
+#include "ovel_durable_fixture.h"
 #include "ovel_durable_ledger.h"
-#include "ovel_durable_server.h"
+#include "ovel_durable_mortal_store.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -27,6 +28,8 @@
 #include <thread>
 #include <vector>
 
+using ovel_durable_test::contains;
+using ovel_durable_test::error_of;
 using ovel_durable_test::folder;
 using ovel_durable_test::ledger;
 using ovel_durable_test::server;
@@ -39,20 +42,6 @@ namespace {
 std::string content(std::string const& file) {
     std::ifstream in(file);
     return {std::istreambuf_iterator<char>(in), {}};
-}
-
-bool contains(std::string const& text, std::string const& part) {
-    return text.find(part) != text.npos;
-}
-
-template <class Call>
-std::string error_of(Call const& call) {
-    try {
-        call();
-    } catch (std::exception const& thrown) {
-        return thrown.what();
-    }
-    return "no error";
 }
 
 // A process of ovel_durable_member, whose error stream goes to a file.
@@ -132,6 +121,10 @@ public:
     std::atomic<int> cuts_wanted = 0;
     std::atomic<int> cuts = 0;
 
+    // Stops a client that has just locked others out: the server waits for its next statement.
+    std::atomic<bool> stops_with_lock = false;
+    std::atomic<bool> stopped = false;
+
 private:
     static sockaddr_un address(std::string const& folder) {
         sockaddr_un made{};
@@ -165,6 +158,13 @@ private:
             bool const cut = bytes[0] == 'B' && cuts_wanted > 0;
             if (send(server, bytes, static_cast<std::size_t>(size), MSG_NOSIGNAL) != size)
                 return false;
+            if (std::string_view(bytes, static_cast<std::size_t>(size)).find("advisory") !=
+                    std::string_view::npos &&
+                stops_with_lock.exchange(false)) {
+                stopped = true;
+                while (_wait(server, -1) && recv(server, bytes, sizeof bytes, MSG_DONTWAIT) > 0) {}
+                return false;
+            }
             if (!cut)
                 return true;
             --cuts_wanted;
@@ -354,7 +354,7 @@ TEST_P(ovel_durable_crash_test, an_aborted_transaction_is_repeated) {
             sqlite3* other = nullptr;
             ASSERT_EQ(sqlite3_open(url.c_str() + 7, &other), SQLITE_OK);
             std::string const begin = std::string("PRAGMA journal_mode = ") + mode +
-                                      "; BEGIN IMMEDIATE; CREATE TABLE t (x)";
+                                      "; BEGIN IMMEDIATE; CREATE TABLE t (x); DROP TABLE t";
             ASSERT_EQ(sqlite3_exec(other, begin.c_str(), nullptr, nullptr, nullptr), SQLITE_OK);
             std::atomic<bool> over = false;
             std::string told;
@@ -431,6 +431,48 @@ TEST_P(ovel_durable_server_test, a_server_that_stays_away_is_one_error) {
     run.net.start();
     run.net.join();
     run.verify();
+}
+
+// The server's crash has cut all connections that a client has in store.
+TEST_P(ovel_durable_server_test, a_call_after_a_crash_connects_anew) {
+    auto chosen = quick();
+    chosen.patience = 0;
+    durable::net net(_url, _name, chosen);
+    auto const place = net.insert_place<int>("place", 10);
+    std::vector<std::thread> receivers;
+    for (int i = 0; i < 3; ++i)
+        receivers.emplace_back([&] { place.receive(); });
+    ASSERT_TRUE(wait_for([&] {
+        return _server->run(
+                   "SELECT count(*) FROM pg_stat_activity WHERE application_name = "
+                   "'ovel'") == "3";
+    }));
+    for (int i = 0; i < 3; ++i)
+        place.send(i);
+    for (std::thread& each : receivers)
+        each.join();
+    _server->kill();
+    _server->start();
+    EXPECT_EQ(error_of([&] { place.send(4); }), "no error");
+    EXPECT_EQ(place.receive(), 4);
+}
+
+// It holds the lock for those that make or compare nets.
+TEST_P(ovel_durable_server_test, a_process_that_stops_in_a_transaction_does_not_stop_others) {
+    proxy between(_server->socket_folder());
+    between.stops_with_lock = true;
+    std::string told;
+    std::thread stopped([&] {
+        durable::net net(between.url(), _name, quick());
+        net.insert_place<int>("place", 1);
+        told = error_of([&] { net.start(); });
+    });
+    ASSERT_TRUE(wait_for([&] { return between.stopped.load(); }));
+    durable::net net(_url, _name, quick());
+    auto const place = net.insert_place<int>("place", 1);
+    place.send(1);
+    stopped.join();
+    EXPECT_TRUE(contains(told, "the connection to the store is lost")) << told;
 }
 
 TEST_P(ovel_durable_server_test, a_refused_login_is_one_error) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Forwards to another store, and kills its process at a chosen point.
+// Forwards to another store, and calls an observer at some points, which may kill the process
+// or throw what a lost connection throws.
 #ifndef OVEL_DURABLE_MORTAL_STORE_H
 #define OVEL_DURABLE_MORTAL_STORE_H
 
@@ -43,12 +44,15 @@ public:
                        std::vector<std::int64_t> const& transitions) override {
         return _behind->enter(net, name, lease, transitions);
     }
-    void renew(std::int64_t net, std::int64_t member, std::string const& name,
-               double lease) override {
-        _behind->renew(net, member, name, lease);
+    void renew(std::int64_t net, std::int64_t member, std::string const& name, double lease,
+               std::vector<std::int64_t> const& transitions) override {
+        _behind->renew(net, member, name, lease, transitions);
     }
     std::vector<parts::claim> claims_of(std::int64_t member) override {
         return _behind->claims_of(member);
+    }
+    std::int64_t fired_by(std::int64_t member) override {
+        return _behind->fired_by(member);
     }
     void disown(std::int64_t member, std::int64_t claim) override {
         _behind->disown(member, claim);
@@ -57,13 +61,15 @@ public:
                       parts::call const& named) override {
         return _behind->put(net, place, value, named);
     }
-    parts::answer take(std::int64_t net, std::int64_t place, parts::call const& named) override {
-        return _behind->take(net, place, named);
+    parts::answer take(std::int64_t net, std::int64_t place, parts::call const& named,
+                       parts::acceptor const& accept) override {
+        return _behind->take(net, place, named, accept);
     }
     parts::rest_state rest(std::int64_t net) override {
         return _behind->rest(net);
     }
     void fail(std::int64_t net, std::string const& why) override {
+        _pass("failing");
         _behind->fail(net, why);
     }
     std::vector<std::string> nets() override {

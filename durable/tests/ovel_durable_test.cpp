@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Durable nets within one process, on either store.
-#include "ovel_durable.h"
-#include "ovel_durable_server.h"
+#include "../../tests/ovel_test.h"
+#include "ovel_durable_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -18,29 +18,31 @@
 #include <vector>
 
 using namespace std::chrono_literals;
+using ovel_durable_test::contains;
+using ovel_durable_test::error_of;
 using ovel_durable_test::folder;
-using ovel_durable_test::server;
+using ovel_durable_test::on_either_store;
 using ovel_durable_test::wait_for;
 namespace durable = ovel::durable;
 
 namespace {
 
 // A value whose bytes cannot always be read, or made.
-struct fragile {
+struct brittle {
     std::string text;
 };
 
 }  // namespace
 
 template <>
-struct ovel::durable::codec<fragile> {
-    static constexpr char const* name = "fragile";
-    static std::string encode(fragile const& value) {
+struct ovel::durable::codec<brittle> {
+    static constexpr char const* name = "brittle";
+    static std::string encode(brittle const& value) {
         if (value.text == "unwritable")
             throw std::runtime_error("no way to write it");
         return value.text;
     }
-    static fragile decode(std::string_view bytes) {
+    static brittle decode(std::string_view bytes) {
         if (bytes == "unreadable")
             throw std::runtime_error("no way to read it");
         return {std::string(bytes)};
@@ -49,75 +51,9 @@ struct ovel::durable::codec<fragile> {
 
 namespace {
 
-class ovel_durable_test_base : public testing::TestWithParam<char const*> {
-protected:
-    // One server for all tests, if there are tests that need it.
-    static void TearDownTestSuite() {
-        _server.reset();
-    }
-    void SetUp() override {
-        if (GetParam() == std::string("postgresql")) {
-            if (_server == nullptr)
-                _server = std::make_unique<server>("fsync = off\n");
-            _url = _server->url();
-        } else {
-            _url = "sqlite:" + _folder.path() + "/store";
-        }
-    }
-
-    // A name that no other test has.
-    static std::string new_name() {
-        static int number = 0;
-        return "net " + std::to_string(++number);
-    }
-
-    durable::options quick(unsigned int threads = 2) {
-        durable::options chosen;
-        chosen.threads = threads;
-        chosen.poll = 0.2;
-        chosen.lease = 5;
-        chosen.report = [this](std::string const& line) {
-            std::lock_guard const hold(_lock);
-            _reports.push_back(line);
-        };
-        return chosen;
-    }
-
-    bool reported(std::string const& part) {
-        std::lock_guard const hold(_lock);
-        return std::any_of(_reports.begin(), _reports.end(),
-                           [&](std::string const& line) { return line.find(part) != line.npos; });
-    }
-
-    static std::unique_ptr<server> _server;
-    std::string _url;
-    std::string _name = new_name();
-
-private:
-    folder _folder;
-    std::mutex _lock;
-    std::vector<std::string> _reports;
-};
-std::unique_ptr<server> ovel_durable_test_base::_server;
-
-class ovel_durable_test : public ovel_durable_test_base {};
+class ovel_durable_test : public on_either_store {};
 INSTANTIATE_TEST_SUITE_P(stores, ovel_durable_test, testing::Values("sqlite", "postgresql"),
                          [](auto const& chosen) { return std::string(chosen.param); });
-
-// What a body throws with, and `join` with it.
-template <class Call>
-std::string error_of(Call const& call) {
-    try {
-        call();
-    } catch (std::exception const& thrown) {
-        return thrown.what();
-    }
-    return "no error";
-}
-
-bool contains(std::string const& text, std::string const& part) {
-    return text.find(part) != text.npos;
-}
 
 // Weights, tuples, optional results and keys, and values of any bytes.
 TEST_P(ovel_durable_test, a_body_gets_and_gives_what_its_arcs_say) {
@@ -372,6 +308,7 @@ TEST_P(ovel_durable_test, capacity_holds_between_members) {
 TEST_P(ovel_durable_test, a_call_with_the_same_key_is_the_same_call) {
     durable::net net(_url, _name, quick());
     auto const place = net.insert_place<std::string>("place", 2);
+    auto const other = net.insert_place<std::string>("other", 2);
     durable::key const one("order 1"), two("order 2"), take("take");
     place.send("one", one);
     place.send("one", one);
@@ -383,10 +320,19 @@ TEST_P(ovel_durable_test, a_call_with_the_same_key_is_the_same_call) {
     EXPECT_EQ(place.receive(), "two");
     EXPECT_EQ(place.try_receive(take), "one");
     EXPECT_EQ(place.try_receive(), std::nullopt);
-    EXPECT_TRUE(contains(error_of([&] { place.receive(one); }), "is the key of a send"));
+    // A key knows its call.
+    auto const refused = [&](auto const& call) {
+        EXPECT_TRUE(contains(error_of(call), "is the key of an earlier call, of another kind"));
+    };
+    refused([&] { place.receive(one); });
+    refused([&] { place.send("one", take); });
+    refused([&] { other.send("one", one); });
+    refused([&] { other.try_receive(take); });
     // As a process that does not know that its earlier life has sent it.
     durable::net again(_url, _name, quick());
-    again.insert_place<std::string>("place", 2).send("one", one);
+    auto const same = again.insert_place<std::string>("place", 2);
+    again.insert_place<std::string>("other", 2);
+    same.send("one", one);
     EXPECT_EQ(place.try_receive(), std::nullopt);
 }
 
@@ -459,14 +405,14 @@ TEST_P(ovel_durable_test, a_codec_that_throws_keeps_the_token_and_names_it) {
     for (std::string const text : {"unreadable", "unwritable"}) {
         std::string const name = new_name();
         durable::net net(_url, name, quick());
-        auto const in = net.insert_place<fragile>("in", 10, {{text == "unreadable" ? text : "x"}});
-        auto const out = net.insert_place<fragile>("out", 10);
-        net.insert_transition("work", from(in), to(out), [&](fragile) { return fragile{text}; });
+        auto const in = net.insert_place<brittle>("in", 10, {{text == "unreadable" ? text : "x"}});
+        auto const out = net.insert_place<brittle>("out", 10);
+        net.insert_transition("work", from(in), to(out), [&](brittle) { return brittle{text}; });
         net.start();
         std::string const told = error_of([&] { net.join(); });
         EXPECT_TRUE(contains(told, text == "unreadable"
-                                       ? "the codec \"fragile\" cannot decode token "
-                                       : "the codec \"fragile\" cannot encode a token for the "
+                                       ? "the codec \"brittle\" cannot decode token "
+                                       : "the codec \"brittle\" cannot encode a token for the "
                                          "place \"out\", of the firing "))
             << told;
         EXPECT_TRUE(contains(told, text == "unreadable" ? "of the place \"in\": no way to read it"
@@ -474,6 +420,25 @@ TEST_P(ovel_durable_test, a_codec_that_throws_keeps_the_token_and_names_it) {
             << told;
         EXPECT_TRUE(contains(net.explain(), "in: 1 token of 10, 1 claimed")) << net.explain();
     }
+    // A client that is no member.
+    durable::net net(_url, new_name(), quick());
+    auto const in = net.insert_place<brittle>("in", 10, {{"unreadable"}});
+    for (int i = 0; i < 2; ++i)
+        EXPECT_TRUE(contains(error_of([&] { in.receive(); }), "cannot decode token ")) << i;
+    EXPECT_TRUE(contains(net.explain(), "in: 1 token of 10\n")) << net.explain();
+    EXPECT_TRUE(contains(net.explain(), "Failed: the codec \"brittle\" cannot decode token "))
+        << net.explain();
+}
+
+TEST_P(ovel_durable_test, the_first_use_may_come_from_several_threads) {
+    durable::net net(_url, _name, quick());
+    auto const place = net.insert_place<int>("place", 100);
+    std::vector<std::thread> senders;
+    for (int i = 0; i < 4; ++i)
+        senders.emplace_back([&, i] { place.send(i); });
+    for (std::thread& each : senders)
+        each.join();
+    EXPECT_TRUE(contains(net.explain(), "place: 4 tokens of 100\n")) << net.explain();
 }
 
 // Claimed firings that were not begun are returned at once, in their old order.
@@ -534,6 +499,13 @@ TEST(ovel_durable_error_test, a_store_that_cannot_be_used_is_one_clear_error) {
     std::ofstream(place.path() + "/text") << std::string(5000, 'x');
     EXPECT_TRUE(contains(error_of([&] { start("sqlite:" + place.path() + "/text"); }),
                          "file is not a database"));
+    durable::net twice("sqlite:x", "net");
+    auto const first = twice.insert_place<int>("place", 1);
+    EXPECT_CHECK(twice.insert_place<int>("place", 1), "each.name != name",
+                 "durable/sources/ovel_durable_client.cpp");
+    durable::net other("sqlite:x", "net");
+    EXPECT_CHECK(other.insert_transition("take", from(first), [](int) {}),
+                 "from.end._owner == &_owner", "durable/includes/ovel_durable.h");
     EXPECT_TRUE(contains(error_of([&] { start("postgresql://ovel@/x?host=" + place.path()); }),
                          "no connection to the store: connection to server on socket"));
 }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
@@ -129,6 +130,17 @@ TEST_P(ovel_durable_tool_test, dead_markings_are_those_that_are_known) {
         }
 }
 
+// As where only the tool is installed: what the loader finds first is no library.
+TEST_P(ovel_durable_tool_test, without_the_component_one_line_names_its_package) {
+    write("libovel_durable.so.1", "");
+    for (std::string const& net : {std::string(), own("bicycles.pnml")}) {
+        run(net + store(), "LD_LIBRARY_PATH=.");
+        expect_refused(2,
+                       "--store needs the library libovel_durable.so.1: install the package "
+                       "libovel-durable1");
+    }
+}
+
 TEST_P(ovel_durable_tool_test, what_cannot_be_run_in_a_store_is_refused) {
     run(own("bicycles.pnml") + store() + " --check");
     expect_refused(64,
@@ -136,6 +148,11 @@ TEST_P(ovel_durable_tool_test, what_cannot_be_run_in_a_store_is_refused) {
                    "--help)");
     run("--store mysql:x");
     expect_refused(2, "a store is sqlite:FILE or postgresql://..., not \"mysql:x\"");
+    if (_url == "sqlite:store") {
+        run(store());
+        expect_refused(2, "the store store: unable to open database file");
+        EXPECT_FALSE(std::filesystem::exists(path("store")));
+    }
     run(store() + " --json");
     expect_refused(64, "no net given, whose run could be shown (see --help)");
     run(own("bicycles.pnml") + store() + " --json");
