@@ -21,41 +21,61 @@ using detail::petri_outcome;
 
 // Published calls are taken over once, so that this thread gets on with its own work.
 void petri_net::engine::_dispatch_among_callers() {
+    // Nothing but that the net does not run.
+    if ((_news & ~(detail::missed | detail::not_running)) == 0 &&
+        _published.load(std::memory_order_relaxed) == nullptr)
+        return;
     for (bool is_first = true;; is_first = false) {
-        bool const yields = _take_turns() && is_first;
-        if (yields) {
-            _await_published();
+        bool const yields = _take_turns(is_first);
+        if (yields)
             _carry_out_published();
-        }
-        _dispatch();
+        if (is_running())
+            _dispatch();
         if (is_first && !yields) {
             _carry_out_published();
-            _dispatch();
+            if (is_running())
+                _dispatch();
         }
-        _news &= static_cast<unsigned char>(~detail::for_callers);
+        _forget(detail::for_callers);
         while (_offered != nullptr)
             _serve(std::exchange(_offered, _offered->_next_offered));
         if ((_news & detail::for_closing) != 0) {
-            _news &= static_cast<unsigned char>(~detail::for_closing);
+            _forget(detail::for_closing);
             _closing.settle(*this);
         }
-        if ((_enabled.empty() || !_is_running) &&
+        if ((_enabled.empty() || !is_running()) &&
             (_news & (detail::for_callers | detail::for_closing)) == 0)
             return;
     }
 }
 
-// Returns whether a caller that does not wait should get its chance.
-bool petri_net::engine::_take_turns() {
+// Returns whether callers that do not wait should get their chance; they have then had a moment
+// to publish their calls. One that shares the processor with this thread may not get that moment
+// before this thread has run for as long as it did. So until one has come, each further gain is a
+// chance, up to a limit.
+bool petri_net::engine::_take_turns(bool is_first) {
+    constexpr unsigned int most_chances = 32;
+    constexpr unsigned int most_pauses = 16;
     bool yields = false;
+    unsigned int pauses = 0;
     for (petri_place* place = _offered; place != nullptr; place = place->_next_offered)
-        for (petri_callers* each : {&place->_receivers, &place->_senders})
-            if (each->passed >= most_passed) {
-                yields |= (each->present & petri_callers::has_tried) != 0;
+        for (petri_callers* each : {&place->_receivers, &place->_senders}) {
+            if (each->passed < most_passed)
+                continue;
+            bool const has_tried = (each->present & petri_callers::has_tried) != 0;
+            if (has_tried && is_first) {
+                yields = true;
+                if (each->passed == most_passed)
+                    pauses = most_pauses;
+            }
+            if (!has_tried || each->passed >= most_passed + most_chances) {
                 each->present &= ~petri_callers::has_tried;
                 each->passed = 0;
-                _serve_one(*each);
             }
+            _serve_one(*each);
+        }
+    if (yields)
+        _await_published(pauses);
     return yields;
 }
 
@@ -99,9 +119,8 @@ bool petri_net::engine::publish(petri_call& call) {
 
 // A caller that tries again and again is seldom at the mutex when that is taken, but comes soon
 // if it has a processor.
-void petri_net::engine::_await_published() {
-    constexpr unsigned int most_pauses = 16;
-    for (detail::spin_wait wait(std::min(_spin, most_pauses), detail::pace_for_unit);
+void petri_net::engine::_await_published(unsigned int pauses) {
+    for (detail::spin_wait wait(std::min(_spin, pauses), detail::pace_for_unit);
          !wait.is_over() && _published.load(std::memory_order_relaxed) == nullptr;)
         wait.pause();
     if (_published.load(std::memory_order_relaxed) == nullptr)
@@ -115,8 +134,15 @@ void petri_net::engine::_carry_out_published() {
         oldest = std::exchange(newest, std::exchange(newest->next, oldest));
     while (oldest != nullptr) {
         petri_call& call = *std::exchange(oldest, oldest->next);
-        if (_net._carry_out(call) || !wait_or_miss(call))
+        if (_net._carry_out(call)) {
+            petri_callers& at = callers(call);
+            at.passed = 0;
+            if (!call.waits())
+                at.present &= ~petri_callers::has_tried;
             _end(call);
+        } else if (!wait_or_miss(call)) {
+            _end(call);
+        }
     }
 }
 

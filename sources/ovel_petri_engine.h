@@ -150,14 +150,17 @@ public:
     // From here on dispatch runs what is enabled. All transitions must have been
     // examined.
     void start() {
-        _is_running = true;
+        _forget(detail::not_running);
     }
     void stop() {
-        _is_running = false;
+        _news |= detail::not_running;
+    }
+    bool is_running() const {
+        return (_news & detail::not_running) == 0;
     }
     // All transitions have been examined, so none that could not be queued is missed.
     void forget_missed() {
-        _missed = false;
+        _forget(detail::missed);
     }
 
     bool is_at_rest() const {
@@ -196,7 +199,7 @@ public:
     // threads. Ends what closed places end.
     void dispatch() {
         // Relaxed: a thread that publishes a call takes the mutex if no thread carries it out.
-        if (_news != 0 || _published.load(std::memory_order_relaxed) != nullptr)
+        if ((_news & ~detail::missed) != 0 || _published.load(std::memory_order_relaxed) != nullptr)
             _dispatch_among_callers();
         else
             _dispatch();
@@ -281,10 +284,13 @@ public:
 
     // Whether a delay has begun, or callers that are asleep are to be woken.
     bool has_news() const {
-        return _news != 0;
+        return (_news & (detail::for_clock | detail::for_sleepers)) != 0;
     }
-    unsigned int take_news() {
-        return std::exchange(_news, 0);
+    // Returns whether a delay has begun.
+    bool take_news() {
+        bool const began = (_news & detail::for_clock) != 0;
+        _forget(detail::for_clock | detail::for_sleepers);
+        return began;
     }
     // Returns the callers to wake.
     detail::petri_call* take_sleepers() {
@@ -304,7 +310,7 @@ public:
         try {
             gained_tokens(place, 0);
         } catch (...) {
-            if (_is_running)
+            if (is_running())
                 throw;
         }
     }
@@ -345,8 +351,8 @@ private:
     }
 
     void _dispatch_among_callers();
-    bool _take_turns();
-    void _await_published();
+    bool _take_turns(bool is_first);
+    void _await_published(unsigned int pauses);
     void _serve(petri_place* place);
     bool _serve_one(detail::petri_callers& callers);
     void _carry_out_published();
@@ -363,14 +369,14 @@ private:
         try {
             _enabled.insert(transition);
         } catch (...) {
-            _missed = true;
+            _news |= detail::missed;
             throw;
         }
     }
 
     // A place has `now` tokens or slots available, and had `before`.
     void _enqueue_side(detail::petri_side const& side, unsigned int before, unsigned int now) {
-        if (!_is_running || _missed)
+        if ((_news & (detail::not_running | detail::missed)) != 0)
             before = 0;
         if (before >= side.most)
             return;
@@ -378,18 +384,23 @@ private:
             if (size <= now && (size > before || reentrant))
                 enqueue_if_enabled(transition);
     }
-    void _dequeue_side(detail::petri_side const& side, unsigned int now) {
-        if (now >= side.most || _enabled.none())
-            return;
+    [[gnu::always_inline]] void _dequeue_side(detail::petri_side const& side, unsigned int now) {
+        if (!_enabled.none() && now < side.most)
+            _dequeue_disabled(side, now);
+    }
+    [[gnu::noinline]] void _dequeue_disabled(detail::petri_side const& side, unsigned int now) {
         for (auto const& [transition, size, reentrant, inhibits] : side.ends)
             if (size > now && transition->queued())
                 dequeue(transition);
     }
 
-    // Of a reentrant transition as many firings at once as its group has threads.
+    void _forget(unsigned int news) {
+        _news &= static_cast<unsigned char>(~news);
+    }
+
+    // While the net runs. Of a reentrant transition as many firings at once as its group has
+    // threads.
     void _dispatch() {
-        if (!_is_running)
-            return;
         while (!_enabled.empty()) {
             petri_transition* const transition = _enabled.take_first();
             firing_work& work = *_works[transition->_group];
@@ -468,12 +479,10 @@ private:
 
     petri_net& _net;
     std::unique_ptr<std::unique_ptr<firing_work>[]> const _works;  // one for each group
-    unsigned char _news = 0;                                       // bits of `petri_news`
+    unsigned char _news = detail::not_running;                     // bits of `petri_news`
     detail::enabled_transitions _enabled{_net._queue, _net._random, &_news};
-    firing_work* _touched = nullptr;  // the first of those that may need a thread
-    unsigned int _called = 0;         // called threads that have not left, of all crews
-    bool _is_running = false;
-    bool _missed = false;                     // there was no memory to queue a transition
+    firing_work* _touched = nullptr;          // the first of those that may need a thread
+    unsigned int _called = 0;                 // called threads that have not left, of all crews
     unsigned int _ranked = 0;                 // transitions that have their rank
     petri_place* _offered = nullptr;          // the first of those with something for callers
     detail::petri_call* _sleepers = nullptr;  // the first that is asleep and has ended

@@ -102,13 +102,13 @@ void petri_net::_leave() {
 
 // The same when callers are asleep whose calls have ended, or a delay has begun.
 void petri_net::_leave_with_news() {
-    unsigned int const news = _engine->take_news();
+    bool const delay_has_begun = _engine->take_news();
     detail::petri_call* const sleepers = _engine->take_sleepers();
     engine::wake_ups const wakes = _engine->collect_wake_ups();
     _mutex.release();
     engine::call(wakes.called);
     engine::wake(sleepers);
-    if (wakes.queue_thread || (news & detail::for_clock) != 0)
+    if (wakes.queue_thread || delay_has_begun)
         _engine->release_queue_thread();
 }
 

@@ -145,7 +145,7 @@ struct ovel::detail::inspector {
             assure(!each->queued() || each->enabled());
             // An enabled transition is queued, or examined when its firing ends.
             assure(!each->enabled() || each->queued() || each->_firing != 0 ||
-                   !engine._is_running || engine._missed);
+                   !engine.is_running() || (engine._news & missed) != 0);
         }
         assure(firings == net._firings);
         for (petri_place* each : net._places) {
@@ -200,7 +200,7 @@ struct ovel::detail::inspector {
 
     static bool is_running(petri_net& net) {
         guard const hold(net._mutex);
-        return net._engine->_is_running;
+        return net._engine->is_running();
     }
 
     // Of a typed net. Waits at an empty place as `receive_until` does with a std::stop_token,
