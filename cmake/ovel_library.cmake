@@ -99,9 +99,13 @@ function(ovel_add_variant target sanitizer)
     target_compile_options(${target} PRIVATE
         -fsanitize=${sanitizer} -fno-omit-frame-pointer -O2 -g1)
     if(sanitizer STREQUAL "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-        # The names of globals would carry the path of the build. What clients get wrong is
-        # on the heap, and their own globals keep their checks.
+        # The names of globals would carry the path of the build, and so would the call before
+        # their construction, which is all in one file. What clients get wrong is on the heap,
+        # and their own globals keep their checks.
         target_compile_options(${target} PRIVATE --param=asan-globals=0)
+        set_source_files_properties(${PROJECT_SOURCE_DIR}/sources/ovel_library.cpp PROPERTIES
+            COMPILE_OPTIONS
+            "$<$<STREQUAL:$<TARGET_PROPERTY:NAME>,${target}>:-fno-sanitize=address>")
     endif()
     target_compile_definitions(${target} PRIVATE OVEL_SANITIZED)
     set_target_properties(${target} PROPERTIES
