@@ -141,12 +141,7 @@ semaphore& allocator::_registry_lock() {
 detail::block* allocator::allocate(std::size_t k) noexcept {
     if (_read(_pending_size) >= detail::batch)
         _collect();
-    detail::block* ready = _take_ready(k);
-    if (ready == nullptr && _partial[k].has_chunk()) {
-        // The class was last served by blocks that waited, and none of them is left.
-        _serving[k] = _partial[k]._next;
-        ready = _take_ready(k);
-    }
+    detail::block* const ready = _take_ready(k);
     return ready != nullptr ? ready : _allocate_from_new(k);
 }
 

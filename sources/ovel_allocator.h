@@ -155,10 +155,9 @@ struct waiting {
 //
 // `_serving[k]` is the chunk of `_partial[k]` that hands out the next block: the one that a
 // block was freed into last, or a new one. Once it has left the ring, full or empty, the
-// first chunk of the ring serves. After the free of another owner's block of the class it
-// is the ring's sentinel, which has no free block: such blocks then serve first. The
-// serving chunk keeps its place in the ring. Blocks freed in random order go to a different
-// chunk each time, and moving that chunk would cost more than the rest of the free.
+// first chunk of the ring serves. The serving chunk keeps its place in the ring. Blocks freed
+// in random order go to a different chunk each time, and moving that chunk would cost more
+// than the rest of the free.
 //
 // `_size` and `_capacity` are the sums of those of the chunks. The global
 // allocator has chunks in `_empty` only.
@@ -166,8 +165,8 @@ struct waiting {
 // Threads. The owner works on rings, chunks and counters with no lock and no
 // locked instruction. Blocks that other threads free wait in those threads' `_remote` and
 // arrive as chains in `_pending`; the owner puts them back later. Until a thread hands such
-// blocks over, it reuses them like its own: the last one freed of a class is handed out
-// first. A reused block still belongs to its owner, which counts it as in use throughout.
+// blocks over, it reuses them when no chunk of its own in `_partial[k]` has a free block. A
+// reused block still belongs to its owner, which counts it as in use throughout.
 //
 // While the allocator is deactivated, its owner does not use it. The thread that hands a
 // chain over puts the blocks back at once, under `_lock`. It may then also hand over what
@@ -282,6 +281,9 @@ private:
     static allocator* _allocators;           // all, through `_next`; only grows
     static allocator* _released_allocators;  // through `_next_released`
 
+    // Guards `_activated`, `_pending` and writes of `_pending_size`; while the allocator is
+    // deactivated, everything below but the links. The global allocator's guards all its
+    // fields, both lists above, and the links of every allocator.
     semaphore _lock;
     allocator* const _parent;   // the global allocator; null in itself
     allocator* _next;           // set when registered
@@ -307,8 +309,7 @@ private:
     // Unused in the global allocator, which gives nothing.
     std::size_t _surplus_below;
 
-    // The sentinel, which never has a free block, while `_partial[k]` is empty or blocks of
-    // others are to serve.
+    // The sentinel, which never has a free block, while `_partial[k]` is empty.
     detail::chunk* _serving[detail::classes];
 
     // The blocks of the first entry of `_remote`, whose own chain is made of these when it
@@ -384,16 +385,12 @@ inline detail::block* allocator::_take_waiting(std::size_t k) {
     detail::block* const taken = _waiting[k].head;
     if (taken == nullptr || entry.size == detail::block_sizes[k])
         return nullptr;
-    detail::block* const next = taken->_next;
-    _waiting[k].head = next;
+    _waiting[k].head = taken->_next;
     entry.size -= detail::block_sizes[k];
-    if (next == nullptr)
-        _serving[k] = _partial[k]._next;
     return taken;
 }
 
-// A block of class `k` from the serving chunk, otherwise a waiting one, otherwise null: then
-// other chunks of the ring may still have one.
+// A block of class `k` from the serving chunk, otherwise a waiting one, otherwise null.
 inline detail::block* allocator::_take_ready(std::size_t k) {
     detail::chunk& home = *_serving[k];
     detail::block* const taken = home._free;
@@ -481,7 +478,6 @@ inline void allocator::_file_by_class(detail::block& freed) {
     if (chain.head == nullptr)
         chain.tail = &freed;
     chain.head = &freed;
-    _serving[home._class] = &_partial[home._class];
     _remote[0].size += home._constant_size;
 }
 

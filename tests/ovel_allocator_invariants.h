@@ -72,10 +72,10 @@ struct ring_sums {
 }
 
 // The serving chunk of a class is in its ring of partial chunks, or is the head of the ring if
-// that has no chunk or waiting blocks are to serve.
+// that has no chunk.
 [[gnu::no_sanitize_address]] inline bool serves(chunk const& ring, chunk const* serving) {
     if (serving == &ring)
-        return true;
+        return ring._next == &ring;
     chunk const* each = ring._next;
     while (each != &ring && each != serving)
         each = each->_next;
