@@ -21,10 +21,6 @@ using detail::petri_outcome;
 
 // Published calls are taken over once, so that this thread gets on with its own work.
 void petri_net::engine::_dispatch_among_callers() {
-    // Nothing but that the net does not run.
-    if ((_news & ~(detail::missed | detail::not_running)) == 0 &&
-        _published.load(std::memory_order_relaxed) == nullptr)
-        return;
     for (bool is_first = true;; is_first = false) {
         bool const yields = _take_turns(is_first);
         if (yields)

@@ -199,9 +199,10 @@ public:
     // threads. Ends what closed places end.
     void dispatch() {
         // Relaxed: a thread that publishes a call takes the mutex if no thread carries it out.
-        if ((_news & ~detail::missed) != 0 || _published.load(std::memory_order_relaxed) != nullptr)
+        if ((_news & ~(detail::missed | detail::not_running)) != 0 ||
+            _published.load(std::memory_order_relaxed) != nullptr)
             _dispatch_among_callers();
-        else
+        else if (is_running())
             _dispatch();
     }
 
