@@ -177,9 +177,10 @@ std::string encoded(engine const& owner, std::size_t place, T const& value,
 // its thread; the net need not be started. Each is a transaction with a key, so a connection
 // that is lost on the way neither loses nor duplicates a token. With a key of yours, the call
 // may be repeated by another process later: it then returns what it returned before, and
-// changes nothing. Such keys are kept for good. A token that was received belongs to the
-// program. All throw `error`. If the net has failed, or fails meanwhile, a call that would
-// block throws what the net failed with.
+// changes nothing. A key that another kind of call had, or one for another place, is refused.
+// Such keys are kept for good. A token that was received belongs to the program. All throw
+// `error`. If the net has failed, or fails meanwhile, a call that would block throws what the
+// net failed with.
 template <class T>
 class place {
     static_assert(std::is_same_v<T, std::decay_t<T>>, "a place is for values");

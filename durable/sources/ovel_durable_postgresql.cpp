@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Nets in a database of PostgreSQL, in a schema of their own.
+#include "ovel_durable_postgresql_fields.h"
 #include "ovel_durable_postgresql_tables.h"
-#include "ovel_durable_sql.h"
 
 #include <libpq-fe.h>
 #include <poll.h>
@@ -19,165 +19,6 @@ namespace {
 using clock_type = std::chrono::steady_clock;
 using result = std::unique_ptr<PGresult, void (*)(PGresult*)>;
 
-// Fields are in the binary form of PostgreSQL: numbers with the highest byte first.
-enum type : Oid {
-    binary = 17,
-    integer_8 = 20,
-    integer_4 = 23,
-    characters = 25,
-    floating_8 = 701,
-    binaries = 1001,
-    integers_8 = 1016
-};
-
-template <class Number>
-void write(std::string& to, Number number) {
-    for (int shift = 8 * static_cast<int>(sizeof number) - 8; shift >= 0; shift -= 8)
-        to += static_cast<char>(static_cast<std::uint64_t>(number) >> shift);
-}
-
-// Reads a field, or what is left of one.
-class reader {
-public:
-    reader(char const* from, std::size_t size) : _from(from), _left(size) {}
-
-    template <class Number>
-    Number number() {
-        std::uint64_t made = 0;
-        for (char const each : bytes(sizeof(Number)))
-            made = made << 8 | static_cast<unsigned char>(each);
-        return static_cast<Number>(made);
-    }
-    std::string bytes(std::size_t size) {
-        if (size > _left)
-            throw error("the store sent what is no field");
-        std::string const made(_from, size);
-        _from += size;
-        _left -= size;
-        return made;
-    }
-
-    // An array of one dimension, by what reads an element of a size.
-    template <class Element>
-    auto array(Element const& element) {
-        std::vector<decltype(element(std::size_t{0}))> made;
-        auto const dimensions = number<std::int32_t>();
-        bytes(8);  // whether there are nulls, and the type
-        if (dimensions == 0)
-            return made;
-        auto const size = number<std::int32_t>();
-        bytes(4);  // the first index
-        for (std::int32_t i = 0; i < size; ++i)
-            made.push_back(element(static_cast<std::size_t>(number<std::int32_t>())));
-        return made;
-    }
-
-private:
-    char const* _from;
-    std::size_t _left;
-};
-
-template <class Elements, class Write>
-std::string array_of(Elements const& elements, type of, Write const& write_element) {
-    std::string made;
-    write<std::int32_t>(made, elements.empty() ? 0 : 1);
-    write<std::int32_t>(made, 0);
-    write<std::int32_t>(made, static_cast<std::int32_t>(of));
-    if (!elements.empty()) {
-        write<std::int32_t>(made, static_cast<std::int32_t>(elements.size()));
-        write<std::int32_t>(made, 1);
-    }
-    for (auto const& each : elements)
-        write_element(made, each);
-    return made;
-}
-
-// Parameters as they are sent.
-class parameters {
-public:
-    explicit parameters(row const& from) {
-        _held.reserve(from.size());
-        for (value const& each : from)
-            std::visit([this](auto const& is) { _add(is); }, each);
-        for (std::string const& each : _held) {
-            values.push_back(each.data());
-            lengths.push_back(static_cast<int>(each.size()));
-            formats.push_back(1);
-        }
-    }
-
-    std::vector<Oid> types;
-    std::vector<char const*> values;
-    std::vector<int> lengths;
-    std::vector<int> formats;
-
-private:
-    void _add(type of, std::string bytes) {
-        types.push_back(of);
-        _held.push_back(std::move(bytes));
-    }
-    void _add(std::monostate) {
-        throw error("a parameter without a value");
-    }
-    void _add(std::int64_t number) {
-        std::string bytes;
-        write(bytes, number);
-        _add(integer_8, bytes);
-    }
-    void _add(double number) {
-        std::string bytes;
-        write(bytes, std::bit_cast<std::int64_t>(number));
-        _add(floating_8, bytes);
-    }
-    void _add(std::string const& text) {
-        _add(characters, text);
-    }
-    void _add(blob const& bytes) {
-        _add(binary, bytes.bytes);
-    }
-    void _add(std::string const* bytes) {
-        _add(binary, *bytes);
-    }
-    void _add(std::vector<std::int64_t> const& numbers) {
-        _add(integers_8, array_of(numbers, integer_8, [](std::string& to, std::int64_t number) {
-                 write<std::int32_t>(to, 8);
-                 write(to, number);
-             }));
-    }
-    void _add(std::vector<blob> const& blobs) {
-        _add(binaries, array_of(blobs, binary, [](std::string& to, blob const& each) {
-                 write<std::int32_t>(to, static_cast<std::int32_t>(each.bytes.size()));
-                 to += each.bytes;
-             }));
-    }
-
-    std::vector<std::string> _held;
-};
-
-value field(PGresult* from, int row_number, int column) {
-    if (PQgetisnull(from, row_number, column) != 0)
-        return {};
-    reader read(PQgetvalue(from, row_number, column),
-                static_cast<std::size_t>(PQgetlength(from, row_number, column)));
-    auto const size = static_cast<std::size_t>(PQgetlength(from, row_number, column));
-    switch (PQftype(from, column)) {
-        case integer_8:
-            return read.number<std::int64_t>();
-        case integer_4:
-            return std::int64_t{read.number<std::int32_t>()};
-        case floating_8:
-            return std::bit_cast<double>(read.number<std::int64_t>());
-        case binary:
-            return blob{read.bytes(size)};
-        case integers_8:
-            return read.array([&](std::size_t) { return read.number<std::int64_t>(); });
-        case binaries:
-            return read.array([&](std::size_t length) { return blob{read.bytes(length)}; });
-        default:
-            return read.bytes(size);
-    }
-}
-
 // The first line of a message, which may have more.
 std::string first_line(char const* message) {
     std::string line(message, std::strcspn(message, "\n"));
@@ -193,6 +34,8 @@ public:
                call const& named) override;
     answer take(std::int64_t net, std::int64_t place, call const& named,
                 acceptor const& accept) override;
+    std::vector<claim> claims_of(std::int64_t member) override;
+    void disown(std::int64_t member, std::int64_t claim) override;
     void watch(std::int64_t net, std::string const& watcher, double seconds) override;
     void unwatch(std::string const& watcher) override;
     void tell(std::int64_t net) override;
@@ -223,6 +66,9 @@ protected:
                "count(*) FROM (SELECT 1 FROM tokens k WHERE k.place = a.place LIMIT a.weight) x) "
                "ELSE (SELECT coalesce(sum(r.free), 0) FROM rooms r WHERE r.place = a.place) END)";
     }
+    std::string _firings() const override {
+        return "cardinality(c.open)";
+    }
     std::string _waiting() const override {
         return "(SELECT count(*) FROM tokens k WHERE k.place = p.id)";
     }
@@ -236,6 +82,7 @@ private:
     }
     std::string const& _name_of(std::string_view statement, parameters const& given);
     bool _hear();
+    void _hand_out(row& from, std::vector<claim>& to);
     result _check(result made);
 
     std::unique_ptr<PGconn, void (*)(PGconn*)> _connection;
@@ -350,15 +197,40 @@ void postgresql_store::_furnish(std::int64_t place, place_entry const& made) {
         _execute("INSERT INTO tokens (place, value) VALUES ($1, $2)", {place, blob{each}});
 }
 
+// A firing's number, and its parts.
+constexpr int index_bits = 16;
+std::int64_t row_of(std::int64_t number) {
+    return number >> index_bits;
+}
+std::int64_t number_of(std::int64_t row, std::int64_t index) {
+    return (row << index_bits) + index;
+}
+
 turned postgresql_store::take_turn(std::int64_t net, std::int64_t member, turn const& asked) {
     using list = std::vector<std::int64_t>;
-    list numbers, epochs, put_ends, put_places, freed_ends, freed_places, freed_slots, back_numbers,
-        back_epochs, in_places, in_weights, in_ends, out_places, out_weights, out_ends;
+    list firings, row_ids, row_epochs, row_ends, put_ends, put_places, freed_ends, freed_places,
+        freed_slots, back_numbers, back_epochs, in_places, in_weights, in_ends, out_places,
+        out_weights, out_ends;
     std::vector<blob> put_values;
-    for (outcome const& each : asked.ended) {
-        numbers.push_back(each.number);
-        epochs.push_back(each.epoch);
-        auto const which = static_cast<std::int64_t>(numbers.size());  // from 1
+    // By row: those of one are next to each other.
+    std::vector<outcome const*> sorted;
+    for (outcome const& each : asked.ended)
+        sorted.push_back(&each);
+    std::stable_sort(sorted.begin(), sorted.end(), [](auto const* left, auto const* right) {
+        return std::pair(row_of(left->number), left->epoch) <
+               std::pair(row_of(right->number), right->epoch);
+    });
+    for (outcome const* const one : sorted) {
+        outcome const& each = *one;
+        firings.push_back(each.number - number_of(row_of(each.number), 0));
+        auto const which = static_cast<std::int64_t>(firings.size());  // from 1
+        if (row_ids.empty() || row_ids.back() != row_of(each.number) ||
+            row_epochs.back() != each.epoch) {
+            row_ids.push_back(row_of(each.number));
+            row_epochs.push_back(each.epoch);
+            row_ends.push_back(which);
+        }
+        row_ends.back() = which;
         for (auto const& [place, bytes] : each.put) {
             put_ends.push_back(which);
             put_places.push_back(place);
@@ -389,32 +261,42 @@ turned postgresql_store::take_turn(std::int64_t net, std::int64_t member, turn c
     }
     turned made;
     bool watched = false;
-    for (row& each : _execute(
-             "SELECT * FROM take_turn($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13, $14, "
-             "$15, $16, $17, $18, $19, $20, $21)",
-             {net,          member,      numbers,      epochs,       put_ends,
-              put_places,   put_values,  freed_ends,   freed_places, freed_slots,
-              back_numbers, back_epochs, asked.wanted, asked.most,   std::int64_t{asked.take_over},
-              in_places,    in_weights,  in_ends,      out_places,   out_weights,
-              out_ends}))
+    for (row& each :
+         _execute("SELECT * FROM take_turn($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13, "
+                  "$14, $15, $16, $17, $18, $19, $20, $21, $22, $23)",
+                  {net,
+                   member,
+                   firings,
+                   row_ids,
+                   row_epochs,
+                   row_ends,
+                   put_ends,
+                   put_places,
+                   put_values,
+                   freed_ends,
+                   freed_places,
+                   freed_slots,
+                   back_numbers,
+                   back_epochs,
+                   asked.wanted,
+                   asked.most,
+                   std::int64_t{asked.take_over},
+                   in_places,
+                   in_weights,
+                   in_ends,
+                   out_places,
+                   out_weights,
+                   out_ends}))
         switch (integer(each[0])) {
             case 0:
-                made.committed.push_back(integer(each[1]));
+                made.committed = static_cast<std::size_t>(integer(each[1]));
                 break;
             case 1:
-                made.returned.push_back(integer(each[1]));
+                made.returned = static_cast<std::size_t>(integer(each[1]));
                 break;
-            case 2: {
-                claim& own =
-                    made.claims.emplace_back(claim{integer(each[1]),
-                                                   integer(each[2]),
-                                                   integer(each[3]),
-                                                   std::get<std::vector<std::int64_t>>(each[4]),
-                                                   {}});
-                for (blob& bytes : std::get<std::vector<blob>>(each[5]))
-                    own.values.push_back(std::move(bytes.bytes));
+            case 2:
+                _hand_out(each, made.claims);
                 break;
-            }
             default:
                 watched = true;
         }
@@ -422,6 +304,42 @@ turned postgresql_store::take_turn(std::int64_t net, std::int64_t member, turn c
     if (watched)
         tell(net);
     return made;
+}
+
+// The claims of a row that `take_turn` has returned.
+void postgresql_store::_hand_out(row& from, std::vector<claim>& to) {
+    auto const& tokens = std::get<std::vector<std::int64_t>>(from[5]);
+    auto& values = std::get<std::vector<blob>>(from[6]);
+    std::size_t width = 0;
+    for (placed_arc const& each : _arcs(integer(from[3])))
+        width += each.input ? static_cast<std::size_t>(each.weight) : 0;
+    for (std::int64_t const index : std::get<std::vector<std::int64_t>>(from[4])) {
+        claim& own = to.emplace_back();
+        own.number = number_of(integer(from[1]), index);
+        own.epoch = integer(from[2]);
+        own.transition = integer(from[3]);
+        std::size_t const first = static_cast<std::size_t>(index) * width;
+        for (std::size_t i = first; i < first + width; ++i) {
+            own.tokens.push_back(tokens.at(i));
+            own.values.push_back(std::move(values.at(i).bytes));
+        }
+    }
+}
+
+std::vector<claim> postgresql_store::claims_of(std::int64_t member) {
+    std::vector<claim> made;
+    for (row const& each :
+         _execute("SELECT id, epoch, transition, open FROM claims WHERE member = $1", {member}))
+        for (std::int64_t const index : std::get<std::vector<std::int64_t>>(each[3]))
+            made.push_back(
+                {number_of(integer(each[0]), index), integer(each[1]), integer(each[2]), {}, {}});
+    return made;
+}
+
+// With those of its row: they came to the member in one transaction.
+void postgresql_store::disown(std::int64_t member, std::int64_t claim) {
+    _execute("UPDATE claims SET member = 0 WHERE id = $1 AND $2 = ANY (open) AND member = $3",
+             {row_of(claim), claim - number_of(row_of(claim), 0), member});
 }
 
 // The keys to forget are the library's own and contain no blanks.

@@ -232,8 +232,8 @@ void member::_settle(turn const& asked, turned const& made) {
         _own.erase({each.number, each.epoch});
     for (auto const& each : asked.returned)
         _own.erase(each);
-    _committed += static_cast<std::int64_t>(made.committed.size());
-    if (std::size_t const lost = asked.ended.size() - made.committed.size(); lost != 0)
+    _committed += static_cast<std::int64_t>(made.committed);
+    if (std::size_t const lost = asked.ended.size() - made.committed; lost != 0)
         _report_fenced(lost);
 }
 

@@ -386,7 +386,8 @@ state sql_store::look(std::string const& net) {
         };
         for (row const& each : _execute(
                  "SELECT p.name, p.capacity, " + _waiting() +
-                     ", CAST(coalesce((SELECT sum(a.weight) FROM claims c JOIN arcs a ON "
+                     ", CAST(coalesce((SELECT sum(a.weight * " + _firings() +
+                     ") FROM claims c JOIN arcs a ON "
                      "a.transition = c.transition WHERE c.net = $1 AND a.place = p.id AND a.input "
                      "= 1), 0) AS bigint), " +
                      _free() + " FROM places p WHERE p.net = $1 ORDER BY p.position",
@@ -404,12 +405,13 @@ state sql_store::look(std::string const& net) {
                  {number}))
             seen.transitions.push_back(
                 {text(each[0]), count(each[1]), count(each[2]) != 0, count(each[3]) != 0});
-        for (row const& each :
-             _execute("SELECT t.name, coalesce(m.name, ''), count(*), CAST(coalesce(min(m.until), "
-                      "0) - {now} AS double precision) FROM claims c JOIN transitions t ON t.id = "
-                      "c.transition LEFT JOIN members m ON m.id = c.member WHERE c.net = $1 GROUP "
-                      "BY t.position, t.name, c.member, m.name ORDER BY t.position, c.member",
-                      {number}))
+        for (row const& each : _execute(
+                 "SELECT t.name, coalesce(m.name, ''), CAST(sum(" + _firings() +
+                     ") AS bigint), CAST(coalesce(min(m.until), "
+                     "0) - {now} AS double precision) FROM claims c JOIN transitions t ON t.id = "
+                     "c.transition LEFT JOIN members m ON m.id = c.member WHERE c.net = $1 GROUP "
+                     "BY t.position, t.name, c.member, m.name ORDER BY t.position, c.member",
+                 {number}))
             seen.claims.push_back(
                 {text(each[0]), text(each[1]), count(each[2]), std::get<double>(each[3])});
         for (row const& each :

@@ -102,6 +102,9 @@ protected:
     };
     std::vector<placed_arc> const& _arcs(std::int64_t transition);
 
+    // How many firings the row c of `claims` has, for a subquery.
+    virtual std::string _firings() const = 0;
+
     // The tokens that wait in the place p, and its free slots, for a subquery.
     virtual std::string _waiting() const = 0;
     virtual std::string _free() const = 0;

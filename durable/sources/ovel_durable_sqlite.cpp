@@ -125,6 +125,9 @@ protected:
                "a JOIN rooms r ON r.place = a.place WHERE a.transition = t.id AND a.weight > CASE "
                "a.input WHEN 1 THEN r.waiting ELSE r.free END)";
     }
+    std::string _firings() const override {
+        return "1";
+    }
     std::string _waiting() const override {
         return "(SELECT waiting FROM rooms WHERE place = p.id)";
     }
@@ -354,7 +357,7 @@ void sqlite_store::_end(std::int64_t member, turn const& asked, turned& made, ch
                      {each.number, each.epoch});
         if (own.empty())
             continue;
-        made.committed.push_back(each.number);
+        ++made.committed;
         std::int64_t const transition = integer(own[0][0]);
         ++fired[transition];
         for (placed_arc const& from : _arcs(transition))
@@ -381,7 +384,7 @@ void sqlite_store::_return(turn const& asked, turned& made, changes& done) {
             {number, epoch});
         if (own.empty())
             continue;
-        made.returned.push_back(number);
+        ++made.returned;
         claim back;
         unpack(std::get<blob>(own[0][1]).bytes, back);
         std::size_t next = 0;

@@ -13,7 +13,8 @@
 //     places, transitions, arcs    the structure, in the order of insertion
 //     tokens       of a place, in the order of their numbers
 //     rooms        free slots of a place
-//     claims       one row per claimed firing: number, epoch and member, the tokens it took
+//     claims       claimed firings: number, epoch and member, the tokens they took; in SQLite
+//                  one in a row, in PostgreSQL several
 //     members      until when each has its lease, by the database's clock
 //     runs         which transitions a member runs, and how often it has fired each
 //     watchers     connections that wait for notifications, and until when
@@ -104,8 +105,8 @@ struct turn {
     bool take_over = false;  // lost ones
 };
 struct turned {
-    std::vector<std::int64_t> committed;
-    std::vector<std::int64_t> returned;
+    std::size_t committed = 0;
+    std::size_t returned = 0;
     std::vector<claim> claims;
 };
 

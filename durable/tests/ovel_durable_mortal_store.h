@@ -30,7 +30,7 @@ public:
         if (!asked.ended.empty())
             _pass("before");
         parts::turned made = _behind->take_turn(net, member, asked);
-        if (!made.committed.empty())
+        if (made.committed != 0)
             _pass("after");
         if (!made.claims.empty())
             _pass("claimed");
