@@ -183,6 +183,7 @@ END $f$;
 -- their rows; those of a row end at row_ends. The arcs of the wanted transitions follow each
 -- other; those of each end at in_ends and out_ends. Rows of kind 0 count what was committed, of
 -- kind 1 what was given back, of kind 2 are claims; a row of kind 3 says that there are watchers.
+-- A row of claims has values of up to 1 MiB, and one more: no field may grow beyond 1 GB.
 CREATE FUNCTION take_turn(of_net bigint, me bigint, firings bigint[], row_ids bigint[],
     row_epochs bigint[], row_ends bigint[],
     put_ends bigint[], put_places bigint[], put_values bytea[],
@@ -215,6 +216,8 @@ DECLARE
     all_ids bigint[];
     all_contents bytea[];
     claimed bigint[];
+    indices bigint[];
+    size bigint;
 BEGIN
     FOR i IN 1 .. cardinality(row_ids) LOOP
         FOR own IN SELECT c.part, c.transition, c.open FROM claims c WHERE c.net = of_net
@@ -264,6 +267,7 @@ BEGIN
     END IF;
     FOR w IN 1 .. cardinality(wanted) LOOP
         k := least(most, 65536);
+        indices := ARRAY(SELECT generate_series(0, k - 1));
         -- Slots first, then tokens, of which as many firings can be claimed as there are of all.
         slots := '{}';
         FOR i IN out_first .. out_ends[w] LOOP
@@ -277,9 +281,10 @@ BEGIN
             WITH taken AS (DELETE FROM tokens WHERE ctid = ANY (ARRAY(
                     SELECT o.ctid FROM tokens o WHERE o.place = in_places[in_first] ORDER BY o.id
                     LIMIT k FOR UPDATE SKIP LOCKED)) RETURNING id, value)
-                SELECT array_agg(t.id ORDER BY t.id), array_agg(t.value ORDER BY t.id)
-                INTO all_ids, all_contents FROM taken t;
-            k := coalesce(cardinality(all_ids), 0);
+                SELECT array_agg(t.id ORDER BY t.id), array_agg(t.value ORDER BY t.id),
+                    sum(octet_length(t.value)) INTO ids, contents, size FROM taken t;
+            k := coalesce(cardinality(ids), 0);
+            claimed := indices;
         ELSIF k > 0 THEN
             starts := '{}';
             all_rowids := '{}';
@@ -313,15 +318,25 @@ BEGIN
             END LOOP;
             DELETE FROM tokens WHERE ctid = ANY (rowids);
             SELECT coalesce(array_agg(u.id ORDER BY u.firing, u.n), '{}'),
-                coalesce(array_agg(u.content ORDER BY u.firing, u.n), '{}')
-                INTO all_ids, all_contents
+                coalesce(array_agg(u.content ORDER BY u.firing, u.n), '{}'),
+                coalesce(array_agg(u.firing ORDER BY u.firing, u.n), '{}'),
+                coalesce(sum(octet_length(u.content)), 0) INTO ids, contents, claimed, size
                 FROM unnest(ids, contents, claimed) WITH ORDINALITY AS u (id, content, firing, n);
         END IF;
-        IF k > 0 THEN
+        IF k > 0 AND size < 1 << 20 THEN
             RETURN QUERY INSERT INTO claims AS c
                     (part, net, transition, member, epoch, open, tokens, vals)
-                VALUES (0, of_net, wanted[w], me, 1, ARRAY(SELECT generate_series(0, k - 1)),
-                    all_ids, all_contents)
+                VALUES (0, of_net, wanted[w], me, 1, indices[: k], ids, contents)
+                RETURNING 2::bigint, c.id, c.epoch, c.transition, c.open, c.tokens, c.vals;
+        ELSIF k > 0 THEN
+            RETURN QUERY INSERT INTO claims AS c
+                    (part, net, transition, member, epoch, open, tokens, vals)
+                SELECT 0, of_net, wanted[w], me, 1, indices[: count(DISTINCT u.firing)],
+                    array_agg(u.id ORDER BY u.n), array_agg(u.content ORDER BY u.n)
+                FROM (SELECT t.*, sum(octet_length(t.content)) OVER (ORDER BY t.firing) AS upto
+                    FROM unnest(ids, contents, claimed) WITH ORDINALITY
+                        AS t (id, content, firing, n)) u
+                GROUP BY u.upto >> 20 ORDER BY min(u.n)
                 RETURNING 2::bigint, c.id, c.epoch, c.transition, c.open, c.tokens, c.vals;
         END IF;
         FOR i IN 1 .. cardinality(slots) LOOP

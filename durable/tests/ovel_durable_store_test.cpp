@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -395,6 +396,33 @@ TEST_P(ovel_durable_race_test, a_claim_is_not_taken_from_the_member_that_took_it
     _server->run(clock +
                  "LANGUAGE sql AS 'SELECT extract(epoch FROM clock_timestamp())::double "
                  "precision'");
+}
+
+// A row may not have more than 1 GB, however many large values a member claims at once.
+TEST_P(ovel_durable_race_test, large_values_are_in_rows_of_their_own) {
+    parts::structure own = plan(_name, 0, 0);
+    std::string const large(1'500'000, 'x');
+    own.places[0].initial = {"1", large, large, large, "2", "3"};
+    own.places[1].initial = {large, large, large, large, large, large};
+    own.transitions[1].arcs = {{0, true, 1}, {1, true, 1}, {2, false, 1}};
+    seat member = enter(own, 1);
+    auto claims = turn(member, {{}, {}, member.net.transitions, 4, false}).claims;
+    claims.insert(claims.begin(), member.claims.begin(), member.claims.end());
+    ASSERT_EQ(claims.size(), 6U);
+    EXPECT_GE(std::stoi(_server->run("SELECT count(*) FROM ovel_durable.claims WHERE net = " +
+                                     std::to_string(member.net.net))),
+              4);
+    parts::turn all;
+    std::set<std::int64_t> numbers;
+    for (parts::claim const& each : claims) {
+        numbers.insert(each.number);
+        all.ended.push_back(ended(member, each));
+        for (std::string const& value : each.values)
+            EXPECT_TRUE(value.size() == large.size() || value.size() == 1);
+    }
+    EXPECT_EQ(numbers.size(), 6U);
+    EXPECT_EQ(turn(member, all).committed, 6U);
+    EXPECT_EQ(seen().places[2].tokens, 6U);
 }
 
 // What follows a commit cannot undo it: a token that was received is there.
