@@ -251,44 +251,55 @@ double integrate(double from, double to, double at_from, double at_to, double ar
     return left + right;
 }
 
-template <class Way>
-void multiply(std::vector<float> const& left, std::vector<float> const& right,
-              std::vector<float>& product, std::size_t size) {
-    Way::loop(size, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t row = begin; row != end; ++row) {
-            float* const out = &product[row * size];
-            std::fill_n(out, size, 0.0f);
-            for (std::size_t k = 0; k != size; ++k) {
-                float const factor = left[row * size + k];
-                float const* const in = &right[k * size];
-                for (std::size_t column = 0; column != size; ++column)
-                    out[column] += factor * in[column];
-            }
-        }
-    });
-}
+// The bodies of loops are functions of their own, so that every contestant runs the same
+// instructions: inlined, their speed differed by up to a factor of three.
 
-template <class Way>
-void diffuse(std::vector<float>& from, std::vector<float>& to, std::size_t size, int steps) {
-    for (int step = 0; step != steps; ++step) {
-        Way::loop(size - 2, [&](std::size_t begin, std::size_t end) {
-            for (std::size_t row = begin + 1; row != end + 1; ++row)
-                for (std::size_t column = 1; column != size - 1; ++column) {
-                    std::size_t const at = row * size + column;
-                    to[at] = from[at] + 0.1f * (from[at - 1] + from[at + 1] + from[at - size] +
-                                                from[at + size] - 4 * from[at]);
-                }
-        });
-        from.swap(to);
+[[gnu::noinline]] void multiply_rows(std::vector<float> const& left,
+                                     std::vector<float> const& right, std::vector<float>& product,
+                                     std::size_t size, std::size_t begin, std::size_t end) {
+    for (std::size_t row = begin; row != end; ++row) {
+        float* const out = &product[row * size];
+        std::fill_n(out, size, 0.0f);
+        for (std::size_t k = 0; k != size; ++k) {
+            float const factor = left[row * size + k];
+            float const* const in = &right[k * size];
+            for (std::size_t column = 0; column != size; ++column)
+                out[column] += factor * in[column];
+        }
     }
 }
 
-// Iterations of a given length, in rounds of a chain of multiplications that takes 1.2 ns
-// each.
-void spend(std::uint64_t rounds) {
+// Leaves out the outermost rows and columns.
+[[gnu::noinline]] void diffuse_rows(std::vector<float> const& from, std::vector<float>& to,
+                                    std::size_t size, std::size_t begin, std::size_t end) {
+    for (std::size_t row = begin + 1; row != end + 1; ++row)
+        for (std::size_t column = 1; column != size - 1; ++column) {
+            std::size_t const at = row * size + column;
+            to[at] = from[at] + 0.1f * (from[at - 1] + from[at + 1] + from[at - size] +
+                                        from[at + size] - 4 * from[at]);
+        }
+}
+
+// A chain of multiplications that takes 1.2 ns each.
+inline void spend(std::uint64_t rounds) {
     std::uint64_t state = rounds;
     for (std::uint64_t i = 0; i != rounds; ++i)
         benchmark::DoNotOptimize(state = state * 6364136223846793005 + 1);
+}
+[[gnu::noinline]] void spend_equally(std::uint64_t rounds, std::size_t begin, std::size_t end) {
+    for (; begin != end; ++begin)
+        spend(rounds);
+}
+[[gnu::noinline]] void spend_increasingly(std::size_t begin, std::size_t end) {
+    for (; begin != end; ++begin)
+        spend(begin / 64);
+}
+
+[[gnu::noinline]] double sum_roots(std::size_t begin, std::size_t end) {
+    double total = 0;
+    for (; begin != end; ++begin)
+        total += std::sqrt(static_cast<double>(begin));
+    return total;
 }
 
 // Rows.
@@ -402,34 +413,33 @@ void ovel_benchmark::register_rows() {
     constexpr std::size_t size = 1024;
     auto const factors = std::make_shared<std::vector<float>>(size * size, 1.5f);
     auto const product = std::make_shared<std::vector<float>>(size * size);
-    row("matmul_1024",
-        [=](auto& way) { multiply<way_of<decltype(way)>>(*factors, *factors, *product, size); });
+    row("matmul_1024", [=](auto& way) {
+        way.loop(size, [&](std::size_t begin, std::size_t end) {
+            multiply_rows(*factors, *factors, *product, size, begin, end);
+        });
+    });
     constexpr std::size_t plate = 2048;
     auto const before = std::make_shared<std::vector<float>>(plate * plate, 1.0f);
     auto const after = std::make_shared<std::vector<float>>(plate * plate, 1.0f);
-    row("heat_2048_100_steps",
-        [=](auto& way) { diffuse<way_of<decltype(way)>>(*before, *after, plate, 100); });
-    for (std::uint64_t rounds : {1, 8})
-        row("loop_of_" + std::to_string(rounds) + "_rounds", [=](auto& way) {
-            way.loop(1'000'000, [=](std::size_t begin, std::size_t end) {
-                for (; begin != end; ++begin)
-                    spend(rounds);
+    row("heat_2048_100_steps", [=](auto& way) {
+        for (int step = 0; step != 100; ++step) {
+            way.loop(plate - 2, [&](std::size_t begin, std::size_t end) {
+                diffuse_rows(*before, *after, plate, begin, end);
             });
-        });
-    row("triangular_loop", [](auto& way) {
-        way.loop(100'000, [](std::size_t begin, std::size_t end) {
-            for (; begin != end; ++begin)
-                spend(begin / 64);
-        });
+            before->swap(*after);
+        }
     });
-    row("sum_of_square_roots", [](auto& way) {
-        benchmark::DoNotOptimize(way.sum(1'000'000, [](std::size_t begin, std::size_t end) {
-            double total = 0;
-            for (; begin != end; ++begin)
-                total += std::sqrt(static_cast<double>(begin));
-            return total;
-        }));
-    });
+    // Ten times, so that entering the group does not count.
+    for (std::uint64_t rounds : {1, 8})
+        row("ten_loops_of_" + std::to_string(rounds) + "_rounds", [=](auto& way) {
+            for (int repeat = 0; repeat != 10; ++repeat)
+                way.loop(1'000'000, [=](std::size_t begin, std::size_t end) {
+                    spend_equally(rounds, begin, end);
+                });
+        });
+    row("triangular_loop", [](auto& way) { way.loop(100'000, spend_increasingly); });
+    row("sum_of_square_roots",
+        [](auto& way) { benchmark::DoNotOptimize(way.sum(1'000'000, sum_roots)); });
     auto const empty = [](auto& way) {
         for (int repeat = 0; repeat != 1000; ++repeat)
             way.loop(2, [](std::size_t, std::size_t) {});
