@@ -58,12 +58,18 @@ public:
         error.keep(std::current_exception());
         stop();
     }
-    void fork(task& child) {
-        _fork(child);
+    // Whether `child` now waits for `pop`; otherwise it has run.
+    bool fork(task& child) {
+        return _fork(child);
     }
-    // Runs or awaits all children, then rethrows the first exception.
-    void join() {
-        _join();
+    // Takes back the last child that was forked and not taken back. Returns false if
+    // another thread has taken it.
+    bool pop() {
+        return seat().pop() != nullptr;
+    }
+    // Waits for the children that `pop` did not return, then rethrows the first exception.
+    void await(unsigned int stolen) {
+        _await(stolen);
         if (error.is_kept()) [[unlikely]]
             std::rethrow_exception(error.take());
     }
@@ -94,6 +100,18 @@ public:
     }
 };
 
+// Calls `callable` unless `scope` has been stopped.
+template <class Callable>
+void run_in(call_scope& scope, Callable& callable) {
+    if (scope.is_stopped())
+        return;
+    try {
+        callable();
+    } catch (...) {
+        scope.fail();
+    }
+}
+
 // A callable that stays on the caller's stack.
 template <class Callable>
 struct stack_task : task {
@@ -101,34 +119,31 @@ struct stack_task : task {
 
 private:
     static void _run(task& self, bool) {
-        auto& scope = static_cast<call_scope&>(self.scope);
-        if (scope.is_stopped())
-            return;
-        try {
-            static_cast<stack_task&>(self)._callable();
-        } catch (...) {
-            scope.fail();
-        }
+        run_in(static_cast<call_scope&>(self.scope), static_cast<stack_task&>(self)._callable);
     }
 
     Callable& _callable;
 };
 
+// Returns how many of the children other threads took.
 template <class Last>
-void fork_all(call_scope& scope, Last& last) {
-    try {
-        if (!scope.is_stopped()) [[likely]]
-            last();
-    } catch (...) {
-        scope.fail();
-    }
-    scope.join();
+unsigned int fork_all(call_scope& scope, Last& last) {
+    run_in(scope, last);
+    return 0;
 }
 template <class First, class... Others>
-void fork_all(call_scope& scope, First& first, Others&... others) {
+unsigned int fork_all(call_scope& scope, First& first, Others&... others) {
     stack_task<First> child(scope, first);
-    scope.fork(child);
-    fork_all(scope, others...);
+    bool const forked = scope.fork(child);
+    unsigned int stolen = fork_all(scope, others...);
+    if (forked) {
+        // Runs the callable without the indirection that a thief takes.
+        if (scope.pop()) [[likely]]
+            run_in(scope, first);
+        else
+            ++stolen;
+    }
+    return stolen;
 }
 
 }  // namespace detail
@@ -142,14 +157,14 @@ requires(sizeof...(Callables) != 0 &&
                                                                         Callables&&... callables) {
     detail::entered_group const here(detail::crew_of::get(group));
     detail::call_scope scope(here.seat);
-    detail::fork_all(scope, callables...);
+    scope.await(detail::fork_all(scope, callables...));
 }
 template <class... Callables>
 requires(sizeof...(Callables) != 0 &&
          (std::is_invocable_v<Callables&> && ...)) void parallel_invoke(Callables&&... callables) {
     if (detail::task_seat* const seat = detail::task_crew::current_seat()) [[likely]] {
         detail::call_scope scope(*seat);
-        detail::fork_all(scope, callables...);
+        scope.await(detail::fork_all(scope, callables...));
     } else {
         (callables(), ...);
     }
@@ -240,22 +255,25 @@ struct half_task : task {
               unsigned int shares)
         : task{&_run, scope}, _loop(loop), _first(first), _last(last), _shares(shares) {}
 
+    void run_on(task_seat& seat, unsigned int shares) {
+        auto& in = static_cast<call_scope&>(scope);
+        if (in.is_stopped())
+            return;
+        try {
+            result.emplace(_loop.run(&seat, _first, _last, shares));
+        } catch (...) {
+            _loop.range.leave_out();
+            in.fail();
+        }
+    }
+
     std::optional<typename Loop::result> result;
 
 private:
     static void _run(task& self, bool stolen) {
         auto& half = static_cast<half_task&>(self);
-        auto& scope = static_cast<call_scope&>(self.scope);
-        if (scope.is_stopped())
-            return;
-        try {
-            task_seat& seat = stolen ? *task_crew::current_seat() : scope.seat();
-            unsigned int const shares = stolen ? seat.crew().threads() : half._shares;
-            half.result.emplace(half._loop.run(&seat, half._first, half._last, shares));
-        } catch (...) {
-            half._loop.range.leave_out();
-            scope.fail();
-        }
+        task_seat& seat = stolen ? *task_crew::current_seat() : half.scope.seat();
+        half.run_on(seat, stolen ? seat.crew().threads() : half._shares);
     }
 
     Loop& _loop;
@@ -283,7 +301,7 @@ struct divided_loop {
         }
         call_scope scope(*seat);
         half_task<divided_loop> right(scope, *this, middle, last, shares / 2);
-        scope.fork(right);
+        bool const forked = scope.fork(right);
         std::optional<T> left;
         try {
             left.emplace(run(seat, first, middle, shares - shares / 2));
@@ -291,7 +309,10 @@ struct divided_loop {
             range.leave_out();
             scope.fail();
         }
-        scope.join();
+        bool const stolen = forked && !scope.pop();
+        if (forked && !stolen)
+            right.run_on(*seat, shares / 2);
+        scope.await(stolen);
         return std::invoke(join, std::move(*left), std::move(*right.result));
     }
 
@@ -493,7 +514,7 @@ private:
     };
 
     template <class Callable>
-    struct heap_task : detail::listed_task {
+    struct heap_task : detail::listed_task, detail::handed_over {
         heap_task(task_scope& scope, Callable&& callable)
             : listed_task{{&_run, scope}}, _callable(std::move(callable)) {}
 
@@ -524,8 +545,10 @@ private:
     }
 
     void _join_checked() {
+        // In a forked process no thread has the identifier of the opener.
         detail::task_crew const& crew = scope_base::seat().crew();
-        assure(!crew.inherited());
+        if (GetCurrentThreadId() != _opener)
+            assure(!crew.inherited());
         assure(_is_innermost_of_caller());
         _joins = true;
         _join();

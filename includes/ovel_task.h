@@ -61,12 +61,9 @@ private:
     std::exception_ptr _caught;  // belongs to the thread that made the state `busy`
 };
 
-// An item of a crew's queue. The client allocates it from `allocator_support`, because
-// threads hand many items over to each other.
-struct queued_item {
-    // Runs the item, or discards it if `runs` is false, and deletes it. Throws nothing.
-    void (*const end)(queued_item& self, bool runs);
-
+// Work that one thread allocates and another one may free. It comes from
+// `allocator_support`, where that is cheap.
+struct handed_over {
     static void* operator new(std::size_t size) {
         return allocator_support::allocate(size);
     }
@@ -80,6 +77,12 @@ struct queued_item {
     static void operator delete(void* memory, std::align_val_t alignment) {
         ::operator delete(memory, alignment);
     }
+};
+
+// An item of a crew's queue.
+struct queued_item {
+    // Runs the item, or discards it if `runs` is false, and deletes it. Throws nothing.
+    void (*const end)(queued_item& self, bool runs);
 };
 
 // A child of a scope. The client keeps it on its stack or its heap.
@@ -267,11 +270,13 @@ protected:
         _seat._innermost = _parent;
     }
 
-    // Pushes a child into the opener's deque, or runs it if the deque is full. Only for
-    // the opener, outside of this scope's children.
-    void _fork(task& child) {
-        if (!_seat.push(child)) [[unlikely]]
-            _run_here(_seat, child);
+    // Pushes a child into the opener's deque, or runs it and returns false if the deque is
+    // full. Only for the opener, outside of this scope's children.
+    bool _fork(task& child) {
+        if (_seat.push(child)) [[likely]]
+            return true;
+        _run_here(_seat, child);
+        return false;
     }
 
     // The same for the thread of `seat`, which is the opener or runs a child. `child` is a
@@ -294,6 +299,12 @@ protected:
             else
                 ++stolen;
         }
+        _await(stolen);
+    }
+
+    // Waits for the children that other threads run, of which the opener has not yet
+    // counted `stolen`. Opener only.
+    void _await(unsigned int stolen) {
         // Acquire: makes what children wrote on other threads visible; pairs with
         // `_finish`.
         if (stolen != 0 || _pending.load(std::memory_order_acquire) != 0) [[unlikely]]

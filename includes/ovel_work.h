@@ -91,7 +91,7 @@ namespace detail {
 
 // Work without a future. The group keeps what it throws.
 template <class Callable>
-class run_item : public queued_item {
+class run_item : public queued_item, public handed_over {
 public:
     run_item(first_exception& error, Callable&& callable)
         : queued_item{&_end}, _error(error), _callable(std::move(callable)) {}
@@ -114,7 +114,7 @@ private:
 
 // Work with a future. Breaks its promise if it is discarded.
 template <class Callable>
-class submitted_item : public queued_item {
+class submitted_item : public queued_item, public handed_over {
     using result = std::invoke_result_t<Callable&>;
 
 public:

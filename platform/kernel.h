@@ -143,9 +143,9 @@ HANDLE GetCurrentProcess();
 void Sleep(DWORD milliseconds);
 
 // Thread-local slots. An index has 32 bits; `TlsAlloc` returns `TLS_OUT_OF_INDEXES` if no
-// slot is left. A slot reads null in every thread that has not set it since it was
-// allocated, even if the thread had set it for an earlier holder. Reading takes a few
-// loads and never fails. Setting may allocate, and returns 0 if memory runs out.
+// slot is left. That index reads null, and so does a slot in every thread that has not set it
+// since it was allocated, even if the thread had set it for an earlier holder. Reading takes
+// a few loads and never fails. Setting may allocate, and returns 0 if memory runs out.
 //     DWORD TlsAlloc();
 //     BOOL TlsFree(DWORD index);       0 if the index is not in use
 //     void* TlsGetValue(DWORD index);

@@ -206,8 +206,7 @@ void task_crew::end() {
 
 task_seat* task_crew::current_seat() {
     // Relaxed: a thread that has a seat has seen the slot's creation.
-    DWORD const index = seat_slot.load(std::memory_order_relaxed);
-    return index != TLS_OUT_OF_INDEXES ? static_cast<task_seat*>(TlsGetValue(index)) : nullptr;
+    return static_cast<task_seat*>(TlsGetValue(seat_slot.load(std::memory_order_relaxed)));
 }
 
 void task_crew::forget_seat() {
