@@ -11,13 +11,15 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdlib>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <new>
 #include <numeric>
+#include <set>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -57,6 +59,31 @@ TEST_P(parallel_test, callers_inside_and_outside_get_the_same_answers) {
     EXPECT_EQ(const_cast<std::future<int>&>(inside).get(), 2584);
 }
 
+// Items hold a lock around loops. A waiter that began another item would take the lock twice,
+// and loops that started threads would show more of them.
+TEST_P(parallel_test, a_waiter_may_hold_a_lock_that_other_items_take) {
+    std::recursive_mutex lock;
+    std::mutex list;
+    std::set<std::thread::id> threads;
+    int holders = 0;
+    for (int round = 0; round != 1000; ++round)
+        group.run([&] {
+            std::lock_guard const hold(lock);
+            EXPECT_EQ(++holders, 1);
+            parallel_for(0, 2, [&](int, int) {
+                parallel_for(0, 2, [&](int, int) {
+                    parallel_for(0, 2, [&](int, int) {
+                        std::lock_guard const adding(list);
+                        threads.insert(std::this_thread::get_id());
+                    });
+                });
+            });
+            --holders;
+        });
+    group.wait();
+    EXPECT_LE(threads.size(), GetParam());
+}
+
 // A child's child runs after it, not inside it, and a waiter runs only descendants.
 TEST_P(parallel_test, the_stack_is_bounded_by_the_nesting_of_scopes) {
     work_group small(GetParam(), 0.0, 65536);
@@ -92,26 +119,15 @@ TEST_P(parallel_test, the_stack_is_bounded_by_the_nesting_of_scopes) {
 }
 
 TEST_P(parallel_test, children_that_wait_are_bounded) {
-    struct counted {
-        explicit counted(std::atomic<int>& alive) : alive(&alive) {
-            ++alive;
-        }
-        counted(counted&& other) noexcept : counted(*other.alive) {}
-        ~counted() {
-            --*alive;
-        }
-        void operator()() {}
-        std::atomic<int>* alive;
-    };
-    std::atomic<int> alive = 0;
-    int most = 0;
+    auto const held = std::make_shared<int>();
+    long most = 0;
     task_scope here(group);
     for (int i = 0; i != 500'000; ++i) {
-        here.run(counted(alive));
-        most = std::max(most, alive.load());
+        here.run([held] {});
+        most = std::max(most, held.use_count());
     }
     here.wait();
-    EXPECT_EQ(alive, 0);
+    EXPECT_EQ(held.use_count(), 1);
     EXPECT_LE(most, 1100);
 }
 
@@ -272,23 +288,79 @@ TEST_P(parallel_test, loops_end_early_and_say_so) {
     EXPECT_THROW(parallel_for(group, 0, 100'000, fail, {.grain = 1}), std::out_of_range);
 }
 
-// Items take space and open scopes; no more of them run than the space allows.
-TEST_P(parallel_test, scopes_take_no_space_of_the_group) {
+// Items take space and open scopes, whose children take none. No more items run than the space
+// allows, and they begin in the group's order where one thread runs them.
+TEST_P(parallel_test, queued_items_keep_to_the_space_and_the_order) {
     work_group budgeted(GetParam(), 3.0);
     std::atomic<int> used = 0, most = 0, children = 0;
-    for (int i = 0; i != 200; ++i)
+    semaphore go_on(0, 0);
+    for (unsigned int i = 0; i != GetParam(); ++i)
+        budgeted.run([&] { go_on.acquire(); });
+    std::vector<std::pair<int, int>> order, begun(200);
+    std::atomic<std::size_t> next = 0;
+    for (int i = 0; i != 200; ++i) {
+        int const space = 1 + i % 3, time = 1 + i % 7;
+        order.emplace_back(-space, -time);
         budgeted.run(
-            [&, i] {
-                int const space = 1 + i % 3;
+            [&, space, time] {
+                begun[next++] = {-space, -time};
                 int const now = used += space;
                 for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) {}
                 parallel_for(0, 8, [&](int begin, int end) { children += end - begin; });
                 used -= space;
             },
-            {.space = 1.0 + i % 3});
-    budgeted.wait();
+            {.time = static_cast<double>(time), .space = static_cast<double>(space)});
+    }
+    EXPECT_FALSE(budgeted.wait_until(std::chrono::milliseconds(0)));
+    for (unsigned int i = 0; i != GetParam(); ++i)
+        go_on.release();
+    EXPECT_TRUE(budgeted.wait_until(std::chrono::hours(1)));
     EXPECT_LE(most, 3);
     EXPECT_EQ(children, 200 * 8);
+    std::sort(order.begin(), order.end());
+    EXPECT_TRUE(GetParam() != 1 || begun == order);
+}
+
+// The opener waits in a child for the 99 others, so the other thread runs them. It begins the
+// queued item after those.
+TEST(task_scope_test, children_go_before_queued_items) {
+    work_group group(2);
+    semaphore forked(0, 0), others(0, 0);
+    std::atomic<int> begun = 0;
+    group.run([&] {
+        task_scope here(group);
+        for (int i = 0; i != 99; ++i)
+            here.run([&] {
+                if (++begun == 99)
+                    others.release();
+            });
+        here.run([&] { others.acquire(); });
+        forked.release();
+        here.wait();
+    });
+    group.run([&] { forked.acquire(); });
+    group.run([&] { EXPECT_EQ(begun, 99); });
+    group.wait();
+}
+
+// Two of the hundred children that a stolen child creates meet, so both threads run them.
+TEST(task_scope_test, a_waiter_runs_what_a_stolen_child_creates_later) {
+    work_group group(2);
+    latch stolen(1), meeting(2);
+    group.run([&] {
+        task_scope here(group);
+        here.run([&] {
+            stolen.count_down();
+            for (int i = 0; i != 100; ++i)
+                here.run([&, i] {
+                    if (i % 50 == 0)
+                        meeting.arrive_and_wait();
+                });
+        });
+        stolen.wait();
+        here.wait();
+    });
+    group.wait();
 }
 
 // The deque is full, so the first one throws before the last one begins.
@@ -347,55 +419,36 @@ TEST(task_scope_test, a_seat_is_its_owner_s_until_the_outermost_call_ends) {
     EXPECT_EQ(seat_of_another_thread(), later);
 }
 
-TEST(task_scope_test, a_wait_that_times_out_leaves_the_group_unchanged) {
-    semaphore go_on(0, 0);
-    work_group group(1);
-    group.run([&] { go_on.acquire(); });
-    EXPECT_FALSE(group.wait_until(std::chrono::milliseconds(0)));
-    go_on.release();
-    EXPECT_TRUE(group.wait_until(std::chrono::hours(1)));
-    EXPECT_EQ(group.submit([] { return 3; }).get(), 3);
-}
-
 TEST(task_scope_test, misuse_fails_the_checks) {
-    work_group group(2);
-    auto const out_of_order = [&] {
-        task_scope outer(group);
-        task_scope inner(group);
+    char const* const innermost = "_is_innermost_of_caller()";
+    char const* const file = "includes/ovel_parallel.h";
+    work_group group(2), other(1);
+    auto const out_of_order = [&](work_group& of_inner) {
+        task_scope outer(group), inner(of_inner);
         outer.wait();
     };
-    EXPECT_CHECK(out_of_order(), "_is_innermost_of_caller()", "includes/ovel_parallel.h");
-    auto const of_another_group = [&] {
-        work_group other(1);
-        task_scope outer(group);
-        task_scope inner(other);
-        outer.wait();
-    };
-    EXPECT_CHECK(of_another_group(), "_is_innermost_of_caller()", "includes/ovel_parallel.h");
-    auto const before_run_returns = [] {
+    EXPECT_CHECK(out_of_order(group), innermost, file);
+    EXPECT_CHECK(out_of_order(other), innermost, file);
+    // With the deque full, the last child runs inside its `run`.
+    auto const by_a_child = [](int before) {
         work_group alone(1);
         alone.run([&] {
             task_scope here(alone);
-            // The last one finds the deque full.
-            for (int i = 0; i != 960; ++i)
+            for (int i = 0; i != before; ++i)
                 here.run([] {});
             here.run([&] { here.wait(); });
-            std::_Exit(0);
+            here.wait();
         });
         alone.wait();
     };
-    EXPECT_CHECK(before_run_returns(), "_is_innermost_of_caller()", "includes/ovel_parallel.h");
-    auto const by_a_child = [&] {
-        task_scope here(group);
-        here.run([&] { here.wait(); });
-        here.wait();
-    };
-    EXPECT_CHECK(by_a_child(), "_is_innermost_of_caller()", "includes/ovel_parallel.h");
-    auto const by_its_work = [&] {
-        group.run([&] { group.wait(); });
+    EXPECT_CHECK(by_a_child(0), innermost, file);
+    EXPECT_CHECK(by_a_child(960), innermost, file);
+    auto const in_work = [&](void (work_group::*end)()) {
+        group.run([&, end] { (group.*end)(); });
         group.wait();
     };
-    EXPECT_CHECK(by_its_work(), "!_runs_caller()", "includes/ovel_work.h");
+    EXPECT_CHECK(in_work(&work_group::wait), "!_runs_caller()", "includes/ovel_work.h");
+    EXPECT_CHECK(in_work(&work_group::join), "!_runs_caller()", "includes/ovel_work.h");
 }
 
 }  // namespace

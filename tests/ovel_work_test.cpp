@@ -87,14 +87,6 @@ TEST(work_group_test, a_join_waits_for_work_that_work_submits) {
     EXPECT_THROW(group.submit([] {}).get(), std::future_error);
 }
 
-TEST(work_group_test, work_that_joins_its_group_fails_a_check) {
-    work_group group(2);
-    auto const joins = [&] {
-        group.submit([&] { group.join(); }).get();
-    };
-    EXPECT_CHECK(joins(), "!_runs_caller()", "includes/ovel_work.h");
-}
-
 // The test keeps what the work refers to until `join`.
 TEST(work_group_test, a_future_that_is_dropped_neither_waits_nor_discards_its_work) {
     ovel::semaphore go_on(0, 0);

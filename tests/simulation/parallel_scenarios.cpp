@@ -78,31 +78,6 @@ struct forest {
     }
 };
 
-// Work of the group and of threads that do not belong to it opens scopes; at times the
-// group's threads sleep when that begins.
-void each_child_runs_once(unsigned int variant) {
-    accounts const books(variant % 2 * 2);
-    begin();
-    {
-        work_group group(1 + variant / 2);
-        if (pick(2) == 0)
-            settle();
-        forest all{group};
-        unsigned int const items = 1 + pick(2);
-        // As a thread that waits in a scope does not take up the next item, however long it
-        // may be, none begins inside another one.
-        for (unsigned int i = 0; i != items; ++i)
-            group.run([&] {
-                assure(all.context.get() == nullptr);
-                all.grow(1);
-            });
-        all.grow(1);
-        group.wait();
-        assure(all.runs == all.forks);
-        group.join();
-    }
-}
-
 // Children and items that wait until the scenario releases them. When all threads are at rest,
 // as many items have begun as there are threads for them: a lost wake-up would leave both an
 // idle thread and work for it.
@@ -127,6 +102,41 @@ struct held_work {
         }
     }
 };
+
+// Work of the group and of threads that do not belong to it opens scopes; at times the
+// group's threads sleep when that begins.
+void each_child_runs_once(unsigned int variant) {
+    accounts const books(variant % 2 * 2);
+    begin();
+    {
+        work_group group(1 + variant / 2);
+        if (pick(2) == 0)
+            settle();
+        forest all{group};
+        semaphore grown(0, 0);
+        unsigned int const items = 1 + pick(2);
+        // As a thread that waits in a scope does not take up the next item, however long it
+        // may be, none begins inside another one.
+        for (unsigned int i = 0; i != items; ++i)
+            group.run([&] {
+                assure(all.context.get() == nullptr);
+                all.grow(1);
+                grown.release();
+            });
+        // Queued behind the others, these end only after all scopes have.
+        held_work longest;
+        longest.left = pick(3);
+        for (unsigned int i = longest.left; i != 0; --i)
+            group.run(std::ref(longest), {.time = 0.5});
+        all.grow(1);
+        for (unsigned int i = 0; i != items; ++i)
+            grown.acquire();
+        longest.finish(group.threads());
+        group.wait();
+        assure(all.runs == all.forks);
+        group.join();
+    }
+}
 
 // One scope, in work of the group, whose opener waits; children are put in by the opener, by
 // children on other threads, and by scopes in those.
