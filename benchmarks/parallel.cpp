@@ -310,6 +310,8 @@ void row_of(std::string const& row, std::string const& name, Work const& work,
             Arguments... arguments) {
     contestant(row, name, [=](benchmark::State& state) {
         Way way(arguments...);
+        // Starts the threads.
+        way.enter([&] { way.loop(1000, spend_increasingly); });
         for (auto _ : state)
             way.enter([&] { work(way); });
     })->Unit(benchmark::kMicrosecond);
