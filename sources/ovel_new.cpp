@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library's own allocation operators: every object that its sources create
-// with `new` comes from `allocator_support`. All replaceable forms are here, so
-// that none is taken from the program or the runtime. The compiler declares them
-// visible whatever its options say; it is the linker that keeps them from the
-// program, whose own operators must neither be replaced nor be used for ours.
+// The library's own allocation operators: every object that its sources create with `new`
+// comes from `allocator_support`. All replaceable forms are here, so the library calls none of
+// the program or the runtime. The compiler declares them visible, whatever its options say.
+// The linker hides them, so they do not replace the program's.
 
 #include "ovel_allocator.h"
 #include "ovel_allocator_support.h"
@@ -18,8 +17,8 @@ using ovel::allocator_support;
 using ovel::cacheline;
 using ovel::detail::granule;
 
-// Whether every block whose size, as asked for, is a multiple of `alignment`
-// lands in a class that is aligned so; larger ones are aligned to a cacheline.
+// Whether each request whose size is a multiple of `alignment` gets a class with at least that
+// alignment. Requests beyond the classes are aligned to a cacheline.
 consteval bool classes_align() {
     for (std::size_t alignment = granule; alignment <= sizeof(cacheline); alignment *= 2) {
         for (std::size_t size = alignment; size <= ovel::detail::largest_block; size += alignment) {
