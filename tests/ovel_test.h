@@ -1,15 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
-// Shared by the suites: threads, waiting for a state, and the message of a failed check.
+// Shared by the suites: threads, waiting for a state, and the message of a failed check. It
+// includes what most suites use of the standard library.
 #ifndef OVEL_TEST_H
 #define OVEL_TEST_H
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 // Returns once `holds()` is true. If it never is, ctest's time limit ends the test.
