@@ -46,54 +46,25 @@ _NOT_A_STATEMENT = re.compile(
     r"void|auto|double|char)\b")
 _SWAP = re.compile(rf"\(({_ARGUMENT}), ({_ARGUMENT})\)")
 _FUNCTION = re.compile(r"^(?:    )?(?![\s#})])[^=;]*\)(?: const)?(?: noexcept)?(?: override)? \{$")
+# Comments and literals. An apostrophe between digits separates them.
+_NO_CODE = re.compile(
+    r"//[^\n]*|/\*.*?\*/|\"(?:\\.|[^\"\\\n])*\"|(?<![0-9A-Za-z])'(?:\\.|[^'\\\n])*'", re.DOTALL)
 _BLOCK = re.compile(rf"\b(?:if|for|while|switch|catch|else|do|try|namespace|struct|class|enum)\b|\] ?\(|\]\(")
 
 
 def code_of(lines):
     """The lines with comments, string and character literals and the lines that offer nothing blanked
     out, column by column."""
+    text = _NO_CODE.sub(lambda found: re.sub(r"[^\n]", " ", found.group()), "\n".join(lines))
     result = []
-    in_comment = False
     in_macro = False
     in_assertion = False
-    for line in lines:
-        code = []
-        quote = None
-        index = 0
-        while index < len(line):
-            pair = line[index:index + 2]
-            if in_comment:
-                if pair == "*/":
-                    in_comment = False
-                    index += 1
-                    code.append(" ")
-                code.append(" ")
-            elif quote:
-                if line[index] == "\\":
-                    code.append(" ")
-                    index += 1
-                elif line[index] == quote:
-                    quote = None
-                code.append(" ")
-            elif pair == "//":
-                code.append(" " * (len(line) - index))
-                break
-            elif pair == "/*":
-                in_comment = True
-                code.append("  ")
-                index += 1
-            elif line[index] == '"' or (line[index] == "'" and not line[index - 1:index].isalnum()):
-                quote = line[index]
-                code.append(" ")
-            else:
-                code.append(line[index])
-            index += 1
-        text = "".join(code)
-        macro = in_macro or text.lstrip().startswith("#")
+    for line, code in zip(lines, text.split("\n")):
+        macro = in_macro or code.lstrip().startswith("#")
         in_macro = macro and line.endswith("\\")
-        assertion = in_assertion or "static_assert" in text or "tls_model" in text
-        in_assertion = assertion and ";" not in text
-        result.append("" if macro or assertion else text.rstrip())
+        assertion = in_assertion or "static_assert" in code or "tls_model" in code
+        in_assertion = assertion and ";" not in code
+        result.append("" if macro or assertion else code.rstrip())
     return result
 
 
