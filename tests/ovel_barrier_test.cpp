@@ -1,24 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ovel_barrier.h"
 
-#include "ovel_guard.h"
 #include "ovel_test.h"
-
-#include <atomic>
 
 using ovel::barrier;
 using ovel::timed_barrier;
-using ovel::detail::guard;
-
-struct ovel::detail::inspector {
-    static timed_semaphore& entry(timed_barrier& subject) {
-        return subject._entry;
-    }
-};
 
 namespace {
-
-using ovel::detail::inspector;
 
 template <class Barrier>
 struct barrier_test : testing::Test {};
@@ -48,14 +36,6 @@ TYPED_TEST(barrier_test, no_thread_passes_before_all_have_arrived_and_exactly_on
     crew(size, walk).clear();
     EXPECT_EQ(lasts, steps);
     EXPECT_EQ(step.capacity(), unsigned{size});
-}
-
-TEST(timed_barrier_test, a_thread_that_times_out_at_the_entry_changes_nothing) {
-    timed_barrier pair(2, 0);
-    guard const leaving(inspector::entry(pair));
-    bool last = true;
-    EXPECT_FALSE(pair.timed_acquire(last, ovel::time::then(0.002)));
-    EXPECT_TRUE(last);
 }
 
 }  // namespace

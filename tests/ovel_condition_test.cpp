@@ -5,17 +5,11 @@
 #include "ovel_mutex.h"
 #include "ovel_test.h"
 
-#include <utility>
-
 using ovel::condition;
 using ovel::timed_condition;
 using ovel::detail::guard;
 
 struct ovel::detail::inspector {
-    template <class Condition>
-    static unsigned int queued(Condition const& subject) {
-        return subject._queued.load();
-    }
     // The departure of a thread, which must have arrived.
     template <class Condition, class... Flag>
     static void leave(Condition& subject, Flag... flag) {
@@ -55,17 +49,6 @@ TYPED_TEST(condition_test, every_release_wakes_the_thread_already_asleep) {
         }
     };
     crew(2, play).clear();
-}
-
-TYPED_TEST(condition_test, release_all_wakes_every_waiter) {
-    typename TypeParam::second_type lock;
-    typename TypeParam::first_type changed;
-    auto const sleepers = crew(3, [&](int) {
-        guard const hold(lock);
-        changed.acquire(lock);
-    });
-    until([&] { return inspector::queued(changed) == 3; });
-    changed.release_all();
 }
 
 TEST(condition_death_test, leaving_without_having_waited_fails_the_checks) {

@@ -3,7 +3,6 @@
 
 #include "ovel_test.h"
 
-#include <limits>
 #include <type_traits>
 
 using ovel::mutex;
@@ -15,10 +14,6 @@ struct ovel::detail::inspector {
     template <class Mutex>
     static unsigned int& depth(Mutex& subject) {
         return subject._depth;
-    }
-    template <class Mutex>
-    static unsigned int spin(Mutex const& subject) {
-        return subject._semaphore._spin;
     }
 };
 
@@ -67,17 +62,6 @@ TYPED_TEST(mutex_test, a_depth_that_wraps_fails_the_check) {
         EXPECT_CHECK(lock.acquire(), "++_depth != 0", "sources/ovel_mutex.cpp");
         EXPECT_CHECK(lock.try_acquire(), "++_depth != 0", "sources/ovel_mutex.cpp");
     }
-}
-
-TEST(mutex_spin_test, a_mutex_copies_the_spin_count_at_construction) {
-    unsigned int const spin = ovel::default_spin;
-    ovel::default_spin = 77;
-    mutex plain;
-    recursive_mutex recursive;
-    ovel::default_spin = spin;
-    EXPECT_EQ(inspector::spin(plain), 77u);
-    EXPECT_EQ(inspector::spin(recursive), 77u);
-    EXPECT_EQ(inspector::spin(recursive_mutex(5)), 5u);
 }
 
 }  // namespace

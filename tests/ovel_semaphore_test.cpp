@@ -3,9 +3,6 @@
 
 #include "ovel_test.h"
 
-#include <limits>
-#include <memory>
-
 using ovel::semaphore;
 using ovel::timed_semaphore;
 

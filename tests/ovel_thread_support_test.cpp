@@ -7,9 +7,7 @@
 #include "ovel_thread_specific_ptr.h"
 #include "ovel_time.h"
 
-#include <atomic>
 #include <bit>
-#include <memory>
 #include <stdexcept>
 
 using ovel::call_once;
@@ -74,27 +72,6 @@ TEST_F(thread_support_test, a_mask_without_a_processor_fails_the_check_of_its_se
     };
     EXPECT_CHECK(leave_the_process(), "SetThreadAffinityMask(GetCurrentThread(), affinity) != 0",
                  function_file);
-}
-
-int built;  // without a lock or an atomic: `call_once` orders what it does
-
-TEST(call_once_test, threads_that_race_run_the_function_once_and_see_what_it_did) {
-    auto const build = [] {
-        ++built;
-        std::this_thread::yield();
-        ++built;
-    };
-    for (int round = 0; round < 100; ++round) {
-        unsigned int volatile flag = 0;
-        built = 0;
-        std::atomic<int> missing = 3;  // at the start; some systems' std::latch hangs
-        auto const threads = crew(3, [&](int) {
-            --missing;
-            until([&] { return missing == 0; });
-            call_once(build, flag);
-            EXPECT_EQ(built, 2) << round;
-        });
-    }
 }
 
 TEST(call_once_death_test, an_exception_from_the_function_is_fatal) {
