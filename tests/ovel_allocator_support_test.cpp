@@ -6,15 +6,8 @@
 #include "ovel_test.h"
 #include "ovel_work.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <fstream>
-#include <limits>
-#include <new>
-#include <thread>
-
-#include <gtest/gtest.h>
 
 namespace {
 
