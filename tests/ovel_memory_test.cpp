@@ -7,19 +7,8 @@
 #include "ovel_allocator_support.h"
 #include "ovel_test.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <cstddef>
-#include <cstdint>
-#include <limits>
 #include <list>
-#include <memory>
 #include <memory_resource>
-#include <new>
-#include <string>
-#include <vector>
 
 OVEL_REPLACE_NEW_AND_DELETE;
 
@@ -132,42 +121,6 @@ TEST(memory_test, impossible_sizes_fail_as_out_of_memory) {
     EXPECT_THROW(source.allocate(most / 256), std::bad_alloc);
     EXPECT_THROW(source.allocate(most / 2), std::bad_alloc);
     EXPECT_EQ(::operator new(most, std::align_val_t(256), std::nothrow), nullptr);
-}
-
-TEST(memory_test, resources_equal_only_each_other) {
-    memory_resource other;
-    EXPECT_TRUE(*memory_resource::global() == other);
-    EXPECT_FALSE(other == *std::pmr::new_delete_resource());
-}
-
-// On some systems destroyed after the library's thread-local state.
-struct late {
-    ~late() {
-        delete new std::string(100, 'x');
-        delete new std::string(100'000, 'x');
-    }
-};
-
-// The threads replace each other's strings, which differ in length.
-TEST(memory_test, threads_of_any_kind_replace_each_others_objects) {
-    std::atomic<std::string*> places[8] = {};
-    std::atomic<int> wrong = 0;
-    auto const put = [&](int place, std::string* with) {
-        std::unique_ptr<std::string> const found(places[place].exchange(with));
-        if (found != nullptr && *found != std::string(found->size(), (*found)[0]))
-            ++wrong;
-    };
-    for (int round = 0; round < 50; ++round)
-        crew(3, [&](int member) {
-            static thread_local late const kept;
-            static_cast<void>(&kept);
-            for (int i = 0; i < 100; ++i)
-                put((i * 5 + member) % 8,
-                    new std::string(20 + i * 7, static_cast<char>('a' + i % 26)));
-        }).clear();
-    for (int place = 0; place < 8; ++place)
-        put(place, nullptr);
-    EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace
