@@ -3,13 +3,7 @@
 #include "ovel_any.h"
 #include "ovel_test.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
-#include <new>
-#include <string>
 #include <typeinfo>
-#include <utility>
 
 using ovel::any;
 using ovel::any_cast;

@@ -3,13 +3,8 @@
 #include "ovel_list.h"
 #include "ovel_test.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <iterator>
 #include <random>
-#include <utility>
-#include <vector>
 
 using ovel::list;
 using ovel::skip_list;
@@ -43,9 +38,6 @@ struct ovel::detail::inspector {
     template <class T>
     static unsigned int level(typename skip_list<T>::iterator element) {
         return static_cast<typename skip_list<T>::links*>(element._position)->_level;
-    }
-    static unsigned int seed(element_list const& sorted) {
-        return sorted._seed;
     }
 
     // Every lane visits exactly the elements that are at least as high, in their order.
@@ -84,21 +76,6 @@ using ovel::detail::inspector;
 static_assert(std::bidirectional_iterator<element_list::iterator>);
 static_assert(std::forward_iterator<list<int>::iterator>);
 static_assert(std::forward_iterator<list<int>::const_iterator>);
-
-// The levels follow from the generator's first numbers: 16807, 282475249, 1622650073,
-// 984943658, 1144108930, 470211272, 101027544, 1457850878. A level is below the number of the
-// head's links, which is 2, and 4 from the fifth element on.
-TEST(skip_list_test, levels_follow_from_the_seed) {
-    element_list sorted;
-    std::vector<unsigned int> seeds, levels;
-    for (int size = 1; size <= 7; ++size) {
-        levels.push_back(inspector::level<element<false>>(sorted.insert({0, 0})));
-        seeds.push_back(inspector::seed(sorted));
-    }
-    EXPECT_EQ(seeds,
-              (std::vector{1u, 1u, 16807u, 282475249u, 1622650073u, 1144108930u, 1457850878u}));
-    EXPECT_EQ(levels, (std::vector{1u, 1u, 1u, 1u, 1u, 1u, 2u}));
-}
 
 TEST(skip_list_test, a_search_tests_few_elements) {
     constexpr int size = 20'000;

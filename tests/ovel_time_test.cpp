@@ -4,9 +4,7 @@
 #include "ovel_kernel.h"
 #include "ovel_test.h"
 
-#include <chrono>
 #include <cmath>
-#include <limits>
 
 using ovel::time_base;
 using ovel::time_support;

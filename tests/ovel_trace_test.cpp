@@ -4,10 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
-#include <atomic>
 #include <map>
-#include <string>
 
 namespace trace = ovel::trace;
 using json = nlohmann::json;
