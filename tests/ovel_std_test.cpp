@@ -75,26 +75,30 @@ TEST(wait_test, a_predicate_decides_for_every_kind_of_lock) {
     });
 }
 
-// A further reading of the clock would find a moment of the span gone.
-TEST(wait_test, the_first_wait_lasts_the_whole_span) {
-    auto const first_wait = [](auto span) {
-        unsigned int first = 9999;
-        EXPECT_TRUE(ovel::detail::attempt_until(span, [&](unsigned int milliseconds) {
-            first = milliseconds;
-            return true;
+// A further reading of the clock would find a moment of the span gone. An end that is out of
+// range is not reached after the longest wait either.
+TEST(wait_test, waits_last_the_whole_span) {
+    auto const wait = [](auto end, int number = 0) {
+        unsigned int lasted = 9999;
+        EXPECT_TRUE(ovel::detail::attempt_until(end, [&](unsigned int milliseconds) {
+            lasted = milliseconds;
+            return number-- == 0;
         }));
-        return first;
+        return lasted;
     };
-    EXPECT_EQ(first_wait(1'000'001ns), 2u);
-    EXPECT_EQ(first_wait(20ms), 20u);
-    EXPECT_EQ(first_wait(1.5s), 1500u);
-    EXPECT_EQ(first_wait(-1h), 0u);
-    EXPECT_EQ(first_wait(std::chrono::hours::max()), ovel::detail::longest_wait);
-    EXPECT_EQ(first_wait(std::chrono::duration<double>(INFINITY)), ovel::detail::longest_wait);
-    EXPECT_EQ(first_wait(std::chrono::steady_clock::time_point::max()), ovel::detail::longest_wait);
-    EXPECT_EQ(first_wait(system_point<std::chrono::hours>::max()), ovel::detail::longest_wait);
-    EXPECT_EQ(first_wait(system_point<std::chrono::hours>::min()), 0u);
-    EXPECT_EQ(first_wait(time::then(INFINITY)), ovel::detail::longest_wait);
+    EXPECT_EQ(wait(1'000'001ns), 2u);
+    EXPECT_EQ(wait(20ms), 20u);
+    EXPECT_EQ(wait(1.5s), 1500u);
+    EXPECT_EQ(wait(-1h), 0u);
+    EXPECT_EQ(wait(system_point<std::chrono::hours>::min()), 0u);
+    for (int const number : {0, 1}) {
+        unsigned int const longest = ovel::detail::longest_wait;
+        EXPECT_EQ(wait(std::chrono::hours::max(), number), longest);
+        EXPECT_EQ(wait(std::chrono::duration<double>(INFINITY), number), longest);
+        EXPECT_EQ(wait(std::chrono::steady_clock::time_point::max(), number), longest);
+        EXPECT_EQ(wait(system_point<std::chrono::hours>::max(), number), longest);
+        EXPECT_EQ(wait(time::then(INFINITY), number), longest);
+    }
 }
 
 // On the clock that the caller reads, without any tolerance.
