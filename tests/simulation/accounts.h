@@ -1,19 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
-// Accounts that must balance at the end of a scenario.
+// Accounts that must balance at the end of a scenario. Includes what most scenarios use.
 #ifndef OVEL_TESTS_SIMULATION_ACCOUNTS_H
 #define OVEL_TESTS_SIMULATION_ACCOUNTS_H
 
 #include "inspector.h"
-#include "ovel_allocator_group.h"
-#include "ovel_assure.h"
+#include "ovel_atomic.h"
 #include "ovel_mutex.h"
+#include "ovel_semaphore.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
 #include "ovel_work.h"
-#include "simulation/simulation.h"
 
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <deque>
 #include <new>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace ovel::simulation {
 

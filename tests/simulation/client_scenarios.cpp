@@ -3,16 +3,7 @@
 // has the net's mutex, and none of them is lost.
 
 #include "accounts.h"
-#include "inspector.h"
 #include "ovel_any.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
-#include "ovel_petri_net.h"
-#include "ovel_semaphore.h"
-#include "simulation/simulation.h"
-
-#include <new>
-#include <utility>
 
 namespace ovel::simulation {
 

@@ -2,21 +2,9 @@
 // Conditions and barriers, with releases and deadlines racing.
 
 #include "accounts.h"
-#include "inspector.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
-#include "ovel_barrier.h"
-#include "ovel_condition.h"
-#include "ovel_mutex.h"
-#include "ovel_thread_support.h"
-#include "ovel_time.h"
-#include "simulation/simulation.h"
 
-#include <algorithm>
 #include <bit>
-#include <deque>
 #include <type_traits>
-#include <utility>
 
 namespace ovel::simulation {
 

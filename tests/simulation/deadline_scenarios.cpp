@@ -3,14 +3,8 @@
 // a timeout takes one wait and two readings.
 
 #include "accounts.h"
-#include "ovel_assure.h"
-#include "ovel_condition.h"
-#include "ovel_mutex.h"
 #include "ovel_std.h"
-#include "simulation/simulation.h"
 
-#include <chrono>
-#include <cstdint>
 #include <mutex>
 
 namespace ovel::simulation {

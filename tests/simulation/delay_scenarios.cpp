@@ -3,16 +3,6 @@
 // and none later than the clock of a wait can tell.
 
 #include "accounts.h"
-#include "inspector.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
-#include "ovel_petri.h"
-#include "simulation/simulation.h"
-
-#include <chrono>
-#include <cstdint>
-#include <memory>
-#include <vector>
 
 namespace ovel::simulation {
 

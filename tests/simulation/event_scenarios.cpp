@@ -2,14 +2,7 @@
 // Events and latches: all that wait are let go, and nobody else.
 
 #include "accounts.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
 #include "ovel_std.h"
-#include "ovel_time.h"
-#include "simulation/simulation.h"
-
-#include <deque>
-#include <memory>
 
 namespace ovel::simulation {
 

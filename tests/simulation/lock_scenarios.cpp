@@ -2,17 +2,7 @@
 // Locks: no two threads are inside together, and no wake-up is lost.
 
 #include "accounts.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
-#include "ovel_mutex.h"
 #include "ovel_once.h"
-#include "ovel_semaphore.h"
-#include "ovel_thread_support.h"
-#include "ovel_time.h"
-#include "simulation/simulation.h"
-
-#include <cstdint>
-#include <deque>
 
 namespace ovel::simulation {
 

@@ -3,21 +3,9 @@
 // rest only when no transition can fire.
 
 #include "accounts.h"
-#include "inspector.h"
 #include "ovel_any.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
-#include "ovel_petri_net.h"
-#include "ovel_semaphore.h"
-#include "simulation/simulation.h"
 
-#include <algorithm>
 #include <cmath>
-#include <deque>
-#include <memory>
-#include <new>
-#include <utility>
-#include <vector>
 
 namespace ovel::simulation {
 

@@ -3,15 +3,6 @@
 // the failing body took, and a token that could not be sent still belongs to its sender.
 
 #include "accounts.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
-#include "ovel_petri.h"
-#include "ovel_semaphore.h"
-#include "simulation/simulation.h"
-
-#include <memory>
-#include <new>
-#include <utility>
 
 namespace ovel::simulation {
 

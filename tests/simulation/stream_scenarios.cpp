@@ -3,18 +3,8 @@
 // ends at its limit or when the net lets its callers go, and what was not sent is kept.
 
 #include "accounts.h"
-#include "inspector.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
-#include "ovel_petri.h"
-#include "ovel_semaphore.h"
-#include "simulation/simulation.h"
 
-#include <chrono>
-#include <memory>
-#include <new>
 #include <optional>
-#include <utility>
 
 namespace ovel::simulation {
 
