@@ -5,21 +5,9 @@
 
 #include "ovel_test.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <functional>
 
 using namespace ovel;
-
-struct ovel::detail::inspector {
-    static double free_space(thread_group& group) {
-        group._mutex.acquire();
-        double const space = group._space;
-        group._mutex.release();
-        return space;
-    }
-};
 
 namespace {
 
@@ -44,35 +32,6 @@ thread_group& concluded(thread_group& group) {
 thread_group& ended(thread_group& group) {
     concluded(started(group)).acquire();
     return group;
-}
-
-TEST(thread_group_test, rounding_of_spaces_does_not_shrink_the_group) {
-    // 1 - 0.3 - 0.1 + 0.3 + 0.1 is less than 1: without the reset, work that asks for all of
-    // the space would wait forever after that.
-    thread_group group(3, 1.0, 65536);
-    EXPECT_EQ(group.threads(), 3u);
-    EXPECT_EQ(group.stack_size(), 65536u);
-    semaphore running(0, 0), first(0, 0), second(0, 0), third(0, 0);
-    auto const held = [&running](semaphore& until) {
-        return [&running, &until] {
-            running.release();
-            until.acquire();
-        };
-    };
-    task large(held(first)), small(held(second)), whole([&] { third.release(); });
-    task spaceless(held(third));  // takes none, so it does not delay the reset
-    group.schedule(large, 1.0, 0.3);
-    group.schedule(small, 1.0, 0.1);
-    group.schedule(spaceless, 1.0, 0.0);
-    group.release();
-    for (int i = 0; i != 3; ++i)
-        running.acquire();
-    first.release();
-    until([&] { return detail::inspector::free_space(group) > 0.8; });
-    second.release();
-    group.schedule(whole, 1.0, 1.0);
-    group.conclude();
-    group.acquire();
 }
 
 // The loop of a worker without a crew, on fields of the caller's: an item that does not fit waits
@@ -117,6 +76,8 @@ TEST(thread_group_test, misuse_fails_the_checks) {
     char const* const bounds = "time_ > 0 && space_ >= 0 && space_ <= _space";
     task none([] {}), thrower([] { throw 1; });
     thread_group group(1, 1.0, 65536), throwing;
+    EXPECT_EQ(group.threads(), 1u);
+    EXPECT_EQ(group.stack_size(), 65536u);
     EXPECT_CHECK(thread_group(0, 1.0, 65536), "_threads != 0 && space >= 0", file);
     EXPECT_CHECK(thread_group(1, -1.0, 65536), "_threads != 0 && space >= 0", file);
     EXPECT_CHECK(group.schedule(none, 1.0, 1.5), bounds, file);

@@ -2,24 +2,11 @@
 // The allocator: every block comes home, and no chunk is lost or duplicated.
 
 #include "accounts.h"
-#include "inspector.h"
-#include "ovel_allocator_group.h"
-#include "ovel_allocator_recycler.h"
 #include "ovel_allocator_support.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
 #include "ovel_malloc.h"
-#include "ovel_semaphore.h"
-#include "ovel_thread_support.h"
-#include "ovel_time.h"
-#include "ovel_work.h"
-#include "simulation/simulation.h"
 
 #include <cmath>
 #include <cstring>
-#include <deque>
-#include <new>
-#include <vector>
 
 namespace ovel::simulation {
 
@@ -274,6 +261,27 @@ void recycler_periods(unsigned int variant) {
     assure(nanoseconds() - start <= 101'000'000);
 }
 
+// On request it returns as many whole chunks as the rounded share has room for: of what is
+// there, or of the least since the last request for that, which set it to what is there.
+void recycler_requests(unsigned int) {
+    accounts const books(0);
+    fill_reserve();
+    allocator_recycler& recycler = *allocator_recycler::global();
+    constexpr std::size_t chunk = 61440;
+    std::size_t expected = reserve();
+    expected -= static_cast<std::size_t>(std::nearbyint(0.3 * double(expected))) / chunk * chunk;
+    recycler.recycle_capacity(0.3);
+    assure(reserve() == expected);
+    for (double const none : {0.0, -1.0, double(NAN)})
+        recycler.recycle_capacity(none);
+    recycler.recycle_minimum_capacity(0.0);
+    assure(reserve() == expected);
+    recycler.recycle_minimum_capacity(double(chunk) / double(expected));
+    assure(reserve() == expected - chunk);
+    recycler.recycle_capacity(7.0);
+    assure(reserve() < 1048579 && reserve() + chunk >= 1048579);
+}
+
 // With memory refused once, or from some request on, each allocation fails or succeeds,
 // and nothing else changes.
 void refusals(unsigned int variant) {
@@ -326,6 +334,7 @@ registration const table[] = {
         {.name = "allocator_owners_sleep_on_each_others_blocks", .run = sleepers, .variants = 2}),
     registration({.name = "recycler_keeps_its_limits", .run = recycler, .variants = 4}),
     registration({.name = "recycler_trims_once_a_period", .run = recycler_periods, .variants = 4}),
+    registration({.name = "recycler_returns_what_is_requested", .run = recycler_requests}),
     registration({.name = "allocator_bears_refused_memory", .run = refusals, .variants = 2}),
     registration({.name = "allocator_group_without_memory_is_reported", .run = refused_group})};
 

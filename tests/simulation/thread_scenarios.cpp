@@ -3,21 +3,8 @@
 // fits does not wait while a thread is idle.
 
 #include "accounts.h"
-#include "inspector.h"
-#include "ovel_allocator_recycler.h"
 #include "ovel_allocator_support.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
 #include "ovel_parallel.h"
-#include "ovel_semaphore.h"
-#include "ovel_thread.h"
-#include "ovel_thread_group.h"
-#include "ovel_time.h"
-#include "ovel_work.h"
-#include "simulation/simulation.h"
-
-#include <deque>
-#include <memory>
 
 namespace ovel::simulation {
 
@@ -108,14 +95,14 @@ void recycler_at_the_end(unsigned int variant) {
     assure(threads() == 2);
 }
 
-// Work that takes `space` of a group's budget of 10.
+// Work that takes `space` tenths of a group's budget. In binary tenths do not add up to it.
 struct item : thread_function {
     static constexpr int budget = 10;
 
     // What all have in common.
     struct tally {
         bool waits;  // each until the scenario lets it go
-        thread_group group = {1 + pick(3), budget, 16384};
+        thread_group group = {1 + pick(3), 1.0, 16384};
         detail::atomic<int> space = 0;
         detail::atomic<unsigned int> runs = 0;
         semaphore added = {0, 0};
@@ -124,7 +111,7 @@ struct item : thread_function {
 
     // Schedules itself.
     void add() {
-        all->group.schedule(*this, length, space);
+        all->group.schedule(*this, length, space / 10.0);
         inspector::check_group(all->group);
         all->added.release();
     }
@@ -159,9 +146,9 @@ void group_runs_everything(unsigned int variant) {
     for (unsigned int expected = 0, round = 0; round != 2; ++round) {
         for (item& each : made) {
             // Many that are alike, many that need everything.
-            constexpr int spaces[] = {0, 1, 3, 5, 6, 10};
+            constexpr int spaces[] = {0, 1, 2, 3, 4, 7, 10};
             each.all = &all;
-            each.space = spaces[pick(6)];
+            each.space = spaces[pick(7)];
             each.length = 1 + pick(2);
         }
         made[0].next = &made[6];
@@ -198,6 +185,7 @@ void group_runs_everything(unsigned int variant) {
         group.conclude();
         join(group, timed ? pick(3) : 0);
         assure(all.runs == expected && all.space == 0);
+        inspector::check_group(group);
     }
 }
 
@@ -246,7 +234,7 @@ void refused_objects(unsigned int variant) {
     refuse_objects(first);
     time::now();
     {
-        thread_group group(2, item::budget, 16384);
+        thread_group group(2, 1.0, 16384);
         work nothing([] {});
         group.schedule(nothing, 1.0, 1.0);
         if (variant == 1)
