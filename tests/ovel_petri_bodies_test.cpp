@@ -1,42 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Typed nets: what bodies take and return, how a program reads the state of its net, and nets
 // that move.
-#include "ovel_petri.h"
-
-#include "ovel_test.h"
-
-#include <gtest/gtest.h>
+#include "ovel_typed_nets.h"
 
 #include <array>
-#include <atomic>
-#include <chrono>
-#include <memory>
-#include <optional>
 #include <stop_token>
-#include <string>
-#include <tuple>
-#include <utility>
 #include <variant>
-#include <vector>
 
 namespace {
-
-using namespace std::chrono_literals;
-using ovel::net;
-using ovel::place;
-
-template <class T>
-std::vector<T> drain(place<T> const& from) {
-    std::vector<T> tokens;
-    while (std::optional<T> token = from.try_receive())
-        tokens.push_back(*std::move(token));
-    return tokens;
-}
-
-void run(net& tested) {
-    tested.start();
-    tested.join();
-}
 
 // Of what cannot be copied, in the order in which they came; fewer than the arc puts leave
 // slots free.
@@ -154,13 +125,9 @@ TEST(petri_bodies_test, a_transition_fires_only_while_the_place_of_unless_is_emp
     tested.insert_transition("raise", from(raise), to(alarms), [](int alarm) { return alarm; });
     run(tested);
     EXPECT_EQ(out.size(), 0u);
-    EXPECT_EQ(tested.explain().text(),
-              "place in: 1 token of 8\n"
-              "place alarms: 1 token of 2\n"
-              "place raise: 0 tokens of 2\n"
-              "place out: 0 tokens of 8\n"
-              "transition pass: lacks an empty alarms\n"
-              "transition raise: lacks 1 token of raise\n");
+    EXPECT_TRUE(
+        tested.explain().text().ends_with("transition pass: lacks an empty alarms\n"
+                                          "transition raise: lacks 1 token of raise\n"));
     tested.start();
     EXPECT_EQ(alarms.receive(), 1);
     EXPECT_EQ(out.receive(), 1);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The parts of the engine. Each takes thousands of random steps together with a model of standard
 // containers.
-#include "ovel_petri_crew.h"
 #include "ovel_petri_enabled_transitions.h"
 #include "ovel_petri_ready_firings.h"
 
@@ -9,11 +8,9 @@
 
 #include <algorithm>
 #include <deque>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <random>
-#include <set>
 #include <tuple>
 #include <vector>
 
@@ -125,86 +122,6 @@ TEST(enabled_transitions_test, the_first_one_is_taken_and_any_one_is_erased) {
     while (!model.empty()) {
         ASSERT_EQ(tested.take_first(), model.begin()->second);
         model.erase(model.begin());
-    }
-}
-
-// Tenths of the budget do not add up to it in binary: the free space is right up to rounding,
-// and exact while no firing takes any.
-struct crew_model {
-    static constexpr unsigned int threads = 3;
-    static constexpr double budget = 1.0;
-    static constexpr unsigned int tenths[] = {10, 10, 7, 7, 4, 4, 2, 2, 1, 1, 0, 0};
-
-    crew_model() {
-        for (unsigned int i = 0; i != std::size(tenths); ++i)
-            transitions.emplace_back(function, true, 2.0 - i % 2, 0.1 * tenths[i], 0, nullptr);
-        for (petri_transition& each : transitions)
-            sorted.push_back(&each);
-    }
-
-    // Whether the firing of this index fits; `unsure` by how much that may be wrong.
-    bool fits(unsigned int index, double unsure) const {
-        unsigned int left = 10;
-        for (unsigned int const each : running)
-            left -= tenths[each];
-        return 0.1 * tenths[index] <= 0.1 * left + (left == 10 ? 0.0 : unsure);
-    }
-
-    // A thread takes what the crew gives it.
-    void take(petri_transition const* taken) {
-        auto const index =
-            static_cast<unsigned int>(std::ranges::find(sorted, taken) - sorted.begin());
-        for (unsigned int const each : ready)
-            ASSERT_FALSE(each < index && fits(each, -1e-9));
-        if (taken == nullptr)
-            return;
-        ASSERT_TRUE(fits(index, 1e-9));
-        auto const found = ready.find(index);
-        ASSERT_NE(found, ready.end());
-        ready.erase(found);
-        running.push_back(index);
-    }
-
-    nothing function;
-    std::deque<petri_transition> transitions;
-    std::vector<petri_transition*> sorted;
-    std::multiset<unsigned int> ready;  // indices into `sorted`
-    std::vector<unsigned int> running;
-    bool coming = false;
-};
-
-TEST(petri_crew_test, what_fits_runs_and_idle_threads_are_called_for_it) {
-    crew_model model;
-    detail::petri_crew tested(crew_model::threads, crew_model::budget, model.sorted.data(),
-                              model.sorted.data() + model.sorted.size());
-    walk random(1);
-    for (unsigned int step = 0; step != 20000; ++step) {
-        SCOPED_TRACE(step);
-        unsigned int const what = random.below(3);
-        if (what == 0 && model.ready.size() < 20) {
-            unsigned int const index = random.below(12);
-            tested.insert(model.sorted[index]);
-            model.ready.insert(index);
-        } else if (what == 1) {
-            auto const wanted = [&](double unsure) {
-                return !model.coming && model.running.size() < crew_model::threads &&
-                       std::ranges::any_of(model.ready, [&](unsigned int each) {
-                           return model.fits(each, unsure);
-                       });
-            };
-            bool const called = tested.begin_call();
-            ASSERT_TRUE(called ? wanted(1e-9) : !wanted(-1e-9));
-            model.coming |= called;
-        } else if (model.coming && random.below(2) == 0) {
-            model.coming = false;
-            ASSERT_NO_FATAL_FAILURE(model.take(tested.next(nullptr)));
-        } else if (!model.running.empty()) {
-            auto const ended = model.running.begin() +
-                               random.below(static_cast<unsigned int>(model.running.size()));
-            petri_transition* const transition = model.sorted[*ended];
-            model.running.erase(ended);
-            ASSERT_NO_FATAL_FAILURE(model.take(tested.next(transition)));
-        }
     }
 }
 

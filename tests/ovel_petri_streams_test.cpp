@@ -1,40 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Typed nets and the threads outside: places that end, waits with limits, and every way in
 // which a blocked thread is let go.
-#include "ovel_petri.h"
+#include "ovel_typed_nets.h"
 
-#include "ovel_test.h"
-
-#include <gtest/gtest.h>
-
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <exception>
-#include <latch>
-#include <memory>
-#include <mutex>
-#include <optional>
+#include <functional>
 #include <random>
-#include <stdexcept>
 #include <stop_token>
-#include <string>
-#include <utility>
-#include <vector>
-
-struct ovel::detail::inspector {
-    // Threads that block in the net's places, or are about to.
-    static unsigned int blocked(net& in) {
-        std::lock_guard const hold(in._core->_lock);
-        return in._core->_callers._blocked;
-    }
-};
 
 namespace {
-
-using namespace std::chrono_literals;
-using ovel::net;
-using ovel::place;
 
 template <class T>
 std::vector<T> all_of(place<T> const& from) {
@@ -86,34 +59,6 @@ TEST(petri_streams_test, the_end_of_a_place_passes_through_the_net_behind_all_to
         EXPECT_THROW(batches.receive(), ovel::stopped);
         tested.join();
     }
-}
-
-// Its place is closed while a firing has a slot there and its token has not come.
-TEST(petri_streams_test, a_token_that_a_firing_under_way_puts_comes_before_the_end) {
-    net tested(2);
-    auto const jobs = tested.insert_place<int>("jobs", 4);
-    auto const done = tested.insert_place<int>("done", 4);
-    std::latch begun(1), go(1);
-    tested.insert_transition("work", from(jobs), to(done), [&](int job) {
-        begun.count_down();
-        go.wait();
-        return job;
-    });
-    jobs.send(1);
-    jobs.send(2);
-    tested.start();
-    begun.wait();
-    done.close();
-    EXPECT_FALSE(done.ended());
-    EXPECT_FALSE(done.receive_until(1ms).has_value());
-    {
-        std::jthread const receiver([&] { EXPECT_EQ(all_of(done), std::vector{1}); });
-        until([&] { return ovel::detail::inspector::blocked(tested) == 1; });
-        go.count_down();
-    }
-    EXPECT_TRUE(done.ended());
-    tested.join();
-    EXPECT_EQ(jobs.size(), 1u);  // no further firing has begun
 }
 
 // Deadlines and stop requests race with a net that makes room: what was sent has arrived,
@@ -182,35 +127,24 @@ TEST(petri_streams_test, no_thread_stays_blocked) {
             full.send(std::make_unique<int>(0));
             if (running || how == way::stop)
                 tested->start();
+            using token = std::unique_ptr<int>;
+            std::function<bool(token&)> const calls[] = {
+                [&](token&) { return empty.receive(), true; },
+                [&](token&) { return empty.next().has_value(); },
+                [&](token&) { return empty.receive_until(24h).has_value(); },
+                [&](token&) { return empty.receive_until(never.get_token()).has_value(); },
+                [&](token& kept) { return full.send(std::move(kept)); },
+                [&](token& kept) { return full.send_until(std::move(kept), 24h); },
+                [&](token& kept) {
+                    return full.send_until(std::move(kept), never.get_token());
+                }};
             std::atomic<int> failures = 0;
-            auto callers = crew(7, [&](int member) {
+            auto callers = crew(7, [&](int call) {
                 auto kept = std::make_unique<int>(1);
                 try {
-                    switch (member) {
-                        case 0:
-                            try {
-                                empty.receive();
-                                ADD_FAILURE();
-                            } catch (ovel::stopped const&) {}
-                            break;
-                        case 1:
-                            EXPECT_FALSE(empty.next().has_value());
-                            break;
-                        case 2:
-                            EXPECT_FALSE(empty.receive_until(24h).has_value());
-                            break;
-                        case 3:
-                            EXPECT_FALSE(empty.receive_until(never.get_token()).has_value());
-                            break;
-                        case 4:
-                            EXPECT_FALSE(full.send(std::move(kept)));
-                            break;
-                        case 5:
-                            EXPECT_FALSE(full.send_until(std::move(kept), 24h));
-                            break;
-                        default:
-                            EXPECT_FALSE(full.send_until(std::move(kept), never.get_token()));
-                    }
+                    EXPECT_FALSE(calls[call](kept)) << call;
+                } catch (ovel::stopped const&) {
+                    EXPECT_EQ(call, 0);
                 } catch (int) {
                     ++failures;
                 }
@@ -330,19 +264,19 @@ TEST(petri_streams_test, closing_nets_of_any_structure_keep_their_tokens) {
                     }
                     return token;
                 };
-                if (below(2) == 0) {
-                    ++expected_flushes;
-                    tested.insert_transition("pass", from(places[each - 1]), to(places[each]),
-                                             [&, pass](std::optional<int> token) {
-                                                 flushed += !token;
-                                                 return token ? std::optional(pass(*token))
-                                                              : std::nullopt;
-                                             },
-                                             {.reentrant = below(2) == 0});
-                } else {
-                    tested.insert_transition("pass", from(places[each - 1]), to(places[each]), pass,
-                                             {.reentrant = below(2) == 0});
-                }
+                auto const flush = [&, pass](std::optional<int> token) {
+                    flushed += !token;
+                    return token ? std::optional(pass(*token)) : std::nullopt;
+                };
+                auto const in = from(places[each - 1]);
+                auto const out = to(places[each]);
+                ovel::transition_options const options{.reentrant = below(2) == 0};
+                bool const flushes = below(2) == 0;
+                expected_flushes += flushes;
+                if (flushes)
+                    tested.insert_transition("flush", in, out, flush, options);
+                else
+                    tested.insert_transition("pass", in, out, pass, options);
             }
         constexpr int tokens = 40;
         int failures = 0, received = 0;

@@ -1,54 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_petri.h"
-
 #include "ovel_semaphore.h"
 #include "ovel_std.h"
-#include "ovel_test.h"
 #include "ovel_trace.h"
+#include "ovel_typed_nets.h"
 #include "ovel_work.h"
-
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <exception>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <stdexcept>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
-
-struct ovel::detail::inspector {
-    // Threads that block in the net's places, or are about to.
-    static unsigned int blocked(net& in) {
-        std::lock_guard const hold(in._core->_lock);
-        return in._core->_callers._blocked;
-    }
-};
 
 namespace {
 
-using namespace std::chrono_literals;
 using ovel::firing;
-using ovel::net;
-using ovel::place;
-
-template <class T>
-std::vector<T> drain(place<T> const& from) {
-    std::vector<T> tokens;
-    while (std::optional<T> token = from.try_receive())
-        tokens.push_back(*std::move(token));
-    return tokens;
-}
-
-// Starts the net and stops it when it has come to rest.
-void run(net& tested) {
-    tested.start();
-    tested.join();
-}
 
 TEST(petri_test, parameters_and_results_are_the_tokens_of_the_places_in_order) {
     net tested(2);
@@ -151,53 +110,6 @@ TEST(petri_test, a_limit_bounds_the_firings_of_a_reentrant_body) {
     EXPECT_EQ(jobs.try_receive(), 2);
     go.release();
     tested.join();
-}
-
-// The net fails while threads are blocked in its places: in an empty one, whose slots the failing
-// firing has reserved, and in a full one.
-TEST(petri_test, a_failing_body_reaches_joining_and_blocked_threads) {
-    net tested(2);
-    auto const jobs = tested.insert_place<int>("jobs", 8);
-    auto const done = tested.insert_place<int>("done", 1);
-    auto const kept = tested.insert_place<int>("kept", 1);
-    auto const working = tested.insert_transition("work", from(jobs), to(done), [](int job) {
-        if (job == 3)
-            throw std::runtime_error("three");
-        return job;
-    });
-    for (int const job : {3, 4, 5})
-        jobs.send(job);
-    kept.send(0);
-
-    working.deactivate();
-    tested.start();
-    std::atomic<int> failures{0};
-    {
-        auto const callers = crew(4, [&](int member) {
-            try {
-                if (member < 2)
-                    done.receive();
-                else
-                    kept.send(member);
-            } catch (std::runtime_error const& failure) {
-                EXPECT_STREQ(failure.what(), "three");
-                ++failures;
-            }
-        });
-        until([&] { return ovel::detail::inspector::blocked(tested) == 4; });
-        working.activate();
-    }
-    EXPECT_EQ(failures, 4);
-    EXPECT_THROW(tested.join(), std::runtime_error);
-    EXPECT_THROW(done.receive(), std::runtime_error);
-
-    // It continues, and the failure is forgotten.
-    tested.start();
-    EXPECT_EQ(done.receive(), 4);
-    EXPECT_EQ(done.receive(), 5);
-    tested.join();
-    EXPECT_FALSE(done.try_receive().has_value());
-    EXPECT_EQ(drain(kept), std::vector{0});
 }
 
 // After the failure no token can be copied. Every token but the one that the body took stays in
