@@ -11,14 +11,8 @@
 
 #include <pthread.h>
 
-#include <atomic>
-#include <cstddef>
 #include <future>
 #include <set>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 struct ovel::detail::inspector {
     static bool activated(allocator const* subject) {
@@ -53,18 +47,6 @@ allocator* serving() {
 template <class Work>
 auto fresh(Work const& work) {
     return std::async(std::launch::async, work).get();
-}
-
-TEST(lending_test, threads_alive_at_once_are_served_by_different_allocators) {
-    constexpr int members = 4;
-    allocator* mine[members];
-    std::atomic<int> missing = members;
-    crew(members, [&](int member) {
-        mine[member] = serving();
-        --missing;
-        until([&] { return missing == 0; });
-    }).clear();
-    EXPECT_EQ(std::set(mine, mine + members).size(), std::size_t{members});
 }
 
 // Later threads get another allocator if one leaks or is given back twice.

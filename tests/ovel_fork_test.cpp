@@ -12,15 +12,10 @@
 #include "ovel_traffic.h"
 #include "ovel_work.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
-#include <string>
-#include <thread>
+#include <tuple>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -90,6 +85,34 @@ void use_between_forks(int kind) {
     }
 }
 
+// Calls of `work` on threads of the library.
+
+template <class Work>
+void on_pooled_thread(Work const& work) {
+    ovel::work job(work);
+    ovel::thread pooled;
+    pooled.schedule(job);
+    pooled.release();
+    pooled.acquire();
+}
+
+template <class Work>
+void in_work_group(Work const& work) {
+    ovel::work_group group(2);
+    group.submit(work).get();
+    group.join();
+}
+
+template <class Work>
+void in_net(Work const& work) {
+    ovel::net net(2);
+    auto const place = net.insert_place<int>("place", 1);
+    net.insert_transition("fork", ovel::from(place), [&](int) { work(); });
+    net.start();
+    place.send(1);
+    net.join();
+}
+
 // Each kind of thread forks, beside threads that use all of the library.
 TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
     auto const work = [] {
@@ -98,34 +121,14 @@ TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
         EXPECT_EQ(status_of_fork(use_everything), 0);
         forking = false;
     };
-    auto const on_pooled_thread = [&] {
-        ovel::work job(work);
-        ovel::thread pooled;
-        pooled.schedule(job);
-        pooled.release();
-        pooled.acquire();
-    };
-    auto const in_work_group = [&] {
-        ovel::work_group group(2);
-        group.submit(work).get();
-        group.join();
-    };
-    auto const in_net = [&] {
-        ovel::net net(2);
-        auto const place = net.insert_place<int>("place", 1);
-        net.insert_transition("fork", ovel::from(place), [&](int) { work(); });
-        net.start();
-        place.send(1);
-        net.join();
-    };
     traffic::over = false;
     auto const users = crew(traffic::kinds, use_between_forks);
     traffic::fill_pool(30);
     for (int forked = 0; forked != 20; ++forked) {
         work();
-        on_pooled_thread();
-        in_work_group();
-        in_net();
+        on_pooled_thread(work);
+        in_work_group(work);
+        in_net(work);
     }
     traffic::over = true;
 }
@@ -236,52 +239,50 @@ struct running {
 };
 
 TEST(fork_death_test, using_what_runs_in_the_parent_fails_a_check) {
-    auto const in_fork = [](auto const& use) {
-        auto* const parent = new running;
-        end_as_in_fork([&] { use(*parent); });
+    char const* const base = "sources/ovel_thread_base.cpp";
+    char const* const pooled = "sources/ovel_thread.cpp";
+    char const* const group = "sources/ovel_thread_group.cpp";
+    char const* const net = "sources/ovel_petri_net.cpp";
+    char const* const gone = "!_element->inherited()";
+    char const* const inherited = "!inherited()";
+    struct {
+        void (*use)(running&);
+        char const* check;
+        char const* file;
+    } const misuses[] = {
+        {[](running& of) { of.own.acquire(); },
+         "WaitForSingleObject(_thread, INFINITE) == WAIT_OBJECT_0", base},
+        {[](running& of) { std::ignore = of.own.try_acquire(); }, "r == WAIT_OBJECT_0", base},
+        {[](running& of) { std::ignore = of.own.timed_acquire(ovel::time::then(9.0)); },
+         "r == WAIT_OBJECT_0", base},
+        {[](running& of) { of.lent.acquire(); }, gone, pooled},
+        {[](running& of) { std::ignore = of.lent.try_acquire(); }, gone, pooled},
+        {[](running& of) { of.done.acquire(); }, gone, pooled},
+        {[](running& of) { of.group.acquire(); }, gone, pooled},
+        {[](running& of) { of.group.schedule(of.quick, 1.0, 0.0); }, inherited, group},
+        {[](running& of) { of.group.conclude(); }, inherited, group},
+        {[](running& of) { of.group.clear(); }, inherited, group},
+        {[](running& of) { of.group.release(); }, "_acquired == _threads", group},
+        {[](running& of) { of.crew.submit([] {}); }, inherited, "sources/ovel_task_crew.cpp"},
+        {[](running& of) { of.net.send(of.place, of.token); }, inherited, net},
+        {[](running& of) { std::ignore = of.net.try_peek(of.place, of.token); }, inherited, net},
+        {[](running& of) { of.net.acquire(); }, inherited, net},
+        {[](running& of) { of.place->send(of.token); }, inherited, net},
+        {[](running& of) { of.typed.halt(); }, "!_net.inherited()", "includes/ovel_petri.h"},
     };
-    std::string const base = "sources/ovel_thread_base.cpp";
-    EXPECT_CHECK(in_fork([](running& of) { of.own.acquire(); }),
-                 "WaitForSingleObject(_thread, INFINITE) == WAIT_OBJECT_0", base);
-    std::string const ended = "r == WAIT_OBJECT_0";
-    EXPECT_CHECK(in_fork([](running& of) { static_cast<void>(of.own.try_acquire()); }), ended,
-                 base);
-    auto const wait = [](running& of) {
-        static_cast<void>(of.own.timed_acquire(ovel::time::then(9.0)));
-    };
-    EXPECT_CHECK(in_fork(wait), ended, base);
-    std::string const pooled = "sources/ovel_thread.cpp";
-    std::string const gone = "!_element->inherited()";
-    EXPECT_CHECK(in_fork([](running& of) { of.lent.acquire(); }), gone, pooled);
-    EXPECT_CHECK(in_fork([](running& of) { static_cast<void>(of.lent.try_acquire()); }), gone,
-                 pooled);
-    EXPECT_CHECK(in_fork([](running& of) { of.done.acquire(); }), gone, pooled);
-    EXPECT_CHECK(in_fork([](running& of) { of.group.acquire(); }), gone, pooled);
-    std::string const group = "sources/ovel_thread_group.cpp";
-    std::string const inherited = "!inherited()";
-    EXPECT_CHECK(in_fork([](running& of) { of.group.schedule(of.quick, 1.0, 0.0); }), inherited,
-                 group);
-    EXPECT_CHECK(in_fork([](running& of) { of.group.conclude(); }), inherited, group);
-    EXPECT_CHECK(in_fork([](running& of) { of.group.clear(); }), inherited, group);
-    EXPECT_CHECK(in_fork([](running& of) { of.group.release(); }), "_acquired == _threads", group);
-    EXPECT_CHECK(in_fork([](running& of) { of.crew.submit([] {}); }), inherited,
-                 "sources/ovel_task_crew.cpp");
-    auto const in_fork_of_scope = [](auto const& use) {
+    for (auto const& each : misuses) {
+        auto const in_fork = [&] {
+            auto* const parent = new running;
+            end_as_in_fork([&] { each.use(*parent); });
+        };
+        EXPECT_CHECK(in_fork(), each.check, each.file);
+    }
+    auto const in_fork_of_scope = [] {
         ovel::work_group parents(2);
         ovel::task_scope here(parents);
-        end_as_in_fork([&] { use(here); });
+        end_as_in_fork([&] { here.wait(); });
     };
-    EXPECT_CHECK(in_fork_of_scope([](ovel::task_scope& here) { here.wait(); }), "!crew.inherited()",
-                 "includes/ovel_parallel.h");
-    std::string const net = "sources/ovel_petri_net.cpp";
-    EXPECT_CHECK(in_fork([](running& of) { of.net.send(of.place, of.token); }), inherited, net);
-    EXPECT_CHECK(
-        in_fork([](running& of) { static_cast<void>(of.net.try_peek(of.place, of.token)); }),
-        inherited, net);
-    EXPECT_CHECK(in_fork([](running& of) { of.net.acquire(); }), inherited, net);
-    EXPECT_CHECK(in_fork([](running& of) { of.place->send(of.token); }), inherited, net);
-    EXPECT_CHECK(in_fork([](running& of) { of.typed.halt(); }), "!_net.inherited()",
-                 "includes/ovel_petri.h");
+    EXPECT_CHECK(in_fork_of_scope(), "!crew.inherited()", "includes/ovel_parallel.h");
 }
 
 TEST(fork_death_test, work_of_the_parent_that_returns_in_the_child_fails_a_check) {
@@ -295,13 +296,6 @@ TEST(fork_death_test, work_of_the_parent_that_returns_in_the_child_fails_a_check
             std::_Exit(1);
         }
     };
-    auto const in_thread = [&] {
-        ovel::work job(fork_and_return);
-        ovel::thread lent;
-        lent.schedule(job);
-        lent.release();
-        lent.acquire();
-    };
     auto const in_group = [&] {
         ovel::work job(fork_and_return);
         ovel::thread_group group(2, 0.0, 32768);
@@ -310,24 +304,11 @@ TEST(fork_death_test, work_of_the_parent_that_returns_in_the_child_fails_a_check
         group.conclude();
         group.acquire();
     };
-    auto const in_work_group = [&] {
-        ovel::work_group group(1);
-        group.submit(fork_and_return).get();
-        group.join();
-    };
-    auto const in_net = [&] {
-        ovel::net net(1);
-        auto const place = net.insert_place<int>("place", 1);
-        net.insert_transition("fork", ovel::from(place), [&](int) { fork_and_return(); });
-        net.start();
-        place.send(1);
-        net.join();
-    };
     std::string const check = "process == this_process()";
-    EXPECT_CHECK(in_thread(), check, "sources/ovel_thread_base.cpp");
+    EXPECT_CHECK(on_pooled_thread(fork_and_return), check, "sources/ovel_thread_base.cpp");
     EXPECT_CHECK(in_group(), check, "sources/ovel_thread_group.cpp");
-    EXPECT_CHECK(in_work_group(), check, "sources/ovel_task_crew.cpp");
-    EXPECT_CHECK(in_net(), check, "sources/ovel_petri_net.cpp");
+    EXPECT_CHECK(in_work_group(fork_and_return), check, "sources/ovel_task_crew.cpp");
+    EXPECT_CHECK(in_net(fork_and_return), check, "sources/ovel_petri_net.cpp");
 }
 
 // As at the end of a child that exits.

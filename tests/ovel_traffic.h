@@ -14,10 +14,9 @@
 #include "ovel_work.h"
 
 #include <array>
-#include <atomic>
-#include <cstddef>
 #include <cstring>
 #include <deque>
+#include <iterator>
 
 namespace traffic {
 
@@ -39,6 +38,11 @@ inline void exchange_blocks(unsigned int round) {
     for (std::size_t i = 0; i != found->size; ++i)
         assure(found->bytes[i] == static_cast<unsigned char>(found->size));
     ovel::allocator_support::deallocate(found);
+}
+
+inline void exchange_many_blocks(unsigned int round) {
+    for (unsigned int i = 0; i != 100; ++i)
+        exchange_blocks(round * 100 + i);
 }
 
 template <class Thread>
@@ -74,32 +78,22 @@ inline void run_net() {
     pipeline.join();
 }
 
-constexpr int kinds = 6;
+// How the threads use the library, by the kind of the thread.
+inline constexpr void (*uses[])(unsigned int round) = {
+    exchange_many_blocks,
+    exchange_many_blocks,
+    [](unsigned int) { run_thread<ovel::thread>(); },
+    [](unsigned int) { run_thread<ovel::thread_base>(); },
+    [](unsigned int) { run_group(); },
+    [](unsigned int) { run_net(); },
+};
+constexpr int kinds = static_cast<int>(std::size(uses));
 inline std::array<std::atomic<unsigned int>, kinds> rounds;
 inline std::atomic<bool> over = false;
 
 // Uses one facility, by its number.
 inline void use(int kind) {
-    unsigned int const round = rounds[static_cast<std::size_t>(kind)]++;
-    switch (kind) {
-        case 0:
-        case 1:
-            for (unsigned int i = 0; i != 100; ++i)
-                exchange_blocks(round * 100 + i);
-            break;
-        case 2:
-            run_thread<ovel::thread>();
-            break;
-        case 3:
-            run_thread<ovel::thread_base>();
-            break;
-        case 4:
-            run_group();
-            break;
-        case 5:
-            run_net();
-            break;
-    }
+    uses[kind](rounds[static_cast<std::size_t>(kind)]++);
 }
 
 inline void use_until_over(int kind) {
