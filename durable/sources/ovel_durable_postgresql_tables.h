@@ -160,6 +160,8 @@ BEGIN
             WHERE c.net = of_net AND c.id = lost.id AND c.part = lost.part AND c.member <> me
                 AND coalesce((SELECT until FROM members m WHERE m.id = c.member), 0) < clock();
         CONTINUE WHEN NOT FOUND;
+        own.member := me;
+        own.epoch := own.epoch + 1;
         count := cardinality(own.open);
         IF count > most - got THEN
             -- The last ones, as a part of their own.
@@ -167,12 +169,11 @@ BEGIN
                 WHERE net = of_net AND id = own.id AND part = own.part;
             own.open := own.open[count - most + got + 1 :];
             own.part := own.open[1] + 1;
+            INSERT INTO claims SELECT own.*;
         ELSE
-            DELETE FROM claims WHERE net = of_net AND id = own.id AND part = own.part;
+            UPDATE claims SET member = own.member, epoch = own.epoch
+                WHERE net = of_net AND id = own.id AND part = own.part;
         END IF;
-        own.member := me;
-        own.epoch := own.epoch + 1;
-        INSERT INTO claims SELECT own.*;
         got := got + cardinality(own.open);
         RETURN NEXT own;
     END LOOP;
