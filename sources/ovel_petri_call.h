@@ -55,9 +55,12 @@ struct petri_call {
     bool receives() const {
         return what <= kind::try_receive;
     }
-    // Whether it may wait for what it needs: the even kinds do.
-    bool waits() const {
-        return (static_cast<unsigned char>(what) & 1) == 0;
+    // Whether it never waits for what it needs: the odd kinds.
+    bool is_try() const {
+        return (static_cast<unsigned char>(what) & 1) != 0;
+    }
+    bool may_wait() const {
+        return !is_try() && (patience == nullptr || patience->milliseconds != 0);
     }
 
     kind const what;

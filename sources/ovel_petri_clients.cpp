@@ -59,7 +59,8 @@ bool petri_net::engine::_take_turns(bool is_first) {
             if (each->passed < most_passed)
                 continue;
             bool const has_tried = (each->present & petri_callers::has_tried) != 0;
-            if (has_tried && is_first) {
+            // A gain that no transition wants is still there when the call comes.
+            if (has_tried && is_first && is_running() && !_enabled.empty()) {
                 yields = true;
                 if (each->passed == most_passed)
                     pauses = most_pauses;
@@ -78,6 +79,9 @@ bool petri_net::engine::_take_turns(bool is_first) {
 // Serves all callers that the place has something for, and ends the calls that can't be.
 void petri_net::engine::_serve(petri_place* place) {
     place->_is_offered = false;
+    // First, because a call that cannot be carried out any more would hold up those behind it.
+    if (place->_closed)
+        end_calls(place);
     while (_serve_one(place->_receivers) || _serve_one(place->_senders)) {}
     if (place->_closed)
         end_calls(place);
@@ -130,11 +134,13 @@ void petri_net::engine::_carry_out_published() {
         oldest = std::exchange(newest, std::exchange(newest->next, oldest));
     while (oldest != nullptr) {
         petri_call& call = *std::exchange(oldest, oldest->next);
+        petri_callers& at = callers(call);
+        // Calls that wait have come earlier.
+        while (_serve_one(at)) {}
         if (_net._carry_out(call)) {
-            petri_callers& at = callers(call);
             at.passed = 0;
-            if (!call.waits())
-                at.present &= ~petri_callers::has_tried;
+            if (!call.may_wait())
+                found(call);
             _end(call);
         } else if (!wait_or_miss(call)) {
             _end(call);
@@ -144,14 +150,19 @@ void petri_net::engine::_carry_out_published() {
 
 bool petri_net::engine::wait_or_miss(petri_call& call) {
     petri_callers& at = callers(call);
-    if (!call.waits()) {
+    if (call.is_try()) {
         at.present |= petri_callers::has_tried;
         return false;
     }
     call.outcome = _reason_to_end(call);
-    if (call.outcome != petri_outcome::elapsed ||
-        (call.patience != nullptr && call.patience->milliseconds == 0))
+    if (call.outcome != petri_outcome::elapsed)
         return false;
+    if (!call.may_wait()) {
+        // Before a call that waits comes one that does not, without a reason to end.
+        if (call.patience->releases != nullptr)
+            at.present |= petri_callers::has_tried;
+        return false;
+    }
     if (at.last == nullptr)
         at.last = call.next = &call;
     else

@@ -214,6 +214,15 @@ public:
     // The place does not have what the call needs. Returns whether the call waits for it.
     bool wait_or_miss(detail::petri_call& call);
 
+    // A call that never waits has been carried out: its place owes such callers no chance.
+    static void found(detail::petri_call& call) {
+        detail::petri_callers& at = callers(call);
+        if ((at.present & detail::petri_callers::has_tried) == 0)
+            return;
+        at.present &= ~detail::petri_callers::has_tried;
+        at.passed = 0;
+    }
+
     // Ends a call that waits. Returns whether it did.
     bool withdraw(detail::petri_call& call);
 

@@ -418,7 +418,12 @@ bool petri_net::_carry_out(detail::petri_call& call) {
     assure(!inherited());
     if (_mutex.try_acquire()) {
         change const hold(*this, change::taken);
-        if (_perform(call) || !_engine->wait_or_miss(call))
+        if (_perform(call)) {
+            if (call.is_try())
+                engine::found(call);
+            return call.outcome;
+        }
+        if (!_engine->wait_or_miss(call))
             return call.outcome;
     }
     return _complete_late(call);

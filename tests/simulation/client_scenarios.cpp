@@ -118,6 +118,33 @@ void turns(unsigned int variant) {
     net.acquire();
 }
 
+// A call that waits is carried out before those that come while it waits.
+void newcomers(unsigned int variant) {
+    accounts const books(variant % 2);
+    busy function;
+    petri_net net(1, 0.0, 16384);
+    petri_place* const place = net.insert_place(1);
+    petri_transition* const fills = net.insert_transition(function, false, 1.0, 0.0, 0);
+    net.insert_output_arc(fills->output(function.into), place);
+    begin();
+    net.release();
+    {
+        detail::atomic<bool> is_served{false};
+        auto const try_on = [&] {
+            for (any token; !is_served.load(); YieldProcessor())
+                static_cast<void>(net.try_receive(place, token));
+        };
+        client one(try_on), two(try_on);
+        client waits([&] {
+            any token;
+            net.receive(place, token);
+            is_served = true;
+        });
+    }
+    function.is_over = true;
+    net.acquire();
+}
+
 // With memory refused while several clients pass tokens through a place, block and carry out
 // each other's calls, a call that throws has put its token, or taken one, or has not.
 void client_refusals(unsigned int) {
@@ -186,6 +213,7 @@ void client_refusals(unsigned int) {
 registration const table[] = {
     registration({.name = "net_stops_after_the_last_call", .run = stops, .variants = 2}),
     registration({.name = "net_gives_clients_their_turn", .run = turns, .variants = 4}),
+    registration({.name = "net_serves_waiting_clients_first", .run = newcomers, .variants = 2}),
     registration({.name = "net_clients_bear_refused_memory", .run = client_refusals})};
 
 }  // namespace
