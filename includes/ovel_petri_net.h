@@ -659,6 +659,12 @@ public:
     // stated for each. A transition that could not be queued is examined again when one
     // of its inputs gains tokens or one of its outputs gains slots, by `activate`, and by
     // `release`.
+    //
+    // Tokens are copied, moved and destroyed under the net's mutex, by the caller or by
+    // another thread that uses the net. So that code does not use the net or depend on its
+    // thread, takes no lock that a thread holds while it calls the net, and gets by with
+    // the stack of a thread of the net's groups. The net outlives calls that have not
+    // returned.
 
     // Copy the oldest token. After an exception `token` is empty.
     void peek(petri_place* place, any& token);

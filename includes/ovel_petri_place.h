@@ -21,13 +21,14 @@ namespace ovel {
 // Any thread may use the operations, and the net need not run for that. A `T` is moved
 // in and out, and copied only where an lvalue is sent and by `try_peek`; if it can be
 // copied, its tokens are an `any` of `T` to the users of the `petri_net`. Tokens are moved
-// in, copied and destroyed under the net's lock, so that must not call the net; another
-// thread that uses the net at that time may do it. A token of another type fails the check
+// in, copied and destroyed under the net's lock, by this thread or by another one that uses
+// the net. So a token's code must not call the net, depend on its thread, or take a lock that
+// a thread holds while it calls the net. A token of another type fails the check
 // "operand.type() == typeid(T)". A container of what cannot be copied says that it can, and
 // then fails to compile: hold it by a std::unique_ptr.
 //
 // Transitions take what they can before the threads outside do, but every few gains of a
-// place at which such a thread waits or tries go to those threads first.
+// place at which such a thread waits, or tries without a pause, go to those threads first.
 //
 // A firing body has `firing` for its own places. A body that sends by hand to a full place,
 // or receives from an empty one, blocks a thread of its net meanwhile, and for ever if no
