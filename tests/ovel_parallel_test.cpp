@@ -7,21 +7,10 @@
 #include "ovel_std.h"
 #include "ovel_test.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <atomic>
-#include <limits>
-#include <memory>
 #include <mutex>
-#include <new>
 #include <numeric>
 #include <set>
 #include <stdexcept>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
 
 namespace {
 

@@ -3,15 +3,9 @@
 // and no thread sleeps while there is work for it.
 
 #include "accounts.h"
-#include "ovel_assure.h"
-#include "ovel_atomic.h"
 #include "ovel_parallel.h"
-#include "ovel_semaphore.h"
 #include "ovel_thread_specific_ptr.h"
-#include "simulation/simulation.h"
 
-#include <algorithm>
-#include <cstdint>
 #include <functional>
 
 namespace ovel::simulation {
