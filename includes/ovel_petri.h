@@ -415,8 +415,6 @@ inline void detail::net_core::_insert_arcs(transition_record& of) {
         assure(place->owner == this);
         _net._insert_inhibitor(place->element, of.element);
     }
-    for (arc_record const& arc : of.arcs)
-        _net._settle(arc.place->element);
 }
 
 template <class T>
@@ -462,10 +460,8 @@ transition net::insert_transition(std::string name, detail::inputs<From...> from
         if constexpr (record::traits::flushes) {
             using flush = detail::flush_record<record, 1 + sizeof...(To)>;
             petri_place* const mark = core.base().insert_place(1);
-            auto last = std::make_unique<flush>(core, inserted, mark);
-            detail::transition_record& at_end = *last;
-            core.insert(std::move(last), false, time, options.space, options.group, {});
-            core.tell_of_end(inserted, at_end, mark);
+            core.insert_at_end(inserted, std::make_unique<flush>(core, inserted, mark), time,
+                               options.space, options.group);
         }
         return transition(&inserted);
     } else {

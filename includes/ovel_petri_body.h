@@ -201,6 +201,7 @@ public:
         : transition_record(of, std::string(told.name.text())),
           _told(told),
           _mark{&of, trace::shared_name(told.name.text()), mark} {
+        mark_place = &_mark;
         arcs.reserve(arc_count);
         arcs.push_back({&_mark, true, 1, nullptr});
         told.insert_outputs(*this);

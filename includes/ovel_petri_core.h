@@ -60,8 +60,9 @@ public:
     inline place_record* insert_place(std::string&& name, unsigned int capacity, bool closes);
     inline void insert(std::unique_ptr<transition_record> inserted, bool reentrant, double time,
                        double space, unsigned int group, ovel::time const& delay);
-    // `at_end` fires once, when `of` has ended and `mark` gets a token.
-    inline void tell_of_end(transition_record& of, transition_record& at_end, petri_place* mark);
+    // The same for one that fires once, when `of` has ended and its `mark_place` gets a token.
+    inline void insert_at_end(transition_record& of, std::unique_ptr<transition_record> inserted,
+                              double time, double space, unsigned int group);
 
     inline void activate(transition_record& activated);
     inline void deactivate(transition_record& deactivated);
@@ -80,6 +81,7 @@ public:
     }
     // The net gets one. While it is stopped.
     void make_stop_source() {
+        auto const hold = _hold();
         if (!_stop.stop_possible())
             _renew_stop_source();
     }
@@ -116,6 +118,13 @@ private:
     // Takes `_lock` for the length of a scope.
     [[nodiscard]] std::lock_guard<lockable<mutex>> _hold();
 
+    // Has room for one more.
+    template <class Record>
+    static void _make_room(std::vector<std::unique_ptr<Record>>& in) {
+        if (in.size() == in.capacity())
+            in.reserve(2 * in.size() + 1);
+    }
+
     template <class Limit, class Attempt>
     petri_outcome _wait(place_record& at, Limit const& limit, Attempt const& attempt);
     template <class Attempt>
@@ -135,8 +144,9 @@ private:
     void _deactivate();
     void _end();
 
-    // Guards `_callers`, `_halted`, which is read without it as well, `_started`, and whether
-    // each transition is active. Lock order: `_lock`, then what the net locks.
+    // Guards `_callers`, `_halted`, which is read without it as well, `_started`, the records,
+    // which other threads look at while the net is built, and whether each is active. Lock order:
+    // `_lock`, then what the net locks.
     lockable<mutex> _lock;
     net_callers _callers{_lock};
     atomic<bool> _halted{false};
@@ -159,6 +169,8 @@ bool join_until(petri_net& stopped, Point const& point) {
 
 inline place_record* net_core::insert_place(std::string&& name, unsigned int capacity,
                                             bool closes) {
+    auto const hold = _hold();
+    _make_room(_places);
     std::unique_ptr<place_record> inserted(
         new place_record{this, trace::shared_name(std::move(name)), _net.insert_place(capacity)});
     inserted->element->_closes = closes;
@@ -170,20 +182,28 @@ inline void net_core::insert(std::unique_ptr<transition_record> inserted, bool r
                              double time, double space, unsigned int group,
                              ovel::time const& delay) {
     transition_record& record = *inserted;
-    _transitions.push_back(std::move(inserted));
-    record.element = _net.insert_transition(record, reentrant, time, space, group);
+    {
+        // A record that is listed has its element.
+        auto const hold = _hold();
+        _make_room(_transitions);
+        record.element = _net.insert_transition(record, reentrant, time, space, group);
+        _transitions.push_back(std::move(inserted));
+    }
     if (delay != ovel::time())
         _net._delay(record.element, delay);
     _insert_arcs(record);
 }
 
-inline void net_core::tell_of_end(transition_record& of, transition_record& at_end,
-                                  petri_place* mark) {
+inline void net_core::insert_at_end(transition_record& of,
+                                    std::unique_ptr<transition_record> inserted, double time,
+                                    double space, unsigned int group) {
+    transition_record& at_end = *inserted;
+    insert(std::move(inserted), false, time, space, group, {});
+    auto const hold = _hold();
+    lockable view(_net._mutex);
+    std::lock_guard const hold_net(view);
     of.at_end = &at_end;
-    at_end.is_hidden = true;
-    of.element->_at_end = mark;
-    for (arc_record const& arc : of.arcs)
-        _net._settle(arc.place->element);
+    of.element->_at_end = at_end.mark_place->element;
 }
 
 inline void net_core::activate(transition_record& activated) {
@@ -210,19 +230,28 @@ inline void net_core::start() {
         if (_callers.has_failed())
             _callers.wait_unblocked();
         // Relaxed: it changes under the lock.
-        if (_halted.load(std::memory_order_relaxed))
+        if (_halted.load(std::memory_order_relaxed)) {
             for (auto const& record : _transitions)
                 if (record->active)
                     record->element->activate();
+            // The thread that halted it may have yet to request the stop.
+            if (_stop.stop_possible())
+                _renew_stop_source();
+        }
         // What fails it from here on holds for this run.
         _callers.forget_failure();
         _callers.shut(false);
         _halted = false;
-        if (_stop.stop_requested())
-            _renew_stop_source();
         _started = true;
     }
-    _net.release();
+    try {
+        _net.release();
+    } catch (...) {
+        auto const hold = _hold();
+        _started = false;
+        _callers.shut(false);
+        throw;
+    }
     _running = true;
 }
 
@@ -360,7 +389,7 @@ inline explanation net_core::explain() {
     }
     for (auto const& record : _transitions) {
         petri_transition& element = *record->element;
-        if (record->is_hidden)
+        if (record->mark_place != nullptr)
             continue;
         made.transitions.push_back({record->name.text(),
                                     element.activated(),

@@ -746,7 +746,6 @@ private:
     void _put(petri_place* place, maker make, void* from);
     void _wake();
     void _close(petri_place* place);
-    void _settle(petri_place* place);
     void _insert_inhibitor(petri_place* place, petri_transition* transition);
     void _delay(petri_transition* transition, ovel::time const& delay);
     bool _ended(petri_place* place);

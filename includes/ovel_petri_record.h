@@ -104,7 +104,8 @@ public:
     bool active = true;                   // as its user wants it; under the net's `_lock`
     transition_record* at_end = nullptr;  // fires once, when this one has ended
     std::vector<place_record*> inhibitors;
-    bool is_hidden = false;  // it is that of another one
+    // Where one that fires at the end of another gets its token; null for all others.
+    place_record* mark_place = nullptr;
 
 protected:
     template <class T, bool Weighted>

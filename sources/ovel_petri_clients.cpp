@@ -259,13 +259,6 @@ void petri_net::_close(petri_place* place) {
     _engine->close(place);
 }
 
-// Arcs have been added to the place.
-void petri_net::_settle(petri_place* place) {
-    change const hold(*this);
-    if (place->_closed)
-        _engine->settle(place);
-}
-
 // Before any arc of the transition. Starts the clock, which the engine reads under the mutex.
 void petri_net::_delay(petri_transition* transition, ovel::time const& delay) {
     static_cast<void>(time::now());
@@ -282,6 +275,7 @@ void petri_net::_insert_inhibitor(petri_place* place, petri_transition* transiti
     place->_producers.ends.make_room();
     transition->accesses().make_room();
     place->_producers.push_back({transition, place->_capacity, transition->reentrant(), true});
+    _engine->change_structure(place);
     transition->accesses().push_back({place, 0, 0, false});
     if (transition->queued() && !transition->enabled())
         _engine->dequeue(transition);

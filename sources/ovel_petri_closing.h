@@ -19,6 +19,10 @@ namespace ovel::detail {
 // a token and is closed. And each place that closes by itself, and that only ended transitions
 // put into, is closed.
 //
+// While the structure changes nothing but calls ends: a place that closes by itself may yet get
+// more transitions that put into it, and a transition a place that is to hear of its end. The
+// start completes the structure.
+//
 // Tokens that a running firing has reserved may be left by it. So what a place has counts them,
 // and it is looked at again when they are committed.
 //
@@ -33,12 +37,16 @@ public:
         place->_next_closed = std::exchange(_first, place);
     }
 
-    // Has a closed place looked at again, since arcs have been added to it.
-    void list(petri_place* place) {
-        for (petri_place* each = _first; each != nullptr; each = each->_next_closed)
-            if (each == place)
-                return;
-        place->_next_closed = std::exchange(_first, place);
+    // An arc is added to the place.
+    void change_structure(petri_place* place) {
+        _is_complete = false;
+        if (place->_closed)
+            _list(place);
+    }
+    template <class Engine>
+    void complete_structure(Engine& engine) {
+        _is_complete = true;
+        settle(engine);
     }
 
     // Ends what has no more to do: transitions, and calls that wait at a closed place.
@@ -49,7 +57,7 @@ public:
             for (petri_place* rest = std::exchange(_first, nullptr); rest != nullptr;) {
                 petri_place* const place = std::exchange(rest, rest->_next_closed);
                 if (!_settle(*place, engine))
-                    list(place);
+                    _list(place);
             }
         } while (_changed);
     }
@@ -59,10 +67,20 @@ private:
 
     using life = petri_transition::life;
 
+    // Has a closed place looked at again.
+    void _list(petri_place* place) {
+        for (petri_place* each = _first; each != nullptr; each = each->_next_closed)
+            if (each == place)
+                return;
+        place->_next_closed = std::exchange(_first, place);
+    }
+
     // Returns whether all transitions around the place have ended.
     template <class Engine>
     bool _settle(petri_place& place, Engine& engine) {
         engine.end_calls(&place);
+        if (!_is_complete)
+            return false;
         bool all = true;
         for (auto const& [transition, size, reentrant, inhibits] : place._producers.ends)
             all &= inhibits || _settle(*transition, true, engine);
@@ -110,7 +128,8 @@ private:
     }
 
     petri_place* _first = nullptr;
-    bool _changed = false;  // a transition has ended
+    bool _changed = false;      // a transition has ended
+    bool _is_complete = false;  // no arc has been added since the last start
 };
 
 }  // namespace ovel::detail

@@ -147,6 +147,14 @@ public:
     // Gives all transitions their ranks if some have none yet.
     void rank(list<petri_transition*>& transitions);
 
+    // An arc is added to the place: what closed places end waits until the structure is complete.
+    void change_structure(petri_place* place) {
+        _closing.change_structure(place);
+    }
+    void complete_structure() {
+        _closing.complete_structure(*this);
+    }
+
     // From here on dispatch runs what is enabled. All transitions must have been
     // examined.
     void start() {
@@ -253,11 +261,6 @@ public:
     // Closes a place for good: no further firing puts into it, nor does a caller of `net`.
     void close(petri_place* place) {
         _closing.close(place);
-        _news |= detail::for_closing;
-    }
-    // Looks at a closed place again, since arcs have been added to it.
-    void settle(petri_place* place) {
-        _closing.list(place);
         _news |= detail::for_closing;
     }
 

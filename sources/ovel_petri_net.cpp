@@ -300,7 +300,10 @@ petri_place* petri_net::insert_place(unsigned int capacity) {
     _assure_stopped();
     assure(capacity != 0);
     auto place = std::make_unique<petri_place>(capacity);
-    _places.push_back(place.get());
+    auto of_net = list<petri_place*>::prepare(place.get());
+    // A thread that lets callers go looks at all places.
+    detail::guard const hold(_mutex);
+    _places.push_back(std::move(of_net));
     return place.release();
 }
 
@@ -344,6 +347,7 @@ petri_arc* petri_net::_insert_arc(petri_place* place, petri_connector const& con
     place->insert_arc(std::move(of_place));
     connector.transition()->insert_arc(std::move(of_transition));
     connector.place_reference() = place;
+    _engine->change_structure(place);
     // Tokens of a stopped net may have enabled the transition without this arc.
     if (connector.transition()->queued() && !arc->enabled())
         _engine->dequeue(connector.transition());
@@ -520,7 +524,8 @@ void petri_net::release() {
     {
         // No other thread changes a stopped net while it starts, but callers that it
         // blocks may wake up and look.
-        detail::guard const hold(_mutex);
+        change const hold(*this);
+        _engine->complete_structure();
         _engine->rank(_transitions);
         _enqueue_initial_transitions();
     }

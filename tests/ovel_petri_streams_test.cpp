@@ -238,6 +238,44 @@ TEST(petri_streams_test, a_transition_that_can_t_fire_again_has_ended) {
     tested.join();
 }
 
+// One place has ended before a body is there to hear of it, another before the transition that
+// puts behind it.
+TEST(petri_streams_test, what_is_closed_while_a_net_is_built_ends_at_its_start) {
+    net tested(1);
+    auto const empty = tested.insert_place<int>("empty", 1);
+    auto const other = tested.insert_place<int>("other", 1);
+    auto const out = tested.insert_place<int>("out", 2, ovel::closes);
+    empty.close();
+    other.send(1);
+    other.close();
+    tested.insert_transition("last", from(empty), to(out),
+                             [](std::optional<int> token) { return token.value_or(2); });
+    tested.insert_transition("pass", from(other), to(out), [](int token) { return token; });
+    EXPECT_FALSE(out.ended());
+    tested.start();
+    int sum = 0;
+    for (int const token : all_of(out))
+        sum += token;
+    EXPECT_EQ(sum, 3);
+    tested.join();
+}
+
+TEST(petri_streams_test, other_threads_may_halt_and_ask_while_a_net_is_built) {
+    net tested(1);
+    auto const in = tested.insert_place<int>("in", 1);
+    std::atomic<int> halts{0};
+    std::jthread const other([&](std::stop_token stop) {
+        for (; !stop.stop_requested(); ++halts) {
+            tested.halt();
+            static_cast<void>(tested.explain());
+        }
+    });
+    for (int each = 0; each < 100 || halts < 100; ++each) {
+        tested.insert_place<int>("more", 1);
+        tested.insert_transition("take", from(in), [](std::optional<int>, std::stop_token) {});
+    }
+}
+
 // Random chains and forks of closing places, with bodies that throw, halts and restarts: each
 // token is somewhere, or was lost by a body that threw, and the end comes last.
 TEST(petri_streams_test, closing_nets_of_any_structure_keep_their_tokens) {

@@ -4,6 +4,10 @@
 
 #include "accounts.h"
 
+#include <memory>
+#include <optional>
+#include <stop_token>
+
 namespace ovel::simulation {
 
 namespace {
@@ -137,9 +141,29 @@ void refused_blocks(unsigned int variant) {
     }
 }
 
+// With a block refused while a net is built, the net can be destroyed.
+void refused_building(unsigned int) {
+    accounts const books(0, true);
+    net tested(1, 0.0, stack_size);
+    begin();
+    refuse_blocks(1 + pick(60));
+    try {
+        auto const in = tested.insert_place<int>("in", 2);
+        auto const out = tested.insert_place<int>("out", 2);
+        tested.insert_transition("late", from(in, unless(out)), [](int) {},
+                                 {.after = std::chrono::seconds(1)});
+        tested.insert_transition("last", from(in), to(out),
+                                 [](std::optional<int> token, std::stop_token) { return token; });
+    } catch (std::bad_alloc const&) {
+        assure(refused() != 0);
+    }
+    refuse_blocks(0, 0);
+}
+
 registration const table[] = {
     registration({.name = "net_failure_reaches_the_blocked", .run = failures, .variants = 2}),
     registration({.name = "typed_net_bears_refused_blocks", .run = refused_blocks, .variants = 2}),
+    registration({.name = "typed_net_bears_refused_building", .run = refused_building}),
     registration({.name = "net_token_not_sent_is_kept", .run = refused_tokens})};
 
 }  // namespace
