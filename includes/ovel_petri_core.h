@@ -93,6 +93,9 @@ public:
     bool receive(place_record& from, any& token, Limit const& limit);
     template <class Limit>
     bool put(place_record& to, maker make, void* value, Limit const& limit);
+    bool try_receive(place_record& from, any& token) {
+        return _net._try_take(from.element, token);
+    }
     bool try_put(place_record& to, maker make, void* value) {
         return _net._try_put(to.element, make, value);
     }

@@ -194,7 +194,7 @@ private:
         return _closed && _size == 0 && _send_size == 0;
     }
 
-    // A token comes into a free slot, or never came, without a reservation.
+    // A token comes into a free slot, or leaves, without a reservation.
     void count_in() {
         ++_size;
     }
@@ -737,12 +737,14 @@ private:
     void _send(petri_place* place, any const& token);
 
     // The operations of `net`. A token that is put is made under the net's lock; after any
-    // exception nothing is put. `_wake` ends the calls whose patience is over.
+    // exception nothing is put or taken. `_wake` ends the calls whose patience is over.
     detail::petri_outcome _receive_within(petri_place* place, any& token,
                                           detail::petri_patience const& patience);
     detail::petri_outcome _put_within(petri_place* place, maker make, void* from,
                                       detail::petri_patience const& patience);
+    bool _try_take(petri_place* place, any& token);
     bool _try_put(petri_place* place, maker make, void* from);
+    void _take(petri_place* place, any& token);
     void _put(petri_place* place, maker make, void* from);
     void _wake();
     void _close(petri_place* place);

@@ -93,13 +93,15 @@ public:
     [[nodiscard]] std::optional<T> try_peek() const;
 
     // Closes it for good, unless it is: nothing is sent to it, and no transition that puts
-    // into it begins a firing. Tokens that are in it, or that firings under way put, still
-    // arrive. Does not block but for locks.
+    // into it begins a firing: such a transition ends, and so may the other places behind it.
+    // Tokens that are in it, or that firings under way put, still arrive. While the net is built,
+    // what ends behind it does so at the start. Does not block but for locks.
     void close() const {
         _record->owner->close(*_record);
     }
 
-    // Whether it is closed and its last token has left: no token comes any more.
+    // Whether it is closed and its last token has left: no token comes any more. A token that was
+    // lost with a body that threw has left, too.
     bool ended() const {
         return _record->owner->ended(*_record);
     }
@@ -145,6 +147,7 @@ private:
 
 // For `from`: the transition fires only while no token is in the place or reserved to be put
 // there. The body gets nothing for it, and nothing keeps tokens from coming once it fires.
+// It is no arc, and a transition needs one besides.
 //
 //     from(orders, unless(alarms)), [](order next) { ship(next); }
 template <class T>
@@ -210,7 +213,7 @@ std::optional<T> place<T>::receive_until(Limit const& limit) const {
 template <class T>
 std::optional<T> place<T>::try_receive() const {
     any received;
-    if (!_record->owner->base().try_receive(_record->element, received))
+    if (!_record->owner->try_receive(*_record, received))
         return std::nullopt;
     return std::move(detail::value_of<T>(received));
 }

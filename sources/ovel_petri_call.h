@@ -36,6 +36,8 @@ struct petri_call {
         try_peek,
         receive,
         try_receive,
+        take,
+        try_take,
         send,
         try_send,
         put,
@@ -53,7 +55,7 @@ struct petri_call {
 
     // Whether it takes or copies a token; otherwise it puts one.
     bool receives() const {
-        return what <= kind::try_receive;
+        return what <= kind::try_take;
     }
     // Whether it never waits for what it needs: the odd kinds.
     bool is_try() const {

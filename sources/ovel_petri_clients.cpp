@@ -248,6 +248,21 @@ void petri_net::_put(petri_place* place, maker make, void* from) {
     _engine->lost_slots(place);
 }
 
+// Takes an available token. It is not counted before it leaves, for the same reason.
+void petri_net::_take(petri_place* place, any& token) {
+    unsigned int const slots = place->slots();
+    place->count_out();
+    try {
+        _engine->gained_slots(place, slots);
+    } catch (...) {
+        place->count_in();
+        _engine->lost_slots(place);
+        throw;
+    }
+    place->receive(token);
+    _engine->lost_tokens(place);
+}
+
 void petri_net::_wake() {
     change const hold(*this);
     for (petri_place* place : _places)
@@ -271,6 +286,7 @@ void petri_net::_delay(petri_transition* transition, ovel::time const& delay) {
 // slots free: it is enabled while no token is there or on its way, and is looked at when the
 // place gains slots.
 void petri_net::_insert_inhibitor(petri_place* place, petri_transition* transition) {
+    _assure_stopped();
     detail::guard const hold(_mutex);
     place->_producers.ends.make_room();
     transition->accesses().make_room();

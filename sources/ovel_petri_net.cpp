@@ -396,6 +396,8 @@ void petri_net::_enqueue_initial_transitions() {
         place->peek(*call.token);
     else if (call.what <= kind::try_receive)
         _receive(place, *call.token);
+    else if (call.what <= kind::try_take)
+        _take(place, *call.token);
     else if (call.what <= kind::try_send)
         _send(place, *call.token);
     else if (place->_closed)
@@ -481,8 +483,13 @@ bool petri_net::try_send(petri_place* place, any const& token) {
 
 petri_outcome petri_net::_receive_within(petri_place* place, any& token,
                                          detail::petri_patience const& patience) {
-    detail::petri_call call(detail::petri_call::kind::receive, place, &token, &patience);
+    detail::petri_call call(detail::petri_call::kind::take, place, &token, &patience);
     return _complete(call);
+}
+
+bool petri_net::_try_take(petri_place* place, any& token) {
+    detail::petri_call call(detail::petri_call::kind::try_take, place, &token);
+    return _complete(call) == petri_outcome::done;
 }
 
 petri_outcome petri_net::_put_within(petri_place* place, maker make, void* from,

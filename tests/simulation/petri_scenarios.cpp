@@ -115,6 +115,29 @@ void refused_tokens(unsigned int) {
     assure(taken == 1 && !shared.try_receive().has_value());
 }
 
+// The same when a token leaves that kept as many from firing.
+void refused_slots(unsigned int variant) {
+    accounts const books(0);
+    net tested(1, 0.0, stack_size);
+    using token = std::unique_ptr<int>;
+    auto const full = tested.insert_place<token>("full", 1);
+    for (int each = 0; each != 10; ++each)
+        tested.insert_transition("fill", to(full), [] { return token(); });
+    full.send(std::make_unique<int>(1));
+    begin();
+    refuse_blocks(1 + pick(3), 1000);
+    token taken;
+    try {
+        taken = *(variant == 0 ? full.try_receive() : full.next());
+    } catch (std::bad_alloc const&) {
+        assure(refused() != 0 && full.size() == 1);
+    }
+    refuse_blocks(0, 0);
+    if (taken == nullptr)
+        taken = full.receive();
+    assure(*taken == 1);
+}
+
 // With a block refused while a net is started or run, a call throws, the net fails with the
 // exception, or the process ends with a message. Nothing leaks.
 void refused_blocks(unsigned int variant) {
@@ -164,6 +187,7 @@ registration const table[] = {
     registration({.name = "net_failure_reaches_the_blocked", .run = failures, .variants = 2}),
     registration({.name = "typed_net_bears_refused_blocks", .run = refused_blocks, .variants = 2}),
     registration({.name = "typed_net_bears_refused_building", .run = refused_building}),
+    registration({.name = "net_token_not_received_is_kept", .run = refused_slots, .variants = 2}),
     registration({.name = "net_token_not_sent_is_kept", .run = refused_tokens})};
 
 }  // namespace
