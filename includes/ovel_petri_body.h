@@ -173,11 +173,8 @@ private:
     static void _put(Firing& scope, Arc const& to, Result&& result) {
         using plain = std::remove_cvref_t<Result>;
         if constexpr (Arc::weighted && !is_optional<plain>) {
-            for (auto& each : result)
-                if constexpr (std::is_lvalue_reference_v<Result>)
-                    scope.put(to.end, each);
-                else
-                    scope.put(to.end, std::move(each));
+            for (auto&& each : result)
+                scope.put(to.end, static_cast<given<Result, decltype(each)>&&>(each));
         } else if constexpr (!Arc::weighted &&
                              std::is_convertible_v<Result&&, typename Arc::value>) {
             scope.put(to.end, std::forward<Result>(result));

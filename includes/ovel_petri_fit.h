@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <iterator>
 #include <optional>
+#include <ranges>
 #include <stop_token>
 #include <tuple>
 #include <type_traits>
@@ -184,15 +185,24 @@ using traits_of = body_traits<Body, std::index_sequence_for<From...>, From...>;
 // What keeps a body from fitting the arcs of its transition.
 enum class misfit { none, parameters, weights, scope_result, any_result, no_result, result, tuple };
 
+// Whether the elements of a range that a body returned may be moved from: it returned the range
+// itself, which is no view of elements that it keeps.
+template <class Result>
+inline constexpr bool gives_elements =
+    !std::is_lvalue_reference_v<Result> && !std::ranges::enable_view<std::remove_cvref_t<Result>> &&
+    !std::ranges::enable_borrowed_range<std::remove_cvref_t<Result>>;
+
+template <class Result, class Element>
+using given = std::conditional_t<gives_elements<Result>, std::remove_reference_t<Element>, Element>;
+
 // Whether a place of `to` takes what a body returned for it: a value, or a range of them for
 // a weighted arc, or an optional one.
 template <class Result, class Arc>
 consteval bool takes() {
     using plain = std::remove_cvref_t<Result>;
     if constexpr (Arc::weighted && requires(plain & range) { *std::begin(range); })
-        return std::is_convertible_v<decltype(*std::begin(std::declval<plain&>())),
-                                     typename Arc::value> ||
-               std::is_convertible_v<typename plain::value_type, typename Arc::value>;
+        return std::is_convertible_v<given<Result, decltype(*std::begin(std::declval<plain&>()))>&&,
+                                     typename Arc::value>;
     else if constexpr (!Arc::weighted && std::is_convertible_v<Result, typename Arc::value>)
         return true;
     else if constexpr (is_optional<plain>)

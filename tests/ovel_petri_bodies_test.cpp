@@ -4,6 +4,8 @@
 #include "ovel_typed_nets.h"
 
 #include <array>
+#include <latch>
+#include <span>
 #include <stop_token>
 #include <variant>
 
@@ -31,6 +33,23 @@ TEST(petri_bodies_test, weighted_arcs_are_arrays_and_vectors) {
         in.send(std::make_unique<int>(each));
     run(tested);
     EXPECT_EQ(drain(out), (std::vector{214, 365}));
+}
+
+// Elements that the body keeps are copied.
+TEST(petri_bodies_test, a_weighted_arc_takes_views_and_ranges_of_proxies) {
+    net tested(1);
+    auto const in = tested.insert_place<int>("in", 2);
+    auto const names = tested.insert_place<std::string>("names", 4);
+    auto const flags = tested.insert_place<bool>("flags", 4);
+    std::vector<std::string> table{"one", "two"};
+    tested.insert_transition("tell", from(in), to(names.times(2), flags.times(2)), [&](int) {
+        return std::tuple(std::span<std::string>(table), std::vector<bool>{true, false});
+    });
+    in.send(1);
+    in.send(2);
+    run(tested);
+    EXPECT_EQ(drain(names), (std::vector<std::string>{"one", "two", "one", "two"}));
+    EXPECT_EQ(drain(flags), (std::vector{true, false, true, false}));
 }
 
 TEST(petri_bodies_test, an_array_of_another_size_than_the_weight_fails_a_check) {
