@@ -298,6 +298,9 @@ public:
     // The names of elements of `base`, which must belong to this net. The cost grows with
     // the net.
     std::string const& name(petri_place const* element) const {
+        for (auto const& record : _core->_transitions)
+            if (record->mark_place != nullptr && record->mark_place->element == element)
+                return record->mark_place->name.text();
         return _name(_core->_places, element);
     }
     std::string const& name(petri_transition const* element) const {

@@ -385,18 +385,27 @@ inline explanation net_core::explain() {
     auto const hold = _hold();
     lockable view(_net._mutex);
     std::lock_guard const hold_net(view);
+    // Relaxed: it changes under the lock.
+    made.halted = _halted.load(std::memory_order_relaxed);
     for (auto const& record : _places) {
         petri_place const& place = *record->element;
         made.places.push_back({record->name.text(), place.tokens(), place._receive_size,
                                place._send_size, place._capacity, place._closed, place.ended()});
     }
     for (auto const& record : _transitions) {
-        petri_transition& element = *record->element;
         if (record->mark_place != nullptr)
             continue;
+        using life = petri_transition::life;
+        bool const flushes = record->at_end != nullptr && record->element->_life == life::ended;
+        transition_record const& shown = flushes ? *record->at_end : *record;
+        petri_transition const& element = *shown.element;
+        bool const ended = element._life == life::ended;
         made.transitions.push_back({record->name.text(),
-                                    element.activated(),
-                                    element._life == petri_transition::life::ended,
+                                    record->active,
+                                    ended,
+                                    flushes && !ended,
+                                    element.queued() && element._delay != ovel::time(),
+                                    element._firing >= element._most_firings,
                                     element._firing,
                                     {}});
         auto& arcs = made.transitions.back().arcs;
@@ -405,13 +414,15 @@ inline explanation net_core::explain() {
                                          [&](auto const& each) { return each.get() == of; });
             return static_cast<std::size_t>(at - _places.begin());
         };
-        for (arc_record const& arc : record->arcs) {
+        for (arc_record const& arc : shown.arcs) {
+            if (arc.place == shown.mark_place)
+                continue;
             petri_place const& place = *arc.place->element;
             arcs.push_back({index_of(arc.place), arc.input, arc.weight,
                             arc.input ? place.tokens() : place.slots(), !arc.input && place._closed,
                             false});
         }
-        for (place_record const* inhibitor : record->inhibitors) {
+        for (place_record const* inhibitor : shown.inhibitors) {
             petri_place const& place = *inhibitor->element;
             arcs.push_back(
                 {index_of(inhibitor), false, place._capacity, place.slots(), false, true});

@@ -43,16 +43,20 @@ struct explanation {
     // A transition.
     struct transition_state {
         std::string name;             // given when it was inserted
-        bool active;                  // whether it may fire
+        bool active;                  // whether it may fire, as `activate` has it
         bool ended;                   // whether it never fires again, since its places have ended
+        bool flushes;                 // whether all that is left is its body's call at the end
+        bool waits;                   // whether it is enabled, and its delay runs
+        bool at_limit;                // whether no more of its firings may run at once
         unsigned int firings;         // reserved or running
-        std::vector<arc_state> arcs;  // in the order of `from`, `to`, `unless`
+        std::vector<arc_state> arcs;  // in the order of `from`, `to`, `unless`; if it flushes, `to`
     };
 
+    bool halted = false;  // the net was halted or has failed: nothing fires until its next start
     std::vector<place_state> places;            // in the order of insertion
     std::vector<transition_state> transitions;  // in the order of insertion
 
-    // A line for each place and each transition.
+    // A line for each place and each transition, behind one that tells of a halt.
     inline std::string text() const;
 
     // A drawing in the language of Graphviz: what keeps a transition from firing is red.
@@ -74,7 +78,7 @@ private:
 };
 
 inline std::string explanation::text() const {
-    std::string made;
+    std::string made = halted ? "no transition fires until the next start\n" : "";
     for (place_state const& each : places) {
         made += "place " + each.name + ": " +
                 _number(each.tokens + each.taken, " token of ", " tokens of ") +
@@ -95,6 +99,8 @@ inline std::string explanation::text() const {
         }
         if (!each.active)
             made += "not active, ";
+        if (each.flushes)
+            made += "at its end, ";
         std::string lacking;
         for (arc_state const& arc : each.arcs)
             if (arc.lacks()) {
@@ -106,7 +112,11 @@ inline std::string explanation::text() const {
                                         : _number(lacks, " slot of ", " slots of ");
                 lacking += places[arc.place].name;
             }
-        made += (lacking.empty() ? "lacks nothing" : lacking) + '\n';
+        if (lacking.empty())
+            lacking = each.waits      ? "waits for its delay"
+                      : each.at_limit ? "as many as may run at once"
+                                      : "lacks nothing";
+        made += lacking + '\n';
     }
     return made;
 }
@@ -122,7 +132,7 @@ inline std::string explanation::dot() const {
         transition_state const& each = transitions[i];
         std::string const name = "t" + std::to_string(i);
         made += "    " + name + " [shape=box, label=" + _quoted(each.name) +
-                (each.ended || !each.active ? ", style=dashed];\n" : "];\n");
+                (each.ended || !each.active || halted ? ", style=dashed];\n" : "];\n");
         for (arc_state const& arc : each.arcs) {
             std::string const place = "p" + std::to_string(arc.place);
             made += "    " +

@@ -209,7 +209,47 @@ TEST(petri_bodies_test, a_net_tells_what_its_transitions_lack) {
               "place done: 0 tokens of 1, ended\n"
               "transition work: ended\n"
               "transition clean: not active, lacks nothing\n"
-              "transition last: ended\n");
+              "transition last: not active, at its end, lacks nothing\n");
+}
+
+TEST(petri_bodies_test, a_net_tells_of_last_calls_delays_and_limits) {
+    net tested(2);
+    auto const in = tested.insert_place<int>("in", 1);
+    auto const out = tested.insert_place<int>("out", 1, ovel::closes);
+    tested.insert_transition("sum", from(in), to(out),
+                             [](std::optional<int> token) { return token.value_or(0); });
+    tested.insert_transition("late", from(in), [](int) {}, {.after = 24h});
+    std::latch begun(1), go(1);
+    auto const held = tested.insert_place<int>("held", 2);
+    tested.insert_transition("hold", from(held), [&](int) {
+        begun.count_down();
+        go.wait();
+    });
+    auto const slow = tested.insert_place<int>("slow", 1);
+    tested.insert_transition("wait", from(slow), [](int) {}, {.after = 24h});
+    for (auto const& each : {in, held, held, slow})
+        each.send(1);
+    in.close();
+    tested.start();
+    begun.wait();
+    until([&] { return tested.explain().transitions[0].flushes; });
+    std::string const text =
+        "place in: 0 tokens of 1, ended\n"
+        "place out: 1 token of 1\n"
+        "place held: 2 tokens of 2, 1 taken by firings\n"
+        "place slow: 1 token of 1\n"
+        "transition sum: at its end, lacks 1 slot of out\n"
+        "transition late: ended\n"
+        "transition hold: 1 firing, as many as may run at once\n"
+        "transition wait: ";
+    EXPECT_EQ(tested.explain().text(), text + "waits for its delay\n");
+    tested.halt();
+    EXPECT_EQ(tested.explain().text(),
+              "no transition fires until the next start\n" + text + "lacks nothing\n");
+    go.count_down();
+    tested.join();
+    for (auto i = tested.base().begin_places(); i != tested.base().end_places(); ++i)
+        EXPECT_FALSE(tested.name(*i).empty());
 }
 
 TEST(petri_bodies_test, a_net_that_runs_can_be_moved) {
