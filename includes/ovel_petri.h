@@ -35,6 +35,7 @@
 #include "ovel_trace.h"
 #include "ovel_triple.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstddef>
@@ -145,9 +146,11 @@ struct transition_options {
     double time = 1.0;       // positive; among equal spaces the longest time goes first
     double space = 0.0;      // from 0 to all of its group's space
     unsigned int group = 0;  // the index of the group that fires it
-    int priority = 0;        // the higher goes first: each step counts as twice the time
+    // The higher goes first: each step counts as twice the time, within 1000 steps up or down.
+    int priority = 0;
     // It fires no earlier than so long after it was enabled, and not at all if it is disabled
-    // before. On the clock of `time`, to the millisecond above. Nothing below 0.
+    // before. On the clock of `time`, to the millisecond above. Nothing below 0. The span also
+    // passes while the net is stopped, but begins anew at the start behind a halt.
     std::chrono::nanoseconds after{0};
     unsigned int limit = 0;  // of reentrant firings that run or wait for a thread; 0 for none
 };
@@ -158,7 +161,9 @@ struct transition_options {
 struct place_options {
     // Whether it closes once each transition that puts into it has ended: when one of the
     // places that it takes from has ended, or has fewer tokens at its end than the arc takes,
-    // and none of its firings runs. A transition that takes nothing never ends.
+    // and none of its firings runs; or when one of the places that it puts into is closed. A
+    // transition that takes nothing never ends by itself. Nor does a cycle of such places: each
+    // waits for the others, so close one of them.
     bool closes = false;
 };
 // The option of a place that closes by itself.
@@ -230,8 +235,10 @@ public:
     // body takes a `firing&` and gives nothing back.
     //
     // A body whose only parameter is a std::optional of its place's token is called once more
-    // when that place has ended, with an empty value. A last parameter of type std::stop_token
-    // is requested to stop when the net halts or fails. The body is called as an lvalue.
+    // when that place has ended, with an empty value. A generic lambda and an overloaded body get
+    // no such call, since their parameter has no one type. A last parameter of type
+    // std::stop_token is requested to stop when the net halts or fails. The body is called as an
+    // lvalue.
     //
     //     from(orders, clerks), to(clerks), [](order paid, clerk who) { return who; }
     //     from(pairs.times(2)), [](std::array<shoe, 2> pair) { wear(pair); }
@@ -290,7 +297,8 @@ public:
     }
 
     // The net itself, whose elements are in the order in which they were inserted; behind a
-    // transition whose body gets a call at the end stand a place and a transition for that call.
+    // transition whose body gets a call at the end stand a place and a transition for that call,
+    // which have its name. Its `send` knows nothing of closing: it still puts into a closed place.
     petri_net& base() {
         return _core->base();
     }
@@ -451,7 +459,9 @@ transition net::insert_transition(std::string name, detail::inputs<From...> from
     if constexpr (fault == misfit::none) {
         using record = detail::body_record<Body, inputs, outputs>;
         detail::net_core& core = *_core;
-        double const time = std::ldexp(options.time, options.priority);
+        constexpr int most_priority = 1000;
+        double const time =
+            std::ldexp(options.time, std::clamp(options.priority, -most_priority, most_priority));
         auto made = std::make_unique<record>(core, std::move(name), from, to, std::move(body));
         record& inserted = *made;
         if constexpr (record::traits::takes_stop)
