@@ -30,6 +30,9 @@ time_server::time_server()
 }
 
 std::int64_t time_server::reading() {
+    // The server's thread then no longer runs, and a thread that held the lock may have ended.
+    if (other_threads_have_ended())
+        return time_support::time_now();
     detail::guard const hold(_lock);
     _request.release();
     _reply.acquire();

@@ -32,7 +32,7 @@ void WINAPI call(void* value) {
 }  // namespace
 
 bool kernel::other_threads_have_ended() {
-    return process_ends;
+    return process_ends || (process_is_ending != nullptr && process_is_ending());
 }
 
 DWORD kernel::FlsAlloc(void(WINAPI* callback)(void*)) {
