@@ -183,35 +183,10 @@ void refused_building(unsigned int) {
     refuse_blocks(0, 0);
 }
 
-// A thread that halts a net is not done when that is joined and started again: no body of the
-// second run is asked to stop.
-void late_halt(unsigned int) {
-    accounts const books(0);
-    net tested(1, 0.0, stack_size);
-    auto const in = tested.insert_place<int>("in", 2);
-    bool asked = false;
-    tested.insert_transition("look", from(in),
-                             [&](int, std::stop_token stop) { asked |= stop.stop_requested(); });
-    begin();
-    tested.start();
-    {
-        client halting([&] { tested.halt(); });
-        while (!tested.explain().halted)
-            Sleep(1);
-        tested.join();
-        in.send(1);
-        in.send(2);
-        tested.start();
-        tested.join();
-    }
-    assure(!asked && in.size() == 0);
-}
-
 registration const table[] = {
     registration({.name = "net_failure_reaches_the_blocked", .run = failures, .variants = 2}),
     registration({.name = "typed_net_bears_refused_blocks", .run = refused_blocks, .variants = 2}),
     registration({.name = "typed_net_bears_refused_building", .run = refused_building}),
-    registration({.name = "net_halt_ends_before_the_next_start", .run = late_halt}),
     registration({.name = "net_token_not_received_is_kept", .run = refused_slots, .variants = 2}),
     registration({.name = "net_token_not_sent_is_kept", .run = refused_tokens})};
 
