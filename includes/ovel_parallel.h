@@ -67,9 +67,10 @@ public:
     bool pop() {
         return seat().pop() != nullptr;
     }
-    // Waits for the children that `pop` did not return, then rethrows the first exception.
-    void await(unsigned int stolen) {
-        _await(stolen);
+    // Runs or awaits all children, then rethrows the first exception. `pop` has returned
+    // false `stolen` times.
+    void join(unsigned int stolen = 0) {
+        _join(stolen);
         if (error.is_kept()) [[unlikely]]
             std::rethrow_exception(error.take());
     }
@@ -125,25 +126,29 @@ private:
     Callable& _callable;
 };
 
-// Returns how many of the children other threads took.
+// A thief may read a child until the join has returned. So the innermost call joins, while
+// all children exist.
 template <class Last>
-unsigned int fork_all(call_scope& scope, Last& last) {
+void fork_all(call_scope& scope, Last& last) {
     run_in(scope, last);
-    return 0;
+    scope.join();
 }
-template <class First, class... Others>
-unsigned int fork_all(call_scope& scope, First& first, Others&... others) {
+template <class First, class Last>
+void fork_all(call_scope& scope, First& first, Last& last) {
     stack_task<First> child(scope, first);
     bool const forked = scope.fork(child);
-    unsigned int stolen = fork_all(scope, others...);
-    if (forked) {
-        // Runs the callable without the indirection that a thief takes.
-        if (scope.pop()) [[likely]]
-            run_in(scope, first);
-        else
-            ++stolen;
-    }
-    return stolen;
+    run_in(scope, last);
+    bool const stolen = forked && !scope.pop();
+    // Without the indirection that a thief takes.
+    if (forked && !stolen) [[likely]]
+        run_in(scope, first);
+    scope.join(stolen);
+}
+template <class First, class Second, class Third, class... Others>
+void fork_all(call_scope& scope, First& first, Second& second, Third& third, Others&... others) {
+    stack_task<First> child(scope, first);
+    scope.fork(child);
+    fork_all(scope, second, third, others...);
 }
 
 }  // namespace detail
@@ -157,14 +162,14 @@ requires(sizeof...(Callables) != 0 &&
                                                                         Callables&&... callables) {
     detail::entered_group const here(detail::crew_of::get(group));
     detail::call_scope scope(here.seat);
-    scope.await(detail::fork_all(scope, callables...));
+    detail::fork_all(scope, callables...);
 }
 template <class... Callables>
 requires(sizeof...(Callables) != 0 &&
          (std::is_invocable_v<Callables&> && ...)) void parallel_invoke(Callables&&... callables) {
     if (detail::task_seat* const seat = detail::task_crew::current_seat()) [[likely]] {
         detail::call_scope scope(*seat);
-        scope.await(detail::fork_all(scope, callables...));
+        detail::fork_all(scope, callables...);
     } else {
         (callables(), ...);
     }
@@ -312,7 +317,7 @@ struct divided_loop {
         bool const stolen = forked && !scope.pop();
         if (forked && !stolen)
             right.run_on(*seat, shares / 2);
-        scope.await(stolen);
+        scope.join(stolen);
         return std::invoke(join, std::move(*left), std::move(*right.result));
     }
 

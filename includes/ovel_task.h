@@ -290,21 +290,15 @@ protected:
         return frame != nullptr && frame->scope == this;
     }
 
-    // Runs the children that no thread stole, and waits for the others. Opener only.
-    void _join() {
-        unsigned int stolen = 0;
+    // Runs the children that no thread stole, and waits for the others. `stolen` of those
+    // the caller has found when it popped. Opener only.
+    void _join(unsigned int stolen = 0) {
         while (_seat.bottom() != _mark) {
             if (task* const child = _seat.pop())
                 child->run(*child, false);
             else
                 ++stolen;
         }
-        _await(stolen);
-    }
-
-    // Waits for the children that other threads run, of which the opener has not yet
-    // counted `stolen`. Opener only.
-    void _await(unsigned int stolen) {
         // Acquire: makes what children wrote on other threads visible; pairs with
         // `_finish`.
         if (stolen != 0 || _pending.load(std::memory_order_acquire) != 0) [[unlikely]]
