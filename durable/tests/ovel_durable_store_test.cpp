@@ -177,7 +177,7 @@ TEST_P(ovel_durable_store_test, firings_of_forgotten_members_count) {
     lease(first, -4000);
     seat second = enter(plan(_name, 2, 0), 0);
     turn(second, {{ended(second, second.claims[0])}, {}, {}, 0, false});
-    lease(second, 0);
+    lease(second, -1);
     EXPECT_EQ(first.store->fired_by(first.member), 0);
     parts::state const state = seen();
     EXPECT_EQ(state.transitions[0].fired, 2U);
