@@ -282,9 +282,14 @@ TEST_P(parallel_test, loops_end_early_and_say_so) {
 TEST_P(parallel_test, queued_items_keep_to_the_space_and_the_order) {
     work_group budgeted(GetParam(), 3.0);
     std::atomic<int> used = 0, most = 0, children = 0;
-    semaphore go_on(0, 0);
+    semaphore busy(0, 0), go_on(0, 0);
     for (unsigned int i = 0; i != GetParam(); ++i)
-        budgeted.run([&] { go_on.acquire(); });
+        budgeted.run([&] {
+            busy.release();
+            go_on.acquire();
+        });
+    for (unsigned int i = 0; i != GetParam(); ++i)
+        busy.acquire();
     std::vector<std::pair<int, int>> order, begun(200);
     std::atomic<std::size_t> next = 0;
     for (int i = 0; i != 200; ++i) {
