@@ -1,23 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// The system's own services: how the library uses them, and a failure of each check of their
-// results. Where misuse cannot cause it, a call of the library is redirected to a function
-// here, which makes the real service fail. The suites of the classes test the checks that
-// misuse alone can fail.
+// The system's own services: how the library uses them, and the checks of their results that
+// fail for handles which the program has closed. The suites of the classes test the checks that
+// misuse alone can fail, and scenarios on the simulated kernel refuse objects.
 
-#include "imports.h"
 #include "ovel_once.h"
 #include "ovel_semaphore.h"
 #include "ovel_test.h"
 #include "ovel_thread_base.h"
 #include "ovel_thread_function.h"
-#include "ovel_thread_support.h"
 #include "ovel_time.h"
 
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <string>
 #include <type_traits>
 
 using ovel::call_once;
@@ -47,15 +40,6 @@ constexpr char once_file[] = "sources/ovel_once.cpp";
 constexpr char semaphore_file[] = "sources/ovel_semaphore.cpp";
 constexpr char semaphore_header[] = "includes/ovel_semaphore.h";
 constexpr char thread_file[] = "sources/ovel_thread_base.cpp";
-constexpr char support_file[] = "sources/ovel_thread_function.cpp";
-
-// Runs `body` with the library's calls of the service `name` redirected to `function`.
-template <class Function, class Body>
-void redirected(char const* name, Function* function, Body const& body) {
-    if (!lead_import(GetModuleHandleA("ovel.dll"), name, function))
-        std::abort();
-    body();
-}
 
 // Closes the handle of the subject's kernel object. Starts the clock first, because its
 // handles would reuse the closed one.
@@ -64,10 +48,6 @@ Subject& closed(Subject& subject) {
     ovel::time::now();
     CloseHandle(inspector::handle(subject));
     return subject;
-}
-
-void keep_open(HANDLE handle) {
-    SetHandleInformation(handle, HANDLE_FLAG_PROTECT_FROM_CLOSE, HANDLE_FLAG_PROTECT_FROM_CLOSE);
 }
 
 TEST(time_unit_test, the_clock_factor_is_the_rate_in_the_registry) {
@@ -79,12 +59,21 @@ TEST(time_unit_test, the_clock_factor_is_the_rate_in_the_registry) {
     EXPECT_EQ(ovel::time_support::time_unit(), 1.0 / (megahertz * 1000000.0));
 }
 
-HANDLE once_mutex;      // that call_once created last
-std::string once_name;  // and its name
+unsigned int volatile named = 0;
 
-HANDLE WINAPI keep_mutex(SECURITY_ATTRIBUTES* security, BOOL owned, char const* name) {
-    once_name = name;
-    return once_mutex = CreateMutexA(security, owned, name);
+// Processes that run the same program have their flags at the same addresses.
+TEST(call_once_windows_test, the_mutex_is_named_by_the_process_and_the_flag) {
+    call_once(
+        [] {
+            char name[100];
+            std::snprintf(name, sizeof name, "%s%lx%x",
+                          "6f76656c9d3c41e07ab25f18c6e43b0d71f8a29547de1c8bb36052f9ae847d13",
+                          GetCurrentProcessId(), reinterpret_cast<std::uintptr_t>(&named));
+            HANDLE const mutex = OpenMutexA(SYNCHRONIZE, FALSE, name);
+            EXPECT_NE(mutex, nullptr) << name;
+            CloseHandle(mutex);
+        },
+        named);
 }
 
 unsigned int volatile flag = 0;
@@ -95,29 +84,7 @@ DWORD WINAPI abandon(void*) {
     return 0;
 }
 
-// An object of another type has the name.
-HANDLE WINAPI take_name(SECURITY_ATTRIBUTES* security, BOOL owned, char const* name) {
-    CreateEventA(nullptr, FALSE, FALSE, name);
-    return CreateMutexA(security, owned, name);
-}
-
-// Processes that run the same program have their flags at the same addresses.
-TEST(call_once_windows_test, the_mutex_is_named_by_the_process_and_the_flag) {
-    static unsigned int volatile named = 0;
-    redirected("CreateMutexA", keep_mutex, [] { call_once([] {}, named); });
-    char name[40];
-    std::snprintf(name, sizeof name, "%lx%x", GetCurrentProcessId(),
-                  reinterpret_cast<std::uintptr_t>(&named));
-    EXPECT_TRUE(once_name.ends_with(name)) << once_name;
-}
-
-TEST(call_once_death_test, a_failed_mutex_fails_its_check) {
-    auto const once = [](void (*function)()) {
-        return [function] {
-            call_once(function, flag);
-        };
-    };
-    EXPECT_CHECK(redirected("CreateMutexA", take_name, once([] {})), "mutex != 0", once_file);
+TEST(call_once_death_test, an_abandoned_mutex_fails_its_check) {
     auto const find_abandoned = [] {
         HANDLE const thread = CreateThread(nullptr, 0, abandon, nullptr, 0, nullptr);
         WaitForSingleObject(thread, INFINITE);
@@ -125,15 +92,6 @@ TEST(call_once_death_test, a_failed_mutex_fails_its_check) {
     };
     EXPECT_CHECK(find_abandoned(), "WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0",
                  once_file);
-    EXPECT_CHECK(redirected("CreateMutexA", keep_mutex, once([] { ReleaseMutex(once_mutex); })),
-                 "ReleaseMutex(mutex) != 0", once_file);
-    EXPECT_CHECK(redirected("CreateMutexA", keep_mutex, once([] { keep_open(once_mutex); })),
-                 "CloseHandle(mutex) != 0", once_file);
-}
-
-// More units than the maximum are refused.
-HANDLE WINAPI exceed_maximum(SECURITY_ATTRIBUTES* security, LONG, LONG, char const* name) {
-    return CreateSemaphoreA(security, 2, 1, name);
 }
 
 template <class Semaphore>
@@ -144,8 +102,6 @@ TYPED_TEST_SUITE(semaphore_death_test, semaphore_types);
 TYPED_TEST(semaphore_death_test, a_failed_semaphore_fails_its_check) {
     constexpr bool timed = std::is_same_v<TypeParam, timed_semaphore>;
     constexpr auto* file = timed ? semaphore_file : semaphore_header;
-    EXPECT_CHECK(redirected("CreateSemaphoreA", exceed_maximum, [] { TypeParam(0, 0); }),
-                 "_semaphore != 0", semaphore_file);
     TypeParam units(0, 0);
     EXPECT_CHECK(closed(units).acquire(),
                  "WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0", file);
@@ -178,28 +134,6 @@ TEST(thread_base_death_test, a_failed_thread_fails_its_check) {
     EXPECT_CHECK(closed(started(thread)).try_acquire(), "r == WAIT_OBJECT_0", thread_file);
     EXPECT_CHECK(closed(started(thread)).timed_acquire(ovel::time()), "r == WAIT_OBJECT_0",
                  thread_file);
-    auto const kept = [&]() -> thread_base& {
-        keep_open(inspector::handle(started(thread)));
-        return thread;
-    };
-    EXPECT_CHECK(kept().acquire(), "CloseHandle(_thread) != 0", thread_file);
-    EXPECT_CHECK(kept().timed_acquire(ovel::time::then(60.0)), "CloseHandle(_thread) != 0",
-                 thread_file);
-}
-
-// Not the handle of a process or a thread.
-HANDLE WINAPI no_handle() {
-    return nullptr;
-}
-
-TEST(thread_support_death_test, a_mask_that_cannot_be_read_fails_its_check) {
-    using ovel::thread_support;
-    EXPECT_CHECK(
-        redirected("GetCurrentProcess", no_handle, [] { thread_support::process_affinity(); }),
-        "GetProcessAffinityMask(GetCurrentProcess(), &pm, &sm) != 0", support_file);
-    EXPECT_CHECK(
-        redirected("GetCurrentThread", no_handle, [] { thread_support::thread_affinity(); }),
-        "affinity != 0", support_file);
 }
 
 }  // namespace
