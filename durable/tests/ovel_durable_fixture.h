@@ -8,12 +8,10 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace ovel_durable_test {
 
@@ -60,15 +58,14 @@ protected:
         chosen.lease = 5;
         chosen.report = [this](std::string const& line) {
             std::lock_guard const hold(_lock);
-            _reports.push_back(line);
+            _reports += line + '\n';
         };
         return chosen;
     }
 
-    bool reported(std::string const& part) {
+    std::string reports() {
         std::lock_guard const hold(_lock);
-        return std::any_of(_reports.begin(), _reports.end(),
-                           [&](std::string const& line) { return contains(line, part); });
+        return _reports;
     }
 
     inline static std::unique_ptr<server> _server;
@@ -78,7 +75,7 @@ protected:
 
 private:
     std::mutex _lock;
-    std::vector<std::string> _reports;
+    std::string _reports;
 };
 
 }  // namespace ovel_durable_test

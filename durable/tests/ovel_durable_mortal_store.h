@@ -59,11 +59,15 @@ public:
     }
     parts::answer put(std::int64_t net, std::int64_t place, std::string const& value,
                       parts::call const& named) override {
-        return _behind->put(net, place, value, named);
+        parts::answer const made = _behind->put(net, place, value, named);
+        _pass("put");
+        return made;
     }
     parts::answer take(std::int64_t net, std::int64_t place, parts::call const& named,
                        parts::acceptor const& accept) override {
-        return _behind->take(net, place, named, accept);
+        parts::answer const made = _behind->take(net, place, named, accept);
+        _pass("taken");
+        return made;
     }
     parts::rest_state rest(std::int64_t net) override {
         return _behind->rest(net);

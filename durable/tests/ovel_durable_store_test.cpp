@@ -22,14 +22,8 @@
 #include <vector>
 
 using namespace std::chrono_literals;
-using ovel_durable_test::contains;
-using ovel_durable_test::error_of;
-using ovel_durable_test::folder;
-using ovel_durable_test::mortal_store;
-using ovel_durable_test::on_either_store;
-using ovel_durable_test::wait_for;
+using namespace ovel_durable_test;
 namespace durable = ovel::durable;
-namespace parts = ovel::durable::detail;
 
 namespace {
 
@@ -169,6 +163,35 @@ TEST_P(ovel_durable_store_test, firings_that_were_claimed_together_end_apart) {
     EXPECT_EQ(seen().places[2].tokens, 4U);
 }
 
+TEST_P(ovel_durable_store_test, another_structure_is_refused) {
+    parts::structure const own = plan(_name, 0, 0);
+    connect()->open(own);
+    std::pair<void (*)(parts::structure&), char const*> const others[] = {
+        {[](auto& net) { net.places.pop_back(); }, "place \"c\" is missing here"},
+        {[](auto& net) {
+             net.places.push_back({"d", 1, "", {}});
+         },
+         "place \"d\" is missing there"},
+        {[](auto& net) { std::swap(net.places[0], net.places[1]); },
+         "place number 1 is \"a\" there and \"b\" here"},
+        {[](auto& net) { net.places[1].capacity = 7; },
+         "place \"b\" has capacity 10 there and 7 here"},
+        {[](auto& net) { net.places[1].codec = "text"; },
+         "place \"b\" has codec \"whole number\" there and \"text\" here"},
+        {[](auto& net) { net.transitions.pop_back(); }, "transition \"two\" is missing here"},
+        {[](auto& net) { net.transitions[1].arcs[1].place = 0; },
+         "transition \"two\" puts 1 of \"c\" there and 1 of \"a\" here"},
+        {[](auto& net) { net.transitions[0].arcs[0].weight = 2; },
+         "transition \"one\" takes 1 of \"a\" there and 2 of \"a\" here"},
+    };
+    for (auto const& [change, difference] : others) {
+        parts::structure other = own;
+        change(other);
+        EXPECT_EQ(error_of([&] { connect()->open(other); }),
+                  "the net \"" + _name + "\" in the store is another one: " + difference);
+    }
+}
+
 // Members that are long gone are forgotten, and what they have fired is not. One that was
 // only asleep is entered again.
 TEST_P(ovel_durable_store_test, firings_of_forgotten_members_count) {
@@ -250,6 +273,31 @@ TEST_P(ovel_durable_store_test, a_member_is_told_though_its_connection_was_lost)
             << told;
         EXPECT_EQ(connect()->look(name).places[2].tokens, 1U);
     }
+}
+
+// The connection is lost between the commit of every other call and its answer.
+TEST_P(ovel_durable_store_test, a_call_is_exact_though_its_answer_is_lost) {
+    bool cut = false;
+    int cuts = 0;
+    auto const lose = [&](std::string const& here) {
+        if ((here != "put" && here != "taken") || !std::exchange(cut, false))
+            return;
+        ++cuts;
+        throw parts::unreachable("cut");
+    };
+    durable::net net(observed(lose), _name, quick());
+    auto const place = net.insert_place<int>("place", 100);
+    for (int i = 0; i < 20; ++i) {
+        cut = i % 2 != 0;
+        place.send(i);
+    }
+    for (int i = 0; i < 20; ++i) {
+        cut = i % 2 != 0;
+        EXPECT_EQ(place.receive(), i);
+    }
+    EXPECT_EQ(cuts, 20);
+    EXPECT_EQ(place.try_receive(), std::nullopt);
+    EXPECT_TRUE(contains(net.explain(), "place: 0 tokens of 100\n")) << net.explain();
 }
 
 TEST_P(ovel_durable_store_test, patience_ends_though_connections_succeed) {
