@@ -52,13 +52,21 @@ public:
 private:
     friend struct detail::inspector;
 
+    semaphore* _join_next_phase();
+    semaphore& _open();
+
     // Guards _count and _complete, and is the baton: it stays taken from the thread that
     // opens the barrier to the last thread that leaves, and each wake-up passes it on.
     semaphore _lock;
     unsigned int const _capacity;
     detail::atomic<unsigned int> _count{0};  // arrived and not left
     bool _complete = false;                  // from a phase's completion to its last departure
-    semaphore _wait;
+    semaphore _wait;                         // threads of even phases wait here
+    // Whether a phase leaves, whether the current phase is odd, and how many threads have
+    // arrived for the next one. Only a thread that holds `_lock` writes it, except that
+    // arriving threads are counted without `_lock` while a phase leaves.
+    detail::atomic<unsigned int> _next{0};
+    semaphore _odd_wait;  // threads of odd phases wait here
 };
 
 // The same with deadlines. Threads inside sleep without spinning.

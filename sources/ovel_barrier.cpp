@@ -2,9 +2,14 @@
 // Barriers whose threads leave one by one, each passing on the baton.
 //
 // A phase gathers, with the entry open, until it is opened. Then it leaves, with the
-// entry closed, until `_count` is back at 0. While it leaves, exactly one unit of `_wait`
-// is posted or just taken. Only the thread that took it may pass it on; the thread that
-// brings `_count` to 0 reopens the entry instead.
+// entry closed, until `_count` is back at 0. While it leaves, exactly one unit of its
+// `_wait` is posted or just taken. Only the thread that took it may pass it on; the thread
+// that brings `_count` to 0 reopens the entry instead.
+//
+// A thread that arrives at a plain barrier while a phase leaves waits for the next phase
+// at once, on that phase's own semaphore. The last thread that leaves counts it. So it is
+// woken once, to leave, and not also to come in. The thread that would complete the next
+// phase has to come in through `_lock`, because only then it can open the barrier.
 //
 // If a thread of a timed barrier gives up while its phase leaves, it withdraws and the
 // unit goes to one of the others. If there are no others, the unit was posted for this
@@ -18,8 +23,17 @@
 
 namespace ovel {
 
+namespace {
+
+// The parts of `barrier::_next`.
+constexpr unsigned int leaving = 1;
+constexpr unsigned int odd = 2;
+constexpr unsigned int arrived = 4;  // for each thread
+
+}  // namespace
+
 barrier::barrier(unsigned int capacity, unsigned int spin)
-    : _lock(1, spin), _capacity(capacity), _wait(0, spin) {}
+    : _lock(1, spin), _capacity(capacity), _wait(0, spin), _odd_wait(0, spin) {}
 
 unsigned int barrier::capacity() const {
     return _capacity;
@@ -30,22 +44,60 @@ bool barrier::acquire() {
     return acquire(last);
 }
 
-bool barrier::acquire(bool& last) {
-    _lock.acquire();
-    bool const completes = detail::add(_count, 1u) == _capacity;
-    if (completes) {
-        _complete = true;
-    } else {
-        _lock.release();
-        _wait.acquire();  // takes `_lock` with it, which the waker kept
+// Counts the caller for the next phase and returns that phase's semaphore. Returns null if
+// no phase leaves or if the caller would complete the next one.
+semaphore* barrier::_join_next_phase() {
+    // Relaxed: a stale value sends the caller through `_lock`, or the exchange corrects it.
+    unsigned int state = _next.load(std::memory_order_relaxed);
+    while ((state & leaving) != 0 && state / arrived + 1 < _capacity) {
+        // Pairs with the exchange of the last thread that leaves.
+        if (_next.compare_exchange_weak(state, state + arrived, std::memory_order_release,
+                                        std::memory_order_relaxed))
+            return (state & odd) != 0 ? &_wait : &_odd_wait;
     }
+    return nullptr;
+}
+
+// Begins to let the current phase leave, and returns its semaphore. With `_lock` held.
+semaphore& barrier::_open() {
+    // Relaxed, both: while no phase leaves, only this thread writes it, and a thread that
+    // does not see the mark yet goes through `_lock`.
+    unsigned int const state = _next.load(std::memory_order_relaxed);
+    _next.store(state | leaving, std::memory_order_relaxed);
+    return (state & odd) != 0 ? _odd_wait : _wait;
+}
+
+bool barrier::acquire(bool& last) {
+    bool completes = false;
+    semaphore* wait = _join_next_phase();
+    if (wait == nullptr) {
+        _lock.acquire();
+        completes = detail::add(_count, 1u) == _capacity;
+        if (completes) {
+            _complete = true;
+            wait = &_open();
+        } else {
+            // Relaxed: the phase cannot change before this thread has left.
+            wait = (_next.load(std::memory_order_relaxed) & odd) != 0 ? &_odd_wait : &_wait;
+            _lock.release();
+        }
+    }
+    if (!completes)
+        wait->acquire();  // takes `_lock` with it, which the waker kept
 
     bool const complete = _complete;
-    if (detail::add(_count, -1u) == 0) {
-        _complete = false;
-        _lock.release();
+    unsigned int const remain = _count.load(std::memory_order_relaxed) - 1;
+    if (remain != 0) {
+        _count.store(remain, std::memory_order_relaxed);
+        wait->release();
     } else {
-        _wait.release();
+        _complete = false;
+        // Acquires what the threads counted for the next phase have written. The thread
+        // that completes that phase gets it with `_lock`.
+        unsigned int const state =
+            _next.exchange(wait == &_wait ? odd : 0, std::memory_order_acquire);
+        _count.store(state / arrived, std::memory_order_relaxed);
+        _lock.release();
     }
     last = completes;
     return complete;
@@ -60,7 +112,7 @@ void barrier::release_all() {
     if (_count.load(std::memory_order_relaxed) == 0)
         _lock.release();
     else
-        _wait.release();  // passes on the baton
+        _open().release();  // passes on the baton
 }
 
 timed_barrier::timed_barrier(unsigned int capacity, unsigned int spin)

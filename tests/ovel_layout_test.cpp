@@ -91,7 +91,8 @@ struct ovel::detail::inspector {
     LAYOUT(condition, (1324, 1336), (0, 0), _lock, _queued, _between, _released, _gate, _wait);
     LAYOUT(timed_condition, (1188, 1200), (0, 0), _lock, _queued, _between, _released, _gate,
            _wait);
-    LAYOUT(barrier, (804, 816), (0, 0), _lock, _capacity, _count, _complete, _wait);
+    LAYOUT(barrier, (1204, 1224), (0, 0), _lock, _capacity, _count, _complete, _wait, _next,
+           _odd_wait);
     LAYOUT(timed_barrier, (932, 952), (0, 0), _lock, _entry, _capacity, _count, _complete, _wait,
            _released);
     LAYOUT(thread_function, (132, 136), (4, 8), _before);

@@ -127,7 +127,8 @@ void waits(unsigned int variant) {
 
 // More threads than the capacity, or fewer, with releases and deadlines in between:
 // a completed phase lets exactly as many threads go as it holds, one of them the
-// last, and in the end the barrier is open and empty.
+// last, and in the end the barrier is open and empty. If enough threads come again and
+// again, phases complete without any release.
 template <class Barrier>
 void come_and_go(unsigned int spin) {
     constexpr bool timed = std::is_same_v<Barrier, timed_barrier>;
@@ -135,15 +136,19 @@ void come_and_go(unsigned int spin) {
     unsigned int const capacity = pick(4) == 0 ? 0 : 2 + pick(2);
     unsigned int const thread_count = 2 + pick(2);
     unsigned int const rounds = walks() ? 1 : 1 + pick(2);
+    unsigned int const early = pick(3);
+    bool const endless = !timed && early == 0 && capacity != 0 && capacity <= thread_count;
     Barrier gate(capacity, spin);
     time const deadline = timed ? time::then(0.5) : time();
-    detail::atomic<unsigned int> completed = 0, lasts = 0, left = 0;
+    detail::atomic<unsigned int> completed = 0, lasts = 0, ended = 0;
+    detail::atomic<bool> over = false;
+    semaphore enough(0, spin);
     begin();
     {
         std::deque<worker> all;
         for (unsigned int each = 0; each != thread_count; ++each)
             all.emplace_back([&, hurried = timed && pick(3) != 0] {
-                for (unsigned int round = 0; round != rounds; ++round) {
+                for (unsigned int round = 0; endless ? !over : round != rounds; ++round) {
                     bool last = false;
                     bool complete = false;
                     if constexpr (timed)
@@ -153,14 +158,19 @@ void come_and_go(unsigned int spin) {
                         complete = gate.acquire(last);
                     assure(complete || !last);
                     completed += complete;
-                    lasts += last;
-                    ++left;
+                    if (last && ++lasts == rounds && endless) {
+                        over = true;
+                        enough.release();
+                    }
                 }
+                ++ended;
             });
-        for (unsigned int early = pick(3); early != 0; --early)
+        for (unsigned int each = 0; each != early; ++each)
             gate.release_all();
+        if (endless)
+            enough.acquire();
         // The threads left at the end are too few to complete a phase.
-        while (left != thread_count * rounds) {
+        while (ended != thread_count) {
             Sleep(1000);
             gate.release_all();
         }

@@ -41,6 +41,10 @@ struct ovel::detail::inspector {
         if constexpr (requires { gate._entry; })
             if (gate._released || !gate._entry.try_acquire())
                 return false;
+        if constexpr (requires { gate._odd_wait; })
+            // Only the bit that tells odd phases from even ones may be set.
+            if ((gate._next & ~2u) != 0 || gate._odd_wait.try_acquire())
+                return false;
         return gate._count == 0 && !gate._complete && gate._lock.try_acquire() &&
                !gate._wait.try_acquire();
     }
