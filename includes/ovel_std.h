@@ -349,9 +349,10 @@ private:
 // released even if `reset` follows at once. What a thread wrote before `set` is visible
 // to the threads that this releases. Any thread may call any operation. `wait`,
 // `wait_for` and `wait_until` block; the others block only for each other. The waits
-// throw std::bad_alloc if memory runs out for threads that wait while earlier ones have
-// yet to leave. Not detected: destroying an event that a thread waits for or is about to
-// set.
+// throw std::bad_alloc if memory runs out for the first threads that wait, or for threads
+// that wait while earlier ones have yet to leave. A thread that a wait has released may
+// destroy the event. Not detected: destroying an event that others wait for or are about
+// to set.
 //
 //     event stopped;
 //     stopped.set();                        // one thread
@@ -359,7 +360,7 @@ private:
 class event : public detail::wait_operations<event> {
 public:
     // Is set from the start if `is_set`.
-    explicit event(bool is_set = false) : _set(is_set) {}
+    explicit event(bool is_set = false) : _state(is_set ? set_before : unset) {}
     ~event() {
         delete _gathering;
         delete _spare;
@@ -370,11 +371,17 @@ public:
     // Releases all threads that wait, and those that come until `reset`. Never blocks but
     // for other operations.
     void set() {
+        // Nobody waits for an event that is set. The exchange publishes what this thread
+        // wrote, and is its last access.
+        for (state now = _state.load(std::memory_order_relaxed); now != unset;)
+            if (_state.compare_exchange_weak(now, now, std::memory_order_release,
+                                             std::memory_order_relaxed))
+                return;
         round* released;
         unsigned int count;
         {
             std::lock_guard const hold(_lock);
-            _set.store(true, std::memory_order_release);
+            _state.store(just_set, std::memory_order_release);
             if (_gathering == nullptr)
                 return;
             count = _gathering->threads.load(std::memory_order_relaxed);
@@ -388,16 +395,20 @@ public:
 
     // From now on threads wait again. Releases none that waits. Never blocks.
     void reset() {
-        _set.store(false, std::memory_order_relaxed);
+        _state.store(unset, std::memory_order_relaxed);
     }
 
-    // Whether the event is set.
+    // Whether the event is set. Does not tell that the thread that set it is done with it.
     [[nodiscard]] bool try_wait() const {
-        return _set.load(std::memory_order_acquire);
+        return _state.load(std::memory_order_acquire) != unset;
     }
 
 private:
     friend class detail::wait_operations<event>;
+
+    // The thread that set an event may still hold the lock when it is just set. The first
+    // wait that finds it so takes the lock once, so it may destroy the event.
+    enum state : unsigned char { unset, just_set, set_before };
 
     // Threads that one `set` releases. They have their own semaphore, so threads that
     // wait after that `set` cannot take their units.
@@ -408,14 +419,19 @@ private:
     };
 
     bool _wait_within(unsigned int milliseconds) {
-        if (try_wait())
+        state now = _state.load(std::memory_order_acquire);
+        if (now == set_before)
             return true;
-        if (milliseconds == 0)
+        if (now == unset && milliseconds == 0)
             return false;
         round* joined;
         {
             std::lock_guard const hold(_lock);
-            if (_set.load(std::memory_order_relaxed))
+            // Acquire: a thread that has found it set before this one has published more.
+            now = just_set;
+            if (_state.compare_exchange_strong(now, set_before, std::memory_order_acquire,
+                                               std::memory_order_acquire) ||
+                now == set_before)
                 return true;
             if (_gathering == nullptr)
                 _gathering = _spare != nullptr ? std::exchange(_spare, nullptr) : new round;
@@ -448,10 +464,10 @@ private:
         delete empty;
     }
 
-    lockable<mutex> _lock;        // guards the two below, and changes of `_set` to true
+    lockable<mutex> _lock;        // guards the two below, and `_state` but for `reset`
     round* _gathering = nullptr;  // threads wait in it, or have given up
     round* _spare = nullptr;
-    detail::atomic<bool> _set;
+    detail::atomic<state> _state;
 };
 
 // Makes threads wait until a number of steps is done. The last step releases all of them,

@@ -2,7 +2,11 @@
 // Events and latches: all that wait are let go, and nobody else.
 
 #include "accounts.h"
+#include "ovel_memory.h"
 #include "ovel_std.h"
+
+#include <cstddef>
+#include <memory>
 
 namespace ovel::simulation {
 
@@ -55,6 +59,25 @@ void deadlines(unsigned int) {
     opened.set();
 }
 
+// So large that its memory goes back to the runtime heap, which sees each later access.
+struct watched {
+    event done;
+    std::byte rest[8192];
+};
+
+// A thread that finds the event set destroys it while the thread that set it has yet to leave.
+void destruction(unsigned int) {
+    open_books(true, 0);
+    container_allocator<watched> heap;
+    watched* const memory = std::construct_at(heap.allocate(1));
+    begin();
+    worker setter([memory] { memory->done.set(); });
+    if (!memory->done.wait_until(time::then(0.003)))
+        memory->done.wait();
+    std::destroy_at(memory);
+    heap.deallocate(memory, 1);
+}
+
 // The last step lets all go that wait. Each of them finds all steps done, and may destroy
 // the latch if it is the only one.
 void steps(unsigned int variant) {
@@ -86,6 +109,7 @@ void steps(unsigned int variant) {
 registration const table[] = {
     registration({.name = "event_lets_all_go_that_waited", .run = set_and_reset}),
     registration({.name = "event_survives_deadlines", .run = deadlines}),
+    registration({.name = "event_may_be_destroyed_once_set", .run = destruction}),
     registration({.name = "latch_lets_all_go", .run = steps, .variants = 4})};
 
 }  // namespace
