@@ -92,7 +92,8 @@ public:
     void release_allocator();
 
     // Deactivate the allocator that serves the calling thread for a long wait, and activate
-    // it before the thread allocates or frees again. Meanwhile, threads that free blocks of
+    // it before the thread allocates or frees again. In between, use nothing of the library
+    // but locks: joining a thread, for one, allocates. Meanwhile, threads that free blocks of
     // this allocator put them back themselves. With `keep` the freed blocks of others stay
     // batched; otherwise they are handed over. Calls out of turn fail the checks
     // "!_activated" and "_activated". A thread without an allocator is lent one first;

@@ -30,8 +30,8 @@ namespace detail {
 // The longest time that one system call waits, in milliseconds.
 inline constexpr unsigned int longest_wait = 2147483647;
 
-// Seconds in ticks, truncated toward zero. Saturates at half of the range, so that now
-// plus the longest span is still in range; NaN counts as 0.
+// Seconds in ticks, truncated toward zero. What is out of range becomes half of the range,
+// so that now plus infinity is still in range; NaN counts as 0.
 OVEL_EXPORT std::int64_t ticks_of(double seconds);
 
 // What `time` and `time_base` share: a signed 64-bit count of ticks that wraps modulo
@@ -70,8 +70,7 @@ public:
     }
 
     // `seconds` as a number of ticks, truncated toward zero. Values out of range,
-    // infinity included, saturate at half of the range, which is centuries; NaN counts as
-    // 0.
+    // infinity included, become half of the range, which is centuries; NaN counts as 0.
     static Time seconds(double seconds) {
         return Time(ticks_of(seconds));
     }
