@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <functional>
@@ -372,6 +373,35 @@ void set_promises() {
     other.join();
 }
 
+// The same promises, made by one thread and set by two others, as `submit` needs them.
+void hand_over_promises() {
+    constexpr int batch = 16;  // promises that the threads hand over and take at once
+    std::vector<std::unique_ptr<std::promise<void>>> promises(items);
+    alignas(128) std::atomic<int> made = 0;
+    alignas(128) std::atomic<int> taken = 0;
+    auto const set = [&] {
+        for (int begin; (begin = taken.fetch_add(batch)) < items;) {
+            while (made.load(std::memory_order_acquire) < begin + batch)
+                std::this_thread::yield();
+            for (int i = begin; i != begin + batch; ++i) {
+                promises[i]->set_value();
+                promises[i].reset();
+            }
+        }
+    };
+    static_assert(items % batch == 0);
+    std::thread one(set), other(set);
+    for (int i = 0; i != items; ++i) {
+        promises[i] = std::make_unique<std::promise<void>>(std::allocator_arg,
+                                                           ovel::container_allocator<char>());
+        static_cast<void>(promises[i]->get_future());
+        if (i % batch == batch - 1)
+            made.store(i + 1, std::memory_order_release);
+    }
+    one.join();
+    other.join();
+}
+
 void schedule_items() {
     ovel::thread_group group(processors, 0.0, 65536);
     ovel::thread_function nothing;
@@ -453,6 +483,7 @@ void ovel_benchmark::register_rows() {
     queue_row("submit", "ovel", submit_items);
     queue_row("submit", "ovel thread_group", schedule_items);
     queue_row("submit", "promises", set_promises);
+    queue_row("submit", "promises handed over", hand_over_promises);
 #if defined(OVEL_PEER_TBB)
     auto const tbb_items = [] {
         tbb_way way;
