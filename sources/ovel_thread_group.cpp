@@ -292,7 +292,7 @@ void thread_group::schedule(thread_function& function, double time, double space
         queue::prepare({&function, time, space}, _crew.level.load(std::memory_order_relaxed));
     bool wakes;
     {
-        detail::patient_guard const hold(_mutex, _crew.spin);
+        detail::patient_guard const hold(_mutex, _crew.spin, detail::pace_for_scheduling);
         assure(!_concluded);
         _queue.insert(element);
         // The level rarely changes. Not storing it again leaves the cache line with the

@@ -22,11 +22,11 @@ void assure_schedulable(double time_, double space_, double _space);
 // Takes a mutex that threads hold only briefly. A thread that finds it taken yields
 // several times before it sleeps: a holder that keeps it longer was preempted, and direct
 // hand-off to a sleeper would block everyone until the sleeper is scheduled.
-inline void acquire_patiently(mutex& taken, unsigned int spin) {
+inline void acquire_patiently(mutex& taken, unsigned int spin, spin_pace pace = pace_for_group) {
     constexpr unsigned int rounds = 16;  // each yields to a preempted holder once
     constexpr unsigned int most = 96;    // pauses of a round: longer than it is held
     for (unsigned int round = 0; round != rounds; ++round) {
-        spin_wait wait(std::min(spin, most), pace_for_group);
+        spin_wait wait(std::min(spin, most), pace);
         for (;;) {
             if (taken.try_acquire())
                 return;
@@ -42,8 +42,9 @@ inline void acquire_patiently(mutex& taken, unsigned int spin) {
 // Holds a mutex, taken patiently, for the duration of a scope.
 class patient_guard {
 public:
-    patient_guard(mutex& taken, unsigned int spin) : _taken(taken) {
-        acquire_patiently(taken, spin);
+    patient_guard(mutex& taken, unsigned int spin, spin_pace pace = pace_for_group)
+        : _taken(taken) {
+        acquire_patiently(taken, spin, pace);
     }
     ~patient_guard() {
         _taken.release();
