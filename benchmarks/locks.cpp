@@ -164,10 +164,9 @@ struct contest {
 };
 
 constexpr contest contests[] = {
-    {2, 0, "contended_by_2"},
-    {2, 32, "contended_by_2_with_work_outside"},
-    {4, 0, "contended_by_4"},
-    {4, 32, "contended_by_4_with_work_outside"},
+    {2, 0, "contended_by_2"}, {2, 32, "contended_by_2_with_work_outside"},
+    {4, 0, "contended_by_4"}, {4, 32, "contended_by_4_with_work_outside"},
+    {8, 0, "contended_by_8"}, {16, 0, "contended_by_16"},
 };
 
 struct outcome {

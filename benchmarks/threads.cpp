@@ -1,25 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // The group threads: the cost of running work on another thread.
 #include "ovel_benchmark.h"
+#include "ovel_benchmark_pools.h"
 #include "ovel_thread.h"
 #include "ovel_thread_base.h"
 #include "ovel_thread_function.h"
-#include "ovel_thread_group.h"
 
-#include <condition_variable>
-#include <cstdint>
-#include <functional>
+#include <chrono>
 #include <memory>
-#include <mutex>
-#include <queue>
 #include <semaphore>
+#include <string>
+#include <thread>
+#include <vector>
 
-#if defined(OVEL_PEER_TBB)
-#include <tbb/concurrent_priority_queue.h>
-#include <tbb/global_control.h>
-#include <tbb/task_arena.h>
-#include <tbb/task_group.h>
-#endif
 #if defined(OVEL_PEER_BOOST)
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
@@ -30,225 +23,12 @@
 
 namespace {
 
+using namespace ovel_benchmark;
 using steady_clock = std::chrono::steady_clock;
 
 double seconds_since(steady_clock::time_point start) {
     return std::chrono::duration<double>(steady_clock::now() - start).count();
 }
-
-// One work item: a busy wait of `length`, after which it may schedule itself again, or
-// delete itself.
-class piece : public ovel::thread_function {
-public:
-    void operator()() override {
-        if (owns_itself) {
-            delete this;
-            return;
-        }
-        if (length.count() != 0) {
-            auto const start = steady_clock::now();
-            while (steady_clock::now() - start < length) {}
-        }
-        if (again != 0) {
-            again -= 1;
-            reschedule();
-        }
-    }
-
-    std::chrono::nanoseconds length{0};
-    bool owns_itself = false;
-    int again = 0;
-    std::function<void()> reschedule;
-};
-
-// The measured pools. Any thread may call `schedule`, including a running item. If the
-// pool has an order, greater priority goes first. `finish` returns when everything
-// scheduled has run; nothing is scheduled meanwhile.
-
-class ovel_pool {
-public:
-    explicit ovel_pool(unsigned int threads) : _group(threads, 0.0, 65536) {
-        _group.release();
-    }
-    void schedule(piece& work, unsigned int priority) {
-        _group.schedule(work, 1.0 + priority, 0.0);
-    }
-    void finish() {
-        _group.conclude();
-        _group.acquire();
-    }
-
-private:
-    ovel::thread_group _group;
-};
-
-// An item in a pool with priorities. Among equals, the first scheduled goes first.
-struct entry {
-    piece* work;  // null: a worker that takes it ends
-    unsigned int priority;
-    std::uint64_t number;
-
-    bool operator<(entry const& other) const {
-        return priority < other.priority || (priority == other.priority && number > other.number);
-    }
-};
-
-class locked_heap_pool {
-public:
-    explicit locked_heap_pool(unsigned int threads) {
-        for (unsigned int i = 0; i != threads; ++i)
-            _threads.emplace_back([this] { _run(); });
-    }
-    void schedule(piece& work, unsigned int priority) {
-        {
-            std::lock_guard const hold(_lock);
-            _queue.push({&work, priority, _number++});
-        }
-        _changed.notify_one();
-    }
-    void finish() {
-        {
-            std::lock_guard const hold(_lock);
-            _finished = true;
-        }
-        _changed.notify_all();
-        _threads.clear();
-    }
-
-private:
-    void _run() {
-        std::unique_lock hold(_lock);
-        for (;;) {
-            _changed.wait(hold, [this] { return _finished || !_queue.empty(); });
-            if (_queue.empty())
-                return;
-            piece& work = *_queue.top().work;
-            _queue.pop();
-            hold.unlock();
-            work();
-            hold.lock();
-        }
-    }
-
-    std::mutex _lock;
-    std::condition_variable _changed;
-    std::priority_queue<entry> _queue;
-    std::uint64_t _number = 0;
-    bool _finished = false;
-    std::vector<std::jthread> _threads;
-};
-
-#if defined(OVEL_PEER_TBB)
-
-// The waiting thread works too, and counts among the `threads`.
-class task_group_pool {
-public:
-    explicit task_group_pool(unsigned int threads)
-        : _limit(tbb::global_control::max_allowed_parallelism, threads),
-          _arena(static_cast<int>(threads)) {}
-    void schedule(piece& work, unsigned int) {
-        _arena.execute([&] { _group.run([&work] { work(); }); });
-    }
-    void finish() {
-        _arena.execute([this] { _group.wait(); });
-    }
-
-private:
-    tbb::global_control _limit;
-    tbb::task_arena _arena;
-    tbb::task_group _group;
-};
-
-class concurrent_heap_pool {
-public:
-    explicit concurrent_heap_pool(unsigned int threads) {
-        for (unsigned int i = 0; i != threads; ++i)
-            _threads.emplace_back([this] { _run(); });
-    }
-    void schedule(piece& work, unsigned int priority) {
-        _push({&work, 1 + priority, _number.fetch_add(1, std::memory_order_relaxed)});
-    }
-    void finish() {
-        for (std::size_t i = 0; i != _threads.size(); ++i)
-            _push({nullptr, 0, 0});  // goes last
-        _threads.clear();
-    }
-
-private:
-    void _push(entry const& waiting) {
-        _queue.push(waiting);
-        _count.release();
-    }
-    void _run() {
-        for (;;) {
-            _count.acquire();
-            entry taken;
-            while (!_queue.try_pop(taken)) {}
-            if (taken.work == nullptr)
-                return;
-            (*taken.work)();
-        }
-    }
-
-    tbb::concurrent_priority_queue<entry> _queue;
-    std::counting_semaphore<> _count{0};
-    std::atomic<std::uint64_t> _number = 0;
-    std::vector<std::jthread> _threads;
-};
-
-#endif
-
-#if defined(OVEL_PEER_BOOST)
-
-class asio_pool {
-public:
-    explicit asio_pool(unsigned int threads) : _pool(threads) {}
-    void schedule(piece& work, unsigned int) {
-        boost::asio::post(_pool, [&work] { work(); });
-    }
-    void finish() {
-        _pool.join();
-    }
-
-private:
-    boost::asio::thread_pool _pool;
-};
-
-#endif
-
-#if defined(OVEL_PEER_MOODYCAMEL)
-
-class concurrent_queue_pool {
-public:
-    explicit concurrent_queue_pool(unsigned int threads) {
-        for (unsigned int i = 0; i != threads; ++i)
-            _threads.emplace_back([this] { _run(); });
-    }
-    void schedule(piece& work, unsigned int) {
-        _queue.enqueue(&work);
-    }
-    void finish() {
-        for (std::size_t i = 0; i != _threads.size(); ++i)
-            _queue.enqueue(nullptr);
-        _threads.clear();
-    }
-
-private:
-    void _run() {
-        for (;;) {
-            piece* work;
-            _queue.wait_dequeue(work);
-            if (work == nullptr)
-                return;
-            (*work)();
-        }
-    }
-
-    moodycamel::BlockingConcurrentQueue<piece*> _queue;
-    std::vector<std::jthread> _threads;
-};
-
-#endif
 
 // A row of work items. Every pool runs 100 000.
 struct load {
@@ -327,10 +107,15 @@ void run_pieces(std::string const& row, std::string const& name, load const& wha
     });
 }
 
+// The name of a row, if it has others for fewer threads.
+std::string with_threads(std::string const& row, unsigned int threads) {
+    return threads == 2 ? row : row + '_' + std::to_string(threads) + "_threads";
+}
+
 template <class Pool>
 void run_new_pieces(std::string const& name) {
-    for (unsigned int const threads : {2u, 8u}) {
-        std::string const row = threads == 2 ? "new_pieces" : "new_pieces_8_threads";
+    for (unsigned int const threads : {2u, 8u, 16u}) {
+        std::string const row = with_threads("new_pieces", threads);
         ovel_benchmark::timed_contestant(row, name, [threads](benchmark::State& state) {
             for (auto _ : state)
                 state.SetIterationTime(run_new<Pool>(threads));
@@ -342,6 +127,7 @@ void run_new_pieces(std::string const& name) {
 void register_new_pieces() {
     run_new_pieces<ovel_pool>("ovel");
     run_new_pieces<locked_heap_pool>("std::priority_queue");
+    run_new_pieces<locked_list_pool>("ovel's bound: a lock and a list");
 #if defined(OVEL_PEER_TBB)
     run_new_pieces<task_group_pool>("tbb::task_group");
 #endif
@@ -359,8 +145,7 @@ void register_pieces(std::string const& name, load what) {
         row += "_256_priorities";
     if (what.inside)
         row += "_from_inside";
-    if (what.threads != 2)
-        row += "_8_threads";
+    row = with_threads(row, what.threads);
     run_pieces<ovel_pool>(row, "ovel", what);
     run_pieces<locked_heap_pool>(row, "std::priority_queue", what);
 #if defined(OVEL_PEER_TBB)
@@ -370,6 +155,7 @@ void register_pieces(std::string const& name, load what) {
 #endif
     if (what.priorities != 1)
         return;
+    run_pieces<locked_list_pool>(row, "ovel's bound: a lock and a list", what);
 #if defined(OVEL_PEER_BOOST)
     run_pieces<asio_pool>(row, "boost::asio", what);
 #endif
@@ -549,12 +335,15 @@ void ovel_benchmark::register_rows() {
 
     register_runs("later_run", 1, false);
     register_runs("later_run_8_threads", 8, false);
+    register_runs("later_run_16_threads", 16, false);
     register_runs("begin", 1, true);
     register_runs("begin_8_threads", 8, true);
 
     register_new_pieces();
-    for (unsigned int const threads : {2u, 8u}) {
+    for (unsigned int const threads : {2u, 8u, 16u}) {
         for (bool const inside : {false, true}) {
+            if (inside && threads == 16)
+                continue;
             for (unsigned int const priorities : {1u, 256u}) {
                 register_pieces("empty_pieces",
                                 {std::chrono::nanoseconds(0), priorities, inside, threads});
