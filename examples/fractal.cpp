@@ -21,14 +21,17 @@
 namespace {
 
 struct picture {
-    picture(int width, int height)
-        : width(width), height(height), light(static_cast<std::size_t>(width * height)) {}
+    picture(int width, int height) : width(width), height(height), light(index(0, height)) {}
 
     float& at(int column, int line) {
-        return light[static_cast<std::size_t>(line * width + column)];
+        return light[index(column, line)];
     }
     float at(int column, int line) const {
-        return light[static_cast<std::size_t>(line * width + column)];
+        return light[index(column, line)];
+    }
+    std::size_t index(int column, int line) const {
+        return static_cast<std::size_t>(line) * static_cast<std::size_t>(width) +
+               static_cast<std::size_t>(column);
     }
 
     int width;

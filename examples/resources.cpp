@@ -71,7 +71,7 @@ int main() {
 
     // A client that is no longer interested is interrupted.
     {
-        std::jthread client([&](std::stop_token stop) {
+        std::jthread client([&](std::stop_token const& stop) {
             expect(!requests.send_until(5, stop), "a client that is asked to stop gives up");
         });
         client.request_stop();

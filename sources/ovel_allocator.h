@@ -5,6 +5,7 @@
 #define OVEL_ALLOCATOR_H
 
 #include "kernel.h"
+#include "ovel_allocator_group.h"
 #include "ovel_assure.h"
 #include "ovel_atomic.h"
 #include "ovel_counter.h"
@@ -322,10 +323,7 @@ namespace detail {
 
 // The allocator that serves the calling thread, which is lent one if it has none. Builds the
 // group if there is none. Null if the thread is past its end, or if memory for a new allocator
-// is exhausted.
-allocator* find_current_allocator();
-
-// The same, without a call where the quick pointer is set.
+// is exhausted. Makes no call where the quick pointer is set.
 inline allocator* current_allocator() {
     void* const quick = quick_pointer();
     return quick != nullptr ? static_cast<allocator*>(quick) : find_current_allocator();

@@ -432,13 +432,12 @@ public:
     // A place for `capacity` tokens of type `T`. The member that makes the net puts
     // `initial` there.
     template <class T>
-    durable::place<T> insert_place(std::string name, std::uint64_t capacity,
+    durable::place<T> insert_place(std::string const& name, std::uint64_t capacity,
                                    std::vector<T> const& initial = {}) {
         std::vector<std::string> tokens;
         for (T const& each : initial)
             tokens.push_back(codec<T>::encode(each));
-        return {_engine,
-                _engine.insert_place(std::move(name), capacity, codec<T>::name, std::move(tokens))};
+        return {_engine, _engine.insert_place(name, capacity, codec<T>::name, std::move(tokens))};
     }
 
     // A transition. `body` takes a value for each place of `from`, in its order, and may take

@@ -49,7 +49,7 @@ public:
     std::string bytes(std::size_t size) {
         if (size > _left)
             throw error("the store sent what is no field");
-        std::string const made(_from, size);
+        std::string made(_from, size);
         _from += size;
         _left -= size;
         return made;
