@@ -139,6 +139,14 @@ struct waiting {
     block* tail;
 };
 
+// Where the blocks of each class begin in a chain that an allocator has handed over from its
+// first entry. The owner follows all these parts at once, so that their cache misses overlap.
+struct chain_parts {
+    unsigned int count;     // 0: the chain has no known parts
+    block* begin[classes];  // in the chain's order; each part ends where the next begins
+    block* end;             // of the last part: what was pending before
+};
+
 }  // namespace detail
 
 // A pool of small blocks, owned by one thread at a time. There are three kinds of object.
@@ -266,13 +274,17 @@ private:
 
     static void _file(detail::block& freed, detail::remote& entry);
     void _file_by_class(detail::block& freed);
-    void _join_classes();
+    void _join_classes(detail::chain_parts& parts);
     void _hand_over(detail::remote& entry);
     void _flush_remote();
     void _detach_remote(detail::block*& kept);
-    void _receive(detail::block* head, detail::block* tail, std::size_t size);
-    void _accept(detail::block* head, detail::block* tail, std::size_t size, detail::block*& kept);
+    void _receive(detail::block* head, detail::block* tail, std::size_t size,
+                  detail::chain_parts const& parts);
+    void _accept(detail::block* head, detail::block* tail, std::size_t size,
+                 detail::chain_parts const& parts, detail::block*& kept);
     void _collect();
+    void _deallocate_parts(detail::chain_parts const& parts);
+    void _deallocate_chain(detail::block* from, detail::block const* to);
 
     // The process's allocators. The first two are set while the group is built, before
     // other threads can see it. The lists are under the global allocator's `_lock`.
@@ -317,6 +329,9 @@ private:
     // is handed over, and is empty before.
     detail::waiting _waiting[detail::classes];
     [[maybe_unused]] cacheline _end;
+
+    // Of the chain that was handed over last. Under `_lock`.
+    detail::chain_parts _parts;
 };
 
 namespace detail {

@@ -22,6 +22,7 @@ struct allocator_fields {
     std::size_t remotes_size;
     detail::waiting const* waiting;
     block* pending;
+    chain_parts const* parts;
     std::size_t size, capacity, minimum_capacity, pending_size;
 };
 
@@ -142,11 +143,14 @@ struct ring_sums {
     OVEL_INVARIANT(of.minimum_capacity <= sums.capacity);
 
     std::size_t on_way = 0;
+    std::size_t part = 0;
     for (block const* one = of.pending; one != nullptr; one = one->_next) {
         OVEL_INVARIANT(one->_chunk->_allocator == of.self);
         on_way += one->_chunk->_block_size;
+        part += part != of.parts->count && one == of.parts->begin[part];
     }
     OVEL_INVARIANT(of.pending_size == on_way);
+    OVEL_INVARIANT(of.parts->count == part);
     for (std::size_t i = 0; i != of.remotes_size; ++i)
         if (auto const broken = broken_in_remote(of, of.remotes[i], on_way))
             return broken;

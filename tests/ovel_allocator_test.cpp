@@ -28,6 +28,7 @@ struct ovel::detail::inspector {
                 std::size(of._remote),
                 of._waiting,
                 of._pending,
+                &of._parts,
                 of._size,
                 of._capacity,
                 of._minimum_capacity,

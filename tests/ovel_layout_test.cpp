@@ -70,9 +70,9 @@ struct ovel::detail::inspector {
     LAYOUT(chunk, (164, 200), (128, 128), _allocator, _free, _length, _block_size, _block_alignment,
            _next, _previous, _size, _capacity);
     LAYOUT(remote, (16, 32), (0, 0), owner, head, tail, size);
-    LAYOUT(allocator, (7040, 8696), (0, 0), _lock, _parent, _next, _next_released, _size, _capacity,
+    LAYOUT(allocator, (7120, 8856), (0, 0), _lock, _parent, _next, _next_released, _size, _capacity,
            _minimum_capacity, _activated, _pending, _pending_size, _remote, _full, _partial, _empty,
-           _after, _surplus_below, _serving, _waiting, _end);
+           _after, _surplus_below, _serving, _waiting, _end, _parts);
     LAYOUT(allocator_group, (264, 272), (128, 128), _specific, _default, _after);
     LAYOUT(allocator_recycler, (288, 296), (128, 128), _stop, _period, _function);
     LAYOUT(allocator_recycler::recycler_function, (144, 152), (132, 136), _stop, _period);

@@ -300,6 +300,7 @@ private:
                 std::size(each._remote),
                 each._waiting,
                 each._pending,
+                &each._parts,
                 each._size,
                 each._capacity,
                 each._minimum_capacity,
