@@ -129,7 +129,11 @@ private:
     }
 
     template <class Limit, class Attempt>
-    petri_outcome _wait(place_record& at, Limit const& limit, Attempt const& attempt);
+    petri_outcome _complete(place_record& at, net_callers::kind of, Limit const& limit,
+                            Attempt const& attempt);
+    template <class Limit, class Attempt>
+    petri_outcome _wait(place_record& at, net_callers::kind of, Limit const& limit,
+                        Attempt const& attempt);
     template <class Attempt>
     petri_outcome _within(without_limit, Attempt const& attempt) {
         return attempt(petri_patience::unlimited, nullptr);
@@ -325,12 +329,36 @@ inline void net_core::_deactivate() {
         record->element->deactivate();
 }
 
+// Makes an attempt at a place and waits if that has to.
+//
+// A first attempt that does not wait needs no count, but a thread that finds the net's mutex
+// taken would have both attempts carried out by another thread. So without a limit the thread
+// counts as blocked before it knows, and makes one attempt. A trace shows only real waits.
+template <class Limit, class Attempt>
+petri_outcome net_core::_complete(place_record& at, net_callers::kind of, Limit const& limit,
+                                  Attempt const& attempt) {
+    if (std::is_same_v<Limit, without_limit> && !trace::recorder::_is_active()) {
+        net_callers::blocked const counted(_callers, of);
+        if (counted.is_let_in()) {
+            petri_outcome const made = attempt(petri_patience{&_callers.releases(), counted.begun(),
+                                                              nullptr, petri_patience::unlimited});
+            if (made != petri_outcome::done)
+                _callers.rethrow_failure();
+            return made;
+        }
+    }
+    petri_outcome const made = attempt(petri_patience());
+    return made == petri_outcome::done ? made : _wait(at, of, limit, attempt);
+}
+
 // Waits at a place, in attempts that are given the milliseconds that they may wait and the
 // flag that interrupts them.
 template <class Limit, class Attempt>
-petri_outcome net_core::_wait(place_record& at, Limit const& limit, Attempt const& attempt) {
+petri_outcome net_core::_wait(place_record& at, net_callers::kind of, Limit const& limit,
+                              Attempt const& attempt) {
     trace::scope const here(at.name, trace::wait);
-    net_callers::blocked const counted(_callers);
+    net_callers::blocked counted(_callers, of);
+    counted.insist();
     petri_outcome made = petri_outcome::over;
     if (counted.is_let_in())
         made = _within(limit, [&](unsigned int milliseconds, atomic<bool> const* interrupted) {
@@ -366,16 +394,14 @@ petri_outcome net_core::_within(Point const& point, Attempt const& attempt) {
 
 template <class Limit>
 bool net_core::receive(place_record& from, any& token, Limit const& limit) {
-    return _net._receive_within(from.element, token, petri_patience()) == petri_outcome::done ||
-           _wait(from, limit, [&](petri_patience const& patience) {
+    return _complete(from, net_callers::kind::receiver, limit, [&](petri_patience const& patience) {
                return _net._receive_within(from.element, token, patience);
            }) == petri_outcome::done;
 }
 
 template <class Limit>
 bool net_core::put(place_record& to, maker make, void* value, Limit const& limit) {
-    return _net._put_within(to.element, make, value, petri_patience()) == petri_outcome::done ||
-           _wait(to, limit, [&](petri_patience const& patience) {
+    return _complete(to, net_callers::kind::sender, limit, [&](petri_patience const& patience) {
                return _net._put_within(to.element, make, value, patience);
            }) == petri_outcome::done;
 }

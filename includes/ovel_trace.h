@@ -36,6 +36,12 @@
 #include <utility>
 #include <vector>
 
+namespace ovel::detail {
+
+class net_core;
+
+}  // namespace ovel::detail
+
 namespace ovel::trace {
 
 // The kind of a scope. Viewers show it as its category.
@@ -308,12 +314,18 @@ public:
     }
 
 private:
+    friend class ovel::detail::net_core;
     friend class scope;
     friend void name_thread(char const* name);
 
     // The parameter is named like the field so that the check's text names the field.
     static void _assure_alone(recorder const* _active) {
         assure(_active == 0);
+    }
+
+    // Relaxed: a thread that just misses a recorder only does not show there.
+    static bool _is_active() {
+        return _active.load(std::memory_order_relaxed) != nullptr;
     }
 
     // The calling thread's buffer in the active recorder; null if no recorder is active

@@ -19,8 +19,7 @@ using ovel::place;
 struct ovel::detail::inspector {
     // Threads that block in the net's places, or are about to.
     static unsigned int blocked(net& in) {
-        std::lock_guard const hold(in._core->_lock);
-        return in._core->_callers._blocked;
+        return in._core->_callers.count();
     }
 };
 

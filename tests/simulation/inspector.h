@@ -213,14 +213,14 @@ struct ovel::detail::inspector {
         return *of._core;
     }
     static unsigned int blocked(net_core& in) {
-        std::lock_guard const hold(in._lock);
-        return in._callers._blocked;
+        return in._callers.count();
     }
     template <class T>
     static void await_stop(net_core& core, place<T> const& at, atomic<bool>& interrupted) {
         any token;
-        auto const made =
-            core._wait(*at._record, net_core::without_limit(), [&](petri_patience const& patience) {
+        auto const made = core._wait(
+            *at._record, net_callers::kind::receiver, net_core::without_limit(),
+            [&](petri_patience const& patience) {
                 return core._net._receive_within(
                     at._record->element, token,
                     {patience.releases, patience.begun, &interrupted, patience.milliseconds});
