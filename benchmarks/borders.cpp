@@ -2,6 +2,7 @@
 // The group borders: threads of the program exchange tokens with a net, on two processors.
 #include "ovel_any.h"
 #include "ovel_benchmark.h"
+#include "ovel_benchmark_least_net.h"
 #include "ovel_benchmark_queue.h"
 #include "ovel_petri.h"
 #include "ovel_petri_net.h"
@@ -153,6 +154,13 @@ double pass_typed_net(unsigned int stages, unsigned int tokens) {
     return seconds;
 }
 
+double pass_least_net(unsigned int stages, unsigned int tokens) {
+    ovel_benchmark::least_net<in_flight> net(stages, tokens);
+    return pass_through(
+        tokens, [&](int value) { net.send(value); },
+        [&] { benchmark::DoNotOptimize(net.receive()); });
+}
+
 double pass_threads(unsigned int stages, unsigned int tokens) {
     std::deque<bounded_queue<int, 2 * in_flight>> queues(stages + 1);
     std::vector<std::jthread> threads;
@@ -215,6 +223,7 @@ void border_row(unsigned int stages) {
     add("tbb::flow", pass_flow);
 #endif
     add("thread per stage", pass_threads);
+    add("ovel's bound: counts and hand-offs", pass_least_net);
 }
 
 }  // namespace
