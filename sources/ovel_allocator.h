@@ -108,13 +108,18 @@ struct chunk {
     }
 
     void unlink() {
-        _previous->_next = _next;
-        _next->_previous = _previous;
+        chunk* const next = _next;
+        chunk* const previous = _previous;
+        previous->_next = next;
+        next->_previous = previous;
     }
+    // Stores the two links separately, with a store in between: as one vector they would be
+    // slower to store and to load again.
     void insert_front(chunk& ring) {
-        _next = ring._next;
+        chunk* const first = ring._next;
         _previous = &ring;
-        _next->_previous = this;
+        first->_previous = this;
+        _next = first;
         ring._next = this;
     }
     void move_to(chunk& ring) {
@@ -266,7 +271,7 @@ private:
     detail::block* _take_ready(std::size_t k);
     detail::block* _allocate_from_new(std::size_t k) noexcept;
     static void _assure_in_use(detail::block const& freed, detail::block const* last);
-    void _put_back(detail::block& freed, detail::chunk& home);
+    std::size_t _put_back(detail::block& freed, detail::chunk& home);
     void _give_surplus();
     detail::chunk& _remove_empty();
     detail::chunk* _take_chunk(std::size_t k);
@@ -434,15 +439,16 @@ inline void allocator::_assure_in_use(detail::block const& freed, detail::block 
 }
 
 // Puts a block back into its chunk, and the chunk into the ring that matches its new state.
-inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
+// Returns `_size`.
+inline std::size_t allocator::_put_back(detail::block& freed, detail::chunk& home) {
     detail::block* const rest = home._free;
     _assure_in_use(freed, rest);
     freed._next = rest;
     home._free = &freed;
-    std::size_t const block_size = home._block_size;
+    std::size_t const block_size = home._constant_size;
     std::size_t const size = home._size - block_size;
     home._size = size;
-    detail::add(_size, -block_size);
+    std::size_t const left = detail::add(_size, -block_size);
 
     // A class keeps its last chunk even if no block is in use, so a thread that frees its
     // only block and allocates again does not format a chunk each time.
@@ -453,17 +459,18 @@ inline void allocator::_put_back(detail::block& freed, detail::chunk& home) {
         if (_serving[k] == &home)
             _serving[k] = _partial[k]._next;
         _find_surplus();
-        return;
+        return left;
     }
     if (rest == nullptr) [[unlikely]]
         home.move_to(_partial[k]);
     _serving[k] = &home;
+    return left;
 }
 
 // Gives at most one chunk back, after at most four hand-overs.
 inline void allocator::deallocate(detail::block& freed, detail::chunk& home) {
-    _put_back(freed, home);
-    if (_read(_size) < _surplus_below) [[unlikely]]
+    std::size_t const left = _put_back(freed, home);  // may change `_surplus_below`
+    if (left < _surplus_below) [[unlikely]]
         _give_surplus();
 }
 

@@ -101,12 +101,14 @@ std::size_t class_for(std::size_t bytes) {
     detail::block* const header = header_of(memory);
     detail::chunk* const home = header->_chunk;
     auto const own = static_cast<allocator*>(quick_pointer());
-    if (home == nullptr || own == nullptr) [[unlikely]]
+    if (home == nullptr) [[unlikely]]
         return false;
     detail::poison(memory, home->_constant_size - sizeof(detail::block));
     allocator* const owner = home->_allocator;
+    if (owner == nullptr)
+        __builtin_unreachable();  // so a null `own` is not the owner
     if (owner != own) [[unlikely]]
-        return own->file_remote(*header, *owner);
+        return own != nullptr && own->file_remote(*header, *owner);
     own->deallocate(*header, *home);
     return true;
 }
@@ -123,7 +125,7 @@ detail::block* allocate_small(std::size_t k) noexcept {
 
 constinit detail::atomic<std::size_t> allocator_support::_large_size{0};
 
-void* allocator_support::allocate(std::size_t bytes) {
+[[gnu::aligned(64)]] void* allocator_support::allocate(std::size_t bytes) {
     void* const ready = allocate_ready(bytes);
     return ready != nullptr ? ready : _allocate(bytes);
 }
@@ -237,7 +239,7 @@ void allocator_support::_deallocate_large(void* region) {
     free(region);
 }
 
-void allocator_support::deallocate(void* memory) {
+[[gnu::aligned(64)]] void allocator_support::deallocate(void* memory) {
     if (!deallocate_at_once(memory))
         _deallocate(memory);
 }
@@ -273,7 +275,8 @@ struct detail::plain_functions {
 
 }  // namespace ovel
 
-void* ovel_malloc(size_t bytes) {
+// The fast paths begin a cache line. Where they begin makes a pair up to a tenth slower.
+[[gnu::aligned(64)]] void* ovel_malloc(size_t bytes) {
     void* const ready = ovel::allocate_ready(bytes);
     return ready != nullptr ? ready : ovel::detail::plain_functions::allocate(bytes);
 }
@@ -295,7 +298,7 @@ void* ovel_realloc(void* memory, size_t bytes) {
     return moved;
 }
 
-void ovel_free(void* memory) {
+[[gnu::aligned(64)]] void ovel_free(void* memory) {
     if (!ovel::deallocate_at_once(memory))
         ovel::detail::plain_functions::deallocate(memory);
 }
