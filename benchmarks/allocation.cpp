@@ -6,6 +6,7 @@
 #include "ovel_allocator_recycler.h"
 #include "ovel_benchmark.h"
 #include "ovel_malloc.h"
+#include "ovel_smallest_allocator.h"
 
 #include <dlfcn.h>
 #include <malloc.h>
@@ -385,4 +386,6 @@ void ovel_benchmark::register_rows() {
     ovel::allocator_group::global()->acquire_allocator();
     register_contestant<ours>(name);
     timed_contestant("cross_thread", "floor", empty_handed);
+    timed_contestant("random_exchanged", "ovel's bound: headers, counts and batches",
+                     random_exchange<ovel_benchmark::smallest_allocator>);
 }
