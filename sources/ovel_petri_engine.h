@@ -79,12 +79,15 @@
 #include "ovel_petri_closing.h"
 #include "ovel_petri_crew.h"
 #include "ovel_petri_enabled_transitions.h"
+#include "ovel_spin_wait.h"
 #include "ovel_thread_function.h"
 #include "ovel_thread_group.h"
+#include "ovel_time.h"
 #include "ovel_work_queue.h"
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <memory>
 #include <tuple>
 #include <utility>
@@ -342,6 +345,36 @@ public:
     // or saves one.
     unsigned int ended() const {
         return _ended.load(std::memory_order_relaxed);
+    }
+
+    // Takes the mutex, which was taken. Backs off exponentially.
+    //
+    // While other threads end firings faster than the mutex, and the cache lines that it
+    // guards, could be handed over, it does not even try: one more thread would only slow them
+    // down. A thread that `stands_back` then spins longer before it sleeps, because a mutex that
+    // is released goes to a thread that sleeps for it.
+    void enter_contended(bool stands_back) {
+        // Approximate ticks for another processor to fetch the mutex, the counts of a few
+        // places, and what else a firing thread touches: some ten cache misses.
+        constexpr std::int64_t handover = 1024;
+        constexpr std::int64_t longest = 1 << 20;  // ticks, of some thousand firings
+        std::int64_t now = time_support::time_now();
+        std::int64_t const begun = now;
+        detail::spin_wait wait(_spin, detail::pace_for_net);
+        while (!wait.is_over()) {
+            unsigned int const before = ended();
+            std::int64_t const start = now;
+            wait.pause();
+            unsigned int const passed = ended() - before;
+            now = time_support::time_now();
+            if (passed <= 1 || passed * handover <= now - start) {
+                if (_net._mutex.try_acquire())
+                    return;
+            } else if (stands_back && now - begun < longest) {
+                wait.extend(_spin);
+            }
+        }
+        _net._mutex.acquire();
     }
 
     unsigned int const _spin;

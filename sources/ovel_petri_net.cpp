@@ -16,12 +16,10 @@
 #include "ovel_petri_change.h"
 #include "ovel_petri_engine.h"
 #include "ovel_process.h"
-#include "ovel_spin_wait.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <exception>
 #include <memory>
 #include <utility>
@@ -54,28 +52,8 @@ void petri_net::_enter() {
         _enter_contended();
 }
 
-// Backs off exponentially while contended. While other threads end firings faster than
-// the mutex, and the cache lines that it guards, could be handed over, it does not even
-// try: one more thread would only slow them down.
 void petri_net::_enter_contended() {
-    // Approximate ticks for another processor to fetch the mutex, the counts of a few
-    // places, and what else a firing thread touches: some ten cache misses.
-    constexpr std::int64_t handover = 1024;
-    detail::spin_wait wait(_engine->_spin, detail::pace_for_net);
-    while (!wait.is_over()) {
-        unsigned int ended;
-        std::int64_t elapsed;
-        do {
-            unsigned int const before = _engine->ended();
-            std::int64_t const start = time_support::time_now();
-            wait.pause();
-            ended = _engine->ended() - before;
-            elapsed = time_support::time_now() - start;
-        } while (!wait.is_over() && ended > 1 && ended * handover > elapsed);
-        if (!wait.is_over() && _mutex.try_acquire())
-            return;
-    }
-    _mutex.acquire();
+    _engine->enter_contended(false);
 }
 
 // Dispatches what is now enabled. There must be memory for it.
@@ -129,23 +107,29 @@ void petri_net::firing_work::call() {
 }
 
 void petri_net::firing_work::operator()() {
+    // While a firing runs that is about as short as those of other threads, they end fewer.
+    constexpr unsigned int few_firings = 16;
     petri_net& net = _net;  // other threads may write this object's cache lines meanwhile
     allocator_group* const group = allocator_group::global();
     using detail::this_process;
     unsigned int const process = this_process();
-    for (petri_transition* firing = net._next_firing(*this, nullptr); firing != nullptr;
-         firing = net._next_firing(*this, firing)) {
+    net._enter();
+    petri_transition* firing = net._next_firing(*this, nullptr);
+    while (firing != nullptr) {
+        unsigned int const begun = net._engine->ended();
         firing->petri_transition::operator()();  // not virtual: saves a cache miss
         assure(process == this_process());
         // The group sees one long work item here, and would flush only at its end.
         group->flush_allocator(true);
+        if (!net._mutex.try_acquire())
+            net._engine->enter_contended(net._engine->ended() - begun < few_firings);
+        firing = net._next_firing(*this, firing);
     }
 }
 
 // On a thread of `of`: commits the firing that it has run, if any, and returns the one to
-// run next. Null ends its work.
+// run next. Null ends its work. With the mutex, which it releases.
 petri_transition* petri_net::_next_firing(firing_work& of, petri_transition* ended) {
-    _enter();
     try {
         if (ended != nullptr)
             _engine->terminate(ended);

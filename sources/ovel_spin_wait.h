@@ -78,6 +78,11 @@ public:
         _pauses = std::min(2 * _pauses, _most);
     }
 
+    // Spins up to `spin` more pauses, however many are left.
+    void extend(unsigned int spin) {
+        _left = spin;
+    }
+
 private:
     unsigned int _left;
     unsigned int _pauses;
