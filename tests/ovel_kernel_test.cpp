@@ -67,7 +67,9 @@ TEST(semaphore_test, a_wait_ends_with_the_unit_or_not_before_its_time) {
     CloseHandle(semaphore);
 }
 
+// Beside the thread's own storage, which stands there too.
 TEST(thread_test, has_the_stack_that_was_asked_for) {
+    static thread_local char volatile storage[300'000];
     for (unsigned int const stack : {4096u, 65536u, 524288u, 0u}) {
         std::size_t used = stack != 0 ? stack - 512 : 524288;  // without its own frames
         auto const fill = [](void* size) {
@@ -75,7 +77,7 @@ TEST(thread_test, has_the_stack_that_was_asked_for) {
             auto const memory = static_cast<char volatile*>(alloca(bytes));
             for (std::size_t at = bytes; at-- > 0;)  // downwards, as frames grow
                 memory[at] = 1;
-            return 0u;
+            return static_cast<unsigned int>(storage[0]);
         };
         join(start(fill, &used, stack));
     }
@@ -151,7 +153,11 @@ TEST(fork_test, a_child_has_an_identity_of_its_own_and_none_of_the_threads) {
     EXPECT_EQ(process_generation(), 0u);
     ReleaseSemaphore(proceed, 1, nullptr);
     join(running);
+    // Without a handle it is gone, and the name means a new one.
     CloseHandle(owned);
+    HANDLE const unowned = CreateMutexA(nullptr, 0, "owned by the thread that forks");
+    EXPECT_TRUE(elsewhere([=] { return take(unowned) && ReleaseMutex(unowned) != 0; }));
+    CloseHandle(unowned);
 }
 
 // Other threads may hold the services' locks, or a named mutex, when the process forks.
@@ -285,12 +291,19 @@ TEST(processor_test, bits_are_processors_unless_none_of_the_first_32_is_allowed)
     EXPECT_TRUE(high.within(bits.set_of(7)));
 }
 
+// In bytes.
+std::size_t address_space() {
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return 4096 * pages;
+}
+
 // Freeing a region leaves its neighbours unchanged and returns its inner pages to the system.
 // Freeing all returns the pages that they share, too.
 TEST(region_test, freeing_a_region_returns_only_its_own_memory) {
     constexpr std::size_t busy = 136;
     constexpr std::size_t used = region_length - sizeof(ovel::cacheline);
-    constexpr int count = 60;  // several mappings
+    constexpr int count = 60;  // four mappings of 1 MB
     auto const present = [](char const* byte) {
         auto const page = reinterpret_cast<std::size_t>(byte) / 4096 * 4096;
         unsigned char resident = 0;
@@ -298,11 +311,13 @@ TEST(region_test, freeing_a_region_returns_only_its_own_memory) {
     };
     for (int first : {0, 1}) {
         char* regions[count];
+        std::size_t const before = address_space();
         for (int each = 0; each != count; ++each) {
             regions[each] = static_cast<char*>(malloc_region(busy));
             EXPECT_EQ(reinterpret_cast<std::size_t>(regions[each] + busy) % 128, 0u);
             std::memset(regions[each], each, used);
         }
+        EXPECT_LT(address_space(), before + 0x440000);
         std::set<void*> freed;
         for (int each = first; each < count; each += 2) {
             free_region(regions[each]);
@@ -328,13 +343,11 @@ TEST(region_test, freeing_a_region_returns_only_its_own_memory) {
 
 // With address space for only one more mapping of regions.
 TEST(region_test, regions_fit_into_scarce_address_space) {
-    std::size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
     rlimit former;
     ASSERT_EQ(getrlimit(RLIMIT_AS, &former), 0);
     std::vector<void*> regions;
     regions.reserve(20);
-    rlimit const scarce = {pages * 4096 + (3u << 19), former.rlim_max};
+    rlimit const scarce = {address_space() + (3u << 19), former.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_AS, &scarce), 0);
     // The mapping that other tests have left may serve some.
     for (int i = 0; i != 20; ++i)

@@ -239,25 +239,29 @@ TEST(petri_streams_test, a_transition_that_can_t_fire_again_has_ended) {
 }
 
 // One place has ended before a body is there to hear of it, another before the transition that
-// puts behind it.
+// puts behind it; also where the net has run before.
 TEST(petri_streams_test, what_is_closed_while_a_net_is_built_ends_at_its_start) {
-    net tested(1);
-    auto const empty = tested.insert_place<int>("empty", 1);
-    auto const other = tested.insert_place<int>("other", 1);
-    auto const out = tested.insert_place<int>("out", 2, ovel::closes);
-    empty.close();
-    other.send(1);
-    other.close();
-    tested.insert_transition("last", from(empty), to(out),
-                             [](std::optional<int> token) { return token.value_or(2); });
-    tested.insert_transition("pass", from(other), to(out), [](int token) { return token; });
-    EXPECT_FALSE(out.ended());
-    tested.start();
-    int sum = 0;
-    for (int const token : all_of(out))
-        sum += token;
-    EXPECT_EQ(sum, 3);
-    tested.join();
+    for (bool const again : {false, true}) {
+        net tested(1);
+        auto const empty = tested.insert_place<int>("empty", 1);
+        auto const other = tested.insert_place<int>("other", 1);
+        auto const out = tested.insert_place<int>("out", 2, ovel::closes);
+        if (again)
+            run(tested);
+        empty.close();
+        other.send(1);
+        other.close();
+        tested.insert_transition("last", from(empty), to(out),
+                                 [](std::optional<int> token) { return token.value_or(2); });
+        tested.insert_transition("pass", from(other), to(out), [](int token) { return token; });
+        EXPECT_FALSE(out.ended());
+        tested.start();
+        int sum = 0;
+        for (int const token : all_of(out))
+            sum += token;
+        EXPECT_EQ(sum, 3);
+        tested.join();
+    }
 }
 
 TEST(petri_streams_test, other_threads_may_halt_and_ask_while_a_net_is_built) {
