@@ -7,9 +7,6 @@
 #include "ovel_std.h"
 #include "ovel_test.h"
 
-#include <mutex>
-#include <numeric>
-#include <set>
 #include <stdexcept>
 
 namespace {
@@ -46,31 +43,6 @@ TEST_P(parallel_test, callers_inside_and_outside_get_the_same_answers) {
         EXPECT_EQ(work_group::current(), nullptr);
     });
     EXPECT_EQ(const_cast<std::future<int>&>(inside).get(), 2584);
-}
-
-// Items hold a lock around loops. A waiter that began another item would take the lock twice,
-// and loops that started threads would show more of them.
-TEST_P(parallel_test, a_waiter_may_hold_a_lock_that_other_items_take) {
-    std::recursive_mutex lock;
-    std::mutex list;
-    std::set<std::thread::id> threads;
-    int holders = 0;
-    for (int round = 0; round != 1000; ++round)
-        group.run([&] {
-            std::lock_guard const hold(lock);
-            EXPECT_EQ(++holders, 1);
-            parallel_for(0, 2, [&](int, int) {
-                parallel_for(0, 2, [&](int, int) {
-                    parallel_for(0, 2, [&](int, int) {
-                        std::lock_guard const adding(list);
-                        threads.insert(std::this_thread::get_id());
-                    });
-                });
-            });
-            --holders;
-        });
-    group.wait();
-    EXPECT_LE(threads.size(), GetParam());
 }
 
 // A child's child runs after it, not inside it, and a waiter runs only descendants.
@@ -334,26 +306,6 @@ TEST(task_scope_test, children_go_before_queued_items) {
     });
     group.run([&] { forked.acquire(); });
     group.run([&] { EXPECT_EQ(begun, 99); });
-    group.wait();
-}
-
-// Two of the hundred children that a stolen child creates meet, so both threads run them.
-TEST(task_scope_test, a_waiter_runs_what_a_stolen_child_creates_later) {
-    work_group group(2);
-    latch stolen(1), meeting(2);
-    group.run([&] {
-        task_scope here(group);
-        here.run([&] {
-            stolen.count_down();
-            for (int i = 0; i != 100; ++i)
-                here.run([&, i] {
-                    if (i % 50 == 0)
-                        meeting.arrive_and_wait();
-                });
-        });
-        stolen.wait();
-        here.wait();
-    });
     group.wait();
 }
 
