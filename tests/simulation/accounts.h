@@ -48,6 +48,18 @@ template <class Lock>
 constexpr bool is_reentrant =
     std::is_same_v<Lock, recursive_mutex> || std::is_same_v<Lock, timed_recursive_mutex>;
 
+// Makes a call that may throw only because a request was refused; whether it did not.
+template <class Call>
+bool attempt(Call const& call) {
+    try {
+        call();
+        return true;
+    } catch (std::bad_alloc const&) {
+        assure(refused() != 0);
+        return false;
+    }
+}
+
 // The result of `call`, repeated until no request is refused. A call that throws must have
 // changed nothing.
 template <class Call>

@@ -168,12 +168,7 @@ void client_refusals(unsigned int) {
             ready.release();
             go.acquire();
             for (int token = first; token != first + tokens / 2; ++token)
-                try {
-                    net.send(places[0], token);
-                    sent[token] = true;
-                } catch (std::bad_alloc const&) {
-                    assure(refused() != 0);
-                }
+                sent[token] = attempt([&] { net.send(places[0], token); });
             --sending;
         };
         auto const receive = [&] {
@@ -182,11 +177,7 @@ void client_refusals(unsigned int) {
             while (sending != 0) {
                 YieldProcessor();
                 any token;
-                try {
-                    static_cast<void>(net.try_receive(places[1], token));
-                } catch (std::bad_alloc const&) {
-                    assure(refused() != 0);
-                }
+                attempt([&] { static_cast<void>(net.try_receive(places[1], token)); });
                 if (!token.empty())
                     ++received[any_cast<int>(token)];
             }

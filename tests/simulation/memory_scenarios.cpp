@@ -98,12 +98,9 @@ void exchanges(unsigned int variant) {
 
 // Null when memory is refused.
 marked* try_to_take(std::size_t size) {
-    try {
-        return take_marked(size);
-    } catch (std::bad_alloc const&) {
-        assure(refused() != 0);
-        return nullptr;
-    }
+    marked* taken = nullptr;
+    attempt([&] { taken = take_marked(size); });
+    return taken;
 }
 
 // Slots whose callbacks use memory at a thread's end, before and after the callback that gives
@@ -130,14 +127,11 @@ void foreigners(unsigned int variant) {
     auto const body = [&] {
         for (unsigned int round = 1 + pick(3); round != 0; --round) {
             exchange_one();
-            if (pick(3) == 0) {
-                try {
+            if (pick(3) == 0)
+                attempt([&] {
                     thread_allocator const own;
                     exchange_one();
-                } catch (std::bad_alloc const&) {
-                    assure(refused() != 0);
-                }
-            }
+                });
         }
         for (DWORD const slot : at_end)
             if (pick(2) == 0)
@@ -288,7 +282,7 @@ void refusals(unsigned int variant) {
     accounts const books(0);
     detail::atomic<marked*> place = nullptr;
     auto const body = [&](std::size_t size) {
-        try {
+        attempt([&] {
             thread_allocator const own;
             for (std::size_t bytes = size; bytes <= 3 * size; bytes += size) {
                 auto memory = static_cast<marked*>(ovel_calloc(1, bytes));
@@ -303,9 +297,7 @@ void refusals(unsigned int variant) {
                 }
                 give_back(place.exchange(memory));
             }
-        } catch (std::bad_alloc const&) {
-            assure(refused() != 0);
-        }
+        });
     };
     begin();
     unsigned int const first = 1 + pick(14);

@@ -306,16 +306,12 @@ void net_refusals(unsigned int variant) {
     else if (variant == 2)
         refuse_blocks(1 + pick(60), 1 + pick(2));
     std::unique_ptr<line> through;
-    for (bool running = false; !running;)
-        try {
-            if (through == nullptr)
-                through = std::make_unique<line>(2);
-            inspector::check_net(through->net);
-            through->net.release();
-            running = true;
-        } catch (std::bad_alloc const&) {
-            assure(refused() != 0);
-        }
+    retried([&] {
+        if (through == nullptr)
+            through = std::make_unique<line>(2);
+        inspector::check_net(through->net);
+        through->net.release();
+    });
     if (variant == 1)
         refuse_memory(1 + pick(6), 2);
     else if (variant == 3)
@@ -323,22 +319,15 @@ void net_refusals(unsigned int variant) {
     unsigned int received[4] = {};
     auto const receive = [&](petri_place* place) {
         any token;
-        try {
-            static_cast<void>(through->net.try_receive(place, token));
-        } catch (std::bad_alloc const&) {
-            assure(refused() != 0);  // and the token may be there
-        }
+        // If it throws, the token may be there.
+        attempt([&] { static_cast<void>(through->net.try_receive(place, token)); });
         if (!token.empty())
             ++received[any_cast<int>(token)];
         return !token.empty();
     };
     bool sent[4] = {};
     for (int token = 0; token != 4; ++token) {
-        try {
-            sent[token] = through->net.try_send(through->places[0], token);
-        } catch (std::bad_alloc const&) {
-            assure(refused() != 0);
-        }
+        attempt([&] { sent[token] = through->net.try_send(through->places[0], token); });
         receive(through->places[2]);
     }
     refuse_memory(0, 0);
@@ -388,11 +377,7 @@ void refusals_at_the_start(unsigned int) {
     begin();
     net.release();
     refuse_blocks(1 + pick(8), 1 + pick(3));
-    try {
-        net.send(shared, 1);
-    } catch (std::bad_alloc const&) {
-        assure(refused() != 0);
-    }
+    attempt([&] { net.send(shared, 1); });
     refuse_blocks(0, 0);
     net.send(shared, 2);
     net.acquire();
