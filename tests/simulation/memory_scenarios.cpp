@@ -268,7 +268,7 @@ void recycler_requests(unsigned int) {
     assure(reserve() == expected);
     for (double const none : {0.0, -1.0, double(NAN)})
         recycler.recycle_capacity(none);
-    recycler.recycle_minimum_capacity(0.0);
+    recycler.recycle_minimum_capacity(1.0);  // it was empty at first
     assure(reserve() == expected);
     recycler.recycle_minimum_capacity(double(chunk) / double(expected));
     assure(reserve() == expected - chunk);
