@@ -472,11 +472,13 @@ void ovel_benchmark::register_rows() {
     row("triangular_loop", [](auto& way) { way.loop(100'000, spend_increasingly); });
     row("sum_of_square_roots",
         [](auto& way) { benchmark::DoNotOptimize(way.sum(1'000'000, sum_roots)); });
-    auto const empty = [](auto& way) {
-        for (int repeat = 0; repeat != 1000; ++repeat)
-            way.loop(2, [](std::size_t, std::size_t) {});
-    };
-    row("thousand_empty_loops", empty);
+    for (std::size_t elements : {2, 1000, 1'000'000})
+        row("thousand_empty_loops" +
+                (elements == 2 ? "" : "_over_" + std::to_string(elements) + "_elements"),
+            [=](auto& way) {
+                for (int repeat = 0; repeat != 1000; ++repeat)
+                    way.loop(elements, [](std::size_t, std::size_t) {});
+            });
 
     queue_row("run", "ovel", run_items);
     queue_row("run", "ovel thread_group", schedule_items);

@@ -178,7 +178,7 @@ requires(sizeof...(Callables) != 0 &&
 // How to divide a loop.
 struct loop_options {
     // The number of elements in a part, at least 1; only the last part may have fewer. 0
-    // lets the number of elements decide, for some hundred parts.
+    // lets the number of elements decide, for at most 256 parts.
     std::size_t grain = 0;
     // Skips parts that have not begun when a stop is requested.
     std::stop_token stop{};
@@ -214,11 +214,12 @@ class divided_range {
 public:
     divided_range(element_count size, loop_options const& options)
         : _size(size),
-          _grain(options.grain != 0 ? options.grain : std::max<element_count>(size / 512, 1)),
+          _grain(options.grain != 0 ? options.grain
+                                    : std::max<element_count>(_quotient(size, _most), 1)),
           _stop(options.stop) {}
 
     element_count parts() const {
-        return _size / _grain + (_size % _grain != 0);
+        return _quotient(_size, _grain);
     }
     // The bounds of part `part`, in elements.
     element_count begin(element_count part) const {
@@ -245,6 +246,15 @@ public:
     }
 
 private:
+    // The most parts without a grain. With more, an empty loop takes longer; with fewer, a
+    // thread is longer without work at the end of a loop.
+    static constexpr element_count _most = 256;
+
+    // Rounded up.
+    static element_count _quotient(element_count size, element_count by) {
+        return size / by + (size % by != 0);
+    }
+
     element_count const _size;
     element_count const _grain;
     std::stop_token const _stop;
@@ -260,7 +270,21 @@ struct half_task : task {
               unsigned int shares)
         : task{&_run, scope}, _loop(loop), _first(first), _last(last), _shares(shares) {}
 
-    void run_on(task_seat& seat, unsigned int shares) {
+    void run_on(task_seat& seat) {
+        _run_on(seat, _shares);
+    }
+
+    // Empty if `scope` has failed.
+    std::optional<typename Loop::result> result;
+
+private:
+    static void _run(task& self, bool stolen) {
+        auto& half = static_cast<half_task&>(self);
+        task_seat& seat = stolen ? *task_crew::current_seat() : half.scope.seat();
+        half._run_on(seat, stolen ? seat.crew().threads() : half._shares);
+    }
+
+    void _run_on(task_seat& seat, unsigned int shares) {
         auto& in = static_cast<call_scope&>(scope);
         if (in.is_stopped())
             return;
@@ -272,20 +296,14 @@ struct half_task : task {
         }
     }
 
-    std::optional<typename Loop::result> result;
-
-private:
-    static void _run(task& self, bool stolen) {
-        auto& half = static_cast<half_task&>(self);
-        task_seat& seat = stolen ? *task_crew::current_seat() : half.scope.seat();
-        half.run_on(seat, stolen ? seat.crew().threads() : half._shares);
-    }
-
     Loop& _loop;
     element_count const _first;
     element_count const _last;
     unsigned int const _shares;
 };
+
+// The result of a loop that is not a reduction.
+struct nothing {};
 
 // A reduction: `body` computes a result for each part, and `join` combines two results.
 template <class Index, class T, class Body, class Join>
@@ -294,31 +312,29 @@ struct divided_loop {
 
     // `seat` is null for a thread outside any group. There is at least one part.
     T run(task_seat* seat, element_count first, element_count last, unsigned int shares) {
-        if (range.is_stopped())
-            return identity;
-        if (last - first == 1)
-            return std::invoke(body, advanced(from, range.begin(first)),
-                               advanced(from, range.end(first)), T(identity));
-        element_count const middle = first + (last - first) / 2;
-        if (seat == nullptr || (shares < 2 && !seat->is_begged())) {
+        if constexpr (std::is_same_v<T, nothing>) {
+            // One part after the other, which costs less than halving down to a part.
+            for (;; ++first) {
+                if (range.is_stopped())
+                    return identity;
+                if (last - first == 1)
+                    return _run_part(first);
+                if (_is_divided(seat, shares)) [[unlikely]]
+                    return _divide(*seat, first, last, shares);
+                _run_part(first);
+            }
+        } else {
+            if (range.is_stopped())
+                return identity;
+            if (last - first == 1)
+                return _run_part(first);
+            if (_is_divided(seat, shares)) [[unlikely]]
+                return _divide(*seat, first, last, shares);
+            // Halves as `_divide` does, so that results are always joined in the same way.
+            element_count const middle = first + (last - first) / 2;
             T left = run(seat, first, middle, 0);
             return std::invoke(join, std::move(left), run(seat, middle, last, 0));
         }
-        call_scope scope(*seat);
-        half_task<divided_loop> right(scope, *this, middle, last, shares / 2);
-        bool const forked = scope.fork(right);
-        std::optional<T> left;
-        try {
-            left.emplace(run(seat, first, middle, shares - shares / 2));
-        } catch (...) {
-            range.leave_out();
-            scope.fail();
-        }
-        bool const stolen = forked && !scope.pop();
-        if (forked && !stolen)
-            right.run_on(*seat, shares / 2);
-        scope.join(stolen);
-        return std::invoke(join, std::move(*left), std::move(*right.result));
     }
 
     divided_range& range;
@@ -326,11 +342,40 @@ struct divided_loop {
     T const& identity;
     Body& body;
     Join& join;
+
+private:
+    T _run_part(element_count part) {
+        return std::invoke(body, advanced(from, range.begin(part)), advanced(from, range.end(part)),
+                           T(identity));
+    }
+
+    static bool _is_divided(task_seat* seat, unsigned int shares) {
+        return seat != nullptr && (shares >= 2 || seat->is_begged());
+    }
+
+    // Keeps one half and offers the other.
+    T _divide(task_seat& seat, element_count first, element_count last, unsigned int shares) {
+        element_count const middle = first + (last - first) / 2;
+        call_scope scope(seat);
+        half_task<divided_loop> right(scope, *this, middle, last, shares / 2);
+        bool const forked = scope.fork(right);
+        std::optional<T> left;
+        try {
+            left.emplace(run(&seat, first, middle, shares - shares / 2));
+        } catch (...) {
+            range.leave_out();
+            scope.fail();
+        }
+        bool const stolen = forked && !scope.pop();
+        if (forked && !stolen)
+            right.run_on(seat);
+        scope.join(stolen);
+        return std::invoke(join, std::move(*left), std::move(*right.result));
+    }
 };
 
-struct nothing {};
-
-// Runs `loop` on the threads of `group`, or of the current group if `group` is null.
+// Runs `loop` on the threads of `group`, or of the current group if `group` is null. The
+// scope around it gets the exceptions of scopes that parts close without a wait.
 template <class Loop>
 typename Loop::result run_loop(work_group* group, Loop& loop) {
     element_count const parts = loop.range.parts();

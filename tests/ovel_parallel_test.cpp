@@ -166,10 +166,12 @@ TEST_P(parallel_test, loops_visit_each_element_once) {
     for (std::size_t size : {0, 1, 2, 7, 1000, 4099})
         for (std::size_t grain : {0, 1, 3, 5000}) {
             std::vector<std::atomic<int>> visits(size);
+            std::atomic<int> parts = 0;
             EXPECT_TRUE(parallel_for(
                 group, visits.begin(), visits.end(),
                 [&](auto begin, auto end) {
                     EXPECT_TRUE(begin < end);
+                    ++parts;
                     EXPECT_TRUE(grain == 0 || static_cast<std::size_t>(end - begin) <= grain);
                     for (; begin != end; ++begin)
                         ++*begin;
@@ -177,6 +179,7 @@ TEST_P(parallel_test, loops_visit_each_element_once) {
                 {.grain = grain}));
             EXPECT_TRUE(std::all_of(visits.begin(), visits.end(),
                                     [](auto const& each) { return each == 1; }));
+            EXPECT_TRUE(grain != 0 || parts <= 256);
         }
     parallel_for(group, 5, 2, [](int, int) { ADD_FAILURE(); });
 
