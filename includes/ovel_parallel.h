@@ -381,12 +381,24 @@ typename Loop::result run_loop(work_group* group, Loop& loop) {
     element_count const parts = loop.range.parts();
     if (parts == 0)
         return loop.identity;
+    auto const run_on = [&](task_seat& seat) {
+        call_scope scope(seat);
+        try {
+            auto result = loop.run(&seat, 0, parts, seat.crew().threads());
+            scope.join();
+            return result;
+        } catch (...) {
+            scope.fail();  // unless an earlier one is kept
+            scope.join();
+            throw;
+        }
+    };
     if (group != nullptr) {
         entered_group const here(crew_of::get(*group));
-        return loop.run(&here.seat, 0, parts, group->threads());
+        return run_on(here.seat);
     }
     task_seat* const seat = task_crew::current_seat();
-    return loop.run(seat, 0, parts, seat != nullptr ? seat->crew().threads() : 0);
+    return seat != nullptr ? run_on(*seat) : loop.run(nullptr, 0, parts, 0);
 }
 
 template <class Index, class Body>

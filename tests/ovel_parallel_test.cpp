@@ -128,6 +128,13 @@ TEST_P(parallel_test, the_first_exception_wins_and_none_is_lost) {
             left.run([held] { throw std::bad_alloc(); });
     });
     EXPECT_THROW(group.wait(), std::bad_alloc);
+    // A loop of a single part gets what a scope in it leaves behind.
+    auto const leave = [&](int, int) {
+        task_scope left(group), inner(group);
+        left.run([held] { throw std::length_error("runs at once"); });
+    };
+    EXPECT_THROW(parallel_for(group, 0, 1, leave), std::length_error);
+    group.wait();
     EXPECT_EQ(held.use_count(), 1);
 }
 
