@@ -152,8 +152,12 @@ listed_task* task_frame::take() {
 // Runs a child apart from what the thread of `seat` is busy with, and then what the child
 // pushed.
 void scope_base::_run(task_seat& seat, task& child, bool stolen) {
-    task_crew const& crew = seat._crew;
+    task_crew& crew = seat._crew;
     assure(!crew.inherited());
+    // A child that runs at once may have been added from inside a scope of another group.
+    task_seat* previous = &seat;
+    if (!stolen)
+        crew.enter(previous);
     scope_base& scope = child.scope;
     scope_base* const interrupted = std::exchange(seat._innermost, &scope);
     task_frame frame(scope, seat.bottom());
@@ -189,6 +193,8 @@ void scope_base::_run(task_seat& seat, task& child, bool stolen) {
     seat._innermost = interrupted;
     if (stolen)
         _finish(scope);
+    else
+        task_crew::leave(seat, previous);
 }
 
 void scope_base::_run_here(task_seat& seat, task& child) {

@@ -345,7 +345,15 @@ TEST(task_scope_test, a_thread_may_have_scopes_of_several_groups_open) {
             EXPECT_EQ(work_group::current(), &first);
             ran += fibonacci(7);
         });
-        outer.run([&] { ++ran; });  // runs at once: the deque is the inner scope's
+        {
+            task_scope last(second);
+            // Runs at once: the deque is the inner scope's.
+            outer.run([&] {
+                EXPECT_EQ(work_group::current(), &first);
+                ++ran;
+            });
+            EXPECT_EQ(work_group::current(), &second);
+        }
         again.wait();
     }
     EXPECT_EQ(work_group::current(), &first);
