@@ -163,8 +163,9 @@ private:
 // ended the group.
 //
 // `wait`, `join` or destruction by the group's own work would wait for itself; it fails
-// the check "!_runs_caller()". So does a child of a scope if a thread of the group runs
-// it. On another thread, a child of that thread's own scope may call `wait`.
+// the check "!_runs_caller()". The same holds for a child of a scope, if a thread of the
+// group runs it or has opened the scope. A child that runs on a thread of no group, in a
+// scope of that thread, may call `wait`.
 class work_group {
 public:
     // Has a thread for each processor and no space, unless given. No threads or negative

@@ -160,7 +160,14 @@ void task_crew::stop() {
 
 bool task_crew::runs_caller() {
     task_seat const* const seat = find_seat();
-    return seat != nullptr && seat->_worker;
+    if (seat == nullptr)
+        return false;
+    // What a thread of no crew runs for a worker is the worker's work.
+    bool runs = seat->_worker;
+    for (task_frame const* each = seat->_frames.load(std::memory_order_relaxed);
+         each != nullptr && !runs; each = each->outer)
+        runs = each->scope->_seat._worker;
+    return runs;
 }
 
 template <class Wait>

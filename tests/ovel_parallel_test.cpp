@@ -413,6 +413,24 @@ TEST(task_scope_test, misuse_fails_the_checks) {
     };
     EXPECT_CHECK(in_work(&work_group::wait), "!_runs_caller()", "includes/ovel_work.h");
     EXPECT_CHECK(in_work(&work_group::join), "!_runs_caller()", "includes/ovel_work.h");
+    // The group's only thread waits for a child that this thread runs.
+    auto const in_a_grandchild = [] {
+        work_group alone(1);
+        latch begun(1), stolen(1);
+        task_scope outer(alone);
+        outer.run([&] {
+            task_scope inner(alone);
+            inner.run([&] {
+                stolen.count_down();
+                alone.wait();
+            });
+            begun.count_down();
+            stolen.wait();
+        });
+        begun.wait();
+        outer.wait();
+    };
+    EXPECT_CHECK(in_a_grandchild(), "!_runs_caller()", "includes/ovel_work.h");
 }
 
 }  // namespace
