@@ -23,7 +23,9 @@
 // the caller does all the work.
 //
 // The first exception wins: the caller gets it once nothing of the call runs any more.
-// Calls also throw std::bad_alloc if the group has no memory for another thread.
+// Calls also throw std::bad_alloc if the group has no memory for another thread that
+// joins in. If the system then has no kernel object left for that thread, they fail the
+// check "_semaphore != 0".
 #ifndef OVEL_PARALLEL_H
 #define OVEL_PARALLEL_H
 
@@ -491,7 +493,8 @@ std::optional<T> parallel_reduce(Index first, Index last, T identity, Body body,
 // the parent fails the check "!crew.inherited()".
 class task_scope : detail::entered_group, detail::scope_base {
 public:
-    // Throws std::bad_alloc.
+    // Throws std::bad_alloc, and fails the check "_semaphore != 0", as described at the
+    // top.
     explicit task_scope(work_group& group)
         : entered_group(detail::crew_of::get(group)),
           scope_base(entered_group::seat),
