@@ -25,6 +25,7 @@
 #include "ovel_work_queue.h"
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <new>
 #include <utility>
@@ -339,7 +340,9 @@ bool task_crew::_pass(task_seat& seat, items::detached& item, bool takes, bool& 
         if (takes && has_fitting_work(_queue, _space)) {
             item = _queue.extract(find_work(_queue, _space));
             if (double const space = (*item).third; space != 0) {
-                _space -= space;
+                // Infinite space is never used up: infinity - infinity would be NaN.
+                if (std::isfinite(_budget))
+                    _space -= space;
                 ++_occupants;
             }
             runs = !_stopped;

@@ -297,6 +297,14 @@ TEST_P(parallel_test, queued_items_keep_to_the_space_and_the_order) {
     EXPECT_TRUE(GetParam() != 1 || begun == order);
 }
 
+TEST(task_scope_test, infinite_space_is_never_used_up) {
+    work_group group(2, std::numeric_limits<double>::infinity());
+    semaphore go_on(0, 0);
+    group.run([&] { go_on.acquire(); }, {.space = std::numeric_limits<double>::infinity()});
+    group.run([&] { go_on.release(); });
+    group.wait();
+}
+
 // The opener waits in a child for the 99 others, so the other thread runs them. It begins the
 // queued item after those.
 TEST(task_scope_test, children_go_before_queued_items) {
