@@ -121,6 +121,10 @@ std::uintptr_t _beginthreadex(void* security, unsigned int stack, unsigned int (
 // false if memory runs out.
 //     bool at_fork(fork_handlers const& handlers);
 
+// Whether the calling thread is forking: between the end of `before` and the start of the other
+// handler. Other fork handlers of the program may run then. A read without a call.
+//     bool forking();
+
 // Whether the process is ending and the system has already ended all other threads,
 // wherever they were. The caller must then not wait for any lock.
 //     bool other_threads_have_ended();
@@ -255,6 +259,9 @@ inline void set_thread_name(char const*) {}
 
 inline unsigned int process_generation() {
     return 0;
+}
+inline bool forking() {
+    return false;
 }
 inline bool at_fork(fork_handlers const&) {
     return true;

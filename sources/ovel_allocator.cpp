@@ -75,7 +75,7 @@ void detail::chunk::format(allocator* owner, std::size_t length, std::size_t blo
 }
 
 allocator::allocator(allocator* parent, HANDLE lock)
-    : _lock(1, detail::current_spin(), lock),
+    : _lock(forking() ? 0 : 1, detail::current_spin(), lock),
       _parent(parent),
       _next(nullptr),
       _next_released(nullptr),
@@ -97,7 +97,7 @@ allocator::allocator(allocator* parent, HANDLE lock)
     }
     _empty.format(this, 0, 0, 0);
 
-    detail::guard<semaphore> const hold(_registry_lock());
+    detail::guard<semaphore> const hold(_registry_lock(), forking());
     _next = _allocators;
     _allocators = this;
 }
@@ -202,7 +202,7 @@ detail::chunk& allocator::_remove_empty() {
 detail::chunk* allocator::_take_chunk(std::size_t k) {
     detail::chunk* taken;
     {
-        detail::guard<semaphore> const hold(_parent->_lock);
+        detail::guard<semaphore> const hold(_parent->_lock, forking());
         if (!_parent->_empty.has_chunk())
             return nullptr;
         taken = &_parent->_remove_empty();
@@ -215,7 +215,7 @@ detail::chunk* allocator::_take_chunk(std::size_t k) {
 // Moves the first chunk of `_empty` to the global allocator, under that one's lock. The
 // blocks keep their layout, since the allocator that takes the chunk formats it.
 void allocator::_give_chunk() {
-    detail::guard<semaphore> const hold(_parent->_lock);
+    detail::guard<semaphore> const hold(_parent->_lock, forking());
     detail::chunk& given = _remove_empty();
     given._allocator = _parent;
     given.insert_front(_parent->_empty);
@@ -223,7 +223,8 @@ void allocator::_give_chunk() {
 }
 
 void allocator::recycle(double fraction, bool minimum) {
-    if (_parent != nullptr)
+    // A thread that forks must not drop the lock.
+    if (_parent != nullptr || forking())
         return;
     if (!(fraction > 0.0))  // true for NaN as well
         fraction = 0.0;
@@ -254,7 +255,7 @@ void allocator::recycle(double fraction, bool minimum) {
 }
 
 std::size_t allocator::_sum(counter allocator::*word) {
-    detail::guard<semaphore> const hold(_registry_lock());
+    detail::guard<semaphore> const hold(_registry_lock(), forking());
     std::size_t sum = 0;
     for (allocator* each = _allocators; each != nullptr; each = each->_next)
         sum += _read(each->*word);
@@ -368,7 +369,7 @@ void allocator::_receive(detail::block* head, detail::block* tail, std::size_t s
 // blocks. Adds the chains that this releases to the front of `kept`.
 void allocator::_accept(detail::block* head, detail::block* tail, std::size_t size,
                         detail::chain_parts const& parts, detail::block*& kept) {
-    detail::guard<semaphore> const hold(_lock);
+    detail::guard<semaphore> const hold(_lock, forking());
     _parts = parts;
     _parts.end = _pending;
     tail->_next = _pending;
@@ -396,7 +397,7 @@ void allocator::_collect() {
     detail::block* chain;
     detail::chain_parts parts;
     {
-        detail::guard<semaphore> const hold(_lock);
+        detail::guard<semaphore> const hold(_lock, forking());
         chain = _pending;
         parts = _parts;
         _pending = nullptr;
@@ -449,7 +450,7 @@ void allocator::_deallocate_chain(detail::block* from, detail::block const* to) 
 }
 
 void allocator::activate() {
-    detail::guard<semaphore> const hold(_lock);
+    detail::guard<semaphore> const hold(_lock, forking());
     assure(!_activated);
     _activated = true;
 }
@@ -458,7 +459,7 @@ void allocator::activate() {
 // the next collection or the next chain.
 void allocator::deactivate(bool keep) {
     flush(keep);
-    detail::guard<semaphore> const hold(_lock);
+    detail::guard<semaphore> const hold(_lock, forking());
     assure(_activated);
     _activated = false;
 }

@@ -188,7 +188,8 @@ struct chain_parts {
 // which also guards `_allocators` and `_released_allocators`.
 //
 // Lock order: an allocator's `_lock`, then the global allocator's. The locks of
-// two allocators that are not the global one are never held together.
+// two allocators that are not the global one are never held together, except by a thread that
+// forks: it holds all of them, and takes none.
 class allocator {
 public:
     // Builds the global allocator, or with false the default one; without an argument a

@@ -188,7 +188,7 @@ allocator* allocator_group::_acquire_allocator() {
 allocator* allocator_group::_take_released() {
     allocator* reused;
     {
-        detail::guard<semaphore> const hold(allocator::_global_allocator->_lock);
+        detail::guard<semaphore> const hold(allocator::_global_allocator->_lock, forking());
         reused = allocator::_released_allocators;
         if (reused == nullptr)
             return nullptr;
@@ -206,7 +206,7 @@ void allocator_group::_release_allocator(allocator* own) {
 }
 
 void allocator_group::_push_released(allocator* released) {
-    detail::guard<semaphore> const hold(allocator::_global_allocator->_lock);
+    detail::guard<semaphore> const hold(allocator::_global_allocator->_lock, forking());
     released->_next_released = allocator::_released_allocators;
     allocator::_released_allocators = released;
 }

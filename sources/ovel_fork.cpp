@@ -11,6 +11,9 @@
 // global one; the global allocator's lock; those of the kernel services. A thread that holds
 // an allocator's lock waits only for the global allocator's. A thread that holds that one
 // waits for no other lock.
+//
+// Fork handlers of others may run while the forking thread holds all these locks. What they
+// allocate and free then takes none: see `forking`.
 
 #include "kernel.h"
 #include "ovel_allocator.h"

@@ -198,7 +198,7 @@ void thread_element_group::_end_idle() {
 
 // Returns null if there is none.
 thread_element* thread_element_group::_take_first() {
-    guard const hold(_lock);
+    guard const hold(_lock, forking());
     if (_elements.size() == 0)
         return nullptr;
     thread_element* const first = *_elements.begin();
@@ -230,7 +230,7 @@ thread_element* thread_element_group::acquire_element(unsigned int stack_size) {
 // Returns the smallest idle element whose stack is large enough, unless it is wastefully
 // large; null if there is none.
 thread_element* thread_element_group::_take(unsigned int stack_size) {
-    guard const hold(_lock);
+    guard const hold(_lock, forking());
     auto const found = _elements.find_first([stack_size](thread_element* element) {
         return element->thread_base_().stack_size() >= stack_size;
     });
@@ -248,7 +248,7 @@ thread_element* thread_element_group::_take(unsigned int stack_size) {
 
 void thread_element_group::release_element(thread_element* element) {
     try {
-        guard const hold(_lock);
+        guard const hold(_lock, forking());
         _elements.insert(element);
     } catch (std::bad_alloc const&) {
         delete element;
@@ -257,7 +257,7 @@ void thread_element_group::release_element(thread_element* element) {
 }
 
 unsigned int thread_element_group::size() {
-    guard const hold(_lock);
+    guard const hold(_lock, forking());
     return _elements.size();
 }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Forks of a process with threads.
 
+#include "ovel_malloc.h"
 #include "ovel_mutex.h"
 #include "ovel_parallel.h"
 #include "ovel_petri.h"
@@ -16,7 +17,9 @@
 #include <cstdlib>
 #include <functional>
 #include <tuple>
+#include <vector>
 
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -85,6 +88,31 @@ void use_between_forks(int kind) {
     }
 }
 
+// Registered before the library's own fork handlers, these run while the thread that forks holds
+// the library's locks. They need new chunks, and hand over blocks of an allocator whose thread
+// has ended.
+constexpr std::size_t block_bytes = 700;
+std::vector<void*> of_ended_thread, own_blocks;
+bool handlers_use_memory = false;
+
+void use_memory_in_handler() {
+    if (!handlers_use_memory)
+        return;
+    for (int i = 0; i != 300; ++i)
+        own_blocks.push_back(ovel_malloc(block_bytes));
+    for (int i = 0; i != 1000; ++i) {
+        ovel_free(of_ended_thread.back());
+        of_ended_thread.pop_back();
+    }
+}
+
+// A library's constructors run before those of the program, but after these.
+void register_first(int, char**, char**) {
+    pthread_atfork(use_memory_in_handler, use_memory_in_handler, use_memory_in_handler);
+}
+[[gnu::section(".preinit_array"), gnu::used]] void (*const first)(int, char**,
+                                                                  char**) = register_first;
+
 // Calls of `work` on threads of the library.
 
 template <class Work>
@@ -131,6 +159,23 @@ TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
         in_net(work);
     }
     traffic::over = true;
+}
+
+// On a thread that is lent an allocator by the first handler.
+TEST(fork_test, handlers_that_run_while_the_locks_are_held_may_use_memory) {
+    std::thread([] {
+        for (int i = 0; i != 3000; ++i)
+            of_ended_thread.push_back(ovel_malloc(block_bytes));
+    }).join();
+    handlers_use_memory = true;
+    std::thread([] { EXPECT_EQ(status_of_fork(use_everything), 0); }).join();
+    handlers_use_memory = false;
+    traffic::run_group();
+    for (auto* const blocks : {&of_ended_thread, &own_blocks})
+        while (!blocks->empty()) {
+            ovel_free(blocks->back());
+            blocks->pop_back();
+        }
 }
 
 TEST(fork_test, the_child_of_a_child_may_use_the_library) {

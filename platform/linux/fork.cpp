@@ -2,6 +2,9 @@
 // What the layer does when the process forks. A lock that another thread held at the fork
 // would stay locked in the child for ever, with its data half changed. So the forking thread
 // takes the library's locks first, then the layer's own.
+//
+// Handlers of a library that registered them earlier run after `before_fork`, and before the
+// other two. They may allocate and free on the thread that holds all these locks.
 
 #include "linux/fork.h"
 
@@ -12,6 +15,7 @@
 namespace ovel {
 
 constinit unsigned int detail::process_generation_word = 0;
+constinit thread_local bool detail::forking_word = false;
 
 namespace {
 
@@ -21,6 +25,7 @@ pthread_mutex_t* const locks[] = {&detail::named_mutexes_lock, &detail::slots_lo
                                   &detail::modules_lock};
 
 void unlock() {
+    detail::forking_word = false;
     for (auto each = std::rbegin(locks); each != std::rend(locks); ++each)
         pthread_mutex_unlock(*each);
 }
@@ -29,6 +34,7 @@ void before_fork() {
     library.before();
     for (pthread_mutex_t* const each : locks)
         pthread_mutex_lock(each);
+    detail::forking_word = true;
 }
 
 void after_fork_in_parent() {

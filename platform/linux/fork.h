@@ -8,7 +8,7 @@
 namespace ovel::detail {
 
 // The layer's own locks. A fork takes them in this order. No other code takes one while it
-// holds another.
+// holds another. The thread that is `forking` holds all of them.
 extern pthread_mutex_t named_mutexes_lock;  // the table of named mutexes, their handle counts
 extern pthread_mutex_t slots_lock;          // which thread-local slots are in use, generations
 extern pthread_mutex_t processors_lock;     // the process's mask; changes of any thread's mask

@@ -92,7 +92,7 @@ kernel_mutex* make_mutex(char const* name) {
 
 void close(kernel_mutex& mutex) {
     {
-        detail::pthread_guard const hold(detail::named_mutexes_lock);
+        detail::pthread_guard const hold(detail::named_mutexes_lock, forking());
         if (--mutex.handles != 0)
             return;
         kernel_mutex** link = &table;
@@ -129,7 +129,7 @@ BOOL kernel::ReleaseSemaphore(HANDLE semaphore, LONG count, LONG*) {
 HANDLE kernel::CreateMutexA(void*, BOOL, char const* name) {
     if (!name)
         return nullptr;
-    detail::pthread_guard const hold(detail::named_mutexes_lock);
+    detail::pthread_guard const hold(detail::named_mutexes_lock, forking());
     kernel_mutex* mutex = table;
     while (mutex &&
            !(mutex->process == process_generation() && std::strcmp(mutex->name, name) == 0))

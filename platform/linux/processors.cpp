@@ -147,7 +147,7 @@ processor_set detail::processor_bits::set_of(unsigned int mask) const {
 
 void detail::use_processors_of_process() {
     need_processors();
-    pthread_guard const hold(detail::processors_lock);
+    pthread_guard const hold(detail::processors_lock, forking());
     process_set.apply(0);  // if the system refuses, the thread keeps its creator's
 }
 
@@ -188,7 +188,7 @@ BOOL kernel::SetProcessAffinityMask(HANDLE process, DWORD_PTR mask) {
         return 0;
     bool restricted;
     {
-        detail::pthread_guard const hold(detail::processors_lock);
+        detail::pthread_guard const hold(detail::processors_lock, forking());
         restricted = restrict_process(threads, mask == initial_mask
                                                    ? initial_set
                                                    : bits.set_of(static_cast<unsigned int>(mask)));
@@ -199,7 +199,7 @@ BOOL kernel::SetProcessAffinityMask(HANDLE process, DWORD_PTR mask) {
 
 DWORD_PTR kernel::SetThreadAffinityMask(HANDLE thread, DWORD_PTR mask) {
     need_processors();
-    detail::pthread_guard const hold(detail::processors_lock);
+    detail::pthread_guard const hold(detail::processors_lock, forking());
     unsigned int const all = process_mask.load(std::memory_order_relaxed);
     if (thread != &current_thread || mask == 0 || (mask & ~DWORD_PTR(all)) != 0)
         return 0;

@@ -7,19 +7,24 @@
 
 namespace ovel::detail {
 
+// With `is_held` the thread has the lock already, and keeps it.
 class pthread_guard {
 public:
-    explicit pthread_guard(pthread_mutex_t& lock) : _lock(lock) {
-        pthread_mutex_lock(&_lock);
+    explicit pthread_guard(pthread_mutex_t& lock, bool is_held = false)
+        : _lock(lock), _is_held(is_held) {
+        if (!_is_held)
+            pthread_mutex_lock(&_lock);
     }
     ~pthread_guard() {
-        pthread_mutex_unlock(&_lock);
+        if (!_is_held)
+            pthread_mutex_unlock(&_lock);
     }
     pthread_guard(pthread_guard const&) = delete;
     pthread_guard& operator=(pthread_guard const&) = delete;
 
 private:
     pthread_mutex_t& _lock;
+    bool const _is_held;
 };
 
 }  // namespace ovel::detail

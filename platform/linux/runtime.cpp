@@ -134,7 +134,7 @@ std::size_t kernel::_msize(void* memory) {
 }
 
 void* kernel::malloc_region(std::size_t busy) {
-    detail::pthread_guard const hold(detail::regions_lock);
+    detail::pthread_guard const hold(detail::regions_lock, forking());
     mapping* const home = with_free != nullptr ? with_free : map();
     if (home == nullptr)
         return nullptr;
@@ -150,7 +150,7 @@ void* kernel::malloc_region(std::size_t busy) {
 }
 
 void kernel::free_region(void* region) {
-    detail::pthread_guard const hold(detail::regions_lock);
+    detail::pthread_guard const hold(detail::regions_lock, forking());
     if (__lsan_unregister_root_region != nullptr)
         __lsan_unregister_root_region(region, region_length);
     auto const address = reinterpret_cast<std::size_t>(region);

@@ -49,7 +49,7 @@ std::size_t stack_overhead(std::size_t stack) {
     // signal handler.
     std::size_t overhead = static_cast<std::size_t>(sysconf(_SC_THREAD_STACK_MIN));
     {
-        detail::pthread_guard const hold(detail::modules_lock);
+        detail::pthread_guard const hold(detail::modules_lock, forking());
         dl_iterate_phdr(add_thread_local_storage, &overhead);
     }
 #if defined(OVEL_SANITIZED)

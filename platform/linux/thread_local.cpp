@@ -91,7 +91,7 @@ slot* slot_in_use(DWORD index) {
 }  // namespace
 
 DWORD kernel::TlsAlloc() {
-    detail::pthread_guard const hold(detail::slots_lock);
+    detail::pthread_guard const hold(detail::slots_lock, forking());
     for (DWORD number = 0; number < slots; ++number) {
         slot& free_slot = table[number];
         if (free_slot.index.load(std::memory_order_relaxed) != 0 ||
@@ -105,7 +105,7 @@ DWORD kernel::TlsAlloc() {
 }
 
 BOOL kernel::TlsFree(DWORD index) {
-    detail::pthread_guard const hold(detail::slots_lock);
+    detail::pthread_guard const hold(detail::slots_lock, forking());
     slot* const used = slot_in_use(index);
     if (!used)
         return 0;

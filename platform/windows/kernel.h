@@ -22,6 +22,9 @@ inline void set_quick_pointer(void*) {}
 inline unsigned int process_generation() {
     return 0;
 }
+inline bool forking() {
+    return false;
+}
 inline bool at_fork(fork_handlers const&) {
     return true;
 }
