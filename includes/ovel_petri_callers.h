@@ -28,6 +28,9 @@ public:
 
 namespace detail {
 
+// Differs from the number of each process from which this one was forked; not 0.
+OVEL_EXPORT unsigned int process_number();
+
 // What a net has failed with, and the threads that may be blocked in the net's places.
 //
 // A thread counts as blocked from before it looks for a token or a slot until it has left
@@ -142,6 +145,14 @@ public:
     // How many threads are blocked, or are about to be.
     unsigned int count() const {
         return _receivers.load() / one + _senders.load() / one;
+    }
+
+    // In a fork: whether its parent has threads that are blocked, or one that holds the lock.
+    bool are_inherited() {
+        if (!_lock.try_lock())
+            return true;
+        _lock.unlock();
+        return count() != 0;
     }
 
     // The rest is called with the lock held.

@@ -38,10 +38,14 @@ public:
     explicit net_core(Arguments... arguments) : _net(arguments...) {}
 
     // Stops a net that runs, without waiting for it to rest, and lets its callers go. In a
-    // fork, where its threads do not exist, it only goes out of use.
+    // fork, where its threads or its callers do not exist, it only goes out of use.
     ~net_core() {
         if (_net.inherited())
             return;
+        if (_process != process_number() && _callers.are_inherited()) {
+            _net._runner.store(_process, std::memory_order_relaxed);  // abandons the net
+            return;
+        }
         halt(true);
         if (_running)
             _net.acquire();
@@ -159,6 +163,8 @@ private:
     atomic<bool> _halted{false};
     bool _started = false;
     bool _running = false;  // owner only
+    // The process that has made the net or started it last. Owner only.
+    unsigned int _process = process_number();
     // Replaced while the net is stopped only.
     std::stop_source _stop{std::nostopstate};
     std::vector<std::unique_ptr<place_record>> _places;
@@ -232,6 +238,7 @@ inline void net_core::deactivate(transition_record& deactivated) {
 }
 
 inline void net_core::start() {
+    _process = process_number();
     {
         auto const hold = _hold();
         if (_callers.has_failed())

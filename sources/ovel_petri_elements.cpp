@@ -6,6 +6,7 @@
 
 #include "ovel_counter.h"
 #include "ovel_guard.h"
+#include "ovel_petri_callers.h"
 #include "ovel_process.h"
 
 #include <algorithm>
@@ -209,6 +210,10 @@ petri_queue_function::petri_queue_function(petri_net* net) : _net(net) {}
 petri_queue_function::petri_queue_function(petri_queue_function const&) = default;
 petri_queue_function& petri_queue_function::operator=(petri_queue_function const&) = default;
 petri_queue_function::~petri_queue_function() = default;
+
+unsigned int detail::process_number() {
+    return this_process();
+}
 
 bool petri_net::inherited() const {
     return detail::is_inherited(_runner.load(std::memory_order_relaxed));

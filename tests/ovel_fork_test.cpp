@@ -11,6 +11,7 @@
 #include "ovel_thread_base.h"
 #include "ovel_thread_group.h"
 #include "ovel_traffic.h"
+#include "ovel_typed_nets.h"
 #include "ovel_work.h"
 
 #include <csignal>
@@ -354,6 +355,22 @@ TEST(fork_death_test, work_of_the_parent_that_returns_in_the_child_fails_a_check
     EXPECT_CHECK(in_group(), check, "sources/ovel_thread_group.cpp");
     EXPECT_CHECK(in_work_group(fork_and_return), check, "sources/ovel_task_crew.cpp");
     EXPECT_CHECK(in_net(fork_and_return), check, "sources/ovel_petri_net.cpp");
+}
+
+// A caller that is blocked in a net that was never started, or was joined, is not waited for.
+TEST(fork_test, a_net_that_blocks_threads_of_the_parent_may_be_destroyed_in_the_child) {
+    for (bool const has_run : {false, true}) {
+        auto net = std::make_unique<ovel::net>(1);
+        auto const place = net->insert_place<int>("place", 1);
+        if (has_run) {
+            net->start();
+            net->join();
+        }
+        std::jthread const caller([&] { EXPECT_THROW(place.receive(), ovel::stopped); });
+        until([&] { return ovel::detail::inspector::blocked(*net) == 1; });
+        EXPECT_EQ(status_of_fork([&] { net.reset(); }), 0) << has_run;
+        net.reset();
+    }
 }
 
 // As at the end of a child that exits.
