@@ -85,6 +85,8 @@ function(ovel_add_static target)
     set_source_files_properties(${object} PROPERTIES EXTERNAL_OBJECT ON GENERATED ON)
     ovel_publish(${target} INTERFACE)
     target_link_libraries(${target} INTERFACE Threads::Threads)
+    # For the reason above, a plugin with the library stays mapped as well.
+    target_link_options(${target} INTERFACE LINKER:-z,nodelete)
 endfunction()
 
 # The library instrumented for `sanitizer`, with the same name in a separate folder.
