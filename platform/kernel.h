@@ -59,6 +59,7 @@ struct fork_handlers {
 #include <cstdlib>
 
 #include "linux/generation.h"
+#include "linux/interruption.h"
 #include "linux/quick_pointer.h"
 #endif
 
@@ -130,6 +131,10 @@ std::uintptr_t _beginthreadex(void* security, unsigned int stack, unsigned int (
 //     bool other_threads_have_ended();
 
 // The calling thread.
+
+// For the lifetime of a `blocked_signals` the thread handles no signals but those of its own
+// faults. Threads that it starts meanwhile handle none for good.
+//     class blocked_signals;
 
 // Differs from that of every other living thread and is never 0. A read without a call.
 //     unsigned long GetCurrentThreadId();
@@ -266,6 +271,13 @@ inline bool forking() {
 inline bool at_fork(fork_handlers const&) {
     return true;
 }
+
+// Nothing interrupts a thread here. The constructors keep compilers from calling the objects
+// unused.
+struct blocked_signals {
+    blocked_signals() {}
+};
+
 inline bool other_threads_have_ended() {
     return false;
 }

@@ -60,7 +60,10 @@ void allocator_recycler::release(double period) {
 void allocator_recycler::_release() {
     _global._function._period = _global._period.load(std::memory_order_relaxed);
     detail::_recycler_thread.schedule(_global._function);
-    detail::_recycler_thread.release();
+    {
+        blocked_signals const meanwhile;  // the program's handlers run on the program's threads
+        detail::_recycler_thread.release();
+    }
     // Last: `_acquire`, on any thread, joins a thread that it finds started.
     detail::_recycler_started = true;
 }

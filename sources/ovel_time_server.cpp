@@ -26,6 +26,7 @@ time_server::time_server()
       _request(0, detail::current_spin()),
       _reply(0, detail::current_spin()) {
     _thread.schedule(*this);
+    blocked_signals const meanwhile;  // the stack has no room for their handlers
     _thread.release();
 }
 

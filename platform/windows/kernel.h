@@ -29,6 +29,12 @@ inline bool at_fork(fork_handlers const&) {
     return true;
 }
 
+// Nothing interrupts a thread here. The constructors keep compilers from calling the objects
+// unused.
+struct blocked_signals {
+    blocked_signals() {}
+};
+
 void set_thread_name(char const* name);
 bool other_threads_have_ended();
 

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: Apache-2.0
+// What may interrupt a thread from outside: signals.
+#ifndef OVEL_LINUX_INTERRUPTION_H
+#define OVEL_LINUX_INTERRUPTION_H
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <initializer_list>
+
+namespace ovel {
+
+inline namespace kernel {
+
+class blocked_signals {
+public:
+    blocked_signals() {
+        sigset_t blocked;
+        sigfillset(&blocked);
+        // A thread raises these itself, by a fault. If they were blocked, no handler could
+        // report it.
+        for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP})
+            sigdelset(&blocked, fault);
+        pthread_sigmask(SIG_BLOCK, &blocked, &_before);
+    }
+    ~blocked_signals() {
+        pthread_sigmask(SIG_SETMASK, &_before, nullptr);
+    }
+    blocked_signals(blocked_signals const&) = delete;
+    blocked_signals& operator=(blocked_signals const&) = delete;
+
+private:
+    sigset_t _before;
+};
+
+}  // namespace kernel
+
+}  // namespace ovel
+
+#endif

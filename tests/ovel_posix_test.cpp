@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// What only POSIX systems do to threads: signals.
+
+#include "ovel_allocator_recycler.h"
+#include "ovel_test.h"
+#include "ovel_time.h"
+
+#include <csignal>
+
+#include <pthread.h>
+#include <unistd.h>
+
+namespace {
+
+// The process gets a signal while all threads but the library's own block it. It stays pending:
+// had one of these taken it, its default action would have ended the process.
+TEST(posix_test, the_clock_and_the_recycler_handle_no_signals) {
+    ovel::time::now();
+    ovel::allocator_recycler::global()->release(1.0);
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &blocked, nullptr), 0);
+    kill(getpid(), SIGUSR1);
+    timespec const patience = {60, 0};
+    EXPECT_EQ(sigtimedwait(&blocked, nullptr, &patience), SIGUSR1);
+    EXPECT_EQ(pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr), 0);
+}
+
+}  // namespace
