@@ -19,8 +19,8 @@ namespace ovel {
 // Any thread may call it, also from a function that runs under another flag, but not from
 // one under the same flag. An exception that leaves `function` fails the check
 // "("unexpected exception", 0)". A system call that fails, for example out of memory,
-// also ends the process through `assure`. In a forked process, a function that another
-// thread had begun runs again.
+// also ends the process through `assure`. No thread is cancelled inside. In a forked process, a
+// function that another thread had begun runs again.
 OVEL_EXPORT void call_once(void (*function)(), unsigned int volatile& flag);
 
 }  // namespace ovel

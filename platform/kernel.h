@@ -136,6 +136,10 @@ std::uintptr_t _beginthreadex(void* security, unsigned int stack, unsigned int (
 // faults. Threads that it starts meanwhile handle none for good.
 //     class blocked_signals;
 
+// For the lifetime of a `deferred_cancellation` no other thread cancels this one. It is then
+// cancelled later, where it waits next.
+//     class deferred_cancellation;
+
 // Differs from that of every other living thread and is never 0. A read without a call.
 //     unsigned long GetCurrentThreadId();
 unsigned long GetCurrentProcessId();
@@ -277,7 +281,9 @@ inline bool at_fork(fork_handlers const&) {
 struct blocked_signals {
     blocked_signals() {}
 };
-
+struct deferred_cancellation {
+    deferred_cancellation() {}
+};
 inline bool other_threads_have_ended() {
     return false;
 }

@@ -36,6 +36,8 @@ void call_once(void (*function)(), unsigned int volatile& flag) {
     if (completed.load(std::memory_order_acquire) != 0)
         return;
 
+    // Cancellation would leave the mutex owned, and is no exception that `function` throws.
+    deferred_cancellation const meanwhile;
     char name[128];
     name_mutex(flag, name);
     HANDLE const mutex = CreateMutexA(nullptr, 0, name);

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// What only POSIX systems do to threads: signals.
+// What only POSIX systems do to threads: signals and cancellation.
 
 #include "ovel_allocator_recycler.h"
+#include "ovel_once.h"
 #include "ovel_test.h"
 #include "ovel_time.h"
 
@@ -25,6 +26,24 @@ TEST(posix_test, the_clock_and_the_recycler_handle_no_signals) {
     timespec const patience = {60, 0};
     EXPECT_EQ(sigtimedwait(&blocked, nullptr, &patience), SIGUSR1);
     EXPECT_EQ(pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr), 0);
+}
+
+// A cancelled thread completes the call, although the function waits at a cancellation point.
+// The first reading of the clock's rate does the same.
+TEST(posix_test, no_thread_is_cancelled_inside_call_once) {
+    static unsigned int volatile flag = 0;
+    auto const work = [](void*) -> void* {
+        pthread_cancel(pthread_self());
+        ovel::call_once(pthread_testcancel, flag);
+        pthread_testcancel();
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, nullptr, work, nullptr), 0);
+    void* result = nullptr;
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(flag, 1U);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What may interrupt a thread from outside: signals.
+// What may interrupt a thread from outside: signals and cancellation.
 #ifndef OVEL_LINUX_INTERRUPTION_H
 #define OVEL_LINUX_INTERRUPTION_H
 
@@ -31,6 +31,21 @@ public:
 
 private:
     sigset_t _before;
+};
+
+class deferred_cancellation {
+public:
+    deferred_cancellation() {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &_before);
+    }
+    ~deferred_cancellation() {
+        pthread_setcancelstate(_before, nullptr);
+    }
+    deferred_cancellation(deferred_cancellation const&) = delete;
+    deferred_cancellation& operator=(deferred_cancellation const&) = delete;
+
+private:
+    int _before;
 };
 
 }  // namespace kernel

@@ -34,6 +34,9 @@ inline bool at_fork(fork_handlers const&) {
 struct blocked_signals {
     blocked_signals() {}
 };
+struct deferred_cancellation {
+    deferred_cancellation() {}
+};
 
 void set_thread_name(char const* name);
 bool other_threads_have_ended();
