@@ -426,7 +426,8 @@ public:
         : _engine(std::move(connect), std::move(name), std::move(chosen)) {}
 
     // Stops a member that runs, as after `halt`: bodies that run end, and their firings are
-    // committed.
+    // committed. In a forked process, where its threads and connections are not its own, it
+    // abandons the net and its memory.
     ~net() = default;
 
     // A place for `capacity` tokens of type `T`. The member that makes the net puts

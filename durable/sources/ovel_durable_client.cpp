@@ -350,7 +350,12 @@ state member::look() {
 
 engine::engine(connector connect, std::string net, options chosen)
     : _member(std::make_unique<member>(std::move(connect), std::move(net), std::move(chosen))) {}
-engine::~engine() = default;
+// In a fork neither its threads nor its connections are the member's: to end one of those would
+// end the parent's.
+engine::~engine() {
+    if (_member->inherited())
+        static_cast<void>(_member.release());
+}
 
 std::size_t engine::insert_place(std::string name, std::uint64_t capacity, std::string codec,
                                  std::vector<std::string> initial) {

@@ -27,6 +27,8 @@
 #include <set>
 #include <unordered_map>
 
+#include <unistd.h>
+
 namespace ovel::durable::detail {
 
 using clock_type = std::chrono::steady_clock;
@@ -83,6 +85,11 @@ public:
     bool take(std::size_t place, key const* named, bool wait, acceptor const& accept);
     state look();
 
+    // Whether this process is a fork of the one that has made it.
+    bool inherited() const {
+        return _process != getpid();
+    }
+
 private:
     // A firing that has ended.
     struct end {
@@ -136,6 +143,7 @@ private:
     void _run_body(claim& own, outcome& made);
     void _finish(end&& made);
 
+    pid_t const _process = getpid();
     connector const _connect;
     options const _chosen;
     unsigned int const _threads;

@@ -8,6 +8,9 @@
 #include <optional>
 #include <set>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 using namespace std::chrono_literals;
 using namespace ovel_durable_test;
 namespace durable = ovel::durable;
@@ -104,6 +107,29 @@ TEST_P(ovel_durable_test, a_net_goes_on_where_it_was) {
         EXPECT_EQ(out.receive(), i);
     net.join();
     EXPECT_TRUE(contains(net.explain(), "pass: 10 firings")) << net.explain();
+}
+
+// The child of a fork ends neither the threads of a net nor its connections.
+TEST_P(ovel_durable_test, a_fork_only_destroys_its_copy) {
+    auto net = std::make_unique<durable::net>(_url, _name, quick());
+    auto const in = net->insert_place<int>("in", 10);
+    auto const out = net->insert_place<int>("out", 10);
+    net->insert_transition("pass", from(in), to(out), [](int number) { return number; });
+    net->start();
+    in.send(1);
+    EXPECT_EQ(out.receive(), 1);
+    pid_t const child = fork();
+    if (child == 0) {
+        net.reset();
+        _exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    in.send(2);
+    EXPECT_EQ(out.receive(), 2);
+    net->join();
+    EXPECT_EQ(reports(), "");
 }
 
 // Of two nets with the same transition, each runs only its own.
