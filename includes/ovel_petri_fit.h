@@ -96,6 +96,17 @@ struct parameters<Result (Class::*)(Parameters...) noexcept>
 template <class Result, class Class, class... Parameters>
 struct parameters<Result (Class::*)(Parameters...) const noexcept>
     : parameters<Result (*)(Parameters...)> {};
+template <class Result, class Class, class... Parameters>
+struct parameters<Result (Class::*)(Parameters...)&> : parameters<Result (*)(Parameters...)> {};
+template <class Result, class Class, class... Parameters>
+struct parameters<Result (Class::*)(Parameters...)& noexcept>
+    : parameters<Result (*)(Parameters...)> {};
+template <class Result, class Class, class... Parameters>
+struct parameters<Result (Class::*)(Parameters...) const&> : parameters<Result (*)(Parameters...)> {
+};
+template <class Result, class Class, class... Parameters>
+struct parameters<Result (Class::*)(Parameters...) const& noexcept>
+    : parameters<Result (*)(Parameters...)> {};
 template <class Body>
 requires requires {
     &Body::operator();
