@@ -47,6 +47,9 @@ namespace ovel {
 // place has ended, gets the exception that the net failed with instead. All throw
 // std::bad_alloc.
 //
+// A token that a thread takes is moved once more after it has left the place: if that move throws,
+// the token is lost.
+//
 // `send_until` and `receive_until` wait until a limit: a point in time or a span, whatever
 // `deadline` accepts, or a std::stop_token that asks them to stop. They try once even if that
 // has passed. A thread that requests a stop blocks for the net's lock.
