@@ -251,7 +251,8 @@ private:
     bool _is_offered = false;
     // Under the net's mutex, for nets of `ovel_petri.h`.
     bool _closed = false;
-    bool _closes = false;  // closes once each transition that puts into it has ended
+    bool _closes = false;     // closes once each transition that puts into it has ended
+    bool _is_listed = false;  // is closed and to be looked at
     petri_place* _next_closed = nullptr;
 };
 

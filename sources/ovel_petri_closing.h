@@ -10,7 +10,7 @@
 
 namespace ovel::detail {
 
-// The closed places of a net in which something may still happen.
+// The closed places of a net that are to be looked at, and what ends there.
 //
 // No firing is initiated that puts into a closed place. So once no slot of it is reserved, no
 // token comes, and a transition that takes more than is there never fires again: its life is
@@ -26,22 +26,34 @@ namespace ovel::detail {
 // Tokens that a running firing has reserved may be left by it. So what a place has counts them,
 // and it is looked at again when they are committed.
 //
+// A place is looked at when it is closed, when it gets an arc, and when it gains tokens or slots
+// while it is closed. Nothing else can end a transition around it: when a firing ends, it commits
+// at each of its transition's places. So a firing costs no look at other closed places.
+//
 // Not thread safe: all under the net's mutex.
 class petri_closing {
 public:
-    void close(petri_place* place) {
+    template <class Engine>
+    void close(petri_place* place, Engine& engine) {
         if (std::exchange(place->_closed, true))
             return;
         place->_receivers.present |= petri_callers::is_closed;
         place->_senders.present |= petri_callers::is_closed;
-        place->_next_closed = std::exchange(_first, place);
+        engine.end_calls(place);
+        look_again(place);
+    }
+
+    // Has a closed place looked at.
+    void look_again(petri_place* place) {
+        if (!std::exchange(place->_is_listed, true))
+            place->_next_closed = std::exchange(_first, place);
     }
 
     // An arc is added to the place.
     void change_structure(petri_place* place) {
         _is_complete = false;
         if (place->_closed)
-            _list(place);
+            look_again(place);
     }
     template <class Engine>
     void complete_structure(Engine& engine) {
@@ -49,17 +61,14 @@ public:
         settle(engine);
     }
 
-    // Ends what has no more to do: transitions, and calls that wait at a closed place.
+    // Ends the transitions that have no more to do. What ends may close further places.
     template <class Engine>
     void settle(Engine& engine) {
-        do {
-            _changed = false;
-            for (petri_place* rest = std::exchange(_first, nullptr); rest != nullptr;) {
-                petri_place* const place = std::exchange(rest, rest->_next_closed);
-                if (!_settle(*place, engine))
-                    _list(place);
-            }
-        } while (_changed);
+        while (_is_complete && _first != nullptr) {
+            petri_place* const place = std::exchange(_first, _first->_next_closed);
+            place->_is_listed = false;
+            _settle(*place, engine);
+        }
     }
 
 private:
@@ -67,32 +76,22 @@ private:
 
     using life = petri_transition::life;
 
-    // Has a closed place looked at again.
-    void _list(petri_place* place) {
-        for (petri_place* each = _first; each != nullptr; each = each->_next_closed)
-            if (each == place)
-                return;
-        place->_next_closed = std::exchange(_first, place);
-    }
-
-    // Returns whether all transitions around the place have ended.
     template <class Engine>
-    bool _settle(petri_place& place, Engine& engine) {
-        engine.end_calls(&place);
-        if (!_is_complete)
-            return false;
-        bool all = true;
+    void _settle(petri_place& place, Engine& engine) {
         for (auto const& [transition, size, reentrant, inhibits] : place._producers.ends)
-            all &= inhibits || _settle(*transition, true, engine);
+            if (!inhibits)
+                _end_life(*transition, engine);
+        if (place._send_size != 0 || place._size >= place._consumers.most)
+            return;
         for (auto const& [transition, size, reentrant, inhibits] : place._consumers.ends)
-            all &= _settle(*transition, place._send_size == 0 && place._size < size, engine);
-        return all;
+            if (place._size < size)
+                _end_life(*transition, engine);
     }
 
-    // Returns whether the transition has ended. `is_over` if it can't fire again.
+    // The transition can't fire again.
     template <class Engine>
-    bool _settle(petri_transition& transition, bool is_over, Engine& engine) {
-        if (is_over && transition._life == life::live) {
+    void _end_life(petri_transition& transition, Engine& engine) {
+        if (transition._life == life::live) {
             transition._life = life::over;
             transition._activated = false;
             if (transition.queued())
@@ -100,18 +99,16 @@ private:
         }
         if (transition._life == life::over && transition._firing == 0) {
             transition._life = life::ended;
-            _changed = true;
             if (petri_place* const told = std::exchange(transition._at_end, nullptr)) {
                 if (!_puts_into_closed(transition))
                     engine.put_mark(told);
-                close(told);
+                close(told, engine);
             }
             for (petri_access const& access : transition._accesses)
                 if (!access.input && access.size != 0 && access.place->_closes &&
                     _have_ended(access.place->_producers))
-                    close(access.place);
+                    close(access.place, engine);
         }
-        return transition._life == life::ended;
     }
 
     static bool _puts_into_closed(petri_transition& transition) {
@@ -128,7 +125,6 @@ private:
     }
 
     petri_place* _first = nullptr;
-    bool _changed = false;      // a transition has ended
     bool _is_complete = false;  // no arc has been added since the last start
 };
 

@@ -263,7 +263,7 @@ public:
 
     // Closes a place for good: no further firing puts into it, nor does a caller of `net`.
     void close(petri_place* place) {
-        _closing.close(place);
+        _closing.close(place, *this);
         _news |= detail::for_closing;
     }
 
@@ -390,8 +390,10 @@ private:
     [[gnu::noinline]] void _offer(petri_place* place, detail::petri_callers& to) {
         ++to.passed;
         _news |= detail::for_callers;
-        if (place->_closed)
+        if (place->_closed) {
+            _closing.look_again(place);
             _news |= detail::for_closing;
+        }
         if (!std::exchange(place->_is_offered, true))
             place->_next_offered = std::exchange(_offered, place);
     }

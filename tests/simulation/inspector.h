@@ -165,6 +165,8 @@ struct ovel::detail::inspector {
             // No call waits for what is there, or for what will not come.
             assure(each->_receivers.waiting() == 0 || !each->receive_enabled(1));
             assure(each->_senders.waiting() == 0 || !each->send_enabled(1));
+            if (engine._closing._is_complete)
+                _check_ends(*each);
         }
         assure(engine._offered == nullptr && engine._sleepers == nullptr);
         _check(engine._enabled, queued);
@@ -248,6 +250,22 @@ private:
                 ++waiting;
             } while (each != callers.last);
         assure(waiting == callers.waiting());
+    }
+
+    // What a closed place ends has ended, and the place is not to be looked at.
+    static void _check_ends(petri_place& place) {
+        assure(!place._is_listed);
+        if (!place._closed)
+            return;
+        for (petri_side::end const& each : place._producers.ends)
+            assure(each.inhibits || _is_over(*each.transition));
+        for (petri_side::end const& each : place._consumers.ends)
+            assure(each.size <= place._size + place._send_size || _is_over(*each.transition));
+        assure(!place.ended() || place._receivers.waiting() == 0);
+    }
+    static bool _is_over(petri_transition& transition) {
+        using life = petri_transition::life;
+        return transition._life == (transition._firing == 0 ? life::ended : life::over);
     }
 
     static void _check(enabled_transitions& enabled, unsigned int queued) {

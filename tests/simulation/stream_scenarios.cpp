@@ -4,6 +4,7 @@
 
 #include "accounts.h"
 
+#include <array>
 #include <optional>
 
 namespace ovel::simulation {
@@ -113,6 +114,53 @@ void ends_behind_a_firing(unsigned int variant) {
     }
     assure(received == 1);
     tested.join();
+}
+
+// Two threads close the inputs of transitions that have weights and several inputs. Each
+// transition ends, the last one of the place behind them closes it, and a firing looks at no
+// other closed place. In the second variant the net is stopped meanwhile and gets a transition.
+void starves(unsigned int variant) {
+    accounts const books(0);
+    net tested(1 + pick(2), 0.0, stack_size);
+    auto const left = tested.insert_place<int>("left", 3);
+    auto const right = tested.insert_place<int>("right", 3);
+    auto const out = tested.insert_place<int>("out", 8, closes);
+    tested.insert_transition("pair", from(left.times(2)), to(out),
+                             [](std::array<int, 2> pair) { return pair[0] + pair[1]; });
+    tested.insert_transition("both", from(left, right), to(out),
+                             [](int one, int other) { return one + other; });
+    tested.insert_transition("last", from(right), to(out),
+                             [](std::optional<int> token) { return token; });
+    begin();
+    bool const running = variant == 1 || pick(2) == 0;
+    if (running)
+        tested.start();
+    detail::atomic<int> sent = 0;
+    {
+        auto const feed = [&](place<int> const& into) {
+            for (unsigned int each = pick(4); each != 0; --each)
+                sent += into.try_send(1);
+            into.close();
+            inspector::check_net(tested.base());
+        };
+        client one([&] { feed(left); }), other([&] { feed(right); });
+        if (variant == 1)
+            tested.join();
+    }
+    if (variant == 1)
+        tested.insert_transition("more", from(left), to(out), [](int token) { return token; });
+    if (variant == 1 || !running)
+        tested.start();
+    int received = 0;
+    while (auto const token = out.next()) {
+        received += *token;
+        inspector::check_net(tested.base());
+    }
+    assure(out.ended() && right.ended());
+    for (auto const& each : tested.explain().transitions)
+        assure(each.ended);
+    tested.join();
+    assure(received + static_cast<int>(left.size()) == sent && left.size() <= 1);
 }
 
 // Threads wait with deadlines while others send, halt the net or let one token pass. None
@@ -262,6 +310,7 @@ registration const table[] = {
     registration({.name = "net_ends_behind_its_tokens", .run = ends, .variants = 2}),
     registration(
         {.name = "net_place_ends_behind_a_firing", .run = ends_behind_a_firing, .variants = 3}),
+    registration({.name = "net_ends_what_closed_places_starve", .run = starves, .variants = 2}),
     registration({.name = "net_waits_end_at_their_limits", .run = limits, .variants = 2}),
     registration({.name = "net_lets_blocked_threads_go", .run = let_go, .variants = 4}),
     registration({.name = "net_ends_although_memory_is_refused", .run = ends_without_memory})};
