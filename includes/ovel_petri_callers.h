@@ -60,6 +60,7 @@ public:
         // Lets the thread in at once, unless some are kept out.
         blocked(net_callers& in, kind of)
             : _in(in), _word(in._word(of)), _begun(in._releases.load()) {
+            in.note_process();
             unsigned int now = _word.load();
             while ((now & is_shut) == 0)
                 if (_word.compare_exchange_weak(now, now + one)) {
@@ -147,6 +148,18 @@ public:
         return _receivers.load() / one + _senders.load() / one;
     }
 
+    // The process that has made the net or started it last, or that of the last thread that
+    // came to block.
+    unsigned int process() const {
+        // Relaxed: it matters in a fork, whose only thread sees all of it.
+        return _process.load(std::memory_order_relaxed);
+    }
+    void note_process() {
+        unsigned int const now = process_number();
+        if (process() != now)
+            _process.store(now, std::memory_order_relaxed);
+    }
+
     // In a fork: whether its parent has threads that are blocked, or one that holds the lock.
     bool are_inherited() {
         if (!_lock.try_lock())
@@ -214,6 +227,7 @@ private:
     }
 
     lockable<mutex>& _lock;
+    atomic<unsigned int> _process{process_number()};
     // All under _lock; `_releases` is read without it as well.
     std::exception_ptr _exception;  // the last one
     bool _has_failed = false;

@@ -42,8 +42,9 @@ public:
     ~net_core() {
         if (_net.inherited())
             return;
-        if (_process != process_number() && _callers.are_inherited()) {
-            _net._runner.store(_process, std::memory_order_relaxed);  // abandons the net
+        unsigned int const process = _callers.process();
+        if (process != process_number() && (_callers.are_inherited() || !_is_free())) {
+            _net._runner.store(process, std::memory_order_relaxed);  // abandons the net
             return;
         }
         halt(true);
@@ -155,6 +156,14 @@ private:
     void _deactivate();
     void _end();
 
+    // In a fork: whether no thread of its parent held the net's mutex.
+    bool _is_free() {
+        if (!_net._mutex.try_acquire())
+            return false;
+        _net._mutex.release();
+        return true;
+    }
+
     // Guards `_callers`, `_halted`, which is read without it as well, `_started`, the records,
     // which other threads look at while the net is built, and whether each is active. Lock order:
     // `_lock`, then what the net locks.
@@ -163,8 +172,6 @@ private:
     atomic<bool> _halted{false};
     bool _started = false;
     bool _running = false;  // owner only
-    // The process that has made the net or started it last. Owner only.
-    unsigned int _process = process_number();
     // Replaced while the net is stopped only.
     std::stop_source _stop{std::nostopstate};
     std::vector<std::unique_ptr<place_record>> _places;
@@ -238,7 +245,7 @@ inline void net_core::deactivate(transition_record& deactivated) {
 }
 
 inline void net_core::start() {
-    _process = process_number();
+    _callers.note_process();
     {
         auto const hold = _hold();
         if (_callers.has_failed())

@@ -433,6 +433,8 @@ private:
                                                std::memory_order_acquire) ||
                 now == set_before)
                 return true;
+            if (milliseconds == 0)
+                return false;
             if (_gathering == nullptr)
                 _gathering = _spare != nullptr ? std::exchange(_spare, nullptr) : new round;
             joined = _gathering;

@@ -371,6 +371,16 @@ TEST(fork_test, a_net_that_blocks_threads_of_the_parent_may_be_destroyed_in_the_
         EXPECT_EQ(status_of_fork([&] { net.reset(); }), 0) << has_run;
         net.reset();
     }
+
+    // One that blocks in the child is let go there.
+    auto net = std::make_unique<ovel::net>(1);
+    auto const place = net->insert_place<int>("place", 1);
+    EXPECT_EQ(status_of_fork([&] {
+                  std::jthread const caller([&] { EXPECT_THROW(place.receive(), ovel::stopped); });
+                  until([&] { return ovel::detail::inspector::blocked(*net) == 1; });
+                  net.reset();
+              }),
+              0);
 }
 
 // As at the end of a child that exits.

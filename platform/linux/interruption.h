@@ -19,7 +19,7 @@ public:
         sigfillset(&blocked);
         // A thread raises these itself, by a fault. If they were blocked, no handler could
         // report it.
-        for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP})
+        for (int const fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
             sigdelset(&blocked, fault);
         pthread_sigmask(SIG_BLOCK, &blocked, &_before);
     }
