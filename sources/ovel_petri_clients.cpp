@@ -23,8 +23,10 @@ using detail::petri_outcome;
 void petri_net::engine::_dispatch_among_callers() {
     for (bool is_first = true;; is_first = false) {
         bool const yields = _take_turns(is_first);
-        if (yields)
+        if (yields) {
             _carry_out_published();
+            _serve_after_tries();
+        }
         if (is_running())
             _dispatch();
         if (is_first && !yields) {
@@ -60,20 +62,34 @@ bool petri_net::engine::_take_turns(bool is_first) {
                 continue;
             bool const has_tried = (each->present & petri_callers::has_tried) != 0;
             // A gain that no transition wants is still there when the call comes.
-            if (has_tried && is_first && is_running() && !_enabled.empty()) {
+            bool const is_chance = has_tried && is_first && is_running() && !_enabled.empty();
+            if (is_chance) {
                 yields = true;
                 if (each->passed == most_passed)
                     pauses = most_pauses;
+                if ((each->present & petri_callers::tries_first) != 0)
+                    continue;
             }
             if (!has_tried || each->passed >= most_passed + most_chances) {
-                each->present &= ~petri_callers::has_tried;
+                each->present &= ~(petri_callers::has_tried | petri_callers::tries_first);
                 each->passed = 0;
             }
-            _serve_one(*each);
+            if (_serve_one(*each) && (each->present & petri_callers::has_tried) != 0)
+                each->present |= petri_callers::tries_first;
         }
     if (yields)
         _await_published(pauses);
     return yields;
+}
+
+// Carries out calls that wait and have let those that do not wait go first.
+void petri_net::engine::_serve_after_tries() {
+    for (petri_place* place = _offered; place != nullptr; place = place->_next_offered)
+        for (petri_callers* each : {&place->_receivers, &place->_senders})
+            if (each->passed >= most_passed && (each->present & petri_callers::tries_first) != 0) {
+                each->present &= ~(petri_callers::has_tried | petri_callers::tries_first);
+                _serve_one(*each);
+            }
 }
 
 // Serves all callers that the place has something for, and ends the calls that can't be.
@@ -135,8 +151,9 @@ void petri_net::engine::_carry_out_published() {
     while (oldest != nullptr) {
         petri_call& call = *std::exchange(oldest, oldest->next);
         petri_callers& at = callers(call);
-        // Calls that wait have come earlier.
-        while (_serve_one(at)) {}
+        // Calls that wait have come earlier, but do not always go first.
+        if (call.may_wait() || (at.present & petri_callers::tries_first) == 0)
+            while (_serve_one(at)) {}
         if (_net._carry_out(call)) {
             at.passed = 0;
             if (!call.may_wait())

@@ -63,6 +63,7 @@
 // Turns. Firings go before callers, but for one gain in `most_passed` of a place at which a
 // caller is present. Then a call that waits is carried out before the next reservation. For
 // calls that do not wait, nothing is reserved: the thread gives them a moment to be published.
+// Where both are present, they take turns.
 //
 // Wake-ups. They all happen after the mutex was released: one thread for each crew that needs
 // one, the callers whose calls have ended while they were asleep, and the queue thread if the
@@ -230,7 +231,7 @@ public:
         detail::petri_callers& at = callers(call);
         if ((at.present & detail::petri_callers::has_tried) == 0)
             return;
-        at.present &= ~detail::petri_callers::has_tried;
+        at.present &= ~(detail::petri_callers::has_tried | detail::petri_callers::tries_first);
         at.passed = 0;
     }
 
@@ -401,6 +402,7 @@ private:
     void _dispatch_among_callers();
     bool _take_turns(bool is_first);
     void _await_published(unsigned int pauses);
+    void _serve_after_tries();
     void _serve(petri_place* place);
     bool _serve_one(detail::petri_callers& callers);
     void _carry_out_published();

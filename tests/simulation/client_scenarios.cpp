@@ -50,9 +50,9 @@ struct busy : petri_function {
         if (into != nullptr)
             into->send(token);
         waited = inspector::has_waiting(*(from != nullptr ? from : into)) ? waited + 1 : 0;
-        assure(waited <= 8);
+        assure(waited <= 8 || is_crowded);
         if (std::exchange(is_tried, false))
-            assure(++tried <= 100);
+            assure(++tried <= (is_crowded ? 200 : 100));
         // One that only takes comes to rest by itself.
         if (is_over || (into != nullptr && ++firings == 300))
             transition()->deactivate();
@@ -64,6 +64,7 @@ struct busy : petri_function {
     unsigned int tried = 0;   // firings between which a caller found nothing
     unsigned int firings = 0;
     bool is_tried = false;
+    bool is_crowded = false;  // another call waits as soon as one is carried out
     bool is_over = false;
 };
 
@@ -72,6 +73,7 @@ struct busy : petri_function {
 void turns(unsigned int variant) {
     accounts const books(variant % 2);
     bool const sends = variant / 2 == 1;
+    bool const is_crowded = variant / 2 == 2;
     constexpr unsigned int calls = 3;
     busy functions[2];
     petri_net net(1 + pick(2), 0.0, 16384);
@@ -89,28 +91,39 @@ void turns(unsigned int variant) {
     }
     begin();
     net.release();
+    auto const take_turn = [&] {
+        any token = 0;
+        if (!sends)
+            net.receive(place, token);
+        net.send(place, token);
+        for (busy& filled : functions)
+            filled.waited = 0;
+    };
     {
         client waits([&] {
-            for (unsigned int each = 0; each != calls; ++each) {
-                any token = 0;
-                if (sends) {
-                    net.send(place, token);
-                } else {
-                    net.receive(place, token);
-                    net.send(place, token);
-                }
-                for (busy& filled : functions)
-                    filled.waited = 0;
-            }
+            for (unsigned int each = 0; each != calls; ++each)
+                take_turn();
         });
     }
     {
+        // Others that wait all the time do not keep it from its turn.
+        for (busy& each : functions)
+            each.is_crowded = is_crowded;
+        detail::atomic<bool> is_served{false};
+        auto const wait_on = [&] {
+            for (; is_crowded && !is_served.load(); YieldProcessor())
+                take_turn();
+        };
+        client one(wait_on), two(wait_on);
         client tries([&] {
             any token = 0;
             while (!(sends ? net.try_send(place, token) : net.try_receive(place, token))) {
                 functions[0].is_tried = true;
                 YieldProcessor();
             }
+            is_served = true;
+            if (!sends)
+                net.send(place, token);
         });
     }
     for (busy& each : functions)
@@ -203,7 +216,7 @@ void client_refusals(unsigned int) {
 
 registration const table[] = {
     registration({.name = "net_stops_after_the_last_call", .run = stops, .variants = 2}),
-    registration({.name = "net_gives_clients_their_turn", .run = turns, .variants = 4}),
+    registration({.name = "net_gives_clients_their_turn", .run = turns, .variants = 6}),
     registration({.name = "net_serves_waiting_clients_first", .run = newcomers, .variants = 2}),
     registration({.name = "net_clients_bear_refused_memory", .run = client_refusals})};
 
