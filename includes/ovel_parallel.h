@@ -524,9 +524,10 @@ public:
 
     // Runs `callable`, which takes no arguments, as a child: on another thread, on this
     // one during `wait`, or before `run` returns. The last is always so if the caller has
-    // a further scope open inside this one. Does not wait for other work. The caller must
-    // not hold a lock that `callable` takes. Discards `callable` once the scope has been
-    // stopped. Throws std::bad_alloc.
+    // a further scope of the same group open inside this one, or is inside a loop or a
+    // `parallel_invoke` that it called inside this one. Does not wait for other work. The
+    // caller must not hold a lock that `callable` takes. Discards `callable` once the scope has
+    // been stopped. Throws std::bad_alloc.
     template <class Callable>
     void run(Callable callable) {
         auto* const child = new heap_task<Callable>(*this, std::move(callable));
