@@ -4,7 +4,6 @@
 #include "ovel_typed_nets.h"
 
 #include <array>
-#include <latch>
 #include <span>
 #include <stop_token>
 #include <variant>
@@ -260,7 +259,7 @@ TEST(petri_bodies_test, a_net_tells_of_last_calls_delays_and_limits) {
     tested.insert_transition("sum", from(in), to(out),
                              [](std::optional<int> token) { return token.value_or(0); });
     tested.insert_transition("late", from(in), [](int) {}, {.after = 24h});
-    std::latch begun(1), go(1);
+    ovel::latch begun(1), go(1);
     auto const held = tested.insert_place<int>("held", 2);
     tested.insert_transition("hold", from(held), [&](int) {
         begun.count_down();
