@@ -16,7 +16,6 @@
 #include "ovel_trace.h"
 #include "ovel_triple.h"
 
-#include <algorithm>
 #include <cstddef>
 #include <exception>
 #include <memory>
@@ -191,8 +190,8 @@ inline place_record* net_core::insert_place(std::string&& name, unsigned int cap
                                             bool closes) {
     auto const hold = _hold();
     _make_room(_places);
-    std::unique_ptr<place_record> inserted(
-        new place_record{this, trace::shared_name(std::move(name)), _net.insert_place(capacity)});
+    std::unique_ptr<place_record> inserted(new place_record{
+        this, trace::shared_name(std::move(name)), _net.insert_place(capacity), _places.size()});
     inserted->element->_closes = closes;
     _places.push_back(std::move(inserted));
     return _places.back().get();
@@ -425,8 +424,9 @@ inline explanation net_core::explain() {
     auto const hold = _hold();
     lockable view(_net._mutex);
     std::lock_guard const hold_net(view);
-    // Relaxed: it changes under the lock.
+    // Relaxed: the first changes under the lock, and the second as the net starts and stops.
     made.halted = _halted.load(std::memory_order_relaxed);
+    made.running = _net._runner.load(std::memory_order_relaxed) != 0;
     for (auto const& record : _places) {
         petri_place const& place = *record->element;
         made.places.push_back({record->name.text(), place.tokens(), place._receive_size,
@@ -449,23 +449,17 @@ inline explanation net_core::explain() {
                                     element._firing,
                                     {}});
         auto& arcs = made.transitions.back().arcs;
-        auto const index_of = [&](place_record const* of) {
-            auto const at = std::find_if(_places.begin(), _places.end(),
-                                         [&](auto const& each) { return each.get() == of; });
-            return static_cast<std::size_t>(at - _places.begin());
-        };
         for (arc_record const& arc : shown.arcs) {
             if (arc.place == shown.mark_place)
                 continue;
             petri_place const& place = *arc.place->element;
-            arcs.push_back({index_of(arc.place), arc.input, arc.weight,
+            arcs.push_back({arc.place->index, arc.input, arc.weight,
                             arc.input ? place.tokens() : place.slots(), !arc.input && place._closed,
                             false});
         }
         for (place_record const* inhibitor : shown.inhibitors) {
             petri_place const& place = *inhibitor->element;
-            arcs.push_back(
-                {index_of(inhibitor), false, place._capacity, place.slots(), false, true});
+            arcs.push_back({inhibitor->index, false, place._capacity, place.slots(), false, true});
         }
     }
     return made;

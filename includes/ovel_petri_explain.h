@@ -52,17 +52,21 @@ struct explanation {
         std::vector<arc_state> arcs;  // in the order of `from`, `to`, `unless`; if it flushes, `to`
     };
 
-    bool halted = false;  // the net was halted or has failed: nothing fires until its next start
+    bool running = false;  // the net was started, and has not been stopped since
+    bool halted = false;   // it was halted or has failed: nothing fires until its next start
     std::vector<place_state> places;            // in the order of insertion
     std::vector<transition_state> transitions;  // in the order of insertion
 
-    // A line for each place and each transition, behind one that tells of a halt.
+    // A line for each place and each transition, behind one that tells if nothing fires at all.
     inline std::string text() const;
 
     // A drawing in the language of Graphviz: what keeps a transition from firing is red.
     inline std::string dot() const;
 
 private:
+    bool _fires() const {
+        return running && !halted;
+    }
     static std::string _quoted(std::string const& name) {
         std::string made = "\"";
         for (char const letter : name) {
@@ -78,7 +82,7 @@ private:
 };
 
 inline std::string explanation::text() const {
-    std::string made = halted ? "no transition fires until the next start\n" : "";
+    std::string made = _fires() ? "" : "no transition fires until the next start\n";
     for (place_state const& each : places) {
         made += "place " + each.name + ": " +
                 _number(each.tokens + each.taken, " token of ", " tokens of ") +
@@ -132,7 +136,7 @@ inline std::string explanation::dot() const {
         transition_state const& each = transitions[i];
         std::string const name = "t" + std::to_string(i);
         made += "    " + name + " [shape=box, label=" + _quoted(each.name) +
-                (each.ended || !each.active || halted ? ", style=dashed];\n" : "];\n");
+                (each.ended || !each.active || !_fires() ? ", style=dashed];\n" : "];\n");
         for (arc_state const& arc : each.arcs) {
             std::string const place = "p" + std::to_string(arc.place);
             made += "    " +

@@ -8,6 +8,7 @@
 #include "ovel_petri_net.h"
 #include "ovel_trace.h"
 
+#include <cstddef>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -41,6 +42,7 @@ struct place_record {
     net_core* const owner;
     trace::shared_name const name;
     petri_place* const element;
+    std::size_t const index = 0;  // in `explanation::places`, which leaves marks out
 };
 
 // What `unless` returns.

@@ -217,13 +217,15 @@ TEST(petri_bodies_test, a_net_tells_what_its_transitions_lack) {
     done.send(3);
     run(tested);
     EXPECT_EQ(tested.explain().text(),
+              "no transition fires until the next start\n"
               "place jobs \"of\" all: 1 token of 3\n"
               "place desks: 1 token of 2\n"
               "place done: 1 token of 1\n"
               "transition work: lacks 1 token of desks and 1 slot of done\n"
               "transition clean: not active, lacks nothing\n"
               "transition last: not active, lacks nothing\n");
-    ovel::explanation const told = tested.explain();
+    ovel::explanation told = tested.explain();
+    told.running = true;  // so that only what is not active is dashed
     ASSERT_EQ(told.transitions.size(), 3u);
     EXPECT_EQ(told.transitions[0].arcs[1].available, 1u);
     EXPECT_EQ(told.dot(),
@@ -244,6 +246,7 @@ TEST(petri_bodies_test, a_net_tells_what_its_transitions_lack) {
     done.close();
     static_cast<void>(done.try_receive());
     EXPECT_EQ(tested.explain().text(),
+              "no transition fires until the next start\n"
               "place jobs \"of\" all: 0 tokens of 3\n"
               "place desks: 1 token of 2\n"
               "place done: 0 tokens of 1, ended\n"
