@@ -17,7 +17,7 @@ std::string page(net const& model, result const& made, ovel::trace::recorder con
                  std::string const& picture);
 
 // The parts, as in page/. In the first, @title@, @style@, @picture@, @data@ and @script@
-// are placeholders.
+// are placeholders. The last consists of both scripts.
 extern char const page_html[];
 extern char const page_css[];
 extern char const page_js[];
