@@ -3,17 +3,23 @@
 #ifndef OVEL_DURABLE_FIXTURE_H
 #define OVEL_DURABLE_FIXTURE_H
 
+#include "../../tests/ovel_test.h"
 #include "ovel_durable.h"
+#include "ovel_durable_mortal_store.h"
 #include "ovel_durable_server.h"
 
-#include <gtest/gtest.h>
+#include <sqlite3.h>
 
-#include <exception>
-#include <memory>
+#include <map>
 #include <mutex>
-#include <string>
+#include <optional>
+#include <set>
+#include <stdexcept>
 
 namespace ovel_durable_test {
+
+namespace durable = ovel::durable;
+using namespace std::chrono_literals;
 
 // What a call throws.
 template <class Call>
@@ -26,8 +32,66 @@ std::string error_of(Call const& call) {
     return "no error";
 }
 
-inline bool contains(std::string const& text, std::string const& part) {
-    return text.find(part) != text.npos;
+// Says the whole text where it should have been otherwise.
+inline testing::AssertionResult contains(std::string const& text, std::string const& part) {
+    return testing::AssertionResult(text.find(part) != text.npos) << text;
+}
+
+// What another program does with a file of SQLite.
+class sqlite_file {
+public:
+    explicit sqlite_file(std::string const& path) {
+        sqlite3_open(path.c_str(), &_file);
+    }
+    ~sqlite_file() {
+        sqlite3_close(_file);
+    }
+    sqlite_file(sqlite_file const&) = delete;
+    sqlite_file& operator=(sqlite_file const&) = delete;
+
+    // Runs SQL, and returns the first field of the last row.
+    std::string run(std::string const& statements) {
+        std::string field;
+        auto const keep = [](void* kept, int, char** fields, char**) {
+            *static_cast<std::string*>(kept) = fields[0];
+            return 0;
+        };
+        if (sqlite3_exec(_file, statements.c_str(), keep, &field, nullptr) != SQLITE_OK)
+            throw std::runtime_error(sqlite3_errmsg(_file));
+        return field;
+    }
+
+private:
+    sqlite3* _file = nullptr;
+};
+
+// The place `in`, with `out`, to which the transition `work` passes its tokens on.
+template <class Body>
+auto insert_work(durable::net& net, Body const& body, std::uint64_t room = 100) {
+    auto const in = net.insert_place<int>("in", 100);
+    auto const out = net.insert_place<int>("out", room);
+    net.insert_transition("work", from(in), to(out), body);
+    return std::pair(in, out);
+}
+
+inline int same(int number) {
+    return number;
+}
+
+// For members that are killed often.
+inline durable::options quickly(durable::options chosen = {}) {
+    chosen.threads = 2;
+    chosen.batch = 5;
+    chosen.poll = 0.1;
+    chosen.lease = 0.5;
+    return chosen;
+}
+
+// The parameters of the suites, and the names of their tests.
+inline auto const either_store = testing::Values("sqlite", "postgresql");
+inline auto const server_only = testing::Values("postgresql");
+inline std::string store_name(testing::TestParamInfo<char const*> const& chosen) {
+    return chosen.param;
 }
 
 class on_either_store : public testing::TestWithParam<char const*> {
@@ -36,13 +100,20 @@ protected:
         _server.reset();
     }
     void SetUp() override {
-        if (GetParam() == std::string("postgresql")) {
+        if (on_server()) {
             if (_server == nullptr)
                 _server = std::make_unique<server>("fsync = off\n");
             _url = _server->url();
         } else {
-            _url = "sqlite:" + _folder.path() + "/store";
+            _url = "sqlite:" + file();
         }
+    }
+
+    static bool on_server() {
+        return GetParam() == std::string("postgresql");
+    }
+    std::string file() const {
+        return _folder.path() + "/store";
     }
 
     // A name that no other test has.
@@ -51,8 +122,8 @@ protected:
         return "net " + std::to_string(++number);
     }
 
-    ovel::durable::options quick(unsigned int threads = 2) {
-        ovel::durable::options chosen;
+    durable::options quick(unsigned int threads = 2) {
+        durable::options chosen;
         chosen.threads = threads;
         chosen.poll = 0.2;
         chosen.lease = 5;
@@ -66,6 +137,15 @@ protected:
     std::string reports() {
         std::lock_guard const hold(_lock);
         return _reports;
+    }
+
+    std::unique_ptr<parts::store> connect(std::string const& more = "") {
+        return parts::connect_to(_url + more)();
+    }
+    parts::connector observed(mortal_store::observer const& pass) {
+        return [this, pass] {
+            return std::make_unique<mortal_store>(connect(), pass);
+        };
     }
 
     inline static std::unique_ptr<server> _server;

@@ -6,17 +6,7 @@
 #ifndef OVEL_DURABLE_LEDGER_H
 #define OVEL_DURABLE_LEDGER_H
 
-#include "ovel_durable.h"
-
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <map>
-#include <optional>
-#include <set>
-#include <string>
-#include <tuple>
-#include <vector>
+#include "ovel_durable_fixture.h"
 
 namespace ovel_durable_test {
 
@@ -26,9 +16,9 @@ public:
 
     // `in_body` is called in each body.
     ledger(
-        ovel::durable::detail::connector to_store, std::string const& name,
-        ovel::durable::options chosen, std::function<void()> const& in_body = [] {})
-        : net(to_store, name, std::move(chosen)), connect(std::move(to_store)) {
+        parts::connector const& to_store, std::string const& name, durable::options chosen,
+        std::function<void()> const& in_body = [] {})
+        : net(to_store, name, std::move(chosen)), connect(to_store) {
         std::vector<std::string> all;
         for (int i = 0; i < numbers; ++i)
             all.push_back(std::to_string(i));
@@ -65,10 +55,14 @@ public:
                               });
     }
 
+    void run() {
+        net.start();
+        net.join();
+    }
+
     // The net is at rest: nothing was lost or duplicated.
     void verify() {
-        ovel::durable::detail::state const seen =
-            ovel::durable::detail::state_of(connect, net.name());
+        parts::state const seen = connect()->look(net.name());
         EXPECT_TRUE(seen.claims.empty());
         EXPECT_EQ(seen.failure, "");
         for (auto const& place : seen.places)
@@ -96,11 +90,11 @@ public:
         EXPECT_EQ(halves, wanted);
     }
 
-    ovel::durable::net net;
-    ovel::durable::detail::connector connect;
+    durable::net net;
+    parts::connector const connect;
 
 private:
-    std::optional<ovel::durable::place<std::string>> _clerks, _done;
+    std::optional<durable::place<std::string>> _clerks, _done;
 };
 
 }  // namespace ovel_durable_test

@@ -9,32 +9,16 @@
 //     ovel_durable_member URL NET limited BYTES
 //         runs the ledger with no file larger than so many bytes
 #include "ovel_durable_ledger.h"
-#include "ovel_durable_mortal_store.h"
 
 #include <sys/resource.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <string>
-#include <thread>
 
 namespace {
 
-namespace durable = ovel::durable;
 using namespace ovel_durable_test;
-
-durable::options quick() {
-    durable::options chosen;
-    chosen.threads = 2;
-    chosen.batch = 5;
-    chosen.poll = 0.1;
-    chosen.lease = 0.5;
-    return chosen;
-}
 
 void run_ledger(std::string const& url, std::string const& name, std::string const& point,
                 int count) {
@@ -46,21 +30,16 @@ void run_ledger(std::string const& url, std::string const& name, std::string con
     auto const connect = [&] {
         return std::make_unique<mortal_store>(parts::connect_to(url)(), pass);
     };
-    ledger run(connect, name, quick(), [&] { pass("body"); });
-    run.net.start();
-    run.net.join();
+    ledger(connect, name, quickly(), [&] { pass("body"); }).run();
 }
 
 void run_sleeper(std::string const& url, std::string const& name, std::string const& folder) {
-    durable::net net(url, name, quick());
-    auto const in = net.insert_place<int>("in", 1);
-    auto const out = net.insert_place<int>("out", 2);
-    net.insert_transition("sleep", from(in), to(out), [&](int number) {
-        std::ofstream(folder + "/begun");
-        while (!std::filesystem::exists(folder + "/go on"))
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        return number + 1;
-    });
+    durable::net net(url, name, quickly());
+    auto const in = insert_work(net, [&](int number) {
+                        std::ofstream(folder + "/begun");
+                        wait_for([&] { return std::filesystem::exists(folder + "/go on"); });
+                        return number + 1;
+                    }).first;
     net.start();
     in.send(1);
     net.join();

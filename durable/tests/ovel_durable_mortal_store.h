@@ -6,7 +6,6 @@
 
 #include "ovel_durable_store.h"
 
-#include <csignal>
 #include <functional>
 #include <memory>
 #include <string>

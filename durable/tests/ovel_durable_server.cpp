@@ -97,17 +97,12 @@ void server::stop() {
 
 // The server and all processes that it has started, at once.
 void server::kill() {
-    pid_t process = 0;
+    std::string process;
     std::ifstream(_folder.path() + "/data/postmaster.pid") >> process;
-    std::vector<pid_t> all{process};
-    for (auto const& each : fs::directory_iterator("/proc")) {
-        pid_t const child = std::atoi(each.path().filename().c_str());
-        std::string line;
-        std::ifstream status(each.path() / "status");
-        while (child != 0 && std::getline(status, line))
-            if (line == "PPid:\t" + std::to_string(process))
-                all.push_back(child);
-    }
+    std::vector<pid_t> all{std::atoi(process.c_str())};
+    std::ifstream children("/proc/" + process + "/task/" + process + "/children");
+    for (pid_t child; children >> child;)
+        all.push_back(child);
     for (pid_t const each : all)
         ::kill(each, SIGKILL);
     _runs = false;
