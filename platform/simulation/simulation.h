@@ -7,6 +7,7 @@
 #include "kernel.h"
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -93,8 +94,8 @@ std::string replay_line(scenario const& program, schedule const& when);
 // The scenarios of a program. Each file adds its own when the program is loaded.
 std::vector<scenario>& scenarios();
 struct registration {
-    explicit registration(scenario const& added) {
-        scenarios().push_back(added);
+    registration(std::initializer_list<scenario> added) {
+        scenarios().insert(scenarios().end(), added);
     }
 };
 

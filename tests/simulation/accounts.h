@@ -22,6 +22,11 @@
 
 namespace ovel::simulation {
 
+using detail::inspector;
+
+// Of the threads of a net.
+constexpr unsigned int net_stack = 65536;
+
 // A thread of the scenario with an allocator of its own.
 struct client : worker {
     template <class Body>
@@ -60,6 +65,17 @@ bool attempt(Call const& call) {
     }
 }
 
+// Whether the call succeeds. Otherwise it throws a number, as the body of a net did.
+template <class Call>
+bool succeeds(Call const& call) {
+    try {
+        call();
+        return true;
+    } catch (int) {
+        return false;
+    }
+}
+
 // The result of `call`, repeated until no request is refused. A call that throws must have
 // changed nothing.
 template <class Call>
@@ -92,7 +108,7 @@ public:
         allocator_group::global();
         if (timed)
             time::now();
-        detail::allocator_totals const all = detail::inspector::check_allocators();
+        detail::allocator_totals const all = inspector::check_allocators();
         _bytes = all.in_use;
         _handles = open_handles() - all.allocators;
     }
@@ -100,10 +116,10 @@ public:
     // Once the pool's threads have ended, only blocks on their way home are in use, and the
     // runtime heap holds only what the allocators keep.
     ~accounts() {
-        detail::inspector::empty_pool();
-        detail::inspector::reset_pool();
+        inspector::empty_pool();
+        inspector::reset_pool();
         allocator_group::global()->flush_allocator(false);
-        detail::allocator_totals const all = detail::inspector::check_allocators();
+        detail::allocator_totals const all = inspector::check_allocators();
         assure(all.in_use == _bytes + all.on_way);
         assure(heap_blocks() == all.chunks + all.allocators + 1);
         assure(open_handles() == _handles + all.allocators);

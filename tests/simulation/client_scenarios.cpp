@@ -9,37 +9,6 @@ namespace ovel::simulation {
 
 namespace {
 
-using detail::inspector;
-
-// Moves a token from one place to another.
-struct passing : petri_function {
-    void operator()() override {
-        any token;
-        from->receive(token);
-        into->send(token);
-    }
-
-    petri_place* from = nullptr;
-    petri_place* into = nullptr;
-};
-
-// A firing has ended while another thread was on its way to call one for it.
-void stops(unsigned int variant) {
-    accounts const books(variant);
-    passing function;
-    petri_net net(2, 0.0, 16384);
-    petri_place* const in = net.insert_place(2);
-    petri_place* const out = net.insert_place(2);
-    petri_transition* const moves = net.insert_transition(function, true, 1.0, 0.0, 0);
-    net.insert_input_arc(in, moves->input(function.from));
-    net.insert_output_arc(moves->output(function.into), out);
-    net.send(in, 0);
-    begin();
-    net.release();
-    client late([&] { net.send(in, 1); });
-    net.acquire();
-}
-
 // Takes the token of a place and puts it back, or only takes or only puts one, as long as it
 // is let.
 struct busy : petri_function {
@@ -158,67 +127,10 @@ void newcomers(unsigned int variant) {
     net.acquire();
 }
 
-// With memory refused while several clients pass tokens through a place, block and carry out
-// each other's calls, a call that throws has put its token, or taken one, or has not.
-void client_refusals(unsigned int) {
-    accounts const books(0);
-    expect_failure("(\"unexpected exception\", 0)");
-    constexpr int tokens = 4;
-    passing function;
-    petri_net net(1 + pick(2), 0.0, 16384);
-    petri_place* const places[] = {net.insert_place(1 + pick(2)), net.insert_place(1 + pick(2))};
-    petri_transition* const passes = net.insert_transition(function, pick(2) == 0, 1.0, 0.0, 0);
-    net.insert_input_arc(places[0], passes->input(function.from));
-    net.insert_output_arc(passes->output(function.into), places[1]);
-    net.release();
-    begin();
-    bool sent[tokens] = {};
-    unsigned int received[tokens] = {};
-    semaphore ready(0, 0), go(0, 0);
-    detail::atomic<unsigned int> sending{2};
-    {
-        auto const send = [&](int first) {
-            ready.release();
-            go.acquire();
-            for (int token = first; token != first + tokens / 2; ++token)
-                sent[token] = attempt([&] { net.send(places[0], token); });
-            --sending;
-        };
-        auto const receive = [&] {
-            ready.release();
-            go.acquire();
-            while (sending != 0) {
-                YieldProcessor();
-                any token;
-                attempt([&] { static_cast<void>(net.try_receive(places[1], token)); });
-                if (!token.empty())
-                    ++received[any_cast<int>(token)];
-            }
-        };
-        client one([&] { send(0); }), two([&] { send(tokens / 2); }), three(receive);
-        for (int each = 0; each != 3; ++each)
-            ready.acquire();
-        refuse_memory(1 + pick(8), 3);
-        for (int each = 0; each != 3; ++each)
-            go.release();
-    }
-    refuse_memory(0, 0);
-    passes->activate();
-    net.acquire();
-    for (petri_place* each : places) {
-        any token;
-        while (net.try_receive(each, token))
-            ++received[any_cast<int>(token)];
-    }
-    for (unsigned int token = 0; token != tokens; ++token)
-        assure(received[token] <= 1 && (!sent[token] || received[token] == 1));
-}
-
-registration const table[] = {
-    registration({.name = "net_stops_after_the_last_call", .run = stops, .variants = 2}),
-    registration({.name = "net_gives_clients_their_turn", .run = turns, .variants = 6}),
-    registration({.name = "net_serves_waiting_clients_first", .run = newcomers, .variants = 2}),
-    registration({.name = "net_clients_bear_refused_memory", .run = client_refusals})};
+registration const table{
+    {.name = "net_gives_clients_their_turn", .run = turns, .variants = 6},
+    {.name = "net_serves_waiting_clients_first", .run = newcomers, .variants = 2},
+};
 
 }  // namespace
 

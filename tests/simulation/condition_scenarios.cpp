@@ -10,8 +10,6 @@ namespace ovel::simulation {
 
 namespace {
 
-using detail::inspector;
-
 // Which threads may return from a wait, recorded under the mutex. A release of all names
 // every waiting thread; a release of one allows one of the threads that wait then. Sets of
 // threads are masks.
@@ -187,20 +185,21 @@ void openings(unsigned int variant) {
 // passed. Three threads were released. The first had timed out; it left the count and was
 // preempted before it took the unit posted for it. The others left, which ended the batch.
 // So a newcomer passed the gate and took that unit.
-registration const table[] = {
-    registration({.name = "condition_wakes_whom_it_released",
-                  .run = waits<condition>,
-                  .variants = 8,
-                  .exhaustive = true}),
-    registration({.name = "condition_with_deadlines_wakes_whom_it_released",
-                  .run = waits<timed_condition>,
-                  .variants = 8,
-                  .exhaustive = true,
-                  .pinned = {{.how = strategy::sticky, .variant = 6, .seed = 1841}}}),
-    registration({.name = "barrier_can_be_opened_at_any_time",
-                  .run = openings,
-                  .variants = 7,
-                  .exhaustive = true})};
+registration const table{
+    {.name = "condition_wakes_whom_it_released",
+     .run = waits<condition>,
+     .variants = 8,
+     .exhaustive = true},
+    {.name = "condition_with_deadlines_wakes_whom_it_released",
+     .run = waits<timed_condition>,
+     .variants = 8,
+     .exhaustive = true,
+     .pinned = {{.how = strategy::sticky, .variant = 6, .seed = 1841}}},
+    {.name = "barrier_can_be_opened_at_any_time",
+     .run = openings,
+     .variants = 7,
+     .exhaustive = true},
+};
 
 }  // namespace
 

@@ -76,9 +76,9 @@ void points_on_the_caller_s_clock(unsigned int variant) {
     }
 }
 
-registration const table[] = {registration({.name = "deadline_of_the_caller_is_kept",
-                                            .run = points_on_the_caller_s_clock,
-                                            .variants = 3})};
+registration const table{
+    {.name = "deadline_of_the_caller_is_kept", .run = points_on_the_caller_s_clock, .variants = 3},
+};
 
 }  // namespace
 

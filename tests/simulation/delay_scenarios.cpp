@@ -10,7 +10,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr unsigned int stack_size = 65536;
 constexpr std::uint64_t millisecond = 1'000'000;
 
 // A thread puts a token of each of two transitions at some time, and may take one back and put
@@ -21,7 +20,7 @@ void spans(unsigned int variant) {
     bool const exact = variant == 0;
     if (variant == 2)
         end_waits_late(20);
-    net tested(1 + pick(2), 0.0, stack_size);
+    net tested(1 + pick(2), 0.0, net_stack);
     constexpr unsigned int count = 2;
     std::uint64_t const span = 1 + pick(5);
     std::uint64_t enabled[count] = {}, fired[count] = {};
@@ -44,16 +43,16 @@ void spans(unsigned int variant) {
     {
         client feeding([&] {
             for (unsigned int each = 0; each != count; ++each) {
-                Sleep(pick(3));
-                enabled[each] = nanoseconds();
-                places[each].send(1);
+                auto const put = [&] {
+                    Sleep(pick(3));
+                    enabled[each] = nanoseconds();
+                    places[each].send(1);
+                };
+                put();
                 if (pick(2) == 0) {
                     Sleep(pick(8));
-                    if (places[each].try_receive().has_value()) {
-                        Sleep(pick(3));
-                        enabled[each] = nanoseconds();
-                        places[each].send(2);
-                    }
+                    if (places[each].try_receive().has_value())
+                        put();
                 }
             }
             began = nanoseconds();
@@ -63,7 +62,7 @@ void spans(unsigned int variant) {
             Sleep(pick(6));
             tested.start();
         }
-        detail::inspector::check_net(tested.base());
+        inspector::check_net(tested.base());
     }
     std::uint64_t const started = nanoseconds();
     tested.join();
@@ -82,7 +81,7 @@ void rests(unsigned int variant) {
     bool const exact = variant < 3;
     variant %= 3;
     accounts const books(0, true);
-    net tested(1, 0.0, stack_size);
+    net tested(1, 0.0, net_stack);
     auto const in = tested.insert_place<int>("in", 1);
     detail::atomic<unsigned int> fired{0};
     auto const delayed =
@@ -116,7 +115,7 @@ void rests(unsigned int variant) {
 void due_without_memory(unsigned int) {
     accounts const books(0, true);
     expect_failure("(\"unexpected exception\", 0)");
-    net tested(1, 0.0, stack_size);
+    net tested(1, 0.0, net_stack);
     auto const in = tested.insert_place<std::unique_ptr<int>>("in", 12);
     detail::atomic<int> fired{0};
     constexpr int count = 10;
@@ -135,10 +134,11 @@ void due_without_memory(unsigned int) {
     assure(in.size() == 0);
 }
 
-registration const table[] = {
-    registration({.name = "net_delays_are_exact", .run = spans, .variants = 3}),
-    registration({.name = "net_rests_behind_its_delays", .run = rests, .variants = 6}),
-    registration({.name = "net_delays_need_no_memory", .run = due_without_memory})};
+registration const table{
+    {.name = "net_delays_are_exact", .run = spans, .variants = 3},
+    {.name = "net_rests_behind_its_delays", .run = rests, .variants = 6},
+    {.name = "net_delays_need_no_memory", .run = due_without_memory},
+};
 
 }  // namespace
 

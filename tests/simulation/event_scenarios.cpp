@@ -13,16 +13,22 @@ namespace ovel::simulation {
 namespace {
 
 // Threads that wait are let go by a `set` that a `reset` follows at once, while another begins
-// to wait, which only the next `set` lets go.
-void set_and_reset(unsigned int) {
-    set_default_spin(0);
-    balance();
+// to wait, which only the next `set` lets go. Or they give up at deadlines meanwhile.
+void set_and_reset(unsigned int variant) {
+    bool const timed = variant == 1;
+    open_books(timed, 0);
     event opened;
     detail::atomic<bool> again = false;
     begin();
-    worker first([&] { opened.wait(); });
-    worker second([&] { opened.wait(); });
-    settle();
+    auto const wait = [&] {
+        if (timed)
+            static_cast<void>(opened.wait_until(time::then(0.003)));
+        else
+            opened.wait();
+    };
+    worker first(wait), second(wait);
+    if (!timed)
+        settle();
     opened.set();
     opened.reset();
     worker late([&] {
@@ -31,30 +37,6 @@ void set_and_reset(unsigned int) {
     });
     first.join();
     second.join();
-    again = true;
-    opened.set();
-}
-
-// Deadlines race with `set`. Whatever they decide, an event works afterwards as a new one.
-void deadlines(unsigned int) {
-    open_books(true, 0);
-    event opened;
-    detail::atomic<bool> again = false;
-    begin();
-    {
-        auto const body = [&] {
-            if (opened.wait_until(time::then(0.003)))
-                assure(opened.try_wait());
-        };
-        worker first(body), second(body);
-        opened.set();
-    }
-    opened.reset();
-    worker last([&] {
-        opened.wait();
-        assure(again);
-    });
-    settle();
     again = true;
     opened.set();
 }
@@ -106,11 +88,11 @@ void steps(unsigned int variant) {
     loaded.reset();
 }
 
-registration const table[] = {
-    registration({.name = "event_lets_all_go_that_waited", .run = set_and_reset}),
-    registration({.name = "event_survives_deadlines", .run = deadlines}),
-    registration({.name = "event_may_be_destroyed_once_set", .run = destruction}),
-    registration({.name = "latch_lets_all_go", .run = steps, .variants = 4})};
+registration const table{
+    {.name = "event_lets_all_go_that_waited", .run = set_and_reset, .variants = 2},
+    {.name = "event_may_be_destroyed_once_set", .run = destruction},
+    {.name = "latch_lets_all_go", .run = steps, .variants = 4},
+};
 
 }  // namespace
 

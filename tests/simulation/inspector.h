@@ -18,9 +18,9 @@
 #include "ovel_task.h"
 #include "ovel_thread.h"
 #include "ovel_thread_group.h"
-#include "ovel_work_queue.h"
 #include "simulation/simulation.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <iterator>
@@ -98,10 +98,7 @@ struct ovel::detail::inspector {
 
     // With all threads at rest: no work that fits waits while a thread is idle.
     static void expect_busy(thread_group& group) {
-        if (group._condition._queued == 0)
-            return;
-        for (auto each = group._queue.begin(); each != group._queue.end(); ++each)
-            assure((*each).third > group._space);
+        assure(group._condition._queued == 0 || !_has_fitting(group._queue, group._space));
     }
 
     // The invariants of a group whenever its mutex is free.
@@ -111,10 +108,7 @@ struct ovel::detail::inspector {
         assure(group._space >= 0 && group._space <= crew.budget);
         assure(crew.occupants != 0 || group._space == crew.budget);
         assure(crew.idle <= group._threads);
-        bool fits = false;
-        for (auto each = group._queue.begin(); each != group._queue.end(); ++each)
-            fits = fits || (*each).third <= group._space;
-        assure(!fits || crew.idle == 0 || crew.looking);
+        assure(crew.idle == 0 || crew.looking || !_has_fitting(group._queue, group._space));
     }
 
     // The same of the crew of a work group.
@@ -133,7 +127,7 @@ struct ovel::detail::inspector {
         }
         assure(asleep == crew._asleep);
         assure(crew._occupants != 0 || crew._space == crew._budget);
-        assure(!idle || crew._searching || !has_fitting_work(crew._queue, crew._space));
+        assure(!idle || crew._searching || !_has_fitting(crew._queue, crew._space));
     }
 
     // The invariants of a net whenever its mutex is free.
@@ -234,6 +228,12 @@ struct ovel::detail::inspector {
     }
 
 private:
+    // Whether some work of a group's queue fits into the space.
+    template <class Queue>
+    static bool _has_fitting(Queue& queue, double space) {
+        return std::ranges::any_of(queue, [=](auto const& each) { return each.third <= space; });
+    }
+
     // Of one side of a place, by the firings that have not ended.
     static unsigned int _reserved(petri_side const& side) {
         unsigned int reserved = 0;

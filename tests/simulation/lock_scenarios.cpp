@@ -230,17 +230,15 @@ void exact_time(unsigned int variant) {
     passed(1.0, [&] { assure(!units.timed_acquire(time::then(1.0))); });
 }
 
-registration const table[] = {
-    registration({.name = "lock_excludes", .run = exclusion, .variants = 12, .exhaustive = true}),
-    registration({.name = "semaphore_keeps_out_of_the_kernel", .run = fast_paths}),
-    registration(
-        {.name = "semaphore_spins_less_after_spinning_in_vain", .run = spins_less_in_vain}),
-    registration({.name = "call_once_runs_once", .run = once, .variants = 2, .exhaustive = true}),
-    registration(
-        {.name = "time_server_is_one_and_monotonic", .run = clock_readings, .variants = 2}),
-    registration(
-        {.name = "clock_stays_on_its_processor", .run = processor_of_the_clock, .variants = 2}),
-    registration({.name = "time_is_exact", .run = exact_time, .variants = 4})};
+registration const table{
+    {.name = "lock_excludes", .run = exclusion, .variants = 12, .exhaustive = true},
+    {.name = "semaphore_keeps_out_of_the_kernel", .run = fast_paths},
+    {.name = "semaphore_spins_less_after_spinning_in_vain", .run = spins_less_in_vain},
+    {.name = "call_once_runs_once", .run = once, .variants = 2, .exhaustive = true},
+    {.name = "time_server_is_one_and_monotonic", .run = clock_readings, .variants = 2},
+    {.name = "clock_stays_on_its_processor", .run = processor_of_the_clock, .variants = 2},
+    {.name = "time_is_exact", .run = exact_time, .variants = 4},
+};
 
 }  // namespace
 

@@ -12,8 +12,6 @@ namespace ovel::simulation {
 
 namespace {
 
-using detail::inspector;
-
 // A block that stores its address and size, so that freeing it detects a block that was handed
 // out twice or written by another owner.
 struct marked {
@@ -319,16 +317,16 @@ void refused_group(unsigned int) {
     fail("it was built without memory");
 }
 
-registration const table[] = {
-    registration({.name = "allocator_blocks_come_home", .run = exchanges, .variants = 4}),
-    registration({.name = "allocator_serves_threads_unprepared", .run = foreigners, .variants = 4}),
-    registration(
-        {.name = "allocator_owners_sleep_on_each_others_blocks", .run = sleepers, .variants = 2}),
-    registration({.name = "recycler_keeps_its_limits", .run = recycler, .variants = 4}),
-    registration({.name = "recycler_trims_once_a_period", .run = recycler_periods, .variants = 4}),
-    registration({.name = "recycler_returns_what_is_requested", .run = recycler_requests}),
-    registration({.name = "allocator_bears_refused_memory", .run = refusals, .variants = 2}),
-    registration({.name = "allocator_group_without_memory_is_reported", .run = refused_group})};
+registration const table{
+    {.name = "allocator_blocks_come_home", .run = exchanges, .variants = 4},
+    {.name = "allocator_serves_threads_unprepared", .run = foreigners, .variants = 4},
+    {.name = "allocator_owners_sleep_on_each_others_blocks", .run = sleepers, .variants = 2},
+    {.name = "recycler_keeps_its_limits", .run = recycler, .variants = 4},
+    {.name = "recycler_trims_once_a_period", .run = recycler_periods, .variants = 4},
+    {.name = "recycler_returns_what_is_requested", .run = recycler_requests},
+    {.name = "allocator_bears_refused_memory", .run = refusals, .variants = 2},
+    {.name = "allocator_group_without_memory_is_reported", .run = refused_group},
+};
 
 }  // namespace
 

@@ -11,8 +11,6 @@ namespace ovel::simulation {
 
 namespace {
 
-using detail::inspector;
-
 // Where each token is. A thread that makes one enters it before others can see it, and a
 // thread that takes one removes it.
 struct ledger {
@@ -166,25 +164,19 @@ void random_nets(unsigned int variant) {
     }
 }
 
-// Moves a token from one place to the next, or takes one, lets another firing go on
-// and waits until it may go on itself.
-struct mover : petri_function {
+// Moves a token from one place to the next.
+struct passing : petri_function {
     void operator()() override {
         any token;
         from->receive(token);
-        if (into != nullptr) {
-            into->send(token);
-        } else {
-            other->release();
-            own->acquire();
-        }
+        into->send(token);
     }
 
     petri_place* from = nullptr;
     petri_place* into = nullptr;
-    semaphore* own = nullptr;
-    semaphore* other = nullptr;
 };
+
+constexpr int line_tokens = 4;
 
 // Three places in a row, with little room.
 struct line {
@@ -192,24 +184,60 @@ struct line {
         for (petri_place*& each : places)
             each = retried([&] { return net.insert_place(1 + pick(2)); });
         for (unsigned int each = 0; each != 2; ++each) {
-            transitions[each] = retried(
+            petri_transition*& made = transitions[each];
+            made = retried(
                 [&] { return net.insert_transition(moves[each], pick(2) == 0, 1.0, 0.0, 0); });
+            retried(
+                [&] { return net.insert_input_arc(places[each], made->input(moves[each].from)); });
             retried([&] {
-                return net.insert_input_arc(places[each],
-                                            transitions[each]->input(moves[each].from));
-            });
-            retried([&] {
-                return net.insert_output_arc(transitions[each]->output(moves[each].into),
-                                             places[each + 1]);
+                return net.insert_output_arc(made->output(moves[each].into), places[each + 1]);
             });
         }
     }
 
-    mover moves[2];
+    void send(int token) {
+        net.send(places[0], token);
+    }
+    // Memory may be refused. If a call throws, it has put its token, or taken one, or has not.
+    bool try_receive(petri_place* place) {
+        any token;
+        attempt([&] { static_cast<void>(net.try_receive(place, token)); });
+        if (!token.empty())
+            ++received[any_cast<int>(token)];
+        return !token.empty();
+    }
+    // Stops the net. No token that was sent is lost or duplicated.
+    void balance() {
+        refuse_memory(0, 0);
+        // Examines the transitions that could not be queued.
+        for (petri_transition* each : transitions)
+            each->activate();
+        net.acquire();
+        inspector::expect_at_rest(net, [](petri_transition*) { return true; });
+        for (petri_place* each : places)
+            while (try_receive(each)) {}
+        for (unsigned int token = 0; token != line_tokens; ++token)
+            assure(received[token] <= 1 && (!sent[token] || received[token] == 1));
+    }
+
+    passing moves[2];
     petri_net net;
     petri_place* places[3];
     petri_transition* transitions[2];
+    bool sent[line_tokens] = {};
+    unsigned int received[line_tokens] = {};
 };
+
+// A firing has ended while another thread was on its way to call one for it.
+void stops(unsigned int variant) {
+    accounts const books(variant);
+    line through(2);
+    through.send(0);
+    begin();
+    through.net.release();
+    client late([&] { through.send(1); });
+    through.net.acquire();
+}
 
 // Every token that is sent is received, each once, although senders and receivers
 // block and transitions are switched off meanwhile.
@@ -224,7 +252,7 @@ void blocked_clients(unsigned int variant) {
     {
         auto const send = [&](int first, int end) {
             for (int token = first; token != end; ++token)
-                through.net.send(through.places[0], token);
+                through.send(token);
         };
         auto const receive = [&] {
             for (int each = 0; each != 3; ++each) {
@@ -260,43 +288,42 @@ void firings_that_meet(unsigned int variant) {
     bool const with_space = variant / 2 == 1;
     constexpr int tokens = 2;
     semaphore here[3] = {{0, 0}, {0, 0}, {0, 0}};
-    mover functions[3];
-    petri_net net(2 + pick(2), with_space ? 10.0 : 0.0, 16384);
-    petri_place* places[3];
+    net tested(2 + pick(2), with_space ? 10.0 : 0.0, net_stack);
+    std::vector<place<int>> places;
     for (unsigned int each = 0; each != 3; ++each) {
-        functions[each].own = &here[each];
-        functions[each].other = &here[each == 2 ? 2 : 1 - each];
         double const space = with_space ? 5.0 - (each == 2) * pick(3) : 0.0;
-        petri_transition* const made =
-            net.insert_transition(functions[each], false, 1.0 + pick(2), space, 0);
-        places[each] = net.insert_place(tokens);
-        net.insert_input_arc(places[each], made->input(functions[each].from));
+        places.push_back(tested.insert_place<int>("place", tokens));
+        auto const meet = [&own = here[each], &other = here[each == 2 ? 2 : 1 - each]](int) {
+            other.release();
+            own.acquire();
+        };
+        tested.insert_transition(each == 2 ? "third" : "meet", from(places[each]), meet,
+                                 {.time = 1.0 + pick(2), .space = space});
     }
     unsigned int const before = pick(3);
     for (unsigned int each = 0; each != before; ++each)
-        net.send(places[each], 0);
+        places[each].send(0);
     begin();
-    net.release();
+    tested.start();
     {
         auto const send = [&](unsigned int place) {
             for (int token = place < before; token != tokens; ++token)
-                net.send(places[place], token);
+                places[place].send(token);
         };
         client one([&] { send(0); }), two([&] { send(1); });
         send(2);
     }
-    net.send(places[2], 0);
+    places[2].send(0);
     {
-        client late([&] { net.send(places[2], 1); });
-        net.acquire();
+        client late([&] { places[2].send(1); });
+        tested.join();
     }
-    inspector::expect_at_rest(
-        net, [&](petri_transition* each) { return each == functions[2].transition(); });
+    inspector::expect_at_rest(tested.base(),
+                              [&](petri_transition* each) { return tested.name(each) == "third"; });
 }
 
 // With memory, or a single block, refused while a line of places is built or works, calls
-// throw and can be repeated, or the process ends with a message. No token is lost or
-// duplicated.
+// throw and can be repeated, or the process ends with a message.
 void net_refusals(unsigned int variant) {
     accounts const books(0);
     expect_failure("(\"unexpected exception\", 0)");
@@ -316,85 +343,87 @@ void net_refusals(unsigned int variant) {
         refuse_memory(1 + pick(6), 2);
     else if (variant == 3)
         refuse_blocks(1 + pick(12), 1 + pick(2));
-    unsigned int received[4] = {};
-    auto const receive = [&](petri_place* place) {
-        any token;
-        // If it throws, the token may be there.
-        attempt([&] { static_cast<void>(through->net.try_receive(place, token)); });
-        if (!token.empty())
-            ++received[any_cast<int>(token)];
-        return !token.empty();
-    };
-    bool sent[4] = {};
-    for (int token = 0; token != 4; ++token) {
-        attempt([&] { sent[token] = through->net.try_send(through->places[0], token); });
-        receive(through->places[2]);
+    for (int token = 0; token != line_tokens; ++token) {
+        attempt([&] { through->sent[token] = through->net.try_send(through->places[0], token); });
+        through->try_receive(through->places[2]);
     }
-    refuse_memory(0, 0);
-    // Examines the transitions that could not be queued.
-    for (petri_transition* each : through->transitions)
-        each->activate();
-    through->net.acquire();
-    inspector::expect_at_rest(through->net, [](petri_transition*) { return true; });
-    for (petri_place* each : through->places)
-        while (receive(each)) {}
-    for (unsigned int token = 0; token != 4; ++token)
-        assure(received[token] <= 1 && (!sent[token] || received[token] == 1));
+    through->balance();
 }
 
-// Takes a token of each of its places.
-struct taker : petri_function {
-    void operator()() override {
-        any token;
-        for (petri_place* each : from)
-            if (each != nullptr)
-                each->receive(token);
+// The same while several clients send and receive, block and carry out each other's calls.
+void client_refusals(unsigned int) {
+    accounts const books(0);
+    expect_failure("(\"unexpected exception\", 0)");
+    line through(1 + pick(2));
+    through.net.release();
+    begin();
+    semaphore ready(0, 0), go(0, 0);
+    detail::atomic<unsigned int> sending{2};
+    {
+        auto const start = [&] {
+            ready.release();
+            go.acquire();
+        };
+        auto const send = [&](int first) {
+            start();
+            for (int token = first; token != first + line_tokens / 2; ++token)
+                through.sent[token] = attempt([&] { through.send(token); });
+            --sending;
+        };
+        client one([&] { send(0); }), two([&] { send(line_tokens / 2); });
+        client three([&] {
+            start();
+            for (; sending != 0; YieldProcessor())
+                through.try_receive(through.places[2]);
+        });
+        for (int each = 0; each != 3; ++each)
+            ready.acquire();
+        refuse_memory(1 + pick(8), 3);
+        for (int each = 0; each != 3; ++each)
+            go.release();
     }
+    through.balance();
+}
 
-    petri_place* from[2] = {};
-};
-
-// A token enables more transitions than fit beside the queue, and there may be no memory
-// to queue the last. Meanwhile a transition that waits for the net's first dispatch takes
-// the other tokens that all but the last need. The last fires when another token comes.
+// A token enables more transitions than fit beside the queue, and there may be no memory to queue
+// the last: then it is still its sender's. Meanwhile a transition that waits for the net's first
+// dispatch takes the other token that all but the last need. The last fires when another one comes.
 void refusals_at_the_start(unsigned int) {
     accounts const books(0);
     expect_failure("(\"unexpected exception\", 0)");
-    constexpr unsigned int takers = 10;
-    taker functions[takers];
-    petri_net net(1, 1.0, 16384);
-    petri_place* const shared = net.insert_place(2);
-    petri_place* const scarce = net.insert_place(1);
-    for (unsigned int each = 0; each != takers; ++each) {
-        double const space = each == 0 ? 1.0 : 0.0;
-        petri_transition* const made = net.insert_transition(functions[each], false, 1.0, space, 0);
-        if (each != 0)
-            net.insert_input_arc(shared, made->input(functions[each].from[0]));
-        if (each != takers - 1)
-            net.insert_input_arc(scarce, made->input(functions[each].from[1]));
-    }
-    net.send(scarce, 0);
+    using token = std::unique_ptr<int>;
+    net tested(1, 1.0, net_stack);
+    auto const shared = tested.insert_place<token>("shared", 2);
+    auto const scarce = tested.insert_place<int>("scarce", 1);
+    detail::atomic<int> taken{0};
+    tested.insert_transition("first", from(scarce), [](int) {}, {.space = 1.0});
+    for (int each = 0; each != 8; ++each)
+        tested.insert_transition("both", from(shared, scarce),
+                                 [&](token held, int) { taken += *held; });
+    tested.insert_transition("last", from(shared), [&](token held) { taken += *held; });
+    scarce.send(0);
     begin();
-    net.release();
-    refuse_blocks(1 + pick(8), 1 + pick(3));
-    attempt([&] { net.send(shared, 1); });
+    tested.start();
+    refuse_blocks(1 + pick(8), pick(2) == 0 ? 1000 : 1 + pick(3));
+    auto mine = std::make_unique<int>(1);
+    bool const sent = attempt([&] { assure(shared.try_send(std::move(mine))); });
+    assure(sent == (mine == nullptr) && (sent || !shared.try_receive().has_value()));
     refuse_blocks(0, 0);
-    net.send(shared, 2);
-    net.acquire();
-    inspector::expect_at_rest(net, [](petri_transition*) { return false; });
+    assure(shared.try_send(std::make_unique<int>(2)));
+    tested.join();
+    inspector::expect_at_rest(tested.base(), [](petri_transition*) { return false; });
+    assure(taken == 2 + sent);
 }
 
-registration const table[] = {
-    registration(
-        {.name = "net_of_any_structure_conserves_tokens", .run = random_nets, .variants = 4}),
-    registration({.name = "net_serves_blocked_senders_and_receivers",
-                  .run = blocked_clients,
-                  .variants = 2}),
-    registration(
-        {.name = "net_fires_side_by_side_what_fits", .run = firings_that_meet, .variants = 4}),
-    registration({.name = "net_bears_refused_memory", .run = net_refusals, .variants = 4}),
-    registration(
-        {.name = "net_fires_later_what_it_could_not_queue", .run = refusals_at_the_start})};
+registration const table{
+    {.name = "net_of_any_structure_conserves_tokens", .run = random_nets, .variants = 4},
+    {.name = "net_serves_blocked_senders_and_receivers", .run = blocked_clients, .variants = 2},
+    {.name = "net_fires_side_by_side_what_fits", .run = firings_that_meet, .variants = 4},
+    {.name = "net_stops_after_the_last_call", .run = stops, .variants = 2},
+    {.name = "net_clients_bear_refused_memory", .run = client_refusals},
+    {.name = "net_bears_refused_memory", .run = net_refusals, .variants = 4},
+    {.name = "net_fires_later_what_it_could_not_queue", .run = refusals_at_the_start},
+};
 
 }  // namespace
 

@@ -41,7 +41,7 @@ struct forest {
         assure(context.get() == &scope);
         context.set(before);
         ++runs;
-        detail::inspector::check_crew(detail::task_crew::current_seat()->crew());
+        inspector::check_crew(detail::task_crew::current_seat()->crew());
     }
 
     void grow(unsigned int depth) {
@@ -102,34 +102,32 @@ struct held_work {
 void each_child_runs_once(unsigned int variant) {
     accounts const books(variant % 2 * 2);
     begin();
-    {
-        work_group group(1 + variant / 2);
-        if (pick(2) == 0)
-            settle();
-        forest all{group};
-        semaphore grown(0, 0);
-        unsigned int const items = 1 + pick(2);
-        // As a thread that waits in a scope does not take up the next item, however long it
-        // may be, none begins inside another one.
-        for (unsigned int i = 0; i != items; ++i)
-            group.run([&] {
-                assure(all.context.get() == nullptr);
-                all.grow(1);
-                grown.release();
-            });
-        // Queued behind the others, these end only after all scopes have.
-        held_work longest;
-        longest.left = pick(3);
-        for (unsigned int i = longest.left; i != 0; --i)
-            group.run(std::ref(longest), {.time = 0.5});
-        all.grow(1);
-        for (unsigned int i = 0; i != items; ++i)
-            grown.acquire();
-        longest.finish(group.threads());
-        group.wait();
-        assure(all.runs == all.forks);
-        group.join();
-    }
+    work_group group(1 + variant / 2);
+    if (pick(2) == 0)
+        settle();
+    forest all{group};
+    semaphore grown(0, 0);
+    unsigned int const items = 1 + pick(2);
+    // As a thread that waits in a scope does not take up the next item, however long it
+    // may be, none begins inside another one.
+    for (unsigned int i = 0; i != items; ++i)
+        group.run([&] {
+            assure(all.context.get() == nullptr);
+            all.grow(1);
+            grown.release();
+        });
+    // Queued behind the others, these end only after all scopes have.
+    held_work longest;
+    longest.left = pick(3);
+    for (unsigned int i = longest.left; i != 0; --i)
+        group.run(std::ref(longest), {.time = 0.5});
+    all.grow(1);
+    for (unsigned int i = 0; i != items; ++i)
+        grown.acquire();
+    longest.finish(group.threads());
+    group.wait();
+    assure(all.runs == all.forks);
+    group.join();
 }
 
 // One scope, in work of the group, whose opener waits; children are put in by the opener, by
@@ -138,44 +136,42 @@ void no_thread_sleeps_beside_children(unsigned int variant) {
     accounts const books(variant % 2 * 2);
     unsigned int const thread_count = 2 + variant / 2;
     begin();
-    {
-        work_group group(thread_count);
-        held_work held;
-        semaphore ready(0, 0);
-        unsigned int const direct = pick(4), by_child = 1 + pick(4);
-        held.left = direct + by_child;
-        settle();
-        group.run([&] {
-            task_scope here(group);
-            for (unsigned int i = 0; i != direct; ++i)
-                here.run(std::ref(held));
-            here.run([&] {
-                bool const inner = pick(2) == 0;
-                auto const fork = [&](task_scope& scope) {
-                    for (unsigned int i = 0; i != by_child; ++i)
-                        scope.run(std::ref(held));
-                };
-                if (inner) {
-                    task_scope nested(group);
-                    fork(nested);
-                    ready.release();
-                    nested.wait();
-                } else {
-                    fork(here);
-                    ready.release();
-                }
-            });
-            here.wait();
+    work_group group(thread_count);
+    held_work held;
+    semaphore ready(0, 0);
+    unsigned int const direct = pick(4), by_child = 1 + pick(4);
+    held.left = direct + by_child;
+    settle();
+    group.run([&] {
+        task_scope here(group);
+        for (unsigned int i = 0; i != direct; ++i)
+            here.run(std::ref(held));
+        here.run([&] {
+            bool const inner = pick(2) == 0;
+            auto const fork = [&](task_scope& scope) {
+                for (unsigned int i = 0; i != by_child; ++i)
+                    scope.run(std::ref(held));
+            };
+            if (inner) {
+                task_scope nested(group);
+                fork(nested);
+                ready.release();
+                nested.wait();
+            } else {
+                fork(here);
+                ready.release();
+            }
         });
-        // The opener comes to the last child when the others before it have been let go.
+        here.wait();
+    });
+    // The opener comes to the last child when the others before it have been let go.
+    settle();
+    while (!ready.try_acquire()) {
+        held.go.release();
         settle();
-        while (!ready.try_acquire()) {
-            held.go.release();
-            settle();
-        }
-        held.finish(thread_count);
-        group.join();
     }
+    held.finish(thread_count);
+    group.join();
 }
 
 // Children are forked one by one, by a thread that runs none itself meanwhile. So no later child
@@ -184,25 +180,23 @@ void each_child_finds_a_thread(unsigned int variant) {
     accounts const books(variant % 2 * 2);
     unsigned int const thread_count = 1 + variant / 2;
     begin();
-    {
-        work_group group(thread_count);
-        held_work held;
-        for (unsigned int round = 0; round != 3; ++round) {
-            task_scope here(group);
-            unsigned int const children = 1 + pick(thread_count + 1);
-            for (unsigned int forked = 1; forked <= children; ++forked) {
-                ++held.left;
-                here.run(std::ref(held));
-                if (forked == children || pick(2) == 0) {
-                    settle();
-                    assure(held.inside == std::min(thread_count, forked));
-                }
+    work_group group(thread_count);
+    held_work held;
+    for (unsigned int round = 0; round != 3; ++round) {
+        task_scope here(group);
+        unsigned int const children = 1 + pick(thread_count + 1);
+        for (unsigned int forked = 1; forked <= children; ++forked) {
+            ++held.left;
+            here.run(std::ref(held));
+            if (forked == children || pick(2) == 0) {
+                settle();
+                assure(held.inside == std::min(thread_count, forked));
             }
-            for (unsigned int each = 0; each != children; ++each)
-                held.go.release();
-            here.wait();
-            assure(held.left == 0);
         }
+        for (unsigned int each = 0; each != children; ++each)
+            held.go.release();
+        here.wait();
+        assure(held.left == 0);
     }
 }
 
@@ -212,18 +206,16 @@ void no_thread_sleeps_beside_items(unsigned int variant) {
     unsigned int const thread_count = 2 + variant / 2 % 2;
     bool const bounded = variant / 4 == 1;
     begin();
-    {
-        work_group group(thread_count, 2.0);
-        held_work held;
-        if (pick(2) == 0)
-            settle();
-        unsigned int const items = 1 + pick(6);
-        held.left = items;
-        for (unsigned int i = 0; i != items; ++i)
-            group.run([&] { held(); }, {.time = 1.0 + pick(2), .space = bounded ? 1.0 : 0.0});
-        held.finish(bounded ? 2 : thread_count);
-        group.wait();
-    }
+    work_group group(thread_count, 2.0);
+    held_work held;
+    if (pick(2) == 0)
+        settle();
+    unsigned int const items = 1 + pick(6);
+    held.left = items;
+    for (unsigned int i = 0; i != items; ++i)
+        group.run([&] { held(); }, {.time = 1.0 + pick(2), .space = bounded ? 1.0 : 0.0});
+    held.finish(bounded ? 2 : thread_count);
+    group.wait();
 }
 
 // The thread that ends the last child must not access the scope afterwards: the next scope has
@@ -231,42 +223,37 @@ void no_thread_sleeps_beside_items(unsigned int variant) {
 void short_scopes_end(unsigned int variant) {
     accounts const books(variant * 2);
     begin();
-    {
-        work_group group(1);
-        unsigned int sum = 0;
-        for (unsigned int round = 0; round != 4; ++round) {
-            unsigned int left = 0, right = 0;
-            parallel_invoke(
-                group, [&] { left = 1; },
-                [&] {
-                    if (pick(2) == 0)
-                        settle();
-                    right = 1;
-                });
-            sum += left + right;
-        }
-        assure(sum == 8);
-        assure(parallel_reduce(
-                   group, 0u, 9u, 0u,
-                   [](unsigned int begin, unsigned int end, unsigned int start) {
-                       return start + end - begin;
-                   },
-                   std::plus<>(), 1) == 9);
+    work_group group(1);
+    unsigned int sum = 0;
+    for (unsigned int round = 0; round != 4; ++round) {
+        unsigned int left = 0, right = 0;
+        parallel_invoke(
+            group, [&] { left = 1; },
+            [&] {
+                if (pick(2) == 0)
+                    settle();
+                right = 1;
+            });
+        sum += left + right;
     }
+    assure(sum == 8);
+    assure(parallel_reduce(
+               group, 0u, 9u, 0u,
+               [](unsigned int begin, unsigned int end, unsigned int start) {
+                   return start + end - begin;
+               },
+               std::plus<>(), 1) == 9);
 }
 
-registration const table[] = {
-    registration(
-        {.name = "scopes_run_each_child_once", .run = each_child_runs_once, .variants = 6}),
-    registration({.name = "no_thread_sleeps_beside_children",
-                  .run = no_thread_sleeps_beside_children,
-                  .variants = 4}),
-    registration(
-        {.name = "each_child_finds_a_thread", .run = each_child_finds_a_thread, .variants = 6}),
-    registration({.name = "no_thread_sleeps_beside_items",
-                  .run = no_thread_sleeps_beside_items,
-                  .variants = 8}),
-    registration({.name = "short_scopes_end", .run = short_scopes_end, .variants = 2})};
+registration const table{
+    {.name = "scopes_run_each_child_once", .run = each_child_runs_once, .variants = 6},
+    {.name = "no_thread_sleeps_beside_children",
+     .run = no_thread_sleeps_beside_children,
+     .variants = 4},
+    {.name = "each_child_finds_a_thread", .run = each_child_finds_a_thread, .variants = 6},
+    {.name = "no_thread_sleeps_beside_items", .run = no_thread_sleeps_beside_items, .variants = 8},
+    {.name = "short_scopes_end", .run = short_scopes_end, .variants = 2},
+};
 
 }  // namespace
 

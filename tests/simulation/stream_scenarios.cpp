@@ -11,75 +11,93 @@ namespace ovel::simulation {
 
 namespace {
 
-using detail::inspector;
-
-constexpr unsigned int stack_size = 65536;
-
-// A sender that closes the first of two places in a row, a body that takes the end, and
-// two receivers of the last place, which closes by itself. In the second variant another
-// thread closes the middle place, at any time.
+// A sender that closes the first of three places in a row, of which the others close by
+// themselves; bodies, some of which take the end of their place; and two receivers of the last
+// place. In the second variant another thread closes the first two, at any time. In the third a
+// body may throw, the net may be halted, and it is started again until all is received.
 void ends(unsigned int variant) {
+    bool const cut = variant == 1, again = variant == 2;
     accounts const books(0);
-    bool const cut = variant == 1;
-    constexpr unsigned int tokens = 3;
-    net tested(1 + pick(2), 0.0, stack_size);
-    auto const in = tested.insert_place<unsigned int>("in", 1 + pick(2));
-    auto const middle = tested.insert_place<unsigned int>("middle", 1 + pick(2), closes);
-    auto const out = tested.insert_place<unsigned int>("out", 1 + pick(2), closes);
-    for (unsigned int each = 1 + pick(2); each != 0; --each)
-        tested.insert_transition("pass", from(in), to(middle),
-                                 [](unsigned int token) { return token; });
-    detail::atomic<unsigned int> passed{0}, received{0}, sent{0};
-    detail::atomic<bool> flushed = false;
-    tested.insert_transition("last", from(middle), to(out), [&](std::optional<unsigned int> token) {
-        if (token)
-            ++passed;
-        return token.value_or(tokens);
-    });
-    begin();
-    if (pick(2) == 0)
-        tested.start();
-    {
-        client sender([&] {
-            for (unsigned int token = 0; token != tokens; ++token)
-                if (in.send(token))
-                    ++sent;
-            in.close();
-        });
-        auto const receive = [&] {
-            while (std::optional<unsigned int> const token = out.next())
-                if (*token != tokens)
-                    ++received;
-                else
-                    assure(!flushed.exchange(true));
-            assure(out.ended());
-        };
-        client first(receive), second(receive);
-        client cutter([&] {
-            if (cut) {
-                middle.close();
-                in.close();
-            }
-        });
-        if (!inspector::is_running(tested.base()))
-            tested.start();
-        inspector::check_net(tested.base());
+    constexpr int tokens = 3;
+    net tested(1 + pick(2), 0.0, net_stack);
+    detail::atomic<int> sent{0}, lost{0}, received{0}, flushed{0}, failures{0};
+    detail::atomic<unsigned int> fuse{again ? pick(5) : 0};
+    auto const carry = [&](int token) {
+        if (fuse != 0 && --fuse == 0) {
+            ++lost;
+            throw token;
+        }
+        return token;
+    };
+    auto const flush = [&, told = false](std::optional<int> token) mutable {
+        assure(!told);
+        told = !token;
+        flushed += told;
+        return token ? std::optional(carry(*token)) : std::nullopt;
+    };
+    std::vector<place<int>> chain{tested.insert_place<int>("first", 1 + pick(2))};
+    int flushes = 0;
+    while (chain.size() != 3) {
+        auto const in = from(chain.back());
+        chain.push_back(tested.insert_place<int>("next", 1 + pick(2), closes));
+        for (unsigned int each = 1 + pick(2); each != 0; --each) {
+            transition_options const options{.reentrant = pick(2) == 0};
+            bool const flushing = pick(2) == 0;
+            flushes += flushing;
+            if (flushing)
+                tested.insert_transition("flush", in, to(chain.back()), flush, options);
+            else
+                tested.insert_transition("pass", in, to(chain.back()), carry, options);
+        }
     }
-    tested.join();
-    assure(flushed);
-    unsigned int left = 0;
-    while (in.try_receive().has_value())
-        ++left;
-    assure(received == passed && received + left == sent);
-    assure(cut || (sent == tokens && left == 0));
-    assure(middle.ended() && !middle.try_send(1));
+    begin();
+    client sender([&] {
+        for (int token = 0; token != tokens;) {
+            bool done = false;
+            succeeds([&] { done = chain[0].send(token); });
+            sent += done;
+            token += done || !again;
+            if (!done)
+                Sleep(1);
+        }
+        chain[0].close();
+    });
+    client cutter([&] {
+        if (cut) {
+            chain[1].close();
+            chain[0].close();
+        }
+    });
+    for (bool over = false; !over;) {
+        tested.start();
+        {
+            auto const receive = [&] {
+                succeeds([&] {
+                    for (; chain[2].next().has_value(); ++received)
+                        inspector::check_net(tested.base());
+                });
+            };
+            client first(receive), second(receive);
+            if (again && pick(2) == 0)
+                tested.halt();
+        }
+        over = chain[2].ended();
+        if (!succeeds([&] { tested.join(); })) {
+            ++failures;
+            over = false;
+        }
+    }
+    auto const left = static_cast<int>(chain[0].size());
+    assure(received + lost + left == sent && failures == lost);
+    assure(cut ? flushed <= flushes : flushed == flushes && sent == tokens && left == 0);
+    assure(chain[1].ended() && !chain[1].try_send(1));
 }
 
 // A place is closed while a firing that puts into it is held: its token arrives, then the end.
 // Receivers wait without a limit, with a late one, or ask again and again.
 void ends_behind_a_firing(unsigned int variant) {
     accounts const books(0, true);
-    net tested(1, 0.0, stack_size);
+    net tested(1, 0.0, net_stack);
     auto const in = tested.insert_place<int>("in", 1);
     auto const out = tested.insert_place<int>("out", 1);
     semaphore begun(0, 0), go(0, 0);
@@ -121,7 +139,7 @@ void ends_behind_a_firing(unsigned int variant) {
 // other closed place. In the second variant the net is stopped meanwhile and gets a transition.
 void starves(unsigned int variant) {
     accounts const books(0);
-    net tested(1 + pick(2), 0.0, stack_size);
+    net tested(1 + pick(2), 0.0, net_stack);
     auto const left = tested.insert_place<int>("left", 3);
     auto const right = tested.insert_place<int>("right", 3);
     auto const out = tested.insert_place<int>("out", 8, closes);
@@ -170,7 +188,7 @@ void limits(unsigned int variant) {
     if (pick(3) == 0)
         end_waits_late(5);
     using token = std::unique_ptr<int>;
-    auto tested = std::make_unique<net>(1, 0.0, stack_size);
+    auto tested = std::make_unique<net>(1, 0.0, net_stack);
     auto const only = tested->insert_place<token>("only", 1);
     auto const off = tested->insert_place<int>("off", 1);
     tested->insert_transition("off", from(off), [](int) {});
@@ -200,17 +218,13 @@ void limits(unsigned int variant) {
             else
                 assure(variant == 1 || point <= time::now());
         });
-        client halting([&] {
-            if (variant == 1)
-                tested->halt();
-        });
         // Without a limit: let go by the halt, or by its own token.
-        if (variant == 1) {
-            client waiting([&] {
-                if (only.next().has_value())
-                    ++received;
-            });
-        }
+        client waiting([&] {
+            if (variant == 1 && only.next().has_value())
+                ++received;
+        });
+        if (variant == 1)
+            tested->halt();
     }
     tested->join();
     if (only.try_receive().has_value())
@@ -225,7 +239,7 @@ void limits(unsigned int variant) {
 void let_go(unsigned int variant) {
     bool const exact = variant == 3;
     accounts const books(0, true);
-    auto tested = std::make_unique<net>(1, 0.0, stack_size);
+    auto tested = std::make_unique<net>(1, 0.0, net_stack);
     auto const empty = tested->insert_place<int>("empty", 1);
     auto const full = tested->insert_place<int>("full", 1);
     auto const idle = tested->insert_place<int>("idle", 1);
@@ -278,7 +292,7 @@ void let_go(unsigned int variant) {
 void ends_without_memory(unsigned int) {
     accounts const books(0);
     expect_failure("(\"unexpected exception\", 0)");
-    net tested(1, 0.0, stack_size);
+    net tested(1, 0.0, net_stack);
     auto const in = tested.insert_place<int>("in", 2);
     auto const out = tested.insert_place<int>("out", 12, closes);
     for (int each = 0; each != 10; ++each)
@@ -306,14 +320,14 @@ void ends_without_memory(unsigned int) {
     attempt([&] { tested.join(); });
 }
 
-registration const table[] = {
-    registration({.name = "net_ends_behind_its_tokens", .run = ends, .variants = 2}),
-    registration(
-        {.name = "net_place_ends_behind_a_firing", .run = ends_behind_a_firing, .variants = 3}),
-    registration({.name = "net_ends_what_closed_places_starve", .run = starves, .variants = 2}),
-    registration({.name = "net_waits_end_at_their_limits", .run = limits, .variants = 2}),
-    registration({.name = "net_lets_blocked_threads_go", .run = let_go, .variants = 4}),
-    registration({.name = "net_ends_although_memory_is_refused", .run = ends_without_memory})};
+registration const table{
+    {.name = "net_ends_behind_its_tokens", .run = ends, .variants = 3},
+    {.name = "net_place_ends_behind_a_firing", .run = ends_behind_a_firing, .variants = 3},
+    {.name = "net_ends_what_closed_places_starve", .run = starves, .variants = 2},
+    {.name = "net_waits_end_at_their_limits", .run = limits, .variants = 2},
+    {.name = "net_lets_blocked_threads_go", .run = let_go, .variants = 4},
+    {.name = "net_ends_although_memory_is_refused", .run = ends_without_memory},
+};
 
 }  // namespace
 

@@ -10,18 +10,32 @@ namespace ovel::simulation {
 
 namespace {
 
-using detail::inspector;
-
 // Clients borrow threads. A run has the stack it asked for and less than four times as much, and
-// idle threads are used again. The pool ends a thread that it has no memory to keep.
+// idle threads are used again. The pool ends a thread that it has no memory to keep. In the last
+// variants the process ends meanwhile, which ends idle threads; the clients go on as before.
 void pool(unsigned int variant) {
     accounts const books(variant % 2, true);
-    bool const alike = variant / 2 != 1;
+    bool const alike = variant / 2 != 1, refuses = variant / 2 == 2, ends = variant / 2 == 3;
     constexpr unsigned int sizes[] = {16384, 65536, 100000, 524288, 0};
     unsigned int const clients = 2 + pick(2);
     detail::atomic<unsigned int> runs = 0;
+    auto const borrow = [&] {
+        unsigned int const size = alike ? 65536 : sizes[pick(5)];
+        work job([&] {
+            unsigned int const given = stack_size();
+            assure(size == 0 ? given == 0 : given >= size && given / 4 < size);
+            ++runs;
+        });
+        thread borrowed(size);
+        borrowed.schedule(job);
+        borrowed.release();
+        join(borrowed, pick(3));
+    };
+    if (ends) {
+        client one(borrow), two(borrow), three(borrow);
+    }
     begin();
-    if (variant / 2 == 2) {
+    if (refuses) {
         expect_failure("(\"unexpected exception\", 0)");
         refuse_blocks(1 + pick(8 * clients));
     }
@@ -29,62 +43,22 @@ void pool(unsigned int variant) {
         std::deque<client> all;
         for (unsigned int each = 0; each != clients; ++each)
             all.emplace_back([&] {
-                for (unsigned int run = 0; run != 3; ++run) {
-                    unsigned int const size = alike ? 65536 : sizes[pick(5)];
-                    work job([&] {
-                        unsigned int const given = stack_size();
-                        assure(size == 0 ? given == 0 : given >= size && given / 4 < size);
-                        ++runs;
-                    });
-                    thread borrowed(size);
-                    borrowed.schedule(job);
-                    borrowed.release();
-                    join(borrowed, pick(3));
-                }
+                for (unsigned int run = 0; run != 3; ++run)
+                    borrow();
             });
+        if (ends)
+            all.emplace_back([] { inspector::empty_pool(); });
     }
-    assure(runs == clients * 3);
+    assure(runs == clients * 3 + (ends ? 3 : 0));
     // The time server, this thread, and the idle ones.
     unsigned int const idle = detail::thread_element_group::global()->size();
     assure(threads() == idle + 2);
-    assure((idle >= 1 || refused() != 0) && (!alike || idle <= clients));
-}
-
-// The process ends, which ends idle threads, while clients borrow and return threads. The
-// clients go on as before.
-void pool_at_the_end(unsigned int variant) {
-    accounts const books(variant % 2, true);
-    detail::atomic<unsigned int> runs = 0;
-    constexpr unsigned int clients = 2;
-    auto const borrow = [&](unsigned int count) {
-        work job([&] { ++runs; });
-        std::deque<thread> borrowed;
-        for (unsigned int each = 0; each != count; ++each) {
-            thread& added = borrowed.emplace_back(65536u);
-            added.schedule(job);
-            added.release();
-        }
-        for (thread& each : borrowed)
-            join(each, 0);
-    };
-    borrow(3);
-    begin();
-    {
-        std::deque<client> all;
-        for (unsigned int each = 0; each != clients; ++each)
-            all.emplace_back([&] {
-                borrow(1);
-                borrow(2);
-            });
-        all.emplace_back([] { inspector::empty_pool(); });
-    }
-    assure(runs == 3 + clients * 3);
-    assure(threads() == detail::thread_element_group::global()->size() + 2);
+    assure((idle >= 1 || ends || refused() != 0) && (!alike || idle <= (ends ? 3 : clients)));
 }
 
 // The process ends while another thread starts the recycler, whose thread ends then,
 // whichever comes first.
-void recycler_at_the_end(unsigned int variant) {
+void recycler_end(unsigned int variant) {
     accounts const books(variant % 2, true);
     begin();
     {
@@ -136,7 +110,7 @@ struct item : thread_function {
 // Work is scheduled before the start or after it, by another thread and by work; all of it runs,
 // and the group can be started again. When all threads are at rest, either every thread works or
 // the waiting items do not fit: a lost wake-up would leave an idle thread and work for it.
-void group_runs_everything(unsigned int variant) {
+void group_runs(unsigned int variant) {
     bool const timed = variant / 2 % 2 == 1;
     accounts const books(variant % 2, timed);
     item::tally all = {.waits = variant / 4 == 1};
@@ -249,20 +223,13 @@ void refused_objects(unsigned int variant) {
     balance();
 }
 
-registration const table[] = {
-    registration({.name = "pool_reuses_threads_that_fit", .run = pool, .variants = 6}),
-    registration({.name = "pool_serves_clients_at_the_end_of_the_process",
-                  .run = pool_at_the_end,
-                  .variants = 2}),
-    registration({.name = "recycler_ends_with_the_process_that_starts_it",
-                  .run = recycler_at_the_end,
-                  .variants = 2}),
-    registration({.name = "group_keeps_its_space_and_runs_everything",
-                  .run = group_runs_everything,
-                  .variants = 6}),
-    registration({.name = "groups_bear_refused_blocks", .run = refused_blocks, .variants = 2}),
-    registration(
-        {.name = "kernel_objects_refused_are_reported", .run = refused_objects, .variants = 2})};
+registration const table{
+    {.name = "pool_reuses_threads_that_fit", .run = pool, .variants = 8},
+    {.name = "recycler_ends_with_the_process_that_starts_it", .run = recycler_end, .variants = 2},
+    {.name = "group_keeps_its_space_and_runs_everything", .run = group_runs, .variants = 6},
+    {.name = "groups_bear_refused_blocks", .run = refused_blocks, .variants = 2},
+    {.name = "kernel_objects_refused_are_reported", .run = refused_objects, .variants = 2},
+};
 
 }  // namespace
 

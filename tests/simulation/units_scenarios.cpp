@@ -154,12 +154,12 @@ void last_taker_destroys(unsigned int variant) {
     shared.reset();
 }
 
-registration const table[] = {registration({.name = "futex_word_loses_no_unit_and_no_wake_up",
-                                            .run = takers_and_posters,
-                                            .variants = 2}),
-                              registration({.name = "futex_word_may_be_destroyed_by_the_last_taker",
-                                            .run = last_taker_destroys,
-                                            .variants = 2})};
+registration const table{
+    {.name = "futex_word_loses_no_unit_and_no_wake_up", .run = takers_and_posters, .variants = 2},
+    {.name = "futex_word_may_be_destroyed_by_the_last_taker",
+     .run = last_taker_destroys,
+     .variants = 2},
+};
 
 }  // namespace
 
