@@ -32,17 +32,10 @@ struct nothing : petri_function {
     void operator()() override {}
 };
 
-// Numbers of a walk, the same in every run.
-struct walk {
-    explicit walk(unsigned int seed) : _numbers(seed) {}
-
-    unsigned int below(unsigned int bound) {
-        return std::uniform_int_distribution<unsigned int>(0, bound - 1)(_numbers);
-    }
-
-private:
-    std::mt19937 _numbers;
-};
+// The next number of a walk, the same in every run.
+unsigned int below(std::mt19937& numbers, unsigned int bound) {
+    return static_cast<unsigned int>(numbers() % bound);
+}
 
 // One rank, a word's worth of them, one more, and more than three and four levels have bits.
 TEST(ready_firings_test, the_first_come_of_the_first_rank_that_fits_is_taken) {
@@ -51,7 +44,7 @@ TEST(ready_firings_test, the_first_come_of_the_first_rank_that_fits_is_taken) {
     std::vector<long> const addresses(steps);
     for (unsigned int const ranks : {1u, 64u, 65u, 300u, 4097u, 262145u}) {
         SCOPED_TRACE(ranks);
-        walk random(ranks);
+        std::mt19937 random(ranks);
         std::vector<double> spaces;  // each one of two ranks in a row
         for (unsigned int rank = 0; rank != ranks; ++rank)
             spaces.push_back(0.25 * ((ranks - 1 - rank) / 2));
@@ -60,14 +53,14 @@ TEST(ready_firings_test, the_first_come_of_the_first_rank_that_fits_is_taken) {
         unsigned int rank = 0;
         for (unsigned int step = 0; step != steps; ++step) {
             // Mostly close to the last one, so that they share words.
-            rank = random.below(4) == 0 ? random.below(ranks)
-                                        : std::min(rank + random.below(5), ranks - 1);
-            double const space = spaces[rank] - (random.below(2) == 0 ? 0.1 : 0.0);
+            rank = below(random, 4) == 0 ? below(random, ranks)
+                                         : std::min(rank + below(random, 5), ranks - 1);
+            double const space = spaces[rank] - (below(random, 2) == 0 ? 0.1 : 0.0);
             auto const fits = std::ranges::find_if(
                 model, [&](auto const& each) { return spaces[each.first] <= space; });
             ASSERT_EQ(tested.fits(space), fits != model.end()) << "step " << step;
             // They grow to some dozens and then to none.
-            if (random.below(5) < (step / 500 % 2 == 0 ? 3u : 2u)) {
+            if (below(random, 5) < (step / 500 % 2 == 0 ? 3u : 2u)) {
                 auto* const inserted =
                     reinterpret_cast<petri_transition*>(const_cast<long*>(&addresses[step]));
                 tested.insert(rank, inserted);
@@ -100,16 +93,16 @@ TEST(enabled_transitions_test, the_first_one_is_taken_and_any_one_is_erased) {
     auto const key_of = [](petri_transition const& of) {
         return key(of.space(), of.time(), inspector::random(of));
     };
-    walk random(1);
+    std::mt19937 random(1);
     for (unsigned int step = 0; step != 20000; ++step) {
         ASSERT_EQ(tested.empty(), model.empty());
-        petri_transition& any = transitions[random.below(30)];
-        bool const grows = random.below(5) < (step / 200 % 2 == 0 ? 3u : 2u);
+        petri_transition& any = transitions[below(random, 30)];
+        bool const grows = below(random, 5) < (step / 200 % 2 == 0 ? 3u : 2u);
         if (!inspector::queued(any) && grows) {
             tested.insert(&any);
             ASSERT_EQ(inspector::random(any), numbers());
             model.emplace(key_of(any), &any);
-        } else if (inspector::queued(any) && random.below(2) == 0) {
+        } else if (inspector::queued(any) && below(random, 2) == 0) {
             tested.erase(&any);
             ASSERT_EQ(model.erase(key_of(any)), 1u);
         } else if (!grows && !model.empty()) {

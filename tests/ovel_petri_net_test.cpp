@@ -2,26 +2,12 @@
 // Petri nets, as far as scenarios on the simulated kernel do not test them. Those test tokens,
 // clients and the stop under every interleaving.
 
-#include "ovel_petri_net.h"
-
 #include "ovel_allocator_support.h"
 #include "ovel_semaphore.h"
-#include "ovel_test.h"
+#include "ovel_typed_nets.h"
 
-#include <array>
-#include <deque>
 #include <functional>
 #include <iterator>
-#include <tuple>
-
-struct ovel::detail::inspector {
-    static thread_group const& group(petri_net const& net, int i) {
-        return *net._thread_groups[i];
-    }
-    static thread const& queue_thread(petri_net const& net) {
-        return net._queue_thread;
-    }
-};
 
 namespace {
 
@@ -37,10 +23,6 @@ struct code : petri_function {
     void operator()() override {
         _does(*this);
     }
-    void take() {
-        any token;
-        in[0]->receive(token);
-    }
 
     petri_place* in[2] = {};
     petri_place* out = nullptr;
@@ -49,9 +31,9 @@ private:
     std::function<void(code&)> _does;
 };
 
-// A net of one group, with shorter ways to build it.
+// A net of one thread, with shorter ways to build it.
 struct test_net : petri_net {
-    explicit test_net(unsigned int threads = 1) : petri_net(threads, 1.0, stack) {}
+    test_net() : petri_net(1, 1.0, stack) {}
 
     petri_place* place(unsigned int capacity, int tokens = 0) {
         petri_place* const inserted = insert_place(capacity);
@@ -60,9 +42,8 @@ struct test_net : petri_net {
         return inserted;
     }
     // One that takes a token from `in`.
-    petri_transition* transition(code& function, petri_place* in, double time = 1.0,
-                                 double space = 0.0, bool reentrant = false) {
-        petri_transition* const inserted = insert_transition(function, reentrant, time, space, 0);
+    petri_transition* transition(code& function, petri_place* in) {
+        petri_transition* const inserted = insert_transition(function, false, 1.0, 0.0, 0);
         insert_input_arc(in, inserted->input(function.in[0]));
         return inserted;
     }
@@ -97,12 +78,6 @@ TEST(petri_transition_test, an_arc_is_named_by_its_variable) {
     EXPECT_EQ(std::vector(net.begin_arcs(), net.end_arcs()), (std::vector{in, out}));
 }
 
-TEST(petri_net_test, a_plain_net_has_a_thread_for_each_processor) {
-    petri_net const plain;
-    EXPECT_EQ(inspector::group(plain, 0).threads(), thread_support::processors());
-    EXPECT_EQ(inspector::group(plain, 0).stack_size(), 524288u);
-}
-
 TEST(petri_net_test, an_unusable_structure_fails_checks) {
     test_net net;
     code function;
@@ -113,6 +88,7 @@ TEST(petri_net_test, an_unusable_structure_fails_checks) {
     petri_place*& variable = function.in[1];
     EXPECT_CHECK(petri_net(nullptr, nullptr), "_groups != 0", source);
     EXPECT_CHECK(net.insert_place(0), "capacity != 0", source);
+    EXPECT_CHECK(net.limit(t, 0), "firings != 0", source);
 
     struct {
         double time, space;
@@ -188,33 +164,28 @@ TEST(petri_engine_test, firings_that_run_or_wait_are_bounded) {
         unsigned int running, ended, taken;
     } cases[] = {{4, 0, true, 4, 0, 4}, {4, 0, false, 1, 0, 1}, {2, 3, true, 2, 3, 6}};
     for (auto const& [threads, limit, reentrant, running, ended, taken] : cases) {
-        test_net net(threads);
+        net tested(threads);
         semaphore begun(0, 0), go(0, 0);
-        code function([&](code& self) {
+        auto const place = tested.insert_place<unsigned int>("place", tokens);
+        auto const body = [&](unsigned int) {
             begun.release();
             go.acquire();
-            self.take();
-        });
-        petri_place* const place = net.place(tokens, tokens);
-        petri_transition* const bounded = net.transition(function, place, 1.0, 0.0, reentrant);
-        if (limit != 0)
-            net.limit(bounded, limit);
-        EXPECT_CHECK(net.limit(bounded, 0), "firings != 0", source);
-        net.release();
+        };
+        tested.insert_transition("bounded", from(place), body,
+                                 {.reentrant = reentrant, .limit = limit});
+        for (unsigned int token = 0; token != tokens; ++token)
+            place.send(token);
+        tested.start();
         for (unsigned int firing = 0; firing != running; ++firing)
             begun.acquire();
         for (unsigned int firing = 0; firing != ended; ++firing) {
             go.release();
             begun.acquire();
         }
-        any token;
-        unsigned int left = 0;
-        while (net.try_receive(place, token))
-            ++left;
-        EXPECT_EQ(left, tokens - taken);
+        EXPECT_EQ(drain(place).size(), tokens - taken);
         for (unsigned int firing = 0; firing != tokens; ++firing)
             go.release();
-        net.acquire();
+        tested.join();
     }
 }
 
@@ -223,16 +194,11 @@ TEST(petri_engine_test, firings_that_run_or_wait_are_bounded) {
 TEST(petri_engine_test, transitions_that_one_firing_enables_fire_in_order) {
     constexpr unsigned int transitions = 164;
     constexpr unsigned int tokens = 140;
-    test_net net;
-    petri_place* const shared = net.place(tokens);
-    code starter([](code& self) {
-        self.take();
-        for (unsigned int i = 0; i != tokens; ++i)
-            self.out->send(0);
-    });
-    petri_transition* const starts = net.transition(starter, net.place(1, 1), 1.0, 1.0);
-    net.insert_output_arc(starts->output(starter.out).size(tokens), shared);
-    std::deque<code> functions;
+    net tested(1, 1.0, stack);
+    auto const first = tested.insert_place<int>("first", 1);
+    auto const shared = tested.insert_place<int>("shared", tokens);
+    tested.insert_transition("start", from(first), to(shared.times(tokens)),
+                             [](int) { return std::vector<int>(tokens); }, {.space = 1.0});
     std::vector<std::tuple<double, double, std::uint64_t>> expected, fired;
     std::uint64_t drawn = 16807;
     for (unsigned int i = 0; i != transitions; ++i) {
@@ -240,65 +206,61 @@ TEST(petri_engine_test, transitions_that_one_firing_enables_fire_in_order) {
         double const time = 1.0 + i % 41;
         drawn = drawn * 16807 % 2147483647;
         expected.emplace_back(-space, -time, -drawn);
-        code& function = functions.emplace_back([&fired, mine = expected.back()](code& self) {
-            self.take();
+        auto const body = [&fired, mine = expected.back()](int) {
             fired.push_back(mine);
-        });
-        net.transition(function, shared, time, space);
+        };
+        tested.insert_transition("take", from(shared), body, {.time = time, .space = space});
     }
     std::ranges::sort(expected);
     expected.resize(tokens);
-    net.run();
+    first.send(0);
+    run(tested);
     EXPECT_EQ(fired, expected);
 }
 
 // Each group has one thread, and each firing waits for one of the other group: on one group both
-// would wait forever.
+// would wait forever. A plain net has a thread for each processor.
 TEST(petri_engine_test, a_transition_fires_on_the_threads_of_its_group) {
     triple<unsigned int, double, unsigned int> const two[] = {{1, 0.0, stack}, {1, 2.0, 2 * stack}};
-    petri_net net(std::begin(two), std::end(two));
-    EXPECT_EQ(inspector::group(net, 1).stack_size(), 2 * stack);
-    EXPECT_EQ(inspector::queue_thread(net).stack_size(), stack);
+    net tested(std::begin(two), std::end(two));
+    EXPECT_EQ(inspector::group(tested.base(), 1).stack_size(), 2 * stack);
+    EXPECT_EQ(inspector::queue_thread(tested.base()).stack_size(), stack);
+    EXPECT_EQ(inspector::group(petri_net(), 0).threads(), thread_support::processors());
+    EXPECT_EQ(inspector::group(petri_net(), 0).stack_size(), 524288u);
     semaphore here[2] = {{0, 0}, {0, 0}};
-    std::deque<code> functions;
     for (unsigned int i = 0; i != 2; ++i) {
-        code& function = functions.emplace_back([&, i](code& self) {
-            here[i].release();
-            here[1 - i].acquire();
-            self.take();
-        });
-        petri_transition* const t = net.insert_transition(function, true, 1.0, 2.0 * i, i);
-        net.insert_input_arc(net.insert_place(3), t->input(function.in[0]));
-        for (int token = 0; token < 3; ++token)
-            net.send(function.in[0], token);
+        auto const place = tested.insert_place<int>("place", 3);
+        auto const meet = [&own = here[i], &other = here[1 - i]](int) {
+            own.release();
+            other.acquire();
+        };
+        tested.insert_transition("meet", from(place), meet,
+                                 {.reentrant = true, .space = 2.0 * i, .group = i});
+        fill(place, {0, 1, 2});
     }
-    net.release();
-    net.acquire();
+    run(tested);
 }
 
 TEST(petri_engine_test, a_thread_that_never_rests_collects_blocks_that_others_free) {
-    constexpr unsigned int number = 1000;
+    constexpr int number = 1000;
     constexpr std::size_t most = std::size_t{1} << 20;  // of 4 MB
     std::size_t const before = allocator_support::allocated_size();
     test_net net;
-    std::atomic<unsigned int> made = 0;
+    std::atomic<int> made = 0;
     code maker([&](code& self) {
-        self.take();
+        any token;
+        self.in[0]->receive(token);
         self.out->send(std::array<char, 4000>());
         ++made;
     });
     // It leaves its token, and allocates nothing.
     code ticker([](code& self) { self.in[0]->receive_skip(); });
-    petri_transition* const makes = net.transition(maker, net.place(number, number), 2.0);
     petri_place* const out = net.place(number);
-    net.insert_output_arc(makes->output(maker.out), out);
+    net.insert_output_arc(net.transition(maker, net.place(number, number))->output(maker.out), out);
     petri_transition* const ticks = net.transition(ticker, net.place(1, 1));
     net.release();
     until([&] { return made == number; });
-    for (unsigned int i = 0; i != number; ++i) {
-        any token;
-        net.receive(out, token);
-    }
+    for (any token; net.try_receive(out, token);) {}
     until([&] { return allocator_support::allocated_size() < before + most; });
     ticks->deactivate();
     net.acquire();

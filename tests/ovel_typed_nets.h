@@ -6,11 +6,14 @@
 #include "ovel_petri.h"
 #include "ovel_test.h"
 
+#include <array>
 #include <exception>
+#include <initializer_list>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <tuple>
+#include <type_traits>
 
 using namespace std::chrono_literals;
 using ovel::net;
@@ -21,6 +24,30 @@ struct ovel::detail::inspector {
     static unsigned int blocked(net& in) {
         return in._core->_callers.count();
     }
+    static thread_group const& group(petri_net const& of, int i) {
+        return *of._thread_groups[i];
+    }
+    static thread const& queue_thread(petri_net const& of) {
+        return of._queue_thread;
+    }
+};
+
+// Places with these names, of one type and capacity.
+template <class T, class... Names>
+std::array<place<T>, sizeof...(Names)> insert_places(net& in, unsigned int capacity,
+                                                     Names... names) {
+    return {in.insert_place<T>(names, capacity)...};
+}
+
+// Sends tokens for which there is room.
+template <class T>
+void fill(place<T> const& into, std::initializer_list<std::type_identity_t<T>> tokens) {
+    for (T const& token : tokens)
+        into.send(token);
+}
+
+inline constexpr auto pass_on = [](int token) {
+    return token;
 };
 
 // Starts the net and stops it when it has come to rest.
