@@ -68,16 +68,10 @@ class Browser:
     def type(self, selector, text):
         self._ask("POST", f"/element/{self._element(selector)[ELEMENT]}/value", {"text": text})
 
-    def _act(self, device, action, selector, **how):
+    def act(self, device, action, selector, **how):
         """In the middle of the element."""
         action = {"type": action, "x": 0, "y": 0, "duration": 0, "origin": self._element(selector), **how}
         self._ask("POST", "/actions", {"actions": [{"type": device, "id": device, "actions": [action]}]})
-
-    def point(self, selector):
-        self._act("pointer", "pointerMove", selector)
-
-    def turn_wheel(self, selector, by):
-        self._act("wheel", "scroll", selector, deltaX=0, deltaY=by)
 
     def complaints(self):
         return [entry["message"] for entry in self._ask("POST", "/se/log", {"type": "browser"})]
@@ -130,14 +124,14 @@ def test(browser):
     equal(len(browser.value(curves).split()), 5)
 
     # Time is zoomed in about the mouse, in both charts, and out again.
-    browser.turn_wheel("#lanes", -400)
+    browser.act("wheel", "scroll", "#lanes", deltaX=0, deltaY=-400)
     length = browser.value("data.length")
     begin, end = browser.value(view)
     assert 0 < begin < end < length and end - begin < length / 2, (begin, end, length)
     equal(browser.value(view.replace("lanes", "curves")), [begin, end])
     browser.click("#whole")
     equal(browser.value(view), [0, length])
-    browser.point("#curves")
+    browser.act("pointer", "pointerMove", "#curves")
     assert browser.value("document.getElementById('tip').textContent").startswith("at ")
 
     # The picture, the table and the colours.

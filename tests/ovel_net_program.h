@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -77,12 +76,12 @@ protected:
 
     // Repeats `text`, with the numbers 0, 1, ... for # and the next number for @.
     static std::string repeated(int times, std::string const& text) {
-        std::regex const number("#"), next("@");
         std::string all;
-        for (int i = 0; i < times; ++i) {
-            std::string const numbered = std::regex_replace(text, number, std::to_string(i));
-            all += std::regex_replace(numbered, next, std::to_string(i + 1));
-        }
+        for (int i = 0; i < times; ++i)
+            for (char const each : text)
+                all += each == '#'   ? std::to_string(i)
+                       : each == '@' ? std::to_string(i + 1)
+                                     : std::string(1, each);
         return all;
     }
 

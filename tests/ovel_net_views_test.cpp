@@ -20,16 +20,15 @@ TEST_F(ovel_net_test, check_finds_place_invariants_and_the_capacities_that_follo
             places[place["id"]] = place["weight"].get<double>();
         sums[places] = each["sum"].get<double>();
     }
-    EXPECT_EQ(
-        sums,
-        (std::map<weights, double>{
-            {{{"saw", 1}}, 1},
-            {{{"welders", 1}}, 2},
-            {{{"crates", 1}, {"shipped", 1}}, 5},
-            {{{"rims", 1}, {"wheels", 1}, {"bicycles-ready", 2}, {"shipped", 8}}, 30},
-            {{{"spokes", 1}, {"wheels", 32}, {"bicycles-ready", 64}, {"shipped", 256}}, 1200},
-            {{{"tubes", 6}, {"pieces", 1}, {"frames", 9}, {"bicycles-ready", 9}, {"shipped", 36}},
-             120}}));
+    std::map<weights, double> const expected{
+        {{{"saw", 1}}, 1},
+        {{{"welders", 1}}, 2},
+        {{{"crates", 1}, {"shipped", 1}}, 5},
+        {{{"rims", 1}, {"wheels", 1}, {"bicycles-ready", 2}, {"shipped", 8}}, 30},
+        {{{"spokes", 1}, {"wheels", 32}, {"bicycles-ready", 64}, {"shipped", 256}}, 1200},
+        {{{"tubes", 6}, {"pieces", 1}, {"frames", 9}, {"bicycles-ready", 9}, {"shipped", 36}},
+         120}};
+    EXPECT_EQ(sums, expected);
     std::map<std::string, std::pair<double, double>> limits;
     for (json const& each : result["places"])
         limits[each["id"]] = {each["bound"].get<double>(), each["needed"].get<double>()};
@@ -93,13 +92,11 @@ TEST_F(ovel_net_test, a_trace_has_each_firing_by_its_name) {
     for (json const& each : all["traceEvents"])
         if (each["ph"] == "X")
             ++names[each["name"]];
-    EXPECT_EQ(names, (std::map<std::string, int>{{"lace a wheel", 30},
-                                                 {"cut a tube", 20},
-                                                 {"weld a frame", 13},
-                                                 {"assemble a bicycle", 13},
-                                                 {"pack a crate", 3},
-                                                 {"compute", 79},
-                                                 {"run until the net rests", 1}}));
+    std::map<std::string, int> const expected{
+        {"lace a wheel", 30},          {"cut a tube", 20},  {"weld a frame", 13},
+        {"assemble a bicycle", 13},    {"pack a crate", 3}, {"compute", 79},
+        {"run until the net rests", 1}};
+    EXPECT_EQ(names, expected);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include "ovel_parallel.h"
 
-#include "ovel_semaphore.h"
 #include "ovel_std.h"
 #include "ovel_test.h"
 
@@ -21,8 +20,7 @@ int fibonacci(int n) {
     return left + right;
 }
 
-class parallel_test : public testing::TestWithParam<unsigned int> {
-protected:
+struct parallel_test : testing::TestWithParam<unsigned int> {
     work_group group{GetParam()};
 };
 INSTANTIATE_TEST_SUITE_P(threads, parallel_test, testing::Values(1u, 2u, 8u));
@@ -49,30 +47,21 @@ TEST_P(parallel_test, callers_inside_and_outside_get_the_same_answers) {
 TEST_P(parallel_test, the_stack_is_bounded_by_the_nesting_of_scopes) {
     work_group small(GetParam(), 0.0, 65536);
     constexpr int links = 300'000;
-    struct chain {
-        task_scope& scope;
-        std::atomic<int>& ran;
-        int left;
-        void operator()() {
-            ++ran;
-            {
-                task_scope inner(*work_group::current());
-                inner.run([] {});
-                inner.wait();
-            }
-            // Each leaves another child behind, so that no room stays for the next one.
-            scope.run([&ran = ran] { ++ran; });
-            if (left != 0)
-                scope.run(chain{scope, ran, left - 1});
-        }
-    };
     std::atomic<int> ran = 0;
+    auto const chain = [&](auto const& self, task_scope& scope, int left) -> void {
+        ++ran;
+        parallel_invoke([] {}, [] {});
+        // Each leaves another child behind, so that no room stays for the next one.
+        scope.run([&] { ++ran; });
+        if (left != 0)
+            scope.run([=, &scope] { self(self, scope, left - 1); });
+    };
     small.run([&] {
         task_scope here(small);
         // Fills the deque, so that the chain begins as work that runs at once.
         for (int i = 0; i != 2000; ++i)
             here.run([&] { ++ran; });
-        here.run(chain{here, ran, links});
+        here.run([&] { chain(chain, here, links); });
         here.wait();
     });
     small.wait();
@@ -263,35 +252,31 @@ TEST_P(parallel_test, loops_end_early_and_say_so) {
 // allows, and they begin in the group's order where one thread runs them.
 TEST_P(parallel_test, queued_items_keep_to_the_space_and_the_order) {
     work_group budgeted(GetParam(), 3.0);
-    std::atomic<int> used = 0, most = 0, children = 0;
-    semaphore busy(0, 0), go_on(0, 0);
+    std::atomic<int> used = 0, children = 0;
+    latch busy(GetParam()), go_on(1);
     for (unsigned int i = 0; i != GetParam(); ++i)
         budgeted.run([&] {
-            busy.release();
-            go_on.acquire();
+            busy.count_down();
+            go_on.wait();
         });
-    for (unsigned int i = 0; i != GetParam(); ++i)
-        busy.acquire();
+    busy.wait();
     std::vector<std::pair<int, int>> order, begun(200);
     std::atomic<std::size_t> next = 0;
     for (int i = 0; i != 200; ++i) {
         int const space = 1 + i % 3, time = 1 + i % 7;
         order.emplace_back(-space, -time);
         budgeted.run(
-            [&, space, time] {
-                begun[next++] = {-space, -time};
-                int const now = used += space;
-                for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) {}
+            [&, space, here = order.back()] {
+                begun[next++] = here;
+                EXPECT_LE(used += space, 3);
                 parallel_for(0, 8, [&](int begin, int end) { children += end - begin; });
                 used -= space;
             },
             {.time = static_cast<double>(time), .space = static_cast<double>(space)});
     }
     EXPECT_FALSE(budgeted.wait_until(std::chrono::milliseconds(0)));
-    for (unsigned int i = 0; i != GetParam(); ++i)
-        go_on.release();
+    go_on.count_down();
     EXPECT_TRUE(budgeted.wait_until(std::chrono::hours(1)));
-    EXPECT_LE(most, 3);
     EXPECT_EQ(children, 200 * 8);
     std::sort(order.begin(), order.end());
     EXPECT_TRUE(GetParam() != 1 || begun == order);
@@ -299,9 +284,9 @@ TEST_P(parallel_test, queued_items_keep_to_the_space_and_the_order) {
 
 TEST(task_scope_test, infinite_space_is_never_used_up) {
     work_group group(2, std::numeric_limits<double>::infinity());
-    semaphore go_on(0, 0);
-    group.run([&] { go_on.acquire(); }, {.space = std::numeric_limits<double>::infinity()});
-    group.run([&] { go_on.release(); });
+    latch go_on(1);
+    group.run([&] { go_on.wait(); }, {.space = std::numeric_limits<double>::infinity()});
+    group.run([&] { go_on.count_down(); });
     group.wait();
 }
 
@@ -309,21 +294,17 @@ TEST(task_scope_test, infinite_space_is_never_used_up) {
 // queued item after those.
 TEST(task_scope_test, children_go_before_queued_items) {
     work_group group(2);
-    semaphore forked(0, 0), others(0, 0);
-    std::atomic<int> begun = 0;
+    latch forked(1), others(99);
     group.run([&] {
         task_scope here(group);
         for (int i = 0; i != 99; ++i)
-            here.run([&] {
-                if (++begun == 99)
-                    others.release();
-            });
-        here.run([&] { others.acquire(); });
-        forked.release();
+            here.run([&] { others.count_down(); });
+        here.run([&] { others.wait(); });
+        forked.count_down();
         here.wait();
     });
-    group.run([&] { forked.acquire(); });
-    group.run([&] { EXPECT_EQ(begun, 99); });
+    group.run([&] { forked.wait(); });
+    group.run([&] { EXPECT_TRUE(others.try_wait()); });
     group.wait();
 }
 

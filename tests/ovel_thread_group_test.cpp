@@ -4,21 +4,11 @@
 #include "ovel_thread_group.h"
 
 #include "ovel_test.h"
-
-#include <functional>
+#include "ovel_work.h"
 
 using namespace ovel;
 
 namespace {
-
-// Work from any callable.
-struct task : thread_function {
-    explicit task(std::function<void()> body) : body(std::move(body)) {}
-    void operator()() override {
-        body();
-    }
-    std::function<void()> body;
-};
 
 // The group, after a step of its life cycle.
 thread_group& started(thread_group& group) {
@@ -45,7 +35,7 @@ TEST(worker_loop_test, it_runs_what_fits_and_ends_with_the_queue) {
     detail::thread_group_function_base first(lock, changed, space, concluded, waiting);
     detail::thread_group_function_base second(first);
     std::atomic<int> ran = 0, used = 0;
-    task item([&] {
+    work item([&] {
         EXPECT_EQ(used.fetch_add(1), 0);
         until(
             [start = ovel::time::now()] { return (ovel::time::now() - start).seconds() > 0.001; });
@@ -74,7 +64,8 @@ TEST(worker_loop_test, it_runs_what_fits_and_ends_with_the_queue) {
 TEST(thread_group_test, misuse_fails_the_checks) {
     char const* const file = "sources/ovel_thread_group.cpp";
     char const* const bounds = "time_ > 0 && space_ >= 0 && space_ <= _space";
-    task none([] {}), thrower([] { throw 1; });
+    work none([] {});
+    work thrower([] { throw 1; });
     thread_group group(1, 1.0, 65536), throwing;
     EXPECT_EQ(group.threads(), 1u);
     EXPECT_EQ(group.stack_size(), 65536u);
@@ -91,7 +82,7 @@ TEST(thread_group_test, misuse_fails_the_checks) {
     EXPECT_CHECK(started(group).release(), "_acquired == _threads", file);
     EXPECT_CHECK(thread_group().release(), "_acquired == _threads", file);
     thread_group joining(2, 0.0, 65536);
-    task joiner([&] { joining.acquire(); });
+    work joiner([&] { joining.acquire(); });
     joining.schedule(joiner, 1.0, 0.0);
     EXPECT_CHECK(ended(joining), "!_runs_caller()", file);
     throwing.schedule(thrower, 1.0, 0.0);

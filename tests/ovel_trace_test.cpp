@@ -38,30 +38,28 @@ TEST(trace_test, each_thread_keeps_its_scopes_in_order_while_others_read) {
         });
     while (running != 0);
 
-    json const all = written(recorded);
-    std::map<std::string, int> names;
+    std::map<std::string, int> kinds;
     std::map<double, double> inner_begin;
+    json const all = written(recorded);
     for (json const& each : all["traceEvents"]) {
-        ++names[each["name"]];
         ASSERT_EQ(each["pid"], 1);
         double const thread = each["tid"].get<double>();
+        std::string const name = each["name"];
         if (each["ph"] == "M") {
-            EXPECT_EQ(each["args"]["name"], "worker");
+            ++kinds[name + " " + each["args"]["name"].get<std::string>()];
             continue;
         }
         ASSERT_EQ(each["ph"], "X");
         ASSERT_GE(each["dur"], 0);
-        if (each["name"] == "inner") {
-            ASSERT_EQ(each["cat"], "wait");
+        ++kinds[name + " " + each["cat"].get<std::string>()];
+        if (name == "inner")
             inner_begin[thread] = each["ts"].get<double>();
-        } else {
-            ASSERT_EQ(each["cat"], "firing");
+        else
             ASSERT_LE(each["ts"], inner_begin.at(thread));
-        }
     }
-    EXPECT_EQ(names, (std::map<std::string, int>{{"thread_name", threads},
-                                                 {"inner", threads * scopes},
-                                                 {"outer \"\\\n", threads * scopes}}));
+    EXPECT_EQ(kinds, (std::map<std::string, int>{{"thread_name worker", threads},
+                                                 {"inner wait", threads * scopes},
+                                                 {"outer \"\\\n firing", threads * scopes}}));
     EXPECT_EQ(recorded.dropped(), 0U);
 }
 
@@ -87,10 +85,7 @@ TEST(trace_test, a_recorder_keeps_the_first_scopes_that_began_while_it_recorded)
 // begin none, a truncated and an overlong character, a surrogate, and a code point too high.
 TEST(trace_test, invalid_bytes_in_names_are_replaced) {
     std::string const replaced = "\xef\xbf\xbd";
-    struct {
-        std::string name;
-        std::string shown;
-    } const cases[] = {
+    std::pair<std::string, std::string> const cases[] = {
         {"a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80", "a\xc3\xa4\xe2\x82\xac\xf0\x9f\x98\x80"},
         {"x\xff\x80y", "x" + replaced + replaced + "y"},
         {"\xe2\x82", replaced + replaced},
@@ -98,11 +93,10 @@ TEST(trace_test, invalid_bytes_in_names_are_replaced) {
         {"\xed\xa0\x80", replaced + replaced + replaced},
         {"\xf4\x90\x80\x80", replaced + replaced + replaced + replaced},
     };
-    for (auto const& each : cases) {
+    for (auto const& [name, shown] : cases) {
         trace::recorder recorded;
-        { trace::scope const here(each.name.c_str()); }
-        json const all = written(recorded);
-        EXPECT_EQ(all["traceEvents"][1]["name"], each.shown) << each.name;
+        { trace::scope const here(name.c_str()); }
+        EXPECT_EQ(written(recorded)["traceEvents"][1]["name"], shown) << name;
     }
 }
 

@@ -5,6 +5,7 @@
 #include "ovel_test.h"
 
 #include <future>
+#include <optional>
 #include <stdexcept>
 
 namespace {
@@ -16,16 +17,15 @@ using ovel::work_group;
 TEST(thread_allocator_test, a_thread_has_its_own_within_the_outermost_scope_only) {
     allocator_group& group = *allocator_group::global();
     std::jthread([&] {
+        auto own = std::make_optional<ovel::thread_allocator>();
+        auto* const mine = group.specific_allocator();
+        EXPECT_NE(mine, group.default_allocator());
         {
-            ovel::thread_allocator const own;
-            auto* const mine = group.specific_allocator();
-            EXPECT_NE(mine, group.default_allocator());
-            {
-                ovel::thread_allocator const again;
-                EXPECT_EQ(group.specific_allocator(), mine);
-            }
+            ovel::thread_allocator const again;
             EXPECT_EQ(group.specific_allocator(), mine);
         }
+        EXPECT_EQ(group.specific_allocator(), mine);
+        own.reset();
         EXPECT_EQ(group.specific_allocator(), group.default_allocator());
     }).join();
 }
@@ -50,41 +50,35 @@ TEST(work_group_test, results_and_exceptions_come_through_the_future) {
 TEST(work_group_test, a_join_waits_for_work_that_work_submits) {
     std::atomic<int> leaves{0};
     work_group group(3);
-    struct tree {
-        work_group& group;
-        std::atomic<int>& leaves;
-        int depth;
-        void operator()() {
-            if (depth == 0)
-                ++leaves;
-            else
-                for (int child = 0; child < 2; ++child)
-                    group.submit(tree{group, leaves, depth - 1});
-        }
+    auto const grow = [&](auto const& self, int depth) -> void {
+        if (depth == 0)
+            ++leaves;
+        else
+            for (int child = 0; child < 2; ++child)
+                group.submit([&self, depth] { self(self, depth - 1); });
     };
-    group.submit(tree{group, leaves, 9});
+    grow(grow, 9);
     group.join();
     EXPECT_EQ(leaves, 1 << 9);
     EXPECT_THROW(group.submit([] {}).get(), std::future_error);
 }
 
 TEST(work_group_test, stopping_a_group_breaks_the_promises_of_waiting_work) {
-    std::promise<void> begun;
-    std::promise<void> go_on;
+    ovel::latch begun(1), go_on(1);
     auto alive = std::make_shared<int>();
     work_group group(1);
     auto running = group.submit([&] {
-        begun.set_value();
-        go_on.get_future().wait();
+        begun.count_down();
+        go_on.wait();
         return 1;
     });
-    begun.get_future().wait();
+    begun.wait();
     auto waiting = group.submit([alive] { return 2; });
     EXPECT_FALSE(group.join_until(0s));
     group.stop();
     auto late = group.submit([alive] { return 3; });
     EXPECT_THROW(late.get(), std::future_error);
-    go_on.set_value();
+    go_on.count_down();
     EXPECT_EQ(running.get(), 1);
     EXPECT_THROW(waiting.get(), std::future_error);
     EXPECT_TRUE(group.join_until(1h));
