@@ -76,56 +76,42 @@ TEST(lending_test, a_thread_that_only_frees_takes_no_memory) {
     EXPECT_EQ(allocator_support::allocated_size(), size - 1000 * 128);
 }
 
-// Uses memory when it is destroyed, or called as the destructor of a pthread key. A block of
-// another thread waits in the thread's allocator then, or goes straight home.
-struct late {
-    void* others;
-    ~late() {
-        ovel_free(others);
-        for (int i = 0; i < 100; ++i)
-            ovel_free(ovel_malloc(40 * i));
-    }
-};
-
-template <bool first>
-void at_end(void* kept) {
-    delete static_cast<late*>(kept);
+// Called at a thread's end. The block may be another thread's: then it waits in the thread's
+// allocator, or goes straight home.
+void use_memory(void* block) {
+    ovel_free(block);
+    for (int i = 0; i < 100; ++i)
+        ovel_free(ovel_malloc(40 * i));
 }
 
-// What a thread's `at_destructors` deletes; one thread at a time. MinGW may free the memory of
+// What a thread's `at_destructors` frees; one thread at a time. MinGW may free the memory of
 // thread_local variables before it destroys them, so it is not kept in one.
-late* kept = nullptr;
+void* kept = nullptr;
 
 struct at_destructors {
     ~at_destructors() {
-        delete std::exchange(kept, nullptr);
+        use_memory(kept);
     }
 };
 
-// One key is older than the library's, which gives the thread's allocator back; the other is
-// younger, so its destructor finds the thread without an allocator.
+// Those of thread_local objects come before the library's, which gives the thread's allocator
+// back. That of a younger key finds the thread without an allocator.
 TEST(lending_test, destructors_of_a_thread_use_memory_and_leave_nothing) {
-    static pthread_key_t keys[2];
-    ASSERT_EQ(pthread_key_create(&keys[0], at_end<true>), 0);
-    ASSERT_EQ(pthread_key_create(&keys[1], at_end<false>), 0);
-    auto const use = [](void* others, bool uses_before) {
+    pthread_key_t younger;
+    ASSERT_EQ(pthread_key_create(&younger, use_memory), 0);
+    auto const use = [&] {
         static thread_local at_destructors ends;
         static_cast<void>(&ends);
-        kept = new late{others};
-        pthread_setspecific(keys[0], new late{ovel_malloc(100)});
-        pthread_setspecific(keys[1], new late{nullptr});
-        if (uses_before)
-            serving();
+        pthread_setspecific(younger, ovel_malloc(100));
     };
     serving();  // takes the default allocator, if this is the first to use memory
     allocator* const lent = fresh(serving);
     group.flush_allocator(false);
     std::size_t const size = allocator_support::allocated_size();
-    for (bool const uses_before : {true, false}) {
-        for (int i = 0; i < 20; ++i) {
-            std::thread(use, ovel_malloc(100), uses_before).join();
-            EXPECT_EQ(fresh(serving), lent);
-        }
+    for (int i = 0; i < 40; ++i) {
+        kept = ovel_malloc(100);
+        std::thread(use).join();
+        EXPECT_EQ(fresh(serving), lent);
     }
     group.flush_allocator(false);
     EXPECT_EQ(allocator_support::allocated_size(), size);
@@ -134,8 +120,7 @@ TEST(lending_test, destructors_of_a_thread_use_memory_and_leave_nothing) {
         EXPECT_NE(fresh(serving), lent);
         return true;
     });
-    for (pthread_key_t const key : keys)
-        pthread_key_delete(key);
+    pthread_key_delete(younger);
 }
 
 TEST(lending_test, the_default_allocator_serves_one_thread_and_then_the_next) {

@@ -14,9 +14,7 @@ std::atomic<bool> exits = false;
 [[gnu::destructor]] void use_after_the_hooks() {
     if (!exits)
         return;
-    traffic::fill_pool(3);
-    for (int kind = 0; kind != traffic::kinds; ++kind)
-        traffic::use(kind);
+    traffic::use_all();
     traffic::wait_for_rounds(2);
 }
 
@@ -25,30 +23,15 @@ void leave() {
     std::exit(0);
 }
 
-template <class Thread>
-void leave_from() {
-    ovel::work work(leave);
-    Thread thread;
-    thread.schedule(work);
-    thread.release();
-    thread.acquire();
-}
-
 // Each calls `exit` on another kind of thread, and does not return.
-constexpr void (*callers[])() = {leave,
-                                 [] { std::thread(leave).join(); },
-                                 leave_from<ovel::thread_base>,
-                                 leave_from<ovel::thread>,
-                                 [] { ovel::work_group(1).submit(leave).get(); },
-                                 [] {
-                                     ovel::net net(1);
-                                     auto const place = net.insert_place<int>("place", 1);
-                                     net.insert_transition("leave", ovel::from(place),
-                                                           [](int) { leave(); });
-                                     net.start();
-                                     place.send(1);
-                                     net.join();
-                                 }};
+constexpr void (*callers[])() = {
+    leave,
+    [] { std::thread(leave).join(); },
+    [] { traffic::run_on<ovel::thread_base>(leave); },
+    [] { traffic::run_on<ovel::thread>(leave); },
+    [] { traffic::run_in_work_group(leave); },
+    [] { traffic::run_in_net(leave); },
+};
 
 // While threads of all kinds use the library.
 void exit_beside_traffic(void (*call)()) {

@@ -2,23 +2,14 @@
 // Forks of a process with threads.
 
 #include "ovel_malloc.h"
-#include "ovel_mutex.h"
 #include "ovel_parallel.h"
-#include "ovel_petri.h"
-#include "ovel_semaphore.h"
-#include "ovel_test.h"
-#include "ovel_thread.h"
-#include "ovel_thread_base.h"
-#include "ovel_thread_group.h"
 #include "ovel_traffic.h"
 #include "ovel_typed_nets.h"
-#include "ovel_work.h"
 
 #include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <tuple>
-#include <vector>
 
 #include <pthread.h>
 #include <sys/wait.h>
@@ -26,40 +17,25 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-
-// Forks, and returns the status of the child once it has run `work`; -1 if that takes
-// more than a minute.
+// Forks, and tells whether the child succeeds with `work`. A child that hangs dies.
 template <class Work>
-int status_of_fork(Work const& work) {
+bool in_fork(Work const& work) {
     pid_t const child = fork();
     if (child == 0) {
+        alarm(60);
         work();
         _exit(0);
     }
     int status = -1;
-    if (child < 0)
-        return status;
-    auto const last = std::chrono::steady_clock::now() + 60s;
-    while (waitpid(child, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > last) {
-            kill(child, SIGKILL);
-            waitpid(child, &status, 0);
-            return -1;
-        }
-        std::this_thread::sleep_for(1ms);
-    }
-    return status;
+    waitpid(child, &status, 0);
+    return status == 0;
 }
 
 // Everything that a child may do, twice: the second round reuses what the first one's threads
 // left behind. The child ends with `exit`, which waits for no thread of the parent.
 void use_everything() {
-    for (int round = 0; round != 2; ++round) {
-        traffic::fill_pool(3);
-        for (int kind = 0; kind != traffic::kinds; ++kind)
-            traffic::use(kind);
-    }
+    traffic::use_all();
+    traffic::use_all();
     ovel::time const before = ovel::time::now();
     assure(ovel::time::now() >= before);
     ovel::allocator_recycler::global()->release(1.0);
@@ -114,40 +90,12 @@ void register_first(int, char**, char**) {
 [[gnu::section(".preinit_array"), gnu::used]] void (*const first)(int, char**,
                                                                   char**) = register_first;
 
-// Calls of `work` on threads of the library.
-
-template <class Work>
-void on_pooled_thread(Work const& work) {
-    ovel::work job(work);
-    ovel::thread pooled;
-    pooled.schedule(job);
-    pooled.release();
-    pooled.acquire();
-}
-
-template <class Work>
-void in_work_group(Work const& work) {
-    ovel::work_group group(2);
-    group.submit(work).get();
-    group.join();
-}
-
-template <class Work>
-void in_net(Work const& work) {
-    ovel::net net(2);
-    auto const place = net.insert_place<int>("place", 1);
-    net.insert_transition("fork", ovel::from(place), [&](int) { work(); });
-    net.start();
-    place.send(1);
-    net.join();
-}
-
 // Each kind of thread forks, beside threads that use all of the library.
 TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
     auto const work = [] {
         forking = forks_between_uses;
         until([] { return !forking || users_inside == 0; });
-        EXPECT_EQ(status_of_fork(use_everything), 0);
+        EXPECT_TRUE(in_fork(use_everything));
         forking = false;
     };
     traffic::over = false;
@@ -155,9 +103,9 @@ TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
     traffic::fill_pool(30);
     for (int forked = 0; forked != 20; ++forked) {
         work();
-        on_pooled_thread(work);
-        in_work_group(work);
-        in_net(work);
+        traffic::run_on<ovel::thread>(work);
+        traffic::run_in_work_group(work);
+        traffic::run_in_net(work);
     }
     traffic::over = true;
 }
@@ -169,7 +117,7 @@ TEST(fork_test, handlers_that_run_while_the_locks_are_held_may_use_memory) {
             of_ended_thread.push_back(ovel_malloc(block_bytes));
     }).join();
     handlers_use_memory = true;
-    std::thread([] { EXPECT_EQ(status_of_fork(use_everything), 0); }).join();
+    std::thread([] { EXPECT_TRUE(in_fork(use_everything)); }).join();
     handlers_use_memory = false;
     traffic::run_group();
     for (auto* const blocks : {&of_ended_thread, &own_blocks})
@@ -180,26 +128,23 @@ TEST(fork_test, handlers_that_run_while_the_locks_are_held_may_use_memory) {
 }
 
 TEST(fork_test, the_child_of_a_child_may_use_the_library) {
-    EXPECT_EQ(status_of_fork([] {
-                  traffic::run_group();
-                  assure(status_of_fork(use_everything) == 0);
-                  traffic::run_group();
-              }),
-              0);
+    EXPECT_TRUE(in_fork([] {
+        traffic::run_group();
+        assure(in_fork(use_everything));
+        traffic::run_group();
+    }));
 }
 
 // The thread that forks has a scope open, whose group has no threads in the child.
 TEST(fork_test, loops_without_a_group_run_in_the_child) {
     ovel::work_group group(2);
     ovel::task_scope here(group);
-    EXPECT_EQ(status_of_fork([] {
-                  assure(ovel::work_group::current() == nullptr);
-                  int sum = 0;
-                  ovel::parallel_for(0, 1000, [&](int begin, int end) { sum += end - begin; },
-                                     {.grain = 1});
-                  assure(sum == 1000);
-              }),
-              0);
+    EXPECT_TRUE(in_fork([] {
+        assure(ovel::work_group::current() == nullptr);
+        int sum = 0;
+        ovel::parallel_for(0, 1000, [&](int begin, int end) { sum += end - begin; }, {.grain = 1});
+        assure(sum == 1000);
+    }));
 }
 
 TEST(fork_test, free_locks_are_free_in_the_child) {
@@ -207,18 +152,17 @@ TEST(fork_test, free_locks_are_free_in_the_child) {
     ovel::recursive_mutex recursive;
     ovel::timed_mutex timed;
     ovel::semaphore units(2, 0);
-    EXPECT_EQ(status_of_fork([&] {
-                  plain.acquire();
-                  recursive.acquire();
-                  units.acquire();
-                  units.acquire();
-                  assure(timed.timed_acquire(ovel::time::then(1.0)));
-                  assure(!timed.try_acquire() && !units.try_acquire());
-                  timed.release();
-                  recursive.release();
-                  plain.release();
-              }),
-              0);
+    EXPECT_TRUE(in_fork([&] {
+        plain.acquire();
+        recursive.acquire();
+        units.acquire();
+        units.acquire();
+        assure(timed.timed_acquire(ovel::time::then(1.0)));
+        assure(!timed.try_acquire() && !units.try_acquire());
+        timed.release();
+        recursive.release();
+        plain.release();
+    }));
 }
 
 TEST(fork_test, stopped_groups_and_nets_may_be_started_in_the_child) {
@@ -235,17 +179,21 @@ TEST(fork_test, stopped_groups_and_nets_may_be_started_in_the_child) {
         net.acquire();
     };
     run();
-    EXPECT_EQ(status_of_fork([&] {
-                  run();
-                  assure(runs == 2);
-              }),
-              0);
+    EXPECT_TRUE(in_fork([&] {
+        run();
+        assure(runs == 2);
+    }));
 }
 
-// Ends like a child that runs `work`.
-template <class Work>
-void end_as_in_fork(Work const& work) {
-    int const status = status_of_fork(work);
+// Forks and returns in the child. The parent ends as the child does.
+void fork_and_return() {
+    pid_t const child = fork();
+    if (child == 0) {
+        alarm(60);
+        return;
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
     if (WIFSIGNALED(status))
         std::raise(WTERMSIG(status));
     std::_Exit(1);
@@ -317,32 +265,26 @@ TEST(fork_death_test, using_what_runs_in_the_parent_fails_a_check) {
         {[](running& of) { of.typed.halt(); }, "!_net.inherited()", "includes/ovel_petri.h"},
     };
     for (auto const& each : misuses) {
-        auto const in_fork = [&] {
+        auto const misuse = [&] {
             auto* const parent = new running;
-            end_as_in_fork([&] { each.use(*parent); });
+            fork_and_return();
+            each.use(*parent);
+            std::_Exit(0);
         };
-        EXPECT_CHECK(in_fork(), each.check, each.file);
+        EXPECT_CHECK(misuse(), each.check, each.file);
     }
-    auto const in_fork_of_scope = [] {
+    auto const wait_for_children = [] {
         ovel::work_group parents(2);
         ovel::task_scope here(parents);
-        end_as_in_fork([&] { here.wait(); });
+        fork_and_return();
+        here.wait();
+        std::_Exit(0);
     };
-    EXPECT_CHECK(in_fork_of_scope(), "!crew.inherited()", "includes/ovel_parallel.h");
+    EXPECT_CHECK(wait_for_children(), "!crew.inherited()", "includes/ovel_parallel.h");
 }
 
 TEST(fork_death_test, work_of_the_parent_that_returns_in_the_child_fails_a_check) {
-    // Returns in the child. The parent ends like it.
-    auto const fork_and_return = [] {
-        if (pid_t const child = fork(); child != 0) {
-            int status = -1;
-            waitpid(child, &status, 0);
-            if (WIFSIGNALED(status))
-                std::raise(WTERMSIG(status));
-            std::_Exit(1);
-        }
-    };
-    auto const in_group = [&] {
+    auto const in_group = [] {
         ovel::work job(fork_and_return);
         ovel::thread_group group(2, 0.0, 32768);
         group.schedule(job, 1.0, 0.0);
@@ -351,36 +293,38 @@ TEST(fork_death_test, work_of_the_parent_that_returns_in_the_child_fails_a_check
         group.acquire();
     };
     std::string const check = "process == this_process()";
-    EXPECT_CHECK(on_pooled_thread(fork_and_return), check, "sources/ovel_thread_base.cpp");
+    EXPECT_CHECK(traffic::run_on<ovel::thread>(fork_and_return), check,
+                 "sources/ovel_thread_base.cpp");
     EXPECT_CHECK(in_group(), check, "sources/ovel_thread_group.cpp");
-    EXPECT_CHECK(in_work_group(fork_and_return), check, "sources/ovel_task_crew.cpp");
-    EXPECT_CHECK(in_net(fork_and_return), check, "sources/ovel_petri_net.cpp");
+    EXPECT_CHECK(traffic::run_in_work_group(fork_and_return), check, "sources/ovel_task_crew.cpp");
+    EXPECT_CHECK(traffic::run_in_net(fork_and_return), check, "sources/ovel_petri_net.cpp");
 }
 
 // A caller that is blocked in a net that was never started, or was joined, is not waited for.
+// One that blocks in the child is let go there.
 TEST(fork_test, a_net_that_blocks_threads_of_the_parent_may_be_destroyed_in_the_child) {
-    for (bool const has_run : {false, true}) {
-        auto net = std::make_unique<ovel::net>(1);
-        auto const place = net->insert_place<int>("place", 1);
-        if (has_run) {
-            net->start();
-            net->join();
+    for (bool const in_parent : {true, false})
+        for (bool const has_run : {false, true}) {
+            auto net = std::make_unique<ovel::net>(1);
+            auto const place = net->insert_place<int>("place", 1);
+            if (has_run) {
+                net->start();
+                net->join();
+            }
+            auto const block_one = [&] {
+                auto caller = crew(1, [&](int) { EXPECT_THROW(place.receive(), ovel::stopped); });
+                until([&] { return ovel::detail::inspector::blocked(*net) == 1; });
+                return caller;
+            };
+            std::vector<std::jthread> callers;
+            if (in_parent)
+                callers = block_one();
+            EXPECT_TRUE(in_fork([&] {
+                auto const own = in_parent ? crew(0, [](int) {}) : block_one();
+                net.reset();
+            }));
+            net.reset();
         }
-        std::jthread const caller([&] { EXPECT_THROW(place.receive(), ovel::stopped); });
-        until([&] { return ovel::detail::inspector::blocked(*net) == 1; });
-        EXPECT_EQ(status_of_fork([&] { net.reset(); }), 0) << has_run;
-        net.reset();
-    }
-
-    // One that blocks in the child is let go there.
-    auto net = std::make_unique<ovel::net>(1);
-    auto const place = net->insert_place<int>("place", 1);
-    EXPECT_EQ(status_of_fork([&] {
-                  std::jthread const caller([&] { EXPECT_THROW(place.receive(), ovel::stopped); });
-                  until([&] { return ovel::detail::inspector::blocked(*net) == 1; });
-                  net.reset();
-              }),
-              0);
 }
 
 // As at the end of a child that exits.
@@ -393,13 +337,12 @@ TEST(fork_test, objects_that_run_in_the_parent_may_be_destroyed_in_the_child) {
     auto lent = std::make_unique<ovel::thread>();
     lent->schedule(held);
     lent->release();
-    EXPECT_EQ(status_of_fork([&] {
-                  group.reset();
-                  net.reset();
-                  lent.reset();
-                  traffic::run_group();
-              }),
-              0);
+    EXPECT_TRUE(in_fork([&] {
+        group.reset();
+        net.reset();
+        lent.reset();
+        traffic::run_group();
+    }));
     proceed.release();
     lent->acquire();
 }

@@ -42,10 +42,12 @@ void join(HANDLE thread) {
     ASSERT_NE(CloseHandle(thread), 0);
 }
 
+// The processors of the process, and the lowest of them.
 DWORD_PTR process_mask() {
     DWORD_PTR process, system;
     return GetProcessAffinityMask(GetCurrentProcess(), &process, &system) != 0 ? process : 0;
 }
+DWORD_PTR const all = process_mask(), one = all & (~all + 1);
 
 // A deadline that wraps lies in the past, so the wait would end at once.
 TEST(semaphore_test, a_wait_ends_with_the_unit_or_not_before_its_time) {
@@ -168,8 +170,7 @@ TEST(fork_test, a_child_uses_what_other_threads_were_using) {
         HANDLE const mutex = CreateMutexA(nullptr, 0, "in use");
         bool const good = take(mutex, INFINITE) && TlsSetValue(index, mutex) != 0;
         void* const region = malloc_region(136);
-        DWORD_PTR const mask = process_mask();
-        bool const allowed = SetThreadAffinityMask(GetCurrentThread(), mask) != 0;
+        bool const allowed = SetThreadAffinityMask(GetCurrentThread(), process_mask()) != 0;
         free_region(region);
         return good && allowed && ReleaseMutex(mutex) != 0 && CloseHandle(mutex) != 0 &&
                TlsFree(index) != 0;
@@ -213,8 +214,6 @@ TEST(slot_test, a_slot_handed_out_again_reads_null) {
 // A thread's mask binds neither other threads nor those that it starts. The process's mask
 // binds every thread, existing or future.
 TEST(processor_test, a_mask_binds_a_thread_or_all_of_the_process) {
-    DWORD_PTR const all = process_mask();
-    DWORD_PTR const one = all & (~all + 1);
     static HANDLE const go = make_semaphore(1);
     auto const entry = [](void* processors) {
         take(go, INFINITE);
@@ -244,8 +243,6 @@ TEST(processor_test, a_mask_binds_a_thread_or_all_of_the_process) {
 
 // A thread that sets its own mask, and one that starts, while the process is restricted.
 TEST(processor_test, no_thread_escapes_a_new_mask_of_the_process) {
-    DWORD_PTR const all = process_mask();
-    DWORD_PTR const one = all & (~all + 1);
     static std::atomic<bool> restricted;
     static std::atomic<int> escaped = 0;
     auto const check = [](void* allowed) {

@@ -1,15 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_allocator_recycler.h"
-#include "ovel_allocator_support.h"
-#include "ovel_assure.h"
 #include "ovel_kernel.h"
 #include "ovel_malloc.h"
-#include "ovel_test.h"
-#include "ovel_thread.h"
-#include "ovel_thread_function.h"
 #include "ovel_thread_support.h"
-#include "ovel_time.h"
-#include "ovel_work.h"
+#include "ovel_traffic.h"
 
 #include <csignal>
 #include <cstdio>
@@ -44,47 +37,25 @@ TEST(assure_death_test, a_failed_check_prints_one_line_and_aborts) {
     EXPECT_CHECK(fail_always(), "(\"unexpected exception\", 0)", "tests/ovel_library_test.cpp");
 }
 
-TEST(library_test, threads_spin_where_another_processor_may_release_them) {
-    bool const one = ovel::thread_support::available_processors() == 1;
-    EXPECT_EQ(ovel::default_spin, one ? 0u : 1024u);
-}
-
-// Prints when its thread ends. A thread that is still idle when the process is gone prints
-// nothing.
-struct farewell : ovel::thread_function {
-    struct on_thread_end {
-        ~on_thread_end() {
+// A recycler that is not stopped would delay the exit by an hour. An idle thread that still is
+// there when the process is gone prints nothing.
+TEST(library_death_test, the_end_of_the_process_ends_idle_threads_and_the_recycler) {
+    struct farewell {
+        ~farewell() {
             std::fputs("the thread ended\n", stderr);
         }
     };
-    void operator()() override {
-        thread_local on_thread_end last;
-        static_cast<void>(&last);
-    }
-};
-
-// A recycler that is not stopped would delay the exit by an hour.
-TEST(library_death_test, the_end_of_the_process_ends_idle_threads_and_the_recycler) {
     auto const use_everything = [] {
-        farewell work;
-        ovel::thread pooled;
-        pooled.schedule(work);
-        pooled.release();
-        pooled.acquire();
+        traffic::run_on<ovel::thread>([] {
+            thread_local farewell last;
+            static_cast<void>(&last);
+        });
         ovel::time::now();
-        ovel::allocator_recycler::global()->release(3600.0);
+        allocator_recycler::global()->release(3600.0);
         std::exit(0);
     };
     EXPECT_EXIT(use_everything(), testing::ExitedWithCode(0), last_words);
     EXPECT_EXIT(std::exit(0), testing::ExitedWithCode(0), "^$");
-}
-
-void run_pooled() {
-    work nothing([] {});
-    ovel::thread pooled;
-    pooled.schedule(nothing);
-    pooled.release();
-    pooled.acquire();
 }
 
 // In a process of its own for each object that is built at its first use. ThreadSanitizer
@@ -98,7 +69,7 @@ TEST(library_death_test, two_threads_may_meet_at_every_first_use) {
         [] { ovel::time::now(); },
         [] { time_support::time_unit(); },
         [] { thread_support::thread_affinity(thread_support::process_affinity()); },
-        run_pooled,
+        [] { traffic::run_on<ovel::thread>([] {}); },
         [] { work_group(1).run([] {}); },
     };
     for (auto* const& use : uses) {

@@ -60,38 +60,21 @@ TEST(memory_test, every_entry_point_aligns_and_frees) {
 
 // Blocks include their header. The last is one that just fits: 272 bytes beside it.
 TEST(memory_test, alignment_costs_no_more_than_it_must) {
-    auto const taken = [](auto const& take) {
-        std::size_t const before = allocator_support::allocated_size();
-        auto give_back = take();
-        std::size_t const more = allocator_support::allocated_size() - before;
-        give_back();
-        return more;
-    };
-    EXPECT_EQ(taken([] {
-                  void* const memory = ::operator new(16);
-                  EXPECT_TRUE(aligned(memory, 16));
-                  return [memory] {
-                      ::operator delete(memory);
-                  };
-              }),
-              32u);
-    EXPECT_EQ(taken([] {
-                  container_allocator<piece<64>> source;
-                  auto* const memory = source.allocate(1);
-                  return [=]() mutable {
-                      source.deallocate(memory, 1);
-                  };
-              }),
-              128u);
-    EXPECT_EQ(taken([] {
-                  constexpr std::size_t bytes = 1024 - 256 - 2 * sizeof(void*);
-                  void* const memory = memory_resource::global()->allocate(bytes, 256);
-                  EXPECT_TRUE(aligned(memory, 256));
-                  return [=] {
-                      memory_resource::global()->deallocate(memory, bytes, 256);
-                  };
-              }),
-              1024u);
+    constexpr std::size_t bytes = 1024 - 256 - 2 * sizeof(void*);
+    container_allocator<piece<64>> source;
+    std::size_t const before = allocator_support::allocated_size();
+    void* const plain = ::operator new(16);
+    EXPECT_TRUE(aligned(plain, 16));
+    EXPECT_EQ(allocator_support::allocated_size(), before + 32);
+    piece<64>* const contained = source.allocate(1);
+    EXPECT_EQ(allocator_support::allocated_size(), before + 32 + 128);
+    void* const resource = memory_resource::global()->allocate(bytes, 256);
+    EXPECT_TRUE(aligned(resource, 256));
+    EXPECT_EQ(allocator_support::allocated_size(), before + 32 + 128 + 1024);
+    memory_resource::global()->deallocate(resource, bytes, 256);
+    source.deallocate(contained, 1);
+    ::operator delete(plain);
+    EXPECT_EQ(allocator_support::allocated_size(), before);
 }
 
 // Small ones, those that become large or small again, and large ones.

@@ -120,10 +120,13 @@ TEST(thread_pool_test, a_thread_that_returns_drops_the_processors_that_its_work_
     ovel::thread driven(48u << 20);  // a size that no other test uses
     start(driven, restricts).acquire();
     work looks([&] {
-        EXPECT_EQ(thread_support::thread_identifier(), restricted);
+        EXPECT_TRUE(thread_support::thread_identifier_equal(thread_support::thread_identifier(),
+                                                            restricted));
         EXPECT_EQ(thread_support::thread_affinity(), all);
     });
     start(driven, looks).acquire();
+    EXPECT_FALSE(
+        thread_support::thread_identifier_equal(thread_support::thread_identifier(), restricted));
 }
 
 TYPED_TEST(thread_test, system_monitors_show_its_name) {

@@ -31,20 +31,21 @@ using time_types = testing::Types<ovel::time, time_base>;
 TYPED_TEST_SUITE(time_test, time_types);
 
 TYPED_TEST(time_test, arithmetic_wraps_and_comparison_is_signed) {
-    auto const of = this->of;
-    EXPECT_EQ((of(most) + of(1)).value(), least);
-    EXPECT_EQ((of(least) - of(1)).value(), most);
-    EXPECT_EQ((-of(least)).value(), least);
-    EXPECT_EQ((-TypeParam()).value(), 0);
-    for (std::int64_t const a : {least, std::int64_t(-5), std::int64_t(0), most}) {
-        for (std::int64_t const b : {least, std::int64_t(-5), std::int64_t(7), most}) {
-            EXPECT_EQ(of(a) - of(b), of(a) + -of(b)) << a << ' ' << b;
-            TypeParam changed = of(a);
-            EXPECT_EQ(changed += of(b), of(a) + of(b));
-            EXPECT_EQ(changed -= of(b), of(a));
-            EXPECT_EQ(of(a) == of(b), a == b) << a << ' ' << b;
-            EXPECT_EQ(of(a) < of(b), a < b) << a << ' ' << b;
-            EXPECT_EQ(of(a) >= of(b), a >= b) << a << ' ' << b;
+    constexpr std::int64_t counts[] = {least, -5, 0, 7, most};
+    for (std::int64_t const a : counts) {
+        for (std::int64_t const b : counts) {
+            SCOPED_TRACE(testing::Message() << a << ' ' << b);
+            TypeParam const left = this->of(a), right = this->of(b);
+            auto const sum = static_cast<std::int64_t>(std::uint64_t(a) + std::uint64_t(b));
+            TypeParam changed = left;
+            EXPECT_EQ((left + right).value(), sum);
+            EXPECT_EQ(changed += right, left + right);
+            EXPECT_EQ((changed - right).value(), a);
+            EXPECT_EQ(changed -= right, left);
+            EXPECT_EQ(left - right, left + -right);
+            EXPECT_EQ(left == right, a == b);
+            EXPECT_EQ(left < right, a < b);
+            EXPECT_EQ(left >= right, a >= b);
         }
     }
 }

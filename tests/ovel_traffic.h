@@ -45,13 +45,32 @@ inline void exchange_many_blocks(unsigned int round) {
         exchange_blocks(round * 100 + i);
 }
 
-template <class Thread>
-void run_thread() {
-    ovel::work job([] { exchange_blocks(7); });
+// Calls of `work` on threads of the library.
+
+template <class Thread, class Work>
+void run_on(Work const& work) {
+    ovel::work job(work);
     Thread driven(32768);
     driven.schedule(job);
     driven.release();
     driven.acquire();
+}
+
+template <class Work>
+void run_in_work_group(Work const& work) {
+    ovel::work_group group(2);
+    group.submit(work).get();
+    group.join();
+}
+
+template <class Work>
+void run_in_net(Work const& work) {
+    ovel::net net(2);
+    auto const place = net.insert_place<int>("place", 1);
+    net.insert_transition("work", ovel::from(place), [&](int) { work(); });
+    net.start();
+    place.send(1);
+    net.join();
 }
 
 inline void run_group() {
@@ -82,8 +101,8 @@ inline void run_net() {
 inline constexpr void (*uses[])(unsigned int round) = {
     exchange_many_blocks,
     exchange_many_blocks,
-    [](unsigned int) { run_thread<ovel::thread>(); },
-    [](unsigned int) { run_thread<ovel::thread_base>(); },
+    [](unsigned int) { run_on<ovel::thread>([] { exchange_blocks(7); }); },
+    [](unsigned int) { run_on<ovel::thread_base>([] { exchange_blocks(7); }); },
     [](unsigned int) { run_group(); },
     [](unsigned int) { run_net(); },
 };
@@ -120,6 +139,13 @@ inline void fill_pool(unsigned int count) {
     }
     for (ovel::thread& each : all)
         each.acquire();
+}
+
+// Uses each facility, on the calling thread.
+inline void use_all() {
+    fill_pool(3);
+    for (int kind = 0; kind != kinds; ++kind)
+        use(kind);
 }
 
 }  // namespace traffic
