@@ -2,12 +2,12 @@
 #include "ovel_allocator.h"
 
 #include "ovel_allocator_group.h"
-#include "ovel_allocator_invariants.h"
 #include "ovel_allocator_support.h"
 #include "ovel_test.h"
 
 #include <iterator>
 #include <random>
+#include <stdexcept>
 
 struct ovel::detail::inspector {
     static constexpr auto remotes = &allocator::_remote;
@@ -17,24 +17,13 @@ struct ovel::detail::inspector {
     static constexpr auto capacity = &allocator::_capacity;
     static constexpr auto pending_size = &allocator::_pending_size;
 
-    static allocator_fields fields(allocator& of) {
-        return {&of,
-                of._parent == nullptr,
-                of._full,
-                of._partial,
-                of._serving,
-                &of._empty,
-                of._remote,
-                std::size(of._remote),
-                of._waiting,
-                of._pending,
-                &of._parts,
-                of._size,
-                of._capacity,
-                of._minimum_capacity,
-                of._pending_size};
+    struct allocators;
+    [[noreturn]] static void broken(char const* invariant) {
+        throw std::logic_error(invariant);
     }
 };
+
+#include "ovel_allocator_invariants.h"
 
 namespace {
 
@@ -278,14 +267,14 @@ TEST(allocator_test, a_random_walk_keeps_every_invariant) {
                     all[who].deallocate(live, 1);
                 }
             }
-            allocator_totals sums;
+            inspector::allocators sums;
             for (std::size_t each = 0; each != actors; ++each) {
-                ASSERT_STREQ(broken_invariant(inspector::fields(all[each].own()), sums), nullptr);
+                ASSERT_NO_THROW(sums.check(all[each].own()));
                 // What is freed for an owner that sleeps is put back at once.
                 ASSERT_TRUE(!sleeps[each] || all[each][inspector::pending_size] == 0);
             }
             ASSERT_EQ(sums.in_use, live_bytes + sums.on_way);
-            ASSERT_STREQ(broken_invariant(inspector::fields(global), sums), nullptr);
+            ASSERT_NO_THROW(sums.check(global));
         }
         for (std::size_t who = 0; who != actors; ++who)
             if (sleeps[who])

@@ -108,9 +108,9 @@ public:
         allocator_group::global();
         if (timed)
             time::now();
-        detail::allocator_totals const all = inspector::check_allocators();
+        auto const all = inspector::check_allocators();
         _bytes = all.in_use;
-        _handles = open_handles() - all.allocators;
+        _handles = open_handles() - all.count;
     }
 
     // Once the pool's threads have ended, only blocks on their way home are in use, and the
@@ -119,10 +119,10 @@ public:
         inspector::empty_pool();
         inspector::reset_pool();
         allocator_group::global()->flush_allocator(false);
-        detail::allocator_totals const all = inspector::check_allocators();
+        auto const all = inspector::check_allocators();
         assure(all.in_use == _bytes + all.on_way);
-        assure(heap_blocks() == all.chunks + all.allocators + 1);
-        assure(open_handles() == _handles + all.allocators);
+        assure(heap_blocks() == all.chunks + all.count + 1);
+        assure(open_handles() == _handles + all.count);
         balance();
     }
     accounts(accounts const&) = delete;

@@ -3,7 +3,6 @@
 #ifndef OVEL_TESTS_SIMULATION_INSPECTOR_H
 #define OVEL_TESTS_SIMULATION_INSPECTOR_H
 
-#include "../ovel_allocator_invariants.h"
 #include "ovel_allocator.h"
 #include "ovel_allocator_group.h"
 #include "ovel_allocator_recycler.h"
@@ -49,22 +48,16 @@ struct ovel::detail::inspector {
                !gate._wait.try_acquire();
     }
 
-    // Everything that must hold of all allocators while none is in use.
-    static allocator_totals check_allocators() {
-        allocator_totals all;
-        for (allocator* each = allocator::_allocators; each != nullptr; each = each->_next)
-            _check(*each, all);
-        return all;
+    struct allocators;
+    [[noreturn]] static void broken(char const* invariant) {
+        simulation::fail("allocator: %s", invariant);
     }
 
+    // Everything that must hold of all allocators while none is in use.
+    static allocators check_allocators();
+
     // The same of the calling thread's allocator, between two of the thread's operations.
-    // `_lock` keeps others from handing chains over meanwhile.
-    static void check_current_allocator() {
-        allocator& current = *current_allocator();
-        allocator_totals all;
-        guard const hold(current._lock);
-        _check(current, all);
-    }
+    static void check_current_allocator();
 
     // While no allocator serves a thread: each was given back, once.
     static void check_given_back() {
@@ -306,29 +299,26 @@ private:
         // Nothing that fits waits while a thread is idle and none is on its way.
         assure(crew._coming || crew._called == crew._threads || !ready.fits(crew._space));
     }
-
-    static allocator_fields _fields(allocator& each) {
-        return {&each,
-                each._parent == nullptr,
-                each._full,
-                each._partial,
-                each._serving,
-                &each._empty,
-                each._remote,
-                std::size(each._remote),
-                each._waiting,
-                each._pending,
-                &each._parts,
-                each._size,
-                each._capacity,
-                each._minimum_capacity,
-                each._pending_size};
-    }
-
-    static void _check(allocator& each, allocator_totals& all) {
-        if (char const* const broken = broken_invariant(_fields(each), all))
-            simulation::fail("allocator: %s", broken);
-    }
 };
+
+#include "../ovel_allocator_invariants.h"
+
+namespace ovel::detail {
+
+inline inspector::allocators inspector::check_allocators() {
+    allocators all;
+    for (allocator* each = allocator::_allocators; each != nullptr; each = each->_next)
+        all.check(*each);
+    return all;
+}
+
+// `_lock` keeps others from handing chains over meanwhile.
+inline void inspector::check_current_allocator() {
+    allocator& current = *current_allocator();
+    guard const hold(current._lock);
+    allocators().check(current);
+}
+
+}  // namespace ovel::detail
 
 #endif

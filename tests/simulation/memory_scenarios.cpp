@@ -91,7 +91,7 @@ void exchanges(unsigned int variant) {
     // The first thread frees the rest; it has the default allocator.
     for (detail::atomic<marked*>& place : places)
         give_back(place);
-    assure(inspector::check_allocators().allocators <= 2 + thread_count);
+    assure(inspector::check_allocators().count <= 2 + thread_count);
 }
 
 // Null when memory is refused.
@@ -151,7 +151,7 @@ void foreigners(unsigned int variant) {
     for (detail::atomic<marked*>& place : places)
         give_back(place);
     // Each is lent to a thread, borrowed by one, or acquired by one that was lent the default.
-    assure(inspector::check_allocators().allocators <= 2 + thread_count + 1);
+    assure(inspector::check_allocators().count <= 2 + thread_count + 1);
     allocator_group::global()->specific_allocator(nullptr);
     inspector::check_given_back();
 }
