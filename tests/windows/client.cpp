@@ -5,10 +5,10 @@
 
 #include "use.h"
 
-#include <cstdint>
 #include <cstdlib>
-#include <optional>
+#include <semaphore>
 #include <string_view>
+#include <thread>
 
 namespace {
 
@@ -17,39 +17,6 @@ void tell(std::string_view text) {
     WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), text.data(), static_cast<DWORD>(text.size()),
               &written, nullptr);
 }
-
-// A thread of the program that is lent an allocator, and lives until it is joined.
-class lent_thread {
-public:
-    explicit lent_thread(use_function* use)
-        : _use(use), _thread(CreateThread(nullptr, 0, _run, this, 0, nullptr)) {
-        WaitForSingleObject(_used, INFINITE);
-    }
-    lent_thread(lent_thread const&) = delete;
-    lent_thread& operator=(lent_thread const&) = delete;
-
-    // Whether it has ended as it should.
-    bool join() {
-        SetEvent(_may_end);
-        DWORD status = 1;
-        return WaitForSingleObject(_thread, INFINITE) == WAIT_OBJECT_0 &&
-               GetExitCodeThread(_thread, &status) != 0 && status == 0;
-    }
-
-private:
-    static DWORD WINAPI _run(void* argument) {
-        lent_thread& own = *static_cast<lent_thread*>(argument);
-        own._use(false);
-        SetEvent(own._used);
-        WaitForSingleObject(own._may_end, INFINITE);
-        return 0;
-    }
-
-    use_function* const _use;
-    HANDLE const _used = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE const _may_end = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE const _thread;
-};
 
 }  // namespace
 
@@ -69,15 +36,25 @@ int main(int, char** arguments) {
     if (way == "exit")
         std::exit(0);
     if (unloads) {
-        std::optional<lent_thread> other;
-        if (way == "free_and_end")
-            other.emplace(use);
+        std::binary_semaphore used(0), may_end(0);
+        std::thread other;
+        if (way == "free_and_end") {
+            other = std::thread([&] {
+                use(false);
+                used.release();
+                may_end.acquire();
+            });
+            used.acquire();
+        }
         FreeLibrary(user);
         FreeLibrary(library);
         tell("freed\n");
         if (GetModuleHandleA("ovel.dll") != nullptr)
             return 3;
-        return !other || other->join() ? 0 : 4;
+        if (other.joinable()) {
+            may_end.release();
+            other.join();
+        }
     }
     return 0;
 }

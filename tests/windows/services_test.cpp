@@ -6,29 +6,18 @@
 #include "ovel_once.h"
 #include "ovel_semaphore.h"
 #include "ovel_test.h"
-#include "ovel_thread_base.h"
-#include "ovel_thread_function.h"
 #include "ovel_time.h"
 
 #include <cstdio>
-#include <type_traits>
 
 using ovel::call_once;
 using ovel::semaphore;
-using ovel::thread_base;
 using ovel::timed_semaphore;
 
 struct ovel::detail::inspector {
     template <class Semaphore>
     static HANDLE handle(Semaphore const& subject) {
         return subject._semaphore;
-    }
-    static HANDLE handle(thread_base const& subject) {
-        return subject._thread;
-    }
-    // Makes the semaphore count a sleeping thread.
-    static void count_sleeper(semaphore& subject) {
-        subject._value = -1;
     }
 };
 
@@ -38,8 +27,6 @@ using ovel::detail::inspector;
 
 constexpr char once_file[] = "sources/ovel_once.cpp";
 constexpr char semaphore_file[] = "sources/ovel_semaphore.cpp";
-constexpr char semaphore_header[] = "includes/ovel_semaphore.h";
-constexpr char thread_file[] = "sources/ovel_thread_base.cpp";
 
 // Closes the handle of the subject's kernel object. Starts the clock first, because its
 // handles would reuse the closed one.
@@ -94,46 +81,21 @@ TEST(call_once_death_test, an_abandoned_mutex_fails_its_check) {
                  once_file);
 }
 
-template <class Semaphore>
-struct semaphore_death_test : testing::Test {};
-using semaphore_types = testing::Types<semaphore, timed_semaphore>;
-TYPED_TEST_SUITE(semaphore_death_test, semaphore_types);
-
-TYPED_TEST(semaphore_death_test, a_failed_semaphore_fails_its_check) {
-    constexpr bool timed = std::is_same_v<TypeParam, timed_semaphore>;
-    constexpr auto* file = timed ? semaphore_file : semaphore_header;
-    TypeParam units(0, 0);
+TEST(semaphore_death_test, a_failed_call_fails_its_check) {
+    semaphore units(0, 0);
+    timed_semaphore timed(0, 0);
     EXPECT_CHECK(closed(units).acquire(),
-                 "WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0", file);
-    auto const release_closed = [&] {
-        if constexpr (!timed)
-            inspector::count_sleeper(units);
-        closed(units).release();
-    };
-    EXPECT_CHECK(release_closed(), "ReleaseSemaphore(_semaphore, 1, 0) != 0", file);
-    EXPECT_CHECK(closed(*std::make_unique<TypeParam>(0, 0)), "CloseHandle(_semaphore) != 0",
+                 "WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0",
+                 "includes/ovel_semaphore.h");
+    EXPECT_CHECK(closed(timed).acquire(),
+                 "WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0", semaphore_file);
+    EXPECT_CHECK(closed(timed).try_acquire(), "result == WAIT_OBJECT_0", semaphore_file);
+    EXPECT_CHECK(closed(timed).timed_acquire(ovel::time()), "result == WAIT_OBJECT_0",
                  semaphore_file);
-    if constexpr (timed) {
-        EXPECT_CHECK(closed(units).try_acquire(), "result == WAIT_OBJECT_0", semaphore_file);
-        EXPECT_CHECK(closed(units).timed_acquire(ovel::time()), "result == WAIT_OBJECT_0",
-                     semaphore_file);
-    }
-}
-
-TEST(thread_base_death_test, a_failed_thread_fails_its_check) {
-    ovel::thread_function work;
-    thread_base thread(0), large(0x7fff0000u);  // a stack beyond the address space
-    auto const started = [&](thread_base& base) -> thread_base& {
-        base.schedule(work);
-        base.release();
-        return base;
-    };
-    EXPECT_CHECK(started(large), "_thread != 0", thread_file);
-    EXPECT_CHECK(closed(started(thread)).acquire(),
-                 "WaitForSingleObject(_thread, INFINITE) == WAIT_OBJECT_0", thread_file);
-    EXPECT_CHECK(closed(started(thread)).try_acquire(), "r == WAIT_OBJECT_0", thread_file);
-    EXPECT_CHECK(closed(started(thread)).timed_acquire(ovel::time()), "r == WAIT_OBJECT_0",
-                 thread_file);
+    EXPECT_CHECK(closed(timed).release(), "ReleaseSemaphore(_semaphore, 1, 0) != 0",
+                 semaphore_file);
+    EXPECT_CHECK(closed(*std::make_unique<semaphore>(0, 0)), "CloseHandle(_semaphore) != 0",
+                 semaphore_file);
 }
 
 }  // namespace
