@@ -51,12 +51,14 @@ void semaphore::_poll() {
 }
 
 // Spins for the only unit and backs off. A thread that sees the unit and loses it to
-// another keeps spinning, because the new owner returns it soon.
+// another keeps spinning, because the new owner returns it soon. With three sleepers it
+// does not spin: each would have to wake up and take the unit before it became visible.
 void semaphore::_acquire_contended() {
-    if (_spin != 0 && _memory.should_spin()) {
+    constexpr int many = 3;
+    // Relaxed, here and below: only a hint that the exchange may succeed.
+    if (_spin != 0 && _value.load(std::memory_order_relaxed) > -many && _memory.should_spin()) {
         for (detail::spin_wait wait(_spin, detail::pace_for_mutex); !wait.is_over();) {
             wait.pause();
-            // Relaxed: only a hint that the exchange may succeed.
             int one = 1;
             if (_value.load(std::memory_order_relaxed) > 0 &&
                 _value.compare_exchange_strong(one, 0))

@@ -1,37 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
-// Memory orders. Every change is a compare-and-exchange, so all changes have one order.
-// Taking a unit acquires and posting one releases. The changes in between are
-// read-modify-write operations, which continue a release sequence. Becoming a sleeper
-// needs no order of its own: the kernel compares the units again, under its lock, before
-// it puts a thread to sleep, and a later post sees the sleeper in the word.
-
 #include "linux/units.h"
 
 #include "linux/futex_word.h"
 #include "linux/processors.h"
 
-namespace ovel::detail {
+#include <algorithm>
 
-// Takes a unit if there is one, and counts the caller in or out as a sleeper in the same
-// step. Returns whether there was a unit.
-bool units::_step(place found, place missed) {
-    // Relaxed, both: the exchange corrects a stale value.
-    word now = _word.load(std::memory_order_relaxed);
-    for (;;) {
-        bool const has = now.available != 0;
-        if (!has && missed == place::keep)
-            return false;
-        word const next = {now.available - has,
-                           now.asleep + static_cast<std::uint32_t>(has ? found : missed)};
-        if (_word.compare_exchange_weak(now, next, std::memory_order_acquire,
-                                        std::memory_order_relaxed))
-            return has;
-    }
-}
+namespace ovel::detail {
 
 // Polls for about as long as falling asleep and waking up would take. Does not poll if
 // the process has one processor, or if recent polls were in vain: then the thread that
-// would post probably needs the caller's processor.
+// would post probably needs the caller's processor. Each poll takes the word's cache line
+// from a thread that takes and posts again and again, so the pauses in between double.
 bool units::_poll() {
     if (one_processor() || !_memory.should_spin())
         return false;
@@ -39,8 +19,11 @@ bool units::_poll() {
     // processor whose counter is behind, the poll also ends.
     constexpr std::uint64_t ticks = 5000;
     std::uint64_t const start = __rdtsc();
+    unsigned int pauses = 4;
     do {
-        YieldProcessor();
+        for (unsigned int i = 0; i != pauses; ++i)
+            YieldProcessor();
+        pauses = std::min(2 * pauses, 64u);
         if (_step(place::keep, place::keep)) {
             _memory.has_succeeded();
             return true;
@@ -50,11 +33,7 @@ bool units::_poll() {
     return false;
 }
 
-bool units::take(DWORD milliseconds) {
-    if (_step(place::keep, place::keep))
-        return true;
-    if (milliseconds == 0)
-        return false;
+bool units::_wait(DWORD milliseconds) {
     deadline const until(milliseconds);
     if (_poll() || _step(place::keep, place::enter))
         return true;
@@ -63,23 +42,6 @@ bool units::take(DWORD milliseconds) {
             return true;
     // Takes a unit that was posted while the time ran out.
     return _step(place::leave, place::leave);
-}
-
-bool units::post(LONG count, LONG maximum) {
-    auto const more = static_cast<std::uint32_t>(count);
-    // Relaxed, both: the exchange corrects a stale value.
-    word now = _word.load(std::memory_order_relaxed);
-    do {
-        if (more > static_cast<std::uint32_t>(maximum) - now.available)
-            return false;
-    } while (!_word.compare_exchange_weak(now, word{now.available + more, now.asleep},
-                                          std::memory_order_release, std::memory_order_relaxed));
-    // The units are visible, so the object may be destroyed at any moment. Its address
-    // still identifies the queue of its sleepers. If another object has taken its place,
-    // the sleepers there find nothing and sleep again.
-    if (now.asleep != 0)
-        futex_wake(&_word, count);
-    return true;
 }
 
 }  // namespace ovel::detail

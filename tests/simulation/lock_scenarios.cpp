@@ -114,6 +114,29 @@ void spins_less_in_vain(unsigned int) {
     }
 }
 
+// A thread that finds a mutex with three sleepers sleeps at once, even when it is its turn to
+// spin: it would see the unit only after all of them.
+void sleeps_behind_sleepers(unsigned int) {
+    constexpr unsigned int spin = 16;
+    mutex contended(spin);
+    begin();
+    contended.acquire();
+    {
+        std::deque<worker> sleepers;
+        // Two spin in vain. After the second, three would have a rest and one would spin.
+        for (unsigned int const expected : {spin, 0u, spin, 0u, 0u, 0u, 0u}) {
+            sleepers.emplace_back([&contended, expected] {
+                unsigned int const before = pauses();
+                contended.acquire();
+                assure(pauses() - before == expected);
+                contended.release();
+            });
+            settle();
+        }
+        contended.release();
+    }
+}
+
 unsigned int volatile flags[2];
 detail::atomic<unsigned int>* runs;
 
@@ -234,6 +257,7 @@ registration const table{
     {.name = "lock_excludes", .run = exclusion, .variants = 12, .exhaustive = true},
     {.name = "semaphore_keeps_out_of_the_kernel", .run = fast_paths},
     {.name = "semaphore_spins_less_after_spinning_in_vain", .run = spins_less_in_vain},
+    {.name = "mutex_sleeps_behind_sleepers", .run = sleeps_behind_sleepers},
     {.name = "call_once_runs_once", .run = once, .variants = 2, .exhaustive = true},
     {.name = "time_server_is_one_and_monotonic", .run = clock_readings, .variants = 2},
     {.name = "clock_stays_on_its_processor", .run = processor_of_the_clock, .variants = 2},

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The word that semaphores and mutexes of platform/linux consist of, on a simulated futex: no
-// unit is lost, no wake-up is lost, and a post without sleepers makes no system call.
+// unit is lost, no wake-up is lost, and a post without sleepers, or with a wake-up under way,
+// makes no system call.
 
 #include "linux/units.h"
 
@@ -28,6 +29,7 @@ struct futex_sleeper {
 };
 std::vector<futex_sleeper> futex_sleepers;
 bool polls;
+unsigned int waits, wakes;  // system calls
 
 }  // namespace
 
@@ -47,6 +49,7 @@ bool futex_wait(void const* word, std::uint32_t value, deadline const& until) {
     using namespace simulation;
     point(operation::wait, word, __builtin_return_address(0));
     count_kernel_call();
+    ++waits;
     if (simulation::heap::is_stray(word))
         fail("a thread waits on freed memory");
     if (*static_cast<std::uint32_t const*>(word) != value || pick(6) == 0)
@@ -62,6 +65,7 @@ void futex_wake(void const* word, int threads) {
     using namespace simulation;
     point(operation::post, word, __builtin_return_address(0));
     count_kernel_call();
+    ++wakes;
     for (; threads != 0; --threads) {
         auto const first = std::partition(futex_sleepers.begin(), futex_sleepers.end(),
                                           [=](auto const& each) { return each.word != word; });
@@ -96,6 +100,7 @@ using owned_units = std::unique_ptr<units, destroy>;
 
 owned_units make_units(LONG count) {
     futex_sleepers.clear();
+    waits = wakes = 0;
     polls = pick(2) == 0;
     return owned_units(new (heap::allocate(sizeof(units))) units(count));
 }
@@ -143,6 +148,30 @@ void takers_and_posters(unsigned int variant) {
     assure(!shared->take(0) && kernel_calls() == calls);
 }
 
+// Threads take and post one unit over and over, with and without deadlines. One that sleeps is
+// woken once, however often the unit passes before it runs.
+void unit_passes_while_a_sleeper_wakes(unsigned int variant) {
+    owned_units const shared = make_units(1);
+    detail::atomic<unsigned int> inside = 0;
+    auto const body = [&] {
+        for (unsigned int round = 0; round != 3; ++round) {
+            if (!shared->take(variant == 1 && round == 1 ? 1 : INFINITE))
+                continue;
+            assure(inside.fetch_add(1) == 0 && inside.fetch_sub(1) == 1);
+            assure(shared->post(1, 1));
+        }
+    };
+    begin();
+    {
+        std::deque<worker> others;
+        for (unsigned int other = 1 + pick(2); other != 0; --other)
+            others.emplace_back(body);
+        body();
+    }
+    assure(shared->take(0) && futex_sleepers.empty());
+    assure(wakes <= waits);
+}
+
 // The thread that takes the last unit destroys the word, while the post that made the unit
 // has not returned.
 void last_taker_destroys(unsigned int variant) {
@@ -156,6 +185,9 @@ void last_taker_destroys(unsigned int variant) {
 
 registration const table{
     {.name = "futex_word_loses_no_unit_and_no_wake_up", .run = takers_and_posters, .variants = 2},
+    {.name = "futex_word_wakes_a_sleeper_once",
+     .run = unit_passes_while_a_sleeper_wakes,
+     .variants = 2},
     {.name = "futex_word_may_be_destroyed_by_the_last_taker",
      .run = last_taker_destroys,
      .variants = 2},

@@ -27,12 +27,13 @@ def counted(count, what):
 def kernel_semaphore(handle):
     """Of the kernel semaphore that a handle leads to: its units, and threads asleep for one.
 
-    It is the words kind, which is 0, maximum, units and threads asleep.
+    It is the words kind, which is 0, maximum, units and threads asleep. The highest bit of
+    the units marks a wake-up under way.
     """
     words = handle.cast(gdb.lookup_type("unsigned int").pointer())
     if int(words) == 0 or int(words[0]) != 0:
         raise ValueError
-    return int(words[2]), int(words[3])
+    return int(words[2]) & 0x7FFFFFFF, int(words[3])
 
 
 def units_and_waiting(semaphore):
