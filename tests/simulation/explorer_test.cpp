@@ -55,22 +55,6 @@ void crossed_locks(unsigned int) {
     CloseHandle(second);
 }
 
-// A deadline that passes while the unit is posted, and one that does not.
-template <DWORD expected>
-void deadlines(unsigned int) {
-    HANDLE const unit = CreateSemaphoreA(nullptr, 0, 1, nullptr);
-    begin();
-    DWORD result = 0;
-    {
-        worker waiter([&] { result = WaitForSingleObject(unit, 10'000); });
-        ReleaseSemaphore(unit, 1, nullptr);
-    }
-    if (result == WAIT_TIMEOUT)
-        WaitForSingleObject(unit, INFINITE);
-    CloseHandle(unit);
-    assure(result != expected);
-}
-
 // Two threads change a word without a lock, and yield in between: from the second thread's
 // access on, accesses to the word are scheduling points.
 void unlocked(unsigned int) {
@@ -94,8 +78,6 @@ TEST(simulation, finds_planted_faults_by_every_strategy_and_runs_them_again_the_
     } const faults[] = {
         {lost_update, "assure_failed(count == 2, ", ""},
         {crossed_locks, "deadlock", "thread 1  waits for semaphore #1 with 0 units"},
-        {deadlines<WAIT_TIMEOUT>, "assure_failed(result != expected, ", ""},
-        {deadlines<WAIT_OBJECT_0>, "assure_failed(result != expected, ", ""},
         {unlocked, "race: threads ", "is ready for write heap+"},
     };
     for (auto const& fault : faults)

@@ -189,6 +189,8 @@ void sleepers(unsigned int variant) {
     }
 }
 
+constexpr std::size_t chunk = 61440;
+
 // Fills the global allocator with what an allocator of 60 chunks gives up.
 void fill_reserve() {
     thread_allocator const own;
@@ -220,7 +222,7 @@ void recycler(unsigned int variant) {
     }
     inspector::stop_recycler();
     // The other thread may have kept some.
-    assure(reserve() <= first + 2 * 61440 && reserve() >= (1 << 20) - 5 * 61440);
+    assure(reserve() <= first + 2 * chunk && reserve() >= (1 << 20) - 5 * chunk);
 }
 
 // Once a period, the recycler returns three tenths of the memory that was idle throughout,
@@ -230,7 +232,6 @@ void recycler_periods(unsigned int variant) {
     accounts const books(0, true);
     fill_reserve();
     std::size_t expected = reserve();
-    constexpr std::size_t chunk = 61440;
     constexpr double periods[] = {2.0, 0.5, NAN, INFINITY};
     DWORD const second = variant == 0 ? 2000 : 1000;
     allocator_recycler::global()->release(periods[variant]);
@@ -259,7 +260,6 @@ void recycler_requests(unsigned int) {
     accounts const books(0);
     fill_reserve();
     allocator_recycler& recycler = *allocator_recycler::global();
-    constexpr std::size_t chunk = 61440;
     std::size_t expected = reserve();
     expected -= static_cast<std::size_t>(std::nearbyint(0.3 * double(expected))) / chunk * chunk;
     recycler.recycle_capacity(0.3);
