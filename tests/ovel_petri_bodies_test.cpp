@@ -136,16 +136,17 @@ TEST(petri_bodies_test, bodies_that_poll_a_stop_token_end_when_the_net_is_stoppe
                              [&](ovel::firing&, std::stop_token stop) { poll(stop); });
     in.send(1);
     other.send(2);
-    for (int round = 0; round != 2; ++round) {
+    auto const start = [&] {
         begun = 0;
         tested.start();
         until([&] { return begun == 2; });
+    };
+    for (int round = 0; round != 2; ++round) {
+        start();
         EXPECT_FALSE(stop(tested, 1ms));
         EXPECT_EQ(std::pair(in.size(), other.size()), std::pair(1u, 1u));
     }
-    begun = 0;
-    tested.start();
-    until([&] { return begun == 2; });
+    start();
     tested.fail(std::make_exception_ptr(1));
     EXPECT_THROW(tested.join(), int);
 }
