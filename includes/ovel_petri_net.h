@@ -727,6 +727,7 @@ private:
     void _leave();
     void _leave_with_news();
     bool _await_rest();
+    void _end_firing(detail::petri_call const& end);
     petri_transition* _next_firing(firing_work& of, petri_transition* ended);
 
     void _enqueue_initial_transitions();

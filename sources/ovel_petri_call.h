@@ -50,6 +50,9 @@ struct petri_call {
     petri_call(kind what, petri_place* place, void (*make)(any&, void*), void* from,
                petri_patience const* patience = nullptr)
         : what(what), place(place), make(make), from(from), patience(patience) {}
+    // The end of a firing that its thread has run for `work`, a `firing_work`.
+    petri_call(thread_function& work, petri_transition& firing)
+        : what(kind::peek), place(nullptr), patience(nullptr), work(&work), firing(&firing) {}
     petri_call(petri_call const&) = delete;
     petri_call& operator=(petri_call const&) = delete;
 
@@ -74,9 +77,11 @@ struct petri_call {
     void (*const make)(any&, void*) = nullptr;  // for a put; makes a token of `from`
     void* const from = nullptr;
     petri_patience const* const patience;  // null if only a token or a slot ends the wait
-    std::exception_ptr failure{};          // what the call throws
-    petri_call* next;                      // in the list that it is in
-    HANDLE unit;                           // of a call asleep
+    thread_function* const work = nullptr;
+    petri_transition* const firing = nullptr;  // null for the calls of clients
+    std::exception_ptr failure{};              // what the call throws
+    petri_call* next;                          // in the list that it is in
+    HANDLE unit;                               // of a call asleep
 };
 
 // Blocks until a call that is no longer open has ended. When its time is over, calls `withdraw`,

@@ -113,8 +113,7 @@ bool petri_net::engine::_serve_one(petri_callers& callers) {
 }
 
 bool petri_net::engine::publish(petri_call& call) {
-    call.next = _published.load(std::memory_order_relaxed);
-    while (!_published.compare_exchange_weak(call.next, &call)) {}
+    _push(call);
     // To look at the call costs nothing before it changes. An attempt to take the mutex is a
     // cache miss for the thread that has it.
     unsigned int looks = 0;
@@ -150,6 +149,10 @@ void petri_net::engine::_carry_out_published() {
         oldest = std::exchange(newest, std::exchange(newest->next, oldest));
     while (oldest != nullptr) {
         petri_call& call = *std::exchange(oldest, oldest->next);
+        if (call.firing != nullptr) {
+            _net._end_firing(call);
+            continue;
+        }
         petri_callers& at = callers(call);
         // Calls that wait have come earlier, but do not always go first.
         if (call.may_wait() || (at.present & petri_callers::tries_first) == 0)

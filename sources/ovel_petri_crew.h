@@ -39,14 +39,28 @@ public:
         _ready.insert(transition->_rank, transition);
     }
 
-    // Returns the firing that a thread runs next; null if none fits, and the thread has
-    // then left. The thread has ended the firing `ended`, or has just arrived if that is
-    // null.
-    petri_transition* next(petri_transition* ended) {
-        if (ended != nullptr)
-            _give_back(ended->_space);
-        else
-            _coming = false;
+    // The called thread has arrived.
+    void arrive() {
+        _coming = false;
+    }
+
+    // A firing has ended.
+    void give_back(petri_transition* ended) {
+        _give_back(ended->_space);
+    }
+
+    // The same, but its thread has yet to ask for the next one, and resumes before it does.
+    void give_back_for(petri_transition* ended) {
+        _give_back(ended->_space);
+        ++_resuming;
+    }
+    void resume() {
+        --_resuming;
+    }
+
+    // Returns the firing that a thread runs next, which has none; null if none fits, and the
+    // thread has then left.
+    petri_transition* next() {
         petri_transition* const taken = _ready.take(_space);
         if (taken == nullptr)
             --_called;
@@ -58,7 +72,7 @@ public:
     // If another thread is needed, counts it as called and returns true; the caller then
     // calls one.
     bool begin_call() {
-        if (_coming || _called == _threads || !_ready.fits(_space))
+        if (_coming || _resuming != 0 || _called == _threads || !_ready.fits(_space))
             return false;
         _coming = true;
         ++_called;
@@ -98,6 +112,9 @@ private:
     unsigned int _threads;
     unsigned int _called = 0;  // threads called that have not left
     bool _coming = false;      // one of them has not arrived
+    // Threads without a firing that have yet to resume. Wraps while one resumes before its firing
+    // is committed, within one hold of the mutex.
+    unsigned int _resuming = 0;
     ready_firings _ready;
 };
 

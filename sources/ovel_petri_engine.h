@@ -16,7 +16,9 @@
 //
 //     state        where                         what ends it
 //     ready        in its group's crew           a thread of the group that takes it: running
-//     running      on that thread                its code returns, and the thread commits it
+//     running      on that thread                its code returns, and the thread commits it, or
+//                                                publishes the end if the mutex is taken
+//     published    in `_published`               the thread with the mutex commits it
 //
 // Nets. `acquired` is `_acquired`; `joined` are the two fields that count joined threads.
 //
@@ -223,6 +225,12 @@ public:
     // thread, without the mutex.
     bool publish(detail::petri_call& call);
 
+    // Publishes the end of a firing: the next dispatch commits it. Any thread, without the mutex,
+    // which it takes next.
+    void publish_end(detail::petri_call& end) {
+        _push(end);
+    }
+
     // The place does not have what the call needs. Returns whether the call waits for it.
     bool wait_or_miss(detail::petri_call& call);
 
@@ -254,12 +262,28 @@ public:
         enqueue_if_enabled(transition);
     }
 
-    // The firing that a thread of `of` runs next, as in `petri_crew::next`.
-    petri_transition* next(firing_work& of, petri_transition* ended) {
-        petri_transition* const next = of._crew.next(ended);
+    // What `petri_crew` does: a called thread of `of` has arrived, a firing of a thread of `of` has
+    // ended, a thread of `of` takes its next firing.
+    static void arrive(firing_work& of) {
+        of._crew.arrive();
+    }
+    static void resume(firing_work& of) {
+        of._crew.resume();
+    }
+    static void give_back(firing_work& of, petri_transition* ended) {
+        of._crew.give_back(ended);
+    }
+    petri_transition* next(firing_work& of) {
+        petri_transition* const next = of._crew.next();
         _called -= next == nullptr;
         _touch(of);
         return next;
+    }
+
+    // The firing has ended of a thread that resumes later.
+    void give_back_for(firing_work& of, petri_transition* ended) {
+        of._crew.give_back_for(ended);
+        _touch(of);
     }
 
     // Closes a place for good: no further firing puts into it, nor does a caller of `net`.
@@ -353,12 +377,14 @@ public:
     // While other threads end firings faster than the mutex, and the cache lines that it
     // guards, could be handed over, it does not even try: one more thread would only slow them
     // down. A thread that `stands_back` then spins longer before it sleeps, because a mutex that
-    // is released goes to a thread that sleeps for it.
+    // is released goes to a thread that sleeps for it. It has published the end of its firing, so
+    // nothing waits for it, and if that goes on it leaves its processor to others for a while.
     void enter_contended(bool stands_back) {
         // Approximate ticks for another processor to fetch the mutex, the counts of a few
         // places, and what else a firing thread touches: some ten cache misses.
         constexpr std::int64_t handover = 1024;
-        constexpr std::int64_t longest = 1 << 20;  // ticks, of some thousand firings
+        constexpr std::int64_t longest = 1 << 20;        // ticks, of some thousand firings
+        constexpr std::int64_t most_spinning = 1 << 15;  // ticks, of some hundred firings
         std::int64_t now = time_support::time_now();
         std::int64_t const begun = now;
         detail::spin_wait wait(_spin, detail::pace_for_net);
@@ -373,6 +399,9 @@ public:
                     return;
             } else if (stands_back && now - begun < longest) {
                 wait.extend(_spin);
+                // Another group's threads can't take over the firings of this one.
+                if (_net._groups == 1 && now - begun > most_spinning)
+                    Sleep(1);
             }
         }
         _net._mutex.acquire();
@@ -397,6 +426,11 @@ private:
         }
         if (!std::exchange(place->_is_offered, true))
             place->_next_offered = std::exchange(_offered, place);
+    }
+
+    void _push(detail::petri_call& call) {
+        call.next = _published.load(std::memory_order_relaxed);
+        while (!_published.compare_exchange_weak(call.next, &call)) {}
     }
 
     void _dispatch_among_callers();

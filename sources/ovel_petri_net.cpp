@@ -114,6 +114,7 @@ void petri_net::firing_work::operator()() {
     using detail::this_process;
     unsigned int const process = this_process();
     net._enter();
+    net._engine->arrive(*this);
     petri_transition* firing = net._next_firing(*this, nullptr);
     while (firing != nullptr) {
         unsigned int const begun = net._engine->ended();
@@ -121,10 +122,27 @@ void petri_net::firing_work::operator()() {
         assure(process == this_process());
         // The group sees one long work item here, and would flush only at its end.
         group->flush_allocator(true);
-        if (!net._mutex.try_acquire())
+        if (net._mutex.try_acquire()) {
+            firing = net._next_firing(*this, firing);
+        } else {
+            detail::petri_call end(*this, *firing);
+            net._engine->publish_end(end);
             net._engine->enter_contended(net._engine->ended() - begun < few_firings);
-        firing = net._next_firing(*this, firing);
+            // Another thread has committed the firing, or the dispatch does.
+            engine::resume(*this);
+            firing = net._next_firing(*this, nullptr);
+        }
     }
+}
+
+// Commits a firing that another thread has run.
+void petri_net::_end_firing(detail::petri_call const& end) {
+    try {
+        _engine->terminate(end.firing);
+    } catch (...) {
+        assure(("unexpected exception", 0));
+    }
+    _engine->give_back_for(*static_cast<firing_work*>(end.work), end.firing);
 }
 
 // On a thread of `of`: commits the firing that it has run, if any, and returns the one to
@@ -137,7 +155,9 @@ petri_transition* petri_net::_next_firing(firing_work& of, petri_transition* end
     } catch (...) {
         assure(("unexpected exception", 0));
     }
-    petri_transition* const next = _engine->next(of, ended);
+    if (ended != nullptr)
+        engine::give_back(of, ended);
+    petri_transition* const next = _engine->next(of);
     _leave();
     return next;
 }

@@ -293,11 +293,13 @@ private:
             occupants += each->_space != 0 ? here : 0;
             space -= here * each->_space;
         }
-        assure(running + crew._coming == crew._called && crew._called <= crew._threads);
+        assure(running + crew._coming + crew._resuming == crew._called);
+        assure(crew._called <= crew._threads);
         assure(occupants == crew._occupants);
         assure(occupants == 0 ? crew._space == crew._budget : std::abs(crew._space - space) < 1e-9);
         // Nothing that fits waits while a thread is idle and none is on its way.
-        assure(crew._coming || crew._called == crew._threads || !ready.fits(crew._space));
+        assure(crew._coming || crew._resuming != 0 || crew._called == crew._threads ||
+               !ready.fits(crew._space));
     }
 };
 
