@@ -12,7 +12,6 @@
 #include <pthread.h>
 
 #include <future>
-#include <set>
 
 struct ovel::detail::inspector {
     static bool activated(allocator const* subject) {
@@ -47,15 +46,6 @@ allocator* serving() {
 template <class Work>
 auto fresh(Work const& work) {
     return std::async(std::launch::async, work).get();
-}
-
-// Later threads get another allocator if one leaks or is given back twice.
-TEST(lending_test, threads_leave_no_more_allocators_than_were_alive_at_once) {
-    serving();
-    std::set<allocator*> seen;
-    for (int i = 0; i < 10'000; ++i)
-        std::thread([&] { seen.insert(serving()); }).join();
-    EXPECT_EQ(seen.size(), 1u);
 }
 
 TEST(lending_test, a_thread_that_only_frees_takes_no_memory) {
@@ -94,7 +84,8 @@ struct at_destructors {
     }
 };
 
-// Those of thread_local objects come before the library's, which gives the thread's allocator
+// Later threads get another allocator if one leaks or is given back twice. The destructors of
+// thread_local objects come before the library's, which gives the thread's allocator
 // back. That of a younger key finds the thread without an allocator.
 TEST(lending_test, destructors_of_a_thread_use_memory_and_leave_nothing) {
     pthread_key_t younger;
@@ -118,7 +109,6 @@ TEST(lending_test, destructors_of_a_thread_use_memory_and_leave_nothing) {
     fresh([&] {
         EXPECT_EQ(serving(), lent);
         EXPECT_NE(fresh(serving), lent);
-        return true;
     });
     pthread_key_delete(younger);
 }
@@ -138,7 +128,6 @@ TEST(lending_test, the_default_allocator_serves_one_thread_and_then_the_next) {
             EXPECT_EQ(serving(), group.specific_allocator());
             EXPECT_EQ(fresh(serving), first);
             group.release_allocator();
-            return true;
         });
         EXPECT_EQ(fresh(serving), first);
         EXPECT_NE(serving(), first);
@@ -149,7 +138,6 @@ TEST(lending_test, the_default_allocator_serves_one_thread_and_then_the_next) {
         group.specific_allocator(group.default_allocator());
         EXPECT_EQ(group.specific_allocator(), first);
         EXPECT_NE(serving(), first);
-        return true;
     });
 }
 
@@ -174,7 +162,6 @@ TEST(lending_test, what_a_thread_was_lent_becomes_its_own_and_is_given_back_once
         group.release_allocator();  // of what it was lent
         EXPECT_EQ(fresh(serving), lent);
         EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
-        return true;
     });
 }
 
@@ -196,7 +183,7 @@ TEST(lending_test, an_allocator_that_is_lent_can_be_switched_off_and_flushed) {
     group.flush_allocator(false);
     EXPECT_EQ(inspector::in_use(own), size - 128);
     EXPECT_EQ(fresh(serving), lent);
-    EXPECT_CHECK(fresh([&] { return group.activate_allocator(), true; }), "!_activated",
+    EXPECT_CHECK(fresh([&] { group.activate_allocator(); }), "!_activated",
                  "sources/ovel_allocator.cpp");
 }
 

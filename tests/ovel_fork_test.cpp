@@ -216,12 +216,8 @@ struct running {
     }
 
     ovel::semaphore never{0, 0}, ended{0, 0};
-    ovel::work<std::function<void()>> held{[&] {
-        never.acquire();
-    }};
-    ovel::work<std::function<void()>> quick{[&] {
-        ended.release();
-    }};
+    ovel::work<std::function<void()>> held{std::bind_front(&ovel::semaphore::acquire, &never)};
+    ovel::work<std::function<void()>> quick{std::bind_front(&ovel::semaphore::release, &ended)};
     ovel::thread_base own;
     ovel::thread lent, done;
     ovel::thread_group group{2, 0.0, 32768};

@@ -38,30 +38,24 @@ static_assert(!has_deadlines<lockable<ovel::mutex>>);
 template <class Duration>
 using system_point = std::chrono::time_point<std::chrono::system_clock, Duration>;
 
-// Three threads pass a turn around, each with another kind of lock that a wait accepts.
+// Another thread wakes the waiting one until the predicate holds.
 TEST(wait_test, a_predicate_decides_for_every_kind_of_lock) {
-    constexpr int rounds = 500;
     lockable<ovel::recursive_mutex> lock;
+    lockable<ovel::recursive_mutex&> view(lock);
     ovel::condition changed;
-    int turn = 0;
-    auto const threads = crew(3, [&](int member) {
-        lockable<ovel::recursive_mutex&> view(lock);
-        auto const play = [&](auto&& hold) {
-            for (int round = 0; round < rounds; ++round) {
-                hold.lock();
-                wait(changed, hold, [&] { return turn % 3 == member; });
-                ++turn;
-                hold.unlock();
-                changed.release_all();
-            }
-        };
-        if (member == 0)
-            play(lock);
-        else if (member == 1)
-            play(std::unique_lock(view, std::defer_lock));
-        else
-            play(std::unique_lock(lock, std::defer_lock));
+    std::jthread const waker([&](std::stop_token const& over) {
+        until([&] { return changed.release_all(), over.stop_requested(); });
     });
+    auto const waits = [&](auto&& hold) {
+        int looks = 0;
+        wait(changed, hold, [&] { return ++looks == 3; });
+        EXPECT_FALSE(elsewhere([&] { return lock.try_lock(); }));
+        hold.unlock();
+    };
+    lock.lock();
+    waits(lock);
+    waits(std::unique_lock(view));
+    waits(std::unique_lock(lock));
 }
 
 // What `attempt_until` waits for, in milliseconds, at attempt number `number`.
