@@ -96,8 +96,11 @@ public:
 private:
     friend struct detail::inspector;
 
-    bool _arrive(bool& last);
-    bool _leave();
+    timed_semaphore* _join_next_phase();
+    bool _withdraw_from_next_phase(timed_semaphore const& wait);
+    timed_semaphore& _current();
+    timed_semaphore& _arrive(bool& last);
+    bool _leave(timed_semaphore& wait);
 
     semaphore _lock;  // guards _count, _complete and _released; held briefly
     // The entrance, and the baton: taken from the thread that opens the barrier to the
@@ -106,8 +109,12 @@ private:
     unsigned int const _capacity;
     detail::atomic<unsigned int> _count{0};  // arrived and not left
     bool _complete = false;                  // from a phase's completion to its last departure
-    timed_semaphore _wait;
-    bool _released = false;  // from a `release_all` to the last departure
+    timed_semaphore _wait;                   // threads of even phases wait here
+    bool _released = false;                  // from a `release_all` to the last departure
+    // As in `barrier`. Written under `_lock`, except that arriving threads are counted, and
+    // withdraw, without it while a phase leaves.
+    detail::atomic<unsigned int> _next{0};
+    timed_semaphore _odd_wait;  // threads of odd phases wait here
 };
 
 }  // namespace ovel

@@ -6,14 +6,16 @@
 // `_wait` is posted or just taken. Only the thread that took it may pass it on; the thread
 // that brings `_count` to 0 reopens the entry instead.
 //
-// A thread that arrives at a plain barrier while a phase leaves waits for the next phase
-// at once, on that phase's own semaphore. The last thread that leaves counts it. So it is
-// woken once, to leave, and not also to come in. The thread that would complete the next
-// phase has to come in through `_lock`, because only then it can open the barrier.
+// A thread that arrives while a phase leaves waits for the next phase at once, on that
+// phase's own semaphore. The last thread that leaves counts it. So it is woken once, to
+// leave, and not also to come in. The thread that would complete the next phase has to come
+// in through the entry, because only then it can open the barrier.
 //
 // If a thread of a timed barrier gives up while its phase leaves, it withdraws and the
 // unit goes to one of the others. If there are no others, the unit was posted for this
-// thread: it takes the unit and reopens the entry.
+// thread: it takes the unit and reopens the entry. A thread that gives up while the phase
+// before its own still leaves takes itself off the count of the next phase, as if it had
+// never come.
 //
 // Lock order: `_entry`, then `_lock`.
 
@@ -25,10 +27,46 @@ namespace ovel {
 
 namespace {
 
-// The parts of `barrier::_next`.
+// The parts of `_next`.
 constexpr unsigned int leaving = 1;
 constexpr unsigned int odd = 2;
 constexpr unsigned int arrived = 4;  // for each thread
+
+// Counts the caller for the next phase of a barrier and returns that phase's semaphore.
+// Returns null if no phase leaves or if the caller would complete the next one.
+template <class Semaphore>
+Semaphore* join_next_phase(detail::atomic<unsigned int>& next, unsigned int capacity,
+                           Semaphore& even_wait, Semaphore& odd_wait) {
+    // Relaxed: a stale value sends the caller through the entry, or the exchange corrects it.
+    unsigned int state = next.load(std::memory_order_relaxed);
+    while ((state & leaving) != 0 && state / arrived + 1 < capacity) {
+        // Pairs with the exchange of the last thread that leaves.
+        if (next.compare_exchange_weak(state, state + arrived, std::memory_order_release,
+                                       std::memory_order_relaxed))
+            return (state & odd) != 0 ? &even_wait : &odd_wait;
+    }
+    return nullptr;
+}
+
+// Whether the current phase is odd. With `_lock` held.
+bool is_odd(detail::atomic<unsigned int> const& next) {
+    // Relaxed: a phase begins under `_lock`.
+    return (next.load(std::memory_order_relaxed) & odd) != 0;
+}
+
+// Begins to let the current phase leave. With `_lock` held.
+void begin_to_leave(detail::atomic<unsigned int>& next) {
+    // Relaxed, both: while no phase leaves, only this thread writes it, and a thread that
+    // does not see the mark yet goes through the entry.
+    next.store(next.load(std::memory_order_relaxed) | leaving, std::memory_order_relaxed);
+}
+
+// Ends a phase and begins the next one, which is odd if `odd_next`. Returns how many threads have
+// arrived for that. Acquires what they have written; the thread that completes the phase
+// gets it with `_lock`, which the caller holds.
+unsigned int begin_next_phase(detail::atomic<unsigned int>& next, bool odd_next) {
+    return next.exchange(odd_next ? odd : 0, std::memory_order_acquire) / arrived;
+}
 
 }  // namespace
 
@@ -44,27 +82,14 @@ bool barrier::acquire() {
     return acquire(last);
 }
 
-// Counts the caller for the next phase and returns that phase's semaphore. Returns null if
-// no phase leaves or if the caller would complete the next one.
 semaphore* barrier::_join_next_phase() {
-    // Relaxed: a stale value sends the caller through `_lock`, or the exchange corrects it.
-    unsigned int state = _next.load(std::memory_order_relaxed);
-    while ((state & leaving) != 0 && state / arrived + 1 < _capacity) {
-        // Pairs with the exchange of the last thread that leaves.
-        if (_next.compare_exchange_weak(state, state + arrived, std::memory_order_release,
-                                        std::memory_order_relaxed))
-            return (state & odd) != 0 ? &_wait : &_odd_wait;
-    }
-    return nullptr;
+    return join_next_phase(_next, _capacity, _wait, _odd_wait);
 }
 
 // Begins to let the current phase leave, and returns its semaphore. With `_lock` held.
 semaphore& barrier::_open() {
-    // Relaxed, both: while no phase leaves, only this thread writes it, and a thread that
-    // does not see the mark yet goes through `_lock`.
-    unsigned int const state = _next.load(std::memory_order_relaxed);
-    _next.store(state | leaving, std::memory_order_relaxed);
-    return (state & odd) != 0 ? _odd_wait : _wait;
+    begin_to_leave(_next);
+    return is_odd(_next) ? _odd_wait : _wait;
 }
 
 bool barrier::acquire(bool& last) {
@@ -77,8 +102,7 @@ bool barrier::acquire(bool& last) {
             _complete = true;
             wait = &_open();
         } else {
-            // Relaxed: the phase cannot change before this thread has left.
-            wait = (_next.load(std::memory_order_relaxed) & odd) != 0 ? &_odd_wait : &_wait;
+            wait = is_odd(_next) ? &_odd_wait : &_wait;
             _lock.release();
         }
     }
@@ -92,11 +116,7 @@ bool barrier::acquire(bool& last) {
         wait->release();
     } else {
         _complete = false;
-        // Acquires what the threads counted for the next phase have written. The thread
-        // that completes that phase gets it with `_lock`.
-        unsigned int const state =
-            _next.exchange(wait == &_wait ? odd : 0, std::memory_order_acquire);
-        _count.store(state / arrived, std::memory_order_relaxed);
+        _count.store(begin_next_phase(_next, wait == &_wait), std::memory_order_relaxed);
         _lock.release();
     }
     last = completes;
@@ -116,38 +136,67 @@ void barrier::release_all() {
 }
 
 timed_barrier::timed_barrier(unsigned int capacity, unsigned int spin)
-    : _lock(1, spin), _entry(1, spin), _capacity(capacity), _wait(0, spin) {}
+    : _lock(1, spin), _entry(1, spin), _capacity(capacity), _wait(0, spin), _odd_wait(0, spin) {}
 
 unsigned int timed_barrier::capacity() const {
     return _capacity;
 }
 
-// Counts the caller, who holds `_entry`, and takes `_lock`. Keeps both if that completes
-// the phase, and releases both if the caller has to wait.
-bool timed_barrier::_arrive(bool& last) {
+timed_semaphore* timed_barrier::_join_next_phase() {
+    return join_next_phase(_next, _capacity, _wait, _odd_wait);
+}
+
+// Takes a thread that joined the next phase, and gives up, off the count. Returns false if
+// that phase has begun meanwhile. It cannot end while the thread is counted, so the parity
+// tells the two phases apart.
+bool timed_barrier::_withdraw_from_next_phase(timed_semaphore const& wait) {
+    unsigned int const before = leaving | (&wait == &_wait ? odd : 0);
+    // Relaxed, all: a thread that withdraws publishes nothing, and the exchange corrects a
+    // stale value.
+    unsigned int state = _next.load(std::memory_order_relaxed);
+    while ((state & (leaving | odd)) == before) {
+        if (_next.compare_exchange_weak(state, state - arrived, std::memory_order_relaxed))
+            return true;
+    }
+    return false;
+}
+
+// The semaphore of the current phase. With `_lock` held.
+timed_semaphore& timed_barrier::_current() {
+    return is_odd(_next) ? _odd_wait : _wait;
+}
+
+// Counts the caller, who holds `_entry`, and takes `_lock`. Returns the semaphore of the
+// phase. Keeps both if that completes the phase, and releases both if the caller has to wait.
+timed_semaphore& timed_barrier::_arrive(bool& last) {
     _lock.acquire();
+    timed_semaphore& wait = _current();
     last = detail::add(_count, 1u) == _capacity;
     if (last) {
         _complete = true;
-        return true;
+        begin_to_leave(_next);
+    } else {
+        _lock.release();
+        _entry.release();
     }
-    _lock.release();
-    _entry.release();
-    return false;
+    return wait;
 }
 
 // Leaves a phase, with the baton and `_lock` held, and passes on the baton or reopens the
 // entry. Releases `_lock`.
-bool timed_barrier::_leave() {
+bool timed_barrier::_leave(timed_semaphore& wait) {
     bool const complete = _complete;
-    if (detail::add(_count, -1u) == 0) {
+    unsigned int const remain = _count.load(std::memory_order_relaxed) - 1;
+    if (remain != 0) {
+        _count.store(remain, std::memory_order_relaxed);
+        _lock.release();
+        wait.release();
+    } else {
         _complete = false;
         _released = false;
+        _count.store(begin_next_phase(_next, &wait == &_wait), std::memory_order_relaxed);
         _lock.release();
         _entry.release();
-    } else {
-        _lock.release();
-        _wait.release();
     }
     return complete;
 }
@@ -158,13 +207,17 @@ bool timed_barrier::acquire() {
 }
 
 bool timed_barrier::acquire(bool& last) {
-    _entry.acquire();
-    bool completes;
-    if (!_arrive(completes)) {
-        _wait.acquire();
+    bool completes = false;
+    timed_semaphore* wait = _join_next_phase();
+    if (wait == nullptr) {
+        _entry.acquire();
+        wait = &_arrive(completes);
+    }
+    if (!completes) {
+        wait->acquire();
         _lock.acquire();
     }
-    bool const complete = _leave();
+    bool const complete = _leave(*wait);
     last = completes;
     return complete;
 }
@@ -175,20 +228,27 @@ bool timed_barrier::timed_acquire(time const& deadline) {
 }
 
 bool timed_barrier::timed_acquire(bool& last, time const& deadline) {
-    if (!_entry.timed_acquire(deadline))
+    bool completes = false;
+    timed_semaphore* wait = _join_next_phase();
+    bool const joined = wait != nullptr;
+    if (!joined) {
+        if (!_entry.timed_acquire(deadline))
+            return false;
+        wait = &_arrive(completes);
+    }
+    bool const woken = completes || wait->timed_acquire(deadline);
+    if (!woken && joined && _withdraw_from_next_phase(*wait))
         return false;
-    bool completes;
-    bool const woken = _arrive(completes) || _wait.timed_acquire(deadline);
     if (!completes)
         _lock.acquire();
     bool complete;
     if (woken) {
-        complete = _leave();
+        complete = _leave(*wait);
     } else {
         complete = _complete;
         if ((_complete || _released) && _count.load(std::memory_order_relaxed) == 1) {
-            _wait.acquire();  // the last thread of a leaving phase takes its own unit
-            _leave();
+            wait->acquire();  // the last thread of a leaving phase takes its own unit
+            _leave(*wait);
         } else {
             detail::add(_count, -1u);
             _lock.release();
@@ -210,8 +270,10 @@ void timed_barrier::release_all() {
         return;
     }
     _released = true;
+    begin_to_leave(_next);
+    timed_semaphore& wait = _current();
     _lock.release();
-    _wait.release();
+    wait.release();
 }
 
 }  // namespace ovel

@@ -93,8 +93,8 @@ struct ovel::detail::inspector {
            _wait);
     LAYOUT(barrier, (1204, 1224), (0, 0), _lock, _capacity, _count, _complete, _wait, _next,
            _odd_wait);
-    LAYOUT(timed_barrier, (932, 952), (0, 0), _lock, _entry, _capacity, _count, _complete, _wait,
-           _released);
+    LAYOUT(timed_barrier, (1196, 1216), (0, 0), _lock, _entry, _capacity, _count, _complete, _wait,
+           _released, _next, _odd_wait);
     LAYOUT(thread_function, (132, 136), (4, 8), _before);
     LAYOUT(thread_base, (268, 280), (0, 0), _before, _stack_size, _thread, _function, _after);
     LAYOUT(time_server, (1596, 1624, 1600), (132, 136), _thread, _lock, _request, _reply, _reading);
