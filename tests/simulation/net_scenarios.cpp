@@ -228,17 +228,6 @@ struct line {
     unsigned int received[line_tokens] = {};
 };
 
-// A firing has ended while another thread was on its way to call one for it.
-void stops(unsigned int variant) {
-    accounts const books(variant);
-    line through(2);
-    through.send(0);
-    begin();
-    through.net.release();
-    client late([&] { through.send(1); });
-    through.net.acquire();
-}
-
 // Every token that is sent is received, each once, although senders and receivers
 // block and transitions are switched off meanwhile.
 void blocked_clients(unsigned int variant) {
@@ -386,12 +375,14 @@ void client_refusals(unsigned int) {
 }
 
 // A token enables more transitions than fit beside the queue, and there may be no memory to queue
-// the last: then it is still its sender's. Meanwhile a transition that waits for the net's first
-// dispatch takes the other token that all but the last need. The last fires when another one comes.
-void refusals_at_the_start(unsigned int) {
+// the last. Meanwhile a transition that waits for the net's first dispatch takes the other token
+// that all but the last need. The last fires when another token comes. A token that a typed place
+// could not send is still its sender's; in the second variant it may be there.
+void refusals_at_the_start(unsigned int variant) {
     accounts const books(0);
     expect_failure("(\"unexpected exception\", 0)");
-    using token = std::unique_ptr<int>;
+    using token = std::shared_ptr<int>;
+    bool const typed = variant == 0;
     net tested(1, 1.0, net_stack);
     auto const shared = tested.insert_place<token>("shared", 2);
     auto const scarce = tested.insert_place<int>("scarce", 1);
@@ -404,25 +395,31 @@ void refusals_at_the_start(unsigned int) {
     scarce.send(0);
     begin();
     tested.start();
-    refuse_blocks(1 + pick(8), pick(2) == 0 ? 1000 : 1 + pick(3));
-    auto mine = std::make_unique<int>(1);
-    bool const sent = attempt([&] { assure(shared.try_send(std::move(mine))); });
-    assure(sent == (mine == nullptr) && (sent || !shared.try_receive().has_value()));
+    refuse_blocks(1 + pick(8), typed && pick(2) == 0 ? 1000 : 1 + pick(3));
+    auto mine = std::make_shared<int>(1);
+    bool const sent = attempt([&] {
+        if (typed)
+            assure(shared.try_send(std::move(mine)));
+        else
+            tested.base().send(shared.base(), mine);
+    });
+    assure(!typed || (sent == (mine == nullptr) && (sent || !shared.try_receive().has_value())));
     refuse_blocks(0, 0);
-    assure(shared.try_send(std::make_unique<int>(2)));
+    shared.send(std::make_shared<int>(2));
     tested.join();
     inspector::expect_at_rest(tested.base(), [](petri_transition*) { return false; });
-    assure(taken == 2 + sent);
+    assure(taken == 2 + sent || (!typed && taken == 3));
 }
 
 registration const table{
     {.name = "net_of_any_structure_conserves_tokens", .run = random_nets, .variants = 4},
     {.name = "net_serves_blocked_senders_and_receivers", .run = blocked_clients, .variants = 2},
     {.name = "net_fires_side_by_side_what_fits", .run = firings_that_meet, .variants = 4},
-    {.name = "net_stops_after_the_last_call", .run = stops, .variants = 2},
     {.name = "net_clients_bear_refused_memory", .run = client_refusals},
     {.name = "net_bears_refused_memory", .run = net_refusals, .variants = 4},
-    {.name = "net_fires_later_what_it_could_not_queue", .run = refusals_at_the_start},
+    {.name = "net_fires_later_what_it_could_not_queue",
+     .run = refusals_at_the_start,
+     .variants = 2},
 };
 
 }  // namespace
