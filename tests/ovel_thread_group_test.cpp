@@ -42,11 +42,7 @@ TEST(worker_loop_test, it_runs_what_fits_and_ends_with_the_queue) {
         --used;
         ++ran;
     });
-    thread_base threads[2];
-    threads[0].schedule(first);
-    threads[1].schedule(second);
-    for (thread_base& each : threads)
-        each.release();
+    auto workers = crew(2, [&](int member) { member == 0 ? first() : second(); });
     for (int i = 0; i != 20; ++i) {
         lock.acquire();
         waiting.insert({&item, 1.0, 0.6});
@@ -54,8 +50,7 @@ TEST(worker_loop_test, it_runs_what_fits_and_ends_with_the_queue) {
         lock.release();
         changed.release_all();
     }
-    for (thread_base& each : threads)
-        each.acquire();
+    workers.clear();
     EXPECT_EQ(ran, 20);
     EXPECT_EQ(space, 1.0);
     EXPECT_FALSE(first.runs_caller());
