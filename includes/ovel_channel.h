@@ -15,6 +15,10 @@
 
 namespace ovel {
 
+namespace detail {
+class petri_port;
+}
+
 // A ring of tokens in a buffer that is allocated once. `send` copies a token in and
 // `receive` moves one out. Not synchronised and never waits: threads that share a channel
 // guard it with a lock and keep track of its free slots and tokens. Sending into a full
@@ -76,6 +80,7 @@ public:
     }
 
 private:
+    friend class detail::petri_port;
     friend struct detail::inspector;
 
     static any* _allocate(unsigned int capacity) {

@@ -424,6 +424,7 @@ inline explanation net_core::explain() {
     auto const hold = _hold();
     lockable view(_net._mutex);
     std::lock_guard const hold_net(view);
+    _net._count_moved();
     // Relaxed: the first changes under the lock, and the second as the net starts and stops.
     made.halted = _halted.load(std::memory_order_relaxed);
     made.running = _net._runner.load(std::memory_order_relaxed) != 0;

@@ -61,6 +61,7 @@ class enabled_transitions;
 class net_core;
 class petri_closing;
 class petri_crew;
+class petri_port;
 struct petri_call;
 
 // What ends a call of `net` that waits at a place, besides a token or a slot there. By default
@@ -134,6 +135,7 @@ private:
     friend class petri_net;
     friend class detail::net_core;
     friend class detail::petri_closing;
+    friend class detail::petri_port;
     friend struct detail::inspector;
     friend struct detail::petri_access;
 
@@ -254,6 +256,8 @@ private:
     bool _closes = false;     // closes once each transition that puts into it has ended
     bool _is_listed = false;  // is closed and to be looked at
     petri_place* _next_closed = nullptr;
+    // Owned; set once, under the net's mutex. Null until callers need one.
+    detail::atomic<detail::petri_port*> _port{nullptr};
 };
 
 // Connects a place and a transition in one direction. Its weight is the number of tokens
@@ -577,7 +581,9 @@ private:
 // and destroyed under the net's lock, so their code must not call the net; another thread
 // that uses the net at that time may run it. Transitions take what they can before callers
 // do, but every few gains of a place at which a caller is present go to callers first, so
-// that they are not starved. What a thread wrote before it sent a token is visible to the
+// that they are not starved. While the net fires, a caller that waits may be left asleep for
+// up to a millisecond until it finds several tokens, or slots, when it wakes up. What a
+// thread wrote before it sent a token is visible to the
 // firing or thread that takes the token.
 // Firing code that calls the blocking `send` on a full place, or `receive` on an empty
 // one, blocks a thread of its group, and for ever if no other firing makes room or a
@@ -735,6 +741,12 @@ private:
     detail::petri_outcome _complete_late(detail::petri_call& call);
     bool _perform(detail::petri_call& call);
     bool _carry_out(detail::petri_call& call);
+    template <class Attempt>
+    bool _pass(petri_place* place, bool may_wait, detail::petri_callers& callers,
+               Attempt const& attempt);
+    static void _remove_oldest(petri_place* place, any& token);
+    static void _peek_oldest(petri_place* place, any& token);
+    void _count_moved();
     void _receive(petri_place* place, any& token);
     void _send(petri_place* place, any const& token);
 

@@ -113,17 +113,18 @@ struct petri_callers {
     static constexpr unsigned int has_tried = 1;
     static constexpr unsigned int one_waiting = 2;
     static constexpr unsigned int tries_first = 1u << 30;
+    static constexpr unsigned int has_port = 1u << 29;
     static constexpr unsigned int is_closed = 1u << 31;
 
     // How many calls wait.
     unsigned int waiting() const {
-        return (present & ~(tries_first | is_closed)) / one_waiting;
+        return (present & ~(tries_first | has_port | is_closed)) / one_waiting;
     }
 
     // The sum of `one_waiting` for each call that waits, `has_tried` if one that does not wait
-    // found nothing, also `tries_first` if one that waits had the last turn nevertheless, and
-    // `is_closed` if the place is closed. At 0 the engine ignores what the place gains, as far
-    // as callers are concerned.
+    // found nothing, also `tries_first` if one that waits had the last turn nevertheless,
+    // `is_closed` if the place is closed, and `has_port` if some are served without the net's
+    // mutex. At 0 the engine ignores what the place gains, as far as callers are concerned.
     unsigned int present = 0;
     unsigned int passed = 0;     // gains since a caller that was present had its turn
     petri_call* last = nullptr;  // of a ring of calls that wait; the next one is the first

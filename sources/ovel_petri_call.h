@@ -31,6 +31,8 @@ namespace ovel::detail {
 // that ends it does not touch it again. A thread that is asleep returns after it has taken the
 // unit.
 struct petri_call {
+    static constexpr unsigned int longest_doze = 1;  // milliseconds
+
     enum class kind : unsigned char {
         peek,
         try_peek,
@@ -81,17 +83,22 @@ struct petri_call {
     petri_transition* const firing = nullptr;  // null for the calls of clients
     std::exception_ptr failure{};              // what the call throws
     petri_call* next;                          // in the list that it is in
-    HANDLE unit;                               // of a call asleep
+    // Whether it may be left asleep for `longest_doze` although it could be carried out. Written
+    // under the net's mutex. Relaxed: its own thread reads a hint.
+    atomic<bool> dozes{false};
+    HANDLE unit;  // of a call asleep
 };
 
 // Blocks until a call that is no longer open has ended. When its time is over, calls `withdraw`,
-// which ends it, or returns false if it has ended already. Polls at most `spin` times.
-template <class Withdraw>
-void await(petri_call& call, unsigned int spin, spin_memory& memory, Withdraw const& withdraw) {
+// which ends it, or returns false if it has ended already. Polls at most `spin` times. A call that
+// dozes has slept long enough when `hasten` is called.
+template <class Hasten, class Withdraw>
+void await(petri_call& call, unsigned int spin, spin_memory& memory, Hasten const& hasten,
+           Withdraw const& withdraw) {
     using state = petri_call::state;
     if (call.now.load() == state::ended)
         return;
-    if (memory.should_spin()) {
+    if (!call.dozes.load(std::memory_order_relaxed) && memory.should_spin()) {
         for (spin_wait wait(spin, pace_for_unit); !wait.is_over(); wait.pause())
             if (call.now.load() == state::ended) {
                 memory.has_succeeded();
@@ -107,13 +114,22 @@ void await(petri_call& call, unsigned int spin, spin_memory& memory, Withdraw co
             if (left == 0 && withdraw())
                 return;
             Sleep(1);
+            if (call.dozes.load(std::memory_order_relaxed))
+                hasten();
         }
         return;
     }
     state expected = state::waiting;
     // If the call has ended just before it is withdrawn, its unit is on the way.
-    if (call.now.compare_exchange_strong(expected, state::asleep) &&
-        WaitForSingleObject(call.unit, left) != WAIT_OBJECT_0 && !withdraw())
+    bool is_over = !call.now.compare_exchange_strong(expected, state::asleep);
+    if (!is_over && call.dozes.load(std::memory_order_relaxed)) {
+        is_over = WaitForSingleObject(call.unit, petri_call::longest_doze) == WAIT_OBJECT_0;
+        if (!is_over)
+            hasten();
+        if (left != INFINITE)
+            left -= petri_call::longest_doze;
+    }
+    if (!is_over && WaitForSingleObject(call.unit, left) != WAIT_OBJECT_0 && !withdraw())
         assure(WaitForSingleObject(call.unit, INFINITE) == WAIT_OBJECT_0);
     CloseHandle(call.unit);
 }

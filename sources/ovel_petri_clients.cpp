@@ -8,6 +8,7 @@
 #include "ovel_petri_change.h"
 #include "ovel_petri_engine.h"
 #include "ovel_petri_net.h"
+#include "ovel_petri_port.h"
 #include "ovel_spin_wait.h"
 
 #include <algorithm>
@@ -18,9 +19,18 @@ namespace ovel {
 using detail::petri_call;
 using detail::petri_callers;
 using detail::petri_outcome;
+using detail::petri_port;
 
 // Published calls are taken over once, so that this thread gets on with its own work.
 void petri_net::engine::_dispatch_among_callers() {
+    // Relaxed, as in `dispatch`.
+    if ((_news & (detail::for_callers | detail::for_closing)) == 0 &&
+        _published.load(std::memory_order_relaxed) == nullptr) {
+        if (is_running())
+            _dispatch();
+        if (_deferring == nullptr || _net._firings != 0)
+            return;
+    }
     for (bool is_first = true;; is_first = false) {
         bool const yields = _take_turns(is_first);
         if (yields) {
@@ -42,8 +52,11 @@ void petri_net::engine::_dispatch_among_callers() {
             _closing.settle(*this);
         }
         if ((_enabled.empty() || !is_running()) &&
-            (_news & (detail::for_callers | detail::for_closing)) == 0)
-            return;
+            (_news & (detail::for_callers | detail::for_closing)) == 0) {
+            if (_deferring == nullptr || (is_running() && _net._firings != 0))
+                return;
+            _list_deferring();
+        }
     }
 }
 
@@ -101,15 +114,119 @@ void petri_net::engine::_serve(petri_place* place) {
     while (_serve_one(place->_receivers) || _serve_one(place->_senders)) {}
     if (place->_closed)
         end_calls(place);
+    petri_port* const port = port_of(place);
+    if (port != nullptr && port->is_shut() &&
+        (place->_receivers.present & petri_callers::has_port) != 0 &&
+        !_needs_all_calls(place, port->is_inlet()))
+        port->open(port->is_inlet());
+}
+
+// The place of an open port has gained something: callers may move more, and what they have moved
+// is counted if the transition lacks tokens or slots.
+void petri_net::engine::_count_passed(petri_place* place) {
+    petri_port& port = *port_of(place);
+    if (port.is_shut())
+        return;
+    port.extend();
+    if (port.is_inlet()) {
+        unsigned int const before = place->tokens();
+        if (before < place->_consumers.most && port.count(false) != 0)
+            _enqueue_side(place->_consumers, before, place->tokens());
+    } else {
+        unsigned int const before = place->slots();
+        if (before < place->_producers.most && port.count(false) != 0)
+            _enqueue_side(place->_producers, before, place->slots());
+    }
+}
+
+// Gives the place a port if it may have one. Called when callers meet at the mutex, or wait.
+void petri_net::engine::_provide_port(petri_place* place) {
+    constexpr unsigned int least_capacity = 8;
+    if ((place->_receivers.present & petri_callers::has_port) != 0 || !is_running() ||
+        place->_closed || place->_capacity < least_capacity)
+        return;
+    auto const& consumers = place->_consumers.ends;
+    auto const& producers = place->_producers.ends;
+    bool const is_inlet = producers.begin() == producers.end();
+    auto const& ends = is_inlet ? consumers : producers;
+    if ((!is_inlet && consumers.begin() != consumers.end()) || ends.end() - ends.begin() != 1 ||
+        ends.begin()->reentrant || ends.begin()->inhibits)
+        return;
+    if (port_of(place) == nullptr) {
+        try {
+            place->_port = new petri_port(*place);
+        } catch (std::bad_alloc const&) {
+            return;
+        }
+    }
+    port_of(place)->open(is_inlet);
+    place->_receivers.present |= petri_callers::has_port;
+    place->_senders.present |= petri_callers::has_port;
+    shut_port(place);
+}
+
+void petri_net::engine::close_port(petri_place* place) {
+    if ((place->_receivers.present & petri_callers::has_port) == 0)
+        return;
+    petri_port& port = *port_of(place);
+    if (!port.is_shut())
+        port.count(true);
+    port.give_back();
+    place->_receivers.present &= ~petri_callers::has_port;
+    place->_senders.present &= ~petri_callers::has_port;
+}
+
+// Whether the port of the place has to be shut.
+bool petri_net::engine::_needs_all_calls(petri_place* place, bool is_inlet) {
+    petri_callers const& own = is_inlet ? place->_senders : place->_receivers;
+    petri_callers const& others = is_inlet ? place->_receivers : place->_senders;
+    if ((others.present & ~petri_callers::has_port) != 0 || own.waiting() != 0)
+        return true;
+    detail::petri_side const& side = is_inlet ? place->_consumers : place->_producers;
+    return side.ends.begin()->transition->_firing == 0 &&
+           (is_inlet ? place->tokens() : place->slots()) < side.most;
 }
 
 // Carries out the first of the calls that wait, if that is possible.
 bool petri_net::engine::_serve_one(petri_callers& callers) {
-    if (callers.last == nullptr || !_net._carry_out(*callers.last->next))
+    if (callers.last == nullptr || _defers(*callers.last->next) ||
+        !_net._carry_out(*callers.last->next))
         return false;
     callers.passed = 0;
     _end(*_unlink(callers, callers.last));
     return true;
+}
+
+// Whether a call that the place has something for is left asleep a little longer, so that its
+// thread finds a batch when it wakes up. Not if nothing fires: then nothing may follow.
+bool petri_net::engine::_defers(petri_call const& call) {
+    if (!call.dozes.load(std::memory_order_relaxed) || !is_running() || _net._firings == 0)
+        return false;
+    petri_place* const place = call.place;
+    petri_port& port = *port_of(place);
+    unsigned int const there = call.receives() ? place->tokens() : place->slots();
+    if (there == 0 || there >= port.batch() || place->_closed)
+        return false;
+    port.defer(_deferring);
+    _news |= detail::for_deferred;
+    return true;
+}
+
+void petri_net::engine::serve_dozing(petri_callers& callers) {
+    do {
+        if (callers.last != nullptr)
+            callers.last->next->dozes.store(false, std::memory_order_relaxed);
+    } while (_serve_one(callers));
+}
+
+// Lists the places at which calls were left asleep, to be served.
+void petri_net::engine::_list_deferring() {
+    _forget(detail::for_deferred);
+    while (_deferring != nullptr) {
+        petri_place* const place = _deferring;
+        _deferring = port_of(place)->end_deferring();
+        _list(place);
+    }
 }
 
 bool petri_net::engine::publish(petri_call& call) {
@@ -154,9 +271,10 @@ void petri_net::engine::_carry_out_published() {
             continue;
         }
         petri_callers& at = callers(call);
+        _provide_port(call.place);
         // Calls that wait have come earlier, but do not always go first.
         if (call.may_wait() || (at.present & petri_callers::tries_first) == 0)
-            while (_serve_one(at)) {}
+            serve_dozing(at);
         if (_net._carry_out(call)) {
             at.passed = 0;
             if (!call.may_wait())
@@ -183,6 +301,12 @@ bool petri_net::engine::wait_or_miss(petri_call& call) {
             at.present |= petri_callers::has_tried;
         return false;
     }
+    _provide_port(call.place);
+    bool const dozes =
+        (at.present & petri_callers::has_port) != 0 &&
+        port_of(call.place)->is_inlet() != call.receives() &&
+        (call.patience == nullptr || call.patience->milliseconds > petri_call::longest_doze);
+    call.dozes.store(dozes, std::memory_order_relaxed);
     if (at.last == nullptr)
         at.last = call.next = &call;
     else
@@ -279,7 +403,7 @@ void petri_net::_take(petri_place* place, any& token) {
         _engine->lost_slots(place);
         throw;
     }
-    place->receive(token);
+    _remove_oldest(place, token);
     _engine->lost_tokens(place);
 }
 
@@ -326,7 +450,16 @@ bool petri_net::_ended(petri_place* place) {
 unsigned int petri_net::_tokens(petri_place* place) {
     assure(!inherited());
     detail::guard const hold(_mutex);
-    return place->tokens();
+    petri_port const* const port = engine::port_of(place);
+    if (port == nullptr || port->is_shut())
+        return place->tokens();
+    return place->tokens() + (port->is_inlet() ? port->uncounted() : -port->uncounted());
+}
+
+void petri_net::_count_moved() {
+    for (petri_place* place : _places)
+        if (petri_port* const port = engine::port_of(place); port != nullptr && !port->is_shut())
+            port->count(true);
 }
 
 }  // namespace ovel

@@ -37,6 +37,7 @@ public:
     void close(petri_place* place, Engine& engine) {
         if (std::exchange(place->_closed, true))
             return;
+        engine.close_port(place);
         place->_receivers.present |= petri_callers::is_closed;
         place->_senders.present |= petri_callers::is_closed;
         engine.end_calls(place);

@@ -7,6 +7,7 @@
 #include "ovel_counter.h"
 #include "ovel_guard.h"
 #include "ovel_petri_callers.h"
+#include "ovel_petri_port.h"
 #include "ovel_process.h"
 
 #include <algorithm>
@@ -18,7 +19,10 @@ namespace ovel {
 petri_place::petri_place(unsigned int capacity)
     : _channel(capacity), _mutex(detail::current_spin()), _capacity(capacity) {}
 
-petri_place::~petri_place() = default;
+// Relaxed: no other thread uses it any more.
+petri_place::~petri_place() {
+    delete _port.load(std::memory_order_relaxed);
+}
 
 unsigned int petri_place::capacity() const {
     return _channel.capacity();

@@ -16,14 +16,16 @@ namespace ovel::detail {
 // What a thread handles before it releases a net's mutex, as bits of one byte: places that have
 // gained what callers want, closed places, transitions whose delay has begun, and callers that
 // are asleep although their calls have ended. Beside them, so that the usual way tests one byte:
-// that the net does not run, and that there was no memory to queue a transition.
+// that the net does not run, that there was no memory to queue a transition, and, until nothing
+// fires, that a call was left asleep that could be carried out.
 enum petri_news : unsigned char {
     for_callers = 1,
     for_closing = 2,
     for_clock = 4,
     for_sleepers = 8,
     not_running = 16,
-    missed = 32
+    missed = 32,
+    for_deferred = 64
 };
 
 // Transitions in the order of `skip_list_order<petri_transition*>`: the largest space

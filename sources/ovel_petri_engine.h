@@ -82,6 +82,7 @@
 #include "ovel_petri_closing.h"
 #include "ovel_petri_crew.h"
 #include "ovel_petri_enabled_transitions.h"
+#include "ovel_petri_port.h"
 #include "ovel_spin_wait.h"
 #include "ovel_thread_function.h"
 #include "ovel_thread_group.h"
@@ -243,11 +244,36 @@ public:
         at.passed = 0;
     }
 
+    // A call that dozes has done so for long enough, unless it has ended.
+    void hasten(detail::petri_call& call) {
+        call.dozes.store(false, std::memory_order_relaxed);
+        _list(call.place);
+    }
+
+    // Carries out the calls that wait on one side of a place, although they may doze.
+    void serve_dozing(detail::petri_callers& callers);
+
     // Ends a call that waits. Returns whether it did.
     bool withdraw(detail::petri_call& call);
 
     // Ends the calls that wait at the place and have no more reason to.
     void end_calls(petri_place* place);
+
+    // Shuts the port, which the place has, until the end of this hold of the mutex at least.
+    void shut_port(petri_place* place) {
+        detail::petri_port& port = *port_of(place);
+        if (port.is_shut())
+            return;
+        port.count(true);
+        _list(place);
+    }
+    // Ends the use of a port until callers are found to need one again.
+    void close_port(petri_place* place);
+
+    // Relaxed: it changes under the mutex.
+    static detail::petri_port* port_of(petri_place* place) {
+        return place->_port.load(std::memory_order_relaxed);
+    }
 
     static detail::petri_callers& callers(detail::petri_call& call) {
         return call.receives() ? call.place->_receivers : call.place->_senders;
@@ -419,14 +445,23 @@ private:
     // that the usual way stays short.
     [[gnu::noinline]] void _offer(petri_place* place, detail::petri_callers& to) {
         ++to.passed;
-        _news |= detail::for_callers;
+        if (port_of(place) != nullptr)
+            _count_passed(place);
         if (place->_closed) {
             _closing.look_again(place);
             _news |= detail::for_closing;
         }
+        _list(place);
+    }
+    void _list(petri_place* place) {
+        _news |= detail::for_callers;
         if (!std::exchange(place->_is_offered, true))
             place->_next_offered = std::exchange(_offered, place);
     }
+
+    void _count_passed(petri_place* place);
+    void _provide_port(petri_place* place);
+    static bool _needs_all_calls(petri_place* place, bool is_inlet);
 
     void _push(detail::petri_call& call) {
         call.next = _published.load(std::memory_order_relaxed);
@@ -439,6 +474,8 @@ private:
     void _serve_after_tries();
     void _serve(petri_place* place);
     bool _serve_one(detail::petri_callers& callers);
+    bool _defers(detail::petri_call const& call);
+    void _list_deferring();
     void _carry_out_published();
     void _end(detail::petri_call& call);
     static detail::petri_outcome _reason_to_end(detail::petri_call const& call);
@@ -573,6 +610,7 @@ private:
     detail::atomic<unsigned int> _ended = 0;  // written under the mutex
     // The last call that was published and is not taken over yet.
     detail::atomic<detail::petri_call*> _published = nullptr;
+    petri_place* _deferring = nullptr;  // the first of those that let a call doze on
     detail::petri_closing _closing;
     timed_condition _clock{0};  // the queue thread of a net with delays, with the mutex
 };

@@ -15,6 +15,7 @@
 #include "ovel_petri_call.h"
 #include "ovel_petri_change.h"
 #include "ovel_petri_engine.h"
+#include "ovel_petri_port.h"
 #include "ovel_process.h"
 #include "ovel_thread_support.h"
 #include "ovel_time.h"
@@ -176,6 +177,8 @@ void petri_queue_function::operator()() {
 bool petri_net::_await_rest() {
     change const hold(*this);
     if (_acquired && _engine->is_at_rest()) {
+        for (petri_place* place : _places)
+            _engine->close_port(place);
         _engine->stop();
         return true;
     }
@@ -394,10 +397,12 @@ void petri_net::_enqueue_initial_transitions() {
 [[gnu::always_inline]] inline bool petri_net::_perform(detail::petri_call& call) {
     using kind = detail::petri_call::kind;
     petri_place* const place = call.place;
+    if (engine::port_of(place) != nullptr)
+        _engine->shut_port(place);
     if (call.receives() ? !place->receive_enabled(1) : !place->send_enabled(1))
         return false;
     if (call.what <= kind::try_peek)
-        place->peek(*call.token);
+        _peek_oldest(place, *call.token);
     else if (call.what <= kind::try_receive)
         _receive(place, *call.token);
     else if (call.what <= kind::try_take)
@@ -428,6 +433,9 @@ bool petri_net::_carry_out(detail::petri_call& call) {
     assure(!inherited());
     if (_mutex.try_acquire()) {
         change const hold(*this, change::taken);
+        detail::petri_callers& at = engine::callers(call);
+        if (at.last != nullptr)
+            _engine->serve_dozing(at);
         if (_perform(call)) {
             if (call.is_try())
                 engine::found(call);
@@ -446,13 +454,47 @@ petri_outcome petri_net::_complete_late(detail::petri_call& call) {
         // All that is published is carried out before the mutex is free.
         change const hold(*this, change::taken);
     }
-    detail::await(call, _engine->_spin, engine::callers(call).memory, [&] {
-        change const hold(*this);
-        return _engine->withdraw(call);
-    });
+    detail::await(
+        call, _engine->_spin, engine::callers(call).memory,
+        [&] {
+            change const hold(*this);
+            _engine->hasten(call);
+        },
+        [&] {
+            change const hold(*this);
+            return _engine->withdraw(call);
+        });
     if (call.failure != nullptr)
         std::rethrow_exception(std::exchange(call.failure, nullptr));
     return call.outcome;
+}
+
+// Moves a token through the port of the place, if that is open, without the mutex.
+template <class Attempt>
+[[gnu::always_inline]] inline bool petri_net::_pass(petri_place* place, bool may_wait,
+                                                    detail::petri_callers& callers,
+                                                    Attempt const& attempt) {
+    assure(!inherited());
+    detail::petri_port* const port = place->_port.load(std::memory_order_acquire);
+    return port != nullptr &&
+           (attempt(*port) ||
+            (may_wait && port->await(_engine->_spin, callers.memory) && attempt(*port)));
+}
+
+// The port of the place is shut, if there is one.
+void petri_net::_remove_oldest(petri_place* place, any& token) {
+    detail::petri_port* const port = engine::port_of(place);
+    if (port != nullptr && port->has_boxed())
+        port->receive_boxed(token);
+    else
+        place->receive(token);
+}
+void petri_net::_peek_oldest(petri_place* place, any& token) {
+    detail::petri_port* const port = engine::port_of(place);
+    if (port != nullptr && port->has_boxed())
+        port->peek_boxed(token);
+    else
+        place->peek(token);
 }
 
 void petri_net::peek(petri_place* place, any& token) {
@@ -466,43 +508,79 @@ bool petri_net::try_peek(petri_place* place, any& token) {
 }
 
 void petri_net::receive(petri_place* place, any& token) {
+    if (_pass(place, true, place->_receivers,
+              [&](detail::petri_port& port) { return port.take(token); }))
+        return;
     detail::petri_call call(detail::petri_call::kind::receive, place, &token);
     _complete(call);
 }
 
 bool petri_net::try_receive(petri_place* place, any& token) {
+    if (_pass(place, false, place->_receivers,
+              [&](detail::petri_port& port) { return port.take(token); }))
+        return true;
     detail::petri_call call(detail::petri_call::kind::try_receive, place, &token);
     return _complete(call) == petri_outcome::done;
 }
 
 void petri_net::send(petri_place* place, any const& token) {
+    if (_pass(place, true, place->_senders, [&](detail::petri_port& port) {
+            return port.put([&](channel& box) { box.send(token); });
+        }))
+        return;
     detail::petri_call call(detail::petri_call::kind::send, place, const_cast<any*>(&token));
     _complete(call);
 }
 
 bool petri_net::try_send(petri_place* place, any const& token) {
+    if (_pass(place, false, place->_senders, [&](detail::petri_port& port) {
+            return port.put([&](channel& box) { box.send(token); });
+        }))
+        return true;
     detail::petri_call call(detail::petri_call::kind::try_send, place, const_cast<any*>(&token));
     return _complete(call) == petri_outcome::done;
 }
 
 petri_outcome petri_net::_receive_within(petri_place* place, any& token,
                                          detail::petri_patience const& patience) {
+    if (_pass(place, patience.milliseconds != 0, place->_receivers,
+              [&](detail::petri_port& port) { return port.take(token); }))
+        return petri_outcome::done;
     detail::petri_call call(detail::petri_call::kind::take, place, &token, &patience);
     return _complete(call);
 }
 
 bool petri_net::_try_take(petri_place* place, any& token) {
+    if (_pass(place, false, place->_receivers,
+              [&](detail::petri_port& port) { return port.take(token); }))
+        return true;
     detail::petri_call call(detail::petri_call::kind::try_take, place, &token);
     return _complete(call) == petri_outcome::done;
 }
 
 petri_outcome petri_net::_put_within(petri_place* place, maker make, void* from,
                                      detail::petri_patience const& patience) {
+    if (_pass(place, patience.milliseconds != 0, place->_senders, [&](detail::petri_port& port) {
+            return port.put([&](channel& box) {
+                any token;
+                make(token, from);
+                box.put(std::move(token));
+            });
+        }))
+        return petri_outcome::done;
     detail::petri_call call(detail::petri_call::kind::put, place, make, from, &patience);
     return _complete(call);
 }
 
 bool petri_net::_try_put(petri_place* place, maker make, void* from) {
+    if (_pass(place, false, place->_senders, [&](detail::petri_port& port) {
+            return port.put([&](channel& box) {
+                any token;
+                make(token, from);
+                box.put(std::move(token));
+            });
+        }))
+        return true;
     detail::petri_call call(detail::petri_call::kind::try_put, place, make, from);
     return _complete(call) == petri_outcome::done;
 }
@@ -512,7 +590,7 @@ bool petri_net::_try_put(petri_place* place, maker make, void* from) {
 void petri_net::_receive(petri_place* place, any& token) {
     unsigned int const slots = place->slots();
     place->reserve_receive(1);
-    place->receive(token);
+    _remove_oldest(place, token);
     place->commit_receive(1);
     _engine->lost_tokens(place);
     _engine->gained_slots(place, slots);

@@ -265,8 +265,11 @@ class Place(Printer):
         ):
             if int(self.value[field]) != 0:
                 counts += f", {int(self.value[field])} {what}"
+        # What has passed it since the last count is known only to the library.
+        if plain(self.value["_port"]) != 0:
+            counts += ", with a port"
         for field, what in (("_receivers", "receiving"), ("_senders", "sending")):
-            if waiting := (int(self.value[field]["present"]) & 0x7FFFFFFF) // 2:
+            if waiting := (int(self.value[field]["present"]) & 0x1FFFFFFF) // 2:
                 counts += f", {waiting} {what}"
         return counts
 
