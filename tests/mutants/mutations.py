@@ -52,10 +52,16 @@ _NO_CODE = re.compile(
 _BLOCK = re.compile(rf"\b(?:if|for|while|switch|catch|else|do|try|namespace|struct|class|enum)\b|\] ?\(|\]\(")
 
 
+def blanked(text, literals=True):
+    """The text with its comments, and its literals too, blanked out."""
+    return _NO_CODE.sub(lambda found: re.sub(r"[^\n]", " ", found.group())
+                        if literals or found.group().startswith("/") else found.group(), text)
+
+
 def code_of(lines):
     """The lines with comments, string and character literals and the lines that offer nothing blanked
     out, column by column."""
-    text = _NO_CODE.sub(lambda found: re.sub(r"[^\n]", " ", found.group()), "\n".join(lines))
+    text = blanked("\n".join(lines))
     result = []
     in_macro = False
     in_assertion = False
@@ -117,7 +123,8 @@ def mutations_of(code, following):
         if match.group(1) != match.group(2):
             found.append(("arguments", match.start(1), match.end(2),
                           f"{match.group(2)}, {match.group(1)}"))
-    if _STATEMENT.match(code) and not _NOT_A_STATEMENT.match(code):
+    if (_STATEMENT.match(code) and not _NOT_A_STATEMENT.match(code)
+            and code.count("(") == code.count(")")):
         start = len(code) - len(code.lstrip())
         found.append(("statement", start, len(code), "{}"))
     if _FUNCTION.match(code) and not _BLOCK.search(code) and following.strip() not in ("", "}"):
