@@ -130,50 +130,6 @@ void each_child_runs_once(unsigned int variant) {
     group.join();
 }
 
-// One scope, in work of the group, whose opener waits; children are put in by the opener, by
-// children on other threads, and by scopes in those.
-void no_thread_sleeps_beside_children(unsigned int variant) {
-    accounts const books(variant % 2 * 2);
-    unsigned int const thread_count = 2 + variant / 2;
-    begin();
-    work_group group(thread_count);
-    held_work held;
-    semaphore ready(0, 0);
-    unsigned int const direct = pick(4), by_child = 1 + pick(4);
-    held.left = direct + by_child;
-    settle();
-    group.run([&] {
-        task_scope here(group);
-        for (unsigned int i = 0; i != direct; ++i)
-            here.run(std::ref(held));
-        here.run([&] {
-            bool const inner = pick(2) == 0;
-            auto const fork = [&](task_scope& scope) {
-                for (unsigned int i = 0; i != by_child; ++i)
-                    scope.run(std::ref(held));
-            };
-            if (inner) {
-                task_scope nested(group);
-                fork(nested);
-                ready.release();
-                nested.wait();
-            } else {
-                fork(here);
-                ready.release();
-            }
-        });
-        here.wait();
-    });
-    // The opener comes to the last child when the others before it have been let go.
-    settle();
-    while (!ready.try_acquire()) {
-        held.go.release();
-        settle();
-    }
-    held.finish(thread_count);
-    group.join();
-}
-
 // Children are forked one by one, by a thread that runs none itself meanwhile. So no later child
 // wakes a thread that missed one because it was about to sleep or found other work.
 void each_child_finds_a_thread(unsigned int variant) {
@@ -247,9 +203,6 @@ void short_scopes_end(unsigned int variant) {
 
 registration const table{
     {.name = "scopes_run_each_child_once", .run = each_child_runs_once, .variants = 6},
-    {.name = "no_thread_sleeps_beside_children",
-     .run = no_thread_sleeps_beside_children,
-     .variants = 4},
     {.name = "each_child_finds_a_thread", .run = each_child_finds_a_thread, .variants = 6},
     {.name = "no_thread_sleeps_beside_items", .run = no_thread_sleeps_beside_items, .variants = 8},
     {.name = "short_scopes_end", .run = short_scopes_end, .variants = 2},
