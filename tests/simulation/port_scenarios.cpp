@@ -44,8 +44,10 @@ void ports(unsigned int variant) {
                 else
                     assure(in.send(sent));
             }
-            if (!stays)
+            if (!stays) {
                 in.close();
+                assure(!in.try_send(tokens));
+            }
         });
         client drains([&] {
             for (unsigned int least = 0; received != tokens; ++received) {
