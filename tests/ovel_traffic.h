@@ -88,12 +88,10 @@ inline void run_net() {
     pipeline.insert_transition("twice", ovel::from(in), ovel::to(out),
                                [](int number) { return 2 * number; });
     pipeline.start();
-    for (int i = 0; i != 4; ++i)
+    for (int i = 0; i != 4; ++i) {
         in.send(i);
-    int sum = 0;
-    for (int i = 0; i != 4; ++i)
-        sum += out.receive();
-    assure(sum == 12);
+        assure(out.receive() == 2 * i);
+    }
     pipeline.join();
 }
 

@@ -89,14 +89,14 @@ int main() {
     ovel::net pipeline;
     auto const words = pipeline.insert_place<std::string>("words", 4);
     auto const lengths = pipeline.insert_place<std::size_t>("a name that is long", 2);
-    auto const unused = pipeline.insert_place<int>("unused", 1);
+    [[maybe_unused]] auto const unused = pipeline.insert_place<int>("unused", 1);
     auto const measure = pipeline.insert_transition(
         "measure", from(words), to(lengths), [](std::string const& word) { return word.size(); });
     words.send("token");
     words.send("tokens");
     measure.deactivate();
-    ovel::petri_place* const words_base = words.base();
-    ovel::petri_transition* const measure_base = measure.base();
+    [[maybe_unused]] ovel::petri_place* const words_base = words.base();
+    [[maybe_unused]] ovel::petri_transition* const measure_base = measure.base();
 
     // One work item runs and another waits.
     ovel::semaphore begun(0, 0);
@@ -112,9 +112,6 @@ int main() {
 
     look();
 
-    static_cast<void>(unused);
-    static_cast<void>(words_base);
-    static_cast<void>(measure_base);
     go_on.release();
     group.join();
     running.acquire();
