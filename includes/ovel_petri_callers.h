@@ -60,7 +60,6 @@ public:
         // Lets the thread in at once, unless some are kept out.
         blocked(net_callers& in, kind of)
             : _in(in), _word(in._word(of)), _begun(in._releases.load()) {
-            in.note_process();
             unsigned int now = _word.load();
             while ((now & is_shut) == 0)
                 if (_word.compare_exchange_weak(now, now + one)) {
@@ -148,16 +147,24 @@ public:
         return _receivers.load() / one + _senders.load() / one;
     }
 
-    // The process that has made the net or started it last, or that of the last thread that
-    // came to block.
+    // The process whose threads may use the net's places: the one that has made it, or its fork.
     unsigned int process() const {
-        // Relaxed: it matters in a fork, whose only thread sees all of it.
+        // Relaxed: it changes in a fork only, where a thread that misses the change looks again.
         return _process.load(std::memory_order_relaxed);
     }
-    void note_process() {
+    // Called by each thread that comes. Returns false in a fork whose parent had threads blocked
+    // there: their calls are still listed, but nobody will take what they get.
+    bool note_process() {
         unsigned int const now = process_number();
-        if (process() != now)
-            _process.store(now, std::memory_order_relaxed);
+        unsigned int before = process();
+        if (before == now)
+            return true;
+        // Threads of the fork block after one of them has changed the process. So a count from
+        // before that is the parent's alone.
+        if (count() != 0 && _process.load() == before)
+            return false;
+        _process.compare_exchange_strong(before, now);
+        return true;
     }
 
     // In a fork: whether its parent has threads that are blocked, or one that holds the lock.

@@ -41,9 +41,8 @@ public:
     ~net_core() {
         if (_net.inherited())
             return;
-        unsigned int const process = _callers.process();
-        if (process != process_number() && (_callers.are_inherited() || !_is_free())) {
-            _net._runner.store(process, std::memory_order_relaxed);  // abandons the net
+        if (_callers.process() != process_number() && (_callers.are_inherited() || !_is_free())) {
+            _abandon();
             return;
         }
         halt(true);
@@ -98,12 +97,15 @@ public:
     template <class Limit>
     bool put(place_record& to, maker make, void* value, Limit const& limit);
     bool try_receive(place_record& from, any& token) {
+        _note_process();
         return _net._try_take(from.element, token);
     }
     bool try_put(place_record& to, maker make, void* value) {
+        _note_process();
         return _net._try_put(to.element, make, value);
     }
     void close(place_record& closed) {
+        _note_process();
         _net._close(closed.element);
     }
     bool ended(place_record& asked) {
@@ -154,6 +156,15 @@ private:
     }
     void _deactivate();
     void _end();
+
+    void _note_process() {
+        if (!_callers.note_process()) [[unlikely]]
+            _abandon();
+    }
+    // In a fork: the net is its parent's from now on, which its operations check.
+    void _abandon() {
+        _net._runner.store(_callers.process(), std::memory_order_relaxed);
+    }
 
     // In a fork: whether no thread of its parent held the net's mutex.
     bool _is_free() {
@@ -244,7 +255,7 @@ inline void net_core::deactivate(transition_record& deactivated) {
 }
 
 inline void net_core::start() {
-    _callers.note_process();
+    _note_process();
     {
         auto const hold = _hold();
         if (_callers.has_failed())
@@ -350,6 +361,7 @@ inline void net_core::_deactivate() {
 template <class Limit, class Attempt>
 petri_outcome net_core::_complete(place_record& at, net_callers::kind of, Limit const& limit,
                                   Attempt const& attempt) {
+    _note_process();
     if (std::is_same_v<Limit, without_limit> && !trace::recorder::_is_active()) {
         net_callers::blocked const counted(_callers, of);
         if (counted.is_let_in()) {

@@ -116,6 +116,9 @@ struct petri_callers {
     static constexpr unsigned int has_port = 1u << 29;
     static constexpr unsigned int is_closed = 1u << 31;
 
+    // More are not counted.
+    static constexpr unsigned int most_misses = 16;
+
     // How many calls wait.
     unsigned int waiting() const {
         return (present & ~(tries_first | has_port | is_closed)) / one_waiting;
@@ -129,6 +132,14 @@ struct petri_callers {
     unsigned int passed = 0;     // gains since a caller that was present had its turn
     petri_call* last = nullptr;  // of a ring of calls that wait; the next one is the first
     spin_memory memory;          // of threads that wait
+    unsigned int misses = 0;     // calls that do not wait have found nothing so often, and had no
+                                 // chance for it; not 0 with `has_tried`
+
+    void count_miss() {
+        present |= has_tried;
+        if (misses != most_misses)
+            ++misses;
+    }
 };
 
 }  // namespace detail

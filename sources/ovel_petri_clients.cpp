@@ -32,14 +32,14 @@ void petri_net::engine::_dispatch_among_callers() {
             return;
     }
     for (bool is_first = true;; is_first = false) {
-        bool const yields = _take_turns(is_first);
-        if (yields) {
+        bool const is_their_chance = _take_turns(is_first);
+        if (is_their_chance) {
             _carry_out_published();
-            _serve_after_tries();
+            _end_chance();
         }
         if (is_running())
             _dispatch();
-        if (is_first && !yields) {
+        if (is_first && !is_their_chance) {
             _carry_out_published();
             if (is_running())
                 _dispatch();
@@ -60,14 +60,16 @@ void petri_net::engine::_dispatch_among_callers() {
     }
 }
 
-// Returns whether callers that do not wait should get their chance; they have then had a moment
-// to publish their calls. One that shares the processor with this thread may not get that moment
-// before this thread has run for as long as it did. So until one has come, each further gain is a
-// chance, up to a limit.
+// Returns whether calls that do not wait should get their chance. Those of a thread that tries
+// again and again have then had a moment to be published: each time that it found nothing earns
+// it one such moment. It needs some if it shares its processor with this thread or with others,
+// since it runs again only after they have run for as long as it did. The call of a thread that
+// has tried once is carried out only if it is there, so that the net does not wait for one that
+// may never come.
 bool petri_net::engine::_take_turns(bool is_first) {
-    constexpr unsigned int most_chances = 32;
     constexpr unsigned int most_pauses = 16;
-    bool yields = false;
+    bool is_their_chance = false;
+    bool waits = false;
     unsigned int pauses = 0;
     for (petri_place* place = _offered; place != nullptr; place = place->_next_offered)
         for (petri_callers* each : {&place->_receivers, &place->_senders}) {
@@ -76,33 +78,40 @@ bool petri_net::engine::_take_turns(bool is_first) {
             bool const has_tried = (each->present & petri_callers::has_tried) != 0;
             // A gain that no transition wants is still there when the call comes.
             bool const is_chance = has_tried && is_first && is_running() && !_enabled.empty();
+            bool const tries_first = is_chance && (each->present & petri_callers::tries_first) != 0;
+            if (!tries_first) {
+                if (!has_tried || each->passed >= most_passed + petri_callers::most_misses)
+                    _forget_tries(*each);
+                if (_serve_one(*each)) {
+                    if ((each->present & petri_callers::has_tried) != 0)
+                        each->present |= petri_callers::tries_first;
+                    continue;
+                }
+            }
             if (is_chance) {
-                yields = true;
+                is_their_chance = true;
+                waits = waits || each->misses > 1;
                 if (each->passed == most_passed)
                     pauses = most_pauses;
-                if ((each->present & petri_callers::tries_first) != 0)
-                    continue;
             }
-            if (!has_tried || each->passed >= most_passed + most_chances) {
-                each->present &= ~(petri_callers::has_tried | petri_callers::tries_first);
-                each->passed = 0;
-            }
-            if (_serve_one(*each) && (each->present & petri_callers::has_tried) != 0)
-                each->present |= petri_callers::tries_first;
         }
-    if (yields)
+    if (waits)
         _await_published(pauses);
-    return yields;
+    return is_their_chance;
 }
 
-// Carries out calls that wait and have let those that do not wait go first.
-void petri_net::engine::_serve_after_tries() {
+// Ends a chance of calls that do not wait, and carries out those that have let them go first.
+void petri_net::engine::_end_chance() {
     for (petri_place* place = _offered; place != nullptr; place = place->_next_offered)
-        for (petri_callers* each : {&place->_receivers, &place->_senders})
-            if (each->passed >= most_passed && (each->present & petri_callers::tries_first) != 0) {
-                each->present &= ~(petri_callers::has_tried | petri_callers::tries_first);
+        for (petri_callers* each : {&place->_receivers, &place->_senders}) {
+            if (each->passed < most_passed || (each->present & petri_callers::has_tried) == 0)
+                continue;
+            bool const tries_first = (each->present & petri_callers::tries_first) != 0;
+            if (--each->misses == 0)
+                _forget_tries(*each);
+            if (tries_first)
                 _serve_one(*each);
-            }
+        }
 }
 
 // Serves all callers that the place has something for, and ends the calls that can't be.
@@ -289,7 +298,7 @@ void petri_net::engine::_carry_out_published() {
 bool petri_net::engine::wait_or_miss(petri_call& call) {
     petri_callers& at = callers(call);
     if (call.is_try()) {
-        at.present |= petri_callers::has_tried;
+        at.count_miss();
         return false;
     }
     call.outcome = _reason_to_end(call);
@@ -298,7 +307,7 @@ bool petri_net::engine::wait_or_miss(petri_call& call) {
     if (!call.may_wait()) {
         // Before a call that waits comes one that does not, without a reason to end.
         if (call.patience->releases != nullptr)
-            at.present |= petri_callers::has_tried;
+            at.count_miss();
         return false;
     }
     _provide_port(call.place);

@@ -238,10 +238,8 @@ public:
     // A call that never waits has been carried out: its place owes such callers no chance.
     static void found(detail::petri_call& call) {
         detail::petri_callers& at = callers(call);
-        if ((at.present & detail::petri_callers::has_tried) == 0)
-            return;
-        at.present &= ~(detail::petri_callers::has_tried | detail::petri_callers::tries_first);
-        at.passed = 0;
+        if ((at.present & detail::petri_callers::has_tried) != 0)
+            _forget_tries(at);
     }
 
     // A call that dozes has done so for long enough, unless it has ended.
@@ -471,7 +469,11 @@ private:
     void _dispatch_among_callers();
     bool _take_turns(bool is_first);
     void _await_published(unsigned int pauses);
-    void _serve_after_tries();
+    void _end_chance();
+    static void _forget_tries(detail::petri_callers& at) {
+        at.present &= ~(detail::petri_callers::has_tried | detail::petri_callers::tries_first);
+        at.passed = at.misses = 0;
+    }
     void _serve(petri_place* place);
     bool _serve_one(detail::petri_callers& callers);
     bool _defers(detail::petri_call const& call);

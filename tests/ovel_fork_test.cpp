@@ -279,6 +279,35 @@ TEST(fork_death_test, using_what_runs_in_the_parent_fails_a_check) {
     EXPECT_CHECK(wait_for_children(), "!crew.inherited()", "includes/ovel_parallel.h");
 }
 
+// Also if it does not run: the calls of the parent's threads are still listed.
+TEST(fork_death_test, using_a_net_that_blocks_threads_of_the_parent_fails_a_check) {
+    struct blocking {
+        ovel::net net{1};
+        ovel::place<int> place = net.insert_place<int>("place", 1);
+        ovel::place<int> other = net.insert_place<int>("other", 1);
+        std::jthread caller{[this] {
+            place.receive();
+        }};
+    };
+    void (*const uses[])(blocking&) = {
+        [](blocking& of) { of.place.send(1); },
+        [](blocking& of) { std::ignore = of.other.receive_until(1ms); },
+        [](blocking& of) { std::ignore = of.other.try_receive(); },
+        [](blocking& of) { std::ignore = of.other.try_send(1); },
+        [](blocking& of) { of.place.close(); },
+    };
+    for (auto const use : uses) {
+        auto const misuse = [use] {
+            auto* const parent = new blocking;
+            until([&] { return ovel::detail::inspector::blocked(parent->net) == 1; });
+            fork_and_return();
+            use(*parent);
+            std::_Exit(0);
+        };
+        EXPECT_CHECK(misuse(), "!inherited()", "sources/ovel_petri_net.cpp");
+    }
+}
+
 TEST(fork_death_test, work_of_the_parent_that_returns_in_the_child_fails_a_check) {
     auto const in_group = [] {
         ovel::work job(fork_and_return);
