@@ -65,6 +65,7 @@ TEST(petri_test, a_failed_net_keeps_its_tokens_and_its_first_failure_even_if_non
     net tested(2);
     auto const jobs = tested.insert_place<fragile>("jobs", 4);
     auto const full = tested.insert_place<fragile>("full", 2);
+    EXPECT_EQ(full.capacity(), 2u);
     tested.insert_transition("work", from(jobs.times(2)), [jobs](firing& now) {
         now.take(jobs);
         fragile::copies_left = 0;

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cstdio>
+#include <fstream>
 #include <map>
 
 namespace trace = ovel::trace;
@@ -12,9 +14,11 @@ using json = nlohmann::json;
 namespace {
 
 json written(trace::recorder const& recorded) {
-    std::string text;
-    recorded.write([&](std::string_view piece) { text += piece; });
-    return json::parse(text);
+    char const* const file = "ovel_trace_test.json";
+    EXPECT_TRUE(recorded.save(file));
+    json const read = json::parse(std::ifstream(file));
+    std::remove(file);
+    return read;
 }
 
 // Each thread fills more than one piece of its buffer while another reads.
@@ -50,6 +54,7 @@ TEST(trace_test, each_thread_keeps_its_scopes_in_order_while_others_read) {
             continue;
         }
         ASSERT_EQ(each["ph"], "X");
+        ASSERT_GE(each["ts"], 0);
         ASSERT_GE(each["dur"], 0);
         ++kinds[name + " " + each["cat"].get<std::string>()];
         if (name == "inner")
@@ -61,6 +66,7 @@ TEST(trace_test, each_thread_keeps_its_scopes_in_order_while_others_read) {
                                                  {"inner wait", threads * scopes},
                                                  {"outer \"\\\n firing", threads * scopes}}));
     EXPECT_EQ(recorded.dropped(), 0U);
+    EXPECT_FALSE(recorded.save("no_such_folder/trace.json"));
 }
 
 TEST(trace_test, a_recorder_keeps_the_first_scopes_that_began_while_it_recorded) {
