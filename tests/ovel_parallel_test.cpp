@@ -377,6 +377,8 @@ TEST(task_scope_test, misuse_fails_the_checks) {
     };
     EXPECT_CHECK(in_work(&work_group::wait), "!_runs_caller()", "includes/ovel_work.h");
     EXPECT_CHECK(in_work(&work_group::join), "!_runs_caller()", "includes/ovel_work.h");
+    EXPECT_CHECK(group.run([] {}, {.space = 0.5}), "time_ > 0 && space_ >= 0 && space_ <= _space",
+                 "sources/ovel_thread_group.cpp");
     // The group's only thread waits for a child that this thread runs.
     auto const in_a_grandchild = [] {
         work_group alone(1);
