@@ -111,10 +111,10 @@ struct ovel::detail::inspector {
            _after);
     LAYOUT(any, (4, 8), (0, 0), _content);
     LAYOUT(channel, (24, 40), (0, 0), _capacity, _size, _begin, _end, _back, _front);
-    LAYOUT(petri_place, (792, 880), (0, 0), _before, _channel, _between, _size, _receive_size,
+    LAYOUT(petri_place, (804, 888), (0, 0), _before, _channel, _between, _size, _receive_size,
            _send_size, _receive_skip, _send_skip, _arcs, _mutex, _capacity, _consumers, _producers,
            _runner, _receivers, _senders, _next_offered, _is_offered, _closed, _closes, _is_listed,
-           _next_closed);
+           _next_closed, _port);
     // `offsetof` does not accept references: the fields behind one have a line of their own.
     LAYOUT(petri_arc, (20, 40), (0, 0), _input, _place, _transition);
     LAYOUT(petri_arc, (20, 40), (16, 32), _size);
