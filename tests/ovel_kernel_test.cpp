@@ -215,7 +215,10 @@ TEST(slot_test, a_slot_handed_out_again_reads_null) {
 // binds every thread, existing or future.
 TEST(processor_test, a_mask_binds_a_thread_or_all_of_the_process) {
     static HANDLE const go = make_semaphore(1);
+    static std::atomic<int> begun;
+    begun = 0;
     auto const entry = [](void* processors) {
+        ++begun;
         take(go, INFINITE);
         static_cast<processor_set*>(processors)->read(0);
         return 0u;
@@ -237,7 +240,20 @@ TEST(processor_test, a_mask_binds_a_thread_or_all_of_the_process) {
     join(old_thread);
     join(new_thread);
     EXPECT_TRUE(before.within(here) && after.within(here));
+    // The program itself may move a thread out of the process's mask.
+    processor_set others;
+    for (int processor = 0; processor < processor_set::limit; ++processor)
+        if (every.has(processor) && !here.has(processor))
+            others.add(processor);
+    if (others.apply(0)) {
+        EXPECT_EQ(SetThreadAffinityMask(GetCurrentThread(), one), one);
+    }
+    HANDLE const widened = start(entry, &free);
+    until([] { return begun == 4; });
     EXPECT_NE(SetProcessAffinityMask(GetCurrentProcess(), all), 0);
+    ReleaseSemaphore(go, 1, nullptr);
+    join(widened);
+    EXPECT_TRUE(every.within(free));
     EXPECT_EQ(SetThreadAffinityMask(GetCurrentThread(), all), all);
 }
 
