@@ -581,10 +581,10 @@ private:
 // and destroyed under the net's lock, so their code must not call the net; another thread
 // that uses the net at that time may run it. Transitions take what they can before callers
 // do, but every few gains of a place at which a caller is present go to callers first, so
-// that they are not starved. While the net fires, a caller that waits may be left asleep for
-// up to a millisecond until it finds several tokens, or slots, when it wakes up. What a
-// thread wrote before it sent a token is visible to the
-// firing or thread that takes the token.
+// that they are not starved. While the transition at a place goes on firing, a caller that waits
+// there may be left asleep for up to a millisecond until it finds several tokens, or slots, when
+// it wakes up. What a thread wrote before it sent a token is visible to the firing or thread that
+// takes the token.
 // Firing code that calls the blocking `send` on a full place, or `receive` on an empty
 // one, blocks a thread of its group, and for ever if no other firing makes room or a
 // token.

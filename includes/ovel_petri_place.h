@@ -29,8 +29,8 @@ namespace ovel {
 //
 // Transitions take what they can before the threads outside do, but every few gains of a
 // place at which such a thread waits, or tries without a pause, go to those threads first.
-// While the net fires, a thread that waits may be left asleep for up to a millisecond until it
-// finds several tokens, or slots, when it wakes up.
+// While the transition at a place goes on firing, a thread that waits there may be left asleep
+// for up to a millisecond until it finds several tokens, or slots, when it wakes up.
 //
 // A firing body has `firing` for its own places. A body that sends by hand to a full place,
 // or receives from an empty one, blocks a thread of its net meanwhile, and for ever if no

@@ -28,7 +28,7 @@ void petri_net::engine::_dispatch_among_callers() {
         _published.load(std::memory_order_relaxed) == nullptr) {
         if (is_running())
             _dispatch();
-        if (_deferring == nullptr || _net._firings != 0)
+        if (!_list_deferring())
             return;
     }
     for (bool is_first = true;; is_first = false) {
@@ -53,9 +53,8 @@ void petri_net::engine::_dispatch_among_callers() {
         }
         if ((_enabled.empty() || !is_running()) &&
             (_news & (detail::for_callers | detail::for_closing)) == 0) {
-            if (_deferring == nullptr || (is_running() && _net._firings != 0))
+            if (!_list_deferring())
                 return;
-            _list_deferring();
         }
     }
 }
@@ -206,12 +205,20 @@ bool petri_net::engine::_serve_one(petri_callers& callers) {
     return true;
 }
 
+// Whether more follows at a port soon: its transition fires, or is about to.
+bool petri_net::engine::_goes_on(petri_place* place) {
+    detail::petri_side const& side =
+        port_of(place)->is_inlet() ? place->_consumers : place->_producers;
+    petri_transition const* const transition = side.ends.begin()->transition;
+    return is_running() && (transition->_firing != 0 || transition->queued());
+}
+
 // Whether a call that the place has something for is left asleep a little longer, so that its
-// thread finds a batch when it wakes up. Not if nothing fires: then nothing may follow.
+// thread finds a batch when it wakes up.
 bool petri_net::engine::_defers(petri_call const& call) {
-    if (!call.dozes.load(std::memory_order_relaxed) || !is_running() || _net._firings == 0)
-        return false;
     petri_place* const place = call.place;
+    if (!call.dozes.load(std::memory_order_relaxed) || !_goes_on(place))
+        return false;
     petri_port& port = *port_of(place);
     unsigned int const there = call.receives() ? place->tokens() : place->slots();
     if (there == 0 || there >= port.batch() || place->_closed)
@@ -228,14 +235,24 @@ void petri_net::engine::serve_dozing(petri_callers& callers) {
     } while (_serve_one(callers));
 }
 
-// Lists the places at which calls were left asleep, to be served.
-void petri_net::engine::_list_deferring() {
-    _forget(detail::for_deferred);
-    while (_deferring != nullptr) {
-        petri_place* const place = _deferring;
-        _deferring = port_of(place)->end_deferring();
-        _list(place);
+// Lists the places at which calls were left asleep and where nothing more follows, to be served.
+// Returns whether there are any.
+bool petri_net::engine::_list_deferring() {
+    bool are_any = false;
+    petri_place* next = std::exchange(_deferring, nullptr);
+    while (next != nullptr) {
+        petri_place* const place = next;
+        next = port_of(place)->end_deferring();
+        if (_goes_on(place)) {
+            port_of(place)->defer(_deferring);
+        } else {
+            _list(place);
+            are_any = true;
+        }
     }
+    if (_deferring == nullptr)
+        _forget(detail::for_deferred);
+    return are_any;
 }
 
 bool petri_net::engine::publish(petri_call& call) {

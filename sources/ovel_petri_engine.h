@@ -477,7 +477,8 @@ private:
     void _serve(petri_place* place);
     bool _serve_one(detail::petri_callers& callers);
     bool _defers(detail::petri_call const& call);
-    void _list_deferring();
+    bool _goes_on(petri_place* place);
+    bool _list_deferring();
     void _carry_out_published();
     void _end(detail::petri_call& call);
     static detail::petri_outcome _reason_to_end(detail::petri_call const& call);
