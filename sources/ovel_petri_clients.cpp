@@ -126,7 +126,7 @@ void petri_net::engine::_serve(petri_place* place) {
     if (port != nullptr && port->is_shut() &&
         (place->_receivers.present & petri_callers::has_port) != 0 &&
         !_needs_all_calls(place, port->is_inlet()))
-        port->open(port->is_inlet());
+        port->open();
 }
 
 // The place of an open port has gained something: callers may move more, and what they have moved
@@ -138,11 +138,11 @@ void petri_net::engine::_count_passed(petri_place* place) {
     port.extend();
     if (port.is_inlet()) {
         unsigned int const before = place->tokens();
-        if (before < place->_consumers.most && port.count(false) != 0)
+        if (before < place->_consumers.most && port.count(place->_consumers.most) != 0)
             _enqueue_side(place->_consumers, before, place->tokens());
     } else {
         unsigned int const before = place->slots();
-        if (before < place->_producers.most && port.count(false) != 0)
+        if (before < place->_producers.most && port.count(place->_producers.most) != 0)
             _enqueue_side(place->_producers, before, place->slots());
     }
 }
@@ -167,10 +167,11 @@ void petri_net::engine::_provide_port(petri_place* place) {
             return;
         }
     }
-    port_of(place)->open(is_inlet);
+    // Opened once the place is served, if it may be.
+    port_of(place)->make(is_inlet);
     place->_receivers.present |= petri_callers::has_port;
     place->_senders.present |= petri_callers::has_port;
-    shut_port(place);
+    _list(place);
 }
 
 void petri_net::engine::close_port(petri_place* place) {
@@ -178,7 +179,7 @@ void petri_net::engine::close_port(petri_place* place) {
         return;
     petri_port& port = *port_of(place);
     if (!port.is_shut())
-        port.count(true);
+        port.count(petri_port::shuts);
     port.give_back();
     place->_receivers.present &= ~petri_callers::has_port;
     place->_senders.present &= ~petri_callers::has_port;
@@ -203,14 +204,6 @@ bool petri_net::engine::_serve_one(petri_callers& callers) {
     callers.passed = 0;
     _end(*_unlink(callers, callers.last));
     return true;
-}
-
-// Whether more follows at a port soon: its transition fires, or is about to.
-bool petri_net::engine::_goes_on(petri_place* place) {
-    detail::petri_side const& side =
-        port_of(place)->is_inlet() ? place->_consumers : place->_producers;
-    petri_transition const* const transition = side.ends.begin()->transition;
-    return is_running() && (transition->_firing != 0 || transition->queued());
 }
 
 // Whether a call that the place has something for is left asleep a little longer, so that its
@@ -485,7 +478,7 @@ unsigned int petri_net::_tokens(petri_place* place) {
 void petri_net::_count_moved() {
     for (petri_place* place : _places)
         if (petri_port* const port = engine::port_of(place); port != nullptr && !port->is_shut())
-            port->count(true);
+            port->count(petri_port::shuts);
 }
 
 }  // namespace ovel

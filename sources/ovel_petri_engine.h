@@ -262,7 +262,7 @@ public:
         detail::petri_port& port = *port_of(place);
         if (port.is_shut())
             return;
-        port.count(true);
+        port.count(detail::petri_port::shuts);
         _list(place);
     }
     // Ends the use of a port until callers are found to need one again.
@@ -477,7 +477,13 @@ private:
     void _serve(petri_place* place);
     bool _serve_one(detail::petri_callers& callers);
     bool _defers(detail::petri_call const& call);
-    bool _goes_on(petri_place* place);
+    // Whether more follows at a port soon: its transition fires, or is about to.
+    bool _goes_on(petri_place* place) const {
+        detail::petri_side const& side =
+            port_of(place)->is_inlet() ? place->_consumers : place->_producers;
+        petri_transition const* const transition = side.ends.begin()->transition;
+        return is_running() && (transition->_firing != 0 || transition->queued());
+    }
     bool _list_deferring();
     void _carry_out_published();
     void _end(detail::petri_call& call);

@@ -14,6 +14,7 @@
 #include "ovel_thread_support.h"
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 namespace ovel::detail {
@@ -124,9 +125,13 @@ public:
         return _moved.load(std::memory_order_acquire) - _counted;
     }
 
-    // Counts what callers have moved, and returns how many. With `shuts`, the port is shut
-    // afterwards; otherwise if that was nothing.
-    unsigned int count(bool shuts) {
+    // More than any place has: always shuts the port.
+    static constexpr unsigned int shuts = std::numeric_limits<unsigned int>::max();
+
+    // Counts what callers have moved, and returns how many. The port is shut afterwards if the
+    // place has fewer tokens or slots than the `needed` ones of the transition, which does not
+    // fire: nobody would count those that callers move then.
+    unsigned int count(unsigned int needed) {
         guard const hold(_lock);
         unsigned int const moved = uncounted();
         _counted += moved;
@@ -136,7 +141,7 @@ public:
         } else {
             _place._size -= moved;
         }
-        _is_shut = shuts || moved == 0;
+        _is_shut = (_is_inlet ? _place.tokens() : _place.slots()) < needed;
         _looks_shut.store(_is_shut, std::memory_order_relaxed);
         _set_limit();
         return moved;
@@ -148,9 +153,14 @@ public:
     }
 
     // While it is shut. Its box is empty if it becomes an inlet.
-    void open(bool is_inlet) {
+    void make(bool is_inlet) {
         guard const hold(_lock);
         _is_inlet = is_inlet;
+    }
+
+    // While it is shut.
+    void open() {
+        guard const hold(_lock);
         _seen = _moved.load(std::memory_order_relaxed);
         _is_shut = false;
         _looks_shut.store(false, std::memory_order_relaxed);

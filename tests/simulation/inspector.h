@@ -151,7 +151,8 @@ struct ovel::detail::inspector {
             assure(!each->_is_offered);
             // No call waits for what is there, or for what will not come.
             petri_port const* const port = engine.port_of(each);
-            bool const defers = port != nullptr && port->_is_deferring && firings != 0;
+            bool const defers = port != nullptr && port->_is_deferring && engine.is_running() &&
+                                _is_busy(_side(*port));
             assure(defers || each->_receivers.waiting() == 0 || !each->receive_enabled(1));
             assure(defers || each->_senders.waiting() == 0 || !each->send_enabled(1));
             if (port != nullptr)
@@ -249,6 +250,13 @@ private:
         assure(waiting == callers.waiting());
     }
 
+    static petri_side const& _side(petri_port const& port) {
+        return port._is_inlet ? port._place._consumers : port._place._producers;
+    }
+    static bool _is_busy(petri_side const& side) {
+        petri_transition const* const only = side.ends.begin()->transition;
+        return only->_firing != 0 || only->queued();
+    }
     // Counts are late only while the port is open, and then enable nothing.
     static void _check(petri_port const& port) {
         petri_place& place = port._place;
@@ -258,7 +266,7 @@ private:
         if (port._is_shut)
             return;
         assure(place._receivers.waiting() + place._senders.waiting() == 0);
-        petri_side const& side = port._is_inlet ? place._consumers : place._producers;
+        petri_side const& side = _side(port);
         assure(side.ends.begin()->transition->_firing != 0 ||
                (port._is_inlet ? place.tokens() : place.slots()) >= side.most);
     }

@@ -4,6 +4,7 @@
 
 #include "accounts.h"
 
+#include <array>
 #include <optional>
 
 namespace ovel::simulation {
@@ -16,8 +17,8 @@ constexpr unsigned int stack_size = 65536;
 constexpr unsigned int capacity = 8;
 
 // One thread feeds a chain and another drains it; a third looks at the counts. The feeding thread
-// closes the chain. Or the first transition is deactivated in the end, and the tokens stay where
-// they were put.
+// closes the chain, whose arcs may need several tokens. Or the first transition is deactivated in
+// the end, and the tokens stay where they were put.
 void ports(unsigned int variant) {
     accounts const books(variant == 2 ? 64 : 0);
     bool const stays = variant == 1;
@@ -26,11 +27,16 @@ void ports(unsigned int variant) {
     auto const in = tested.insert_place<unsigned int>("in", capacity);
     auto const middle = tested.insert_place<unsigned int>("middle", capacity / 2, closes);
     auto const out = tested.insert_place<unsigned int>("out", capacity, closes);
-    auto const pass = [](unsigned int token) {
-        return token;
+    using batch = std::array<unsigned int, 3>;
+    auto const insert = [&](char const* name, auto const& source, auto const& target) {
+        if (variant == 3)
+            return tested.insert_transition(name, from(source.times(3)), to(target.times(3)),
+                                            [](batch tokens) { return tokens; });
+        return tested.insert_transition(name, from(source), to(target),
+                                        [](unsigned int token) { return token; });
     };
-    auto first = tested.insert_transition("first", from(in), to(middle), pass);
-    tested.insert_transition("second", from(middle), to(out), pass);
+    auto first = insert("first", in, middle);
+    insert("second", middle, out);
     tested.start();
     begin();
     unsigned int sent = 0;
@@ -88,7 +94,7 @@ void ports(unsigned int variant) {
 }
 
 registration const table{
-    {.name = "net_moves_batches_through_ports", .run = ports, .variants = 3},
+    {.name = "net_moves_batches_through_ports", .run = ports, .variants = 4},
 };
 
 }  // namespace
