@@ -302,7 +302,8 @@ TEST_P(ovel_durable_test, a_codec_that_throws_keeps_the_token_and_names_it) {
         durable::net net(_url, new_name(), quick());
         auto const in = net.insert_place<brittle>("in", 10, {{token}});
         auto const out = net.insert_place<brittle>("out", 10);
-        net.insert_transition("work", from(in), to(out), [&](brittle) { return brittle{result}; });
+        net.insert_transition("work", from(in), to(out),
+                              [&, text = result](brittle) { return brittle{text}; });
         net.start();
         std::string const told = error_of([&] { net.join(); });
         EXPECT_TRUE(contains(told, std::string("the codec \"brittle\" ") + what));
@@ -330,8 +331,8 @@ TEST(ovel_durable_error_test, a_store_that_cannot_be_used_is_one_clear_error) {
          "no connection to the store: connection to server on socket"},
     };
     for (auto const& [url, error] : stores)
-        EXPECT_TRUE(contains(error_of([&] {
-                                 durable::net net(url, "net");
+        EXPECT_TRUE(contains(error_of([&, name = url] {
+                                 durable::net net(name, "net");
                                  net.insert_place<int>("place", 1);
                                  net.start();
                              }),
