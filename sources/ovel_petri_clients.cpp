@@ -21,7 +21,8 @@ using detail::petri_callers;
 using detail::petri_outcome;
 using detail::petri_port;
 
-// Published calls are taken over once, so that this thread gets on with its own work.
+// Published calls are taken over once, so that this thread gets on with its own work. Firings that
+// other threads have ended come before the turns, so that callers get theirs of what these put.
 void petri_net::engine::_dispatch_among_callers() {
     // Relaxed, as in `dispatch`.
     if ((_news & (detail::for_callers | detail::for_closing)) == 0 &&
@@ -31,16 +32,19 @@ void petri_net::engine::_dispatch_among_callers() {
         if (!_list_deferring())
             return;
     }
+    _take_published();
     for (bool is_first = true;; is_first = false) {
         bool const is_their_chance = _take_turns(is_first);
         if (is_their_chance) {
             _carry_out_published();
             _end_chance();
+            _take_turns(false);
         }
         if (is_running())
             _dispatch();
         if (is_first && !is_their_chance) {
             _carry_out_published();
+            _take_turns(false);
             if (is_running())
                 _dispatch();
         }
@@ -90,7 +94,7 @@ bool petri_net::engine::_take_turns(bool is_first) {
             if (is_chance) {
                 is_their_chance = true;
                 waits = waits || each->misses > 1;
-                if (each->passed == most_passed)
+                if (each->passed == most_passed || each->misses == petri_callers::most_misses)
                     pauses = most_pauses;
             }
         }
@@ -271,6 +275,8 @@ bool petri_net::engine::publish(petri_call& call) {
 // A caller that tries again and again is seldom at the mutex when that is taken, but comes soon
 // if it has a processor.
 void petri_net::engine::_await_published(unsigned int pauses) {
+    if (_taken != nullptr)
+        return;
     for (detail::spin_wait wait(std::min(_spin, pauses), detail::pace_for_unit);
          !wait.is_over() && _published.load(std::memory_order_relaxed) == nullptr;)
         wait.pause();
@@ -278,17 +284,31 @@ void petri_net::engine::_await_published(unsigned int pauses) {
         Sleep(0);
 }
 
-void petri_net::engine::_carry_out_published() {
+// Commits the firings that are published, and keeps the calls of clients for later.
+void petri_net::engine::_take_published() {
     petri_call* newest = _published.exchange(nullptr);
     petri_call* oldest = nullptr;
     while (newest != nullptr)
         oldest = std::exchange(newest, std::exchange(newest->next, oldest));
+    petri_call** end = &_taken;
+    while (*end != nullptr)
+        end = &(*end)->next;
     while (oldest != nullptr) {
         petri_call& call = *std::exchange(oldest, oldest->next);
         if (call.firing != nullptr) {
             _net._end_firing(call);
             continue;
         }
+        call.next = nullptr;
+        *end = &call;
+        end = &call.next;
+    }
+}
+
+void petri_net::engine::_carry_out_published() {
+    _take_published();
+    while (_taken != nullptr) {
+        petri_call& call = *std::exchange(_taken, _taken->next);
         petri_callers& at = callers(call);
         _provide_port(call.place);
         // Calls that wait have come earlier, but do not always go first.

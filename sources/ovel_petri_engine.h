@@ -485,6 +485,7 @@ private:
         return is_running() && (transition->_firing != 0 || transition->queued());
     }
     bool _list_deferring();
+    void _take_published();
     void _carry_out_published();
     void _end(detail::petri_call& call);
     static detail::petri_outcome _reason_to_end(detail::petri_call const& call);
@@ -619,7 +620,8 @@ private:
     detail::atomic<unsigned int> _ended = 0;  // written under the mutex
     // The last call that was published and is not taken over yet.
     detail::atomic<detail::petri_call*> _published = nullptr;
-    petri_place* _deferring = nullptr;  // the first of those that let a call doze on
+    detail::petri_call* _taken = nullptr;  // of clients, in the order in which they came
+    petri_place* _deferring = nullptr;     // the first of those that let a call doze on
     detail::petri_closing _closing;
     timed_condition _clock{0};  // the queue thread of a net with delays, with the mutex
 };

@@ -43,6 +43,7 @@ void turns(unsigned int variant) {
     accounts const books(variant % 2);
     bool const sends = variant / 2 == 1;
     bool const is_crowded = variant / 2 == 2;
+    bool const has_neighbour = variant / 2 == 3;
     constexpr unsigned int calls = 3;
     busy functions[2];
     petri_net net(1 + pick(2), 0.0, 16384);
@@ -57,6 +58,14 @@ void turns(unsigned int variant) {
         net.insert_input_arc(place, turns->input(functions[0].from));
         net.insert_output_arc(turns->output(functions[0].into), place);
         net.send(place, 0);
+    }
+    if (has_neighbour) {
+        // Its thread commits firings of the other.
+        petri_place* const own = net.insert_place(1);
+        petri_transition* const beside = net.insert_transition(functions[1], false, 1.0, 0.0, 0);
+        net.insert_input_arc(own, beside->input(functions[1].from));
+        net.insert_output_arc(beside->output(functions[1].into), own);
+        net.send(own, 0);
     }
     begin();
     net.release();
@@ -128,7 +137,7 @@ void newcomers(unsigned int variant) {
 }
 
 registration const table{
-    {.name = "net_gives_clients_their_turn", .run = turns, .variants = 6},
+    {.name = "net_gives_clients_their_turn", .run = turns, .variants = 8},
     {.name = "net_serves_waiting_clients_first", .run = newcomers, .variants = 2},
 };
 
