@@ -192,6 +192,9 @@ struct ovel::detail::inspector {
     }
 
     // Whether a call waits at the place.
+    static bool has_published(petri_net const& net) {
+        return net._engine->_published.load() != nullptr;
+    }
     static bool has_waiting(petri_place& place) {
         return place._receivers.waiting() + place._senders.waiting() != 0;
     }
