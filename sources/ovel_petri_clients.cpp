@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Clients of nets: how the thread that holds a net's mutex carries out the calls of others, and
-// what the nets of `ovel_petri.h` add to the token interface.
+// Clients of nets: how the thread that holds a net's mutex carries out the calls of others, how it
+// moves their tokens, and what the nets of `ovel_petri.h` add to the token interface.
 
 #include "ovel_assure.h"
 #include "ovel_guard.h"
@@ -410,6 +410,92 @@ petri_call* petri_net::engine::_unlink(petri_callers& from, petri_call* before) 
         from.last = before;
     from.present -= petri_callers::one_waiting;
     return unlinked;
+}
+
+void petri_net::_enter_contended() {
+    _engine->enter_contended(false);
+}
+
+// Completes a call that waits already, or that finds the mutex taken.
+petri_outcome petri_net::_complete_late(detail::petri_call& call) {
+    using state = detail::petri_call::state;
+    if (call.now.load() == state::open && _engine->publish(call)) {
+        // All that is published is carried out before the mutex is free.
+        change const hold(*this, change::taken);
+    }
+    detail::await(
+        call, _engine->_spin, engine::callers(call).memory,
+        [&] {
+            change const hold(*this);
+            _engine->hasten(call);
+        },
+        [&] {
+            change const hold(*this);
+            return _engine->withdraw(call);
+        });
+    if (call.failure != nullptr)
+        std::rethrow_exception(std::exchange(call.failure, nullptr));
+    return call.outcome;
+}
+
+// The port of the place is shut, if there is one.
+void petri_net::_remove_oldest(petri_place* place, any& token) {
+    detail::petri_port* const port = engine::port_of(place);
+    if (port != nullptr && port->has_boxed())
+        port->receive_boxed(token);
+    else
+        place->receive(token);
+}
+void petri_net::_peek_oldest(petri_place* place, any& token) {
+    detail::petri_port* const port = engine::port_of(place);
+    if (port != nullptr && port->has_boxed())
+        port->peek_boxed(token);
+    else
+        place->peek(token);
+}
+
+// A slot of a place, reserved for a token that is given up unless it is put.
+class petri_net::slot {
+public:
+    explicit slot(petri_place& place) : _place(&place) {
+        place.reserve_send(1);
+    }
+    ~slot() {
+        if (_place != nullptr)
+            _place->withdraw_send(1);
+    }
+    slot(slot const&) = delete;
+    slot& operator=(slot const&) = delete;
+
+    void commit() {
+        std::exchange(_place, nullptr)->commit_send(1);
+    }
+
+private:
+    petri_place* _place;
+};
+
+// Takes an available token. If that settles a skip, the end of the firing that declared
+// it makes up for it.
+void petri_net::_receive(petri_place* place, any& token) {
+    unsigned int const slots = place->slots();
+    place->reserve_receive(1);
+    _remove_oldest(place, token);
+    place->commit_receive(1);
+    _engine->lost_tokens(place);
+    _engine->gained_slots(place, slots);
+}
+
+// Puts a token into a free slot.
+void petri_net::_send(petri_place* place, any const& token) {
+    unsigned int const tokens = place->tokens();
+    {
+        slot reserved(*place);
+        place->send(token);  // throws if copying the token throws
+        reserved.commit();
+    }
+    _engine->lost_slots(place);
+    _engine->gained_tokens(place, tokens);
 }
 
 // Puts a token into a slot that is free. It is counted before it is there, so that all

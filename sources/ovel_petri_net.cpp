@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Petri nets: their construction, their mutex, the token interface, start and stop. The
-// engine that fires them is in `ovel_petri_engine.h`, what nets of `ovel_petri.h` add to the
-// token interface in `ovel_petri_clients.cpp`.
+// engine that fires them is in `ovel_petri_engine.h`; how tokens are moved for clients, and what
+// nets of `ovel_petri.h` add to the token interface, is in `ovel_petri_clients.cpp`.
 //
 // This file contains everything that can fail a check of nets, because a check prints its
 // file.
@@ -51,10 +51,6 @@ void petri_net::_enter() {
     assure(!inherited());
     if (!_mutex.try_acquire())
         _enter_contended();
-}
-
-void petri_net::_enter_contended() {
-    _engine->enter_contended(false);
 }
 
 // Dispatches what is now enabled. There must be memory for it.
@@ -185,27 +181,6 @@ bool petri_net::_await_rest() {
     _engine->wait_for_rest();
     return false;
 }
-
-// A slot of a place, reserved for a token that is given up unless it is put.
-class petri_net::slot {
-public:
-    explicit slot(petri_place& place) : _place(&place) {
-        place.reserve_send(1);
-    }
-    ~slot() {
-        if (_place != nullptr)
-            _place->withdraw_send(1);
-    }
-    slot(slot const&) = delete;
-    slot& operator=(slot const&) = delete;
-
-    void commit() {
-        std::exchange(_place, nullptr)->commit_send(1);
-    }
-
-private:
-    petri_place* _place;
-};
 
 // A start that is undone unless it is completed.
 class petri_net::start {
@@ -447,28 +422,6 @@ bool petri_net::_carry_out(detail::petri_call& call) {
     return _complete_late(call);
 }
 
-// The same for a call that waits already, or that finds the mutex taken.
-petri_outcome petri_net::_complete_late(detail::petri_call& call) {
-    using state = detail::petri_call::state;
-    if (call.now.load() == state::open && _engine->publish(call)) {
-        // All that is published is carried out before the mutex is free.
-        change const hold(*this, change::taken);
-    }
-    detail::await(
-        call, _engine->_spin, engine::callers(call).memory,
-        [&] {
-            change const hold(*this);
-            _engine->hasten(call);
-        },
-        [&] {
-            change const hold(*this);
-            return _engine->withdraw(call);
-        });
-    if (call.failure != nullptr)
-        std::rethrow_exception(std::exchange(call.failure, nullptr));
-    return call.outcome;
-}
-
 // Moves a token through the port of the place, if that is open, without the mutex.
 template <class Attempt>
 [[gnu::always_inline]] inline bool petri_net::_pass(petri_place* place, bool may_wait,
@@ -479,22 +432,6 @@ template <class Attempt>
     return port != nullptr &&
            (attempt(*port) ||
             (may_wait && port->await(_engine->_spin, callers.memory) && attempt(*port)));
-}
-
-// The port of the place is shut, if there is one.
-void petri_net::_remove_oldest(petri_place* place, any& token) {
-    detail::petri_port* const port = engine::port_of(place);
-    if (port != nullptr && port->has_boxed())
-        port->receive_boxed(token);
-    else
-        place->receive(token);
-}
-void petri_net::_peek_oldest(petri_place* place, any& token) {
-    detail::petri_port* const port = engine::port_of(place);
-    if (port != nullptr && port->has_boxed())
-        port->peek_boxed(token);
-    else
-        place->peek(token);
 }
 
 void petri_net::peek(petri_place* place, any& token) {
@@ -583,29 +520,6 @@ bool petri_net::_try_put(petri_place* place, maker make, void* from) {
         return true;
     detail::petri_call call(detail::petri_call::kind::try_put, place, make, from);
     return _complete(call) == petri_outcome::done;
-}
-
-// Takes an available token. If that settles a skip, the end of the firing that declared
-// it makes up for it.
-void petri_net::_receive(petri_place* place, any& token) {
-    unsigned int const slots = place->slots();
-    place->reserve_receive(1);
-    _remove_oldest(place, token);
-    place->commit_receive(1);
-    _engine->lost_tokens(place);
-    _engine->gained_slots(place, slots);
-}
-
-// Puts a token into a free slot.
-void petri_net::_send(petri_place* place, any const& token) {
-    unsigned int const tokens = place->tokens();
-    {
-        slot reserved(*place);
-        place->send(token);  // throws if copying the token throws
-        reserved.commit();
-    }
-    _engine->lost_slots(place);
-    _engine->gained_tokens(place, tokens);
 }
 
 void petri_net::release() {
