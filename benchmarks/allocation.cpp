@@ -386,6 +386,15 @@ void ovel_benchmark::register_rows() {
     ovel::allocator_group::global()->acquire_allocator();
     register_contestant<ours>(name);
     timed_contestant("cross_thread", "floor", empty_handed);
+    using smallest = ovel_benchmark::smallest_allocator;
+    contestant("pair_of_64_B", "ovel's bound: a header and counts", [](benchmark::State& state) {
+        smallest::owner const own;
+        pair<smallest>(state);
+    });
+    contestant("random_order", "ovel's bound: a header and counts", [](benchmark::State& state) {
+        smallest::owner const own;
+        random_order<smallest>(state);
+    });
     timed_contestant("random_exchanged", "ovel's bound: headers, counts and batches",
-                     random_exchange<ovel_benchmark::smallest_allocator>);
+                     random_exchange<smallest>);
 }

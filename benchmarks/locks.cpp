@@ -8,8 +8,12 @@
 #include "ovel_benchmark_semaphores.h"
 #include "ovel_mutex.h"
 
+#include <linux/futex.h>
 #include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -101,6 +105,51 @@ struct nsync_mutex {
     }
 };
 #endif
+
+// The bound of a mutex for which threads sleep: the count of a semaphore, and behind it the
+// word that stands for the kernel's, with its own number of sleepers. A thread that finds the
+// count used up must take a unit from that word. One thread is woken at a time. It never polls.
+class counted_mutex {
+public:
+    void acquire() {
+        if (_count.fetch_sub(1) <= 0)
+            _take();
+    }
+    void release() {
+        if (_count.fetch_add(1) < 0)
+            _post();
+    }
+
+private:
+    static constexpr std::uint64_t unit = 1, woken = 2, sleeper = std::uint64_t{1} << 32;
+
+    [[gnu::noinline]] void _take() {
+        std::uint64_t now = _word.load(std::memory_order_relaxed);
+        for (bool slept = false;;) {
+            std::uint64_t next = now & ~unit;
+            if (slept)
+                next = (next & ~woken) - (now & unit) * sleeper;
+            else if ((now & unit) == 0)
+                next += sleeper;
+            if (!_word.compare_exchange_weak(now, next))
+                continue;
+            if ((now & unit) != 0)
+                return;
+            slept = true;
+            syscall(SYS_futex, &_word, FUTEX_WAIT_PRIVATE, 0, nullptr, nullptr, 0);
+            now = _word.load(std::memory_order_relaxed);
+        }
+    }
+    [[gnu::noinline]] void _post() {
+        std::uint64_t now = _word.load(std::memory_order_relaxed);
+        while (!_word.compare_exchange_weak(now, now | unit | (now >= sleeper ? woken : 0))) {}
+        if (now >= sleeper && (now & woken) == 0)
+            syscall(SYS_futex, &_word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    }
+
+    std::atomic<int> _count = 1;
+    alignas(128) std::atomic<std::uint64_t> _word = 0;  // the low half is the futex
+};
 
 // A lock on its own cache lines, and on the heap, so that the compiler knows nothing
 // about its address.
@@ -281,6 +330,8 @@ void ovel_benchmark::register_rows() {
 
     for (contest const& how : contests) {
         with_each_lock([&]<class Lock>(char const* name) { contended<Lock>(how, name); });
+        if (how.threads > 4)
+            contended<counted_mutex>(how, "ovel's bound: two counts");
         with_each_lock([&]<class Lock>(char const* name) { shared_fairly<Lock>(how, name); });
     }
 }
