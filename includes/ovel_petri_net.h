@@ -728,13 +728,13 @@ private:
     petri_arc* _insert_arc(petri_place* place, petri_connector const& connector);
 
     void _enter();
-    void _enter_contended();
     void _dispatch();
     void _leave();
-    void _leave_with_news();
     bool _await_rest();
-    void _end_firing(detail::petri_call const& end);
+    void _commit(detail::petri_call& call);
+    petri_transition* _first_firing(firing_work& of);
     petri_transition* _next_firing(firing_work& of, petri_transition* ended);
+    petri_transition* _next_firing_late(firing_work& of, petri_transition* ended);
 
     void _enqueue_initial_transitions();
     detail::petri_outcome _complete(detail::petri_call& call);

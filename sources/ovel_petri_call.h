@@ -30,6 +30,11 @@ namespace ovel::detail {
 // Once a call that is not asleep has ended, its thread may return at any time, so the thread
 // that ends it does not touch it again. A thread that is asleep returns after it has taken the
 // unit.
+//
+// A thread of the net that finds the mutex taken publishes such a call as well, when it has run a
+// firing, or has arrived. It is open until that is committed, then waits while its thread stands
+// by, and has ended once that thread is needed or has the mutex. The thread that ends it is its own
+// or has taken it out of its crew's list.
 struct petri_call {
     static constexpr unsigned int longest_doze = 1;  // milliseconds
 
@@ -52,9 +57,14 @@ struct petri_call {
     petri_call(kind what, petri_place* place, void (*make)(any&, void*), void* from,
                petri_patience const* patience = nullptr)
         : what(what), place(place), make(make), from(from), patience(patience) {}
-    // The end of a firing that its thread has run for `work`, a `firing_work`.
-    petri_call(thread_function& work, petri_transition& firing)
-        : what(kind::peek), place(nullptr), patience(nullptr), work(&work), firing(&firing) {}
+    // Of a thread that `work`, a `firing_work`, runs on: it has run the firing, or has arrived.
+    petri_call(thread_function& work, petri_transition* firing)
+        : what(kind::peek),
+          place(nullptr),
+          patience(nullptr),
+          work(&work),
+          firing(firing),
+          unit(nullptr) {}
     petri_call(petri_call const&) = delete;
     petri_call& operator=(petri_call const&) = delete;
 
@@ -78,11 +88,11 @@ struct petri_call {
     any* const token = nullptr;                 // what a send copies
     void (*const make)(any&, void*) = nullptr;  // for a put; makes a token of `from`
     void* const from = nullptr;
-    petri_patience const* const patience;  // null if only a token or a slot ends the wait
-    thread_function* const work = nullptr;
-    petri_transition* const firing = nullptr;  // null for the calls of clients
-    std::exception_ptr failure{};              // what the call throws
-    petri_call* next;                          // in the list that it is in
+    petri_patience const* const patience;   // null if only a token or a slot ends the wait
+    thread_function* const work = nullptr;  // null for the calls of clients
+    petri_transition* const firing = nullptr;
+    std::exception_ptr failure{};  // what the call throws
+    petri_call* next;              // in the list that it is in
     // Whether it may be left asleep for `longest_doze` although it could be carried out. Written
     // under the net's mutex. Relaxed: its own thread reads a hint.
     atomic<bool> dozes{false};

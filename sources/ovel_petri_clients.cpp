@@ -295,8 +295,8 @@ void petri_net::engine::_take_published() {
         end = &(*end)->next;
     while (oldest != nullptr) {
         petri_call& call = *std::exchange(oldest, oldest->next);
-        if (call.firing != nullptr) {
-            _net._end_firing(call);
+        if (call.work != nullptr) {
+            _net._commit(call);
             continue;
         }
         call.next = nullptr;
@@ -410,10 +410,6 @@ petri_call* petri_net::engine::_unlink(petri_callers& from, petri_call* before) 
         from.last = before;
     from.present -= petri_callers::one_waiting;
     return unlinked;
-}
-
-void petri_net::_enter_contended() {
-    _engine->enter_contended(false);
 }
 
 // Completes a call that waits already, or that finds the mutex taken.

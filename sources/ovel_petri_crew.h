@@ -3,10 +3,12 @@
 #ifndef OVEL_PETRI_CREW_H
 #define OVEL_PETRI_CREW_H
 
+#include "ovel_petri_call.h"
 #include "ovel_petri_net.h"
 #include "ovel_petri_ready_firings.h"
 
 #include <memory>
+#include <utility>
 
 namespace ovel::detail {
 
@@ -17,6 +19,11 @@ namespace ovel::detail {
 // next one. A thread is idle in its group until it is called. It then arrives, runs one
 // firing after another, and leaves when no ready firing fits. At most one called thread
 // has not arrived yet; once it arrives, it causes the next call.
+//
+// A thread whose firing another one has committed stands by: it takes its next firing when it gets
+// the mutex, but is in no hurry. While a thread stands by and others run firings, no thread is
+// called, because the one that stands by sees to it that what is ready does not wait for long. If
+// all stand by, one of them is needed, and is then on its way like a called one.
 //
 // Invariant: the space left is the budget minus what the running firings take, up to
 // rounding, and exactly the budget if none of them takes any. So a firing that takes all
@@ -49,13 +56,18 @@ public:
         _give_back(ended->_space);
     }
 
-    // The same, but its thread has yet to ask for the next one, and resumes before it does.
-    void give_back_for(petri_transition* ended) {
-        _give_back(ended->_space);
-        ++_resuming;
+    // The thread of the call, which has no firing, stands by.
+    void stand_by(petri_call& call) {
+        call.next = std::exchange(_standing, &call);
+        ++_standing_size;
     }
-    void resume() {
-        --_resuming;
+    // It does no more.
+    void resume(petri_call& call) {
+        petri_call** at = &_standing;
+        while (*at != &call)
+            at = &(*at)->next;
+        *at = call.next;
+        --_standing_size;
     }
 
     // Returns the firing that a thread runs next, which has none; null if none fits, and the
@@ -69,14 +81,26 @@ public:
         return taken;
     }
 
-    // If another thread is needed, counts it as called and returns true; the caller then
-    // calls one.
-    bool begin_call() {
-        if (_coming || _resuming != 0 || _called == _threads || !_ready.fits(_space))
-            return false;
+    // Whether another thread is needed. The caller then calls one that stands by, if there are
+    // any, or else a new one.
+    bool needs_thread() const {
+        return !_coming &&
+               (_standing == nullptr ? _called != _threads : _standing_size == _called) &&
+               _ready.fits(_space);
+    }
+    // Whether one that stands by can be called.
+    bool has_standing() const {
+        return _standing != nullptr && !_coming;
+    }
+    // Counts one as on its way, and returns its call.
+    petri_call& call_standing() {
+        _coming = true;
+        --_standing_size;
+        return *std::exchange(_standing, _standing->next);
+    }
+    void call_new() {
         _coming = true;
         ++_called;
-        return true;
     }
 
 private:
@@ -110,11 +134,10 @@ private:
     double _space;                // the space left
     unsigned int _occupants = 0;  // running firings that take space
     unsigned int _threads;
-    unsigned int _called = 0;  // threads called that have not left
-    bool _coming = false;      // one of them has not arrived
-    // Threads without a firing that have yet to resume. Wraps while one resumes before its firing
-    // is committed, within one hold of the mutex.
-    unsigned int _resuming = 0;
+    unsigned int _called = 0;         // threads called that have not left
+    bool _coming = false;             // one of them has not arrived
+    petri_call* _standing = nullptr;  // of the threads that stand by, the last one first
+    unsigned int _standing_size = 0;
     ready_firings _ready;
 };
 

@@ -68,8 +68,8 @@
 // Where both are present, they take turns.
 //
 // Wake-ups. They all happen after the mutex was released: one thread for each crew that needs
-// one, the callers whose calls have ended while they were asleep, and the queue thread if the
-// net is stopping and at rest, or a delay has begun.
+// one, which may stand by; the callers whose calls have ended while they were asleep; and the queue
+// thread if the net is stopping and at rest, or a delay has begun.
 #ifndef OVEL_PETRI_ENGINE_H
 #define OVEL_PETRI_ENGINE_H
 
@@ -226,10 +226,26 @@ public:
     // thread, without the mutex.
     bool publish(detail::petri_call& call);
 
-    // Publishes the end of a firing: the next dispatch commits it. Any thread, without the mutex,
-    // which it takes next.
-    void publish_end(detail::petri_call& end) {
-        _push(end);
+    // Takes the mutex, which was taken, for a thread of `of` that has run a firing or has arrived,
+    // as `call` says. Publishes that: the thread with the mutex commits it, or this thread's next
+    // dispatch does.
+    void enter_contended(firing_work& of, detail::petri_call& call);
+
+    // Commits it, for the thread with the mutex.
+    void commit(detail::petri_call& call) {
+        firing_work& of = *static_cast<firing_work*>(call.work);
+        if (call.firing != nullptr) {
+            terminate(call.firing);
+            of._crew.give_back(call.firing);
+        } else {
+            of._crew.arrive();
+        }
+        // Relaxed: its thread ends it with the mutex.
+        if (call.now.load(std::memory_order_relaxed) == detail::petri_call::state::open) {
+            of._crew.stand_by(call);
+            call.now = detail::petri_call::state::waiting;
+        }
+        _touch(of);
     }
 
     // The place does not have what the call needs. Returns whether the call waits for it.
@@ -291,9 +307,6 @@ public:
     static void arrive(firing_work& of) {
         of._crew.arrive();
     }
-    static void resume(firing_work& of) {
-        of._crew.resume();
-    }
     static void give_back(firing_work& of, petri_transition* ended) {
         of._crew.give_back(ended);
     }
@@ -302,12 +315,6 @@ public:
         _called -= next == nullptr;
         _touch(of);
         return next;
-    }
-
-    // The firing has ended of a thread that resumes later.
-    void give_back_for(firing_work& of, petri_transition* ended) {
-        of._crew.give_back_for(ended);
-        _touch(of);
     }
 
     // Closes a place for good: no further firing puts into it, nor does a caller of `net`.
@@ -351,21 +358,9 @@ public:
     bool has_news() const {
         return (_news & (detail::for_clock | detail::for_sleepers)) != 0;
     }
-    // Returns whether a delay has begun.
-    bool take_news() {
-        bool const began = (_news & detail::for_clock) != 0;
-        _forget(detail::for_clock | detail::for_sleepers);
-        return began;
-    }
-    // Returns the callers to wake.
-    detail::petri_call* take_sleepers() {
-        return std::exchange(_sleepers, nullptr);
-    }
-    // Wakes them. Without the mutex. A caller that is awake may be gone.
-    static void wake(detail::petri_call* sleepers) {
-        while (sleepers != nullptr)
-            assure(ReleaseSemaphore(std::exchange(sleepers, sleepers->next)->unit, 1, 0) != 0);
-    }
+    // Releases the mutex and wakes those that `wakes` names, when calls have ended whose threads
+    // are asleep, or a delay has begun.
+    void release_with_news(wake_ups const& wakes);
 
     // Puts an empty token into a place that no other thread knows, for one transition. In a
     // stopped net there may be no memory to queue that; the start examines it.
@@ -381,6 +376,8 @@ public:
     }
 
     wake_ups collect_wake_ups() {
+        if (_net._acquired && _net._firings == 0)
+            _send_home();
         return {_begin_calls(), _net._acquired && is_at_rest()};
     }
     // Makes the calls that `collect_wake_ups` returned. Without the mutex.
@@ -394,41 +391,6 @@ public:
     // or saves one.
     unsigned int ended() const {
         return _ended.load(std::memory_order_relaxed);
-    }
-
-    // Takes the mutex, which was taken. Backs off exponentially.
-    //
-    // While other threads end firings faster than the mutex, and the cache lines that it
-    // guards, could be handed over, it does not even try: one more thread would only slow them
-    // down. A thread that `stands_back` then spins longer before it sleeps, because a mutex that
-    // is released goes to a thread that sleeps for it. It has published the end of its firing, so
-    // nothing waits for it, and if that goes on it leaves its processor to others for a while.
-    void enter_contended(bool stands_back) {
-        // Approximate ticks for another processor to fetch the mutex, the counts of a few
-        // places, and what else a firing thread touches: some ten cache misses.
-        constexpr std::int64_t handover = 1024;
-        constexpr std::int64_t longest = 1 << 20;        // ticks, of some thousand firings
-        constexpr std::int64_t most_spinning = 1 << 15;  // ticks, of some hundred firings
-        std::int64_t now = time_support::time_now();
-        std::int64_t const begun = now;
-        detail::spin_wait wait(_spin, detail::pace_for_net);
-        while (!wait.is_over()) {
-            unsigned int const before = ended();
-            std::int64_t const start = now;
-            wait.pause();
-            unsigned int const passed = ended() - before;
-            now = time_support::time_now();
-            if (passed <= 1 || passed * handover <= now - start) {
-                if (_net._mutex.try_acquire())
-                    return;
-            } else if (stands_back && now - begun < longest) {
-                wait.extend(_spin);
-                // Another group's threads can't take over the firings of this one.
-                if (_net._groups == 1 && now - begun > most_spinning)
-                    Sleep(1);
-            }
-        }
-        _net._mutex.acquire();
     }
 
     unsigned int const _spin;
@@ -600,13 +562,23 @@ private:
         while (_touched != nullptr) {
             firing_work& each = *std::exchange(_touched, _touched->_next_touched);
             each._is_touched = false;
-            if (each._crew.begin_call()) {
+            if (!each._crew.needs_thread())
+                continue;
+            if (each._crew.has_standing()) {
+                _end(each._crew.call_standing());
+            } else {
+                each._crew.call_new();
                 ++_called;
                 each._next_called = std::exchange(called, &each);
             }
         }
         return called;
     }
+
+    bool _enter_spinning(detail::petri_call const& call, detail::spin_pace pace,
+                         std::int64_t patience);
+    void _stand_by(detail::petri_call& call);
+    void _send_home();
 
     petri_net& _net;
     std::unique_ptr<std::unique_ptr<firing_work>[]> const _works;  // one for each group

@@ -49,8 +49,7 @@ void petri_place::_assure_present() const {
 // Takes the mutex.
 void petri_net::_enter() {
     assure(!inherited());
-    if (!_mutex.try_acquire())
-        _enter_contended();
+    _mutex.acquire();
 }
 
 // Dispatches what is now enabled. There must be memory for it.
@@ -64,26 +63,14 @@ void petri_net::_dispatch() {
 
 // Releases `_mutex`, and wakes the threads that have a reason to look again.
 void petri_net::_leave() {
+    engine::wake_ups const wakes = _engine->collect_wake_ups();
     if (_engine->has_news()) {
-        _leave_with_news();
+        _engine->release_with_news(wakes);
         return;
     }
-    engine::wake_ups const wakes = _engine->collect_wake_ups();
     _mutex.release();
     engine::call(wakes.called);
     if (wakes.queue_thread)
-        _engine->release_queue_thread();
-}
-
-// The same when callers are asleep whose calls have ended, or a delay has begun.
-void petri_net::_leave_with_news() {
-    bool const delay_has_begun = _engine->take_news();
-    detail::petri_call* const sleepers = _engine->take_sleepers();
-    engine::wake_ups const wakes = _engine->collect_wake_ups();
-    _mutex.release();
-    engine::call(wakes.called);
-    engine::wake(sleepers);
-    if (wakes.queue_thread || delay_has_begun)
         _engine->release_queue_thread();
 }
 
@@ -104,42 +91,47 @@ void petri_net::firing_work::call() {
 }
 
 void petri_net::firing_work::operator()() {
-    // While a firing runs that is about as short as those of other threads, they end fewer.
-    constexpr unsigned int few_firings = 16;
     petri_net& net = _net;  // other threads may write this object's cache lines meanwhile
     allocator_group* const group = allocator_group::global();
     using detail::this_process;
     unsigned int const process = this_process();
-    net._enter();
-    net._engine->arrive(*this);
-    petri_transition* firing = net._next_firing(*this, nullptr);
+    assure(!net.inherited());
+    petri_transition* firing = net._first_firing(*this);
     while (firing != nullptr) {
-        unsigned int const begun = net._engine->ended();
         firing->petri_transition::operator()();  // not virtual: saves a cache miss
         assure(process == this_process());
         // The group sees one long work item here, and would flush only at its end.
         group->flush_allocator(true);
-        if (net._mutex.try_acquire()) {
-            firing = net._next_firing(*this, firing);
-        } else {
-            detail::petri_call end(*this, *firing);
-            net._engine->publish_end(end);
-            net._engine->enter_contended(net._engine->ended() - begun < few_firings);
-            // Another thread has committed the firing, or the dispatch does.
-            engine::resume(*this);
-            firing = net._next_firing(*this, nullptr);
-        }
+        firing = net._mutex.try_acquire() ? net._next_firing(*this, firing)
+                                          : net._next_firing_late(*this, firing);
     }
 }
 
-// Commits a firing that another thread has run.
-void petri_net::_end_firing(detail::petri_call const& end) {
+// On a thread of `of`, which has arrived: returns its first firing, or null.
+petri_transition* petri_net::_first_firing(firing_work& of) {
+    if (!_mutex.try_acquire())
+        return _next_firing_late(of, nullptr);
+    engine::arrive(of);
+    return _next_firing(of, nullptr);
+}
+
+// The same as `_first_firing` or `_next_firing` when the mutex is taken.
+petri_transition* petri_net::_next_firing_late(firing_work& of, petri_transition* ended) {
+    detail::petri_call call(of, ended);
+    _engine->enter_contended(of, call);
+    petri_transition* const next = _next_firing(of, nullptr);
+    if (call.unit != nullptr)
+        CloseHandle(call.unit);
+    return next;
+}
+
+// For another thread.
+void petri_net::_commit(detail::petri_call& call) {
     try {
-        _engine->terminate(end.firing);
+        _engine->commit(call);
     } catch (...) {
         assure(("unexpected exception", 0));
     }
-    _engine->give_back_for(*static_cast<firing_work*>(end.work), end.firing);
 }
 
 // On a thread of `of`: commits the firing that it has run, if any, and returns the one to

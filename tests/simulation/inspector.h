@@ -322,13 +322,18 @@ private:
             occupants += each->_space != 0 ? here : 0;
             space -= here * each->_space;
         }
-        assure(running + crew._coming + crew._resuming == crew._called);
+        unsigned int standing = 0;
+        for (petri_call* each = crew._standing; each != nullptr; each = each->next)
+            ++standing;
+        assure(standing == crew._standing_size);
+        assure(running + crew._coming + standing == crew._called);
         assure(crew._called <= crew._threads);
         assure(occupants == crew._occupants);
         assure(occupants == 0 ? crew._space == crew._budget : std::abs(crew._space - space) < 1e-9);
-        // Nothing that fits waits while a thread is idle and none is on its way.
-        assure(crew._coming || crew._resuming != 0 || crew._called == crew._threads ||
-               !ready.fits(crew._space));
+        // Nothing that fits waits while a thread is idle and none is on its way, unless one that
+        // stands by beside others that fire sees to it.
+        assure(crew._coming || (standing != 0 && running != 0) ||
+               (standing == 0 && crew._called == crew._threads) || !ready.fits(crew._space));
     }
 };
 
