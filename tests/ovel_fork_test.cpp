@@ -17,18 +17,27 @@
 
 namespace {
 
-// Forks, and tells whether the child succeeds with `work`. A child that hangs dies.
-template <class Work>
-bool in_fork(Work const& work) {
+// Forks. Returns nothing in the child, which dies if it hangs, and in the parent how that ended.
+std::optional<int> end_of_fork() {
     pid_t const child = fork();
     if (child == 0) {
         alarm(60);
-        work();
-        _exit(0);
+        return {};
     }
     int status = -1;
     waitpid(child, &status, 0);
-    return status == 0;
+    return status;
+}
+
+// Forks, and tells whether the child succeeds with `work`.
+template <class Work>
+bool in_fork(Work const& work) {
+    std::optional<int> const ended = end_of_fork();
+    if (!ended) {
+        work();
+        _exit(0);
+    }
+    return ended == 0;
 }
 
 // Everything that a child may do, twice: the second round reuses what the first one's threads
@@ -41,28 +50,6 @@ void use_everything() {
     ovel::allocator_recycler::global()->release(1.0);
     ovel::allocator_recycler::global()->recycle_capacity(1.0);
     std::exit(0);
-}
-
-// AddressSanitizer of clang 14 and gcc 12 does not take the locks of its own allocator when a
-// process forks: a child hangs if another thread was inside that allocator, whatever libraries
-// the program uses. There, the users stand between two uses while their process forks. The
-// child still inherits their blocks, allocators and pooled threads, but no lock that they hold.
-#if defined(FORKS_BETWEEN_USES)
-constexpr bool forks_between_uses = true;
-#else
-constexpr bool forks_between_uses = false;
-#endif
-std::atomic<bool> forking = false;
-std::atomic<int> users_inside = 0;
-
-void use_between_forks(int kind) {
-    while (!traffic::over) {
-        ++users_inside;
-        if (!forks_between_uses || !forking)
-            traffic::use(kind);
-        --users_inside;
-        until([] { return !forking; });
-    }
 }
 
 // Registered before the library's own fork handlers, these run while the thread that forks holds
@@ -93,13 +80,10 @@ void register_first(int, char**, char**) {
 // Each kind of thread forks, beside threads that use all of the library.
 TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
     auto const work = [] {
-        forking = forks_between_uses;
-        until([] { return !forking || users_inside == 0; });
         EXPECT_TRUE(in_fork(use_everything));
-        forking = false;
     };
     traffic::over = false;
-    auto const users = crew(traffic::kinds, use_between_forks);
+    auto const users = crew(traffic::kinds, traffic::use_until_over);
     traffic::fill_pool(30);
     for (int forked = 0; forked != 20; ++forked) {
         work();
@@ -187,15 +171,11 @@ TEST(fork_test, stopped_groups_and_nets_may_be_started_in_the_child) {
 
 // Forks and returns in the child. The parent ends as the child does.
 void fork_and_return() {
-    pid_t const child = fork();
-    if (child == 0) {
-        alarm(60);
+    std::optional<int> const ended = end_of_fork();
+    if (!ended)
         return;
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    if (WIFSIGNALED(status))
-        std::raise(WTERMSIG(status));
+    if (WIFSIGNALED(*ended))
+        std::raise(WTERMSIG(*ended));
     std::_Exit(1);
 }
 
