@@ -33,45 +33,16 @@ TEST(petri_bodies_test, weighted_arcs_are_arrays_and_vectors) {
     EXPECT_EQ(drain(out), (std::vector{214, 365}));
 }
 
-struct pairs {
-    int operator()(std::array<int, 2> pair) const& {
-        return 10 * pair[0] + pair[1];
-    }
-};
-struct sum_at_end {
-    int sum = 0;
-    std::optional<int> operator()(std::optional<int> token) & noexcept {
-        sum += token.value_or(0);
-        return token ? std::nullopt : std::optional(sum);
-    }
-};
-struct zero_at_end {
-    int operator()(std::optional<int> token) const& noexcept {
-        return token.value_or(0);
-    }
-};
-struct one_at_end {
-    int operator()(std::optional<int> token) & {
-        return token.value_or(1);
-    }
-};
-
-TEST(petri_bodies_test, a_call_operator_may_have_a_reference_qualifier) {
-    net tested(1);
-    auto const in = tested.insert_place<int>("in", 4);
-    auto const first = tested.insert_place<int>("first", 2, ovel::closes);
-    auto const second = tested.insert_place<int>("second", 2, ovel::closes);
-    auto const third = tested.insert_place<int>("third", 2, ovel::closes);
-    auto const out = tested.insert_place<int>("out", 3);
-    tested.insert_transition("pairs", from(in.times(2)), to(first), pairs());
-    tested.insert_transition("sum", from(first), to(second), sum_at_end());
-    tested.insert_transition("zero", from(second), to(third), zero_at_end());
-    tested.insert_transition("one", from(third), to(out), one_at_end());
-    fill(in, {1, 2, 3, 4});
-    in.close();
-    run(tested);
-    EXPECT_EQ(drain(out), (std::vector{46, 0, 1}));
-}
+// A call operator may have any qualifiers.
+struct body;
+template <class... Functions>
+constexpr bool all_take_a_number =
+    (std::is_same_v<typename ovel::detail::parameters<Functions>::type, std::tuple<int>> && ...);
+static_assert(all_take_a_number<void (*)(int), void (*)(int const&) noexcept, void (body::*)(int),
+                                void (body::*)(int) const, void (body::*)(int) noexcept,
+                                void (body::*)(int) const noexcept, void (body::*)(int) &,
+                                void (body::*)(int) & noexcept, void (body::*)(int) const&,
+                                void (body::*)(int) const& noexcept>);
 
 // Elements that the body keeps are copied.
 TEST(petri_bodies_test, a_weighted_arc_takes_views_and_ranges_of_proxies) {
