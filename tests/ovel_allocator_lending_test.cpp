@@ -1,17 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Threads that use memory without any preparation. The chunk of a block shows which allocator
 // served the thread.
-
 #include "ovel_allocator.h"
-#include "ovel_allocator_group.h"
-#include "ovel_allocator_support.h"
-#include "ovel_malloc.h"
 #include "ovel_test.h"
-#include "ovel_work.h"
 
 #include <pthread.h>
-
-#include <future>
 
 struct ovel::detail::inspector {
     static bool activated(allocator const* subject) {

@@ -1,17 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_allocator_support.h"
-
 #include "ovel_allocator.h"
-#include "ovel_malloc.h"
 #include "ovel_test.h"
-#include "ovel_work.h"
-
-#include <cstring>
-#include <fstream>
 
 namespace {
 
-using ovel::allocator_support;
+using namespace ovel;
 using ovel::detail::alignment_of;
 using ovel::detail::block;
 using ovel::detail::block_sizes;

@@ -1,13 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "ovel_allocator.h"
 
-#include "ovel_allocator_group.h"
-#include "ovel_allocator_support.h"
 #include "ovel_test.h"
-
-#include <iterator>
-#include <random>
-#include <stdexcept>
 
 struct ovel::detail::inspector {
     static constexpr auto remotes = &allocator::_remote;

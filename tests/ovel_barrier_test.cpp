@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_barrier.h"
-
 #include "ovel_test.h"
 
-using ovel::barrier;
-using ovel::timed_barrier;
+using namespace ovel;
 
 namespace {
 

@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_channel.h"
-#include "ovel_any.h"
 #include "ovel_test.h"
 
 #include <typeinfo>
 
-using ovel::any;
-using ovel::any_cast;
-using ovel::channel;
+using namespace ovel;
 
 namespace {
 

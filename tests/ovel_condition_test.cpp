@@ -1,12 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_condition.h"
-
 #include "ovel_guard.h"
-#include "ovel_mutex.h"
 #include "ovel_test.h"
 
-using ovel::condition;
-using ovel::timed_condition;
+using namespace ovel;
 using ovel::detail::guard;
 
 struct ovel::detail::inspector {

@@ -1,12 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_crc32.h"
-
 #include "kernel.h"
 #include "ovel_crc32_folding.h"
 
 #include "ovel_test.h"
-
-#include <random>
 
 using ovel::crc32;
 

@@ -1,9 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The end of the process while its threads use the library.
-
 #include "ovel_traffic.h"
-
-#include <cstdlib>
 
 namespace {
 

@@ -1,15 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Forks of a process with threads.
-
-#include "ovel_malloc.h"
-#include "ovel_parallel.h"
 #include "ovel_traffic.h"
 #include "ovel_typed_nets.h"
-
-#include <csignal>
-#include <cstdlib>
-#include <functional>
-#include <tuple>
 
 #include <pthread.h>
 #include <sys/wait.h>

@@ -1,14 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The kernel services on this platform: what the library's sources rely on. They
 // are not visible in the library, so this test is compiled together with them.
-
 #include "kernel.h"
 #include "linux/processors.h"
 #include "ovel_test.h"
-
-#include <cstring>
-#include <fstream>
-#include <set>
 
 #include <alloca.h>
 #include <sys/mman.h>
@@ -160,28 +155,6 @@ TEST(fork_test, a_child_has_an_identity_of_its_own_and_none_of_the_threads) {
     HANDLE const unowned = CreateMutexA(nullptr, 0, "owned by the thread that forks");
     EXPECT_TRUE(elsewhere([=] { return take(unowned) && ReleaseMutex(unowned) != 0; }));
     CloseHandle(unowned);
-}
-
-// Other threads may hold the services' locks, or a named mutex, when the process forks.
-TEST(fork_test, a_child_uses_what_other_threads_were_using) {
-    std::atomic<bool> done = false;
-    auto const use = [] {
-        DWORD const index = TlsAlloc();
-        HANDLE const mutex = CreateMutexA(nullptr, 0, "in use");
-        bool const good = take(mutex, INFINITE) && TlsSetValue(index, mutex) != 0;
-        void* const region = malloc_region(136);
-        bool const allowed = SetThreadAffinityMask(GetCurrentThread(), process_mask()) != 0;
-        free_region(region);
-        return good && allowed && ReleaseMutex(mutex) != 0 && CloseHandle(mutex) != 0 &&
-               TlsFree(index) != 0;
-    };
-    auto const users = crew(3, [&](int) {
-        while (!done)
-            EXPECT_TRUE(use());
-    });
-    for (int forked = 0; forked != 100; ++forked)
-        EXPECT_TRUE(in_fork(use));
-    done = true;
 }
 
 // Slots in the thread's own table and beyond it. The thread that reads had set a value under

@@ -1,12 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_kernel.h"
-#include "ovel_malloc.h"
-#include "ovel_thread_support.h"
 #include "ovel_traffic.h"
-
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
 
 namespace {
 

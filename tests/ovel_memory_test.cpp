@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // This program replaces its allocation operators by those of ovel_memory.h, so GoogleTest uses
 // them too.
-
-#include "ovel_memory.h"
-
-#include "ovel_allocator_support.h"
 #include "ovel_test.h"
 
 #include <list>
@@ -14,9 +10,7 @@ OVEL_REPLACE_NEW_AND_DELETE;
 
 namespace {
 
-using ovel::allocator_support;
-using ovel::container_allocator;
-using ovel::memory_resource;
+using namespace ovel;
 
 // Takes a pointer: the compiler would assume that a reference is aligned.
 bool aligned(void const* memory, std::size_t alignment) {
@@ -83,17 +77,16 @@ TEST(memory_test, an_array_keeps_what_fits_whatever_its_size_becomes) {
     unsigned int* array = nullptr;
     std::size_t filled = 0;
     for (std::size_t const size : {1, 2, 10, 500, 2000, 5000, 300'000, 5001, 1'000'000, 30, 0, 7}) {
-        array = ovel::resize_array(array, size);
+        array = resize_array(array, size);
         EXPECT_GE(allocator_support::size(array), size * sizeof *array);
         for (std::size_t i = 0; i != std::min(filled, size); ++i)
             ASSERT_EQ(array[i], 7 * i) << size;
         for (filled = 0; filled != size; ++filled)
             array[filled] = static_cast<unsigned int>(7 * filled);
     }
-    EXPECT_THROW(ovel::resize_array(array, std::numeric_limits<std::size_t>::max() / 2),
-                 std::bad_alloc);
+    EXPECT_THROW(resize_array(array, std::numeric_limits<std::size_t>::max() / 2), std::bad_alloc);
     EXPECT_EQ(array[6], 42u);
-    EXPECT_EQ(ovel::resize_array(array, 7), array);
+    EXPECT_EQ(resize_array(array, 7), array);
     allocator_support::deallocate(array);
     EXPECT_EQ(allocator_support::allocated_size(), before);
 }

@@ -1,6 +1,4 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_mutex.h"
-
 #include "ovel_test.h"
 
 struct ovel::detail::inspector {

@@ -3,16 +3,12 @@
 #ifndef OVEL_NET_PROGRAM_H
 #define OVEL_NET_PROGRAM_H
 
-#include <gtest/gtest.h>
+#include "ovel_test.h"
+
 #include <sys/wait.h>
 #include <nlohmann/json.hpp>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-#include <vector>
 
 namespace fs = std::filesystem;
 using json = nlohmann::json;

@@ -2,10 +2,6 @@
 // Runs ovel-net as a user does, on the project's nets and on nets written here.
 #include "ovel_net_program.h"
 
-#include <cstdint>
-#include <map>
-#include <utility>
-
 namespace {
 
 using counts = std::map<std::string, std::uint64_t>;

@@ -2,9 +2,6 @@
 // What ovel-net shows besides its report of a run, on the project's nets.
 #include "ovel_net_program.h"
 
-#include <map>
-#include <utility>
-
 namespace {
 
 using weights = std::map<std::string, double>;

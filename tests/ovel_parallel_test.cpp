@@ -1,12 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Scopes, invocations and loops, as far as scenarios on the simulated kernel do not test them.
-
-#include "ovel_parallel.h"
-
-#include "ovel_std.h"
 #include "ovel_test.h"
-
-#include <stdexcept>
 
 namespace {
 
@@ -129,36 +123,34 @@ TEST_P(parallel_test, loops_visit_each_element_once) {
         for (std::size_t grain : {0, 1, 3, 5000}) {
             std::vector<std::atomic<int>> visits(size);
             std::atomic<int> parts = 0;
-            EXPECT_TRUE(parallel_for(
-                group, visits.begin(), visits.end(),
-                [&](auto begin, auto end) {
-                    EXPECT_TRUE(begin < end);
-                    ++parts;
-                    EXPECT_TRUE(grain == 0 || static_cast<std::size_t>(end - begin) <= grain);
-                    for (; begin != end; ++begin)
-                        ++*begin;
-                },
-                {.grain = grain}));
-            EXPECT_TRUE(std::all_of(visits.begin(), visits.end(),
-                                    [](auto const& each) { return each == 1; }));
+            EXPECT_TRUE(parallel_for(group, visits.begin(), visits.end(),
+                                     [&](auto begin, auto end) {
+                                         ++parts;
+                                         auto const size = static_cast<std::size_t>(end - begin);
+                                         EXPECT_TRUE(begin < end && (grain == 0 || size <= grain));
+                                         for (; begin != end; ++begin)
+                                             ++*begin;
+                                     },
+                                     {.grain = grain}));
+            EXPECT_TRUE(std::ranges::all_of(visits, [](int each) { return each == 1; }));
             EXPECT_TRUE(grain != 0 || parts <= 256);
         }
     parallel_for(group, 5, 2, [](int, int) { ADD_FAILURE(); });
 
     // The sizes of these fit neither the type of the elements nor, in 32 bits, a size_t.
-    auto const covers = [&](auto first, auto last, unsigned long long size) {
-        std::atomic<unsigned long long> covered = 0;
+    using wide = unsigned long long;
+    auto const covers = [&](auto first, auto last, wide size) {
+        std::atomic<wide> covered = 0;
         parallel_for(group, first, last, [&](auto begin, auto end) {
             EXPECT_TRUE(first <= begin && begin < end && end <= last);
-            covered +=
-                static_cast<unsigned long long>(end) - static_cast<unsigned long long>(begin);
+            covered += static_cast<wide>(end) - static_cast<wide>(begin);
         });
         EXPECT_EQ(covered, size);
     };
     covers(-2'000'000'000, 2'000'000'000, 4'000'000'000);
     covers(0LL, 5'000'000'000LL, 5'000'000'000);
     covers(std::numeric_limits<long long>::min(), std::numeric_limits<long long>::max(),
-           std::numeric_limits<unsigned long long>::max());
+           std::numeric_limits<wide>::max());
     covers(static_cast<signed char>(-128), static_cast<signed char>(127), 255);
 }
 

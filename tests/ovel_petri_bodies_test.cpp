@@ -4,7 +4,6 @@
 #include "ovel_typed_nets.h"
 
 #include <span>
-#include <stop_token>
 #include <variant>
 
 namespace {
@@ -44,20 +43,27 @@ static_assert(all_take_a_number<void (*)(int), void (*)(int const&) noexcept, vo
                                 void (body::*)(int) & noexcept, void (body::*)(int) const&,
                                 void (body::*)(int) const& noexcept>);
 
-// Elements that the body keeps are copied.
-TEST(petri_bodies_test, a_weighted_arc_takes_views_and_ranges_of_proxies) {
+// Of views, ranges of proxies, and what it returns by reference.
+TEST(petri_bodies_test, elements_that_a_body_keeps_are_copied) {
     net tested(1);
     auto const in = tested.insert_place<int>("in", 2);
     auto const names = tested.insert_place<std::string>("names", 4);
     auto const flags = tested.insert_place<bool>("flags", 4);
+    auto const words = tested.insert_place<std::string>("words", 2);
+    auto const numbers = tested.insert_place<int>("numbers", 2);
     std::vector<std::string> table{"one", "two"};
     tested.insert_transition("tell", from(in), to(names.times(2), flags.times(2)), [&](int) {
         return std::tuple(std::span<std::string>(table), std::vector<bool>{true, false});
     });
+    std::string const word = "a word that is too long to be kept in place";
+    std::tuple returned(word, 1);
+    tested.insert_transition(
+        "repeat", to(words, numbers), [&]() -> auto& { return returned; });
     fill(in, {1, 2});
     run(tested);
     EXPECT_EQ(drain(names), (std::vector<std::string>{"one", "two", "one", "two"}));
     EXPECT_EQ(drain(flags), (std::vector{true, false, true, false}));
+    EXPECT_EQ(drain(words), std::vector(2, word));
 }
 
 TEST(petri_bodies_test, an_array_of_another_size_than_the_weight_fails_a_check) {
@@ -70,22 +76,21 @@ TEST(petri_bodies_test, an_array_of_another_size_than_the_weight_fails_a_check) 
 // A variant chooses a place by its index, also where its alternatives are of one type.
 TEST(petri_bodies_test, a_variant_goes_to_one_place_and_an_optional_tuple_to_all_or_none) {
     net tested(1);
-    auto const [in, even, odd, halves] =
-        insert_places<int>(tested, 8, "in", "even", "odd", "halves");
+    auto const [in, even, odd, half] = insert_places<int>(tested, 8, "in", "even", "odd", "half");
     auto const names = tested.insert_place<std::string>("names", 8);
     tested.insert_transition("sort", from(in), to(even, odd), [](int number) {
         using either = std::variant<int, int>;
         return number % 2 == 0 ? either(std::in_place_index<0>, number)
                                : either(std::in_place_index<1>, number);
     });
-    tested.insert_transition("halve", from(even), to(halves, names), [](int number) {
+    tested.insert_transition("halve", from(even), to(half, names), [](int number) {
         return number == 0 ? std::nullopt
                            : std::optional(std::tuple(number / 2, std::to_string(number)));
     });
     fill(in, {0, 1, 2, 3, 4});
     run(tested);
     EXPECT_EQ(drain(odd), (std::vector{1, 3}));
-    EXPECT_EQ(drain(halves), (std::vector{1, 2}));
+    EXPECT_EQ(drain(half), (std::vector{1, 2}));
     EXPECT_EQ(drain(names), (std::vector<std::string>{"2", "4"}));
 }
 
@@ -164,90 +169,72 @@ TEST(petri_bodies_test, a_transition_fires_only_while_the_place_of_unless_is_emp
     tested.join();
 }
 
-TEST(petri_bodies_test, a_net_tells_what_its_transitions_lack) {
-    net tested(1);
+TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
+    net tested(2);
     auto const jobs = tested.insert_place<int>("jobs \"of\" all", 3);
-    auto const desks = tested.insert_place<int>("desks", 2);
-    auto const done = tested.insert_place<int>("done", 1);
+    auto const [desks, held] = insert_places<int>(tested, 2, "desks", "held");
+    auto const [done, in, slow] = insert_places<int>(tested, 1, "done", "in", "slow");
+    auto const out = tested.insert_place<int>("out", 1, ovel::closes);
+    ovel::latch begun(1), go(1);
+    auto const hold = [&](int) {
+        begun.count_down();
+        go.wait();
+    };
     tested.insert_transition("work", from(jobs, desks.times(2)), to(done),
                              [](int job, std::vector<int>) { return job; });
-    auto const idle = tested.insert_transition("clean", from(desks), [](int) {});
-    idle.deactivate();
-    auto const last = tested.insert_transition("last", from(done), [](std::optional<int>) {});
-    jobs.send(1);
-    desks.send(2);
-    last.deactivate();
-    done.send(3);
-    run(tested);
-    EXPECT_EQ(tested.explain().text(),
-              "no transition fires until the next start\n"
-              "place jobs \"of\" all: 1 token of 3\n"
-              "place desks: 1 token of 2\n"
-              "place done: 1 token of 1\n"
-              "transition work: lacks 1 token of desks and 1 slot of done\n"
-              "transition clean: not active, lacks nothing\n"
-              "transition last: not active, lacks nothing\n");
-    ovel::explanation told = tested.explain();
-    told.running = true;  // so that only what is not active is dashed
-    ASSERT_EQ(told.transitions.size(), 3u);
+    tested.insert_transition("clean", from(desks), [](int) {}).deactivate();
+    tested.insert_transition("last", from(done), [](std::optional<int>) {}).deactivate();
+    tested.insert_transition("sum", from(in), to(out),
+                             [](std::optional<int> token) { return token.value_or(0); });
+    tested.insert_transition("late", from(in), [](int) {}, {.after = 24h});
+    tested.insert_transition("hold", from(held), hold, {.reentrant = true, .limit = 1});
+    tested.insert_transition("wait", from(slow), [](int) {}, {.after = 24h});
+    for (auto const& each : {jobs, desks, held, held, done, in, slow})
+        each.send(1);
+    in.close();
+    tested.start();
+    begun.wait();
+    until([&] { return tested.explain().transitions[3].flushes; });
+    ovel::explanation const told = tested.explain();
+    std::string const text =
+        "place jobs \"of\" all: 1 token of 3\n"
+        "place desks: 1 token of 2\n"
+        "place held: 2 tokens of 2, 1 taken by firings\n"
+        "place done: 1 token of 1\n"
+        "place in: 0 tokens of 1, ended\n"
+        "place slow: 1 token of 1\n"
+        "place out: 1 token of 1\n"
+        "transition work: lacks 1 token of desks and 1 slot of done\n"
+        "transition clean: not active, lacks nothing\n"
+        "transition last: not active, lacks nothing\n"
+        "transition sum: at its end, lacks 1 slot of out\n"
+        "transition late: ended\n"
+        "transition hold: 1 firing, as many as may run at once\n"
+        "transition wait: ";
+    EXPECT_EQ(told.text(), text + "waits for its delay\n");
     EXPECT_EQ(told.transitions[0].arcs[1].available, 1u);
     std::string const drawing = told.dot();
     for (char const* const line : {"    p0 [shape=ellipse, label=\"jobs \\\"of\\\" all 1/3\"];\n",
                                    "    p0 -> t0 [arrowhead=normal, label=\"\"];\n",
                                    "    p1 -> t0 [arrowhead=normal, label=\"2\", color=red];\n",
-                                   "    t0 -> p2 [arrowhead=normal, label=\"\", color=red];\n",
+                                   "    t0 -> p3 [arrowhead=normal, label=\"\", color=red];\n",
                                    "    t1 [shape=box, label=\"clean\", style=dashed];\n"})
         EXPECT_NE(drawing.find(line), std::string::npos) << drawing;
+    tested.halt();
+    std::string const still = "no transition fires until the next start\n";
+    EXPECT_EQ(tested.explain().text(), still + text + "lacks nothing\n");
+    go.count_down();
+    tested.join();
     static_cast<void>(jobs.try_receive());
     done.close();
     static_cast<void>(done.try_receive());
-    EXPECT_EQ(tested.explain().text(),
-              "no transition fires until the next start\n"
-              "place jobs \"of\" all: 0 tokens of 3\n"
-              "place desks: 1 token of 2\n"
-              "place done: 0 tokens of 1, ended\n"
-              "transition work: ended\n"
-              "transition clean: not active, lacks nothing\n"
-              "transition last: not active, at its end, lacks nothing\n");
-}
-
-TEST(petri_bodies_test, a_net_tells_of_last_calls_delays_and_limits) {
-    net tested(2);
-    auto const in = tested.insert_place<int>("in", 1);
-    auto const out = tested.insert_place<int>("out", 1, ovel::closes);
-    tested.insert_transition("sum", from(in), to(out),
-                             [](std::optional<int> token) { return token.value_or(0); });
-    tested.insert_transition("late", from(in), [](int) {}, {.after = 24h});
-    ovel::latch begun(1), go(1);
-    auto const held = tested.insert_place<int>("held", 2);
-    auto const hold = [&](int) {
-        begun.count_down();
-        go.wait();
-    };
-    tested.insert_transition("hold", from(held), hold, {.reentrant = true, .limit = 1});
-    auto const slow = tested.insert_place<int>("slow", 1);
-    tested.insert_transition("wait", from(slow), [](int) {}, {.after = 24h});
-    for (auto const& each : {in, held, held, slow})
-        each.send(1);
-    in.close();
-    tested.start();
-    begun.wait();
-    until([&] { return tested.explain().transitions[0].flushes; });
-    std::string const text =
-        "place in: 0 tokens of 1, ended\n"
-        "place out: 1 token of 1\n"
-        "place held: 2 tokens of 2, 1 taken by firings\n"
-        "place slow: 1 token of 1\n"
-        "transition sum: at its end, lacks 1 slot of out\n"
-        "transition late: ended\n"
-        "transition hold: 1 firing, as many as may run at once\n"
-        "transition wait: ";
-    EXPECT_EQ(tested.explain().text(), text + "waits for its delay\n");
-    tested.halt();
-    EXPECT_EQ(tested.explain().text(),
-              "no transition fires until the next start\n" + text + "lacks nothing\n");
-    go.count_down();
-    tested.join();
+    std::string const end = tested.explain().text();
+    EXPECT_NE(end.find("place done: 0 tokens of 1, ended\n"), std::string::npos) << end;
+    EXPECT_NE(end.find("transition work: ended\n"
+                       "transition clean: not active, lacks nothing\n"
+                       "transition last: not active, at its end, lacks nothing\n"),
+              std::string::npos)
+        << end;
     for (auto i = tested.base().begin_places(); i != tested.base().end_places(); ++i)
         EXPECT_FALSE(tested.name(*i).empty());
 }

@@ -4,15 +4,7 @@
 #include "ovel_petri_enabled_transitions.h"
 #include "ovel_petri_ready_firings.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <deque>
-#include <map>
-#include <memory>
-#include <random>
-#include <tuple>
-#include <vector>
+#include "ovel_test.h"
 
 struct ovel::detail::inspector {
     static bool queued(petri_transition const& transition) {

@@ -1,12 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What only POSIX systems do to threads: signals and cancellation.
-
-#include "ovel_allocator_recycler.h"
-#include "ovel_once.h"
 #include "ovel_test.h"
-#include "ovel_time.h"
-
-#include <csignal>
 
 #include <pthread.h>
 #include <unistd.h>

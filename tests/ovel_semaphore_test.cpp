@@ -1,10 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_semaphore.h"
-
 #include "ovel_test.h"
 
-using ovel::semaphore;
-using ovel::timed_semaphore;
+using namespace ovel;
 
 namespace {
 

@@ -1,13 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_skip_list.h"
-#include "ovel_list.h"
 #include "ovel_test.h"
 
-#include <iterator>
-#include <random>
-
-using ovel::list;
-using ovel::skip_list;
+using namespace ovel;
 
 namespace {
 

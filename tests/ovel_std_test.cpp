@@ -1,11 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_std.h"
-
 #include "ovel_test.h"
-
-#include <cmath>
-#include <mutex>
-#include <stdexcept>
 
 namespace {
 

@@ -1,22 +1,43 @@
 // SPDX-License-Identifier: Apache-2.0
 // Shared by the suites: threads, waiting for a state, and the message of a failed check. It
-// includes what most suites use of the standard library.
+// includes the library, and what most suites use of the standard library.
 #ifndef OVEL_TEST_H
 #define OVEL_TEST_H
+
+#include "ovel.h"
+#include "ovel_memory.h"
+#include "ovel_parallel.h"
+#include "ovel_petri.h"
+#include "ovel_trace.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
-#include <cstddef>
-#include <cstdint>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <iterator>
 #include <limits>
+#include <map>
 #include <memory>
-#include <new>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 

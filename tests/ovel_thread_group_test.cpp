@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Thread groups, as far as scenarios on the simulated kernel do not test them.
-
-#include "ovel_thread_group.h"
-
 #include "ovel_test.h"
-#include "ovel_work.h"
 
 using namespace ovel;
 

@@ -1,16 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_thread_support.h"
-
-#include "ovel_once.h"
 #include "ovel_test.h"
-#include "ovel_thread_specific_ptr.h"
 
 #include <bit>
-#include <stdexcept>
 
-using ovel::call_once;
-using ovel::thread_specific_ptr;
-using ovel::thread_support;
+using namespace ovel;
 
 namespace {
 

@@ -1,14 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Dedicated threads, the pool, and pooled threads.
-
-#include "ovel_thread.h"
-
 #include "ovel_test.h"
-#include "ovel_thread_support.h"
-#include "ovel_work.h"
-
-#include <fstream>
-#include <type_traits>
 
 using namespace ovel;
 

@@ -1,10 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_time.h"
-
-#include "ovel_kernel.h"
 #include "ovel_test.h"
-
-#include <cmath>
 
 using ovel::time_base;
 using ovel::time_support;

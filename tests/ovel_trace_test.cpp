@@ -1,12 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_trace.h"
 #include "ovel_test.h"
 
 #include <nlohmann/json.hpp>
-
-#include <cstdio>
-#include <fstream>
-#include <map>
 
 namespace trace = ovel::trace;
 using json = nlohmann::json;
@@ -43,24 +38,20 @@ TEST(trace_test, each_thread_keeps_its_scopes_in_order_while_others_read) {
     while (running != 0);
 
     std::map<std::string, int> kinds;
-    std::map<double, double> inner_begin;
+    std::map<int, double> inner_begin;
     json const all = written(recorded);
     for (json const& each : all["traceEvents"]) {
-        ASSERT_EQ(each["pid"], 1);
-        double const thread = each["tid"].get<double>();
         std::string const name = each["name"];
-        if (each["ph"] == "M") {
-            ++kinds[name + " " + each["args"]["name"].get<std::string>()];
+        bool const names = each["ph"] == "M";
+        ++kinds[name + ' ' + (names ? each["args"]["name"] : each["cat"]).get<std::string>()];
+        if (names)
             continue;
-        }
-        ASSERT_EQ(each["ph"], "X");
-        ASSERT_GE(each["ts"], 0);
-        ASSERT_GE(each["dur"], 0);
-        ++kinds[name + " " + each["cat"].get<std::string>()];
+        ASSERT_TRUE(each["pid"] == 1 && each["ph"] == "X" && each["dur"] >= 0) << each;
+        double& begin = inner_begin[each["tid"]];
         if (name == "inner")
-            inner_begin[thread] = each["ts"].get<double>();
+            begin = each["ts"];
         else
-            ASSERT_LE(each["ts"], inner_begin.at(thread));
+            ASSERT_LE(each["ts"], begin);
     }
     EXPECT_EQ(kinds, (std::map<std::string, int>{{"thread_name worker", threads},
                                                  {"inner wait", threads * scopes},

@@ -3,20 +3,7 @@
 #ifndef OVEL_TRAFFIC_H
 #define OVEL_TRAFFIC_H
 
-#include "ovel_allocator_recycler.h"
-#include "ovel_allocator_support.h"
-#include "ovel_assure.h"
-#include "ovel_petri.h"
 #include "ovel_test.h"
-#include "ovel_thread.h"
-#include "ovel_thread_base.h"
-#include "ovel_time.h"
-#include "ovel_work.h"
-
-#include <array>
-#include <cstring>
-#include <deque>
-#include <iterator>
 
 namespace traffic {
 
@@ -65,34 +52,30 @@ void run_in_work_group(Work const& work) {
 
 template <class Work>
 void run_in_net(Work const& work) {
-    ovel::net net(2);
-    auto const place = net.insert_place<int>("place", 1);
-    net.insert_transition("work", ovel::from(place), [&](int) { work(); });
+    ovel::net net(2, 0.0, 32768);
+    auto const in = net.insert_place<int>("in", 1);
+    auto const out = net.insert_place<int>("out", 1);
+    net.insert_transition("work", ovel::from(in), [&](int) { work(); });
+    net.insert_transition("tell", ovel::to(out), [] { return 8; });
     net.start();
-    place.send(1);
+    in.send(4);
+    assure(out.receive() == 8);
     net.join();
 }
 
 inline void run_group() {
-    ovel::work_group group(2, 0.0, 32768);
-    for (int i = 0; i != 8; ++i)
-        group.submit([] { exchange_blocks(9); });
-    assure(group.submit([] { return 42; }).get() == 42);
-    group.join();
+    run_in_work_group([] { exchange_blocks(9); });
 }
 
-inline void run_net() {
-    ovel::net pipeline(2, 0.0, 32768);
-    auto const in = pipeline.insert_place<int>("in", 4);
-    auto const out = pipeline.insert_place<int>("out", 4);
-    pipeline.insert_transition("twice", ovel::from(in), ovel::to(out),
-                               [](int number) { return 2 * number; });
-    pipeline.start();
-    for (int i = 0; i != 4; ++i) {
-        in.send(i);
-        assure(out.receive() == 2 * i);
-    }
-    pipeline.join();
+// What the system's services lock among threads.
+inline void use_services() {
+    unsigned int volatile flag = 0;
+    ovel::call_once([] {}, flag);
+    int value = 0;
+    ovel::thread_specific_ptr<int> slot;
+    slot.set(&value);
+    assure(slot.get() == &value && flag != 0);
+    ovel::thread_support::thread_affinity(ovel::thread_support::process_affinity());
 }
 
 // How the threads use the library, by the kind of the thread.
@@ -102,7 +85,8 @@ inline constexpr void (*uses[])(unsigned int round) = {
     [](unsigned int) { run_on<ovel::thread>([] { exchange_blocks(7); }); },
     [](unsigned int) { run_on<ovel::thread_base>([] { exchange_blocks(7); }); },
     [](unsigned int) { run_group(); },
-    [](unsigned int) { run_net(); },
+    [](unsigned int) { run_in_net([] { exchange_blocks(7); }); },
+    [](unsigned int) { use_services(); },
 };
 constexpr int kinds = static_cast<int>(std::size(uses));
 inline std::array<std::atomic<unsigned int>, kinds> rounds;

@@ -3,17 +3,7 @@
 #ifndef OVEL_TYPED_NETS_H
 #define OVEL_TYPED_NETS_H
 
-#include "ovel_petri.h"
 #include "ovel_test.h"
-
-#include <array>
-#include <exception>
-#include <initializer_list>
-#include <mutex>
-#include <optional>
-#include <stdexcept>
-#include <tuple>
-#include <type_traits>
 
 using namespace std::chrono_literals;
 using ovel::net;
@@ -34,9 +24,8 @@ struct ovel::detail::inspector {
 
 // Places with these names, of one type and capacity.
 template <class T, class... Names>
-std::array<place<T>, sizeof...(Names)> insert_places(net& in, unsigned int capacity,
-                                                     Names... names) {
-    return {in.insert_place<T>(names, capacity)...};
+std::array<place<T>, sizeof...(Names)> insert_places(net& in, unsigned int room, Names... names) {
+    return {in.insert_place<T>(names, room)...};
 }
 
 // Sends tokens for which there is room.

@@ -1,18 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "ovel_work.h"
-
-#include "ovel_std.h"
 #include "ovel_test.h"
-
-#include <future>
-#include <optional>
-#include <stdexcept>
 
 namespace {
 
 using namespace std::chrono_literals;
-using ovel::allocator_group;
-using ovel::work_group;
+using namespace ovel;
 
 TEST(thread_allocator_test, a_thread_has_its_own_within_the_outermost_scope_only) {
     allocator_group& group = *allocator_group::global();

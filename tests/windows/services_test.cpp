@@ -3,12 +3,7 @@
 // fail for handles which the program has closed. The suites of the classes test the checks that
 // misuse alone can fail, and scenarios on the simulated kernel refuse objects.
 
-#include "ovel_once.h"
-#include "ovel_semaphore.h"
 #include "ovel_test.h"
-#include "ovel_time.h"
-
-#include <cstdio>
 
 using ovel::call_once;
 using ovel::semaphore;
@@ -25,8 +20,9 @@ namespace {
 
 using ovel::detail::inspector;
 
-constexpr char once_file[] = "sources/ovel_once.cpp";
-constexpr char semaphore_file[] = "sources/ovel_semaphore.cpp";
+constexpr char once[] = "sources/ovel_once.cpp";
+constexpr char file[] = "sources/ovel_semaphore.cpp";
+constexpr char wait[] = "WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0";
 
 // Closes the handle of the subject's kernel object. Starts the clock first, because its
 // handles would reuse the closed one.
@@ -77,25 +73,18 @@ TEST(call_once_death_test, an_abandoned_mutex_fails_its_check) {
         WaitForSingleObject(thread, INFINITE);
         call_once([] {}, flag);
     };
-    EXPECT_CHECK(find_abandoned(), "WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0",
-                 once_file);
+    EXPECT_CHECK(find_abandoned(), "WaitForSingleObject(mutex, INFINITE) == WAIT_OBJECT_0", once);
 }
 
 TEST(semaphore_death_test, a_failed_call_fails_its_check) {
     semaphore units(0, 0);
     timed_semaphore timed(0, 0);
-    EXPECT_CHECK(closed(units).acquire(),
-                 "WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0",
-                 "includes/ovel_semaphore.h");
-    EXPECT_CHECK(closed(timed).acquire(),
-                 "WaitForSingleObject(_semaphore, INFINITE) == WAIT_OBJECT_0", semaphore_file);
-    EXPECT_CHECK(closed(timed).try_acquire(), "result == WAIT_OBJECT_0", semaphore_file);
-    EXPECT_CHECK(closed(timed).timed_acquire(ovel::time()), "result == WAIT_OBJECT_0",
-                 semaphore_file);
-    EXPECT_CHECK(closed(timed).release(), "ReleaseSemaphore(_semaphore, 1, 0) != 0",
-                 semaphore_file);
-    EXPECT_CHECK(closed(*std::make_unique<semaphore>(0, 0)), "CloseHandle(_semaphore) != 0",
-                 semaphore_file);
+    EXPECT_CHECK(closed(units).acquire(), wait, "includes/ovel_semaphore.h");
+    EXPECT_CHECK(closed(timed).acquire(), wait, file);
+    EXPECT_CHECK(closed(timed).try_acquire(), "result == WAIT_OBJECT_0", file);
+    EXPECT_CHECK(closed(timed).timed_acquire(ovel::time()), "result == WAIT_OBJECT_0", file);
+    EXPECT_CHECK(closed(timed).release(), "ReleaseSemaphore(_semaphore, 1, 0) != 0", file);
+    EXPECT_CHECK(closed(*std::make_unique<semaphore>(0, 0)), "CloseHandle(_semaphore) != 0", file);
 }
 
 }  // namespace
