@@ -4,21 +4,6 @@
 #define OVEL_TESTS_SIMULATION_ACCOUNTS_H
 
 #include "inspector.h"
-#include "ovel_atomic.h"
-#include "ovel_mutex.h"
-#include "ovel_semaphore.h"
-#include "ovel_thread_support.h"
-#include "ovel_time.h"
-#include "ovel_work.h"
-
-#include <algorithm>
-#include <chrono>
-#include <cstdint>
-#include <deque>
-#include <new>
-#include <type_traits>
-#include <utility>
-#include <vector>
 
 namespace ovel::simulation {
 

@@ -3,29 +3,30 @@
 #ifndef OVEL_TESTS_SIMULATION_INSPECTOR_H
 #define OVEL_TESTS_SIMULATION_INSPECTOR_H
 
+#include "ovel.h"
 #include "ovel_allocator.h"
-#include "ovel_allocator_group.h"
-#include "ovel_allocator_recycler.h"
-#include "ovel_assure.h"
-#include "ovel_barrier.h"
-#include "ovel_condition.h"
 #include "ovel_guard.h"
+#include "ovel_memory.h"
+#include "ovel_parallel.h"
 #include "ovel_petri.h"
 #include "ovel_petri_call.h"
 #include "ovel_petri_engine.h"
-#include "ovel_petri_net.h"
 #include "ovel_task.h"
-#include "ovel_thread.h"
-#include "ovel_thread_group.h"
 #include "simulation/simulation.h"
 
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <cmath>
-#include <cstddef>
-#include <iterator>
+#include <cstring>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
+#include <optional>
+#include <stop_token>
+#include <utility>
+#include <vector>
 
 struct ovel::detail::inspector {
     // No batch, no waiter, the gate open.
@@ -87,11 +88,6 @@ struct ovel::detail::inspector {
         auto& elements = thread_element_group::_global._elements;
         std::destroy_at(&elements);
         std::construct_at(&elements);
-    }
-
-    // With all threads at rest: no work that fits waits while a thread is idle.
-    static void expect_busy(thread_group& group) {
-        assure(group._condition._queued == 0 || !_has_fitting(group._queue, group._space));
     }
 
     // The invariants of a group whenever its mutex is free.
@@ -197,11 +193,6 @@ struct ovel::detail::inspector {
     }
     static bool has_waiting(petri_place& place) {
         return place._receivers.waiting() + place._senders.waiting() != 0;
-    }
-
-    static bool is_running(petri_net& net) {
-        guard const hold(net._mutex);
-        return net._engine->is_running();
     }
 
     // Of a typed net. Waits at an empty place as `receive_until` does with a std::stop_token,

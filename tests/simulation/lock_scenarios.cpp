@@ -2,7 +2,6 @@
 // Locks: no two threads are inside together, and no wake-up is lost.
 
 #include "accounts.h"
-#include "ovel_once.h"
 
 namespace ovel::simulation {
 

@@ -2,11 +2,6 @@
 // The allocator: every block comes home, and no chunk is lost or duplicated.
 
 #include "accounts.h"
-#include "ovel_allocator_support.h"
-#include "ovel_malloc.h"
-
-#include <cmath>
-#include <cstring>
 
 namespace ovel::simulation {
 

@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Typed nets and the threads outside: the end of a place comes behind all its tokens, a wait
-// ends at its limit or when the net lets its callers go, and what was not sent is kept.
+// ends at its limit or when the net lets its callers go, what was not sent is kept, and batches
+// that move without the net's mutex lose no token, overtake none and do not put too many.
 
 #include "accounts.h"
-
-#include <array>
-#include <memory>
-#include <optional>
-#include <stop_token>
 
 namespace ovel::simulation {
 
@@ -96,7 +92,7 @@ void ends(unsigned int variant) {
 }
 
 // A place is closed while a firing that puts into it is held: its token arrives, then the end.
-// Receivers wait without a limit, with a late one, or ask again and again.
+// Receivers wait without a limit, or with a late one.
 void ends_behind_a_firing(unsigned int variant) {
     accounts const books(0, true);
     net tested(1, 0.0, net_stack);
@@ -115,15 +111,9 @@ void ends_behind_a_firing(unsigned int variant) {
     detail::atomic<int> received = 0;
     {
         auto const receive = [&] {
-            if (variant == 2)
-                for (; !out.ended(); YieldProcessor())
-                    received += out.try_receive().value_or(0);
-            else if (variant == 1)
-                while (!out.ended())
-                    received += out.receive_until(time::then(3600.0)).value_or(0);
-            else
-                while (auto const token = out.next())
-                    received += *token;
+            while (!out.ended())
+                received +=
+                    (variant == 0 ? out.next() : out.receive_until(time::then(3600.0))).value_or(0);
         };
         client first(receive), second(receive);
         client closing([&] {
@@ -137,25 +127,34 @@ void ends_behind_a_firing(unsigned int variant) {
 }
 
 // Two threads close the inputs of transitions that have weights and several inputs. Each
-// transition ends, the last one of the place behind them closes it, and a firing looks at no
-// other closed place. In the second variant the net is stopped meanwhile and gets a transition.
+// transition ends, switched off or without room for its result, the last one of the place behind
+// them closes it, and a firing looks at no other closed place. In the second variant the net is
+// stopped meanwhile. Before a start it gets transitions whose places have ended.
 void starves(unsigned int variant) {
     accounts const books(0);
     net tested(1 + pick(2), 0.0, net_stack);
     auto const left = tested.insert_place<int>("left", 3);
     auto const right = tested.insert_place<int>("right", 3);
+    auto const off = tested.insert_place<int>("off", 1);
+    auto const shut = tested.insert_place<int>("shut", 1);
     auto const out = tested.insert_place<int>("out", 8, closes);
+    auto const pass = [](int token) {
+        return token;
+    };
     tested.insert_transition("pair", from(left.times(2)), to(out),
                              [](std::array<int, 2> pair) { return pair[0] + pair[1]; });
     tested.insert_transition("both", from(left, right), to(out),
                              [](int one, int other) { return one + other; });
     tested.insert_transition("last", from(right), to(out),
                              [](std::optional<int> token) { return token; });
+    tested.insert_transition("off", from(off), to(out), pass).deactivate();
+    tested.insert_transition("shut", from(left), to(shut), pass);
     begin();
+    shut.close();
     bool const running = variant == 1 || pick(2) == 0;
     if (running)
         tested.start();
-    detail::atomic<int> sent = 0;
+    detail::atomic<int> sent = 0, told = 0;
     {
         auto const feed = [&](place<int> const& into) {
             for (unsigned int each = pick(4); each != 0; --each)
@@ -163,23 +162,28 @@ void starves(unsigned int variant) {
             into.close();
             inspector::check_net(tested.base());
         };
-        client one([&] { feed(left); }), other([&] { feed(right); });
+        client one([&] { feed(left); }), other([&] {
+            feed(right);
+            off.close();
+        });
         if (variant == 1)
             tested.join();
     }
-    if (variant == 1)
-        tested.insert_transition("more", from(left), to(out), [](int token) { return token; });
-    if (variant == 1 || !running)
+    if (variant == 1 || !running) {
+        tested.insert_transition("more", from(left), to(out), pass);
+        tested.insert_transition("told", from(off), [&](std::optional<int> end) { told += !end; });
         tested.start();
+    }
     int received = 0;
     while (auto const token = out.next()) {
         received += *token;
         inspector::check_net(tested.base());
     }
     assure(out.ended() && right.ended());
+    tested.join();
     for (auto const& each : tested.explain().transitions)
         assure(each.ended);
-    tested.join();
+    assure(told == (variant == 1 || !running));
     assure(received + static_cast<int>(left.size()) == sent && left.size() <= 1);
 }
 
@@ -379,10 +383,88 @@ void refused_blocks(unsigned int variant) {
     refuse_blocks(0, 0);
 }
 
+// One thread feeds a chain and another drains it; a third looks at the counts. The feeding thread
+// closes the chain, whose arcs may need several tokens. Or the first transition is deactivated in
+// the end, and the tokens stay where they were put.
+void ports(unsigned int variant) {
+    accounts const books(variant == 2 ? 64 : 0);
+    bool const stays = variant == 1;
+    constexpr unsigned int room = 8, tokens = 3 * room;
+    net tested(1 + pick(2), 0.0, net_stack);
+    auto const in = tested.insert_place<unsigned int>("in", room);
+    auto const middle = tested.insert_place<unsigned int>("middle", room / 2, closes);
+    auto const out = tested.insert_place<unsigned int>("out", room, closes);
+    using batch = std::array<unsigned int, 3>;
+    auto const insert = [&](char const* name, auto const& source, auto const& target) {
+        if (variant == 3)
+            return tested.insert_transition(name, from(source.times(3)), to(target.times(3)),
+                                            [](batch tokens) { return tokens; });
+        return tested.insert_transition(name, from(source), to(target),
+                                        [](unsigned int token) { return token; });
+    };
+    auto first = insert("first", in, middle);
+    insert("second", middle, out);
+    tested.start();
+    begin();
+    unsigned int sent = 0;
+    unsigned int received = 0;
+    {
+        client feeds([&] {
+            for (; sent != tokens; ++sent) {
+                if (pick(4) == 0)
+                    while (!in.try_send(sent))
+                        YieldProcessor();
+                else
+                    assure(in.send(sent));
+            }
+            if (!stays) {
+                in.close();
+                assure(!in.try_send(tokens));
+            }
+        });
+        client drains([&] {
+            for (unsigned int least = 0; received != tokens; ++received) {
+                std::optional<unsigned int> token;
+                if (pick(4) == 0)
+                    token = out.try_receive();
+                if (!token)
+                    token = out.next();
+                if (!token)
+                    return;
+                assure(*token == least++);
+            }
+        });
+        client watches([&] {
+            do {
+                inspector::check_net(tested.base());
+                assure(in.size() <= room && out.size() <= room);
+                for (auto const& each : tested.explain().places)
+                    assure(each.tokens <= each.capacity);
+                YieldProcessor();
+            } while (pick(8) != 0);
+        });
+    }
+    if (stays) {
+        first.deactivate();
+        unsigned int here = in.size();
+        assure(here == 0);
+        for (; here != room / 2; ++here) {
+            in.send(here);
+            assure(in.size() == here + 1);
+        }
+        assure(in.try_peek() == 0u);
+        sent += here;
+    }
+    tested.join();
+    assure(sent == received + in.size() + middle.size() + out.size());
+    assure(received == tokens);
+}
+
 registration const table{
     {.name = "net_ends_behind_its_tokens", .run = ends, .variants = 3},
-    {.name = "net_place_ends_behind_a_firing", .run = ends_behind_a_firing, .variants = 3},
+    {.name = "net_place_ends_behind_a_firing", .run = ends_behind_a_firing, .variants = 2},
     {.name = "net_ends_what_closed_places_starve", .run = starves, .variants = 2},
+    {.name = "net_moves_batches_through_ports", .run = ports, .variants = 4},
     {.name = "net_waits_end_at_their_limits", .run = limits, .variants = 2},
     {.name = "net_lets_blocked_threads_go", .run = let_go, .variants = 4},
     {.name = "net_ends_although_memory_is_refused", .run = ends_without_memory},

@@ -5,18 +5,11 @@
 
 #include "linux/units.h"
 
+#include "accounts.h"
 #include "linux/futex_word.h"
 #include "linux/processors.h"
-#include "ovel_assure.h"
 #include "simulation/heap.h"
 #include "simulation/scheduler.h"
-#include "simulation/simulation.h"
-
-#include <algorithm>
-#include <deque>
-#include <memory>
-#include <new>
-#include <vector>
 
 namespace ovel {
 
@@ -56,7 +49,8 @@ bool futex_wait(void const* word, std::uint32_t value, deadline const& until) {
         return true;
     threads_mask const self = calling_thread();
     futex_sleepers.push_back({word, self});
-    block(until.never() ? simulation::never : static_cast<std::uint64_t>(until.when().tv_nsec));
+    simulation::block(until.never() ? simulation::never
+                                    : static_cast<std::uint64_t>(until.when().tv_nsec));
     return std::erase_if(futex_sleepers, [=](auto const& each) { return each.thread == self; }) ==
            0;
 }
