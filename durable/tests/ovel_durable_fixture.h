@@ -5,20 +5,15 @@
 
 #include "../../tests/ovel_test.h"
 #include "ovel_durable.h"
-#include "ovel_durable_mortal_store.h"
 #include "ovel_durable_server.h"
+#include "ovel_durable_store.h"
 
 #include <sqlite3.h>
-
-#include <map>
-#include <mutex>
-#include <optional>
-#include <set>
-#include <stdexcept>
 
 namespace ovel_durable_test {
 
 namespace durable = ovel::durable;
+namespace parts = ovel::durable::detail;
 using namespace std::chrono_literals;
 
 // What a call throws.
@@ -65,6 +60,76 @@ private:
     sqlite3* _file = nullptr;
 };
 
+// Forwards to another store, and calls an observer at some points, which may kill the process
+// or throw what a lost connection throws.
+class mortal_store : public parts::store {
+public:
+    using observer = std::function<void(std::string const& point)>;
+
+    mortal_store(std::unique_ptr<parts::store> behind, observer pass)
+        : _behind(std::move(behind)), _pass(std::move(pass)) {}
+
+    parts::turned take_turn(std::int64_t net, std::int64_t member,
+                            parts::turn const& asked) override {
+        if (!asked.ended.empty())
+            _pass("before");
+        parts::turned made = _behind->take_turn(net, member, asked);
+        if (made.committed != 0)
+            _pass("after");
+        if (!made.claims.empty())
+            _pass("claimed");
+        return made;
+    }
+
+    parts::answer put(std::int64_t net, std::int64_t place, std::string const& value,
+                      parts::call const& named) override {
+        parts::answer const made = _behind->put(net, place, value, named);
+        _pass("put");
+        return made;
+    }
+    parts::answer take(std::int64_t net, std::int64_t place, parts::call const& named,
+                       parts::acceptor const& accept) override {
+        parts::answer const made = _behind->take(net, place, named, accept);
+        _pass("taken");
+        return made;
+    }
+    void fail(std::int64_t net, std::string const& why) override {
+        _pass("failing");
+        _behind->fail(net, why);
+    }
+
+// What is only forwarded.
+#define FORWARD(result, name, parameters, ...) \
+    result name parameters override {          \
+        return _behind->name(__VA_ARGS__);     \
+    }
+    using number = std::int64_t;
+    using numbers = std::vector<std::int64_t>;
+    using text = std::string;
+    FORWARD(parts::numbers, open, (parts::structure const& net), net)
+    FORWARD(number, enter, (number net, text const& name, double lease, numbers const& runs), net,
+            name, lease, runs)
+    FORWARD(void, renew,
+            (number net, number member, text const& name, double lease, numbers const& runs), net,
+            member, name, lease, runs)
+    FORWARD(std::vector<parts::claim>, claims_of, (number member), member)
+    FORWARD(number, fired_by, (number member), member)
+    FORWARD(void, disown, (number member, number claim), member, claim)
+    FORWARD(parts::rest_state, rest, (number net), net)
+    FORWARD(std::vector<text>, nets, ())
+    FORWARD(parts::state, look, (text const& net), net)
+    FORWARD(bool, repeats, (text const& net), net)
+    FORWARD(void, watch, (number net, text const& watcher, double seconds), net, watcher, seconds)
+    FORWARD(void, unwatch, (text const& watcher), watcher)
+    FORWARD(void, tell, (number net), net)
+    FORWARD(bool, wait, (double seconds, int bell), seconds, bell)
+#undef FORWARD
+
+private:
+    std::unique_ptr<parts::store> const _behind;
+    observer const _pass;
+};
+
 // The place `in`, with `out`, to which the transition `work` passes its tokens on.
 template <class Body>
 auto insert_work(durable::net& net, Body const& body, std::uint64_t room = 100) {
@@ -102,7 +167,7 @@ protected:
     void SetUp() override {
         if (on_server()) {
             if (_server == nullptr)
-                _server = std::make_unique<server>("fsync = off\n");
+                _server = std::make_unique<server>();
             _url = _server->url();
         } else {
             _url = "sqlite:" + file();
@@ -134,9 +199,10 @@ protected:
         return chosen;
     }
 
+    // Since the last call.
     std::string reports() {
         std::lock_guard const hold(_lock);
-        return _reports;
+        return std::exchange(_reports, "");
     }
 
     std::unique_ptr<parts::store> connect(std::string const& more = "") {

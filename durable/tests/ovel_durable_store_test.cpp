@@ -3,10 +3,6 @@
 #include "ovel_durable_fixture.h"
 #include "ovel_durable_sql.h"
 
-#include <libpq-fe.h>
-
-#include <filesystem>
-
 using namespace ovel_durable_test;
 
 namespace {
@@ -209,29 +205,34 @@ TEST_P(ovel_durable_store_test, a_member_gives_up_claims_that_it_does_not_know) 
     EXPECT_EQ(seen().transitions[0].fired, 1U);
 }
 
-// The connection is lost before a commit, which others had overtaken.
-TEST_P(ovel_durable_store_test, a_member_is_told_though_its_connection_was_lost) {
-    std::atomic<bool> reached = false, overtaken = false;
-    auto const cut_once = [&](std::string const& here) {
-        if (here != "before" || reached.exchange(true))
-            return;
-        wait_for([&] { return overtaken.load(); });
-        throw parts::unreachable("cut");
-    };
-    connect()->open(plan(_name, 1, 0));
-    auto chosen = quick();
-    chosen.lease = 0.3;
-    durable::net sleeper(observed(cut_once), _name, chosen), other(_url, _name, quick());
-    build(sleeper, same);
-    build(other, same);
-    sleeper.start();
-    EXPECT_TRUE(wait_for([&] { return reached.load(); }));
-    other.start();
-    other.join();
-    overtaken = true;
-    sleeper.join();
-    EXPECT_TRUE(contains(reports(), "others had taken over 1 of its firings"));
-    EXPECT_EQ(seen().places[2].tokens, 1U);
+// It stops before its commit, or its connection is lost there, for longer than its lease.
+TEST_P(ovel_durable_store_test, a_member_whose_firing_others_took_over_is_told) {
+    for (bool const loses : {true, false}) {
+        std::atomic<bool> reached = false, overtaken = false;
+        auto const stop_once = [&](std::string const& here) {
+            if (here != "before" || reached.exchange(true))
+                return;
+            wait_for([&] { return overtaken.load(); });
+            if (loses)
+                throw parts::unreachable("cut");
+        };
+        _name = new_name();
+        connect()->open(plan(_name, 1, 0));
+        auto chosen = quick();
+        chosen.lease = 0.3;
+        durable::net sleeper(observed(stop_once), _name, chosen), other(_url, _name, quick());
+        build(sleeper, same);
+        build(other, same);
+        sleeper.start();
+        EXPECT_TRUE(wait_for([&] { return reached.load(); }));
+        other.start();
+        other.join();
+        overtaken = true;
+        sleeper.join();
+        EXPECT_TRUE(contains(reports(), "others had taken over 1 of its firings"));
+        EXPECT_EQ(seen().places[2].tokens, 1U);
+        EXPECT_EQ(seen().transitions[0].fired, 1U);
+    }
 }
 
 // The connection is lost between the commit of every other call and its answer.
@@ -324,7 +325,7 @@ TEST(ovel_durable_file_test, a_file_that_is_no_store_stays_as_it_is) {
     std::string const absent = "the store " + file + ": unable to open database file";
     EXPECT_EQ(error_of([&] { parts::nets_of(connect); }), absent);
     EXPECT_EQ(error_of([&] { parts::state_of(connect, "net"); }), absent);
-    EXPECT_FALSE(std::filesystem::exists(file));
+    EXPECT_FALSE(fs::exists(file));
 
     sqlite_file other(file);
     other.run("CREATE TABLE t (x)");

@@ -2,10 +2,7 @@
 // Durable nets within one process, on either store.
 #include "ovel_durable_fixture.h"
 
-#include <fstream>
-
 #include <sys/wait.h>
-#include <unistd.h>
 
 using namespace ovel_durable_test;
 

@@ -3,9 +3,6 @@
 #include "../../tests/ovel_net_program.h"
 #include "ovel_durable_server.h"
 
-#include <map>
-#include <memory>
-
 using ovel_durable_test::server;
 
 namespace {
@@ -13,22 +10,11 @@ namespace {
 class ovel_durable_tool_test : public ovel_net_test,
                                public testing::WithParamInterface<char const*> {
 protected:
-    static void TearDownTestSuite() {
-        _server.reset();
-    }
-    // In its own database or file, since the name of a net is its file's.
+    // In its own store, since the name of a net is its file's.
     void SetUp() override {
         ovel_net_test::SetUp();
-        if (GetParam() == std::string("postgresql")) {
-            if (_server == nullptr)
-                _server = std::make_unique<server>("fsync = off\n");
-            static int number = 0;
-            std::string const name = "d" + std::to_string(++number);
-            _server->run("CREATE DATABASE " + name);
-            _url = "postgresql://ovel@/" + name + "?host=" + _server->socket_folder();
-        } else {
-            _url = "sqlite:store";
-        }
+        if (GetParam() == std::string("postgresql"))
+            _url = _server.emplace().url();
     }
 
     std::string store() const {
@@ -50,8 +36,8 @@ protected:
         return made;
     }
 
-    inline static std::unique_ptr<server> _server;
-    std::string _url;
+    std::optional<server> _server;
+    std::string _url = "sqlite:store";
 };
 
 INSTANTIATE_TEST_SUITE_P(stores, ovel_durable_tool_test, testing::Values("sqlite", "postgresql"),
