@@ -49,8 +49,7 @@ TEST_F(ovel_net_test, check_leaves_out_what_is_too_much) {
     ASSERT_FALSE(result["invariants"].empty());
     for (json const& each : result["invariants"]) {
         EXPECT_EQ(each["places"].size(), 41U);
-        bool const from_a = each["places"][0]["id"] == "a0";
-        EXPECT_EQ(each["sum"], from_a ? 3 : 0);
+        EXPECT_EQ(each["sum"], each["places"][0]["id"] == "a0" ? 3 : 0);
     }
 
     // The only one has the weights 2^60, 2^30 and 1, and its sum is 2^64.
@@ -78,7 +77,7 @@ TEST_F(ovel_net_test, explain_names_the_tokens_and_slots_that_each_transition_la
               "consume place \"consumed\"\nconsume slots 1\n");
 
     run(own("bounded_buffer.pnml") + " --firings 1 --explain");
-    EXPECT_NE(out.find("\n  produce: nothing, it is enabled\n"), std::string::npos) << out;
+    EXPECT_TRUE(contains(out, "\n  produce: nothing, it is enabled\n"));
 }
 
 TEST_F(ovel_net_test, a_trace_has_each_firing_by_its_name) {

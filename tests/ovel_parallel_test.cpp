@@ -164,8 +164,7 @@ TEST_P(parallel_test, reductions_join_in_order_and_repeat_to_the_last_bit) {
             start += static_cast<char>('a' + begin % 26);
         return start;
     };
-    std::string const all = parallel_reduce(group, 0, 3000, std::string(), spell, join, 7);
-    EXPECT_EQ(all, spell(0, 3000, ""));
+    EXPECT_EQ(parallel_reduce(group, 0, 3000, std::string(), spell, join, 7), spell(0, 3000, ""));
     EXPECT_EQ(parallel_reduce(group, 3, 3, std::string("none"), spell, join), "none");
 
     auto const harmonic = [](int begin, int end, float start) {

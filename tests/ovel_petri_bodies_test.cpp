@@ -219,22 +219,28 @@ TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
                                    "    p1 -> t0 [arrowhead=normal, label=\"2\", color=red];\n",
                                    "    t0 -> p3 [arrowhead=normal, label=\"\", color=red];\n",
                                    "    t1 [shape=box, label=\"clean\", style=dashed];\n"})
-        EXPECT_NE(drawing.find(line), std::string::npos) << drawing;
+        EXPECT_TRUE(contains(drawing, line));
     tested.halt();
     std::string const still = "no transition fires until the next start\n";
     EXPECT_EQ(tested.explain().text(), still + text + "lacks nothing\n");
     go.count_down();
     tested.join();
-    static_cast<void>(jobs.try_receive());
     done.close();
-    static_cast<void>(done.try_receive());
+    for (auto const& each : {jobs, held, done})
+        EXPECT_EQ(each.try_receive(), 1);
     std::string const end = tested.explain().text();
-    EXPECT_NE(end.find("place done: 0 tokens of 1, ended\n"), std::string::npos) << end;
-    EXPECT_NE(end.find("transition work: ended\n"
-                       "transition clean: not active, lacks nothing\n"
-                       "transition last: not active, at its end, lacks nothing\n"),
-              std::string::npos)
-        << end;
+    EXPECT_TRUE(contains(end, "place done: 0 tokens of 1, ended\n"));
+    EXPECT_TRUE(contains(end,
+                         "transition work: ended\n"
+                         "transition clean: not active, lacks nothing\n"
+                         "transition last: not active, at its end, lacks nothing\n"));
+    tested.start();
+    EXPECT_EQ(out.receive(), 1);
+    EXPECT_EQ(out.receive(), 0);  // of the last call
+    EXPECT_FALSE(out.next().has_value());
+    EXPECT_TRUE(out.ended());
+    tested.halt();
+    tested.join();
     for (auto i = tested.base().begin_places(); i != tested.base().end_places(); ++i)
         EXPECT_FALSE(tested.name(*i).empty());
 }

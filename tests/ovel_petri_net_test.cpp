@@ -177,8 +177,8 @@ TEST(petri_engine_test, firings_that_run_or_wait_are_bounded) {
     }
 }
 
-// More transitions than the array holds, with more pairs of space and time than a word has bits.
-// Each pair has two transitions, whose random numbers decide. The last ones get no token.
+// More transitions than the array holds, with more pairs of space and time than a word has bits,
+// each of two transitions. The last ones get no token.
 TEST(petri_engine_test, transitions_that_one_firing_enables_fire_in_order) {
     constexpr unsigned int transitions = 164;
     constexpr unsigned int tokens = 140;
@@ -187,17 +187,13 @@ TEST(petri_engine_test, transitions_that_one_firing_enables_fire_in_order) {
     auto const shared = tested.insert_place<int>("shared", tokens);
     tested.insert_transition("start", from(first), to(shared.times(tokens)),
                              [](int) { return std::vector<int>(tokens); }, {.space = 1.0});
-    std::vector<std::tuple<double, double, std::uint64_t>> expected, fired;
-    std::uint64_t drawn = 16807;
+    std::vector<std::pair<double, double>> expected, fired;
     for (unsigned int i = 0; i != transitions; ++i) {
-        double const space = 0.5 * (i % 2);
-        double const time = 1.0 + i % 41;
-        drawn = drawn * 16807 % 2147483647;
-        expected.emplace_back(-space, -time, -drawn);
-        auto const body = [&fired, mine = expected.back()](int) {
-            fired.push_back(mine);
-        };
-        tested.insert_transition("take", from(shared), body, {.time = time, .space = space});
+        double const space = 0.5 * (i % 2), time = 1.0 + i % 41;
+        expected.emplace_back(-space, -time);
+        tested.insert_transition("take", from(shared),
+                                 [&fired, mine = expected.back()](int) { fired.push_back(mine); },
+                                 {.time = time, .space = space});
     }
     std::ranges::sort(expected);
     expected.resize(tokens);

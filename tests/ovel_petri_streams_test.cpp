@@ -32,11 +32,11 @@ TEST(petri_streams_test, behind_its_limit_a_call_still_tries_once) {
     tested.join();
 }
 
-// A thread is blocked in each operation when the net is halted or fails. Two are asked to stop
-// before. What was not sent is still its sender's.
+// A thread is blocked in each operation when the net is halted, stopped or fails. Two are asked to
+// stop before. What was not sent is still its sender's.
 TEST(petri_streams_test, no_thread_stays_blocked) {
     using token = std::unique_ptr<int>;
-    for (bool const fails : {true, false}) {
+    for (std::string_view const how : {"halt", "stop", "fail"}) {
         net tested(1);
         auto const empty = tested.insert_place<int>("empty", 1);
         auto const full = tested.insert_place<token>("full", 1);
@@ -71,12 +71,14 @@ TEST(petri_streams_test, no_thread_stays_blocked) {
         await_blocked(7);
         asked.request_stop();
         await_blocked(5);
-        if (fails)
-            tested.fail(std::make_exception_ptr(1));
-        else
+        if (how == "halt")
             tested.halt();
+        else if (how == "stop")
+            EXPECT_TRUE(stop(tested, 1h));
+        else
+            tested.fail(std::make_exception_ptr(1));
         callers.clear();
-        EXPECT_EQ(failures, fails ? 5 : 0);
+        EXPECT_EQ(failures, how == "fail" ? 5 : 0);
     }
 }
 

@@ -18,8 +18,7 @@ TYPED_TEST_SUITE(semaphore_test, semaphore_types);
 // release that still accesses it.
 TYPED_TEST(semaphore_test, the_thread_that_takes_the_last_unit_may_destroy_the_semaphore) {
     for (int round = 0; round < 500; ++round) {
-        unsigned int const spin = round % 2 == 0 ? 0 : 1000;
-        auto ready = std::make_unique<TypeParam>(0, spin);
+        auto ready = std::make_unique<TypeParam>(0, round % 2 == 0 ? 0 : 1000);
         std::jthread other([subject = ready.get()] { subject->release(); });
         ready->acquire();
         ready.reset();

@@ -3,8 +3,6 @@
 
 using namespace ovel;
 
-namespace {
-
 // Elements that compare equal can still be told apart by `tag`. A new one goes
 // before its equals or after them.
 template <bool before>
@@ -14,8 +12,6 @@ struct element {
     bool operator==(element const&) const = default;
 };
 using element_list = skip_list<element<false>>;
-
-}  // namespace
 
 template <bool before>
 struct ovel::skip_list_order<element<before>> {
@@ -98,8 +94,7 @@ void walk(unsigned int seed) {
     std::vector<T> model;
     for (int step = 0; step < 600; ++step) {
         // The walk drifts up for 200 steps and then down.
-        bool const insert = model.empty() || random() % 4 < (step % 400 < 200 ? 3u : 1u);
-        if (insert) {
+        if (model.empty() || random() % 4 < (step % 400 < 200 ? 3u : 1u)) {
             T const value{static_cast<int>(random() % 10), step};
             auto const place = std::ranges::find_if(
                 model, [&](T const& e) { return ovel::skip_list_order<T>::precedes(value, e); });

@@ -85,6 +85,11 @@ struct fragile {
     static inline std::atomic<int> alive = 0, copies = 0, copies_left = -1;
 };
 
+// Says the whole text where it should have been otherwise.
+inline testing::AssertionResult contains(std::string const& text, std::string_view part) {
+    return testing::AssertionResult(text.find(part) != text.npos) << text;
+}
+
 // A number, as a regular expression. GoogleTest brings its own, simpler expressions
 // where the system has none.
 #if GTEST_USES_SIMPLE_RE

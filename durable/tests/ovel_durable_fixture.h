@@ -27,11 +27,6 @@ std::string error_of(Call const& call) {
     return "no error";
 }
 
-// Says the whole text where it should have been otherwise.
-inline testing::AssertionResult contains(std::string const& text, std::string const& part) {
-    return testing::AssertionResult(text.find(part) != text.npos) << text;
-}
-
 // What another program does with a file of SQLite.
 class sqlite_file {
 public:

@@ -6,14 +6,10 @@
 
 using namespace ovel_durable_test;
 
-namespace {
-
 // A value whose bytes cannot always be read, or made.
 struct brittle {
     std::string text;
 };
-
-}  // namespace
 
 template <>
 struct ovel::durable::codec<brittle> {

@@ -71,7 +71,7 @@ TEST_P(ovel_durable_tool_test, one_file_has_one_answer) {
     }
     run(store());
     EXPECT_EQ(status, 0);
-    EXPECT_NE(out.find("No claim is open."), out.npos) << out;
+    EXPECT_TRUE(contains(out, "No claim is open."));
 }
 
 // As where only the tool is installed: what the loader finds first is no library.
@@ -100,7 +100,7 @@ TEST_P(ovel_durable_tool_test, what_cannot_be_run_in_a_store_is_refused) {
     ASSERT_EQ(status, 0) << err;
     run(own("bicycles.pnml") + store() + " --capacity 2000");
     EXPECT_EQ(status, 2);
-    EXPECT_NE(err.find("in the store is another one: place "), err.npos) << err;
+    EXPECT_TRUE(contains(err, "in the store is another one: place "));
 }
 
 }  // namespace

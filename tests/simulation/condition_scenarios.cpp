@@ -94,12 +94,11 @@ void wake_all_sleepers(unsigned int spin) {
         for (unsigned int each = 0; all_first && each != sleepers; ++each)
             WaitForSingleObject(arrived, INFINITE);
         for (unsigned int each = 0; each != sleepers * rounds; ++each) {
-            bool const everybody = (pattern >> each % 4 & 1) != 0;
             if (!all_first || each >= sleepers)
                 WaitForSingleObject(arrived, INFINITE);
             lock.acquire();
             auto const release = [&](auto& whom) {
-                everybody ? whom.release_all() : whom.release_one();
+                (pattern >> each % 4 & 1) != 0 ? whom.release_all() : whom.release_one();
             };
             release(permitted);
             if (!releases_inside)
@@ -178,7 +177,7 @@ void come_and_go(unsigned int spin) {
     assure(inspector::is_open(gate));
 }
 
-void openings(unsigned int variant) {
+void opens(unsigned int variant) {
     variant < 3 ? come_and_go<barrier>(variant) : come_and_go<timed_barrier>(0);
 }
 
@@ -337,10 +336,7 @@ registration const table{
      .variants = 8,
      .exhaustive = true,
      .pinned = {{.how = strategy::sticky, .variant = 6, .seed = 1841}}},
-    {.name = "barrier_can_be_opened_at_any_time",
-     .run = openings,
-     .variants = 7,
-     .exhaustive = true},
+    {.name = "barrier_can_be_opened_at_any_time", .run = opens, .variants = 7, .exhaustive = true},
     {.name = "deadline_of_the_caller_is_kept", .run = points_on_the_caller_s_clock, .variants = 3},
     {.name = "event_lets_all_go_that_waited", .run = set_and_reset, .variants = 2},
     {.name = "event_may_be_destroyed_once_set", .run = destruction},

@@ -260,8 +260,7 @@ struct forest {
         node scope{before};
         task_scope here(group);
         context.set(&scope);
-        unsigned int const children = 1 + pick(3);
-        for (unsigned int i = 0; i != children; ++i) {
+        for (unsigned int children = 1 + pick(3); children != 0; --children) {
             ++forks;
             here.run([this, depth, &here, &scope] {
                 run_child(scope, [&] {

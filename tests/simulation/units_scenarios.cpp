@@ -102,7 +102,6 @@ owned_units make_units(LONG count) {
 // Takers with and without deadlines take exactly what posters post, in bunches: a lost
 // wake-up leaves a taker asleep. Afterwards nobody counts as asleep.
 void takers_and_posters(unsigned int variant) {
-    bool const timed = variant == 1;
     owned_units const shared = make_units(0);
     unsigned int const takers = 1 + pick(3), each_takes = 1 + pick(2);
     begin();
@@ -111,7 +110,7 @@ void takers_and_posters(unsigned int variant) {
         for (unsigned int taker = 0; taker != takers; ++taker)
             all.emplace_back([&, taker] {
                 // A few deadlines only: a schedule may prefer this thread to the posters.
-                unsigned int timeouts = timed ? taker + 1 : 0;
+                unsigned int timeouts = variant == 1 ? taker + 1 : 0;
                 for (unsigned int taken = 0; taken != each_takes;) {
                     DWORD const patience = timeouts != 0 ? pick(3) : INFINITE;
                     std::uint64_t const start = nanoseconds();
@@ -144,7 +143,7 @@ void takers_and_posters(unsigned int variant) {
 
 // Threads take and post one unit over and over, with and without deadlines. One that sleeps is
 // woken once, however often the unit passes before it runs.
-void unit_passes_while_a_sleeper_wakes(unsigned int variant) {
+void wakes_once(unsigned int variant) {
     owned_units const shared = make_units(1);
     detail::atomic<unsigned int> inside = 0;
     auto const body = [&] {
@@ -168,7 +167,7 @@ void unit_passes_while_a_sleeper_wakes(unsigned int variant) {
 
 // The thread that takes the last unit destroys the word, while the post that made the unit
 // has not returned.
-void last_taker_destroys(unsigned int variant) {
+void last_taker(unsigned int variant) {
     owned_units shared = make_units(0);
     begin();
     worker poster([&subject = *shared] { assure(subject.post(1, most)); });
@@ -179,12 +178,8 @@ void last_taker_destroys(unsigned int variant) {
 
 registration const table{
     {.name = "futex_word_loses_no_unit_and_no_wake_up", .run = takers_and_posters, .variants = 2},
-    {.name = "futex_word_wakes_a_sleeper_once",
-     .run = unit_passes_while_a_sleeper_wakes,
-     .variants = 2},
-    {.name = "futex_word_may_be_destroyed_by_the_last_taker",
-     .run = last_taker_destroys,
-     .variants = 2},
+    {.name = "futex_word_wakes_a_sleeper_once", .run = wakes_once, .variants = 2},
+    {.name = "futex_word_may_be_destroyed_by_the_last_taker", .run = last_taker, .variants = 2},
 };
 
 }  // namespace
