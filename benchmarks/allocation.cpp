@@ -7,6 +7,7 @@
 #include "ovel_benchmark.h"
 #include "ovel_malloc.h"
 #include "ovel_smallest_allocator.h"
+#include "ovel_thread_support.h"
 
 #include <dlfcn.h>
 #include <malloc.h>
@@ -19,6 +20,7 @@
 #include <fstream>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -149,14 +151,23 @@ void random_order(benchmark::State& state) {
         Counter(count, Counter::kIsIterationInvariantRate | Counter::kInvert);
 }
 
+// In a loop that waits for the other thread: that one may need this one's processor.
+void let_the_other_run() {
+    static bool const alone = ovel::thread_support::available_processors() == 1;
+    if (alone)
+        std::this_thread::yield();
+}
+
 // Where two threads exchange their blocks.
 class exchange_boxes {
 public:
     // Gives the other thread `mine` and returns what it has given.
     void** exchange(int me, void** mine) {
-        while (_boxes[1 - me].offered.load(std::memory_order_acquire) != nullptr) {}
+        while (_boxes[1 - me].offered.load(std::memory_order_acquire) != nullptr)
+            let_the_other_run();
         _boxes[1 - me].offered.store(mine, std::memory_order_release);
-        while ((mine = _boxes[me].offered.exchange(nullptr)) == nullptr) {}
+        while ((mine = _boxes[me].offered.exchange(nullptr)) == nullptr)
+            let_the_other_run();
         return mine;
     }
 
@@ -260,13 +271,17 @@ double hand_over(std::size_t total, Make const& make_one, UseUp const& use_one_u
         std::size_t limit = 0;  // the other's position, as far as this thread knows it
         for (std::size_t next = 0; next != total; ++next) {
             if (me == 0) {
-                while (next - limit == places)
+                while (next - limit == places) {
                     limit = read.value.load(std::memory_order_acquire);
+                    let_the_other_run();
+                }
                 ring[next % places] = make_one();
                 written.value.store(next + 1, std::memory_order_release);
             } else {
-                while (next == limit)
+                while (next == limit) {
                     limit = written.value.load(std::memory_order_acquire);
+                    let_the_other_run();
+                }
                 use_one_up(ring[next % places]);
                 read.value.store(next + 1, std::memory_order_release);
             }
