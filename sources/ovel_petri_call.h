@@ -32,9 +32,8 @@ namespace ovel::detail {
 // unit.
 //
 // A thread of the net that finds the mutex taken publishes such a call as well, when it has run a
-// firing, or has arrived. It is open until that is committed, then waits while its thread stands
-// by, and has ended once that thread is needed or has the mutex. The thread that ends it is its own
-// or has taken it out of its crew's list.
+// firing, or has arrived. It is open or asleep until its thread is needed, or has the mutex. The
+// thread that ends it is its own, or has taken it out of its crew's list.
 struct petri_call {
     static constexpr unsigned int longest_doze = 1;  // milliseconds
 
@@ -91,6 +90,7 @@ struct petri_call {
     petri_patience const* const patience;   // null if only a token or a slot ends the wait
     thread_function* const work = nullptr;  // null for the calls of clients
     petri_transition* const firing = nullptr;
+    bool is_standing = false;      // in its crew's list, which guards it
     std::exception_ptr failure{};  // what the call throws
     petri_call* next;              // in the list that it is in
     // Whether it may be left asleep for `longest_doze` although it could be carried out. Written

@@ -59,6 +59,7 @@ public:
     // The thread of the call, which has no firing, stands by.
     void stand_by(petri_call& call) {
         call.next = std::exchange(_standing, &call);
+        call.is_standing = true;
         ++_standing_size;
     }
     // It does no more.

@@ -241,10 +241,8 @@ public:
             of._crew.arrive();
         }
         // Relaxed: its thread ends it with the mutex.
-        if (call.now.load(std::memory_order_relaxed) == detail::petri_call::state::open) {
+        if (call.now.load(std::memory_order_relaxed) != detail::petri_call::state::ended)
             of._crew.stand_by(call);
-            call.now = detail::petri_call::state::waiting;
-        }
         _touch(of);
     }
 

@@ -4,7 +4,7 @@
 // They never sleep for the mutex if they need not: it is handed over to a thread that sleeps for
 // it, and all others would wait until that one is scheduled. What such a thread has done is
 // published, and the thread with the mutex commits it. From then on it stands by, and nothing
-// depends on it as long as others fire.
+// depends on it as long as others fire. Only a thread that is needed sleeps for the mutex.
 
 #include "ovel_assure.h"
 #include "ovel_kernel.h"
@@ -26,22 +26,17 @@ void petri_net::engine::enter_contended(firing_work& of, detail::petri_call& cal
     constexpr std::int64_t most_spinning = 1 << 15;  // ticks, of some hundred firings
     _push(call);
     bool has_mutex = _enter_spinning(call, detail::pace_for_net, most_spinning);
-    while (!has_mutex && call.now.load() == state::waiting) {
+    while (!has_mutex && call.now.load() != state::ended) {
         _stand_by(call);
         has_mutex = _enter_spinning(call, pace_for_standby, 0);
     }
     if (!has_mutex)
         _net._mutex.acquire();
-    switch (call.now.exchange(state::ended)) {
-        case state::waiting:
-            of._crew.resume(call);
-            break;
-        case state::ended:
-            of._crew.arrive();
-            break;
-        default:
-            break;  // the next dispatch commits it
-    }
+    // If neither, the next dispatch commits it.
+    if (call.now.exchange(state::ended) == state::ended)
+        of._crew.arrive();
+    else if (call.is_standing)
+        of._crew.resume(call);
 }
 
 // Tries to get the mutex, at least once unless other threads end firings faster than it, and the
@@ -75,7 +70,8 @@ bool petri_net::engine::_enter_spinning(detail::petri_call const& call, detail::
 }
 
 // Sleeps until the thread is needed, or for a millisecond: a thread that fires may be busy with a
-// long firing meanwhile, while others are ready.
+// long firing meanwhile, while others are ready. Or it had the mutex for all the time, and has not
+// seen what was published.
 void petri_net::engine::_stand_by(detail::petri_call& call) {
     constexpr unsigned int longest = 1;
     if (call.unit == nullptr)
@@ -84,13 +80,13 @@ void petri_net::engine::_stand_by(detail::petri_call& call) {
         Sleep(longest);  // out of memory
         return;
     }
-    state expected = state::waiting;
+    state expected = state::open;
     if (!call.now.compare_exchange_strong(expected, state::asleep) ||
         WaitForSingleObject(call.unit, longest) == WAIT_OBJECT_0)
         return;
     expected = state::asleep;
     // If it was needed just before, the unit is on the way.
-    if (!call.now.compare_exchange_strong(expected, state::waiting))
+    if (!call.now.compare_exchange_strong(expected, state::open))
         assure(WaitForSingleObject(call.unit, INFINITE) == WAIT_OBJECT_0);
 }
 
