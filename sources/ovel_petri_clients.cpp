@@ -76,11 +76,11 @@ bool petri_net::engine::_take_turns(bool is_first) {
     unsigned int pauses = 0;
     for (petri_place* place = _offered; place != nullptr; place = place->_next_offered)
         for (petri_callers* each : {&place->_receivers, &place->_senders}) {
-            if (each->passed < most_passed)
+            if (!_is_turn(place, *each))
                 continue;
             bool const has_tried = (each->present & petri_callers::has_tried) != 0;
-            // A gain that no transition wants is still there when the call comes.
-            bool const is_chance = has_tried && is_first && is_running() && !_enabled.empty();
+            bool const is_chance =
+                is_first && is_running() && !_enabled.empty() && _need_chance(place, *each);
             bool const tries_first = is_chance && (each->present & petri_callers::tries_first) != 0;
             if (!tries_first) {
                 if (!has_tried || each->passed >= most_passed + petri_callers::most_misses)
@@ -107,7 +107,7 @@ bool petri_net::engine::_take_turns(bool is_first) {
 void petri_net::engine::_end_chance() {
     for (petri_place* place = _offered; place != nullptr; place = place->_next_offered)
         for (petri_callers* each : {&place->_receivers, &place->_senders}) {
-            if (each->passed < most_passed || (each->present & petri_callers::has_tried) == 0)
+            if (!_is_turn(place, *each) || !_need_chance(place, *each))
                 continue;
             bool const tries_first = (each->present & petri_callers::tries_first) != 0;
             if (--each->misses == 0)

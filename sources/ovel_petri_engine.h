@@ -193,12 +193,12 @@ public:
     // The place has gained tokens, or free slots; `before` were available.
     void gained_tokens(petri_place* place, unsigned int before) {
         if (place->_receivers.present != 0)
-            _offer(place, place->_receivers);
+            _offer(place, place->_receivers, place->tokens() > before);
         _enqueue_side(place->_consumers, before, place->tokens());
     }
     void gained_slots(petri_place* place, unsigned int before) {
         if (place->_senders.present != 0)
-            _offer(place, place->_senders);
+            _offer(place, place->_senders, place->slots() > before);
         _enqueue_side(place->_producers, before, place->slots());
     }
 
@@ -399,10 +399,13 @@ private:
     // Gains of a place in a row that firings may take while a caller is present.
     static constexpr unsigned int most_passed = 4;
 
-    // The place has gained what callers want that are present, or it is closed. Out of line, so
-    // that the usual way stays short.
-    [[gnu::noinline]] void _offer(petri_place* place, detail::petri_callers& to) {
-        ++to.passed;
+    // A firing or a call has changed a place that is closed, or at which callers are present. It
+    // has gained nothing that they want if the firing skipped that. Out of line, so that the usual
+    // way stays short.
+    [[gnu::noinline]] void _offer(petri_place* place, detail::petri_callers& to, bool has_gained) {
+        if (!has_gained && !place->_closed)
+            return;
+        to.passed += has_gained;
         if (port_of(place) != nullptr)
             _count_passed(place);
         if (place->_closed) {
@@ -428,6 +431,20 @@ private:
 
     void _dispatch_among_callers();
     bool _take_turns(bool is_first);
+    // Whether it is the callers' turn. It stays their turn while the place has nothing for them.
+    static bool _is_turn(petri_place const* place, detail::petri_callers const& of) {
+        return of.passed >= most_passed &&
+               (&of == &place->_receivers ? place->tokens() : place->slots()) != 0;
+    }
+    // Whether calls that do not wait have found nothing, and transitions compete with them. If
+    // none does, a gain is still there when the next call comes.
+    static bool _need_chance(petri_place const* place, detail::petri_callers const& callers) {
+        auto const& ends =
+            (&callers == &place->_receivers ? place->_consumers : place->_producers).ends;
+        return (callers.present & detail::petri_callers::has_tried) != 0 &&
+               std::any_of(ends.begin(), ends.end(),
+                           [](detail::petri_side::end const& each) { return !each.inhibits; });
+    }
     void _await_published(unsigned int pauses);
     void _end_chance();
     static void _forget_tries(detail::petri_callers& at) {

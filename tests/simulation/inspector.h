@@ -195,6 +195,14 @@ struct ovel::detail::inspector {
         return place._receivers.waiting() + place._senders.waiting() != 0;
     }
 
+    // Calls that do not wait and have found nothing, as far as the place gave no chance for them.
+    static unsigned int missed_tokens(petri_place& place) {
+        return place._receivers.misses;
+    }
+    static unsigned int missed_slots(petri_place& place) {
+        return place._senders.misses;
+    }
+
     // Of a typed net. Waits at an empty place as `receive_until` does with a std::stop_token,
     // whose own locks the simulated kernel does not know; and wakes the callers as that does.
     static net_core& core(net& of) {
