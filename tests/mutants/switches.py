@@ -4,7 +4,8 @@
 
 So one build serves all mutants. What is switched is a statement, a condition, an initialiser or an
 argument: the smallest of these that contains the mutation and that the text alone shows to be one.
-Constant expressions offer none; the compiler finds the rest that cannot be switched.
+Constant expressions and initialisers outside of functions offer none; the compiler finds the rest that
+cannot be switched.
 """
 import re
 
@@ -84,6 +85,15 @@ class Source:
                 return start, brackets
             start = end
 
+    # Whether a variable declared at `index` is a function's. A switch would have others initialised
+    # at run time, maybe after their first use.
+    def _is_local(self, index):
+        index -= 1
+        while index >= 0 and self.code[index] != "{":
+            index = self._partner(index, -1) - 1 if self.code[index] in _CLOSING else index - 1
+        head = re.split(r"[;{}]", self.code[:max(index, 0)])[-1]
+        return index >= 0 and not re.search(r"\b(?:namespace|class|struct|union|extern)\b", head)
+
     # The end of the statement that starts at `start`, or -1 if it is none that ends in a semicolon.
     def _end(self, start):
         index = start
@@ -152,6 +162,8 @@ class Source:
             return start, stop, "statement"
         assigned = re.search(r" = ", statement)
         if assigned and _DECLARATION.match(statement[:assigned.start()]):
+            if not self._is_local(start):
+                return None
             begin = start + assigned.end()
             if self.code[begin] == "{" or first < begin:
                 return self._argument(first, brackets)
