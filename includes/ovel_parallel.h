@@ -118,7 +118,7 @@ void run_in(call_scope& scope, Callable& callable) {
 // A callable that stays on the caller's stack.
 template <class Callable>
 struct stack_task : task {
-    stack_task(call_scope& scope, Callable& callable) : task{&_run, scope}, _callable(callable) {}
+    stack_task(call_scope& of, Callable& callable) : task{&_run, of}, _callable(callable) {}
 
 private:
     static void _run(task& self, bool) {
@@ -268,9 +268,9 @@ private:
 // among all threads anew.
 template <class Loop>
 struct half_task : task {
-    half_task(call_scope& scope, Loop& loop, element_count first, element_count last,
+    half_task(call_scope& of, Loop& loop, element_count first, element_count last,
               unsigned int shares)
-        : task{&_run, scope}, _loop(loop), _first(first), _last(last), _shares(shares) {}
+        : task{&_run, of}, _loop(loop), _first(first), _last(last), _shares(shares) {}
 
     void run_on(task_seat& seat) {
         _run_on(seat, _shares);
@@ -581,8 +581,8 @@ private:
 
     template <class Callable>
     struct heap_task : detail::listed_task, detail::handed_over {
-        heap_task(task_scope& scope, Callable&& callable)
-            : listed_task{{&_run, scope}}, _callable(std::move(callable)) {}
+        heap_task(task_scope& of, Callable&& callable)
+            : listed_task{{&_run, of}}, _callable(std::move(callable)) {}
 
     private:
         static void _run(detail::task& self, bool) {

@@ -111,7 +111,7 @@ public:
     unsigned int mark;
     task_frame* outer = nullptr;  // of the work that the thread interrupted for this child
 
-    task_frame(scope_base& scope, unsigned int mark) : scope(&scope), mark(mark) {}
+    task_frame(scope_base& of, unsigned int from) : scope(&of), mark(from) {}
 
 private:
     // Children for which the deque has no room left at all.

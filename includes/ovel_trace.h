@@ -197,6 +197,11 @@ inline std::int64_t now() {
         .count();
 }
 
+// Not a member, whose parameter would shadow the field that the check's text names.
+inline void assure_alone(void const* _active) {
+    assure(_active == 0);
+}
+
 }  // namespace detail
 
 // A name for scopes that may be destroyed before the recorder: the recorder shares
@@ -238,7 +243,7 @@ public:
         // else.
         if (!_active.compare_exchange_strong(other, this, std::memory_order_release,
                                              std::memory_order_relaxed))
-            _assure_alone(other);
+            detail::assure_alone(other);
     }
     ~recorder() {
         stop();
@@ -317,11 +322,6 @@ private:
     friend class ovel::detail::net_core;
     friend class scope;
     friend void name_thread(char const* name);
-
-    // The parameter is named like the field so that the check's text names the field.
-    static void _assure_alone(recorder const* _active) {
-        assure(_active == 0);
-    }
 
     // Relaxed: a thread that just misses a recorder only does not show there.
     static bool _is_active() {
