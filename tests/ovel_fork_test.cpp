@@ -103,6 +103,17 @@ TEST(fork_test, handlers_that_run_while_the_locks_are_held_may_use_memory) {
         }
 }
 
+// Its tokens show whether the net is gone.
+TEST(fork_test, a_child_destroys_a_net_that_its_parent_does_not_run) {
+    auto const token = std::make_shared<int>();
+    auto idle = std::make_optional<ovel::net>(1);
+    idle->insert_place<std::shared_ptr<int>>("place", 1).send(token);
+    EXPECT_TRUE(in_fork([&] {
+        idle.reset();
+        assure(token.use_count() == 1);
+    }));
+}
+
 TEST(fork_test, the_child_of_a_child_may_use_the_library) {
     EXPECT_TRUE(in_fork([] {
         traffic::run_group();

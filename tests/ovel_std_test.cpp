@@ -84,6 +84,12 @@ TEST(wait_test, the_longest_spans_never_pass_and_the_shortest_have_passed) {
     never_passes(std::chrono::steady_clock::time_point::max());
     never_passes(system_point<std::chrono::hours>::max());
     never_passes(time::then(INFINITY));
+    // A span that ends at the clock's last points is rounded up.
+    for (int each = 0; each != 1000; ++each) {
+        auto const now = std::chrono::steady_clock::now();
+        std::chrono::duration<double> const span = now.max() - now;
+        EXPECT_GT(ovel::detail::point_of(span), now);
+    }
     auto const has_passed = [](auto end) {
         EXPECT_LT(deadline(end), time::now());
         EXPECT_EQ(wait_of(end), 0u);

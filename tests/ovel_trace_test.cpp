@@ -6,6 +6,22 @@
 namespace trace = ovel::trace;
 using json = nlohmann::json;
 
+// So that this program can run out of memory. Not inlined, or gcc would take `free` for a mistake.
+static bool out_of_memory = false;
+void* operator new(std::size_t bytes, std::nothrow_t const&) noexcept {
+    return out_of_memory ? nullptr : std::malloc(bytes);
+}
+void* operator new(std::size_t bytes) {
+    void* const memory = operator new(bytes, std::nothrow);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
 namespace {
 
 json written(trace::recorder const& recorded) {
@@ -95,6 +111,16 @@ TEST(trace_test, invalid_bytes_in_names_are_replaced) {
         { trace::scope const here(name.c_str()); }
         EXPECT_EQ(written(recorded)["traceEvents"][1]["name"], shown) << name;
     }
+}
+
+// Otherwise the recorder would have the text of a name that is gone.
+TEST(trace_test, a_scope_whose_name_the_recorder_cannot_share_is_dropped) {
+    trace::shared_name const name("name");
+    trace::recorder recorded;
+    out_of_memory = true;
+    { trace::scope const here(name, trace::wait); }
+    out_of_memory = false;
+    EXPECT_EQ(recorded.dropped(), 1U);  // without an attempt to record it
 }
 
 TEST(trace_death_test, only_one_records_at_a_time) {

@@ -33,6 +33,7 @@ TEST(work_group_test, results_and_exceptions_come_through_the_future) {
     static_cast<void>(group.submit([&] { ran = true; }));
     group.join();
     EXPECT_TRUE(ran);
+    EXPECT_THROW(group.submit([] {}).get(), std::future_error);
 }
 
 // A group that ended as soon as it looked idle would refuse what its work submits.
@@ -47,9 +48,26 @@ TEST(work_group_test, a_join_waits_for_work_that_work_submits) {
                 group.submit([&self, depth] { self(self, depth - 1); });
     };
     grow(grow, 9);
-    group.join();
+    EXPECT_TRUE(group.join_until(1h));
     EXPECT_EQ(leaves, 1 << 9);
-    EXPECT_THROW(group.submit([] {}).get(), std::future_error);
+    EXPECT_EQ(group.submit([] {}).wait_for(0s), std::future_status::ready);
+}
+
+// What has not begun is discarded, so the work that runs notices.
+TEST(work_group_test, destroying_a_group_stops_it) {
+    ovel::latch begun(1);
+    std::future<void> late;
+    {
+        work_group group(1);
+        group.run([&] {
+            begun.count_down();
+            do
+                late = group.submit([] {});
+            while (late.wait_for(0s) != std::future_status::ready);
+        });
+        begun.wait();
+    }
+    EXPECT_THROW(late.get(), std::future_error);
 }
 
 TEST(work_group_test, stopping_a_group_breaks_the_promises_of_waiting_work) {

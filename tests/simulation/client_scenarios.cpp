@@ -151,6 +151,14 @@ void newcomers(unsigned int variant) {
     net.insert_output_arc(fills->output(function.into), place);
     begin();
     net.release();
+    settle();
+    refuse_objects(1, 1000);  // so that calls have no semaphore to sleep on
+    for (unsigned int each = 0; each != 3; ++each) {
+        any token;
+        net.receive(place, token);
+        assure(!token.empty());
+    }
+    refuse_objects(0, 0);
     {
         detail::atomic<bool> is_served{false};
         auto const try_on = [&] {

@@ -195,7 +195,7 @@ void set_and_reset(unsigned int variant) {
         else
             opened.wait();
     };
-    worker first(wait), second(wait);
+    worker first(wait), second(wait), third(wait);
     if (!timed)
         settle();
     opened.set();
@@ -206,6 +206,7 @@ void set_and_reset(unsigned int variant) {
     });
     first.join();
     second.join();
+    third.join();
     again = true;
     opened.set();
 }
