@@ -374,9 +374,10 @@ public:
     }
 
     wake_ups collect_wake_ups() {
-        if (_net._acquired && _net._firings == 0)
-            _send_home();
-        return {_begin_calls(), _net._acquired && is_at_rest()};
+        if (!_net._acquired || _net._firings != 0)
+            return {_begin_calls(), false};
+        _send_home();
+        return {_begin_calls(), is_at_rest()};
     }
     // Makes the calls that `collect_wake_ups` returned. Without the mutex.
     static void call(firing_work* called) {
