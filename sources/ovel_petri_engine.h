@@ -124,6 +124,9 @@ private:
     unsigned int const _threads;
     // Under the net's mutex.
     detail::petri_crew _crew;
+    // The number of ended firings, modulo the range. Relaxed: a thread that waits for the mutex
+    // reads how fast it grows, and a stale value costs a pause or saves one.
+    detail::atomic<unsigned int> _ended = 0;
     bool _is_touched = false;
     firing_work* _next_touched = nullptr;
     // For the thread that calls one, from `collect_wake_ups` to the call. No other thread
@@ -236,7 +239,7 @@ public:
         firing_work& of = *static_cast<firing_work*>(call.work);
         if (call.firing != nullptr) {
             terminate(call.firing);
-            of._crew.give_back(call.firing);
+            give_back(of, call.firing);
         } else {
             of._crew.arrive();
         }
@@ -296,7 +299,6 @@ public:
         _commit(transition);
         transition->end_fire();
         --_net._firings;
-        detail::add(_ended, 1u);
         enqueue_if_enabled(transition);
     }
 
@@ -307,6 +309,7 @@ public:
     }
     static void give_back(firing_work& of, petri_transition* ended) {
         of._crew.give_back(ended);
+        detail::add(of._ended, 1u);
     }
     petri_transition* next(firing_work& of) {
         petri_transition* const next = of._crew.next();
@@ -383,13 +386,6 @@ public:
     static void call(firing_work* called) {
         while (called != nullptr)
             std::exchange(called, called->_next_called)->call();
-    }
-
-    // The number of ended firings, modulo the range. Without the mutex. Relaxed: a thread
-    // that waits for the mutex reads how fast it grows, and a stale value costs a pause
-    // or saves one.
-    unsigned int ended() const {
-        return _ended.load(std::memory_order_relaxed);
     }
 
     unsigned int const _spin;
@@ -591,8 +587,8 @@ private:
         return called;
     }
 
-    bool _enter_spinning(detail::petri_call const& call, detail::spin_pace pace,
-                         std::int64_t patience);
+    enum class attempt : unsigned char { succeeded, outpaced, failed };
+    attempt _enter_spinning(firing_work const& of, detail::petri_call const& call);
     void _stand_by(detail::petri_call& call);
     void _send_home();
 
@@ -605,7 +601,6 @@ private:
     unsigned int _ranked = 0;                 // transitions that have their rank
     petri_place* _offered = nullptr;          // the first of those with something for callers
     detail::petri_call* _sleepers = nullptr;  // the first that is asleep and has ended
-    detail::atomic<unsigned int> _ended = 0;  // written under the mutex
     // The last call that was published and is not taken over yet.
     detail::atomic<detail::petri_call*> _published = nullptr;
     detail::petri_call* _taken = nullptr;  // of clients, in the order in which they came

@@ -3,8 +3,8 @@
 //
 // They never sleep for the mutex if they need not: it is handed over to a thread that sleeps for
 // it, and all others would wait until that one is scheduled. What such a thread has done is
-// published, and the thread with the mutex commits it. From then on it stands by, and nothing
-// depends on it as long as others fire. Only a thread that is needed sleeps for the mutex.
+// published, and the thread with the mutex commits it. It stands by for at most a millisecond then,
+// and only a thread that is needed, or has done so, sleeps for the mutex.
 
 #include "ovel_assure.h"
 #include "ovel_kernel.h"
@@ -21,17 +21,14 @@ namespace ovel {
 using state = detail::petri_call::state;
 
 void petri_net::engine::enter_contended(firing_work& of, detail::petri_call& call) {
-    // A thread that looks again after a while compares the rate over some more time.
-    constexpr detail::spin_pace pace_for_standby = {64, 64};
-    constexpr std::int64_t most_spinning = 1 << 15;  // ticks, of some hundred firings
     _push(call);
-    bool has_mutex = _enter_spinning(call, detail::pace_for_net, most_spinning);
-    while (!has_mutex && call.now.load() != state::ended) {
-        _stand_by(call);
-        has_mutex = _enter_spinning(call, pace_for_standby, 0);
-    }
-    if (!has_mutex)
+    attempt const spun = _enter_spinning(of, call);
+    if (spun != attempt::succeeded) {
+        // If its own group is slow, those of other groups have the mutex, and take over nothing.
+        if ((spun == attempt::outpaced || _net._groups == 1) && call.now.load() != state::ended)
+            _stand_by(call);
         _net._mutex.acquire();
+    }
     // If neither, the next dispatch commits it.
     if (call.now.exchange(state::ended) == state::ended)
         of._crew.arrive();
@@ -39,39 +36,39 @@ void petri_net::engine::enter_contended(firing_work& of, detail::petri_call& cal
         of._crew.resume(call);
 }
 
-// Tries to get the mutex, at least once unless other threads end firings faster than it, and the
-// cache lines that it guards, could be handed over: one more thread would only slow them down. If
-// that goes on for more than `patience` ticks it gives up.
-bool petri_net::engine::_enter_spinning(detail::petri_call const& call, detail::spin_pace pace,
-                                        std::int64_t patience) {
+// Tries to get the mutex until the spin count is used up. While other threads of the crew end
+// firings faster than the mutex, and the cache lines that it guards, could be handed over, the
+// thread does not even try: one more would only slow them down. If that goes on it gives up.
+petri_net::engine::attempt petri_net::engine::_enter_spinning(firing_work const& of,
+                                                              detail::petri_call const& call) {
     // Approximate ticks for another processor to fetch the mutex, the counts of a few
     // places, and what else a firing thread touches: some ten cache misses.
     constexpr std::int64_t handover = 1024;
+    constexpr std::int64_t patience = 1 << 15;  // ticks, of some hundred firings
     std::int64_t now = time_support::time_now();
     std::int64_t const begun = now;
-    detail::spin_wait wait(_spin, pace);
-    do {
-        unsigned int const before = ended();
+    for (detail::spin_wait wait(_spin, detail::pace_for_net); !wait.is_over();) {
+        unsigned int const before = of._ended.load(std::memory_order_relaxed);
         std::int64_t const start = now;
         wait.pause();
-        unsigned int const passed = ended() - before;
+        unsigned int const passed = of._ended.load(std::memory_order_relaxed) - before;
         now = time_support::time_now();
         if (passed <= 1 || passed * handover <= now - start ||
             call.now.load(std::memory_order_relaxed) == state::ended) {
             if (_net._mutex.try_acquire())
-                return true;
+                return attempt::succeeded;
         } else if (now - begun < patience) {
             wait.extend(_spin);
         } else {
-            return false;
+            return attempt::outpaced;
         }
-    } while (!wait.is_over());
-    return false;
+    }
+    return attempt::failed;
 }
 
-// Sleeps until the thread is needed, or for a millisecond: a thread that fires may be busy with a
-// long firing meanwhile, while others are ready. Or it had the mutex for all the time, and has not
-// seen what was published.
+// Sleeps until the thread is needed, or for a millisecond: what is ready may wait behind a long
+// firing of another thread, or behind firings of a higher rank that others take again and again. Or
+// the thread with the mutex has had it all the time, and has not seen what was published.
 void petri_net::engine::_stand_by(detail::petri_call& call) {
     constexpr unsigned int longest = 1;
     if (call.unit == nullptr)
