@@ -95,7 +95,6 @@ void petri_net::firing_work::operator()() {
     allocator_group* const group = allocator_group::global();
     using detail::this_process;
     unsigned int const process = this_process();
-    assure(!net.inherited());
     petri_transition* firing = net._first_firing(*this);
     while (firing != nullptr) {
         firing->petri_transition::operator()();  // not virtual: saves a cache miss
@@ -109,6 +108,7 @@ void petri_net::firing_work::operator()() {
 
 // On a thread of `of`, which has arrived: returns its first firing, or null.
 petri_transition* petri_net::_first_firing(firing_work& of) {
+    assure(!inherited());
     if (!_mutex.try_acquire())
         return _next_firing_late(of, nullptr);
     engine::arrive(of);
