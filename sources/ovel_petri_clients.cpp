@@ -166,7 +166,7 @@ void petri_net::engine::_provide_port(petri_place* place) {
         return;
     if (port_of(place) == nullptr) {
         try {
-            place->_port = new petri_port(*place);
+            place->_port = _ports = new petri_port(*place, _ports);
         } catch (std::bad_alloc const&) {
             return;
         }
@@ -187,6 +187,11 @@ void petri_net::engine::close_port(petri_place* place) {
     port.give_back();
     place->_receivers.present &= ~petri_callers::has_port;
     place->_senders.present &= ~petri_callers::has_port;
+}
+
+void petri_net::engine::close_ports() {
+    for (petri_port* each = _ports; each != nullptr; each = each->next())
+        close_port(each->place());
 }
 
 // Whether the port of the place has to be shut.

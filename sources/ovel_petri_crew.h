@@ -21,9 +21,9 @@ namespace ovel::detail {
 // has not arrived yet; once it arrives, it causes the next call.
 //
 // A thread whose firing another one has committed stands by: it takes its next firing when it gets
-// the mutex, a millisecond later at the latest. While a thread stands by and others run firings, no
-// thread is called, because what is ready does not wait for longer than that. If all stand by, one
-// of them is needed, and is then on its way like a called one.
+// the mutex, for which it waits at most a millisecond asleep. While a thread stands by and others
+// run firings, no thread is called. If all stand by, one of them is needed, and is then on its way
+// like a called one.
 //
 // Invariant: the space left is the budget minus what the running firings take, up to
 // rounding, and exactly the budget if none of them takes any. So a firing that takes all

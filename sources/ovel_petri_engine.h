@@ -284,6 +284,8 @@ public:
     }
     // Ends the use of a port until callers are found to need one again.
     void close_port(petri_place* place);
+    // The same for all places.
+    void close_ports();
 
     // Relaxed: it changes under the mutex.
     static detail::petri_port* port_of(petri_place* place) {
@@ -604,6 +606,7 @@ private:
     // The last call that was published and is not taken over yet.
     detail::atomic<detail::petri_call*> _published = nullptr;
     detail::petri_call* _taken = nullptr;  // of clients, in the order in which they came
+    detail::petri_port* _ports = nullptr;  // of all places, the one made last first
     petri_place* _deferring = nullptr;     // the first of those that let a call doze on
     detail::petri_closing _closing;
     timed_condition _clock{0};  // the queue thread of a net with delays, with the mutex

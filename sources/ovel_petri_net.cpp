@@ -165,8 +165,7 @@ void petri_queue_function::operator()() {
 bool petri_net::_await_rest() {
     change const hold(*this);
     if (_acquired && _engine->is_at_rest()) {
-        for (petri_place* place : _places)
-            _engine->close_port(place);
+        _engine->close_ports();
         _engine->stop();
         return true;
     }

@@ -44,12 +44,21 @@ public:
     // The most tokens in the box. A larger one would save little more.
     static constexpr unsigned int most_boxed = 64;
 
-    // Shut. Throws std::bad_alloc.
-    explicit petri_port(petri_place& place)
-        : _lock(current_spin()), _box(std::min(place._capacity, most_boxed)), _place(place) {}
+    // Shut. `next` is the one that its net made before. Throws std::bad_alloc.
+    petri_port(petri_place& place, petri_port* next)
+        : _lock(current_spin()),
+          _box(std::min(place._capacity, most_boxed)),
+          _place(place),
+          _next(next) {}
     petri_port(petri_port const&) = delete;
     petri_port& operator=(petri_port const&) = delete;
 
+    petri_place* place() const {
+        return &_place;
+    }
+    petri_port* next() const {
+        return _next;
+    }
     bool is_inlet() const {
         return _is_inlet;
     }
@@ -250,6 +259,7 @@ private:
     channel _box;
     [[maybe_unused]] cacheline _between;
     petri_place& _place;
+    petri_port* const _next;
     unsigned int _counted = 0;
     atomic<unsigned int> _limit{0};
     // Whether a call that waits here is left asleep, and the next place where one is.

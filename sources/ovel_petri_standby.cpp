@@ -24,8 +24,10 @@ void petri_net::engine::enter_contended(firing_work& of, detail::petri_call& cal
     _push(call);
     attempt const spun = _enter_spinning(of, call);
     if (spun != attempt::succeeded) {
-        // If its own group is slow, those of other groups have the mutex, and take over nothing.
-        if ((spun == attempt::outpaced || _net._groups == 1) && call.now.load() != state::ended)
+        // A thread that has just been called is needed. If its own group is slow, the threads of
+        // others have the mutex, and take over nothing. Without spinning nobody knows.
+        if (call.firing != nullptr && call.now.load() != state::ended &&
+            (spun == attempt::outpaced || (_net._groups == 1 && _spin != 0)))
             _stand_by(call);
         _net._mutex.acquire();
     }
@@ -67,8 +69,8 @@ petri_net::engine::attempt petri_net::engine::_enter_spinning(firing_work const&
 }
 
 // Sleeps until the thread is needed, or for a millisecond: what is ready may wait behind a long
-// firing of another thread, or behind firings of a higher rank that others take again and again. Or
-// the thread with the mutex has had it all the time, and has not seen what was published.
+// firing of another thread. Or the thread with the mutex has had it all the time, and has not seen
+// what was published.
 void petri_net::engine::_stand_by(detail::petri_call& call) {
     constexpr unsigned int longest = 1;
     if (call.unit == nullptr)
