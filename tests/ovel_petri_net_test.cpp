@@ -56,6 +56,7 @@ TEST(petri_transition_test, an_arc_is_named_by_its_variable) {
     EXPECT_TRUE(in->input() && !in->output() && !out->input() && out->output());
     EXPECT_EQ(std::pair(in->size(), out->size()), std::pair(3u, 1u));
     EXPECT_EQ(std::pair(function.in[0], function.out), std::pair(place, place));
+    EXPECT_EQ(t->input(function.in[0]).place(), place);
     EXPECT_TRUE(&t->function() == &function && function.transition() == t && t->net() == &net);
 
     // Another variable that holds the place names no arc.
