@@ -60,6 +60,14 @@ void ask_net(benchmark::State& state) {
     net.acquire();
 }
 
+void ask_least_net(benchmark::State& state) {
+    ovel_benchmark::least_net<1> net(1, static_cast<unsigned int>(state.max_iterations));
+    for (auto _ : state) {
+        net.send(1);
+        benchmark::DoNotOptimize(net.receive());
+    }
+}
+
 void ask_thread(benchmark::State& state) {
     bounded_queue<int, 2 * in_flight> in;
     bounded_queue<int, 2 * in_flight> out;
@@ -238,4 +246,5 @@ void ovel_benchmark::register_rows() {
     contestant("token_in_and_back", "tbb::flow, helping", ask_flow_and_help);
 #endif
     contestant("token_in_and_back", "thread per stage", ask_thread);
+    contestant("token_in_and_back", "ovel's bound: counts and hand-offs", ask_least_net);
 }
