@@ -244,7 +244,8 @@ private:
     // The contents of `_arcs`, as the engine reads them.
     detail::petri_side _consumers;
     detail::petri_side _producers;
-    detail::atomic<unsigned int> _runner{0};  // the net's; relaxed as there
+    // The net's, so that starting a net need not visit its places. Set before others see it.
+    detail::atomic<unsigned int> const* _runner;
     // Under the net's mutex: callers of the net that want a token or a slot. A place that has
     // gained what they want is in a list until the mutex is released.
     detail::petri_callers _receivers;
@@ -768,7 +769,6 @@ private:
     unsigned int _tokens(petri_place* place);
 
     bool _runs_caller() const;
-    void _set_runner(unsigned int process);
     template <class Join>
     bool _stop(Join join);
     template <class Join>

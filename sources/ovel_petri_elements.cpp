@@ -16,8 +16,15 @@
 
 namespace ovel {
 
+namespace {
+constinit detail::atomic<unsigned int> const no_runner{0};  // of a place without a net
+}
+
 petri_place::petri_place(unsigned int capacity)
-    : _channel(capacity), _mutex(detail::current_spin()), _capacity(capacity) {}
+    : _channel(capacity),
+      _mutex(detail::current_spin()),
+      _capacity(capacity),
+      _runner(&no_runner) {}
 
 // Relaxed: no other thread uses it any more.
 petri_place::~petri_place() {
@@ -29,7 +36,7 @@ unsigned int petri_place::capacity() const {
 }
 
 bool petri_place::inherited() const {
-    return detail::is_inherited(_runner.load(std::memory_order_relaxed));
+    return detail::is_inherited(_runner->load(std::memory_order_relaxed));
 }
 
 void petri_place::peek(any& token) {
@@ -221,12 +228,6 @@ unsigned int detail::process_number() {
 
 bool petri_net::inherited() const {
     return detail::is_inherited(_runner.load(std::memory_order_relaxed));
-}
-
-void petri_net::_set_runner(unsigned int process) {
-    _runner.store(process, std::memory_order_relaxed);
-    for (petri_place* place : _places)
-        place->_runner.store(process, std::memory_order_relaxed);
 }
 
 // Whether the calling thread is one of the net's that fire.

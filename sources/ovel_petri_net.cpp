@@ -273,6 +273,7 @@ petri_place* petri_net::insert_place(unsigned int capacity) {
     _assure_stopped();
     assure(capacity != 0);
     auto place = std::make_unique<petri_place>(capacity);
+    place->_runner = &_runner;
     auto of_net = list<petri_place*>::prepare(place.get());
     // A thread that lets callers go looks at all places.
     detail::guard const hold(_mutex);
@@ -524,7 +525,7 @@ void petri_net::release() {
         _enqueue_initial_transitions();
     }
     start starting(*this);
-    _set_runner(detail::this_process());
+    _runner.store(detail::this_process(), std::memory_order_relaxed);
     for (unsigned int i = 0; i != _groups; ++i) {
         _thread_groups[i]->release();
         _thread_group_acquired[i] = false;
@@ -547,7 +548,7 @@ void petri_net::_withdraw_start() {
         if (!_thread_group_acquired[i])
             _thread_groups[i]->conclude();
     _join_groups(join);
-    _set_runner(0);
+    _runner.store(0, std::memory_order_relaxed);
 }
 
 void petri_net::acquire() {
@@ -577,7 +578,7 @@ bool petri_net::_stop(Join join) {
     if (!_queue_thread_acquired)
         _queue_thread_acquired = join(_queue_thread);
     if (_queue_thread_acquired)
-        _set_runner(0);
+        _runner.store(0, std::memory_order_relaxed);
     return _queue_thread_acquired;
 }
 
