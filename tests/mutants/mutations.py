@@ -1,8 +1,8 @@
 """The small random changes that a mutant is made of.
 
 A mutation replaces some columns of one line. Which ones a line offers follows from its text alone, so
-that a seed names the same mutants on every machine. Comments, strings, preprocessor lines and static
-assertions offer none.
+that a seed names the same mutants on every machine that runs the same code. Comments, strings,
+preprocessor lines and static assertions offer none.
 """
 import re
 
@@ -128,6 +128,6 @@ def mutations_of(code, following):
         start = len(code) - len(code.lstrip())
         found.append(("statement", start, len(code), "{}"))
     if _FUNCTION.match(code) and not _BLOCK.search(code) and following.strip() not in ("", "}"):
-        void = re.search(r"\bvoid\b", code.split("(")[0])
+        void = re.search(r"\bvoid\b(?! ?\*)", code.split("(")[0])
         found.append(("return", len(code), len(code), " return;" if void else " return {};"))
     return found

@@ -4,8 +4,8 @@
 
 So one build serves all mutants. What is switched is a statement, a condition, an initialiser or an
 argument: the smallest of these that contains the mutation and that the text alone shows to be one.
-Constant expressions and initialisers outside of functions offer none; the compiler finds the rest that
-cannot be switched.
+Constant expressions, immediate functions and initialisers outside of functions offer none; the compiler
+finds the rest that cannot be switched.
 """
 import re
 
@@ -85,14 +85,20 @@ class Source:
                 return start, brackets
             start = end
 
-    # Whether a variable declared at `index` is a function's. A switch would have others initialised
-    # at run time, maybe after their first use.
-    def _is_local(self, index):
+    # What stands before each brace that is open at `index`, the innermost first.
+    def _heads(self, index):
         index -= 1
-        while index >= 0 and self.code[index] != "{":
+        while index >= 0:
+            if self.code[index] == "{":
+                yield re.split(r"[;{}]", self.code[:index])[-1]
             index = self._partner(index, -1) - 1 if self.code[index] in _CLOSING else index - 1
-        head = re.split(r"[;{}]", self.code[:max(index, 0)])[-1]
-        return index >= 0 and not re.search(r"\b(?:namespace|class|struct|union|extern)\b", head)
+
+    # Whether a variable declared at `index` is a function's or an object's. A switch would have others
+    # initialised at run time, maybe after their first use.
+    def _is_local(self, index):
+        head = next(self._heads(index), "namespace")
+        return not re.search(r"\b(?:namespace|union|extern)\b", head) and not (
+            re.search(r"\b(?:class|struct)\b", head) and self.code.startswith("static ", index))
 
     # The end of the statement that starts at `start`, or -1 if it is none that ends in a semicolon.
     def _end(self, start):
@@ -177,6 +183,8 @@ class Source:
         kind, first, end, _ = mutation
         first += self.starts[line]
         end += self.starts[line]
+        if any("consteval" in head for head in self._heads(first)):
+            return None
         if kind in ("return", "else"):
             constant = re.search(r"\bconst(?:expr|eval)\b", self.code[self.starts[line]:first])
             return None if constant else (first, end, kind)
