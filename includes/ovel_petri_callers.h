@@ -60,7 +60,8 @@ public:
         // Lets the thread in at once, unless some are kept out.
         blocked(net_callers& in, kind of)
             : _in(in), _word(in._word(of)), _begun(in._releases.load()) {
-            unsigned int now = _word.load();
+            // Relaxed: the exchange or `insist` corrects a stale value.
+            unsigned int now = _word.load(std::memory_order_relaxed);
             while ((now & is_shut) == 0)
                 if (_word.compare_exchange_weak(now, now + one)) {
                     _is_let_in = true;
@@ -81,7 +82,7 @@ public:
             std::lock_guard const hold(_in._lock);
             if (_in.has_failed())
                 std::rethrow_exception(_in._exception);
-            _begun = _in._releases.load();
+            _begun = _in._releases.load(std::memory_order_relaxed);  // written under the lock
             if (!_in._is_shut) {
                 _word.fetch_add(one);
                 _is_let_in = true;
@@ -100,7 +101,8 @@ public:
     private:
         // While no thread waits for the count, the net may be gone after the exchange.
         void _leave() {
-            unsigned int now = _word.load();
+            // Relaxed: the exchange corrects a stale value.
+            unsigned int now = _word.load(std::memory_order_relaxed);
             while ((now & is_awaited) == 0)
                 if (_word.compare_exchange_weak(now, now - one))
                     return;

@@ -108,7 +108,6 @@ void petri_net::firing_work::operator()() {
 
 // On a thread of `of`, which has arrived: returns its first firing, or null.
 petri_transition* petri_net::_first_firing(firing_work& of) {
-    assure(!inherited());
     if (!_mutex.try_acquire())
         return _next_firing_late(of, nullptr);
     engine::arrive(of);

@@ -129,10 +129,8 @@ void scope_base::_finish(scope_base& scope) {
 // into a tree takes less memory than keeping a level of it.
 void task_frame::add(listed_task& child) {
     if (_first == nullptr) {
-        child.next = nullptr;
         _first = _last = &child;
     } else if (_size < 64) {
-        child.next = nullptr;
         _last = _last->next = &child;
     } else {
         child.next = std::exchange(_first, &child);
