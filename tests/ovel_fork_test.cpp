@@ -237,10 +237,15 @@ TEST(fork_death_test, using_what_runs_in_the_parent_fails_a_check) {
         {[](running& of) { of.group.clear(); }, inherited, group},
         {[](running& of) { of.group.release(); }, "_acquired == _threads", group},
         {[](running& of) { of.crew.submit([] {}); }, inherited, "sources/ovel_task_crew.cpp"},
+        {[](running& of) { of.crew.wait(); }, inherited, "sources/ovel_task_crew.cpp"},
         {[](running& of) { of.net.send(of.place, of.token); }, inherited, net},
         {[](running& of) { std::ignore = of.net.try_peek(of.place, of.token); }, inherited, net},
         {[](running& of) { of.net.acquire(); }, inherited, net},
+        {[](running& of) { of.place->peek(of.token); }, inherited, net},
+        {[](running& of) { of.place->receive(of.token); }, inherited, net},
+        {[](running& of) { of.place->receive_skip(); }, inherited, net},
         {[](running& of) { of.place->send(of.token); }, inherited, net},
+        {[](running& of) { of.place->send_skip(); }, inherited, net},
         {[](running& of) { of.typed.halt(); }, "!_net.inherited()", "includes/ovel_petri.h"},
     };
     for (auto const& each : misuses) {

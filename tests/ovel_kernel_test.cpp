@@ -181,6 +181,18 @@ TEST(slot_test, a_slot_handed_out_again_reads_null) {
             former = index;
         }
     }
+    // So does a destructor of the thread that runs after those of its slots.
+    static DWORD const last = TlsAlloc();
+    static bool reads_null = false;
+    pthread_key_t late;
+    pthread_key_create(&late, [](void*) { reads_null = TlsGetValue(last) == nullptr; });
+    std::jthread([&] {
+        TlsSetValue(last, &value);
+        pthread_setspecific(late, &value);
+    }).join();
+    EXPECT_TRUE(reads_null);
+    pthread_key_delete(late);
+    others.insert(last);
     for (DWORD const index : others)
         TlsFree(index);
 }
@@ -276,6 +288,14 @@ TEST(processor_test, bits_are_processors_unless_none_of_the_first_32_is_allowed)
     EXPECT_EQ(bits.mask_of(high), 7u);
     EXPECT_TRUE(bits.set_of(2).has(43));
     EXPECT_TRUE(high.within(bits.set_of(7)));
+}
+
+TEST(runtime_test, numbers_are_written_in_any_base) {
+    char text[65];
+    EXPECT_STREQ(_ultoa(0, text, 16), "0");
+    EXPECT_STREQ(_ultoa(16, text, 16), "10");
+    EXPECT_STREQ(_ui64toa(0xfedcba9876543210, text, 16), "fedcba9876543210");
+    EXPECT_STREQ(_ui64toa(5, text, 2), "101");
 }
 
 // In bytes.

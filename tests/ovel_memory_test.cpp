@@ -57,7 +57,7 @@ TEST(memory_test, alignment_costs_no_more_than_it_must) {
     constexpr std::size_t bytes = 1024 - 256 - 2 * sizeof(void*);
     container_allocator<piece<64>> source;
     std::size_t const before = allocator_support::allocated_size();
-    void* const plain = ::operator new(16);
+    void* const plain = ::operator new(16, std::nothrow);
     EXPECT_TRUE(aligned(plain, 16));
     EXPECT_EQ(allocator_support::allocated_size(), before + 32);
     piece<64>* const contained = source.allocate(1);
@@ -66,6 +66,10 @@ TEST(memory_test, alignment_costs_no_more_than_it_must) {
     EXPECT_TRUE(aligned(resource, 256));
     EXPECT_EQ(allocator_support::allocated_size(), before + 32 + 128 + 1024);
     memory_resource::global()->deallocate(resource, bytes, 256);
+    void* const wide = ::operator new(bytes, std::align_val_t(256), std::nothrow);
+    EXPECT_TRUE(aligned(wide, 256));
+    EXPECT_EQ(allocator_support::allocated_size(), before + 32 + 128 + 1024);
+    ::operator delete(wide, std::align_val_t(256));
     source.deallocate(contained, 1);
     ::operator delete(plain);
     EXPECT_EQ(allocator_support::allocated_size(), before);

@@ -180,8 +180,10 @@ TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
         begun.count_down();
         go.wait();
     };
-    tested.insert_transition("work", from(jobs, desks.times(2)), to(done),
-                             [](int job, std::vector<int>) { return job; });
+    auto const work = tested.insert_transition("work", from(jobs, desks.times(2)), to(done),
+                                               [](int job, std::vector<int>) { return job; });
+    work.deactivate();
+    work.activate();
     tested.insert_transition("clean", from(desks), [](int) {}).deactivate();
     tested.insert_transition("last", from(done), [](std::optional<int>) { ADD_FAILURE(); })
         .deactivate();

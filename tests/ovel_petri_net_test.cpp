@@ -58,6 +58,7 @@ TEST(petri_transition_test, an_arc_is_named_by_its_variable) {
     EXPECT_EQ(std::pair(function.in[0], function.out), std::pair(place, place));
     EXPECT_EQ(t->input(function.in[0]).place(), place);
     EXPECT_TRUE(&t->function() == &function && function.transition() == t && t->net() == &net);
+    EXPECT_FALSE(inspector::enabled(petri_transition(*t)));  // the copy has the arcs
 
     // Another variable that holds the place names no arc.
     petri_place* other = place;

@@ -107,6 +107,18 @@ TEST(petri_test, a_token_that_could_not_be_sent_was_not_touched) {
     EXPECT_EQ(firings, 1);
 }
 
+TEST(petri_test, places_of_another_net_fail_checks) {
+    char const* const file = "includes/ovel_petri.h";
+    net tested(1), other(1);
+    auto const here = tested.insert_place<int>("here", 1);
+    auto const there = other.insert_place<int>("there", 1);
+    EXPECT_CHECK(tested.name(there.base()), "name != 0", file);
+    EXPECT_CHECK(tested.insert_transition("take", from(there), [](int) {}),
+                 "arc.place->owner == this", file);
+    EXPECT_CHECK(tested.insert_transition("take", from(here, unless(there)), [](int) {}),
+                 "place->owner == this", file);
+}
+
 TEST(petri_test, misuse_by_a_body_fails_checks) {
     // The joining body is in the second group: the first would be joined before.
     ovel::triple<unsigned int, double, unsigned int> const groups[] = {{1, 0.0, 16384},

@@ -58,6 +58,13 @@ TEST(call_once_death_test, an_exception_from_the_function_is_fatal) {
                  "(\"unexpected exception\", 0)", "sources/ovel_once.cpp");
 }
 
+// Their functions wait for each other.
+TEST(call_once_test, calls_for_two_flags_run_at_once) {
+    static latch both(2);
+    unsigned int volatile flags[2] = {};
+    crew(2, [&](int each) { call_once([] { both.arrive_and_wait(); }, flags[each]); }).clear();
+}
+
 // More pointers than there are slots, but one at a time; then too many.
 TEST(thread_specific_ptr_death_test, slots_are_given_back_until_none_is_left) {
     for (int number = 0; number < 5000; ++number) {

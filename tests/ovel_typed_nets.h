@@ -20,6 +20,9 @@ struct ovel::detail::inspector {
     static thread const& queue_thread(petri_net const& of) {
         return of._queue_thread;
     }
+    static bool enabled(petri_transition const& of) {
+        return of.enabled();
+    }
 };
 
 // Places with these names, of one type and capacity.

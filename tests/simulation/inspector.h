@@ -305,8 +305,9 @@ private:
             unsigned int const first = ready._ranks[rank].first;
             assure((ready._nonempty.find(rank) == rank) == (first != ready_firings::none));
             for (unsigned int i = first; i != ready_firings::none; i = ready._entries[i].next) {
-                assure(ready._entries[i].transition->_rank == rank);
-                ++waiting[ready._entries[i].transition];
+                petri_transition* const each = ready._entries[i].transition;
+                assure(each->_rank == rank && each->_space == ready._ranks[rank].space);
+                ++waiting[each];
             }
         }
         unsigned int running = 0;

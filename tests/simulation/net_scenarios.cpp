@@ -65,8 +65,8 @@ struct firing : petri_function {
     bool skipping = false;
 };
 
-// A net of random structure, with clients that exchange tokens and switch
-// transitions off and on, started and stopped twice.
+// A net of random structure, with clients that exchange tokens, switch transitions off and
+// on, and limit their firings, started and stopped twice.
 void random_nets(unsigned int variant) {
     bool const timed = variant / 2 == 1;
     accounts const books(variant % 2, timed);
@@ -112,7 +112,7 @@ void random_nets(unsigned int variant) {
         for (unsigned int round = 0; round != 4; ++round) {
             unsigned int const at = pick(place_count);
             petri_transition* const transition = functions[pick(3)].transition();
-            unsigned int const what = pick(5);
+            unsigned int const what = pick(6);
             any token;
             if (what == 0) {
                 if (net.try_receive(places[at], token))
@@ -122,6 +122,8 @@ void random_nets(unsigned int variant) {
             } else if (what == 2) {
                 transition->deactivate();
                 transition->activate();
+            } else if (what == 3) {
+                net.limit(transition, 1 + pick(2));
             } else {
                 send(at);
             }

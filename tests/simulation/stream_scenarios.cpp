@@ -371,7 +371,9 @@ void refused_slots(unsigned int variant) {
 void refused_blocks(unsigned int variant) {
     bool const builds = variant == 2;
     accounts const books(builds ? 0 : variant, true);
-    net tested(1 + pick(2), 0.0, net_stack);
+    triple<unsigned int, double, unsigned int> const groups[] = {{1 + pick(2), 0.0, net_stack},
+                                                                 {1, 0.0, net_stack}};
+    net tested(groups, groups + 1 + pick(2));
     begin();
     if (builds)
         refuse_blocks(1 + pick(80));
