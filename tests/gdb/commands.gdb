@@ -17,7 +17,7 @@ print none
 print queue
 print empty_queue
 print *in
-print *doubling
+print *idle_one
 print net
 print running
 print pipeline
