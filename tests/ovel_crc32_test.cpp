@@ -84,13 +84,11 @@ TEST(crc32_test, words_are_fed_most_significant_byte_first) {
     EXPECT_EQ(checksum(-2), checksum(bytes + 4, bytes + 8));
     EXPECT_EQ(checksum(0xFFFFFFFE), checksum(-2));
 
-    std::uintptr_t address = 0;
-    std::vector<unsigned char> digits;
-    for (unsigned int i = 1; i <= sizeof(void*); ++i) {
-        address = address << 8 | (0xF0 + i);
-        digits.push_back(static_cast<unsigned char>(0xF0 + i));
-    }
-    void* const pointer = reinterpret_cast<void*>(address);
+    // These processors store the least significant byte first.
+    std::array<unsigned char, sizeof(void*)> digits;
+    void* const pointer = &digits;
+    std::memcpy(&digits, &pointer, sizeof pointer);
+    std::ranges::reverse(digits);
     unsigned int const once = checksum(digits.data(), digits.data() + digits.size());
     EXPECT_EQ(checksum(pointer), once);
     EXPECT_EQ(checksum(&pointer, &pointer + 1), once);

@@ -191,13 +191,12 @@ TEST_P(parallel_test, loops_end_early_and_say_so) {
     EXPECT_FALSE(parallel_for(group, 0, 100'000, count, {.grain = 1, .stop = stop.get_token()}));
     EXPECT_LE(late, static_cast<int>(GetParam()) + 1);
     EXPECT_GE(parts, 50);
-    EXPECT_FALSE(parallel_reduce(group, 0, 10, 0, [](int, int, int start) { return start; },
-                                 std::plus<>(), {.stop = stop.get_token()}));
-    EXPECT_EQ(
-        parallel_reduce(
-            group, 0, 10, 0, [](int begin, int end, int start) { return start + end - begin; },
-            std::plus<>(), loop_options{}),
-        10);
+    auto const count_on = [](int begin, int end, int start) {
+        return start + end - begin;
+    };
+    std::plus<> const add;
+    EXPECT_FALSE(parallel_reduce(group, 0, 10, 0, count_on, add, {.stop = stop.get_token()}));
+    EXPECT_EQ(parallel_reduce(group, 0, 10, 0, count_on, add, loop_options{}), 10);
     parts = 0;
     auto const fail = [&](int begin, int) {
         ++parts;
