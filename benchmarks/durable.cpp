@@ -42,7 +42,8 @@ server& database() {
 }
 
 std::string server_url() {
-    return database().url("127.0.0.1", 54329);
+    database();
+    return "postgresql://ovel@127.0.0.1:54329/postgres";
 }
 
 std::string new_name() {

@@ -91,9 +91,6 @@ public:
     std::string url() const {
         return "postgresql://ovel@/postgres?host=" + _folder.path();
     }
-    static std::string url(std::string const& host, int port) {
-        return "postgresql://ovel@" + host + ':' + std::to_string(port) + "/postgres";
-    }
 
     // Runs SQL by itself, and returns the first field.
     std::string run(std::string const& statement) const {
