@@ -17,9 +17,7 @@ int calls = 0;
 void* operator new(std::size_t bytes) {
     ++calls;
     void* const memory = std::malloc(bytes);
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    return memory;
+    return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
 void operator delete(void* memory) noexcept {
@@ -33,6 +31,12 @@ void operator delete(void* memory, std::size_t) noexcept {
 }
 
 // Each thread, place and group of threads makes the library allocate.
+void use() {
+    ovel::petri_net net;
+    net.insert_place(16);
+    net.release();
+    net.acquire();
+}
 struct static_user {
     static_user() {
         use();
@@ -40,26 +44,19 @@ struct static_user {
     ~static_user() {
         use();
     }
-    static void use() {
-        ovel::petri_net net;
-        net.insert_place(16);
-        net.release();
-        net.acquire();
-    }
 } const user;
 
-int main() {
-    if (calls != 0) {
-        std::puts("The library used the program's operators");
-        return 1;
-    }
-    if (ovel::allocator_support::allocated_size() == 0) {
-        std::puts("The library allocated nothing");
-        return 1;
-    }
+char const* fault() {
+    if (calls != 0)
+        return "The library used the program's operators";
+    if (ovel::allocator_support::allocated_size() == 0)
+        return "The library allocated nothing";
     delete new int;
-    if (calls != 2) {
-        std::puts("The program's operators were replaced");
-        return 1;
-    }
+    return calls == 2 ? "" : "The program's operators were replaced";
+}
+
+int main() {
+    char const* const found = fault();
+    std::fputs(found, stdout);
+    return *found != '\0';
 }
