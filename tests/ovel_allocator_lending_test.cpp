@@ -35,17 +35,11 @@ allocator* serving() {
     return owner;
 }
 
-// What `work` returns on a thread that has not used the library's memory before.
-template <class Work>
-auto fresh(Work const& work) {
-    return std::async(std::launch::async, work).get();
-}
-
 TEST(lending_test, a_thread_that_only_frees_takes_no_memory) {
     std::vector<void*> memory;
     for (int i = 0; i < 1000; ++i)
         memory.push_back(allocator_support::allocate(100));
-    fresh(serving);
+    elsewhere(serving);
     group.flush_allocator(false);
     std::size_t const capacity = allocator_support::allocated_capacity();
     std::size_t const size = allocator_support::allocated_size();
@@ -89,19 +83,19 @@ TEST(lending_test, destructors_of_a_thread_use_memory_and_leave_nothing) {
         pthread_setspecific(younger, ovel_malloc(100));
     };
     serving();  // takes the default allocator, if this is the first to use memory
-    allocator* const lent = fresh(serving);
+    allocator* const lent = elsewhere(serving);
     group.flush_allocator(false);
     std::size_t const size = allocator_support::allocated_size();
     for (int i = 0; i < 40; ++i) {
         kept = ovel_malloc(100);
         std::thread(use).join();
-        EXPECT_EQ(fresh(serving), lent);
+        EXPECT_EQ(elsewhere(serving), lent);
     }
     group.flush_allocator(false);
     EXPECT_EQ(allocator_support::allocated_size(), size);
-    fresh([&] {
+    elsewhere([&] {
         EXPECT_EQ(serving(), lent);
-        EXPECT_NE(fresh(serving), lent);
+        EXPECT_NE(elsewhere(serving), lent);
     });
     pthread_key_delete(younger);
 }
@@ -109,25 +103,30 @@ TEST(lending_test, destructors_of_a_thread_use_memory_and_leave_nothing) {
 TEST(lending_test, the_default_allocator_serves_one_thread_and_then_the_next) {
     allocator* const first = group.default_allocator();
     EXPECT_EQ(serving(), first);
-    EXPECT_NE(fresh(serving), first);
+    EXPECT_NE(elsewhere(serving), first);
     {
         thread_allocator const own;
         EXPECT_FALSE(inspector::activated(first));
-        fresh([&] {
+        auto* const mine = group.specific_allocator();
+        for (int scopes = 0; scopes != 2; ++scopes) {
+            thread_allocator const inner;
+            EXPECT_EQ(group.specific_allocator(), mine);
+        }
+        elsewhere([&] {
             EXPECT_EQ(serving(), first);
             EXPECT_EQ(group.specific_allocator(), first);
             group.acquire_allocator();  // the default one is free again
             EXPECT_NE(group.specific_allocator(), first);
             EXPECT_EQ(serving(), group.specific_allocator());
-            EXPECT_EQ(fresh(serving), first);
+            EXPECT_EQ(elsewhere(serving), first);
             group.release_allocator();
         });
-        EXPECT_EQ(fresh(serving), first);
+        EXPECT_EQ(elsewhere(serving), first);
         EXPECT_NE(serving(), first);
     }
     EXPECT_EQ(serving(), first);
     // A thread that selects it explicitly does not get it while another has it.
-    fresh([&] {
+    elsewhere([&] {
         group.specific_allocator(group.default_allocator());
         EXPECT_EQ(group.specific_allocator(), first);
         EXPECT_NE(serving(), first);
@@ -136,7 +135,7 @@ TEST(lending_test, the_default_allocator_serves_one_thread_and_then_the_next) {
 
 TEST(lending_test, what_a_thread_was_lent_becomes_its_own_and_is_given_back_once) {
     serving();  // so that no other thread gets the default allocator
-    fresh([&] {
+    elsewhere([&] {
         allocator* const lent = serving();
         group.acquire_allocator();
         EXPECT_EQ(group.specific_allocator(), lent);
@@ -145,7 +144,7 @@ TEST(lending_test, what_a_thread_was_lent_becomes_its_own_and_is_given_back_once
         EXPECT_EQ(group.specific_allocator(), lent);
         EXPECT_FALSE(inspector::activated(lent));
         EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
-        EXPECT_EQ(fresh(serving), lent);
+        EXPECT_EQ(elsewhere(serving), lent);
         // It is lent to the thread again, which does not own it and must not release it twice.
         EXPECT_EQ(serving(), lent);
         EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
@@ -153,7 +152,7 @@ TEST(lending_test, what_a_thread_was_lent_becomes_its_own_and_is_given_back_once
         EXPECT_FALSE(inspector::activated(lent));
         EXPECT_EQ(serving(), lent);
         group.release_allocator();  // of what it was lent
-        EXPECT_EQ(fresh(serving), lent);
+        EXPECT_EQ(elsewhere(serving), lent);
         EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
     });
 }
@@ -175,8 +174,8 @@ TEST(lending_test, an_allocator_that_is_lent_can_be_switched_off_and_flushed) {
     }).join();  // it is given back although it is deactivated
     group.flush_allocator(false);
     EXPECT_EQ(inspector::in_use(own), size - 128);
-    EXPECT_EQ(fresh(serving), lent);
-    EXPECT_CHECK(fresh([&] { group.activate_allocator(); }), "!_activated",
+    EXPECT_EQ(elsewhere(serving), lent);
+    EXPECT_CHECK(elsewhere([&] { group.activate_allocator(); }), "!_activated",
                  "sources/ovel_allocator.cpp");
 }
 

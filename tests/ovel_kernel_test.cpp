@@ -116,23 +116,11 @@ TEST(thread_test, has_ended_once_its_thread_local_objects_are_destroyed) {
     join(thread);
 }
 
-// As the library does when it is loaded.
-bool const forks_are_handled = at_fork({[] {}, [] {},
-                                        [] {
-                                        }});
-
-// Forks and returns whether `work` succeeds in the child.
-template <class Work>
-bool in_fork(Work const& work) {
-    pid_t const child = fork();
-    if (child == 0)
-        _exit(work() ? 0 : 1);
-    int status = -1;
-    return TEMP_FAILURE_RETRY(waitpid(child, &status, 0)) == child && status == 0;
-}
-
 TEST(fork_test, a_child_has_an_identity_of_its_own_and_none_of_the_threads) {
-    ASSERT_TRUE(forks_are_handled);
+    // As the library does when it is loaded.
+    ASSERT_TRUE(at_fork({[] {}, [] {},
+                         [] {
+                         }}));
     GetCurrentThreadId();  // which is kept
     static HANDLE const proceed = make_semaphore(0);
     auto const wait = [](void*) {
@@ -142,12 +130,18 @@ TEST(fork_test, a_child_has_an_identity_of_its_own_and_none_of_the_threads) {
     HANDLE const running = start(wait, nullptr);
     HANDLE const owned = CreateMutexA(nullptr, 0, "owned by the thread that forks");
     ASSERT_TRUE(take(owned));
-    EXPECT_TRUE(in_fork([=] {
-        return GetCurrentThreadId() == static_cast<unsigned long>(gettid()) &&
-               process_generation() == 1 && WaitForSingleObject(running, INFINITE) == WAIT_FAILED &&
-               WaitForSingleObject(running, 0) == WAIT_FAILED && CloseHandle(running) != 0 &&
-               ReleaseMutex(owned) != 0 && CloseHandle(owned) != 0;
-    }));
+    pid_t const child = fork();
+    if (child == 0) {
+        bool const fresh =
+            GetCurrentThreadId() == static_cast<unsigned long>(gettid()) &&
+            process_generation() == 1 && WaitForSingleObject(running, INFINITE) == WAIT_FAILED &&
+            WaitForSingleObject(running, 0) == WAIT_FAILED && CloseHandle(running) != 0 &&
+            ReleaseMutex(owned) != 0 && CloseHandle(owned) != 0;
+        _exit(fresh ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(TEMP_FAILURE_RETRY(waitpid(child, &status, 0)), child);
+    EXPECT_EQ(status, 0);
     EXPECT_EQ(process_generation(), 0u);
     ReleaseSemaphore(proceed, 1, nullptr);
     join(running);

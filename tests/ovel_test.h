@@ -59,10 +59,8 @@ template <class Work>
 
 // The result of `work`, which a new thread runs.
 template <class Work>
-bool elsewhere(Work const& work) {
-    bool result = false;
-    std::jthread([&] { result = work(); }).join();
-    return result;
+auto elsewhere(Work const& work) {
+    return std::async(std::launch::async, work).get();
 }
 
 // A value that counts its instances and its copies. Copying it throws once
