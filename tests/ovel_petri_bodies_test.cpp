@@ -66,13 +66,6 @@ TEST(petri_bodies_test, elements_that_a_body_keeps_are_copied) {
     EXPECT_EQ(drain(words), std::vector(2, word));
 }
 
-TEST(petri_bodies_test, an_array_of_another_size_than_the_weight_fails_a_check) {
-    net tested(1);
-    auto const in = tested.insert_place<int>("in", 3);
-    EXPECT_CHECK(tested.insert_transition("two", from(in.times(3)), [](std::array<int, 2>) {}),
-                 "weight == array_size<Argument>", "includes/ovel_petri_body.h");
-}
-
 // A variant chooses a place by its index, also where its alternatives are of one type.
 TEST(petri_bodies_test, a_variant_goes_to_one_place_and_an_optional_tuple_to_all_or_none) {
     net tested(1);
@@ -97,8 +90,7 @@ TEST(petri_bodies_test, a_variant_goes_to_one_place_and_an_optional_tuple_to_all
 // The bodies run until they are asked to stop, by a token and beside a `firing&`.
 TEST(petri_bodies_test, bodies_that_poll_a_stop_token_end_when_the_net_is_stopped) {
     net tested(2);
-    auto const in = tested.insert_place<int>("in", 2);
-    auto const other = tested.insert_place<int>("other", 2);
+    auto const [in, other] = insert_places<int>(tested, 2, "in", "other");
     std::atomic<int> begun = 0;
     auto const poll = [&](std::stop_token const& stop) {
         ++begun;
@@ -251,8 +243,7 @@ TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
 TEST(petri_bodies_test, a_net_that_runs_can_be_moved) {
     auto const made = [] {
         net built(1);
-        auto const in = built.insert_place<int>("in", 1);
-        auto const out = built.insert_place<int>("out", 1);
+        auto const [in, out] = insert_places<int>(built, 1, "in", "out");
         built.insert_transition("pass", from(in), to(out), pass_on);
         built.start();
         return std::tuple(std::move(built), in, out);

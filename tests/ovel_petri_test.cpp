@@ -131,6 +131,8 @@ TEST(petri_test, misuse_by_a_body_fails_checks) {
         now.take(more);
     });
     tested.insert_transition("join", from(only), [&](int) { tested.join(); }, {.group = 1});
+    EXPECT_CHECK(tested.insert_transition("two", from(more.times(2)), [](std::array<int, 3>) {}),
+                 "weight == array_size<Argument>", "includes/ovel_petri_body.h");
     EXPECT_CHECK((fill(more, {1, 2}), run(tested)), "left != 0", "includes/ovel_petri.h");
     EXPECT_CHECK((only.send(1), run(tested)), "!_runs_caller()", "sources/ovel_petri_net.cpp");
 }

@@ -29,9 +29,6 @@ concept has_deadlines = requires(Lock& lock) {
 static_assert(has_deadlines<lockable<ovel::timed_recursive_mutex&>>);
 static_assert(!has_deadlines<lockable<ovel::mutex>>);
 
-template <class Duration>
-using system_point = std::chrono::time_point<std::chrono::system_clock, Duration>;
-
 // Another thread wakes the waiting one until the predicate holds.
 TEST(wait_test, a_predicate_decides_for_every_kind_of_lock) {
     lockable<ovel::recursive_mutex> lock;
@@ -82,7 +79,7 @@ TEST(wait_test, the_longest_spans_never_pass_and_the_shortest_have_passed) {
     never_passes(std::chrono::hours::max());
     never_passes(std::chrono::duration<double>(INFINITY));
     never_passes(std::chrono::steady_clock::time_point::max());
-    never_passes(system_point<std::chrono::hours>::max());
+    never_passes(std::chrono::sys_time<std::chrono::hours>::max());
     never_passes(time::then(INFINITY));
     // A span that ends at the clock's last points is rounded up.
     for (int each = 0; each != 1000; ++each) {
@@ -96,7 +93,7 @@ TEST(wait_test, the_longest_spans_never_pass_and_the_shortest_have_passed) {
     };
     has_passed(std::chrono::hours::min());
     has_passed(std::chrono::system_clock::time_point::min());
-    has_passed(system_point<std::chrono::hours>::min());
+    has_passed(std::chrono::sys_time<std::chrono::hours>::min());
 }
 
 // On the clock that the caller reads, without any tolerance.

@@ -6,18 +6,11 @@ using namespace ovel;
 
 namespace {
 
-// The group, after a step of its life cycle.
-thread_group& started(thread_group& group) {
+// Starts the group and waits until it has run what is scheduled.
+void run(thread_group& group) {
     group.release();
-    return group;
-}
-thread_group& concluded(thread_group& group) {
     group.conclude();
-    return group;
-}
-thread_group& ended(thread_group& group) {
-    concluded(started(group)).acquire();
-    return group;
+    group.acquire();
 }
 
 // The loop of a worker without a crew, on fields of the caller's: an item that does not fit waits
@@ -66,18 +59,19 @@ TEST(thread_group_test, misuse_fails_the_checks) {
     EXPECT_CHECK(group.schedule(none, 0.0, 0.5), bounds, file);
     EXPECT_CHECK(group.schedule(none, 1.0, -0.5), bounds, file);
     EXPECT_CHECK(group.acquire(), "_function != 0 && _acquired != _threads", file);
-    EXPECT_CHECK(ended(group).try_acquire(), "_function != 0 && _acquired != _threads", file);
-    EXPECT_CHECK(concluded(group).schedule(none, 1.0, 0.0), "!_concluded", file);
-    EXPECT_CHECK(concluded(group).clear(), "!_concluded", file);
-    EXPECT_CHECK(concluded(group).conclude(), "!_concluded", file);
-    EXPECT_CHECK(started(group).release(), "_acquired == _threads", file);
+    EXPECT_CHECK((run(group), group.try_acquire()), "_function != 0 && _acquired != _threads",
+                 file);
+    EXPECT_CHECK((group.conclude(), group.schedule(none, 1.0, 0.0)), "!_concluded", file);
+    EXPECT_CHECK((group.conclude(), group.clear()), "!_concluded", file);
+    EXPECT_CHECK((group.conclude(), group.conclude()), "!_concluded", file);
+    EXPECT_CHECK((group.release(), group.release()), "_acquired == _threads", file);
     EXPECT_CHECK(thread_group().release(), "_acquired == _threads", file);
     thread_group joining(2, 0.0, 65536);
     work joiner([&] { joining.acquire(); });
     joining.schedule(joiner, 1.0, 0.0);
-    EXPECT_CHECK(ended(joining), "!_runs_caller()", file);
+    EXPECT_CHECK(run(joining), "!_runs_caller()", file);
     throwing.schedule(thrower, 1.0, 0.0);
-    EXPECT_CHECK(ended(throwing), "(\"unexpected exception\", 0)", file);
+    EXPECT_CHECK(run(throwing), "(\"unexpected exception\", 0)", file);
 }
 
 }  // namespace
