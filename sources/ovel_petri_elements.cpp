@@ -35,10 +35,6 @@ unsigned int petri_place::capacity() const {
     return _channel.capacity();
 }
 
-bool petri_place::inherited() const {
-    return detail::is_inherited(_runner->load(std::memory_order_relaxed));
-}
-
 void petri_place::peek(any& token) {
     _assure_present();
     detail::guard const hold(_mutex);

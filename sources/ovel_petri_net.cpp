@@ -42,6 +42,11 @@ void petri_transition::insert_arc(list<petri_arc*>::prepared&& inserted) {
     _arcs.push_back(std::move(inserted));
 }
 
+// Here, where the check can inline it.
+bool petri_place::inherited() const {
+    return detail::is_inherited(_runner->load(std::memory_order_relaxed));
+}
+
 void petri_place::_assure_present() const {
     assure(!inherited());
 }
