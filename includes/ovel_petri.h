@@ -91,7 +91,7 @@ public:
     template <class T>
     T take(place<T> const& input);
 
-    // Copies the oldest token of an input place that still has one to take.
+    // Copies the oldest token of an input place that still has one to take, or that it reads.
     template <class T>
     T peek(place<T> const& input) const;
 
@@ -113,7 +113,7 @@ private:
 
     firing(detail::transition_record& fired, unsigned int* left) : _fired(fired), _left(left) {
         for (std::size_t i = 0; i != _fired.arcs.size(); ++i)
-            _left[i] = _fired.arcs[i].weight;
+            _left[i] = _fired.arcs[i].reads ? 0 : _fired.arcs[i].weight;
     }
     // Skips the rest, as the contract of `petri_place` demands.
     ~firing() {
@@ -123,6 +123,13 @@ private:
                     _fired.arcs[i].reference->receive_skip();
                 else
                     _fired.arcs[i].reference->send_skip();
+    }
+
+    bool _reads(detail::place_record const* place) const {
+        for (detail::arc_record const& each : _fired.arcs)
+            if (each.reads && each.place == place)
+                return true;
+        return false;
     }
 
     // What remains of the arc between the transition and `end`.
@@ -170,7 +177,8 @@ struct place_options {
 inline constexpr place_options closes{true};
 
 // The places that a transition takes tokens from, or puts them into: a `place` for
-// one token a firing, `place.times(n)` for n. `unless(place)` in `from` needs it empty.
+// one token a firing, `place.times(n)` for n. In `from`, `reads(place)` leaves the token there,
+// and `unless(place)` needs it empty.
 template <class... Ends>
 auto from(Ends const&... ends) {
     std::vector<detail::place_record*> inhibitors;
@@ -371,7 +379,8 @@ T firing::take(place<T> const& input) {
 template <class T>
 T firing::peek(place<T> const& input) const {
     static_assert(std::is_copy_constructible_v<T>, "a copy is what it returns");
-    _left_of(true, input._record);
+    if (!_reads(input._record))
+        _left_of(true, input._record);
     any seen;
     input._record->element->peek(seen);
     return std::move(detail::value_of<T>(seen));
@@ -415,7 +424,9 @@ inline std::lock_guard<lockable<mutex>> detail::net_core::_hold() {
 inline void detail::net_core::_insert_arcs(transition_record& of) {
     for (arc_record& arc : of.arcs) {
         assure(arc.place->owner == this);
-        if (arc.input)
+        if (arc.reads)
+            _net._insert_reader(arc.place->element, of.element);
+        else if (arc.input)
             _net.insert_input_arc(arc.place->element,
                                   of.element->input(arc.reference).size(arc.weight));
         else

@@ -99,7 +99,9 @@ private:
     // The arguments that a body gets from an arc.
     template <class Argument, class Firing, class Arc>
     static Argument _take(Firing& scope, Arc const& from) {
-        if constexpr (!Arc::weighted) {
+        if constexpr (is_read_arc<Arc>) {
+            return Argument(scope.peek(from.end));
+        } else if constexpr (!Arc::weighted) {
             return Argument(scope.take(from.end));
         } else if constexpr (array_size<Argument> != 0) {
             return _take_array<Argument>(scope, from,

@@ -442,8 +442,9 @@ inline explanation net_core::explain() {
     made.running = _net._runner.load(std::memory_order_relaxed) != 0;
     for (auto const& record : _places) {
         petri_place const& place = *record->element;
-        made.places.push_back({record->name.text(), place.tokens(), place._receive_size,
-                               place._send_size, place._capacity, place._closed, place.ended()});
+        made.places.push_back({record->name.text(), place.readable(),
+                               place._receive_size - (place._readers != 0), place._send_size,
+                               place._capacity, place._closed, place.ended(), place._readers});
     }
     for (auto const& record : _transitions) {
         if (record->mark_place != nullptr)
@@ -467,12 +468,15 @@ inline explanation net_core::explain() {
                 continue;
             petri_place const& place = *arc.place->element;
             arcs.push_back({arc.place->index, arc.input, arc.weight,
-                            arc.input ? place.tokens() : place.slots(), !arc.input && place._closed,
-                            false});
+                            arc.reads   ? place.readable()
+                            : arc.input ? place.tokens()
+                                        : place.slots(),
+                            !arc.input && place._closed, false, arc.reads});
         }
         for (place_record const* inhibitor : shown.inhibitors) {
             petri_place const& place = *inhibitor->element;
-            arcs.push_back({inhibitor->index, false, place._capacity, place.slots(), false, true});
+            arcs.push_back(
+                {inhibitor->index, false, place._capacity, place.slots(), false, true, false});
         }
     }
     return made;

@@ -17,12 +17,13 @@ struct explanation {
     // A place, with numbers of tokens.
     struct place_state {
         std::string name;       // given when it was inserted
-        unsigned int tokens;    // that no firing has reserved
+        unsigned int tokens;    // that no firing takes
         unsigned int taken;     // reserved by firings that take them
         unsigned int expected;  // slots reserved by firings that fill them
         unsigned int capacity;  // tokens and free slots together
         bool closed;            // accepts no more tokens
         bool ended;             // closed, and its last token has left
+        unsigned int readers;   // firings that read: one of `tokens` can't be taken meanwhile
     };
 
     // An arc of a transition. One of `unless` needs as many slots as its place has.
@@ -33,6 +34,7 @@ struct explanation {
         unsigned int available;  // tokens, or slots, that no firing has reserved
         bool closed;             // whether it puts into a closed place
         bool inhibits;           // whether it is one of `unless`
+        bool reads;              // whether it is one of `reads`
 
         // Whether this arc keeps the transition from firing.
         bool lacks() const {
@@ -91,6 +93,8 @@ inline std::string explanation::text() const {
             made += ", " + std::to_string(each.taken) + " taken by firings";
         if (each.expected != 0)
             made += ", " + std::to_string(each.expected) + " expected from firings";
+        if (each.readers != 0)
+            made += ", read by " + _number(each.readers, " firing", " firings");
         made += each.ended ? ", ended\n" : each.closed ? ", closed\n" : "\n";
     }
     for (transition_state const& each : transitions) {
@@ -141,7 +145,9 @@ inline std::string explanation::dot() const {
             std::string const place = "p" + std::to_string(arc.place);
             made += "    " +
                     (arc.input || arc.inhibits ? place + " -> " + name : name + " -> " + place);
-            made += arc.inhibits ? " [arrowhead=odot, label=\"" : " [arrowhead=normal, label=\"";
+            made += " [arrowhead=";
+            made += arc.inhibits ? "odot" : arc.reads ? "none" : "normal";
+            made += ", label=\"";
             made += arc.needed == 1 || arc.inhibits ? std::string() : std::to_string(arc.needed);
             made += arc.lacks() && !each.ended ? "\", color=red];\n" : "\"];\n";
         }

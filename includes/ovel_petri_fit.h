@@ -28,10 +28,14 @@ place_arc<T, true> arc_of(place_arc<T, true> const& end) {
     return end;
 }
 
-// The arcs of an end that carry tokens: one or none.
+// The arcs of an end that give a body tokens: one or none.
 template <class End>
 auto arcs_of(End const& end, std::vector<place_record*>&) {
     return std::tuple(arc_of(end));
+}
+template <class T>
+std::tuple<read_arc<T>> arcs_of(read_arc<T> const& end, std::vector<place_record*>&) {
+    return std::tuple(end);
 }
 inline std::tuple<> arcs_of(inhibitor const& end, std::vector<place_record*>& inhibitors) {
     inhibitors.push_back(end.place);
@@ -186,6 +190,7 @@ struct body_traits<Body, std::index_sequence<indices...>, From...> {
     static constexpr bool takes_values = how == call::values || how == call::values_stop;
     // Whether it is called once more, with an empty value, when its only place has ended.
     static constexpr bool flushes = takes_values && sizeof...(From) == 1 &&
+                                    !(is_read_arc<From> || ...) &&
                                     (std::is_same_v<typename argument<Body, From, indices>::type,
                                                     std::optional<typename From::value>> &&
                                      ...);

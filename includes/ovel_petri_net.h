@@ -186,6 +186,23 @@ private:
         return skips;
     }
 
+    // A firing that reads a token begins, or ends. The first of those that read at the same time
+    // reserves a token, which stays in the place, and the last cancels that. Return whether this
+    // one does.
+    bool begin_reading() {
+        return _readers++ == 0;
+    }
+    bool end_reading() {
+        return --_readers == 0;
+    }
+    void withdraw_receive(unsigned int size) {
+        _receive_size -= size;
+    }
+    // What the place has, to those that read.
+    unsigned int readable() const {
+        return tokens() + (_readers != 0);
+    }
+
     // Cancels a reservation whose token was never put.
     void withdraw_send(unsigned int size) {
         _send_size -= size;
@@ -233,6 +250,7 @@ private:
     unsigned int _size = 0;          // committed tokens
     unsigned int _receive_size = 0;  // of these, how many firings have reserved
     unsigned int _send_size = 0;     // free slots that firings have reserved
+    unsigned int _readers = 0;       // firings that read; one token is reserved for all of them
     // Declared skips, not yet settled. Written under _mutex.
     detail::atomic<unsigned int> _receive_skip = 0;
     detail::atomic<unsigned int> _send_skip = 0;
@@ -299,7 +317,8 @@ private:
 };
 
 inline bool detail::petri_access::enabled() const {
-    return input ? place->receive_enabled(size) : place->_size + place->_send_size <= room;
+    return input ? place->receive_enabled(size) || (reads && place->_readers != 0)
+                 : place->_size + place->_send_size <= room;
 }
 
 // The transition's end of an arc that does not exist yet. `input` and `output` of a
@@ -520,8 +539,8 @@ inline bool petri_transition::enabled() const {
 inline void petri_place::insert_arc(list<petri_arc*>::prepared&& arc) {
     petri_arc const& inserted = *arc->value;
     side(inserted.input())
-        .push_back(
-            {inserted.transition(), inserted.size(), inserted.transition()->reentrant(), false});
+        .push_back({inserted.transition(), inserted.size(), inserted.transition()->reentrant(),
+                    false, false});
     _arcs.push_back(std::move(arc));
 }
 
@@ -764,6 +783,7 @@ private:
     void _wake();
     void _close(petri_place* place);
     void _insert_inhibitor(petri_place* place, petri_transition* transition);
+    void _insert_reader(petri_place* place, petri_transition* transition);
     void _delay(petri_transition* transition, ovel::time const& delay);
     bool _ended(petri_place* place);
     unsigned int _tokens(petri_place* place);

@@ -111,7 +111,7 @@ public:
         return _record->owner->ended(*_record);
     }
 
-    // How many tokens it has that no firing has reserved.
+    // How many tokens it has that no firing takes.
     unsigned int size() const {
         return _record->owner->tokens(*_record);
     }
@@ -158,6 +158,18 @@ private:
 template <class T>
 detail::inhibitor unless(place<T> const& tested) {
     return {tested._record};
+}
+
+// For `from`: the transition needs a token of the place and leaves it there. The body gets a copy
+// of the oldest one, or may `peek` at it. Any number of firings may read at once. Until the last of
+// them has ended, nobody takes the last token of the place; so those that overlap without end keep
+// it for ever. It is no arc, and a transition needs one besides. A transition that also takes from
+// the place fails the check "!is_input".
+//
+//     from(orders, reads(prices)), [](order next, price_list now) { quote(next, now); }
+template <class T>
+read_arc<T> reads(place<T> const& read) {
+    return {read};
 }
 
 template <class T>

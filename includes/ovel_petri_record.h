@@ -33,6 +33,16 @@ struct place_arc {
     unsigned int weight;  // tokens that a firing takes or puts
 };
 
+// A future transition's need of a token of the place `end`, which stays there. `from` takes it.
+template <class T>
+struct read_arc {
+    using value = T;                         // the type of the place's tokens
+    static constexpr bool weighted = false;  // it gives a body one token
+
+    place<T> end;             // the place
+    unsigned int weight = 1;  // how many tokens it needs
+};
+
 namespace detail {
 
 class net_core;
@@ -50,12 +60,18 @@ struct inhibitor {
     place_record* place;
 };
 
+template <class Arc>
+inline constexpr bool is_read_arc = false;
+template <class T>
+inline constexpr bool is_read_arc<read_arc<T>> = true;
+
 // An arc of a transition; `reference` is the variable that names it to the net.
 struct arc_record {
     place_record* place;
     bool input;
     unsigned int weight;
     petri_place* reference;
+    bool reads = false;
 };
 
 // Lets an `any` hold a value that cannot be copied: copying it takes the value.
@@ -118,6 +134,10 @@ protected:
     static void _insert_arc_into(transition_record& into, bool input,
                                  place_arc<T, Weighted> const& inserted) {
         into.arcs.push_back({inserted.end._record, input, inserted.weight, nullptr});
+    }
+    template <class T>
+    void _insert_arc(bool, read_arc<T> const& inserted) {
+        arcs.push_back({inserted.end._record, true, inserted.weight, nullptr, true});
     }
 
     // Runs the body, unless the net must not fire any more. `left` has an element for

@@ -84,6 +84,7 @@ struct petri_access {
     unsigned int size;
     unsigned int room;  // the slots are free if an output place holds at most this many
     bool input;
+    bool reads = false;  // leaves the token that it needs, and may share it with others that read
 };
 
 // The arcs of a place in one direction.
@@ -93,6 +94,7 @@ struct petri_side {
         unsigned int size;
         bool reentrant;
         bool inhibits;  // puts nothing: it needs all slots free
+        bool reads;     // takes nothing: see `petri_access`
     };
 
     void push_back(end const& added) noexcept {

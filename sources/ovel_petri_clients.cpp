@@ -162,7 +162,7 @@ void petri_net::engine::_provide_port(petri_place* place) {
     bool const is_inlet = producers.begin() == producers.end();
     auto const& ends = is_inlet ? consumers : producers;
     if ((!is_inlet && consumers.begin() != consumers.end()) || ends.end() - ends.begin() != 1 ||
-        ends.begin()->reentrant || ends.begin()->inhibits)
+        ends.begin()->reentrant || ends.begin()->inhibits || ends.begin()->reads)
         return;
     if (port_of(place) == nullptr) {
         try {
@@ -560,9 +560,27 @@ void petri_net::_insert_inhibitor(petri_place* place, petri_transition* transiti
     detail::guard const hold(_mutex);
     place->_producers.ends.make_room();
     transition->accesses().make_room();
-    place->_producers.push_back({transition, place->_capacity, transition->reentrant(), true});
+    place->_producers.push_back(
+        {transition, place->_capacity, transition->reentrant(), true, false});
     _engine->change_structure(place);
     transition->accesses().push_back({place, 0, 0, false});
+    if (transition->queued() && !transition->enabled())
+        _engine->dequeue(transition);
+}
+
+void petri_net::_insert_reader(petri_place* place, petri_transition* transition) {
+    _assure_stopped();
+    detail::guard const hold(_mutex);
+    auto& accesses = transition->accesses();
+    bool const is_input = std::any_of(
+        accesses.begin(), accesses.end(),
+        [place](detail::petri_access const& each) { return each.input && each.place == place; });
+    assure(!is_input);
+    place->_consumers.ends.make_room();
+    accesses.make_room();
+    place->_consumers.push_back({transition, 1, transition->reentrant(), false, true});
+    _engine->change_structure(place);
+    accesses.push_back({place, 1, 0, true, true});
     if (transition->queued() && !transition->enabled())
         _engine->dequeue(transition);
 }
@@ -578,7 +596,7 @@ unsigned int petri_net::_tokens(petri_place* place) {
     detail::guard const hold(_mutex);
     petri_port const* const port = engine::port_of(place);
     if (port == nullptr || port->is_shut())
-        return place->tokens();
+        return place->readable();
     return place->tokens() + (port->is_inlet() ? port->uncounted() : -port->uncounted());
 }
 

@@ -79,12 +79,12 @@ private:
 
     template <class Engine>
     void _settle(petri_place& place, Engine& engine) {
-        for (auto const& [transition, size, reentrant, inhibits] : place._producers.ends)
+        for (auto const& [transition, size, reentrant, inhibits, reads] : place._producers.ends)
             if (!inhibits)
                 _end_life(*transition, engine);
         if (place._send_size != 0 || place._size >= place._consumers.most)
             return;
-        for (auto const& [transition, size, reentrant, inhibits] : place._consumers.ends)
+        for (auto const& [transition, size, reentrant, inhibits, reads] : place._consumers.ends)
             if (place._size < size)
                 _end_life(*transition, engine);
     }

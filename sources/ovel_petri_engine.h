@@ -487,7 +487,7 @@ private:
             before = 0;
         if (before >= side.most)
             return;
-        for (auto const& [transition, size, reentrant, inhibits] : side.ends)
+        for (auto const& [transition, size, reentrant, inhibits, reads] : side.ends)
             if (size <= now && (size > before || reentrant))
                 enqueue_if_enabled(transition);
     }
@@ -496,8 +496,8 @@ private:
             _dequeue_disabled(side, now);
     }
     [[gnu::noinline]] void _dequeue_disabled(detail::petri_side const& side, unsigned int now) {
-        for (auto const& [transition, size, reentrant, inhibits] : side.ends)
-            if (size > now && transition->queued())
+        for (auto const& [transition, size, reentrant, inhibits, reads] : side.ends)
+            if (size > now && transition->queued() && !(reads && transition->enabled()))
                 dequeue(transition);
     }
 
@@ -530,6 +530,8 @@ private:
         for (detail::petri_access const& access : transition->accesses()) {
             petri_place* const place = access.place;
             if (access.input) {
+                if (access.reads && !place->begin_reading())
+                    continue;
                 place->reserve_receive(access.size);
                 lost_tokens(place);
             } else {
@@ -544,6 +546,10 @@ private:
     void _commit(petri_transition* transition) {
         for (detail::petri_access const& access : transition->accesses()) {
             petri_place* const place = access.place;
+            if (access.reads) {
+                _end_reading(place);
+                continue;
+            }
             unsigned int const tokens = place->tokens();
             unsigned int const slots = place->slots();
             bool const skipped = access.input ? place->commit_receive(access.size) != 0
@@ -553,6 +559,14 @@ private:
             if (!access.input || skipped)
                 gained_tokens(place, tokens);
         }
+    }
+
+    [[gnu::noinline]] void _end_reading(petri_place* place) {
+        unsigned int const tokens = place->tokens();
+        if (!place->end_reading())
+            return;
+        place->withdraw_receive(1);
+        gained_tokens(place, tokens);
     }
 
     void _insert(firing_work& into, petri_transition* transition) {

@@ -161,6 +161,48 @@ TEST(petri_bodies_test, a_transition_fires_only_while_the_place_of_unless_is_emp
     tested.join();
 }
 
+// Two bodies read at once, one of them by hand, while a transition and a client want the token.
+TEST(petri_bodies_test, firings_that_read_share_a_token_and_keep_it_from_those_that_take) {
+    net tested(3);
+    auto const price = tested.insert_place<int>("price", 2);
+    auto const [orders, others, news, quotes] =
+        insert_places<int>(tested, 2, "orders", "others", "news", "quotes");
+    std::atomic<int> reading = 0;
+    ovel::latch go(1);
+    auto const hold = [&] {
+        ++reading;
+        go.wait();
+    };
+    tested.insert_transition("quote", from(orders, reads(price)), to(quotes),
+                             [&](int order, int seen) { return hold(), order * seen; });
+    tested.insert_transition("look", from(others, reads(price)), to(quotes),
+                             [&, others = others, quotes = quotes](ovel::firing& now) {
+                                 hold();
+                                 now.put(quotes, now.take(others) * now.peek(price));
+                             });
+    tested.insert_transition("update", from(news, price), to(price),
+                             [](int change, int old) { return old + change; });
+    price.send(10);
+    fill(orders, {1});
+    fill(others, {1});
+    tested.start();
+    until([&] { return reading == 2; });
+    news.send(1);
+    EXPECT_FALSE(price.try_receive().has_value());
+    EXPECT_EQ(price.size(), 1u);
+    EXPECT_TRUE(
+        tested.explain().text().starts_with("place price: 1 token of 2, read by 2 firings\n"));
+    EXPECT_TRUE(tested.explain().text().ends_with("transition update: lacks 1 token of price\n"));
+    EXPECT_NE(tested.explain().dot().find("p0 -> t0 [arrowhead=none"), std::string::npos);
+    go.count_down();
+    EXPECT_EQ(quotes.receive() + quotes.receive(), 20);
+    until([&, news = news] { return news.size() == 0 && price.try_peek() == 11; });
+    fill(orders, {2});
+    EXPECT_EQ(quotes.receive(), 22);
+    tested.join();
+    EXPECT_EQ(price.size(), 1u);
+}
+
 TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
     net tested(2);
     auto const jobs = tested.insert_place<int>("jobs \"of\" all", 3);

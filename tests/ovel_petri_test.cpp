@@ -130,10 +130,16 @@ TEST(petri_test, misuse_by_a_body_fails_checks) {
         now.take(more);
         now.take(more);
     });
+    auto const shown = tested.insert_place<int>("shown", 1);
+    tested.insert_transition("keep", from(reads(shown)), to(only),
+                             [shown](firing& now) { now.take(shown); });
     tested.insert_transition("join", from(only), [&](int) { tested.join(); }, {.group = 1});
     EXPECT_CHECK(tested.insert_transition("two", from(more.times(2)), [](std::array<int, 3>) {}),
                  "weight == array_size<Argument>", "includes/ovel_petri_body.h");
+    EXPECT_CHECK(tested.insert_transition("both", from(more, reads(more)), [](int, int) {}),
+                 "!is_input", "sources/ovel_petri_clients.cpp");
     EXPECT_CHECK((fill(more, {1, 2}), run(tested)), "left != 0", "includes/ovel_petri.h");
+    EXPECT_CHECK((shown.send(1), run(tested)), "left != 0", "includes/ovel_petri.h");
     EXPECT_CHECK((only.send(1), run(tested)), "!_runs_caller()", "sources/ovel_petri_net.cpp");
 }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Clients of a Petri net: they get their turn, their calls are carried out by whichever thread
-// has the net's mutex, and none of them is lost.
+// has the net's mutex, and none of them is lost. Nor does one take what a firing reads.
 
 #include "accounts.h"
 
@@ -211,7 +211,67 @@ void chances(unsigned int variant) {
         assure(inspector::missed_slots(*place) == tries - (compete ? chances - 1 : 0));
 }
 
+// Two transitions read a token, which another one and a client take and put back, with a higher
+// version. In the second variant there is a token besides, so that one may be taken meanwhile.
+void readers(unsigned int variant) {
+    accounts const books(variant * 64);
+    constexpr int orders = 4;
+    net tested(2 + pick(2), 0.0, net_stack);
+    detail::atomic<unsigned int> reading{0}, taking{0}, read{0};
+    auto const shared = tested.insert_place<unsigned int>("shared", 3);
+    auto const changes = tested.insert_place<int>("changes", orders);
+    auto const read_one = [&](int, unsigned int) {
+        ++reading;
+        assure(taking <= variant);
+        YieldProcessor();
+        assure(taking <= variant);
+        --reading;
+        ++read;
+    };
+    auto const take = [&] {
+        assure(++taking == 1 || variant == 1);
+        assure(reading == 0 || variant == 1);
+        YieldProcessor();
+        --taking;
+    };
+    place<int> const ordered[] = {tested.insert_place<int>("one", orders),
+                                  tested.insert_place<int>("other", orders)};
+    for (auto const& each : ordered)
+        tested.insert_transition("read", from(each, reads(shared)), read_one,
+                                 {.reentrant = pick(2) == 0});
+    tested.insert_transition("change", from(changes, shared), to(shared),
+                             [&](int, unsigned int version) { return take(), version + 1; });
+    for (unsigned int each = 0; each <= variant; ++each)
+        shared.send(0);
+    begin();
+    tested.start();
+    {
+        client changer([&] {
+            for (int each = 0; each != orders; ++each) {
+                changes.send(each);
+                unsigned int const version = shared.receive();
+                take();
+                shared.send(version + 1);
+                inspector::check_net(tested.base());
+            }
+        });
+        client reader([&] {
+            for (int each = 0; each != orders; ++each) {
+                ordered[0].send(each);
+                ordered[1].send(each);
+                assure(shared.size() <= variant + 1);
+            }
+        });
+    }
+    tested.join();
+    unsigned int versions = 0;
+    for (unsigned int each = 0; each <= variant; ++each)
+        versions += *shared.try_receive();
+    assure(versions == 2 * orders && read == 2 * orders);
+}
+
 registration const table{
+    {.name = "net_shares_tokens_that_firings_read", .run = readers, .variants = 2},
     {.name = "net_gives_clients_their_turn", .run = turns, .variants = 12},
     {.name = "net_counts_the_chances_of_its_clients", .run = chances, .variants = 3},
     {.name = "net_serves_waiting_clients_first", .run = newcomers, .variants = 2},

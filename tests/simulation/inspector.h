@@ -136,7 +136,8 @@ struct ovel::detail::inspector {
         }
         assure(firings == net._firings);
         for (petri_place* each : net._places) {
-            assure(each->_receive_size == _reserved(each->_consumers));
+            assure(each->_readers == _reading(each->_consumers));
+            assure(each->_receive_size == _reserved(each->_consumers) + (each->_readers != 0));
             assure(each->_send_size == _reserved(each->_producers));
             assure(each->_receive_size <= each->_size);
             assure(each->_size + each->_send_size <= each->_capacity);
@@ -238,8 +239,14 @@ private:
     static unsigned int _reserved(petri_side const& side) {
         unsigned int reserved = 0;
         for (petri_side::end const& each : side.ends)
-            reserved += each.inhibits ? 0 : each.transition->_firing * each.size;
+            reserved += each.inhibits || each.reads ? 0 : each.transition->_firing * each.size;
         return reserved;
+    }
+    static unsigned int _reading(petri_side const& side) {
+        unsigned int reading = 0;
+        for (petri_side::end const& each : side.ends)
+            reading += each.reads ? each.transition->_firing : 0;
+        return reading;
     }
 
     static void _check(petri_callers& callers) {
