@@ -13,7 +13,7 @@ INSTANTIATE_TEST_SUITE_P(threads, parallel_test, testing::Values(1u, 2u, 8u));
 
 // A child's child runs after it, not inside it, and a waiter runs only descendants.
 TEST_P(parallel_test, the_stack_is_bounded_by_the_nesting_of_scopes) {
-    work_group small(GetParam(), 0.0, 65536);
+    work_group small(GetParam(), 0.0, 16384);
     constexpr int links = 300'000;
     std::atomic<int> ran = 0;
     auto const held = std::make_shared<int>();
