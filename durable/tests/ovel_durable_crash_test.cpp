@@ -9,15 +9,10 @@ using namespace ovel_durable_test;
 
 namespace {
 
-// A process of ovel_durable_member, whose error stream goes to a file.
+// The process of a command of the shell.
 class process {
 public:
-    process(std::vector<std::string> const& arguments, std::string const& errors) {
-        std::string command = "exec " OVEL_DURABLE_MEMBER;
-        for (std::string const& each : arguments)
-            command += " '" + each + '\'';
-        command += " 2>>" + errors;
-        _id = fork();
+    explicit process(std::string const& command) : _id(fork()) {
         if (_id == 0) {
             execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
             _exit(127);
@@ -50,18 +45,17 @@ public:
     }
 
 private:
-    pid_t _id = 0;
+    pid_t const _id;
     int _status = 0;
     bool _ended = false;
 };
 
 class ovel_durable_crash_test : public on_either_store {
 protected:
-    // A member of the net `name`, in a process of its own.
-    std::unique_ptr<process> member(std::string const& name, std::vector<std::string> const& does) {
-        std::vector<std::string> arguments{_url, name};
-        arguments.insert(arguments.end(), does.begin(), does.end());
-        return std::make_unique<process>(arguments, _folder.path() + "/errors");
+    // A member of the net `name`, in a process of its own, whose error stream goes to a file.
+    std::unique_ptr<process> member(std::string const& name, std::string const& does) {
+        return std::make_unique<process>("exec " OVEL_DURABLE_MEMBER " '" + _url + "' '" + name +
+                                         "' " + does + " 2>>" + _folder.path() + "/errors");
     }
     // What such members have said.
     std::string errors() {
@@ -113,9 +107,9 @@ TEST_P(ovel_durable_crash_test, no_token_is_lost_or_duplicated_by_kills) {
         std::string const name = _name + " round " + std::to_string(++rounds);
         auto const start = [&] {
             // Each point in turn; after enough kills, none.
-            std::string const point = kills < wanted ? points[started++ % 4] : "";
+            std::string const point = kills < wanted ? points[started++ % 4] : "none";
             int const count = 1 + static_cast<int>(random() % (point == "body" ? 12 : 4));
-            return member(name, {point, std::to_string(count)});
+            return member(name, point + ' ' + std::to_string(count));
         };
         ledger last(store(), name, quick());
         last.net.explain();  // makes the net
@@ -160,7 +154,7 @@ TEST_P(ovel_durable_crash_test, a_full_disk_is_an_error_that_loses_nothing) {
         EXPECT_TRUE(contains(error_of_run("disk_full"), "disk_full"));
     } else {
         ledger(store(), _name, quick()).net.explain();  // makes the tables
-        EXPECT_EQ(member(_name, {"", "0", "200000"})->status(), 1);
+        EXPECT_EQ(member(_name, "none 0 200000")->status(), 1);
         EXPECT_TRUE(contains(errors(), "the store " + file() + ": disk I/O error"));
     }
     finish(_name);
@@ -278,7 +272,7 @@ TEST_P(ovel_durable_server_test, a_call_after_a_crash_connects_anew) {
 TEST_P(ovel_durable_server_test, a_process_that_stops_in_a_transaction_does_not_stop_others) {
     PGconn* const gate = PQconnectdb(_url.c_str());
     PQclear(PQexec(gate, "SELECT pg_advisory_lock(7310021996)"));
-    auto const stopped = member(_name, {"", "0"});
+    auto const stopped = member(_name, "none 0");
     EXPECT_TRUE(wait_for(
         [&] { return _server->run("SELECT count(*) FROM pg_locks WHERE NOT granted") == "1"; }));
     stopped->signal(SIGSTOP);

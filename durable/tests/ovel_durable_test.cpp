@@ -120,14 +120,20 @@ TEST_P(ovel_durable_test, a_fork_only_destroys_its_copy) {
     EXPECT_EQ(reports(), "");
 }
 
-// Of two nets with the same transitions, each runs only its own.
-TEST_P(ovel_durable_test, members_run_what_they_name) {
-    auto const build = [](durable::net& net, int one, int two) {
+// Of two nets with the same transitions, each runs only its own. No member is at rest while a
+// transition is enabled that none runs, or while the body of another one runs.
+TEST_P(ovel_durable_test, members_run_what_they_name_and_rest_together) {
+    std::atomic<bool> begun = false, go_on = false;
+    auto const build = [&](durable::net& net, int one, int two) {
         auto const a = net.insert_place<int>("a", 100);
         auto const b = net.insert_place<int>("b", 100);
         auto const c = net.insert_place<int>("c", 100);
         net.insert_transition("one", from(a), to(b), [=](int number) { return number + one; });
-        net.insert_transition("two", from(b), to(c), [=](int number) { return number + two; });
+        net.insert_transition("two", from(b), to(c), [&begun, &go_on, two](int number) {
+            begun = true;
+            until([&] { return go_on.load(); });
+            return number + two;
+        });
         return std::pair(a, c);
     };
     durable::net left(_url, _name, quick()), right(_url, _name, quick());
@@ -138,44 +144,24 @@ TEST_P(ovel_durable_test, members_run_what_they_name) {
               }),
               "the net \"" + _name + "\" has not every transition that is to be run");
     left.start({"one"});
-    for (int i = 0; i < 20; ++i)
-        in.send(i);
-    // No member runs the other one, so the net is not at rest.
+    in.send(0);
     EXPECT_FALSE(left.join_until(100ms));
     EXPECT_TRUE(contains(left.explain(), "two: 0 firings, enabled, no member runs it"));
     right.start({"two"});
+    ASSERT_TRUE(wait_for([&] { return begun.load(); }));
+    EXPECT_FALSE(left.join_until(300ms));
+    EXPECT_TRUE(contains(left.explain(),
+                         "b: 1 token of 100, 1 claimed\n  c: 0 tokens of 100, 1 slot reserved\n"));
+    EXPECT_TRUE(contains(left.explain(), "1 firing of two by "));
+    go_on = true;
+    for (int i = 1; i < 20; ++i)
+        in.send(i);
     std::set<int> got;
     for (int i = 0; i < 20; ++i)
         got.insert(out.receive());
     left.join();
     right.join();
     EXPECT_TRUE(got.size() == 20 && *got.begin() == 300 && *got.rbegin() == 319);
-}
-
-// One member has a long body, the other nothing to do: neither is at rest.
-TEST_P(ovel_durable_test, rest_is_not_premature) {
-    std::atomic<bool> begun = false, go_on = false;
-    durable::net busy(_url, _name, quick()), idle(_url, _name, quick());
-    auto const work = [&](int number) {
-        begun = true;
-        until([&] { return go_on.load(); });
-        return number;
-    };
-    auto const in = insert_work(busy, work).first;
-    insert_work(idle, work);
-    in.send(1);
-    busy.start();
-    ASSERT_TRUE(wait_for([&] { return begun.load(); }));
-    idle.start();
-    EXPECT_FALSE(idle.join_until(300ms));
-    EXPECT_TRUE(contains(idle.explain(),
-                         "in: 1 token of 100, 1 claimed\n  out: 0 tokens of 100, 1 "
-                         "slot reserved\n"));
-    EXPECT_TRUE(contains(idle.explain(), "1 firing of work by "));
-    go_on = true;
-    idle.join();
-    busy.join();
-    EXPECT_TRUE(contains(idle.explain(), "out: 1 token of 100\n"));
 }
 
 TEST_P(ovel_durable_test, a_call_with_the_same_key_is_the_same_call) {
