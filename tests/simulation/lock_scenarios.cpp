@@ -170,54 +170,41 @@ void once(unsigned int variant) {
     assure(open_handles() == handles);
 }
 
-// The first reading, by any thread, starts one server. Readings never go back, not even
-// between threads.
+// The first reading, by any thread, starts one server. Readings never go back, not even between
+// threads. The clock is read on one processor as long as the process may use that, then on the
+// lowest; also when other threads read it while the processors change.
 void clock_readings(unsigned int variant) {
-    set_processors(4, variant == 0 ? 15 : 12);
-    set_default_spin(2);
+    struct {
+        unsigned int process;
+        DWORD_PTR clock;
+    } const changes[] = {{12, 4}, {8, 8}, {10, 8}, {2, 2}, {3, 2}, {15, 2}, {12, 4}};
+    set_processors(4, 12);
+    set_default_spin(variant == 0 ? 2 : 0);
     detail::atomic<std::int64_t> latest = 0;
-    auto const body = [&] {
-        for (int round = 0; round != 2; ++round) {
-            std::int64_t const before = latest;
-            std::int64_t const reading = time::now().value();
-            assure(reading >= before);
-            std::int64_t known = latest;
-            while (known < reading && !latest.compare_exchange_strong(known, reading)) {}
-        }
+    auto const read = [&] {
+        std::int64_t const before = latest;
+        std::int64_t const reading = time::now().value();
+        assure(reading >= before);
+        std::int64_t known = latest;
+        while (known < reading && !latest.compare_exchange_strong(known, reading)) {}
     };
     begin();
     {
+        auto const body = [&] {
+            read();
+            read();
+        };
         worker second(body), third(body);
-        body();
+        for (auto const& [process, clock] : changes) {
+            thread_support::process_affinity(process);
+            read();
+            assure(counter_mask() == clock);
+        }
     }
     settle();
     assure(threads() == 2);
     // The server stays, with its thread.
     balance();
-}
-
-// The clock is read on one processor as long as the process may use that, then on the
-// lowest; also when another thread reads it while the processors change.
-void processor_of_the_clock(unsigned int variant) {
-    struct {
-        unsigned int process;
-        DWORD_PTR clock;
-    } const changes[] = {{8, 8}, {10, 8}, {2, 2}, {3, 2}, {15, 2}, {12, 4}};
-    set_processors(4, 12);
-    set_default_spin(0);
-    time::now();
-    assure(counter_mask() == 4);
-    balance();
-    begin();
-    worker other([variant] {
-        if (variant == 1)
-            time::now();
-    });
-    for (auto const& [process, clock] : changes) {
-        thread_support::process_affinity(process);
-        time::now();
-        assure(counter_mask() == clock);
-    }
 }
 
 // Ten seconds are ten seconds, whatever the clock's rate; the longest wait is that
@@ -258,8 +245,7 @@ registration const table{
     {.name = "semaphore_spins_less_after_spinning_in_vain", .run = spins_less_in_vain},
     {.name = "mutex_sleeps_behind_sleepers", .run = sleeps_behind_sleepers},
     {.name = "call_once_runs_once", .run = once, .variants = 2, .exhaustive = true},
-    {.name = "time_server_is_one_and_monotonic", .run = clock_readings, .variants = 2},
-    {.name = "clock_stays_on_its_processor", .run = processor_of_the_clock, .variants = 2},
+    {.name = "time_server_is_one_and_stays_where_it_may", .run = clock_readings, .variants = 2},
     {.name = "time_is_exact", .run = exact_time, .variants = 4},
 };
 
