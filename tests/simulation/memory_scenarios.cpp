@@ -205,8 +205,8 @@ void recycler(unsigned int variant) {
     fill_reserve();
     std::size_t const first = reserve();
     begin();
-    allocator_recycler::global()->release(pick(2) == 0 ? 0.5 : 2.0);
     {
+        client starter([] { allocator_recycler::global()->release(pick(2) == 0 ? 0.5 : 2.0); });
         client other([] {
             for (unsigned int round = 0; round != 2; ++round) {
                 Sleep(700);
@@ -214,8 +214,10 @@ void recycler(unsigned int variant) {
             }
         });
         Sleep(1000 * pick(10));
+        inspector::stop_recycler();
     }
     inspector::stop_recycler();
+    assure(threads() == 2);
     // The other thread may have kept some.
     assure(reserve() <= first + 2 * chunk && reserve() >= (1 << 20) - 5 * chunk);
 }

@@ -56,19 +56,6 @@ void pool(unsigned int variant) {
     assure((idle >= 1 || ends || refused() != 0) && (!alike || idle <= (ends ? 3 : clients)));
 }
 
-// The process ends while another thread starts the recycler, whose thread ends then,
-// whichever comes first.
-void recycler_end(unsigned int variant) {
-    accounts const books(variant % 2, true);
-    begin();
-    {
-        client starter([] { allocator_recycler::global()->release(1.0); });
-        client ender([] { inspector::stop_recycler(); });
-    }
-    inspector::stop_recycler();
-    assure(threads() == 2);
-}
-
 // Work that takes `space` tenths of a group's budget. In binary tenths do not add up to it.
 struct item : thread_function {
     static constexpr int budget = 10;
@@ -198,7 +185,7 @@ void refused_blocks(unsigned int variant) {
 
 // The kernel refuses an object: the check that reports it ends the process, and nothing else
 // fails before.
-void refused_objects(unsigned int variant) {
+void refused_objects(unsigned int) {
     set_default_spin(2);
     expect_failure("_semaphore != 0");
     expect_failure("_thread != 0");
@@ -211,12 +198,9 @@ void refused_objects(unsigned int variant) {
         thread_group group(2, 1.0, 16384);
         work nothing([] {});
         group.schedule(nothing, 1.0, 1.0);
-        if (variant == 1)
-            group.conclude();
         group.release();
         thread_allocator const own;
-        if (variant == 0)
-            group.conclude();
+        group.conclude();
         group.acquire();
     }
     assure(refused() == 0 && first != 1);
@@ -393,10 +377,9 @@ void no_thread_sleeps_beside_items(unsigned int variant) {
 
 registration const table{
     {.name = "pool_reuses_threads_that_fit", .run = pool, .variants = 8},
-    {.name = "recycler_ends_with_the_process_that_starts_it", .run = recycler_end, .variants = 2},
     {.name = "group_keeps_its_space_and_runs_everything", .run = group_runs, .variants = 6},
     {.name = "groups_bear_refused_blocks", .run = refused_blocks, .variants = 2},
-    {.name = "kernel_objects_refused_are_reported", .run = refused_objects, .variants = 2},
+    {.name = "kernel_objects_refused_are_reported", .run = refused_objects},
     {.name = "scopes_run_each_child_once", .run = each_child_runs_once, .variants = 6},
     {.name = "each_child_finds_a_thread", .run = each_child_finds_a_thread, .variants = 6},
     {.name = "no_thread_sleeps_beside_items", .run = no_thread_sleeps_beside_items, .variants = 8},
