@@ -38,7 +38,8 @@ template <class Lock>
 constexpr bool is_reentrant =
     std::is_same_v<Lock, recursive_mutex> || std::is_same_v<Lock, timed_recursive_mutex>;
 
-// Makes a call that may throw only because a request was refused; whether it did not.
+// Whether a call succeeds. Otherwise it throws, because a request was refused, or a number, as
+// the body of a net did.
 template <class Call>
 bool attempt(Call const& call) {
     try {
@@ -46,19 +47,8 @@ bool attempt(Call const& call) {
         return true;
     } catch (std::bad_alloc const&) {
         assure(refused() != 0);
-        return false;
-    }
-}
-
-// Whether the call succeeds. Otherwise it throws a number, as the body of a net did.
-template <class Call>
-bool succeeds(Call const& call) {
-    try {
-        call();
-        return true;
-    } catch (int) {
-        return false;
-    }
+    } catch (int) {}
+    return false;
 }
 
 // The result of `call`, repeated until no request is refused. A call that throws must have

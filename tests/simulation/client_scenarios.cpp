@@ -22,13 +22,25 @@ struct busy : petri_function {
             transition()->deactivate();
     }
 
+    // Inserts a transition for it between those of the two places that are not null.
+    void insert(petri_net& net, petri_place* takes, petri_place* puts) {
+        petri_transition* const inserted = net.insert_transition(*this, false, 1.0, 0.0, 0);
+        if (takes != nullptr)
+            net.insert_input_arc(takes, inserted->input(from));
+        if (puts != nullptr)
+            net.insert_output_arc(inserted->output(into), puts);
+    }
+
     void move() {
         any token = 0;
         if (from != nullptr)
             from->receive(token);
         if (into != nullptr)
             into->send(token);
-        waited = inspector::has_waiting(*(from != nullptr ? from : into)) ? waited + 1 : 0;
+        petri_place* const at = from != nullptr ? from : into;
+        bool const waits =
+            (at->*inspector::receivers).waiting() != 0 || (at->*inspector::senders).waiting() != 0;
+        waited = waits ? waited + 1 : 0;
         assure(waited <= 8 || is_crowded);
         if (std::exchange(is_tried, false))
             assure(++tried <= (is_crowded ? 200 : 100));
@@ -76,17 +88,11 @@ void turns(unsigned int variant) {
         functions[sends].every = 2 + pick(3);
     // Slots or tokens are left when the other one is over.
     functions[1].most = sends ? 400 : 200;
-    if (!is_loop) {
-        petri_transition* const fills = net.insert_transition(functions[0], false, 1.0, 0.0, 0);
-        petri_transition* const empties = net.insert_transition(functions[1], false, 1.0, 0.0, 0);
-        net.insert_output_arc(fills->output(functions[0].into), place);
-        net.insert_input_arc(place, empties->input(functions[1].from));
-    } else {
-        petri_transition* const turns = net.insert_transition(functions[0], false, 1.0, 0.0, 0);
-        net.insert_input_arc(place, turns->input(functions[0].from));
-        net.insert_output_arc(turns->output(functions[0].into), place);
+    functions[0].insert(net, is_loop ? place : nullptr, place);
+    if (is_loop)
         net.send(place, 0);
-    }
+    else
+        functions[1].insert(net, place, nullptr);
     petri_place* beside = nullptr;
     if (has_neighbour) {
         beside = net.insert_place(1);
@@ -147,8 +153,7 @@ void newcomers(unsigned int variant) {
     busy function;
     petri_net net(1, 0.0, 16384);
     petri_place* const place = net.insert_place(1);
-    petri_transition* const fills = net.insert_transition(function, false, 1.0, 0.0, 0);
-    net.insert_output_arc(fills->output(function.into), place);
+    function.insert(net, nullptr, place);
     begin();
     net.release();
     settle();
@@ -191,11 +196,9 @@ void chances(unsigned int variant) {
     petri_net net(1, 0.0, 16384);
     petri_place* const place = net.insert_place(compete ? 1 : tokens);
     if (puts)
-        net.insert_output_arc(net.insert_transition(fill, false, 1.0, 0.0, 0)->output(fill.into),
-                              place);
+        fill.insert(net, nullptr, place);
     if (takes)
-        net.insert_input_arc(place,
-                             net.insert_transition(empty, false, 1.0, 0.0, 0)->input(empty.from));
+        empty.insert(net, place, nullptr);
     any token = 0;
     for (unsigned int each = 0; puts && each != tries; ++each)
         assure(!net.try_receive(place, token));
@@ -206,9 +209,9 @@ void chances(unsigned int variant) {
     net.release();
     net.acquire();
     if (puts)
-        assure(inspector::missed_tokens(*place) == tries - (compete ? chances : 0));
+        assure((place->*inspector::receivers).misses == tries - (compete ? chances : 0));
     if (takes)
-        assure(inspector::missed_slots(*place) == tries - (compete ? chances - 1 : 0));
+        assure((place->*inspector::senders).misses == tries - (compete ? chances - 1 : 0));
 }
 
 // Two transitions read a token, which another one and a client take and put back, with a higher

@@ -184,24 +184,13 @@ struct ovel::detail::inspector {
         }
     }
 
-    static unsigned int tokens(petri_place& place) {
-        return place._size;
-    }
+    // Of a place.
+    static constexpr auto size = &petri_place::_size;
+    static constexpr auto receivers = &petri_place::_receivers;
+    static constexpr auto senders = &petri_place::_senders;
 
-    // Whether a call waits at the place.
     static bool has_published(petri_net const& net) {
         return net._engine->_published.load() != nullptr;
-    }
-    static bool has_waiting(petri_place& place) {
-        return place._receivers.waiting() + place._senders.waiting() != 0;
-    }
-
-    // Calls that do not wait and have found nothing, as far as the place gave no chance for them.
-    static unsigned int missed_tokens(petri_place& place) {
-        return place._receivers.misses;
-    }
-    static unsigned int missed_slots(petri_place& place) {
-        return place._senders.misses;
     }
 
     // Of a typed net. Waits at an empty place as `receive_until` does with a std::stop_token,

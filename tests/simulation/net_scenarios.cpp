@@ -153,7 +153,7 @@ void random_nets(unsigned int variant) {
         // Clients may have come after the net was at rest.
         inspector::expect_at_rest(net, [&](petri_transition*) { return !clients_first; });
         for (unsigned int place = 0; place != place_count; ++place)
-            assure(inspector::tokens(*places[place]) ==
+            assure(places[place]->*inspector::size ==
                    static_cast<unsigned int>(std::ranges::count(tokens.places, place)));
         assure(used[0] == 0 && used[1] == 0);
         for (firing& each : functions) {
@@ -309,8 +309,9 @@ void firings_that_meet(unsigned int variant) {
 }
 
 // With memory, or a single block, refused while a line of places is built or works, calls
-// throw and can be repeated, or the process ends with a message.
-void net_refusals(unsigned int variant) {
+// throw and can be repeated, or the process ends with a message. Where it works, several threads
+// send and receive, block and carry out each other's calls.
+void refusals(unsigned int variant) {
     accounts const books(0);
     expect_failure("(\"unexpected exception\", 0)");
     begin();
@@ -321,43 +322,28 @@ void net_refusals(unsigned int variant) {
     std::unique_ptr<line> through;
     retried([&] {
         if (through == nullptr)
-            through = std::make_unique<line>(2);
+            through = std::make_unique<line>(1 + pick(2));
         inspector::check_net(through->net);
         through->net.release();
     });
     if (variant == 1)
-        refuse_memory(1 + pick(6), 2);
+        refuse_memory(1 + pick(12), 1 + pick(3));
     else if (variant == 3)
         refuse_blocks(1 + pick(12), 1 + pick(2));
-    for (int token = 0; token != line_tokens; ++token) {
-        attempt([&] { through->sent[token] = through->net.try_send(through->places[0], token); });
-        through->try_receive(through->places[2]);
-    }
-    through->balance();
-}
-
-// The same while several threads send and receive, block and carry out each other's calls.
-void client_refusals(unsigned int) {
-    accounts const books(0);
-    expect_failure("(\"unexpected exception\", 0)");
-    line through(1 + pick(2));
-    through.net.release();
-    begin();
-    refuse_memory(1 + pick(12), 3);
     detail::atomic<unsigned int> sending{2};
     {
         auto const send = [&](int first) {
             for (int token = first; token != first + line_tokens / 2; ++token)
-                through.sent[token] = attempt([&] { through.send(token); });
+                through->sent[token] = attempt([&] { through->send(token); });
             --sending;
         };
         worker one([&] { send(0); }), two([&] { send(line_tokens / 2); });
         worker three([&] {
             for (; sending != 0; YieldProcessor())
-                through.try_receive(through.places[2]);
+                through->try_receive(through->places[2]);
         });
     }
-    through.balance();
+    through->balance();
 }
 
 // A token enables more transitions than fit beside the queue, and there may be no memory to queue
@@ -401,8 +387,7 @@ registration const table{
     {.name = "net_of_any_structure_conserves_tokens", .run = random_nets, .variants = 4},
     {.name = "net_serves_blocked_senders_and_receivers", .run = blocked_clients, .variants = 2},
     {.name = "net_fires_side_by_side_what_fits", .run = firings_that_meet, .variants = 4},
-    {.name = "net_clients_bear_refused_memory", .run = client_refusals},
-    {.name = "net_bears_refused_memory", .run = net_refusals, .variants = 4},
+    {.name = "net_bears_refused_memory", .run = refusals, .variants = 4},
     {.name = "net_fires_later_what_it_could_not_queue", .run = late_firings, .variants = 2},
 };
 

@@ -52,7 +52,7 @@ void ends(unsigned int variant) {
     client sender([&] {
         for (int token = 0; token != tokens;) {
             bool done = false;
-            succeeds([&] { done = chain[0].send(token); });
+            attempt([&] { done = chain[0].send(token); });
             sent += done;
             token += done || !again;
             if (!done)
@@ -70,7 +70,7 @@ void ends(unsigned int variant) {
         tested.start();
         {
             auto const receive = [&] {
-                succeeds([&] {
+                attempt([&] {
                     for (; chain[2].next().has_value(); ++received)
                         inspector::check_net(tested.base());
                 });
@@ -80,7 +80,7 @@ void ends(unsigned int variant) {
                 tested.halt();
         }
         over = chain[2].ended();
-        if (!succeeds([&] { tested.join(); })) {
+        if (!attempt([&] { tested.join(); })) {
             ++failures;
             over = false;
         }
@@ -294,24 +294,6 @@ void let_go(unsigned int variant) {
         tested->join();
 }
 
-// A token that a client sends while a transition gets its arcs does not make it fire against the
-// last one.
-void arcs_beside_senders(unsigned int) {
-    accounts const books(0);
-    net tested(1, 0.0, net_stack);
-    auto const in = tested.insert_place<int>("in", 1);
-    auto const other = tested.insert_place<int>("other", 1);
-    other.send(0);
-    begin();
-    {
-        client sender([&] { in.send(1); });
-        tested.insert_transition("idle", from(in, unless(other)), [](int) {});
-    }
-    tested.start();
-    tested.join();
-    assure(in.size() == 1);
-}
-
 // Memory is refused while a place ends whose transition takes its end.
 void ends_without_memory(unsigned int) {
     accounts const books(0);
@@ -487,7 +469,6 @@ registration const table{
     {.name = "net_moves_batches_through_ports", .run = ports, .variants = 4},
     {.name = "net_waits_end_at_their_limits", .run = limits, .variants = 2},
     {.name = "net_lets_blocked_threads_go", .run = let_go, .variants = 4},
-    {.name = "net_heeds_arcs_inserted_beside_senders", .run = arcs_beside_senders},
     {.name = "net_ends_although_memory_is_refused", .run = ends_without_memory},
     {.name = "net_token_not_received_is_kept", .run = refused_slots, .variants = 2},
     {.name = "typed_net_bears_refused_blocks", .run = refused_blocks, .variants = 3},
