@@ -119,19 +119,6 @@ TEST(petri_bodies_test, bodies_that_poll_a_stop_token_end_when_the_net_is_stoppe
     EXPECT_THROW(tested.join(), int);
 }
 
-TEST(petri_bodies_test, of_equal_times_the_higher_priority_goes_first) {
-    net tested(1);
-    auto const in = tested.insert_place<int>("in", 3);
-    std::string fired;
-    for (int const priority : {-5000, 5000, 0})
-        tested.insert_transition("fire", from(in),
-                                 [&fired, priority](int) { fired += std::to_string(priority); },
-                                 {.priority = priority});
-    fill(in, {1, 2, 3});
-    run(tested);
-    EXPECT_EQ(fired, "50000-5000");
-}
-
 // The place is filled and emptied by a client, by a firing, and before the transition is there.
 TEST(petri_bodies_test, a_transition_fires_only_while_the_place_of_unless_is_empty) {
     net tested(2);

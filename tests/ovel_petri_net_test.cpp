@@ -171,7 +171,8 @@ TEST(petri_engine_test, firings_that_run_or_wait_are_bounded) {
 }
 
 // More transitions than the array holds, with more pairs of space and time than a word has bits,
-// each of two transitions. The last ones get no token.
+// each of two transitions. Priorities let the shortest time go first and the next one last. The
+// last ones get no token.
 TEST(petri_engine_test, transitions_that_one_firing_enables_fire_in_order) {
     constexpr unsigned int transitions = 164;
     constexpr unsigned int tokens = 140;
@@ -180,13 +181,14 @@ TEST(petri_engine_test, transitions_that_one_firing_enables_fire_in_order) {
     auto const shared = tested.insert_place<int>("shared", tokens);
     tested.insert_transition("start", from(first), to(shared.times(tokens)),
                              [](int) { return std::vector<int>(tokens); }, {.space = 1.0});
-    std::vector<std::pair<double, double>> expected, fired;
+    std::vector<std::tuple<double, int, double>> expected, fired;
     for (unsigned int i = 0; i != transitions; ++i) {
         double const space = 0.5 * (i % 2), time = 1.0 + i % 41;
-        expected.emplace_back(-space, -time);
+        int const priority = time == 1.0 ? 5000 : time == 2.0 ? -5000 : 0;
+        expected.emplace_back(-space, -priority, -time);
         tested.insert_transition("take", from(shared),
                                  [&fired, mine = expected.back()](int) { fired.push_back(mine); },
-                                 {.time = time, .space = space});
+                                 {.time = time, .space = space, .priority = priority});
     }
     std::ranges::sort(expected);
     expected.resize(tokens);
