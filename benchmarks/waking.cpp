@@ -6,8 +6,10 @@
 #include "ovel_benchmark_semaphores.h"
 #include "ovel_std.h"
 
+#include <linux/futex.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <barrier>
@@ -52,6 +54,26 @@ public:
 
 private:
     int const _descriptor = eventfd(0, EFD_SEMAPHORE);
+};
+
+// The bound of a semaphore whose waiting thread sleeps and is woken by a system call: one
+// word for at most one unit and one thread, a sleep for each unit that is not there and a
+// wake-up only for a thread that sleeps. It neither polls nor calls the scheduler.
+class least_semaphore {
+public:
+    void acquire() {
+        if (_units.fetch_sub(1) > 0)
+            return;
+        while (_units.load() < 0)
+            syscall(SYS_futex, &_units, FUTEX_WAIT_PRIVATE, -1, nullptr);
+    }
+    void release() {
+        if (_units.fetch_add(1) < 0)
+            syscall(SYS_futex, &_units, FUTEX_WAKE_PRIVATE, 1);
+    }
+
+private:
+    std::atomic<int> _units = 0;  // -1: a thread sleeps
 };
 
 // A semaphore made from a condition, as programs do to wait for a message.
@@ -251,6 +273,37 @@ private:
     std::vector<posix_semaphore<0>> _turn;
 };
 
+// The bound of waking a thread that waits with a mutex: one mutex for both threads, and one
+// sleep. It has no gate, so a second thread would have to wait for its own word.
+class least_condition {
+public:
+    template <class Ready>
+    void wait_until(Ready const& ready) {
+        _mutex.acquire();
+        while (!ready()) {
+            _waits = true;
+            _mutex.release();
+            _woken.acquire();
+            _mutex.acquire();
+        }
+        _mutex.release();
+    }
+    template <class Make>
+    void change(Make const& make, bool) {
+        _mutex.acquire();
+        make();
+        bool const waits = std::exchange(_waits, false);
+        _mutex.release();
+        if (waits)
+            _woken.release();
+    }
+
+private:
+    ovel::mutex _mutex;
+    bool _waits = false;  // under _mutex
+    least_semaphore _woken;
+};
+
 // The time from before the gate opens until the last of the threads that sleep for it has
 // passed. With `again`, threads that have passed wait for the next generation at once, and so
 // compete with the others for the gate.
@@ -360,6 +413,25 @@ private:
     pthread_barrier_t _barrier;
 };
 
+// The bound of two threads that sleep for each other: the second wakes the first. It neither
+// polls nor calls the scheduler.
+class least_barrier {
+public:
+    explicit least_barrier(int) {}
+    void arrive() {
+        unsigned int const arrival = _arrivals.fetch_add(1);
+        least_semaphore& complete = _complete[arrival / 2 % 2];
+        if (arrival % 2 == 0)
+            complete.acquire();
+        else
+            complete.release();
+    }
+
+private:
+    std::atomic<unsigned int> _arrivals = 0;
+    least_semaphore _complete[2];  // of even and odd phases: one thread may be a phase ahead
+};
+
 // The usual barrier made from a condition, for peers without a reusable one.
 template <class Condition>
 class barrier_of {
@@ -458,6 +530,7 @@ void ovel_benchmark::register_rows() {
         with_each_semaphore([&]<class Semaphore>(char const* name) {
             round_trips_at_once<Semaphore>(row, name, pairs);
         });
+        round_trips_at_once<least_semaphore>(row, "ovel's bound: a word and a futex", pairs);
     }
 
     for (bool const again : {false, true}) {
@@ -467,7 +540,10 @@ void ovel_benchmark::register_rows() {
             with_each_condition([&]<class Condition>(char const* name) {
                 wake<condition_gate<Condition>>(row, name, sleepers, again);
             });
-            if (again)
+            if (sleepers == 1)
+                wake<condition_gate<least_condition>>(row, "ovel's bound: a mutex and a futex",
+                                                      sleepers, again);
+            else if (again)
                 wake<chained_gate>(row, "ovel's bound: all, then each in turn", sleepers, again);
         }
     }
@@ -484,6 +560,8 @@ void ovel_benchmark::register_rows() {
     with_each_barrier([]<class Barrier>(char const* name) {
         phases<Barrier>("barrier_of_2", name, 2, placement::pinned);
     });
+    phases<least_barrier>("barrier_of_2", "ovel's bound: sleeping and a wake-up", 2,
+                          placement::pinned);
     phases<ovel_barrier<0>>("barrier_of_4", "ovel spin 0", 4, placement::anywhere);
     phases<ovel_barrier<32>>("barrier_of_4", "ovel spin 32", 4, placement::anywhere);
     phases<ovel_barrier<256>>("barrier_of_4", "ovel spin 256", 4, placement::anywhere);
