@@ -212,6 +212,7 @@ TEST(fork_death_test, using_what_runs_in_the_parent_fails_a_check) {
     char const* const base = "sources/ovel_thread_base.cpp";
     char const* const pooled = "sources/ovel_thread.cpp";
     char const* const group = "sources/ovel_thread_group.cpp";
+    char const* const crew = "sources/ovel_task_crew.cpp";
     char const* const net = "sources/ovel_petri_net.cpp";
     char const* const gone = "!_element->inherited()";
     char const* const inherited = "!inherited()";
@@ -233,8 +234,10 @@ TEST(fork_death_test, using_what_runs_in_the_parent_fails_a_check) {
         {[](running& of) { of.group.conclude(); }, inherited, group},
         {[](running& of) { of.group.clear(); }, inherited, group},
         {[](running& of) { of.group.release(); }, "_acquired == _threads", group},
-        {[](running& of) { of.crew.submit([] {}); }, inherited, "sources/ovel_task_crew.cpp"},
-        {[](running& of) { of.crew.wait(); }, inherited, "sources/ovel_task_crew.cpp"},
+        {[](running& of) { of.crew.submit([] {}); }, inherited, crew},
+        {[](running& of) { of.crew.wait(); }, inherited, crew},
+        {[](running& of) { of.crew.stop(); }, inherited, crew},
+        {[](running& of) { ovel::task_scope const here(of.crew); }, inherited, crew},
         {[](running& of) { of.net.send(of.place, of.token); }, inherited, net},
         {[](running& of) { std::ignore = of.net.try_peek(of.place, of.token); }, inherited, net},
         {[](running& of) { of.net.acquire(); }, inherited, net},

@@ -118,6 +118,9 @@ TEST_P(parallel_test, after_a_stop_no_more_children_begin_than_there_are_threads
         EXPECT_EQ(token.stop_requested(), by != 2);
         EXPECT_EQ(begun == 20'000, by == 2);
     }
+    task_scope ended(group);
+    ended.stop();
+    EXPECT_TRUE(ended.stop_token().stop_requested());
 }
 
 TEST_P(parallel_test, loops_visit_each_element_once) {
@@ -197,13 +200,25 @@ TEST_P(parallel_test, loops_end_early_and_say_so) {
     std::plus<> const add;
     EXPECT_FALSE(parallel_reduce(group, 0, 10, 0, count_on, add, {.stop = stop.get_token()}));
     EXPECT_EQ(parallel_reduce(group, 0, 10, 0, count_on, add, loop_options{}), 10);
-    parts = 0;
-    auto const fail = [&](int begin, int) {
-        ++parts;
-        if (begin == 0)
-            throw std::out_of_range("0");
+    for (int const bad : {0, 99'999}) {
+        auto const fail = [&](int begin, int) {
+            if (begin == bad)
+                throw std::out_of_range("bad");
+        };
+        EXPECT_THROW(parallel_for(group, 0, 100'000, fail, {.grain = 1}), std::out_of_range);
+    }
+}
+
+// Outside of any group, and on one.
+TEST_P(parallel_test, an_invocation_calls_each_once) {
+    std::atomic<int> calls = 0;
+    auto const call = [&] {
+        ++calls;
     };
-    EXPECT_THROW(parallel_for(group, 0, 100'000, fail, {.grain = 1}), std::out_of_range);
+    parallel_invoke(call, call);
+    parallel_invoke(group, call);
+    parallel_invoke(group, call, call, call);
+    EXPECT_EQ(calls, 6);
 }
 
 // Their space and its bounds are tested on the simulated kernel.

@@ -197,9 +197,10 @@ TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
     auto const [done, in, slow] = insert_places<int>(tested, 1, "done", "in", "slow");
     auto const out = tested.insert_place<int>("out", 1, ovel::closes);
     ovel::latch begun(1), go(1);
-    auto const hold = [&](int) {
+    auto const hold = [&](int token) {
         begun.count_down();
         go.wait();
+        return token;
     };
     auto const work = tested.insert_transition("work", from(jobs, desks.times(2)), to(done),
                                                [](int job, std::vector<int>) { return job; });
@@ -211,7 +212,7 @@ TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
     tested.insert_transition("sum", from(in), to(out),
                              [](std::optional<int> token) { return token.value_or(0); });
     tested.insert_transition("late", from(in), [](int) {}, {.after = 24h});
-    tested.insert_transition("hold", from(held), hold, {.reentrant = true, .limit = 1});
+    tested.insert_transition("hold", from(held), to(jobs), hold, {.reentrant = true, .limit = 1});
     tested.insert_transition("wait", from(slow), [](int) {}, {.after = 24h});
     for (auto const& each : {jobs, desks, held, held, done, in, slow})
         each.send(1);
@@ -221,7 +222,7 @@ TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
     until([&] { return tested.explain().transitions[3].flushes; });
     ovel::explanation const told = tested.explain();
     std::string const text =
-        "place jobs \"of\" all: 1 token of 3\n"
+        "place jobs \"of\" all: 1 token of 3, 1 expected from firings\n"
         "place desks: 1 token of 2\n"
         "place held: 2 tokens of 2, 1 taken by firings\n"
         "place done: 1 token of 1\n"

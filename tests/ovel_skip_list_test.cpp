@@ -112,6 +112,9 @@ void walk(unsigned int seed) {
         inspector::check_links(sorted);
         ASSERT_FALSE(testing::Test::HasFailure()) << "step " << step;
     }
+    auto second = sorted.begin(), last = sorted.end();
+    EXPECT_TRUE(second++ == sorted.begin() && second == std::next(sorted.begin()));
+    EXPECT_TRUE(last-- == sorted.end() && std::next(last) == sorted.end());
     while (sorted.size() > 20)
         sorted.erase(--sorted.end());
     inspector::check_links(sorted);
@@ -138,7 +141,9 @@ TEST(list_test, elements_keep_the_order_of_insertion_through_erasures) {
         list<fragile> values;
         for (int i = 0; i < 6; ++i)
             values.push_back(fragile(i));
-        auto const from = std::next(values.begin(), 2);
+        auto from = values.begin();
+        EXPECT_EQ(from++, values.begin());
+        EXPECT_EQ((++from)->number, 2);
         auto const to = std::next(from, 2);
         EXPECT_EQ(values.erase(from, to), to);
         EXPECT_EQ(values.erase(to, values.end()), values.end());
