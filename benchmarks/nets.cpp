@@ -3,17 +3,21 @@
 #include "ovel_any.h"
 #include "ovel_benchmark.h"
 #include "ovel_benchmark_queue.h"
+#include "ovel_mutex.h"
 #include "ovel_petri_net.h"
 
 #if defined(OVEL_PEER_TBB)
 #include <tbb/flow_graph.h>
 #endif
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <mutex>
+#include <thread>
 #include <tuple>
+#include <vector>
 
 namespace {
 
@@ -139,6 +143,118 @@ double run_threads(chain const& what) {
     return since(start);
 }
 
+// The bound of a chain in a net: what is left if each firing only takes the lock of all counts
+// once, to end the one before it and to reserve its token and slot, and transitions fire in the
+// order in which they were enabled. Values are ints. No weights, ranks, spaces, closing, deadlines
+// or failures, and a thread that finds nothing to fire polls.
+class least_chain {
+public:
+    explicit least_chain(chain const& what)
+        : _stages(what.stages), _turns(what.turns()), _places(what.stages), _left(in_flight) {
+        for (unsigned int i = 0; i != in_flight; ++i)
+            _places[0].values[_places[0].put++] = static_cast<int>(what.laps);
+        _places[0].size = in_flight;
+        _look_at(0);
+    }
+
+    void run() {
+        std::vector<std::jthread> threads;
+        for (unsigned int i = 0; i != processors; ++i)
+            threads.emplace_back([this] { _fire(); });
+    }
+
+private:
+    static constexpr unsigned int capacity = 2 * in_flight;
+    static constexpr unsigned int none = ~0u;
+    static constexpr unsigned int spin = 1024;  // pauses
+
+    struct place {
+        std::array<int, capacity> values;
+        alignas(64) unsigned int put = 0;    // of the values, by the thread that puts
+        alignas(64) unsigned int taken = 0;  // the same
+        // Under the mutex.
+        alignas(64) unsigned int size = 0;
+        unsigned int reserved_tokens = 0;
+        unsigned int reserved_slots = 0;
+        bool is_busy = false;  // the transition behind the place is queued or fires
+    };
+
+    unsigned int _after(unsigned int stage) const {
+        return stage + 1 == _stages ? 0 : stage + 1;
+    }
+
+    // With the mutex.
+
+    void _look_at(unsigned int stage) {
+        place& from = _places[stage];
+        place& to = _places[_after(stage)];
+        if (from.is_busy || from.size == from.reserved_tokens ||
+            to.size + to.reserved_slots == capacity)
+            return;
+        from.is_busy = true;
+        ++from.reserved_tokens;
+        ++to.reserved_slots;
+        _queue[_queued++ % _queue.size()] = stage;
+    }
+    void _end(unsigned int stage, bool has_put) {
+        place& from = _places[stage];
+        place& to = _places[_after(stage)];
+        from.is_busy = false;
+        --from.reserved_tokens;
+        --from.size;
+        --to.reserved_slots;
+        to.size += has_put;
+        _left -= !has_put;
+        _look_at(stage == 0 ? _stages - 1 : stage - 1);
+        _look_at(_after(stage));
+        _look_at(stage);
+    }
+
+    // Without it.
+    bool _move(unsigned int stage) {
+        place& from = _places[stage];
+        place& to = _places[_after(stage)];
+        int const laps = from.values[from.taken++ % capacity] - (stage + 1 == _stages);
+        compute(_turns);
+        if (laps != 0)
+            to.values[to.put++ % capacity] = laps;
+        return laps != 0;
+    }
+
+    void _fire() {
+        bool has_put = false;
+        for (unsigned int stage = none;;) {
+            _mutex.acquire();
+            if (stage != none)
+                _end(stage, has_put);
+            stage = _taken != _queued ? _queue[_taken++ % _queue.size()] : none;
+            bool const is_over = _left == 0;
+            _mutex.release();
+            if (is_over)
+                return;
+            if (stage != none)
+                has_put = _move(stage);
+        }
+    }
+
+    unsigned int const _stages;
+    unsigned int const _turns;
+    std::vector<place> _places;
+    ovel::mutex _mutex{spin};
+    // Under the mutex.
+    std::array<unsigned int, 64> _queue;
+    unsigned int _queued = 0;
+    unsigned int _taken = 0;
+    unsigned int _left;  // tokens with laps left
+};
+
+double run_least_chain(chain const& what) {
+    least_chain bound(what);
+    auto const start = clock_type::now();
+    bound.run();
+    return since(start);
+}
+
 #if defined(OVEL_PEER_TBB)
 double run_flow(chain const& what) {
     tbb::flow::graph graph;
@@ -229,6 +345,8 @@ void chain_row(std::string const& row, chain const& what, figure shown = figure:
     chain_contestant(row, "tbb::flow, limited", what, shown, run_limited_flow);
 #endif
     chain_contestant(row, "thread per stage", what, shown, run_threads);
+    if (what.microseconds == 1 && what.stages != 1)
+        chain_contestant(row, "ovel's bound: counts and a queue", what, shown, run_least_chain);
 }
 
 // Philosophers at a table. Each takes both forks at once, or waits until it can, and puts
