@@ -308,7 +308,7 @@ namespace detail {
 template <class Self>
 class wait_operations {
 public:
-    void wait() {
+    void wait() const {
         _self()._wait_within(forever);
     }
 
@@ -316,11 +316,11 @@ public:
     // or `point` on its own clock, and never earlier. Both accept whatever `deadline`
     // does.
     template <class Span>
-    [[nodiscard]] bool wait_for(Span const& span) {
+    [[nodiscard]] bool wait_for(Span const& span) const {
         return wait_until(span);
     }
     template <class Point>
-    [[nodiscard]] bool wait_until(Point const& point) {
+    [[nodiscard]] bool wait_until(Point const& point) const {
         return attempt_until(point, [this](unsigned int milliseconds) {
             return _self()._wait_within(milliseconds);
         });
@@ -337,8 +337,8 @@ protected:
     }
 
 private:
-    Self& _self() {
-        return static_cast<Self&>(*this);
+    Self const& _self() const {
+        return static_cast<Self const&>(*this);
     }
 };
 
@@ -349,10 +349,10 @@ private:
 // released even if `reset` follows at once. What a thread wrote before `set` is visible
 // to the threads that this releases. Any thread may call any operation. `wait`,
 // `wait_for` and `wait_until` block; the others block only for each other. The waits
-// throw std::bad_alloc if memory runs out for the first threads that wait, or for threads
-// that wait while earlier ones have yet to leave. A thread that a wait has released may
-// destroy the event. Not detected: destroying an event that others wait for or are about
-// to set.
+// throw std::bad_alloc, or fail the check "_semaphore != 0", if memory runs out for the first
+// threads that wait, or for threads that wait while earlier ones have yet to leave. A thread that a
+// wait has released may destroy the event. Not detected: destroying an event that others wait for
+// or are about to set.
 //
 //     event stopped;
 //     stopped.set();                        // one thread
@@ -393,13 +393,16 @@ public:
         released->units._release(static_cast<int>(count));
     }
 
-    // From now on threads wait again. Releases none that waits. Never blocks.
+    // From now on threads wait again. Releases none that waits. Never blocks. A thread that looks
+    // for work after it sees what others published before their `set`, or the event is set again.
     void reset() {
-        _state.store(unset, std::memory_order_relaxed);
+        // Acquire: a `set` that was before this had nothing to do. A plain store could be delayed
+        // until after what the thread reads next, and then overwrite a later `set` unseen.
+        _state.exchange(unset, std::memory_order_acq_rel);
     }
 
     // Whether the event is set. Does not tell that the thread that set it is done with it.
-    [[nodiscard]] bool try_wait() const {
+    [[nodiscard]] bool try_wait() const noexcept {
         return _state.load(std::memory_order_acquire) != unset;
     }
 
@@ -418,7 +421,7 @@ private:
         detail::atomic<unsigned int> threads{0};
     };
 
-    bool _wait_within(unsigned int milliseconds) {
+    bool _wait_within(unsigned int milliseconds) const {
         state now = _state.load(std::memory_order_acquire);
         if (now == set_before)
             return true;
@@ -457,7 +460,7 @@ private:
     }
 
     // Keeps an empty round for later threads.
-    void _put_away(round* empty) {
+    void _put_away(round* empty) const {
         {
             std::lock_guard const hold(_lock);
             if (_spare == nullptr)
@@ -466,10 +469,11 @@ private:
         delete empty;
     }
 
-    lockable<mutex> _lock;        // guards the two below, and `_state` but for `reset`
-    round* _gathering = nullptr;  // threads wait in it, or have given up
-    round* _spare = nullptr;
-    detail::atomic<state> _state;
+    // Mutable, because a wait does not change what the event says.
+    mutable lockable<mutex> _lock;        // guards the two below, and `_state` but for `reset`
+    mutable round* _gathering = nullptr;  // threads wait in it, or have given up
+    mutable round* _spare = nullptr;
+    mutable detail::atomic<state> _state;
 };
 
 // Makes threads wait until a number of steps is done. The last step releases all of them,
@@ -510,7 +514,7 @@ public:
     }
 
     // Whether all steps are done.
-    [[nodiscard]] bool try_wait() const {
+    [[nodiscard]] bool try_wait() const noexcept {
         return _state.load(std::memory_order_acquire) % sleeper == 0;
     }
 
@@ -526,7 +530,7 @@ private:
     static constexpr std::uint64_t sleeper = std::uint64_t{1} << 32;
 
     // Adds to the number of threads that wait, unless all steps are done.
-    bool _count_thread(std::uint64_t change) {
+    bool _count_thread(std::uint64_t change) const {
         std::uint64_t state = _state.load(std::memory_order_acquire);
         do {
             if (state % sleeper == 0)
@@ -536,7 +540,7 @@ private:
         return true;
     }
 
-    bool _wait_within(unsigned int milliseconds) {
+    bool _wait_within(unsigned int milliseconds) const {
         if (try_wait())
             return true;
         if (milliseconds == 0)
@@ -551,8 +555,8 @@ private:
 
     // The steps left, plus `sleeper` times the number of threads that wait for a
     // unit. In one word, so that the last step sees all waiting threads.
-    detail::atomic<std::uint64_t> _state;
-    timed_semaphore _units{0, 0};
+    mutable detail::atomic<std::uint64_t> _state;
+    mutable timed_semaphore _units{0, 0};
 };
 
 }  // namespace ovel
