@@ -74,6 +74,14 @@ struct ovel::detail::inspector {
         assure(!allocator::_default_allocator->_activated && !allocator::_default_is_lent);
     }
 
+    // Of all threads.
+    static unsigned int active_allocators() {
+        unsigned int active = 0;
+        for (allocator* each = allocator::_allocators; each != nullptr; each = each->_next)
+            active += each->_parent != nullptr && each->_activated;
+        return active;
+    }
+
     static void stop_recycler() {
         allocator_recycler::global()->_acquire();
     }

@@ -216,6 +216,9 @@ void recycler(unsigned int variant) {
         Sleep(1000 * pick(10));
         inspector::stop_recycler();
     }
+    Sleep(1000);
+    // The threads of the clock and of the recycler have switched theirs off.
+    assure(inspector::active_allocators() == 0);
     inspector::stop_recycler();
     assure(threads() == 2);
     // The other thread may have kept some.
