@@ -82,7 +82,8 @@ public:
 
     // Gives the calling thread an allocator of its own: the one that it was lent, unless that
     // is the default one; otherwise the one released last; otherwise a new one. A thread that
-    // already has its own would leak it. Throws std::bad_alloc, having changed nothing.
+    // already has its own would leak it. Throws std::bad_alloc, having changed nothing; without
+    // memory for a lock it fails the check "_semaphore != 0".
     void acquire_allocator();
 
     // Gives back the allocator that the calling thread acquired, or otherwise the one that it

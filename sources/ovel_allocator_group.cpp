@@ -145,7 +145,7 @@ void allocator_group::release_allocator() {
     allocator* const lent = slots.get_lent();
     bool const has_own = own != nullptr && own != _default;
     detail::expect_activated(has_own ? slots.current.get() == own && lent == nullptr
-                                     : lent != nullptr);
+                                     : lent != nullptr && lent->_activated);
     _serve(nullptr);
     if (lent != nullptr) {
         FlsSetValue(slots.lent, nullptr);

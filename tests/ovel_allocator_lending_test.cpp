@@ -151,6 +151,9 @@ TEST(lending_test, what_a_thread_was_lent_becomes_its_own_and_is_given_back_once
         group.specific_allocator(nullptr);
         EXPECT_FALSE(inspector::activated(lent));
         EXPECT_EQ(serving(), lent);
+        group.deactivate_allocator(false);
+        EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
+        group.activate_allocator();
         group.release_allocator();  // of what it was lent
         EXPECT_EQ(elsewhere(serving), lent);
         EXPECT_CHECK(group.release_allocator(), "_activated", "sources/ovel_allocator.cpp");
