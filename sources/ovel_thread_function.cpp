@@ -100,12 +100,16 @@ void thread_support::process_affinity(unsigned int affinity) {
 }
 
 unsigned int thread_support::thread_affinity() {
-    // Only setting a mask returns the previous one.
-    auto const affinity =
-        static_cast<unsigned int>(SetThreadAffinityMask(GetCurrentThread(), process_affinity()));
-    assure(affinity != 0);
-    assure(SetThreadAffinityMask(GetCurrentThread(), affinity) != 0);
-    return affinity;
+    // Only setting a mask returns the previous one. Tries again if the process's processors
+    // change meanwhile.
+    for (;;) {
+        unsigned int const process = process_affinity();
+        auto const affinity =
+            static_cast<unsigned int>(SetThreadAffinityMask(GetCurrentThread(), process));
+        if (affinity != 0 && SetThreadAffinityMask(GetCurrentThread(), affinity) != 0)
+            return affinity;
+        assure(process_affinity() != process);
+    }
 }
 
 void thread_support::thread_affinity(unsigned int affinity) {
