@@ -34,15 +34,13 @@ void find_unit() {
     unit = 1.0 / frequency;
 }
 
-// Converts `value` to an integer. Saturates at `most` and -`most`; NaN becomes 0.
+// Converts `value` to an integer. Saturates at `most` and -`most`, which a double can
+// represent; NaN becomes 0.
 template <class Integer>
 Integer narrow(double value, Integer most) {
-    // The largest integer may not be representable as a double; the power of two above it
-    // is.
-    constexpr double limit = -2.0 * (std::numeric_limits<Integer>::min() / 2);
-    if (value >= limit)
+    if (value >= static_cast<double>(most))
         return most;
-    if (value < -limit)
+    if (value <= -static_cast<double>(most))
         return -most;
     return value == value ? static_cast<Integer>(value) : 0;
 }

@@ -59,7 +59,8 @@ TYPED_TEST(time_test, seconds_become_ticks_toward_zero_and_saturate_at_half_of_t
         {1e300, half},
         {-INFINITY, -half},
         {this->of(most).seconds(), half},  // a double rounds the count up
-        {this->of(3 * (half / 2)).seconds(), 3 * (half / 2)},
+        {this->of(3 * (half / 2)).seconds(), half},
+        {this->of(half / 2).seconds(), half / 2},
         {NAN, 0},
     };
     for (auto const& each : cases)
