@@ -43,7 +43,7 @@ bool futex_wait(void const* word, std::uint32_t value, deadline const& until) {
     // and restarted does not get longer.
     long const result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value,
                                 until.never() ? nullptr : &when, nullptr, FUTEX_BITSET_MATCH_ANY);
-    return result == 0 || errno != ETIMEDOUT;
+    return result == 0 || errno == EAGAIN || errno == EINTR;
 }
 
 void futex_wake(void const* word, int threads) {

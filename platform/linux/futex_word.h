@@ -31,8 +31,8 @@ private:
 };
 
 // Sleeps while the 32 bits at `word` are `value`. Returns when woken, when the word
-// differs, or spuriously, so the caller must look again. Returns false exactly if `until`
-// has passed.
+// differs, or spuriously, so the caller must look again. Returns false if `until` has passed,
+// or if the system refuses the call, so that nobody calls it again for ever.
 bool futex_wait(void const* word, std::uint32_t value, deadline const& until);
 
 // Wakes at most `threads` sleepers. Does not read `word`, which may already be freed.
