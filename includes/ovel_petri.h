@@ -154,6 +154,7 @@ struct transition_options {
     double space = 0.0;      // from 0 to all of its group's space
     unsigned int group = 0;  // the index of the group that fires it
     // The higher goes first: each step counts as twice the time, within 1000 steps up or down.
+    // Where several higher ones fire all the time, a lower one may wait for ever.
     int priority = 0;
     // It fires no earlier than so long after it was enabled, and not at all if it is disabled
     // before. On the clock of `time`, to the millisecond above. Nothing below 0. The span also

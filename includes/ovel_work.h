@@ -170,7 +170,8 @@ class work_group {
 public:
     // Has a thread for each processor and no space, unless given. Infinite space is never
     // used up. No threads or negative space fail the check "_threads != 0 && space >= 0".
-    // Throws std::bad_alloc.
+    // Throws std::bad_alloc. Where the system has no memory for a lock or a thread, that fails
+    // its check instead.
     work_group() : work_group(thread_support::processors()) {}
     explicit work_group(unsigned int threads, double space = 0.0,
                         unsigned int stack_size = thread_base::default_stack_size)
