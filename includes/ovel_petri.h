@@ -168,10 +168,10 @@ struct transition_options {
 //     net.insert_place<int>("results", 16, closes)
 struct place_options {
     // Whether it closes once each transition that puts into it has ended: when one of the
-    // places that it takes from has ended, or has fewer tokens at its end than the arc takes,
+    // places that it takes from or reads has ended, or has fewer tokens at its end than it needs,
     // and none of its firings runs; or when one of the places that it puts into is closed. A
-    // transition that takes nothing never ends by itself. Nor does a cycle of such places: each
-    // waits for the others, so close one of them.
+    // transition that takes and reads nothing never ends by itself. Nor does a cycle of such
+    // places: each waits for the others, so close one of them.
     bool closes = false;
 };
 // The option of a place that closes by itself.
@@ -461,6 +461,8 @@ transition net::insert_transition(std::string name, detail::inputs<From...> from
     static_assert(fault != misfit::weights,
                   "a body with weighted arcs takes a firing&, or a std::vector or std::array of "
                   "the tokens of each");
+    static_assert(fault != misfit::read_copy,
+                  "a body gets a copy of what it reads, so a token of the place can be copied");
     static_assert(fault != misfit::scope_result, "a body that takes a firing& returns nothing");
     static_assert(fault != misfit::any_result, "a body without to() returns nothing");
     static_assert(fault != misfit::no_result && fault != misfit::result,

@@ -31,7 +31,7 @@ struct explanation {
         std::size_t place;       // the index in `places`
         bool input;              // whether it takes tokens, or puts them
         unsigned int needed;     // tokens, or slots
-        unsigned int available;  // tokens, or slots, that no firing has reserved
+        unsigned int available;  // tokens, or slots, that no firing has reserved, but to read
         bool closed;             // whether it puts into a closed place
         bool inhibits;           // whether it is one of `unless`
         bool reads;              // whether it is one of `reads`

@@ -199,7 +199,17 @@ template <class Body, class... From>
 using traits_of = body_traits<Body, std::index_sequence_for<From...>, From...>;
 
 // What keeps a body from fitting the arcs of its transition.
-enum class misfit { none, parameters, weights, scope_result, any_result, no_result, result, tuple };
+enum class misfit {
+    none,
+    parameters,
+    weights,
+    read_copy,
+    scope_result,
+    any_result,
+    no_result,
+    result,
+    tuple
+};
 
 // Whether the elements of a range that a body returned may be moved from: it returned the range
 // itself, which is no view of elements that it keeps.
@@ -258,7 +268,10 @@ template <class Body, class... From, class... To>
 consteval misfit misfit_of(std::type_identity<inputs<From...>>,
                            std::type_identity<outputs<To...>>) {
     using traits = traits_of<Body, From...>;
-    if constexpr (traits::takes_values)
+    if constexpr (((is_read_arc<From> && !std::is_copy_constructible_v<typename From::value>) ||
+                   ...))
+        return misfit::read_copy;
+    else if constexpr (traits::takes_values)
         return result_misfit<typename traits::result, To...>();
     else if constexpr (traits::how != call::none)
         return std::is_void_v<typename traits::result> ? misfit::none : misfit::scope_result;

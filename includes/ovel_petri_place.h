@@ -164,7 +164,7 @@ detail::inhibitor unless(place<T> const& tested) {
 // of the oldest one, or may `peek` at it. Any number of firings may read at once. Until the last of
 // them has ended, nobody takes the last token of the place; so those that overlap without end keep
 // it for ever. It is no arc, and a transition needs one besides. A transition that also takes from
-// the place fails the check "!is_input".
+// the place fails the check "!is_input" or "!is_read".
 //
 //     from(orders, reads(prices)), [](order next, price_list now) { quote(next, now); }
 template <class T>

@@ -37,6 +37,12 @@ void petri_transition::insert_arc(list<petri_arc*>::prepared&& inserted) {
         assure(arc->input() != (*i)->input() || arc->place() != (*i)->place());
         assure(&arc->place_reference() != &(*i)->place_reference());
     }
+    bool const is_read =
+        arc->input() &&
+        std::any_of(_accesses.begin(), _accesses.end(), [arc](detail::petri_access const& each) {
+            return each.reads && each.place == arc->place();
+        });
+    assure(!is_read);
     _accesses.push_back(
         {arc->place(), arc->size(), arc->place()->capacity() - arc->size(), arc->input()});
     _arcs.push_back(std::move(inserted));
@@ -370,9 +376,11 @@ void petri_net::_enqueue_initial_transitions() {
     petri_place* const place = call.place;
     if (engine::port_of(place) != nullptr)
         _engine->shut_port(place);
-    if (call.receives() ? !place->receive_enabled(1) : !place->send_enabled(1))
+    bool const peeks = call.what <= kind::try_peek;
+    if (call.receives() ? !place->receive_enabled(1) && !(peeks && place->_readers != 0)
+                        : !place->send_enabled(1))
         return false;
-    if (call.what <= kind::try_peek)
+    if (peeks)
         _peek_oldest(place, *call.token);
     else if (call.what <= kind::try_receive)
         _receive(place, *call.token);

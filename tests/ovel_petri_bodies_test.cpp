@@ -176,6 +176,7 @@ TEST(petri_bodies_test, firings_that_read_share_a_token_and_keep_it_from_those_t
     until([&] { return reading == 2; });
     news.send(1);
     EXPECT_FALSE(price.try_receive().has_value());
+    EXPECT_EQ(price.try_peek(), 10);
     EXPECT_EQ(price.size(), 1u);
     EXPECT_TRUE(
         tested.explain().text().starts_with("place price: 1 token of 2, read by 2 firings\n"));

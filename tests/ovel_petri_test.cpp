@@ -127,6 +127,8 @@ TEST(petri_test, misuse_fails_checks) {
                  "weight == array_size<Argument>", "includes/ovel_petri_body.h");
     EXPECT_CHECK(tested.insert_transition("both", from(more, reads(more)), [](int, int) {}),
                  "!is_input", "sources/ovel_petri_clients.cpp");
+    EXPECT_CHECK(tested.insert_transition("both", from(reads(more), more), [](int, int) {}),
+                 "!is_read", "sources/ovel_petri_net.cpp");
     EXPECT_CHECK((fill(more, {1, 2}), run(tested)), "left != 0", file);
     EXPECT_CHECK((shown.send(1), run(tested)), "left != 0", file);
     EXPECT_CHECK((only.send(1), run(tested)), "!_runs_caller()", "sources/ovel_petri_net.cpp");
