@@ -170,29 +170,6 @@ TEST(petri_engine_test, firings_that_run_or_wait_are_bounded) {
     }
 }
 
-TEST(petri_engine_test, a_lower_limit_holds_for_what_is_enabled) {
-    net tested(2);
-    semaphore begun(0, 0), go(0, 0);
-    auto const place = tested.insert_place<int>("place", 4);
-    auto const body = [&](int) {
-        begun.release();
-        go.acquire();
-    };
-    auto const bounded =
-        tested.insert_transition("bounded", from(place), body, {.reentrant = true});
-    fill(place, {1, 2, 3, 4});
-    tested.start();
-    for (int firing = 0; firing != 2; ++firing)
-        begun.acquire();
-    tested.base().limit(bounded.base(), 1);
-    go.release();
-    until([&] { return tested.explain().transitions[0].firings == 1; });
-    for (int firing = 0; firing != 3; ++firing)
-        go.release();
-    tested.join();
-    EXPECT_EQ(place.size(), 0u);
-}
-
 // More transitions than the array holds, with more pairs of space and time than a word has bits,
 // each of two transitions. Priorities let the shortest time go first and the next one last. The
 // last ones get no token.
