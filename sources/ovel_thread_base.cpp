@@ -10,9 +10,11 @@
 #include "ovel_library.h"
 #include "ovel_process.h"
 #include "ovel_semaphore.h"
+#include "ovel_spin_wait.h"
 #include "ovel_thread.h"
 #include "ovel_thread_support.h"
 
+#include <algorithm>
 #include <new>
 
 namespace ovel {
@@ -117,7 +119,14 @@ void thread_function_base::terminate() {
     _start.release();
 }
 
+// A run that does little ends while these polls last. Those of the kernel's semaphore soon
+// become rarer, and would notice its end late.
 void thread_function_base::acquire() {
+    constexpr unsigned int few = 16;
+    for (spin_wait wait(std::min(current_spin(), few), pace_for_unit); !wait.is_over();
+         wait.pause())
+        if (_finish.try_acquire())
+            return;
     _finish.acquire();
 }
 
