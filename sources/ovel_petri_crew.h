@@ -82,6 +82,11 @@ public:
         return taken;
     }
 
+    // Before a thread gives back a firing and asks for the next one.
+    void prefetch() const {
+        _ready.prefetch();
+    }
+
     // Whether another thread is needed. The caller then calls one that stands by, if there are
     // any, or else a new one.
     bool needs_thread() const {

@@ -99,6 +99,12 @@ public:
         return _waiting != waited;
     }
 
+    // Fetches the cache lines that `insert` and `take_first` change.
+    void prefetch() const {
+        __builtin_prefetch(&_size, 1);
+        __builtin_prefetch(_short, 1);
+    }
+
     // Inserts one that is not queued. Throws std::bad_alloc, having inserted nothing.
     void insert(petri_transition* transition) {
         transition->random(_draw());

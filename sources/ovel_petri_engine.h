@@ -313,6 +313,12 @@ public:
         of._crew.give_back(ended);
         detail::add(of._ended, 1u);
     }
+    // Fetches what the end of any firing changes. Where several threads fire, these cache lines are
+    // at the processor that had the mutex last, and each would be waited for in turn.
+    void prefetch(firing_work const& of) const {
+        of._crew.prefetch();
+        _enabled.prefetch();
+    }
     petri_transition* next(firing_work& of) {
         petri_transition* const next = of._crew.next();
         _called -= next == nullptr;

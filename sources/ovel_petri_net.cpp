@@ -147,6 +147,7 @@ void petri_net::_commit(detail::petri_call& call) {
 // On a thread of `of`: commits the firing that it has run, if any, and returns the one to
 // run next. Null ends its work. With the mutex, which it releases.
 petri_transition* petri_net::_next_firing(firing_work& of, petri_transition* ended) {
+    _engine->prefetch(of);
     try {
         if (ended != nullptr)
             _engine->terminate(ended);
