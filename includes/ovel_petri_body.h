@@ -64,17 +64,19 @@ private:
                    _to.arcs);
     }
 
-    // A std::array has the size that the arc's weight is.
+    // The std::array for a weighted arc has as many elements as the arc's weight.
     template <std::size_t... indices>
     void _check_arrays(std::index_sequence<indices...>) const {
         (_check_array<std::tuple_element_t<indices, typename traits::arguments>>(
-             std::get<indices>(_from.arcs).weight),
+             std::get<indices>(_from.arcs)),
          ...);
     }
-    template <class Argument>
-    static void _check_array(unsigned int weight) {
-        if constexpr (array_size<Argument> != 0)
+    template <class Argument, class Arc>
+    static void _check_array(Arc const& from) {
+        if constexpr (Arc::weighted && array_size<Argument> != 0) {
+            unsigned int const weight = from.weight;
             assure(weight == array_size<Argument>);
+        }
     }
 
     void _run(firing& scope) override {
