@@ -239,9 +239,9 @@ public:
     // `place.times(n)` a std::vector or a std::array of n of them; a wrong size of the array
     // fails the check "weight == array_size<Argument>". It returns what `to` has: nothing, a
     // value, or a std::tuple of them, any of which may be a std::optional that puts nothing
-    // when it is empty, as may the tuple. For `place.times(n)` it returns a range of up to n.
-    // A std::variant puts the alternative that it holds into the place of its index. Or the
-    // body takes a `firing&` and gives nothing back.
+    // when it is empty, unless the place is for such optionals, as may the tuple. For
+    // `place.times(n)` it returns a range of up to n. A std::variant puts the alternative that it
+    // holds into the place of its index. Or the body takes a `firing&` and gives nothing back.
     //
     // A body whose only parameter is a std::optional of its place's token is called once more
     // when that place has ended, with an empty value. A generic lambda and an overloaded body get

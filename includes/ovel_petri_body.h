@@ -175,16 +175,14 @@ private:
     // Puts what the body returned for one place.
     template <class Firing, class Arc, class Result>
     static void _put(Firing& scope, Arc const& to, Result&& result) {
-        using plain = std::remove_cvref_t<Result>;
-        if constexpr (Arc::weighted && !is_optional<plain>) {
-            for (auto&& each : result)
-                scope.put(to.end, static_cast<given<Result, decltype(each)>&&>(each));
-        } else if constexpr (!Arc::weighted &&
-                             std::is_convertible_v<Result&&, typename Arc::value>) {
-            scope.put(to.end, std::forward<Result>(result));
-        } else {
+        if constexpr (unwraps<Result&&, Arc>()) {
             if (result.has_value())
                 _put(scope, to, *std::forward<Result>(result));
+        } else if constexpr (Arc::weighted) {
+            for (auto&& each : result)
+                scope.put(to.end, static_cast<given<Result, decltype(each)>&&>(each));
+        } else {
+            scope.put(to.end, std::forward<Result>(result));
         }
     }
 

@@ -221,17 +221,30 @@ inline constexpr bool gives_elements =
 template <class Result, class Element>
 using given = std::conditional_t<gives_elements<Result>, std::remove_reference_t<Element>, Element>;
 
+template <class Result, class Arc>
+consteval bool unwraps();
+
 // Whether a place of `to` takes what a body returned for it: a value, or a range of them for
 // a weighted arc, or an optional one.
 template <class Result, class Arc>
 consteval bool takes() {
     using plain = std::remove_cvref_t<Result>;
-    if constexpr (Arc::weighted && requires(plain & range) { *std::begin(range); })
+    if constexpr (unwraps<Result, Arc>())
+        return true;
+    else if constexpr (Arc::weighted && requires(plain & range) { *std::begin(range); })
         return std::is_convertible_v<given<Result, decltype(*std::begin(std::declval<plain&>()))>&&,
                                      typename Arc::value>;
-    else if constexpr (!Arc::weighted && std::is_convertible_v<Result, typename Arc::value>)
-        return true;
-    else if constexpr (is_optional<plain>)
+    else
+        return !Arc::weighted && std::is_convertible_v<Result, typename Arc::value>;
+}
+
+// Whether a place takes the content of what a body returned for it: of an optional, unless that
+// is itself a token. A token may be made of any type, so this goes before a conversion.
+template <class Result, class Arc>
+consteval bool unwraps() {
+    using plain = std::remove_cvref_t<Result>;
+    if constexpr (is_optional<plain> &&
+                  (Arc::weighted || !std::is_same_v<plain, typename Arc::value>))
         return takes<decltype(*std::declval<Result>()), Arc>();
     else
         return false;

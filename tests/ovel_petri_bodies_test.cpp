@@ -3,6 +3,7 @@
 // that move.
 #include "ovel_typed_nets.h"
 
+#include <any>
 #include <span>
 #include <variant>
 
@@ -92,6 +93,27 @@ TEST(petri_bodies_test, a_variant_goes_to_one_place_and_an_optional_tuple_to_all
     EXPECT_EQ(drain(odd), (std::vector{1, 3}));
     EXPECT_EQ(drain(half), (std::vector{1, 2}));
     EXPECT_EQ(drain(names), (std::vector<std::string>{"2", "4"}));
+}
+
+// The other tokens can be made of an optional as well.
+TEST(petri_bodies_test, an_empty_optional_puts_nothing_unless_it_is_a_token) {
+    using maybe = std::optional<int>;
+    net tested(1);
+    auto const in = tested.insert_place<int>("in", 2);
+    auto const anything = tested.insert_place<std::any>("anything", 4);
+    auto const same = tested.insert_place<maybe>("same", 2);
+    auto const nested = tested.insert_place<std::optional<maybe>>("nested", 2);
+    tested.insert_transition(
+        "wrap", from(in), to(anything, same, nested, anything.times(2)), [](int number) {
+            maybe const made = number == 0 ? maybe() : number;
+            return std::tuple(made, made, std::optional(made), std::optional<std::vector<int>>());
+        });
+    fill(in, {0, 1});
+    run(tested);
+    EXPECT_EQ(std::any_cast<int>(anything.receive()), 1);
+    EXPECT_EQ(anything.size(), 0u);
+    EXPECT_EQ(drain(same), (std::vector<maybe>{maybe(), 1}));
+    EXPECT_EQ(nested.size(), 2u);
 }
 
 // The bodies run until they are asked to stop, by a token and beside a `firing&`.
