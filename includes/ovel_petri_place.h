@@ -138,7 +138,7 @@ public:
 
 private:
     template <class U>
-    friend detail::inhibitor unless(place<U> const& tested);
+    friend inhibitor unless(place<U> const& tested);
     friend class detail::net_core;
     friend class detail::transition_record;
     friend class firing;
@@ -156,7 +156,7 @@ private:
 //
 //     from(orders, unless(alarms)), [](order next) { ship(next); }
 template <class T>
-detail::inhibitor unless(place<T> const& tested) {
+inhibitor unless(place<T> const& tested) {
     return {tested._record};
 }
 

@@ -45,6 +45,17 @@ struct read_arc {
 
 namespace detail {
 
+struct place_record;
+
+}  // namespace detail
+
+// A future transition's need of an empty place. `from` takes it.
+struct inhibitor {
+    detail::place_record* place;
+};
+
+namespace detail {
+
 class net_core;
 
 // A place of a net, with its name.
@@ -53,11 +64,6 @@ struct place_record {
     trace::shared_name const name;
     petri_place* const element;
     std::size_t const index = 0;  // in `explanation::places`, which leaves marks out
-};
-
-// What `unless` returns.
-struct inhibitor {
-    place_record* place;
 };
 
 template <class Arc>

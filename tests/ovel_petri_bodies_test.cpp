@@ -153,13 +153,15 @@ TEST(petri_bodies_test, a_transition_fires_only_while_the_place_of_unless_is_emp
     net tested(2);
     auto const in = tested.insert_place<int>("in", 8);
     auto const alarms = tested.insert_place<int>("alarms", 2);
-    auto const raise = tested.insert_place<int>("raise", 2);
+    auto const [raise, spare] = insert_places<int>(tested, 2, "raise", "spare");
     auto const out = tested.insert_place<int>("out", 8);
     alarms.send(1);
     in.send(1);
+    tested.insert_transition("refill", from(unless(spare)), to(spare), [] { return 1; });
     tested.insert_transition("pass", from(in, unless(alarms)), to(out), pass_on);
     tested.insert_transition("raise", from(raise), to(alarms), pass_on);
     run(tested);
+    EXPECT_EQ(spare.size(), 1u);
     EXPECT_EQ(out.size(), 0u);
     EXPECT_TRUE(
         tested.explain().text().ends_with("transition pass: lacks an empty alarms\n"
