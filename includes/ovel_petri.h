@@ -40,6 +40,7 @@
 #include <cmath>
 #include <cstddef>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -474,8 +475,12 @@ transition net::insert_transition(std::string name, detail::inputs<From...> from
         using record = detail::body_record<Body, inputs, outputs>;
         detail::net_core& core = *_core;
         constexpr int most_priority = 1000;
-        double const time =
+        using limits = std::numeric_limits<double>;
+        double time =
             std::ldexp(options.time, std::clamp(options.priority, -most_priority, most_priority));
+        // A time that is wrong stays so, and fails the net's check.
+        if (options.time > 0.0)
+            time = std::clamp(time, limits::denorm_min(), limits::max());
         auto made = std::make_unique<record>(core, std::move(name), from, to, std::move(body));
         record& inserted = *made;
         if constexpr (record::traits::takes_stop)

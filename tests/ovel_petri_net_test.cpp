@@ -188,7 +188,7 @@ TEST(petri_engine_test, transitions_that_one_firing_enables_fire_in_order) {
         expected.emplace_back(-space, -priority, -time);
         tested.insert_transition("take", from(shared),
                                  [&fired, mine = expected.back()](int) { fired.push_back(mine); },
-                                 {.time = time, .space = space, .priority = priority});
+                                 {.time = time * 1e-30, .space = space, .priority = priority});
     }
     std::ranges::sort(expected);
     expected.resize(tokens);
