@@ -141,13 +141,13 @@ private:
     petri_outcome _wait(place_record& at, net_callers::kind of, Limit const& limit,
                         Attempt const& attempt);
     template <class Attempt>
-    petri_outcome _within(without_limit, Attempt const& attempt) {
+    petri_outcome _within(place_record&, without_limit, Attempt const& attempt) {
         return attempt(petri_patience::unlimited, nullptr);
     }
     template <class Attempt>
-    petri_outcome _within(std::stop_token const& token, Attempt const& attempt);
+    petri_outcome _within(place_record& at, std::stop_token const& token, Attempt const& attempt);
     template <class Point, class Attempt>
-    petri_outcome _within(Point const& point, Attempt const& attempt);
+    petri_outcome _within(place_record& at, Point const& point, Attempt const& attempt);
     void _insert_arcs(transition_record& of);
     // Swaps, since gcc 12 gives a warning for an assignment.
     void _renew_stop_source() {
@@ -386,7 +386,7 @@ petri_outcome net_core::_wait(place_record& at, net_callers::kind of, Limit cons
     counted.insist();
     petri_outcome made = petri_outcome::over;
     if (counted.is_let_in())
-        made = _within(limit, [&](unsigned int milliseconds, atomic<bool> const* interrupted) {
+        made = _within(at, limit, [&](unsigned int milliseconds, atomic<bool> const* interrupted) {
             return attempt(
                 petri_patience{&_callers.releases(), counted.begun(), interrupted, milliseconds});
         });
@@ -395,20 +395,25 @@ petri_outcome net_core::_wait(place_record& at, net_callers::kind of, Limit cons
     return made;
 }
 
-// A thread that asks to stop wakes all callers of the net. It has done so when the callback
-// has been destroyed, and then uses the net no more.
+// A thread that asks to stop ends the calls at the place whose patience is over. It has done so
+// when the callback has been destroyed, and then uses the net no more. A call that was asked to
+// stop before is one that does not wait, so that a thread that makes it again and again gets its
+// turn.
 template <class Attempt>
-petri_outcome net_core::_within(std::stop_token const& token, Attempt const& attempt) {
+petri_outcome net_core::_within(place_record& at, std::stop_token const& token,
+                                Attempt const& attempt) {
+    if (token.stop_requested())
+        return attempt(0, nullptr);
     atomic<bool> interrupted{false};
     std::stop_callback const wakes(token, [&] {
         interrupted = true;
-        _net._wake();
+        _net._wake(at.element);
     });
     return attempt(petri_patience::unlimited, &interrupted);
 }
 
 template <class Point, class Attempt>
-petri_outcome net_core::_within(Point const& point, Attempt const& attempt) {
+petri_outcome net_core::_within(place_record&, Point const& point, Attempt const& attempt) {
     petri_outcome made = petri_outcome::elapsed;
     static_cast<void>(attempt_until(point, [&](unsigned int milliseconds) {
         made = attempt(milliseconds, nullptr);

@@ -771,7 +771,8 @@ private:
     void _send(petri_place* place, any const& token);
 
     // The operations of `net`. A token that is put is made under the net's lock; after any
-    // exception nothing is put or taken. `_wake` ends the calls whose patience is over.
+    // exception nothing is put or taken. `_wake` ends the calls whose patience is over, at the
+    // place if there is one.
     detail::petri_outcome _receive_within(petri_place* place, any& token,
                                           detail::petri_patience const& patience);
     detail::petri_outcome _put_within(petri_place* place, maker make, void* from,
@@ -781,6 +782,7 @@ private:
     void _take(petri_place* place, any& token);
     void _put(petri_place* place, maker make, void* from);
     void _wake();
+    void _wake(petri_place* place);
     void _close(petri_place* place);
     void _insert_inhibitor(petri_place* place, petri_transition* transition);
     void _insert_reader(petri_place* place, petri_transition* transition);

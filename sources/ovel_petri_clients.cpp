@@ -539,6 +539,11 @@ void petri_net::_wake() {
         _engine->end_calls(place);
 }
 
+void petri_net::_wake(petri_place* place) {
+    change const hold(*this);
+    _engine->end_calls(place);
+}
+
 void petri_net::_close(petri_place* place) {
     change const hold(*this);
     _engine->close(place);

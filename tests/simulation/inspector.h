@@ -221,8 +221,9 @@ struct ovel::detail::inspector {
             });
         assure(made == petri_outcome::over);
     }
-    static void wake(net_core& core) {
-        core._net._wake();
+    template <class T>
+    static void wake(net_core& core, place<T> const& at) {
+        core._net._wake(at.base());
     }
 
 private:
