@@ -173,6 +173,7 @@ struct place_options {
     // and none of its firings runs; or when one of the places that it puts into is closed. A
     // transition that takes and reads nothing never ends by itself. Nor does a cycle of such
     // places: each waits for the others, so close one of them.
+    // A place that no transition puts into never closes by itself.
     bool closes = false;
 };
 // The option of a place that closes by itself.
@@ -200,6 +201,10 @@ auto to(Ends const&... ends) {
 // are for any thread. Misuse fails the checks of `petri_net`. A net can be moved, and
 // its places and transitions stay good; the one moved from can only be destroyed or
 // assigned to.
+//
+// Bodies run on the stacks of the net's threads, of `thread_base::default_stack_size` bytes unless
+// the net is made with another size, and so do the moves of tokens: large ones need a larger stack,
+// or a pointer that is the token.
 //
 // An exception that leaves a body fails the net: no further firing begins, and once those
 // in progress have ended, `join` rethrows the first such exception. Threads that are

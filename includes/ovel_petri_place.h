@@ -25,7 +25,8 @@ namespace ovel {
 // the net. So a token's code must not call the net, depend on its thread, or take a lock that
 // a thread holds while it calls the net. A token of another type fails the check
 // "operand.type() == typeid(T)". A container of what cannot be copied says that it can, and
-// then fails to compile: hold it by a std::unique_ptr.
+// then fails to compile: hold it by a std::unique_ptr. So does a `T` aligned to more than 16 bytes
+// (static assertion).
 //
 // Transitions take what they can before the threads outside do, but every few gains of a
 // place at which such a thread waits, or tries without a pause, go to those threads first.
@@ -100,7 +101,10 @@ public:
     // Closes it for good, unless it is: nothing is sent to it, and no transition that puts
     // into it begins a firing: such a transition ends, and so may the other places behind it.
     // Tokens that are in it, or that firings under way put, still arrive. While the net is built,
-    // what ends behind it does so at the start. Does not block but for locks.
+    // what ends behind it does so at the start. A transition that puts failed work back into a
+    // closed place ends as well, and that work stays where it was: close such a place once the last
+    // work has left the net, or have the retries enter by a place of their own. Does not block but
+    // for locks.
     void close() const {
         _record->owner->close(*_record);
     }
