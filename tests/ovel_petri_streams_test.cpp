@@ -32,12 +32,13 @@ TEST(petri_streams_test, behind_its_limit_a_call_still_tries_once) {
     tested.join();
 }
 
-// A thread is blocked in each operation when the net is halted, stopped or fails. Two are asked to
-// stop before. What was not sent is still its sender's.
+// A thread is blocked in each operation when the net is halted, is stopped, fails or is destroyed,
+// or its places are closed. Two are asked to stop before. What was not sent is still its sender's.
 TEST(petri_streams_test, no_thread_stays_blocked) {
     using token = std::unique_ptr<int>;
-    for (std::string_view const how : {"halt", "stop", "fail"}) {
-        net tested(1);
+    for (std::string_view const how : {"halt", "stop", "fail", "close", "end"}) {
+        auto owner = std::make_unique<net>(1u);
+        net& tested = *owner;
         auto const empty = tested.insert_place<int>("empty", 1);
         auto const full = tested.insert_place<token>("full", 1);
         full.send(std::make_unique<int>(0));
@@ -75,11 +76,29 @@ TEST(petri_streams_test, no_thread_stays_blocked) {
             tested.halt();
         else if (how == "stop")
             EXPECT_TRUE(stop(tested, 1h));
-        else
+        else if (how == "fail")
             tested.fail(std::make_exception_ptr(1));
+        else if (how == "close")
+            empty.close(), full.close();
+        else
+            owner.reset();
         callers.clear();
         EXPECT_EQ(failures, how == "fail" ? 5 : 0);
     }
+}
+
+TEST(petri_streams_test, a_call_at_the_end_that_throws_fails_the_net) {
+    net tested(1);
+    auto const in = tested.insert_place<int>("in", 1);
+    auto const out = tested.insert_place<int>("out", 1, ovel::closes);
+    tested.insert_transition("last", from(in), to(out), [](std::optional<int> token) {
+        return token.has_value() ? token : throw 1;
+    });
+    in.send(2);
+    in.close();
+    EXPECT_THROW(run(tested), int);
+    EXPECT_EQ(out.receive(), 2);
+    EXPECT_THROW(out.receive(), int);
 }
 
 TEST(petri_streams_test, other_threads_may_halt_and_ask_while_a_net_is_built) {

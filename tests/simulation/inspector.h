@@ -210,7 +210,7 @@ struct ovel::detail::inspector {
         return in._callers.count();
     }
     template <class T>
-    static void await_stop(net_core& core, place<T> const& at, atomic<bool>& interrupted) {
+    static bool await_stop(net_core& core, place<T> const& at, atomic<bool>& interrupted) {
         any token;
         auto const made = core._wait(
             *at._record, net_callers::kind::receiver, net_core::without_limit(),
@@ -219,7 +219,8 @@ struct ovel::detail::inspector {
                     at._record->element, token,
                     {patience.releases, patience.begun, &interrupted, patience.milliseconds});
             });
-        assure(made == petri_outcome::over);
+        assure(made == petri_outcome::done || made == petri_outcome::over);
+        return made == petri_outcome::over;
     }
     template <class T>
     static void wake(net_core& core, place<T> const& at) {

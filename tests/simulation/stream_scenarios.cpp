@@ -187,8 +187,8 @@ void starves(unsigned int variant) {
     assure(received + static_cast<int>(left.size()) == sent && left.size() <= 1);
 }
 
-// Threads wait with deadlines while others send, halt the net or let one token pass. None
-// gives up early, none stays, and what was not sent is still there.
+// Threads wait with deadlines while others send, halt the net or let one token pass. Another is
+// asked to stop meanwhile. None gives up early, none stays, and what was not sent is still there.
 void limits(unsigned int variant) {
     accounts const books(0, true);
     if (pick(3) == 0)
@@ -228,6 +228,15 @@ void limits(unsigned int variant) {
         client waiting([&] {
             if (variant == 1 && only.next().has_value())
                 ++received;
+        });
+        detail::atomic<bool> interrupted{false};
+        client asked([&] {
+            if (!inspector::await_stop(inspector::core(*tested), only, interrupted))
+                ++received;
+        });
+        client asking([&] {
+            interrupted = true;
+            inspector::wake(inspector::core(*tested), only);
         });
         if (variant == 1)
             tested->halt();
@@ -272,7 +281,7 @@ void let_go(unsigned int variant) {
                 assure(!empty.receive_until(time::then(3600.0)).has_value());
                 assure(nanoseconds() < 3'000'000'000'000);
             });
-        client asked([&] { inspector::await_stop(core, empty, interrupted); });
+        client asked([&] { assure(inspector::await_stop(core, empty, interrupted)); });
         client asking([&] {
             interrupted = true;
             inspector::wake(core, empty);
