@@ -90,7 +90,7 @@ TEST(petri_streams_test, no_thread_stays_blocked) {
 TEST(petri_streams_test, a_call_at_the_end_that_throws_fails_the_net) {
     net tested(1);
     auto const in = tested.insert_place<int>("in", 1);
-    auto const out = tested.insert_place<int>("out", 1, ovel::closes);
+    auto const out = tested.insert_place<int>("out", 2, ovel::closes);
     tested.insert_transition("last", from(in), to(out), [](std::optional<int> token) {
         return token.has_value() ? token : throw 1;
     });
