@@ -51,7 +51,7 @@ struct ovel::detail::inspector {
     SIZE(thread_group, 1808, 1864, 1816);
     SIZE(thread_group_function_base, 160, 192);
     SIZE(any, 4, 8);
-    SIZE(petri_place, 804, 888);
+    SIZE(petri_place, 808, 888);
     SIZE(petri_arc, 20, 40);
     SIZE(petri_connector, 20, 32);
     SIZE(petri_function, 136, 144);
