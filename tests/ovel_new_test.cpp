@@ -27,10 +27,12 @@ TEST(new_test, every_form_serves_from_the_library) {
     take_and_give_back(64, wide);
     take_and_give_back(64, wide, std::nothrow);
     std::size_t const before = allocator_support::allocated_size();
+#ifdef __cpp_sized_deallocation
     ::operator delete(::operator new(100), 100);
     ::operator delete[](::operator new[](100), 100);
     ::operator delete(::operator new(100, wide), 100, wide);
     ::operator delete[](::operator new[](100, wide), 100, wide);
+#endif
     EXPECT_EQ(allocator_support::allocated_size(), before);
     EXPECT_CHECK(::operator new(1, std::align_val_t(256)), "alignment <= sizeof(cacheline)",
                  "sources/ovel_new.cpp");
