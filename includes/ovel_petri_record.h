@@ -51,7 +51,7 @@ struct place_record;
 
 // A future transition's need of an empty place. `from` takes it.
 struct inhibitor {
-    detail::place_record* place;
+    detail::place_record* place;  // the place
 };
 
 namespace detail {
