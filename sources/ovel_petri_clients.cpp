@@ -560,36 +560,6 @@ void petri_net::_delay(petri_transition* transition, ovel::time const& delay) {
 // An arc that reserves nothing. For the engine it is one that puts no token and needs all
 // slots free: it is enabled while no token is there or on its way, and is looked at when the
 // place gains slots.
-void petri_net::_insert_inhibitor(petri_place* place, petri_transition* transition) {
-    _assure_stopped();
-    detail::guard const hold(_mutex);
-    place->_producers.ends.make_room();
-    transition->accesses().make_room();
-    place->_producers.push_back(
-        {transition, place->_capacity, transition->reentrant(), true, false});
-    _engine->change_structure(place);
-    transition->accesses().push_back({place, 0, 0, false});
-    if (transition->queued() && !transition->enabled())
-        _engine->dequeue(transition);
-}
-
-void petri_net::_insert_reader(petri_place* place, petri_transition* transition) {
-    _assure_stopped();
-    detail::guard const hold(_mutex);
-    auto& accesses = transition->accesses();
-    bool const is_input = std::any_of(
-        accesses.begin(), accesses.end(),
-        [place](detail::petri_access const& each) { return each.input && each.place == place; });
-    assure(!is_input);
-    place->_consumers.ends.make_room();
-    accesses.make_room();
-    place->_consumers.push_back({transition, 1, transition->reentrant(), false, true});
-    _engine->change_structure(place);
-    accesses.push_back({place, 1, 0, true, true});
-    if (transition->queued() && !transition->enabled())
-        _engine->dequeue(transition);
-}
-
 bool petri_net::_ended(petri_place* place) {
     assure(!inherited());
     detail::guard const hold(_mutex);

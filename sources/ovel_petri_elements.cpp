@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-// The elements of nets and a net's lists of them: what they hold and return. Checking,
-// firing, starting and stopping are in `ovel_petri_net.cpp`.
+// The elements of nets and a net's lists of them: what they hold and return, and the needs of
+// typed nets that are no arcs. Checking, firing, starting and stopping are in `ovel_petri_net.cpp`.
 
 #include "ovel_petri_net.h"
 
 #include "ovel_counter.h"
 #include "ovel_guard.h"
 #include "ovel_petri_callers.h"
+#include "ovel_petri_engine.h"
 #include "ovel_petri_port.h"
 #include "ovel_process.h"
 
@@ -230,6 +231,36 @@ bool petri_net::inherited() const {
 bool petri_net::_runs_caller() const {
     return std::any_of(_thread_groups, _thread_groups + _groups,
                        [](thread_group const* each) { return each->_runs_caller(); });
+}
+
+void petri_net::_insert_inhibitor(petri_place* place, petri_transition* transition) {
+    _assure_stopped();
+    detail::guard const hold(_mutex);
+    place->_producers.ends.make_room();
+    transition->accesses().make_room();
+    place->_producers.push_back(
+        {transition, place->_capacity, transition->reentrant(), true, false});
+    _engine->change_structure(place);
+    transition->accesses().push_back({place, 0, 0, false});
+    if (transition->queued() && !transition->enabled())
+        _engine->dequeue(transition);
+}
+
+void petri_net::_insert_reader(petri_place* place, petri_transition* transition) {
+    _assure_stopped();
+    detail::guard const hold(_mutex);
+    auto& accesses = transition->accesses();
+    bool const is_input = std::any_of(
+        accesses.begin(), accesses.end(),
+        [place](detail::petri_access const& each) { return each.input && each.place == place; });
+    assure(!is_input);
+    place->_consumers.ends.make_room();
+    accesses.make_room();
+    place->_consumers.push_back({transition, 1, transition->reentrant(), false, true});
+    _engine->change_structure(place);
+    accesses.push_back({place, 1, 0, true, true});
+    if (transition->queued() && !transition->enabled())
+        _engine->dequeue(transition);
 }
 
 list<petri_place*>::iterator petri_net::begin_places() {

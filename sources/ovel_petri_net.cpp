@@ -37,12 +37,10 @@ void petri_transition::insert_arc(list<petri_arc*>::prepared&& inserted) {
         assure(arc->input() != (*i)->input() || arc->place() != (*i)->place());
         assure(&arc->place_reference() != &(*i)->place_reference());
     }
-    bool const is_read =
-        arc->input() &&
-        std::any_of(_accesses.begin(), _accesses.end(), [arc](detail::petri_access const& each) {
-            return each.reads && each.place == arc->place();
-        });
-    assure(!is_read);
+    for (detail::petri_access const& each : _accesses) {
+        bool const is_read = each.reads && arc->input() && each.place == arc->place();
+        assure(!is_read);
+    }
     _accesses.push_back(
         {arc->place(), arc->size(), arc->place()->capacity() - arc->size(), arc->input()});
     _arcs.push_back(std::move(inserted));

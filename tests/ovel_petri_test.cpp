@@ -126,7 +126,7 @@ TEST(petri_test, misuse_fails_checks) {
     EXPECT_CHECK(tested.insert_transition("two", from(more.times(2)), [](std::array<int, 3>) {}),
                  "weight == array_size<Argument>", "includes/ovel_petri_body.h");
     EXPECT_CHECK(tested.insert_transition("both", from(more, reads(more)), [](int, int) {}),
-                 "!is_input", "sources/ovel_petri_clients.cpp");
+                 "!is_input", "sources/ovel_petri_elements.cpp");
     EXPECT_CHECK(tested.insert_transition("both", from(reads(more), more), [](int, int) {}),
                  "!is_read", "sources/ovel_petri_net.cpp");
     EXPECT_CHECK((fill(more, {1, 2}), run(tested)), "left != 0", file);
