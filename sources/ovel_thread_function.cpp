@@ -26,16 +26,22 @@ masks affinity_masks() {
     return {static_cast<unsigned int>(pm & sm), static_cast<unsigned int>(sm)};
 }
 
+// The system refuses a mask that has just become too large for the process. Even if other
+// threads change the process's mask all the time, it does not do so this often in a row.
+constexpr int most_refusals = 10000;
+
 // Restricts the calling thread to what `choose` selects from the process's processors.
-// Tries again if those change meanwhile. Returns the mask.
+// Tries again if those change meanwhile: the change has restricted the thread too, and the
+// thread may have undone that. Returns the mask.
 template <class Choose>
 unsigned int restrict_thread(Choose const& choose) {
-    for (;;) {
+    for (int refusals = 0;;) {
         unsigned int const process = affinity_masks().process;
         unsigned int const chosen = choose(process);
-        if (SetThreadAffinityMask(GetCurrentThread(), chosen) != 0)
+        if (SetThreadAffinityMask(GetCurrentThread(), chosen) == 0)
+            assure(++refusals != most_refusals);
+        else if (affinity_masks().process == process)
             return chosen;
-        assure(affinity_masks().process != process);
     }
 }
 
@@ -102,13 +108,22 @@ void thread_support::process_affinity(unsigned int affinity) {
 unsigned int thread_support::thread_affinity() {
     // Only setting a mask returns the previous one. Tries again if the process's processors
     // change meanwhile.
-    for (;;) {
+    for (int refusals = 0;;) {
         unsigned int const process = process_affinity();
         auto const affinity =
             static_cast<unsigned int>(SetThreadAffinityMask(GetCurrentThread(), process));
-        if (affinity != 0 && SetThreadAffinityMask(GetCurrentThread(), affinity) != 0)
+        if (affinity == 0 || SetThreadAffinityMask(GetCurrentThread(), affinity) == 0) {
+            if (++refusals == most_refusals) {
+                assure(affinity != 0);
+                assure(SetThreadAffinityMask(GetCurrentThread(), affinity) != 0);
+            }
+        } else if (affinity != process || process_affinity() == process) {
             return affinity;
-        assure(process_affinity() != process);
+        } else {
+            // The thread had all processors of before, and has just taken them again. But
+            // the change gave it the new ones.
+            detail::use_all_processors();
+        }
     }
 }
 

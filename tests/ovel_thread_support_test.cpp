@@ -41,6 +41,24 @@ TEST_F(thread_support_test, masks_are_read_as_they_were_set) {
     EXPECT_EQ(ovel::default_spin, 0u);
 }
 
+// To read its mask, a thread sets it twice. Changes of the process's mask come before,
+// between and after.
+TEST_F(thread_support_test, reading_a_mask_does_not_undo_a_change_of_the_process) {
+    std::atomic<int> reads = 0;
+    std::atomic<bool> done = false;
+    auto const readers = crew(2, [&](int) {
+        for (; !done; ++reads)
+            thread_support::thread_affinity();
+        EXPECT_EQ(thread_support::thread_affinity(), all);
+    });
+    for (int change = 0; change != 1000; ++change) {
+        thread_support::process_affinity(lowest);
+        thread_support::process_affinity(all);
+    }
+    until([&] { return reads > 100; });
+    done = true;
+}
+
 TEST_F(thread_support_test, a_mask_without_a_processor_fails_the_check_of_its_service) {
     EXPECT_CHECK(thread_support::process_affinity(0),
                  "SetProcessAffinityMask(GetCurrentProcess(), affinity) != 0", function_file);
