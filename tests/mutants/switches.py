@@ -168,7 +168,8 @@ class Source:
             return start, stop, "statement"
         assigned = re.search(r" = ", statement)
         if assigned and _DECLARATION.match(statement[:assigned.start()]):
-            if not self._is_local(start):
+            # The compiler evaluates what initialises a static variable if it can.
+            if not self._is_local(start) or statement.startswith("static "):
                 return None
             begin = start + assigned.end()
             if self.code[begin] == "{" or first < begin:
