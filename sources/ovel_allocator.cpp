@@ -366,7 +366,7 @@ void allocator::_receive(detail::block* head, detail::block* tail, std::size_t s
 }
 
 // Leaves the chain to the owner or, while the owner is deactivated, puts back all pending
-// blocks. Adds the chains that this releases to the front of `kept`.
+// blocks.
 void allocator::_accept(detail::block* head, detail::block* tail, std::size_t size,
                         detail::chain_parts const& parts, detail::block*& kept) {
     detail::guard<semaphore> const hold(_lock, forking());
@@ -375,9 +375,13 @@ void allocator::_accept(detail::block* head, detail::block* tail, std::size_t si
     tail->_next = _pending;
     _pending = head;
     detail::add(_pending_size, size);
-    if (_activated)
-        return;
+    if (!_activated)
+        _put_back_pending(kept);
+}
 
+// With the lock held and the owner away. Adds the chains of other owners that this releases
+// to the front of `kept`.
+void allocator::_put_back_pending(detail::block*& kept) {
     while (_pending != nullptr) {
         detail::block& freed = *_pending;
         _pending = freed._next;
@@ -464,11 +468,20 @@ void allocator::deactivate(bool keep) {
     _activated = false;
 }
 
+// Also puts back the chains that arrived between the flush and the clearing of the flag:
+// perhaps no other chain follows. It has none of another owner that this could release.
+void allocator::retire() {
+    deactivate(false);
+    detail::block* none = nullptr;
+    detail::guard<semaphore> const hold(_lock, forking());
+    _put_back_pending(none);
+}
+
 // Only the owner changes the flag, so it may read it without the lock.
 void allocator::leave() {
     if (!_activated)
         activate();
-    deactivate(false);
+    retire();
 }
 
 void allocator::take_back(detail::block& freed) {

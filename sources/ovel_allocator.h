@@ -240,7 +240,10 @@ public:
     void activate();
     void deactivate(bool keep);
 
-    // The owner leaves for good, activated or not. Owner only.
+    // Deactivates for a long time, or for good: nothing stays pending. Owner only.
+    void retire();
+
+    // The same, activated or not.
     void leave();
 
     // Puts pending blocks back and, unless `keep`, hands over the blocks of others. Owner
@@ -286,6 +289,7 @@ private:
     void _detach_remote(detail::block*& kept);
     void _receive(detail::block* head, detail::block* tail, std::size_t size,
                   detail::chain_parts const& parts);
+    void _put_back_pending(detail::block*& kept);
     void _accept(detail::block* head, detail::block* tail, std::size_t size,
                  detail::chain_parts const& parts, detail::block*& kept);
     void _collect();
@@ -349,6 +353,10 @@ inline allocator* current_allocator() {
     void* const quick = quick_pointer();
     return quick != nullptr ? static_cast<allocator*>(quick) : find_current_allocator();
 }
+
+// For a thread of the library that only waits from here on. Its allocator may have been that
+// of a thread that has ended: the threads that free blocks of that put them back.
+void retire_current_allocator();
 
 // An allocator for a single operation of a thread to which none can be lent.
 class borrowed_allocator {

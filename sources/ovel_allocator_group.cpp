@@ -173,6 +173,11 @@ void allocator_group::deactivate_allocator(bool keep) {
         current->deactivate(keep);
 }
 
+void detail::retire_current_allocator() {
+    if (allocator* const current = current_allocator())
+        current->retire();
+}
+
 // A thread without an allocator has nothing to put back or hand over.
 void allocator_group::flush_allocator(bool keep) {
     if (allocator* const current = slots.current.get())
@@ -201,7 +206,7 @@ allocator* allocator_group::_take_released() {
 // The allocator keeps its chunks and the blocks that are still in use. Threads that free
 // those put them back.
 void allocator_group::_release_allocator(allocator* own) {
-    own->deactivate(false);
+    own->retire();
     _push_released(own);
 }
 

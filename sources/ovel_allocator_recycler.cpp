@@ -97,9 +97,7 @@ void allocator_recycler::recycler_function::operator()() {
     set_thread_name("ovel-recycler");
     time const period = time::seconds(_period);
     time deadline = time::now() + period;
-    // From here on it uses no memory of its own: see the clock's thread.
-    allocator_group* const group = allocator_group::global();
-    group->deactivate_allocator(false);
+    detail::retire_current_allocator();
     while (!*_stop) {
         thread_support::timed_yield(time::then(nap));
         if (time::now() > deadline) {
@@ -109,7 +107,7 @@ void allocator_recycler::recycler_function::operator()() {
             while (deadline < time::now());
         }
     }
-    group->activate_allocator();
+    allocator_group::global()->activate_allocator();
 }
 
 }  // namespace ovel

@@ -4,7 +4,7 @@
 #include "ovel_time_server.h"
 
 #include "kernel.h"
-#include "ovel_allocator_group.h"
+#include "ovel_allocator.h"
 #include "ovel_guard.h"
 #include "ovel_once.h"
 #include "ovel_thread_support.h"
@@ -59,9 +59,7 @@ void time_server::operator()() {
     // Starts on the lowest processor of the process: processor 0 if the process may use
     // it.
     unsigned int processor = detail::stay_on(1);
-    // It only waits. Its allocator may have been that of a thread that has ended: others put back
-    // the blocks of that which they free.
-    allocator_group::global()->deactivate_allocator(false);
+    detail::retire_current_allocator();
     for (;;) {
         _request.acquire();
         // Acquire: makes the counted change of the mask visible.

@@ -68,6 +68,7 @@ struct ovel::detail::inspector {
         for (allocator* each = allocator::_released_allocators; each != nullptr;
              each = each->_next_released) {
             assure(!each->_activated && each != allocator::_default_allocator);
+            assure(each->_pending == nullptr);
             assure(++released < thread_allocators);
         }
         assure(released == thread_allocators - 1);
