@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Loads the library at run time and ends as its argument says: "return" from main, "exit", or
-// "free", which unloads the library before any of its threads was started. "free_and_end" does
-// the same while another thread is lent an allocator. That thread ends after the unload.
+// "free", which unloads the library before any of its threads was started, while another thread
+// is lent an allocator. That thread ends after the unload.
 
-#include "use.h"
+#include "ovel_kernel.h"
 
 #include <cstdlib>
 #include <semaphore>
@@ -29,32 +29,27 @@ int main(int, char** arguments) {
     if (user == nullptr)
         return 2;
     auto* const use =
-        reinterpret_cast<use_function*>(reinterpret_cast<void*>(GetProcAddress(user, "use")));
-    bool const unloads = way == "free" || way == "free_and_end";
+        reinterpret_cast<void (*)(bool)>(reinterpret_cast<void*>(GetProcAddress(user, "use")));
+    bool const unloads = way == "free";
     use(!unloads);
     tell("used\n");
     if (way == "exit")
         std::exit(0);
     if (unloads) {
         std::binary_semaphore used(0), may_end(0);
-        std::thread other;
-        if (way == "free_and_end") {
-            other = std::thread([&] {
-                use(false);
-                used.release();
-                may_end.acquire();
-            });
-            used.acquire();
-        }
+        std::thread other([&] {
+            use(false);
+            used.release();
+            may_end.acquire();
+        });
+        used.acquire();
         FreeLibrary(user);
         FreeLibrary(library);
         tell("freed\n");
         if (GetModuleHandleA("ovel.dll") != nullptr)
             return 3;
-        if (other.joinable()) {
-            may_end.release();
-            other.join();
-        }
+        may_end.release();
+        other.join();
     }
     return 0;
 }

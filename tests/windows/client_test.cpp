@@ -29,7 +29,6 @@ TEST(client_test, a_client_may_leave_in_any_way) {
     EXPECT_EQ(run_client("exit"), result(0, "used\n"));
     EXPECT_EQ(run_client("return"), result(0, "used\n"));
     EXPECT_EQ(run_client("free"), result(0, "used\nfreed\n"));
-    EXPECT_EQ(run_client("free_and_end"), result(0, "used\nfreed\n"));
 }
 
 // The system's loader keeps a flag for each module.

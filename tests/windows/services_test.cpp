@@ -33,15 +33,6 @@ Subject& closed(Subject& subject) {
     return subject;
 }
 
-TEST(time_unit_test, the_clock_factor_is_the_rate_in_the_registry) {
-    DWORD megahertz = 0;
-    DWORD size = sizeof megahertz;
-    ASSERT_EQ(RegGetValueA(HKEY_LOCAL_MACHINE, "HARDWARE\\DESCRIPTION\\System\\CentralProcessor\\0",
-                           "~MHz", RRF_RT_REG_DWORD, nullptr, &megahertz, &size),
-              ERROR_SUCCESS);
-    EXPECT_EQ(ovel::time_support::time_unit(), 1.0 / (megahertz * 1000000.0));
-}
-
 unsigned int volatile named = 0;
 
 // Processes that run the same program have their flags at the same addresses.

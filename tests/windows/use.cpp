@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Uses the library and leaves its threads running, for a program that is not linked to it.
 
-#include "use.h"
-
 #include "ovel.h"
 #include "ovel_work.h"
 
@@ -39,6 +37,7 @@ void use_threads() {
 
 }  // namespace
 
+// Uses everything that needs no thread and, with `threads`, the rest. An error fails a check.
 extern "C" __declspec(dllexport) void use(bool threads) {
     use_what_needs_no_thread();
     if (threads)
