@@ -7,21 +7,7 @@ namespace trace = ovel::trace;
 using json = nlohmann::json;
 
 #if !defined(OVEL_SANITIZED)  // the tools have operators of their own
-// So that this program can run out of memory. Not inlined, or gcc would take `free` for a mistake.
-static bool out_of_memory = false;
-void* operator new(std::size_t bytes, std::nothrow_t const&) noexcept {
-    return out_of_memory ? nullptr : std::malloc(bytes);
-}
-void* operator new(std::size_t bytes) {
-    void* const memory = operator new(bytes, std::nothrow);
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
+#include "ovel_own_operators.h"
 #endif
 
 namespace {
@@ -121,9 +107,9 @@ TEST(trace_test, invalid_bytes_in_names_are_replaced) {
 TEST(trace_test, a_scope_whose_name_the_recorder_cannot_share_is_dropped) {
     trace::shared_name const name("name");
     trace::recorder recorded;
-    out_of_memory = true;
+    own_operators::out_of_memory = true;
     { trace::scope const here(name, trace::wait); }
-    out_of_memory = false;
+    own_operators::out_of_memory = false;
     EXPECT_EQ(recorded.dropped(), 1U);  // without an attempt to record it
 }
 #endif

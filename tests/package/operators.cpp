@@ -2,33 +2,11 @@
 // A program with its own allocation operators. Those of a static library do not replace them,
 // and the library does not use them. Static objects of the program use the library, which must
 // be complete before their constructors run.
+#include "../ovel_own_operators.h"
+
 #include <ovel.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <new>
-
-namespace {
-
-int calls = 0;
-
-}  // namespace
-
-void* operator new(std::size_t bytes) {
-    ++calls;
-    void* const memory = std::malloc(bytes);
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
-
-void operator delete(void* memory) noexcept {
-    ++calls;
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept {
-    ++calls;
-    std::free(memory);
-}
 
 // Each thread, place and group of threads makes the library allocate.
 void use() {
@@ -47,12 +25,12 @@ struct static_user {
 } const user;
 
 char const* fault() {
-    if (calls != 0)
+    if (own_operators::calls != 0)
         return "The library used the program's operators";
     if (ovel::allocator_support::allocated_size() == 0)
         return "The library allocated nothing";
     delete new int;
-    return calls == 2 ? "" : "The program's operators were replaced";
+    return own_operators::calls == 2 ? "" : "The program's operators were replaced";
 }
 
 int main() {

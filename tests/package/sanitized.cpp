@@ -5,6 +5,7 @@
 #include <ovel_std.h>
 
 #include <cstdio>
+#include <map>
 #include <string_view>
 #include <thread>
 
@@ -37,13 +38,8 @@ void race() {
 
 }  // namespace
 
-int main(int count, char** arguments) {
-    std::string_view const mistake = count > 1 ? arguments[1] : "";
-    if (mistake == "race")
-        return race(), 0;
-    if (mistake == "freed")
-        return freed(), 0;
-    if (mistake == "header")
-        return header(), 0;
-    return 1;
+int main(int, char** arguments) {
+    std::map<std::string_view, void (*)()> const mistakes{
+        {"race", race}, {"freed", freed}, {"header", header}};
+    mistakes.at(arguments[1])();
 }
