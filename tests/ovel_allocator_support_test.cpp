@@ -16,10 +16,6 @@ constexpr std::size_t too_much = std::numeric_limits<std::size_t>::max();
 // The alignments that callers rely on.
 static_assert(alignment_of(24) == 8 && alignment_of(192) == 64 && alignment_of(1024) == 128);
 
-std::size_t beyond(void const* memory, std::size_t alignment) {
-    return reinterpret_cast<std::uintptr_t>(memory) % alignment;
-}
-
 // The block that serves a request, found without the library's own table.
 std::size_t block_for(std::size_t bytes) {
     std::size_t k = 0;
@@ -40,7 +36,7 @@ TEST(allocator_support_test, every_small_request_gets_the_first_class_that_holds
         std::size_t const expected = block_for(bytes);
         ASSERT_EQ(allocator_support::size(memory), expected - sizeof(block)) << bytes;
         ASSERT_EQ(allocator_support::allocated_size(), before + expected) << bytes;
-        ASSERT_EQ(beyond(memory, alignment_of(expected)), 0u) << bytes;
+        ASSERT_TRUE(aligned(memory, alignment_of(expected))) << bytes;
         std::memset(memory, 0x5a, allocator_support::size(memory));
         allocator_support::deallocate(memory);
         ASSERT_EQ(allocator_support::allocated_size(), before);
@@ -56,7 +52,7 @@ TEST(allocator_support_test, larger_requests_are_aligned_blocks_of_the_runtime_h
         std::size_t const capacity = allocator_support::allocated_capacity();
         void* const memory = allocator_support::allocate(bytes);
         std::size_t const usable = allocator_support::size(memory);
-        EXPECT_EQ(beyond(memory, 128), 0u);
+        EXPECT_TRUE(aligned(memory, 128));
         EXPECT_GE(usable, bytes);
         std::memset(memory, 0x5a, usable);
         std::size_t const region = allocator_support::allocated_size() - before;

@@ -12,11 +12,6 @@ namespace {
 
 using namespace ovel;
 
-// Takes a pointer: the compiler would assume that a reference is aligned.
-bool aligned(void const* memory, std::size_t alignment) {
-    return reinterpret_cast<std::uintptr_t>(memory) % alignment == 0;
-}
-
 template <std::size_t alignment>
 struct alignas(alignment) piece {
     char bytes[alignment];

@@ -14,8 +14,7 @@ void take_and_give_back(std::size_t alignment, Tags... tags) {
     void* const one = ::operator new(100, tags...);
     void* const many = ::operator new[](100, tags...);
     EXPECT_GE(allocator_support::allocated_size(), before + 200);
-    for (void* const each : {one, many})
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(each) % alignment, 0u);
+    EXPECT_TRUE(aligned(one, alignment) && aligned(many, alignment));
     ::operator delete(one, tags...);
     ::operator delete[](many, tags...);
     EXPECT_EQ(allocator_support::allocated_size(), before);

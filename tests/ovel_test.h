@@ -88,6 +88,11 @@ inline testing::AssertionResult contains(std::string const& text, std::string_vi
     return testing::AssertionResult(text.find(part) != text.npos) << text;
 }
 
+// Takes a pointer: the compiler would assume that a reference is aligned.
+inline bool aligned(void const* memory, std::size_t alignment) {
+    return reinterpret_cast<std::uintptr_t>(memory) % alignment == 0;
+}
+
 // A number, as a regular expression. GoogleTest brings its own, simpler expressions
 // where the system has none.
 #if GTEST_USES_SIMPLE_RE

@@ -10,21 +10,14 @@ namespace traffic {
 // Blocks that threads pass to each other: a thread puts its own and frees the one it finds,
 // whose contents must be intact.
 inline void exchange_blocks(unsigned int round) {
-    struct block {
-        std::size_t size;
-        unsigned char bytes[1];
-    };
+    using block = std::vector<unsigned char, ovel::container_allocator<unsigned char>>;
     static std::array<std::atomic<block*>, 256> places;
-    std::size_t const size = 1 + round * 37 % 5000;
-    auto* const made = static_cast<block*>(ovel::allocator_support::allocate(sizeof(block) + size));
-    made->size = size;
-    std::memset(made->bytes, static_cast<unsigned char>(size), size);
-    block* const found = places[round * 11 % places.size()].exchange(made);
-    if (found == nullptr)
-        return;
-    for (std::size_t i = 0; i != found->size; ++i)
-        assure(found->bytes[i] == static_cast<unsigned char>(found->size));
-    ovel::allocator_support::deallocate(found);
+    auto const made = [](std::size_t size) {
+        return std::make_unique<block>(size, static_cast<unsigned char>(size));
+    };
+    std::unique_ptr<block> const found(
+        places[round * 11 % places.size()].exchange(made(1 + round * 37 % 5000).release()));
+    assure(found == nullptr || *found == *made(found->size()));
 }
 
 inline void exchange_many_blocks(unsigned int round) {
