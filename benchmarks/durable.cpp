@@ -250,7 +250,7 @@ void add(std::string const& row, std::string const& name, run const& what, Once 
 }
 
 std::string file() {
-    static ovel_durable_test::folder const place;
+    static folder const place;
     return place.path() + "/store";
 }
 

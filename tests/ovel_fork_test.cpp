@@ -1,36 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Forks of a process with threads.
+#include "ovel_posix.h"
 #include "ovel_traffic.h"
 #include "ovel_typed_nets.h"
 
 #include <pthread.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
-
-// Forks. Returns nothing in the child, which dies if it hangs, and in the parent how that ended.
-std::optional<int> end_of_fork() {
-    pid_t const child = fork();
-    if (child == 0) {
-        alarm(60);
-        return {};
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status;
-}
-
-// Forks, and tells whether the child succeeds with `work`.
-template <class Work>
-bool in_fork(Work const& work) {
-    std::optional<int> const ended = end_of_fork();
-    if (!ended) {
-        work();
-        _exit(0);
-    }
-    return ended == 0;
-}
 
 // Everything that a child may do, twice: the second round reuses what the first one's threads
 // left behind. The child ends with `exit`, which waits for no thread of the parent.
@@ -69,7 +45,7 @@ void register_first(int, char**, char**) {
 [[gnu::section(".preinit_array"), gnu::used]] void (*const first)(int, char**,
                                                                   char**) = register_first;
 
-// Each kind of thread forks, beside threads that use all of the library.
+// Each kind of thread forks, beside threads that use all of the library. So does a child.
 TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
     auto const work = [] {
         EXPECT_TRUE(in_fork(use_everything));
@@ -78,7 +54,11 @@ TEST(fork_test, the_child_of_any_thread_may_use_the_library) {
     auto const users = crew(traffic::kinds, traffic::use_until_over);
     traffic::fill_pool(30);
     for (int forked = 0; forked != 20; ++forked) {
-        work();
+        EXPECT_TRUE(in_fork([] {
+            traffic::run_group();
+            assure(in_fork(use_everything));
+            use_everything();
+        }));
         traffic::run_on<ovel::thread>(work);
         traffic::run_in_work_group(work);
         traffic::run_in_net(work);
@@ -101,14 +81,6 @@ TEST(fork_test, handlers_that_run_while_the_locks_are_held_may_use_memory) {
             ovel_free(blocks->back());
             blocks->pop_back();
         }
-}
-
-TEST(fork_test, the_child_of_a_child_may_use_the_library) {
-    EXPECT_TRUE(in_fork([] {
-        traffic::run_group();
-        assure(in_fork(use_everything));
-        traffic::run_group();
-    }));
 }
 
 // The thread that forks has a scope open, whose group has no threads in the child.

@@ -59,8 +59,7 @@ TEST_F(ovel_net_test, a_net_ends_full_when_only_slots_are_missing) {
     // A transition without inputs fires as long as there are slots.
     write_net(R"(<place id="heap"/><transition id="source"/>
 <arc id="a" source="source" target="heap"><inscription><text>3</text></inscription></arc>)");
-    run("net.pnml --capacity 10");
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(run("net.pnml --capacity 10"), 0);
     EXPECT_TRUE(contains(out, "\n3 firings in "));
     EXPECT_TRUE(contains(out, "only room was missing"));
     EXPECT_TRUE(contains(out, "Tokens:\n             9  heap\n"));
@@ -121,8 +120,7 @@ TEST_F(ovel_net_test, nets_are_read_across_pages_references_prefixes_and_encodin
  </x:net>
  <x:net id="other" type="of another"/>
 </x:pnml>)");
-    run("net.pnml --json --dot drawing");
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(run("net.pnml --json --dot drawing"), 0);
     EXPECT_EQ(
         err,
         "ovel-net: net.pnml:26: warning: only the first net of the document is read\n"
@@ -182,9 +180,8 @@ TEST_F(ovel_net_test, an_error_in_a_net_is_one_line_with_its_position_and_writes
     };
     for (auto const& [text, says] : faults) {
         write("net.pnml", text);
-        run("net.pnml --dot d --svg s --json");
-        expect_refused(2, std::string("net.pnml:") + says);
-        EXPECT_TRUE(files().empty());
+        expect_refused("net.pnml --dot d --svg s --json", 2, std::string("net.pnml:") + says);
+        EXPECT_EQ(files(), 3) << "only the net beside the output";
     }
 }
 
@@ -198,13 +195,12 @@ TEST_F(ovel_net_test, a_file_that_cannot_be_read_or_written_is_reported_before_t
         {net + " --svg .", ".:1: cannot be written: Is a directory"},
     };
     for (auto const& [arguments, says] : faults) {
-        run(arguments);
-        expect_refused(2, says);
+        expect_refused(arguments, 2, says);
     }
-    run(net + " --firings 1 --svg s", "PATH=/none");
-    expect_refused(2,
-                   "s:1: cannot be drawn: Graphviz's dot does not run: No such file or directory");
-    EXPECT_TRUE(files().empty());
+    expect_refused(net + " --firings 1 --svg s", 2,
+                   "s:1: cannot be drawn: Graphviz's dot does not run: No such file or directory",
+                   "PATH=/none");
+    EXPECT_EQ(files(), 2);
 }
 
 TEST_F(ovel_net_test, drawings_replace_their_files_only_when_they_are_whole) {
@@ -218,18 +214,16 @@ TEST_F(ovel_net_test, drawings_replace_their_files_only_when_they_are_whole) {
     std::string const arguments = own("bicycles.pnml") + " --svg link --dot drawing";
 
     write("result", "3");
-    run(arguments, "PATH=.:$PATH");
-    EXPECT_EQ(status, 2);
+    EXPECT_EQ(run(arguments, "PATH=.:$PATH"), 2);
     EXPECT_EQ(err, "ovel-net: link:1: cannot be drawn: Graphviz's dot failed\n");
     EXPECT_EQ(read("picture"), "before");
-    EXPECT_EQ(files().size(), 4U) << "dot, result, link and picture";
+    EXPECT_EQ(files(), 6) << "dot, result, link and picture";
 
     write("result", "0");
-    run(arguments, "PATH=.:$PATH");
-    EXPECT_EQ(status, 0) << err;
+    EXPECT_EQ(run(arguments, "PATH=.:$PATH"), 0) << err;
     EXPECT_TRUE(read("drawing").starts_with("digraph {\n  label=\"bicycle factory\""));
     EXPECT_EQ(read("picture"), "<svg>\n" + read("drawing"));
-    EXPECT_EQ(files().size(), 5U) << "dot, result, link, picture and drawing";
+    EXPECT_EQ(files(), 7) << "dot, result, link, picture and drawing";
 
     run(own("bicycles.pnml") + " --dot /dev/stdout");
     EXPECT_TRUE(out.starts_with("bicycle factory: "));
@@ -254,11 +248,9 @@ TEST_F(ovel_net_test, bad_options_are_one_line_and_status_64) {
          "--check runs nothing, so there is no run to show or to explain"},
     };
     for (auto const& [arguments, says] : faults) {
-        run(arguments);
-        expect_refused(64, says + " (see --help)");
+        expect_refused(arguments, 64, says + " (see --help)");
     }
-    run("--help");
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(run("--help"), 0);
     EXPECT_TRUE(out.starts_with("ovel-net NET.pnml"));
 }
 

@@ -3,64 +3,28 @@
 #include "ovel_durable_fixture.h"
 #include "ovel_durable_ledger.h"
 
-#include <sys/wait.h>
-
 using namespace ovel_durable_test;
 
 namespace {
 
-// The process of a command of the shell.
-class process {
-public:
-    explicit process(std::string const& command) : _id(fork()) {
-        if (_id == 0) {
-            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
-            _exit(127);
-        }
-    }
-    ~process() {
-        if (!has_ended()) {
-            ::kill(_id, SIGKILL);
-            waitpid(_id, nullptr, 0);
-        }
-    }
-    process(process const&) = delete;
-    process& operator=(process const&) = delete;
-
-    void signal(int number) const {
-        ::kill(_id, number);
-    }
-
-    bool has_ended() {
-        _ended = _ended || waitpid(_id, &_status, WNOHANG) == _id;
-        return _ended;
-    }
-    bool was_killed() const {
-        return WIFSIGNALED(_status) && WTERMSIG(_status) == SIGKILL;
-    }
-    // Its exit status, once it has ended.
-    int status() {
-        bool const ended = wait_for([&] { return has_ended(); });
-        return ended && WIFEXITED(_status) ? WEXITSTATUS(_status) : -1;
-    }
-
-private:
-    pid_t const _id;
-    int _status = 0;
-    bool _ended = false;
-};
-
 class ovel_durable_crash_test : public on_either_store {
 protected:
-    // A member of the net `name`, in a process of its own, whose error stream goes to a file.
-    std::unique_ptr<process> member(std::string const& name, std::string const& does) {
-        return std::make_unique<process>("exec " OVEL_DURABLE_MEMBER " '" + _url + "' '" + name +
-                                         "' " + does + " 2>>" + _folder.path() + "/errors");
+    // A member of the net `name`, in a process of its own whose error stream goes to a file, after
+    // commands of the shell: how the process ends.
+    std::future<int> member(std::string const& name, std::string const& does,
+                            std::string const& commands = "") {
+        std::string const command = commands + "echo $$ >" + _folder / "process" +
+                                    "; exec " OVEL_DURABLE_MEMBER " '" + _url + "' '" + name +
+                                    "' " + does + " 2>>" + _folder / "errors";
+        return std::async(std::launch::async, [command] { return std::system(command.c_str()); });
     }
-    // What such members have said.
+    // Sends a signal to the last of them.
+    void signal(std::string const& number) {
+        EXPECT_EQ(std::system(("kill -" + number + " " + content(_folder / "process")).c_str()), 0);
+    }
+    // What they have said.
     std::string errors() {
-        std::ifstream in(_folder.path() + "/errors");
-        return {std::istreambuf_iterator<char>(in), {}};
+        return content(_folder / "errors");
     }
 
     parts::connector store() {
@@ -81,14 +45,14 @@ protected:
     std::string error_of_run(std::string const& refusal) {
         ledger run(store(), _name, quick());
         run.net.explain();  // makes the tables
-        _server->run(
+        postgresql().run(
             "CREATE OR REPLACE FUNCTION ovel_durable.refuse() RETURNS trigger LANGUAGE plpgsql AS "
             "'BEGIN IF random() < 0.1 THEN RAISE " +
             refusal +
             "; END IF; RETURN NEW; END'; CREATE TRIGGER refuse BEFORE INSERT ON "
             "ovel_durable.tokens FOR EACH ROW EXECUTE FUNCTION ovel_durable.refuse()");
         std::string const told = error_of([&] { run.run(); });
-        _server->run("DROP TRIGGER refuse ON ovel_durable.tokens");
+        postgresql().run("DROP TRIGGER refuse ON ovel_durable.tokens");
         return told;
     }
 };
@@ -114,7 +78,7 @@ TEST_P(ovel_durable_crash_test, no_token_is_lost_or_duplicated_by_kills) {
         ledger last(store(), name, quick());
         last.net.explain();  // makes the net
         auto const watcher = connect();
-        std::vector<std::unique_ptr<process>> members;
+        std::vector<std::future<int>> members;
         for (int i = 0; i < 3; ++i)
             members.push_back(start());
         // A member that comes to rest leaves; then all will.
@@ -126,12 +90,14 @@ TEST_P(ovel_durable_crash_test, no_token_is_lost_or_duplicated_by_kills) {
                     EXPECT_TRUE(place.tokens <= place.capacity &&
                                 place.free <= place.capacity - place.tokens)
                         << place.name;
-                ended = std::find_if(members.begin(), members.end(),
-                                     [](auto const& each) { return each->has_ended(); });
+                ended = std::ranges::find_if(members, [](auto const& each) {
+                    return each.wait_for(0s) == std::future_status::ready;
+                });
                 return ended != members.end();
             })) << errors();
-            bool const killed = (*ended)->was_killed();
-            EXPECT_TRUE(killed || (*ended)->status() == 0) << errors();
+            int const status = ended->get();
+            bool const killed = status == SIGKILL;  // a wait status, without a core
+            EXPECT_TRUE(killed || status == 0) << errors();
             kills += killed;
             at_rest = at_rest || !killed;
             members.erase(ended);
@@ -154,7 +120,8 @@ TEST_P(ovel_durable_crash_test, a_full_disk_is_an_error_that_loses_nothing) {
         EXPECT_TRUE(contains(error_of_run("disk_full"), "disk_full"));
     } else {
         ledger(store(), _name, quick()).net.explain();  // makes the tables
-        EXPECT_EQ(member(_name, "none 0 200000")->status(), 1);
+        EXPECT_EQ(WTERMSIG(member(_name, "none 0", "trap '' XFSZ; ulimit -f 400; ").get()),
+                  SIGABRT);
         EXPECT_TRUE(contains(errors(), "the store " + file() + ": disk I/O error"));
     }
     finish(_name);
@@ -172,18 +139,11 @@ TEST_P(ovel_durable_crash_test, an_aborted_transaction_is_repeated) {
             sqlite_file other(file() + mode);
             other.run("PRAGMA journal_mode = " + mode +
                       "; BEGIN IMMEDIATE; CREATE TABLE t (x); DROP TABLE t");
-            std::atomic<bool> over = false;
-            std::string told;
-            std::jthread starter([&] {
-                told = error_of(
-                    [&] { ledger(parts::connect_to(_url + mode), _name, quick()).net.start(); });
-                over = true;
-            });
-            auto const end = std::chrono::steady_clock::now() + 100ms;
-            until([&] { return over || std::chrono::steady_clock::now() > end; });
+            auto told = error_later(
+                [&] { ledger(parts::connect_to(_url + mode), _name, quick()).net.start(); });
+            told.wait_for(100ms);
             other.run("COMMIT");
-            starter.join();
-            EXPECT_EQ(told, "no error") << mode;
+            EXPECT_EQ(told.get(), "no error") << mode;
         }
     }
     EXPECT_EQ(reports(), "");
@@ -220,8 +180,8 @@ TEST_P(ovel_durable_server_test, a_crash_of_the_server_loses_nothing) {
     right.net.start();
     for (int crash = 1; crash <= 2; ++crash) {
         ASSERT_TRUE(wait_for([&] { return bodies > 60 * crash; }));
-        _server->kill();
-        _server->start();
+        postgresql().kill();
+        postgresql().start();
     }
     left.net.join();
     right.net.join();
@@ -237,12 +197,12 @@ TEST_P(ovel_durable_server_test, a_server_that_stays_away_is_one_error) {
     ledger run(store(), _name, chosen, count_body);
     run.net.start();
     ASSERT_TRUE(wait_for([&] { return bodies > 30; }));
-    _server->stop();
+    postgresql().stop();
     std::string const told = error_of([&] { run.net.join(); });
     EXPECT_TRUE(contains(told, "store"));
     EXPECT_FALSE(contains(told, "\n"));
     EXPECT_TRUE(contains(error_of([&] { run.net.start(); }), "no connection to the store"));
-    _server->start();
+    postgresql().start();
     run.run();
     run.verify();
 }
@@ -255,15 +215,15 @@ TEST_P(ovel_durable_server_test, a_call_after_a_crash_connects_anew) {
     auto const place = net.insert_place<int>("place", 10);
     auto receivers = crew(3, [&](int) { place.receive(); });
     ASSERT_TRUE(wait_for([&] {
-        return _server->run(
+        return postgresql().run(
                    "SELECT count(*) FROM pg_stat_activity WHERE application_name = "
                    "'ovel'") == "3";
     }));
     for (int i = 0; i < 3; ++i)
         place.send(i);
     receivers.clear();
-    _server->kill();
-    _server->start();
+    postgresql().kill();
+    postgresql().start();
     EXPECT_EQ(error_of([&] { place.send(4); }), "no error");
     EXPECT_EQ(place.try_receive(), 4);
 }
@@ -272,15 +232,16 @@ TEST_P(ovel_durable_server_test, a_call_after_a_crash_connects_anew) {
 TEST_P(ovel_durable_server_test, a_process_that_stops_in_a_transaction_does_not_stop_others) {
     PGconn* const gate = PQconnectdb(_url.c_str());
     PQclear(PQexec(gate, "SELECT pg_advisory_lock(7310021996)"));
-    auto const stopped = member(_name, "none 0");
-    EXPECT_TRUE(wait_for(
-        [&] { return _server->run("SELECT count(*) FROM pg_locks WHERE NOT granted") == "1"; }));
-    stopped->signal(SIGSTOP);
+    auto stopped = member(_name, "none 0");
+    EXPECT_TRUE(wait_for([&] {
+        return postgresql().run("SELECT count(*) FROM pg_locks WHERE NOT granted") == "1";
+    }));
+    signal("STOP");
     PQfinish(gate);
     durable::net net(_url, new_name(), quick());
     net.insert_place<int>("place", 1).send(1);
-    stopped->signal(SIGCONT);
-    EXPECT_NE(stopped->status(), -1);
+    signal("CONT");
+    stopped.wait();
     EXPECT_TRUE(contains(errors(), "the connection to the store is lost"));
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the suites share that run on either store, with one server for all tests of a suite.
+// What the suites share that run on either store.
 #ifndef OVEL_DURABLE_FIXTURE_H
 #define OVEL_DURABLE_FIXTURE_H
 
@@ -27,17 +27,20 @@ std::string error_of(Call const& call) {
     return "no error";
 }
 
+// The same, on a thread of its own.
+template <class Call>
+std::future<std::string> error_later(Call const& call) {
+    return std::async(std::launch::async, [call] { return error_of(call); });
+}
+
 // What another program does with a file of SQLite.
 class sqlite_file {
 public:
     explicit sqlite_file(std::string const& path) {
-        sqlite3_open(path.c_str(), &_file);
+        sqlite3* opened = nullptr;
+        sqlite3_open(path.c_str(), &opened);
+        _file.reset(opened, sqlite3_close);
     }
-    ~sqlite_file() {
-        sqlite3_close(_file);
-    }
-    sqlite_file(sqlite_file const&) = delete;
-    sqlite_file& operator=(sqlite_file const&) = delete;
 
     // Runs SQL, and returns the first field of the last row.
     std::string run(std::string const& statements) {
@@ -46,13 +49,13 @@ public:
             *static_cast<std::string*>(kept) = fields[0];
             return 0;
         };
-        if (sqlite3_exec(_file, statements.c_str(), keep, &field, nullptr) != SQLITE_OK)
-            throw std::runtime_error(sqlite3_errmsg(_file));
+        if (sqlite3_exec(_file.get(), statements.c_str(), keep, &field, nullptr) != SQLITE_OK)
+            throw std::runtime_error(sqlite3_errmsg(_file.get()));
         return field;
     }
 
 private:
-    sqlite3* _file = nullptr;
+    std::shared_ptr<sqlite3> _file;
 };
 
 // Forwards to another store, and calls an observer at some points, which may kill the process
@@ -156,24 +159,16 @@ inline std::string store_name(testing::TestParamInfo<char const*> const& chosen)
 
 class on_either_store : public testing::TestWithParam<char const*> {
 protected:
-    static void TearDownTestSuite() {
-        _server.reset();
+    // One for all tests, started by the first that needs it.
+    static server& postgresql() {
+        static server started;
+        return started;
     }
-    void SetUp() override {
-        if (on_server()) {
-            if (_server == nullptr)
-                _server = std::make_unique<server>();
-            _url = _server->url();
-        } else {
-            _url = "sqlite:" + file();
-        }
-    }
-
     static bool on_server() {
         return GetParam() == std::string("postgresql");
     }
     std::string file() const {
-        return _folder.path() + "/store";
+        return _folder / "store";
     }
 
     // A name that no other test has.
@@ -209,9 +204,8 @@ protected:
         };
     }
 
-    inline static std::unique_ptr<server> _server;
     folder _folder;
-    std::string _url;
+    std::string _url = on_server() ? postgresql().url() : "sqlite:" + file();
     std::string _name = new_name();
 
 private:

@@ -4,21 +4,16 @@
 #ifndef OVEL_DURABLE_SERVER_H
 #define OVEL_DURABLE_SERVER_H
 
+#include "../../tests/ovel_posix.h"
+
 #include <libpq-fe.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <stdexcept>
 #include <string>
 #include <thread>
 
 namespace ovel_durable_test {
-
-namespace fs = std::filesystem;
 
 // Waits for a condition of another process or thread: false if that takes a minute.
 template <class Condition>
@@ -32,60 +27,31 @@ bool wait_for(Condition const& holds) {
     return true;
 }
 
-// A temporary folder that all users may write to.
-class folder {
-public:
-    folder() {
-        if (mkdtemp(_path.data()) == nullptr)
-            throw std::runtime_error("no folder for the tests");
-        chmod(_path.c_str(), 0777);
-    }
-    ~folder() {
-        std::error_code ignored;
-        fs::remove_all(_path, ignored);
-    }
-    folder(folder const&) = delete;
-    folder& operator=(folder const&) = delete;
-
-    std::string const& path() const {
-        return _path;
-    }
-
-private:
-    std::string _path = (fs::temp_directory_path() / "ovel_durable.XXXXXX").string();
-};
-
 class server {
 public:
     // Makes a cluster and starts it, with more settings.
     explicit server(std::string const& settings = "fsync = off\n") {
         _run_program("initdb --no-sync --auth=trust --username=ovel --encoding=UTF8 --locale=C");
-        std::ofstream(_folder.path() + "/data/postgresql.conf", std::ios::app)
+        std::ofstream(_folder / "data/postgresql.conf", std::ios::app)
             << "listen_addresses = ''\nunix_socket_directories = '" << _folder.path()
             << "'\nport = 5432\nmax_connections = 100\nshared_buffers = 32MB\n"
             << settings;
         start();
     }
     ~server() {
-        if (_runs)
-            stop();
+        stop();
     }
-    server(server const&) = delete;
-    server& operator=(server const&) = delete;
 
     void start() {
         _run_program("pg_ctl -w -t 60 start");
-        _runs = true;
     }
     // As an administrator does it.
     void stop() {
         _run_program("pg_ctl -w -m fast stop");
-        _runs = false;
     }
     // Cuts all connections, and leaves the recovery to the next start.
     void kill() {
         _run_program("pg_ctl -w -m immediate stop");
-        _runs = false;
     }
 
     std::string url() const {
@@ -121,7 +87,6 @@ private:
     }
 
     folder _folder;
-    bool _runs = false;
 };
 
 }  // namespace ovel_durable_test

@@ -16,6 +16,17 @@ parts::structure plan(std::string const& name, std::size_t in_a, std::size_t in_
         {{"one", {{0, true, 1}, {2, false, 1}}}, {"two", {{1, true, 1}, {2, false, 1}}}}};
 }
 
+// One transition that joins the tokens of `a` and `b`, and one that cannot fire.
+parts::structure join_plan(std::string const& name, std::vector<std::string> const& a,
+                           std::vector<std::string> const& b) {
+    parts::structure net = plan(name, 0, 0);
+    net.places[0].initial = a;
+    net.places[1].initial = b;
+    net.transitions[0].arcs = {{0, true, 1}, {1, true, 1}, {2, false, 1}};
+    net.transitions[1].arcs = {{2, true, 9}};
+    return net;
+}
+
 template <class Body>
 void build(durable::net& net, Body const& body) {
     auto const a = net.insert_place<int>("a", 10);
@@ -99,12 +110,9 @@ TEST_P(ovel_durable_store_test, a_claim_that_is_ended_under_two_epochs_is_commit
 // Of firings that were claimed together, some are committed, some given back in their old
 // order, and some are taken over by two members, one by one. Each keeps its number and token.
 TEST_P(ovel_durable_store_test, firings_that_were_claimed_together_end_apart) {
-    parts::structure own = plan(_name, 0, 0);
-    own.places[0].initial = {"0", "1", "2", "3", "4", "5", "6"};
-    own.transitions[0].arcs = {{0, true, 1}, {1, true, 1}, {2, false, 1}};
-    own.places[1].initial = own.places[0].initial;
-    own.transitions[1].arcs = {{2, true, 9}};
-    seat first = enter(own, 1);  // which cannot fire
+    std::vector<std::string> const numbers = {"0", "1", "2", "3", "4", "5", "6"};
+    parts::structure const own = join_plan(_name, numbers, numbers);
+    seat first = enter(own, 1);
     claims const all = first.claim(0, 6);
     ASSERT_EQ(all.size(), 6U);
     for (std::size_t i = 0; i < all.size(); ++i)
@@ -300,7 +308,7 @@ TEST_P(ovel_durable_store_test, tables_of_another_version_are_refused) {
     };
     auto const set = [&](std::string const& version) {
         if (on_server())
-            _server->run("UPDATE ovel_durable.version SET number = " + version);
+            postgresql().run("UPDATE ovel_durable.version SET number = " + version);
         else
             sqlite_file(file()).run("PRAGMA user_version = " + version);
     };
@@ -320,7 +328,7 @@ TEST_P(ovel_durable_store_test, tables_of_another_version_are_refused) {
 // A program that looks for a net makes no file, and none turns another's file into a store.
 TEST(ovel_durable_file_test, a_file_that_is_no_store_stays_as_it_is) {
     folder const place;
-    std::string const file = place.path() + "/file";
+    std::string const file = place / "file";
     auto const connect = parts::connect_to("sqlite:" + file);
     std::string const absent = "the store " + file + ": unable to open database file";
     EXPECT_EQ(error_of([&] { parts::nets_of(connect); }), absent);
@@ -340,7 +348,7 @@ class ovel_durable_race_test : public ovel_durable_store_test {
 protected:
     // Waits until the server answers a question with "1".
     static bool comes_true(std::string const& question) {
-        return wait_for([&] { return _server->run("SELECT " + question) == "1"; });
+        return wait_for([&] { return postgresql().run("SELECT " + question) == "1"; });
     }
 };
 INSTANTIATE_TEST_SUITE_P(stores, ovel_durable_race_test, server_only, store_name);
@@ -353,41 +361,36 @@ TEST_P(ovel_durable_race_test, a_claim_is_not_taken_from_the_member_that_took_it
     seat slow = enter(plan(_name, 1, 0), 0, "&application_name=slow");
     std::string const clock =
         "CREATE OR REPLACE FUNCTION ovel_durable.clock() RETURNS double precision ";
-    _server->run(clock +
-                 "LANGUAGE plpgsql AS 'BEGIN IF current_setting(''application_name'') = ''slow'' "
-                 "THEN PERFORM pg_advisory_lock_shared(1), pg_advisory_unlock_shared(1); END IF; "
-                 "RETURN extract(epoch FROM clock_timestamp()); END'");
+    postgresql().run(
+        clock +
+        "LANGUAGE plpgsql AS 'BEGIN IF current_setting(''application_name'') = ''slow'' "
+        "THEN PERFORM pg_advisory_lock_shared(1), pg_advisory_unlock_shared(1); END IF; "
+        "RETURN extract(epoch FROM clock_timestamp()); END'");
     PGconn* const gate = PQconnectdb(_url.c_str());
     PQclear(PQexec(gate, "SELECT pg_advisory_lock(1)"));
-    std::size_t taken = 1;
-    std::jthread late([&] { taken = slow.take_over().size(); });
+    auto late = std::async(std::launch::async, [&] { return slow.take_over(); });
     EXPECT_TRUE(comes_true("count(*) FROM pg_locks WHERE locktype = 'advisory' AND NOT granted"));
     claims const first = quick.take_over();
     PQfinish(gate);
-    late.join();
+    EXPECT_TRUE(late.get().empty());
     EXPECT_EQ(first.size(), 1U);
-    EXPECT_EQ(taken, 0U);
     EXPECT_EQ(quick.end(first).committed, 1U);
-    _server->run(clock +
-                 "LANGUAGE sql AS 'SELECT extract(epoch FROM clock_timestamp())::double "
-                 "precision'");
+    postgresql().run(clock +
+                     "LANGUAGE sql AS 'SELECT extract(epoch FROM clock_timestamp())::double "
+                     "precision'");
 }
 
 // A row may not have more than 1 GB, however many large values a member claims at once.
 TEST_P(ovel_durable_race_test, large_values_are_in_rows_of_their_own) {
-    parts::structure own = plan(_name, 0, 0);
     std::string const large(1'500'000, 'x');
-    own.places[0].initial = {"1", large, large, large, "2", "3"};
-    own.places[1].initial.assign(6, large);
-    own.transitions[0].arcs = {{0, true, 1}, {1, true, 1}, {2, false, 1}};
-    own.transitions[1].arcs = {{2, true, 9}};
-    seat member = enter(own, 1);  // which cannot fire
+    std::vector<std::string> const some = {"1", large, large, large, "2", "3"};
+    seat member = enter(join_plan(_name, some, std::vector(6, large)), 1);
     claims const all = member.claim(0, 6);
     ASSERT_EQ(all.size(), 6U);
     EXPECT_TRUE(comes_true("least(count(*) / 4, 1) FROM ovel_durable.claims WHERE net = " +
                            std::to_string(member.net.net)));
     for (std::size_t i = 0; i < all.size(); ++i)
-        EXPECT_TRUE(all[i].values[0] == own.places[0].initial[i] && all[i].values[1] == large);
+        EXPECT_TRUE(all[i].values[0] == some[i] && all[i].values[1] == large);
     EXPECT_EQ(member.end(all).committed, 6U);
     EXPECT_EQ(seen().places[2].tokens, 6U);
 }
@@ -398,24 +401,20 @@ TEST_P(ovel_durable_race_test, an_error_after_a_commit_loses_nothing) {
     auto const out = receiver.insert_place<int>("place", 1);
     auto const in = sender.insert_place<int>("place", 1);
     EXPECT_EQ(in.try_receive(), std::nullopt);  // makes the tables
-    std::string told;
-    int number = 0;
-    std::jthread blocked([&] { told = error_of([&] { number = out.receive(); }); });
+    auto blocked = std::async(std::launch::async, [&] { return out.receive(); });
     EXPECT_TRUE(comes_true(
         "count(*) FROM ovel_durable.watchers w JOIN ovel_durable.nets n ON n.id = w.net WHERE "
         "n.name = '" +
         _name + "'"));
-    _server->run(
+    postgresql().run(
         "CREATE FUNCTION ovel_durable.full() RETURNS trigger LANGUAGE plpgsql AS 'BEGIN RAISE "
         "EXCEPTION ''full''; END'; CREATE TRIGGER disk_full BEFORE DELETE ON ovel_durable.watchers "
         "FOR EACH ROW EXECUTE FUNCTION ovel_durable.full(); CREATE FUNCTION "
         "ovel_durable.pg_notify(text, text) RETURNS void LANGUAGE plpgsql AS 'BEGIN RAISE "
         "EXCEPTION ''full''; END'");
     EXPECT_EQ(error_of([&] { in.send(7); }), "no error");
-    blocked.join();
-    EXPECT_EQ(told, "no error");
-    EXPECT_EQ(number, 7);
-    _server->run(
+    EXPECT_EQ(blocked.get(), 7);
+    postgresql().run(
         "DROP FUNCTION ovel_durable.pg_notify; DROP TRIGGER disk_full ON ovel_durable.watchers; "
         "DROP FUNCTION ovel_durable.full");
 }

@@ -2,8 +2,6 @@
 // Durable nets within one process, on either store.
 #include "ovel_durable_fixture.h"
 
-#include <sys/wait.h>
-
 using namespace ovel_durable_test;
 
 // A value whose bytes cannot always be read, or made.
@@ -106,14 +104,7 @@ TEST_P(ovel_durable_test, a_fork_only_destroys_its_copy) {
     net->start();
     in.send(1);
     EXPECT_EQ(out.receive(), 1);
-    pid_t const child = fork();
-    if (child == 0) {
-        net.reset();
-        _exit(0);
-    }
-    int status = -1;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(in_fork([&] { net.reset(); }));
     in.send(2);
     EXPECT_EQ(out.receive(), 2);
     net->join();
@@ -234,12 +225,9 @@ TEST_P(ovel_durable_test, an_exception_fails_the_net_for_all_and_keeps_the_token
     insert_work(other, work);
     auto const blocked = insert_work(client, work).second;
     other.start({});
-    std::string told;
-    std::jthread receiver([&] {
-        told = error_of([&] {
-            for (;;)
-                blocked.receive();
-        });
+    auto told = error_later([&] {
+        for (;;)
+            blocked.receive();
     });
     for (int i = 1; i <= 3; ++i)
         in.send(i);
@@ -247,8 +235,7 @@ TEST_P(ovel_durable_test, an_exception_fails_the_net_for_all_and_keeps_the_token
     EXPECT_THROW(net.join(), std::logic_error);
     std::string const all = "bytes \\xff\\xed\\xa0\\x80 of \xc3\xa4";
     EXPECT_EQ(error_of([&] { other.join(); }), all);
-    receiver.join();
-    EXPECT_EQ(told, all);
+    EXPECT_EQ(told.get(), all);
     EXPECT_TRUE(contains(net.explain(), "Failed: " + all));
     EXPECT_TRUE(contains(net.explain(), " of 100, 1 claimed"));
     broken = false;
@@ -301,11 +288,11 @@ TEST_P(ovel_durable_test, a_codec_that_throws_keeps_the_token_and_names_it) {
 // The names of stores, and what refuses them.
 TEST(ovel_durable_error_test, a_store_that_cannot_be_used_is_one_clear_error) {
     folder const place;
-    std::ofstream(place.path() + "/text") << std::string(5000, 'x');
+    std::ofstream(place / "text") << std::string(5000, 'x');
     std::pair<std::string, char const*> const stores[] = {
         {"mysql:x", "a store is sqlite:FILE or postgresql://..., not \"mysql:x\""},
         {"sqlite:/nowhere/at/all", "the store /nowhere/at/all: unable to open database file"},
-        {"sqlite:" + place.path() + "/text", "file is not a database"},
+        {"sqlite:" + place / "text", "file is not a database"},
         {"postgresql://ovel@/x?host=" + place.path(),
          "no connection to the store: connection to server on socket"},
     };
