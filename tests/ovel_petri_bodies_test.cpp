@@ -181,60 +181,19 @@ TEST(petri_bodies_test, a_transition_fires_only_while_the_place_of_unless_is_emp
     tested.join();
 }
 
-// Two bodies read at once, one of them by hand, while a transition and a client want the token.
-TEST(petri_bodies_test, firings_that_read_share_a_token_and_keep_it_from_those_that_take) {
-    net tested(3);
-    auto const price = tested.insert_place<int>("price", 2);
-    auto const [orders, others, news, quotes] =
-        insert_places<int>(tested, 2, "orders", "others", "news", "quotes");
-    std::atomic<int> reading = 0;
-    ovel::latch go(1);
-    auto const hold = [&] {
-        ++reading;
-        go.wait();
-    };
-    tested.insert_transition("quote", from(orders, reads(price)), to(quotes),
-                             [&](int order, int seen) { return hold(), order * seen; });
-    tested.insert_transition("look", from(others, reads(price)), to(quotes),
-                             [&, others = others, quotes = quotes](ovel::firing& now) {
-                                 hold();
-                                 now.put(quotes, now.take(others) * now.peek(price));
-                             });
-    tested.insert_transition("update", from(news, price), to(price),
-                             [](int change, int old) { return old + change; });
-    price.send(10);
-    fill(orders, {1});
-    fill(others, {1});
-    tested.start();
-    until([&] { return reading == 2; });
-    news.send(1);
-    EXPECT_FALSE(price.try_receive().has_value());
-    EXPECT_EQ(price.try_peek(), 10);
-    EXPECT_EQ(price.size(), 1u);
-    EXPECT_TRUE(
-        tested.explain().text().starts_with("place price: 1 token of 2, read by 2 firings\n"));
-    EXPECT_TRUE(tested.explain().text().ends_with("transition update: lacks 1 token of price\n"));
-    EXPECT_NE(tested.explain().dot().find("p0 -> t0 [arrowhead=none"), std::string::npos);
-    go.count_down();
-    EXPECT_EQ(quotes.receive() + quotes.receive(), 20);
-    until([&, news = news] { return news.size() == 0 && price.try_peek() == 11; });
-    fill(orders, {2});
-    EXPECT_EQ(quotes.receive(), 22);
-    tested.join();
-    EXPECT_EQ(price.size(), 1u);
-}
-
+// One firing takes a token and reads another one, both by hand.
 TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
     net tested(2);
     auto const jobs = tested.insert_place<int>("jobs \"of\" all", 3);
     auto const [desks, held] = insert_places<int>(tested, 2, "desks", "held");
-    auto const [done, in, slow] = insert_places<int>(tested, 1, "done", "in", "slow");
+    auto const [done, in, slow, price] =
+        insert_places<int>(tested, 1, "done", "in", "slow", "price");
     auto const out = tested.insert_place<int>("out", 1, ovel::closes);
     ovel::latch begun(1), go(1);
-    auto const hold = [&](int token) {
+    auto const hold = [&, held = held, price = price](ovel::firing& now) {
         begun.count_down();
         go.wait();
-        return token;
+        now.put(jobs, now.take(held) * now.peek(price));
     };
     auto const work = tested.insert_transition("work", from(jobs, desks.times(2)), to(done),
                                                [](int job, std::vector<int>) { return job; });
@@ -246,9 +205,11 @@ TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
     tested.insert_transition("sum", from(in), to(out),
                              [](std::optional<int> token) { return token.value_or(0); });
     tested.insert_transition("late", from(in), [](int) {}, {.after = 24h});
-    tested.insert_transition("hold", from(held), to(jobs), hold, {.reentrant = true, .limit = 1});
+    tested.insert_transition("hold", from(held, reads(price)), to(jobs), hold,
+                             {.reentrant = true, .limit = 1});
+    tested.insert_transition("update", from(price), to(slow), pass_on);
     tested.insert_transition("wait", from(slow), [](int) {}, {.after = 24h});
-    for (auto const& each : {jobs, desks, held, held, done, in, slow})
+    for (auto const& each : {jobs, desks, held, held, done, in, slow, price})
         each.send(1);
     in.close();
     tested.start();
@@ -262,6 +223,7 @@ TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
         "place done: 1 token of 1\n"
         "place in: 0 tokens of 1, ended\n"
         "place slow: 1 token of 1\n"
+        "place price: 1 token of 1, read by 1 firing\n"
         "place out: 1 token of 1\n"
         "transition work: lacks 1 token of desks and 1 slot of done\n"
         "transition clean: not active, lacks nothing\n"
@@ -269,15 +231,19 @@ TEST(petri_bodies_test, a_net_tells_what_keeps_its_transitions_from_firing) {
         "transition sum: at its end, lacks 1 slot of out\n"
         "transition late: ended\n"
         "transition hold: 1 firing, as many as may run at once\n"
+        "transition update: lacks 1 token of price and 1 slot of slow\n"
         "transition wait: ";
     EXPECT_EQ(told.text(), text + "waits for its delay\n");
     EXPECT_EQ(told.transitions[0].arcs[1].available, 1u);
+    EXPECT_FALSE(price.try_receive().has_value());
+    EXPECT_EQ(price.try_peek(), 1);
     std::string const drawing = told.dot();
     for (char const* const line : {"    p0 [shape=ellipse, label=\"jobs \\\"of\\\" all 1/3\"];\n",
                                    "    p0 -> t0 [arrowhead=normal, label=\"\"];\n",
                                    "    p1 -> t0 [arrowhead=normal, label=\"2\", color=red];\n",
                                    "    t0 -> p3 [arrowhead=normal, label=\"\", color=red];\n",
-                                   "    t1 [shape=box, label=\"clean\", style=dashed];\n"})
+                                   "    t1 [shape=box, label=\"clean\", style=dashed];\n",
+                                   "    p6 -> t5 [arrowhead=none, label=\"\"];\n"})
         EXPECT_TRUE(contains(drawing, line));
     tested.halt();
     std::string const still = "no transition fires until the next start\n";
