@@ -18,13 +18,15 @@ TEST_P(parallel_test, the_stack_is_bounded_by_the_nesting_of_scopes) {
     std::atomic<int> ran = 0;
     auto const held = std::make_shared<int>();
     long most = 0;
-    auto const chain = [&](auto const& self, task_scope& scope, int left) -> void {
+    auto const count = [&] {
         ++ran;
-        parallel_invoke([] {}, [] {});
+    };
+    auto const chain = [&](auto const& self, task_scope& scope, int left) -> void {
+        parallel_invoke(count, count);
         // Each leaves another child behind, so that no room stays for the next one; some leave
         // more than a thread runs in their order.
         for (int more = left % 1000 == 0 ? 100 : 1; more != 0; --more)
-            scope.run([&] { ++ran; });
+            scope.run(count);
         if (left != 0)
             scope.run([=, &scope] { self(self, scope, left - 1); });
     };
@@ -39,8 +41,13 @@ TEST_P(parallel_test, the_stack_is_bounded_by_the_nesting_of_scopes) {
         here.wait();
     });
     small.wait();
-    EXPECT_EQ(ran, 2 * (links + 1) + 99 * (links / 1000 + 1) + 2000);
+    EXPECT_EQ(ran, 3 * (links + 1) + 99 * (links / 1000 + 1) + 2000);
     EXPECT_LE(most, 1100) << "children wait without a bound";
+    // Outside of any group, and on one.
+    parallel_invoke(count, count);
+    parallel_invoke(small, count);
+    parallel_invoke(small, count, count, count);
+    EXPECT_EQ(ran, 3 * (links + 1) + 99 * (links / 1000 + 1) + 2006);
 }
 
 // Every child throws, so do the scopes around them; what they hold is counted.
@@ -207,18 +214,6 @@ TEST_P(parallel_test, loops_end_early_and_say_so) {
         };
         EXPECT_THROW(parallel_for(group, 0, 100'000, fail, {.grain = 1}), std::out_of_range);
     }
-}
-
-// Outside of any group, and on one.
-TEST_P(parallel_test, an_invocation_calls_each_once) {
-    std::atomic<int> calls = 0;
-    auto const call = [&] {
-        ++calls;
-    };
-    parallel_invoke(call, call);
-    parallel_invoke(group, call);
-    parallel_invoke(group, call, call, call);
-    EXPECT_EQ(calls, 6);
 }
 
 // Their space and its bounds are tested on the simulated kernel.
