@@ -180,6 +180,8 @@ TEST(lending_test, an_allocator_that_is_lent_can_be_switched_off_and_flushed) {
     EXPECT_EQ(elsewhere(serving), lent);
     EXPECT_CHECK(elsewhere([&] { group.activate_allocator(); }), "!_activated",
                  "sources/ovel_allocator.cpp");
+    EXPECT_CHECK((group.deactivate_allocator(true), group.deactivate_allocator(true)), "_activated",
+                 "sources/ovel_allocator.cpp");
 }
 
 }  // namespace

@@ -273,6 +273,7 @@ TEST(fork_test, a_net_that_blocks_threads_of_the_parent_may_be_destroyed_in_the_
             net->insert_place<std::shared_ptr<int>>("full", 1).send(token);
             if (has_run) {
                 net->start();
+                net->halt();
                 net->join();
             }
             auto const block_one = [&] {
@@ -302,11 +303,13 @@ TEST(fork_test, objects_that_run_in_the_parent_may_be_destroyed_in_the_child) {
     auto lent = std::make_unique<ovel::thread>();
     lent->schedule(held);
     lent->release();
+    ovel::allocator_recycler::global()->release(1.0);
     EXPECT_TRUE(in_fork([&] {
         group.reset();
         net.reset();
         lent.reset();
         traffic::run_group();
+        std::exit(0);
     }));
     proceed.release();
     lent->acquire();

@@ -45,6 +45,7 @@ TEST(work_group_test, stopping_a_group_breaks_the_promises_of_what_has_not_begun
             EXPECT_THROW(late.get(), std::future_error);
         });
         begun.wait();
+        auto queued = group->submit([alive] {});
         EXPECT_FALSE(group->join_until(0s));
         if (destroyed) {
             group.reset();
@@ -54,6 +55,7 @@ TEST(work_group_test, stopping_a_group_breaks_the_promises_of_what_has_not_begun
             EXPECT_TRUE(group->join_until(1h));
         }
         running.get();
+        EXPECT_THROW(queued.get(), std::future_error);
         EXPECT_EQ(alive.use_count(), 1);
     }
 }
