@@ -557,9 +557,6 @@ void petri_net::_delay(petri_transition* transition, ovel::time const& delay) {
     transition->_delay = delay;
 }
 
-// An arc that reserves nothing. For the engine it is one that puts no token and needs all
-// slots free: it is enabled while no token is there or on its way, and is looked at when the
-// place gains slots.
 bool petri_net::_ended(petri_place* place) {
     assure(!inherited());
     detail::guard const hold(_mutex);

@@ -233,6 +233,9 @@ bool petri_net::_runs_caller() const {
                        [](thread_group const* each) { return each->_runs_caller(); });
 }
 
+// An arc that reserves nothing. For the engine it is one that puts no token and needs all
+// slots free: it is enabled while no token is there or on its way, and is looked at when the
+// place gains slots.
 void petri_net::_insert_inhibitor(petri_place* place, petri_transition* transition) {
     _assure_stopped();
     detail::guard const hold(_mutex);
