@@ -30,8 +30,8 @@ protected:
     parts::connector store() {
         return parts::connect_to(_url);
     }
-    durable::options quick() {
-        return quickly(on_either_store::quick());
+    durable::options quick(durable::options const& chosen = {}) {
+        return quickly(on_either_store::quick(chosen));
     }
 
     // What is left of the ledger's firings goes on as if nothing had happened.
@@ -192,9 +192,7 @@ TEST_P(ovel_durable_server_test, a_crash_of_the_server_loses_nothing) {
 }
 
 TEST_P(ovel_durable_server_test, a_server_that_stays_away_is_one_error) {
-    auto chosen = quick();
-    chosen.patience = 0.3;
-    ledger run(store(), _name, chosen, count_body);
+    ledger run(store(), _name, quick({.patience = 0.3}), count_body);
     run.net.start();
     ASSERT_TRUE(wait_for([&] { return bodies > 30; }));
     postgresql().stop();
@@ -209,9 +207,7 @@ TEST_P(ovel_durable_server_test, a_server_that_stays_away_is_one_error) {
 
 // The server's crash has cut all connections that a client has in store.
 TEST_P(ovel_durable_server_test, a_call_after_a_crash_connects_anew) {
-    auto chosen = quick();
-    chosen.patience = 0;
-    durable::net net(_url, _name, chosen);
+    durable::net net(_url, _name, quick({.patience = 0}));
     auto const place = net.insert_place<int>("place", 10);
     auto receivers = crew(3, [&](int) { place.receive(); });
     ASSERT_TRUE(wait_for([&] {

@@ -177,11 +177,9 @@ protected:
         return "net " + std::to_string(++number);
     }
 
-    durable::options quick(unsigned int threads = 2) {
-        durable::options chosen;
-        chosen.threads = threads;
+    durable::options quick(durable::options chosen = {.threads = 2}) {
         chosen.poll = 0.2;
-        chosen.lease = 5;
+        chosen.lease = std::min(chosen.lease, 5.0);
         chosen.report = [this](std::string const& line) {
             std::lock_guard const hold(_lock);
             _reports += line + '\n';

@@ -199,9 +199,7 @@ TEST_P(ovel_durable_store_test, firings_of_forgotten_members_count) {
 TEST_P(ovel_durable_store_test, a_member_gives_up_claims_that_it_does_not_know) {
     seat late = enter(plan(_name, 0, 0), 0);
     connect()->put(late.net.net, late.net.places[0], "1", {"key", false, {}});
-    auto chosen = quick();
-    chosen.lease = 1;
-    durable::net idle(_url, _name, chosen);
+    durable::net idle(_url, _name, quick({.lease = 1}));
     build(idle, same);
     idle.start({});
     ++late.member;  // members are numbered
@@ -226,9 +224,8 @@ TEST_P(ovel_durable_store_test, a_member_whose_firing_others_took_over_is_told) 
         };
         _name = new_name();
         connect()->open(plan(_name, 1, 0));
-        auto chosen = quick();
-        chosen.lease = 0.3;
-        durable::net sleeper(observed(stop_once), _name, chosen), other(_url, _name, quick());
+        durable::net sleeper(observed(stop_once), _name, quick({.lease = 0.3})),
+            other(_url, _name, quick());
         build(sleeper, same);
         build(other, same);
         sleeper.start();
@@ -269,13 +266,11 @@ TEST_P(ovel_durable_store_test, a_call_is_exact_though_its_answer_is_lost) {
 }
 
 TEST_P(ovel_durable_store_test, patience_ends_though_connections_succeed) {
-    auto chosen = quick();
-    chosen.patience = 0.3;
     durable::net net(observed([](std::string const& here) {
                          if (here == "before")
                              throw parts::unreachable("cut at each commit");
                      }),
-                     _name, chosen);
+                     _name, quick({.patience = 0.3}));
     connect()->open(plan(_name, 1, 0));
     build(net, same);
     net.start();
@@ -289,10 +284,7 @@ TEST_P(ovel_durable_store_test, no_more_is_fired_than_was_allowed) {
         seat dead = enter(plan(name, 7, 1), lost);
         ASSERT_EQ(dead.first.size(), 1U);
         dead.lease(-1);
-        auto chosen = quick();
-        chosen.batch = 2;
-        chosen.firings = 5;
-        durable::net net(_url, name, chosen);
+        durable::net net(_url, name, quick({.batch = 2, .firings = 5}));
         build(net, same);
         net.start();
         ASSERT_TRUE(net.join_until(20s)) << net.explain();

@@ -76,7 +76,8 @@ TEST_P(ovel_durable_test, the_next_member_goes_on_where_a_halted_one_stopped) {
             until([&] { return go_on.load(); });
         return number;
     };
-    durable::net halted(_url, _name, quick(1)), next(_url, _name, quick(1));
+    durable::net halted(_url, _name, quick({.threads = 1}));
+    durable::net next(_url, _name, quick({.threads = 1}));
     auto const in = insert_work(halted, pass).first;
     auto const out = insert_work(next, pass).second;
     for (int i = 0; i < 60; ++i)
