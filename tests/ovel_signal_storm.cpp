@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Linked into a suite: with OVEL_SIGNAL_STORM set, a thread interrupts the system calls of all
 // others again and again, so that every wait is retried for the time that remains.
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -15,33 +13,25 @@
 
 namespace {
 
-struct signal_storm : testing::Environment {
-    void SetUp() override {
-        if (std::getenv("OVEL_SIGNAL_STORM") == nullptr)
-            return;
-        struct sigaction interrupt = {};  // no SA_RESTART
-        interrupt.sa_handler = [](int) {
-        };
-        ASSERT_EQ(sigaction(SIGUSR1, &interrupt, nullptr), 0);
-        _thread = std::jthread([](std::stop_token const& over) {
-            while (!over.stop_requested()) {
-                for (auto const& each : std::filesystem::directory_iterator("/proc/self/task")) {
-                    long const thread = std::stol(each.path().filename());
-                    if (thread != gettid())
-                        syscall(SYS_tgkill, getpid(), thread, SIGUSR1);
-                }
-                std::this_thread::sleep_for(std::chrono::microseconds(300));
+std::jthread start_storm() {
+    if (std::getenv("OVEL_SIGNAL_STORM") == nullptr)
+        return {};
+    struct sigaction interrupt = {};  // no SA_RESTART
+    interrupt.sa_handler = [](int) {
+    };
+    sigaction(SIGUSR1, &interrupt, nullptr);
+    return std::jthread([](std::stop_token const& over) {
+        while (!over.stop_requested()) {
+            for (auto const& each : std::filesystem::directory_iterator("/proc/self/task")) {
+                long const thread = std::stol(each.path().filename());
+                if (thread != gettid())
+                    syscall(SYS_tgkill, getpid(), thread, SIGUSR1);
             }
-        });
-    }
-    void TearDown() override {
-        _thread = {};
-    }
+            std::this_thread::sleep_for(std::chrono::microseconds(300));
+        }
+    });
+}
 
-private:
-    std::jthread _thread;
-};
-
-testing::Environment* const storm = testing::AddGlobalTestEnvironment(new signal_storm);
+std::jthread const storm = start_storm();
 
 }  // namespace
