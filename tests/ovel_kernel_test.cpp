@@ -308,7 +308,8 @@ TEST(region_test, freeing_a_region_returns_only_its_own_memory) {
             regions[each] = static_cast<char*>(malloc_region(busy));
             EXPECT_EQ(freed.erase(regions[each]), 1u);
         }
-        for (int each = first; each < count; each += 2)
+        // So that the mapping at the end of the list is the first without a region.
+        for (int each = count - 2 + first; each >= 0; each -= 2)
             free_region(regions[each]);
         for (int each = 1 - first; each < count; each += 2) {
             EXPECT_EQ(regions[each][0], each);
