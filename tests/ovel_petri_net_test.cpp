@@ -197,27 +197,14 @@ TEST(petri_engine_test, transitions_that_one_firing_enables_fire_in_order) {
     EXPECT_EQ(fired, expected);
 }
 
-// Each group has one thread, and each firing waits for one of the other group: on one group both
-// would wait forever. A plain net has a thread for each processor.
-TEST(petri_engine_test, a_transition_fires_on_the_threads_of_its_group) {
+// A plain net has a thread for each processor.
+TEST(petri_net_test, the_threads_of_a_net_are_of_their_groups) {
     triple<unsigned int, double, unsigned int> const two[] = {{1, 0.0, stack}, {1, 2.0, 2 * stack}};
-    net tested(std::begin(two), std::end(two));
-    EXPECT_EQ(inspector::group(tested.base(), 1).stack_size(), 2 * stack);
-    EXPECT_EQ(inspector::queue_thread(tested.base()).stack_size(), stack);
+    petri_net const tested(std::begin(two), std::end(two));
+    EXPECT_EQ(inspector::group(tested, 1).stack_size(), 2 * stack);
+    EXPECT_EQ(inspector::queue_thread(tested).stack_size(), stack);
     EXPECT_EQ(inspector::group(petri_net(), 0).threads(), thread_support::processors());
     EXPECT_EQ(inspector::group(petri_net(), 0).stack_size(), 524288u);
-    semaphore here[2] = {{0, 0}, {0, 0}};
-    for (unsigned int i = 0; i != 2; ++i) {
-        auto const place = tested.insert_place<int>("place", 3);
-        auto const meet = [&own = here[i], &other = here[1 - i]](int) {
-            own.release();
-            other.acquire();
-        };
-        tested.insert_transition("meet", from(place), meet,
-                                 {.reentrant = true, .space = 2.0 * i, .group = i});
-        fill(place, {0, 1, 2});
-    }
-    run(tested);
 }
 
 TEST(petri_engine_test, a_thread_that_never_rests_collects_blocks_that_others_free) {
