@@ -245,14 +245,6 @@ TEST(task_scope_test, queued_items_begin_in_the_order_of_their_space_and_time) {
     EXPECT_EQ(begun, order);
 }
 
-TEST(task_scope_test, infinite_space_is_never_used_up) {
-    work_group group(2, std::numeric_limits<double>::infinity());
-    latch go_on(1);
-    group.run([&] { go_on.wait(); }, {.space = std::numeric_limits<double>::infinity()});
-    group.run([&] { go_on.count_down(); });
-    group.wait();
-}
-
 // The opener waits in a child for the 99 others, so the other thread runs them. It begins the
 // queued item after those.
 TEST(task_scope_test, children_go_before_queued_items) {

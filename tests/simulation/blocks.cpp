@@ -14,16 +14,9 @@ namespace ovel {
 
 namespace {
 
-// The library's function of the same name. Looked up at the first call, which may come
-// before any constructor of this program.
-using allocation = void*(std::size_t);
-constinit allocation* real_allocate = nullptr;
-constinit allocation* real_allocate_nothrow = nullptr;
-
-allocation* real(allocation*& known, char const* name) {
-    if (known == nullptr)
-        known = reinterpret_cast<allocation*>(dlsym(RTLD_NEXT, name));
-    return known;
+// The library's function of the same name.
+auto real(char const* name) {
+    return reinterpret_cast<void* (*)(std::size_t)>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -31,13 +24,15 @@ allocation* real(allocation*& known, char const* name) {
 void* allocator_support::allocate(std::size_t bytes) {
     if (simulation::count_block_request())
         throw std::bad_alloc();
-    return real(real_allocate, "_ZN4ovel17allocator_support8allocateEm")(bytes);
+    static auto const original = real("_ZN4ovel17allocator_support8allocateEm");
+    return original(bytes);
 }
 
 void* allocator_support::allocate_nothrow(std::size_t bytes) {
     if (simulation::count_block_request())
         return nullptr;
-    return real(real_allocate_nothrow, "_ZN4ovel17allocator_support16allocate_nothrowEm")(bytes);
+    static auto const original = real("_ZN4ovel17allocator_support16allocate_nothrowEm");
+    return original(bytes);
 }
 
 }  // namespace ovel

@@ -173,6 +173,7 @@ void newcomers(unsigned int variant) {
         client one(try_on), two(try_on);
         client waits([&] {
             any token;
+            net.peek(place, token);
             net.receive(place, token);
             is_served = true;
         });

@@ -220,14 +220,12 @@ struct watched {
 // A thread that finds the event set destroys it while the thread that set it has yet to leave.
 void destruction(unsigned int) {
     open_books(true, 0);
-    container_allocator<watched> heap;
-    watched* const memory = std::construct_at(heap.allocate(1));
+    auto memory = std::allocate_shared<watched>(container_allocator<watched>());
     begin();
-    worker setter([memory] { memory->done.set(); });
+    worker setter([&done = memory->done] { done.set(); });
     if (!memory->done.wait_until(time::then(0.003)))
         memory->done.wait();
-    std::destroy_at(memory);
-    heap.deallocate(memory, 1);
+    memory.reset();
 }
 
 // The last step lets all go that wait. Each of them finds all steps done, and may destroy

@@ -145,9 +145,9 @@ struct ovel::detail::inspector {
         }
         assure(firings == net._firings);
         for (petri_place* each : net._places) {
-            assure(each->_readers == _reading(each->_consumers));
-            assure(each->_receive_size == _reserved(each->_consumers) + (each->_readers != 0));
-            assure(each->_send_size == _reserved(each->_producers));
+            assure(each->_readers == _used(each->_consumers, true));
+            assure(each->_receive_size == _used(each->_consumers, false) + (each->_readers != 0));
+            assure(each->_send_size == _used(each->_producers, false));
             assure(each->_receive_size <= each->_size);
             assure(each->_size + each->_send_size <= each->_capacity);
             assure(each->_receive_skip <= each->_receive_size);
@@ -180,17 +180,12 @@ struct ovel::detail::inspector {
     // for which `may_be_enabled` is true are enabled.
     template <class MayBeEnabled>
     static void expect_at_rest(petri_net& net, MayBeEnabled const& may_be_enabled) {
+        check_net(net);
         assure(net._firings == 0);
-        for (petri_place* each : net._places) {
+        for (petri_place* each : net._places)
             assure(each->_size == each->_channel._size);
-            assure(each->_receive_size == 0 && each->_send_size == 0);
-            assure(each->_receive_skip == 0 && each->_send_skip == 0);
-        }
-        for (petri_transition* each : net._transitions) {
-            assure(each->_firing == 0);
-            assure(!each->queued() || each->enabled());
+        for (petri_transition* each : net._transitions)
             assure(!each->enabled() || may_be_enabled(each));
-        }
     }
 
     // Of a place.
@@ -206,9 +201,6 @@ struct ovel::detail::inspector {
     // whose own locks the simulated kernel does not know; and wakes the callers as that does.
     static net_core& core(net& of) {
         return *of._core;
-    }
-    static unsigned int blocked(net_core& in) {
-        return in._callers.count();
     }
     template <class T>
     static bool await_stop(net_core& core, place<T> const& at, atomic<bool>& interrupted) {
@@ -235,18 +227,13 @@ private:
         return std::ranges::any_of(queue, [=](auto const& each) { return each.third <= space; });
     }
 
-    // Of one side of a place, by the firings that have not ended.
-    static unsigned int _reserved(petri_side const& side) {
-        unsigned int reserved = 0;
+    // What the firings that have not ended read, or take or put, at one side of a place.
+    static unsigned int _used(petri_side const& side, bool reads) {
+        unsigned int used = 0;
         for (petri_side::end const& each : side.ends)
-            reserved += each.inhibits || each.reads ? 0 : each.transition->_firing * each.size;
-        return reserved;
-    }
-    static unsigned int _reading(petri_side const& side) {
-        unsigned int reading = 0;
-        for (petri_side::end const& each : side.ends)
-            reading += each.reads ? each.transition->_firing : 0;
-        return reading;
+            if (!each.inhibits && each.reads == reads)
+                used += each.transition->_firing * each.size;
+        return used;
     }
 
     static void _check(petri_callers& callers) {

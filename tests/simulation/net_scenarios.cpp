@@ -192,9 +192,6 @@ struct line {
         }
     }
 
-    void send(int token) {
-        net.send(places[0], token);
-    }
     // Memory may be refused. If a call throws, it has put its token, or taken one, or has not.
     bool try_receive(petri_place* place) {
         any token;
@@ -224,47 +221,6 @@ struct line {
     bool sent[line_tokens] = {};
     unsigned int received[line_tokens] = {};
 };
-
-// Every token that is sent is received, each once, although senders and receivers
-// block and transitions are switched off meanwhile.
-void blocked_clients(unsigned int variant) {
-    accounts const books(variant);
-    line through(1 + pick(2));
-    detail::atomic<unsigned int> received[6] = {};
-    bool const stopped_first = pick(2) == 0;
-    if (!stopped_first)
-        through.net.release();
-    begin();
-    {
-        auto const send = [&](int first, int end) {
-            for (int token = first; token != end; ++token)
-                through.send(token);
-        };
-        auto const receive = [&] {
-            for (int each = 0; each != 3; ++each) {
-                any token;
-                through.net.peek(through.places[2], token);
-                through.net.receive(through.places[2], token);
-                ++received[any_cast<int>(token)];
-            }
-        };
-        if (stopped_first) {
-            send(0, 1);
-            through.net.release();
-        }
-        client one([&] { send(3, 6); }), two(receive), three(receive), four([&] {
-            for (petri_transition* each : through.transitions) {
-                each->deactivate();
-                each->activate();
-            }
-        });
-        send(stopped_first, 3);
-    }
-    through.net.acquire();
-    for (detail::atomic<unsigned int>& each : received)
-        assure(each == 1);
-    inspector::expect_at_rest(through.net, [](petri_transition*) { return false; });
-}
 
 // Two transitions whose firings need each other, and a third that takes a thread and some
 // of the space meanwhile: a firing that fits waits only while all threads are busy. The
@@ -334,7 +290,8 @@ void refusals(unsigned int variant) {
     {
         auto const send = [&](int first) {
             for (int token = first; token != first + line_tokens / 2; ++token)
-                through->sent[token] = attempt([&] { through->send(token); });
+                through->sent[token] =
+                    attempt([&] { through->net.send(through->places[0], token); });
             --sending;
         };
         worker one([&] { send(0); }), two([&] { send(line_tokens / 2); });
@@ -385,7 +342,6 @@ void late_firings(unsigned int variant) {
 
 registration const table{
     {.name = "net_of_any_structure_conserves_tokens", .run = random_nets, .variants = 4},
-    {.name = "net_serves_blocked_senders_and_receivers", .run = blocked_clients, .variants = 2},
     {.name = "net_fires_side_by_side_what_fits", .run = firings_that_meet, .variants = 4},
     {.name = "net_bears_refused_memory", .run = refusals, .variants = 4},
     {.name = "net_fires_later_what_it_could_not_queue", .run = late_firings, .variants = 2},

@@ -10,9 +10,10 @@ namespace ovel::simulation {
 namespace {
 
 // A sender that closes the first of three places in a row, of which the others close by
-// themselves; bodies, some of which take the end of their place; and two receivers of the last
-// place. In the second variant another thread closes the first two, at any time. In the third a
-// body may throw, the net may be halted, and it is started again until all is received.
+// themselves; bodies, some of which take the end of their place; a thread that switches the
+// transitions off for a while; and two receivers of the last place. In the second variant another
+// thread closes the first two, at any time. In the third a body may throw, the net may be halted,
+// and it is started again until all is received.
 void ends(unsigned int variant) {
     bool const cut = variant == 1, again = variant == 2;
     accounts const books(0);
@@ -59,6 +60,14 @@ void ends(unsigned int variant) {
                 Sleep(1);
         }
         chain[0].close();
+    });
+    client switching([&] {
+        petri_net& plain = tested.base();
+        auto each = plain.begin_transitions();
+        for (; !again && each != plain.end_transitions(); ++each) {
+            (*each)->deactivate();
+            (*each)->activate();
+        }
     });
     client cutter([&] {
         if (cut) {
@@ -187,20 +196,33 @@ void starves(unsigned int variant) {
     assure(received + static_cast<int>(left.size()) == sent && left.size() <= 1);
 }
 
-// Threads wait with deadlines while others send, halt the net or let one token pass. Another is
-// asked to stop meanwhile. None gives up early, none stays, and what was not sent is still there.
+// Threads wait with deadlines while others send or receive. Threads without a limit are let go when
+// the net is halted or destroyed. One is asked to stop meanwhile, in the way of a std::stop_token.
+// None gives up early, none stays, and what was not sent is still there. In the last variant no
+// thread is preempted, so that the clock tells whether a late limit was waited for.
 void limits(unsigned int variant) {
+    bool const destroys = variant == 2, exact = variant == 3, halts = variant == 1 || exact;
     accounts const books(0, true);
     if (pick(3) == 0)
         end_waits_late(5);
     using token = std::unique_ptr<int>;
     auto tested = std::make_unique<net>(1, 0.0, net_stack);
     auto const only = tested->insert_place<token>("only", 1);
-    auto const off = tested->insert_place<int>("off", 1);
-    tested->insert_transition("off", from(off), [](int) {});
+    auto const full = tested->insert_place<int>("full", 1);
+    auto const idle = tested->insert_place<int>("idle", 1);
+    tested->insert_transition("idle", from(idle), [](int) {});
+    full.send(0);
+    // A call behind its limit earns its thread a chance, as one that does not wait.
+    std::stop_source asked_before;
+    asked_before.request_stop();
+    assure(!idle.receive_until(asked_before.get_token()).has_value());
+    assure((idle.base()->*inspector::receivers).misses == 1);
     detail::atomic<unsigned int> sent{0}, received{0};
-    begin();
-    tested->start();
+    if (!exact)
+        begin();
+    bool const running = pick(2) == 0;
+    if (running)
+        tested->start();
     {
         auto const span = [] {
             return 0.001 * pick(4);
@@ -211,101 +233,48 @@ void limits(unsigned int variant) {
                 time const point = time::then(span());
                 bool const done = only.send_until(std::move(mine), point);
                 assure(done == (mine == nullptr));
-                assure(done || variant == 1 || point <= time::now());
-                if (done)
-                    ++sent;
+                assure(done || halts || point <= time::now());
+                sent += done;
             }
         };
         client one(send), two(send);
         client receiver([&] {
             time const point = time::then(span());
-            if (only.receive_until(point).has_value())
-                ++received;
-            else
-                assure(variant == 1 || point <= time::now());
+            bool const done = only.receive_until(point).has_value();
+            assure(done || halts || point <= time::now());
+            received += done;
         });
-        // Without a limit: let go by the halt, or by its own token.
-        client waiting([&] {
-            if (variant == 1 && only.next().has_value())
-                ++received;
+        client without_limit([&] { received += variant != 0 && only.next().has_value(); });
+        client sender([&] { assure(variant == 0 || !full.send(1)); });
+        client patient([&] {
+            assure(!exact || !idle.receive_until(time::then(3600.0)).has_value());
+            assure(nanoseconds() < 3'000'000'000'000);
         });
         detail::atomic<bool> interrupted{false};
-        client asked([&] {
-            if (!inspector::await_stop(inspector::core(*tested), only, interrupted))
-                ++received;
-        });
-        client asking([&] {
-            interrupted = true;
-            inspector::wake(inspector::core(*tested), only);
-        });
-        if (variant == 1)
-            tested->halt();
-    }
-    tested->join();
-    if (only.try_receive().has_value())
-        ++received;
-    assure(sent == received);
-    tested.reset();
-}
-
-// Threads that wait without a limit, or with a late one, are let go, one way or another. One
-// is asked to stop before, in the way of a std::stop_token. In the last variant no thread is
-// preempted, so that the clock tells whether the late limit was waited for.
-void let_go(unsigned int variant) {
-    bool const exact = variant == 3;
-    accounts const books(0, true);
-    auto tested = std::make_unique<net>(1, 0.0, net_stack);
-    auto const empty = tested->insert_place<int>("empty", 1);
-    auto const full = tested->insert_place<int>("full", 1);
-    auto const idle = tested->insert_place<int>("idle", 1);
-    tested->insert_transition("idle", from(idle), [](int) {});
-    full.send(0);
-    // A call behind its limit earns its thread a chance, as one that does not wait.
-    std::stop_source asked_before;
-    asked_before.request_stop();
-    assure(!empty.receive_until(asked_before.get_token()).has_value());
-    assure((empty.base()->*inspector::receivers).misses == 1);
-    if (!exact)
-        begin();
-    bool const running = pick(2) == 0;
-    if (running)
-        tested->start();
-    {
-        detail::atomic<bool> interrupted = false;
         detail::net_core& core = inspector::core(*tested);
-        client receiver([&] { assure(!empty.next().has_value()); });
-        client sender([&] { assure(!full.send(1)); });
-        std::optional<client> patient;
-        if (exact)
-            patient.emplace([&] {
-                assure(!empty.receive_until(time::then(3600.0)).has_value());
-                assure(nanoseconds() < 3'000'000'000'000);
-            });
-        client asked([&] { assure(inspector::await_stop(core, empty, interrupted)); });
+        client asked([&] { received += !inspector::await_stop(core, only, interrupted); });
         client asking([&] {
             interrupted = true;
-            inspector::wake(core, empty);
+            inspector::wake(core, only);
         });
         asked.join();
         asking.join();
         // The net's end may come only once no thread will begin to use it, and nobody is kept
         // out by the halt of a net that does not run.
         if (exact)
-            while (inspector::blocked(core) != 3)
-                Sleep(1);
-        else if (variant == 2 || (variant == 0 && !running))
+            Sleep(1000);
+        else if (destroys || (halts && !running))
             settle();
-        if (variant == 0 || exact) {
+        if (halts)
             tested->halt();
-        } else if (variant == 1) {
-            empty.close();
-            full.close();
-        } else {
+        if (destroys) {
+            received += only.try_receive().has_value();
             tested.reset();
         }
     }
-    if (running && tested != nullptr)
+    if (running && !destroys)
         tested->join();
+    assure(sent == received + (!destroys && only.try_receive().has_value()));
 }
 
 // Memory is refused while a place ends whose transition takes its end.
@@ -481,8 +450,7 @@ registration const table{
     {.name = "net_place_ends_behind_a_firing", .run = ends_behind_a_firing, .variants = 2},
     {.name = "net_ends_what_closed_places_starve", .run = starves, .variants = 2},
     {.name = "net_moves_batches_through_ports", .run = ports, .variants = 4},
-    {.name = "net_waits_end_at_their_limits", .run = limits, .variants = 2},
-    {.name = "net_lets_blocked_threads_go", .run = let_go, .variants = 4},
+    {.name = "net_waits_end_at_their_limits", .run = limits, .variants = 4},
     {.name = "net_ends_although_memory_is_refused", .run = ends_without_memory},
     {.name = "net_token_not_received_is_kept", .run = refused_slots, .variants = 2},
     {.name = "typed_net_bears_refused_blocks", .run = refused_blocks, .variants = 3},

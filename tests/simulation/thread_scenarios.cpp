@@ -351,25 +351,26 @@ void each_child_finds_a_thread(unsigned int variant) {
     }
 }
 
-// Items of the queue, each of which takes a unit of space where that is bounded. The end of one
-// that takes all lets several begin.
+// Items of the queue, each of which takes half of the space, or all of an infinite one, which is
+// never used up. The end of one that takes all lets several begin.
 void no_thread_sleeps_beside_items(unsigned int variant) {
     accounts const books(variant % 2 * 2);
     unsigned int const thread_count = 2 + variant / 2 % 2;
     bool const bounded = variant / 4 == 1;
+    double const space = bounded ? 1.0 : INFINITY;
     begin();
-    work_group group(thread_count, 2.0);
+    work_group group(thread_count, 2 * space);
     held_work held;
     if (pick(2) == 0)
         settle();
     held_work whole;
     whole.left = bounded ? pick(2) : 0;
     if (whole.left != 0)
-        group.run([&] { whole(); }, {.space = 2.0});
+        group.run([&] { whole(); }, {.space = 2 * space});
     unsigned int const items = 1 + pick(6);
     held.left = items;
     for (unsigned int i = 0; i != items; ++i)
-        group.run([&] { held(); }, {.time = 1.0 + pick(2), .space = bounded ? 1.0 : 0.0});
+        group.run([&] { held(); }, {.time = 1.0 + pick(2), .space = space});
     whole.finish(1);
     held.finish(bounded ? 2 : thread_count);
     group.wait();
