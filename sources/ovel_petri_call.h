@@ -17,7 +17,8 @@
 
 namespace ovel::detail {
 
-// One call of a client at a place. It is on the stack of the calling thread.
+// One call of a client at a place. It is on the stack of the calling thread, which polls the second
+// cache line while another thread works with the first.
 //
 //     state        what ends it
 //     open         its own thread carries it out under the net's mutex; or publishes it, and a
@@ -34,7 +35,7 @@ namespace ovel::detail {
 // A thread of the net that finds the mutex taken publishes such a call as well, when it has run a
 // firing, or has arrived. It is open or asleep until its thread is needed, or has the mutex. The
 // thread that ends it is its own, or has taken it out of its crew's list.
-struct petri_call {
+struct alignas(64) petri_call {
     static constexpr unsigned int longest_doze = 1;  // milliseconds
 
     enum class kind : unsigned char {
@@ -80,23 +81,23 @@ struct petri_call {
     }
 
     kind const what;
-    // Written before the call ends; `elapsed` until then.
-    petri_outcome outcome = petri_outcome::elapsed;
-    atomic<state> now{state::open};
+    bool is_standing = false;  // in its crew's list, which guards it
+    // Whether it may be left asleep for `longest_doze` although it could be carried out. Written
+    // under the net's mutex. Relaxed: its own thread reads a hint.
+    atomic<bool> dozes{false};
     petri_place* const place;
     any* const token = nullptr;                 // what a send copies
     void (*const make)(any&, void*) = nullptr;  // for a put; makes a token of `from`
     void* const from = nullptr;
     petri_patience const* const patience;   // null if only a token or a slot ends the wait
     thread_function* const work = nullptr;  // null for the calls of clients
+    petri_call* next;                       // in the list that it is in
+    // Written before the call ends; `elapsed` until then.
+    alignas(64) petri_outcome outcome = petri_outcome::elapsed;
+    atomic<state> now{state::open};
     petri_transition* const firing = nullptr;
-    bool is_standing = false;      // in its crew's list, which guards it
     std::exception_ptr failure{};  // what the call throws
-    petri_call* next;              // in the list that it is in
-    // Whether it may be left asleep for `longest_doze` although it could be carried out. Written
-    // under the net's mutex. Relaxed: its own thread reads a hint.
-    atomic<bool> dozes{false};
-    HANDLE unit;  // of a call asleep
+    HANDLE unit;                   // of a call asleep
 };
 
 // Blocks until a call that is no longer open has ended. When its time is over, calls `withdraw`,

@@ -261,14 +261,18 @@ bool petri_net::engine::publish(petri_call& call) {
     _push(call);
     // To look at the call costs nothing before it changes. An attempt to take the mutex is a
     // cache miss for the thread that has it.
+    constexpr unsigned int patience = 16;  // for a thread that polls to take over the call
     unsigned int looks = 0;
-    unsigned int next_attempt = detail::pace_for_net.first;
+    unsigned int next_attempt = is_attended() ? patience : detail::pace_for_net.first;
     for (detail::spin_wait wait(_spin, detail::pace_for_unit); !wait.is_over(); wait.pause()) {
         if (call.now.load() != petri_call::state::open)
             return false;
         if (++looks == next_attempt) {
-            if (_net._mutex.try_acquire())
+            if (_net._mutex.try_acquire()) {
+                if (is_attended())
+                    _is_attended.store(false, std::memory_order_relaxed);
                 return true;
+            }
             looks = 0;
             next_attempt = std::min(2 * next_attempt, detail::pace_for_net.most);
         }
@@ -425,7 +429,7 @@ petri_outcome petri_net::_complete_late(detail::petri_call& call) {
         change const hold(*this, change::taken);
     }
     detail::await(
-        call, _engine->_spin, engine::callers(call).memory,
+        call, _engine->spin(), engine::callers(call).memory,
         [&] {
             change const hold(*this);
             _engine->hasten(call);

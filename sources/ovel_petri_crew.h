@@ -108,6 +108,10 @@ public:
         _coming = true;
         ++_called;
     }
+    // A thread that has left comes back without a call.
+    void come_back() {
+        ++_called;
+    }
 
 private:
     friend struct inspector;

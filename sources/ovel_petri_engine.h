@@ -326,6 +326,25 @@ public:
         return next;
     }
 
+    // A thread of `of` has left. Returns whether it polls before it returns to its group; then its
+    // crew calls this thread first.
+    bool begin_poll(firing_work& of) {
+        if (_poller != nullptr || _spin == 0 || !is_running() || _net._acquired ||
+            !_poll_memory.should_spin())
+            return false;
+        _poller = &of;
+        _is_poller_called.store(false, std::memory_order_relaxed);
+        return true;
+    }
+    // Polls, and returns the firing that the thread runs next; null ends its work. With the mutex,
+    // which it releases.
+    petri_transition* poll(firing_work& of);
+
+    // Whether a thread had better publish its call than try to take the mutex.
+    bool is_attended() const {
+        return _is_attended.load(std::memory_order_relaxed);
+    }
+
     // Closes a place for good: no further firing puts into it, nor does a caller of `net`.
     void close(petri_place* place) {
         _closing.close(place, *this);
@@ -396,7 +415,9 @@ public:
             std::exchange(called, called->_next_called)->call();
     }
 
-    unsigned int const _spin;
+    unsigned int spin() const {
+        return _spin;
+    }
 
 private:
     friend struct detail::inspector;
@@ -430,7 +451,8 @@ private:
     static bool _needs_all_calls(petri_place* place, bool is_inlet);
 
     void _push(detail::petri_call& call) {
-        call.next = _published.load(std::memory_order_relaxed);
+        // Usually no other call is published, and a look would be another cache miss.
+        call.next = nullptr;
         while (!_published.compare_exchange_weak(call.next, &call)) {}
     }
 
@@ -598,7 +620,11 @@ private:
             each._is_touched = false;
             if (!each._crew.needs_thread())
                 continue;
-            if (each._crew.has_standing()) {
+            if (&each == _poller && !_is_poller_called.load(std::memory_order_relaxed)) {
+                each._crew.call_new();
+                ++_called;
+                _is_poller_called.store(true, std::memory_order_relaxed);
+            } else if (each._crew.has_standing()) {
                 _end(each._crew.call_standing());
             } else {
                 each._crew.call_new();
@@ -612,8 +638,10 @@ private:
     enum class attempt : unsigned char { succeeded, outpaced, failed };
     attempt _enter_spinning(firing_work const& of, detail::petri_call const& call);
     void _stand_by(detail::petri_call& call);
+    void _enter_polling(firing_work& of);
     void _send_home();
 
+    unsigned int const _spin;
     petri_net& _net;
     std::unique_ptr<std::unique_ptr<firing_work>[]> const _works;  // one for each group
     unsigned char _news = detail::not_running;                     // bits of `petri_news`
@@ -623,13 +651,25 @@ private:
     unsigned int _ranked = 0;                 // transitions that have their rank
     petri_place* _offered = nullptr;          // the first of those with something for callers
     detail::petri_call* _sleepers = nullptr;  // the first that is asleep and has ended
-    // The last call that was published and is not taken over yet.
-    detail::atomic<detail::petri_call*> _published = nullptr;
+    firing_work* _poller = nullptr;  // of the thread that polls, until that has the mutex again
+    detail::spin_memory _poll_memory;
     detail::petri_call* _taken = nullptr;  // of clients, in the order in which they came
     detail::petri_port* _ports = nullptr;  // of all places, the one made last first
     petri_place* _deferring = nullptr;     // the first of those that let a call doze on
     detail::petri_closing _closing;
     timed_condition _clock{0};  // the queue thread of a net with delays, with the mutex
+    [[maybe_unused]] cacheline _before;
+    // The last call that was published and is not taken over yet.
+    detail::atomic<detail::petri_call*> _published = nullptr;
+    // The thread that polls is counted as called again and may stop. Written under the mutex.
+    // Relaxed: the thread then takes the mutex.
+    detail::atomic<bool> _is_poller_called{false};
+    [[maybe_unused]] cacheline _between;
+    // Whether a thread polls, again and again, and takes over what is published: that moves fewer
+    // cache lines to the calling thread and back than the mutex and what it guards. Relaxed: a
+    // call that is not taken over soon takes the mutex, and clears this.
+    detail::atomic<bool> _is_attended{false};
+    [[maybe_unused]] cacheline _after;
 };
 
 // A new transition may belong between any two others.

@@ -104,8 +104,7 @@ void petri_net::firing_work::operator()() {
     allocator_group* const group = allocator_group::global();
     using detail::this_process;
     unsigned int const process = this_process();
-    petri_transition* firing = net._first_firing(*this);
-    while (firing != nullptr) {
+    for (petri_transition* firing = net._first_firing(*this); firing != nullptr;) {
         firing->petri_transition::operator()();  // not virtual: saves a cache miss
         assure(process == this_process());
         // The group sees one long work item here, and would flush only at its end.
@@ -156,6 +155,8 @@ petri_transition* petri_net::_next_firing(firing_work& of, petri_transition* end
     if (ended != nullptr)
         engine::give_back(of, ended);
     petri_transition* const next = _engine->next(of);
+    if (next == nullptr && _engine->begin_poll(of))
+        return _engine->poll(of);
     _leave();
     return next;
 }
@@ -409,7 +410,7 @@ bool petri_net::_carry_out(detail::petri_call& call) {
 // Completes a call of the calling thread, or has the thread that holds the mutex do it.
 [[gnu::always_inline]] inline petri_outcome petri_net::_complete(detail::petri_call& call) {
     assure(!inherited());
-    if (_mutex.try_acquire()) {
+    if (!_engine->is_attended() && _mutex.try_acquire()) {
         change const hold(*this, change::taken);
         detail::petri_callers& at = engine::callers(call);
         if (at.last != nullptr)
@@ -434,7 +435,7 @@ template <class Attempt>
     detail::petri_port* const port = place->_port.load(std::memory_order_acquire);
     return port != nullptr &&
            (attempt(*port) ||
-            (may_wait && port->await(_engine->_spin, callers.memory) && attempt(*port)));
+            (may_wait && port->await(_engine->spin(), callers.memory) && attempt(*port)));
 }
 
 void petri_net::peek(petri_place* place, any& token) {

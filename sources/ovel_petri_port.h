@@ -43,6 +43,8 @@ class petri_port {
 public:
     // The most tokens in the box. A larger one would save little more.
     static constexpr unsigned int most_boxed = 64;
+    // A poll for tokens or calls takes no more: about what it takes to sleep and wake up.
+    static constexpr unsigned int most_pauses = 256;
 
     // Shut. `next` is the one that its net made before. Throws std::bad_alloc.
     petri_port(petri_place& place, petri_port* next)
@@ -210,7 +212,6 @@ private:
     friend struct inspector;
 
     static constexpr spin_pace pace_for_port = {4, 64};
-    static constexpr unsigned int most_pauses = 256;  // about what it takes to sleep and wake up
 
     static void _move(channel& from, channel& to, unsigned int tokens) {
         for (; tokens != 0; --tokens) {

@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The threads of a net that find its mutex taken.
+// The threads of a net that find its mutex taken, or nothing to fire.
 //
 // They never sleep for the mutex if they need not: it is handed over to a thread that sleeps for
 // it, and all others would wait until that one is scheduled. What such a thread has done is
 // published, and the thread with the mutex commits it. It stands by for at most a millisecond then,
 // and only a thread that is needed, or has done so, sleeps for the mutex.
+//
+// A thread that finds no firing has left its crew. One such thread of the net may poll before it
+// returns to its group: it takes over calls that are published, and if its crew needs a thread it
+// is called, which saves a way through the group.
 
 #include "ovel_assure.h"
 #include "ovel_kernel.h"
@@ -13,6 +17,7 @@
 #include "ovel_spin_wait.h"
 #include "ovel_time.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <utility>
 
@@ -95,6 +100,47 @@ void petri_net::engine::_send_home() {
     for (unsigned int i = 0; i != _net._groups; ++i)
         if (_works[i]->_crew.has_standing())
             _end(_works[i]->_crew.call_standing());
+}
+
+petri_transition* petri_net::engine::poll(firing_work& of) {
+    petri_transition* found;
+    do {
+        _net._leave();
+        _enter_polling(of);
+        _net._dispatch();
+        found = next(of);
+    } while (found == nullptr && begin_poll(of));
+    _net._leave();
+    return found;
+}
+
+// Polls until the thread is called, or until it takes the mutex because a call is published, or for
+// a few microseconds. Takes the mutex, and counts the thread as one that has arrived.
+void petri_net::engine::_enter_polling(firing_work& of) {
+    bool has_mutex = false;
+    bool is_needed = false;
+    for (detail::spin_wait wait(std::min(_spin, detail::petri_port::most_pauses),
+                                detail::pace_for_unit);
+         !wait.is_over(); wait.pause()) {
+        has_mutex =
+            _published.load(std::memory_order_relaxed) != nullptr && _net._mutex.try_acquire();
+        is_needed = has_mutex || _is_poller_called.load(std::memory_order_relaxed);
+        if (is_needed)
+            break;
+    }
+    if (is_attended() != is_needed)
+        _is_attended.store(is_needed, std::memory_order_relaxed);
+    if (!has_mutex)
+        detail::acquire_patiently(_net._mutex, _spin, detail::pace_for_net);
+    if (_is_poller_called.load(std::memory_order_relaxed)) {
+        of._crew.arrive();
+    } else {
+        of._crew.come_back();
+        ++_called;
+    }
+    _poller = nullptr;
+    // After a failure the thread does not poll again.
+    is_needed ? _poll_memory.has_succeeded() : _poll_memory.has_failed();
 }
 
 void petri_net::engine::release_with_news(wake_ups const& wakes) {
