@@ -10,6 +10,9 @@ function(ovel_build target)
         ${PROJECT_SOURCE_DIR}/sources ${PROJECT_SOURCE_DIR}/platform)
     ovel_publish(${target} PUBLIC)
     target_link_libraries(${target} PRIVATE Threads::Threads)
+    # Each function begins with a cache line. Otherwise a change in one function moves the others,
+    # and some net rows become up to a tenth slower or faster.
+    target_compile_options(${target} PRIVATE -falign-functions=64)
     if(NOT WIN32)
         # No semantic interposition: no program replaces the library's functions, so
         # the library calls and inlines them directly.
