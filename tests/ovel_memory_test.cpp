@@ -25,6 +25,7 @@ void take_and_give_back() {
     {
         std::list<Piece, container_allocator<Piece>> contained;
         std::pmr::list<Piece> resources(count, memory_resource::global());
+        EXPECT_EQ(*memory_resource::global(), memory_resource());
         for (Piece const& each : resources)
             EXPECT_TRUE(aligned(&each, sizeof each));
         std::vector<std::unique_ptr<Piece>> plain;

@@ -356,6 +356,7 @@ TEST(task_scope_test, misuse_fails_the_checks) {
         group.run([&, end] { (group.*end)(); });
         group.wait();
     };
+    EXPECT_CHECK(work_group(0), "_threads != 0 && space >= 0", "sources/ovel_task_crew.cpp");
     EXPECT_CHECK(in_work(&work_group::wait), "!_runs_caller()", "includes/ovel_work.h");
     EXPECT_CHECK(in_work(&work_group::join), "!_runs_caller()", "includes/ovel_work.h");
     EXPECT_CHECK(group.run([] {}, {.space = 0.5}), "time_ > 0 && space_ >= 0 && space_ <= _space",

@@ -409,6 +409,8 @@ void ports(unsigned int variant) {
         });
         client drains([&] {
             for (unsigned int least = 0; received != tokens; ++received) {
+                if (pick(4) == 0)
+                    assure(out.try_peek().value_or(least) == least);
                 std::optional<unsigned int> token;
                 if (pick(4) == 0)
                     token = out.try_receive();
