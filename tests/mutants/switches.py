@@ -191,6 +191,10 @@ class Source:
             return None if constant else (first, end, kind)
         return self._region(first, end)
 
+    # Whether the compiler may evaluate the mutation's place, where a switch has no effect.
+    def may_be_constant(self, line, mutation):
+        return any("constexpr" in head for head in self._heads(self.starts[line] + mutation[1]))
+
 
 # The text of the file with the mutants [(number, line, mutation, region)] in it. Lines keep their
 # numbers.
